@@ -1,0 +1,132 @@
+#include "kelmor/log.h"
+
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+
+namespace {
+
+constexpr int kDefaultLevel = 1;
+constexpr const char* kDefaultFile = "/var/log/kelmor.log";
+
+/// The record under construction. One thread writes one record at a time.
+thread_local std::string record_head;
+thread_local std::string record_text;
+
+/// Nothing that a log record does may throw into the library: a record that does not fit into memory
+/// is cut short.
+template <class Piece>
+void append(std::string& record, const Piece& piece) noexcept {
+  try {
+    record += piece;
+  } catch (const std::exception&) {
+  }
+}
+
+void begin(int level, const ClUnilogFname& function, const char* source, int line) noexcept {
+  record_text.clear();
+  record_head.clear();
+  try {
+    record_head = "level=" + std::to_string(level) + " source=" + source + ":" + std::to_string(line) +
+                  " function=\"" + function.Signature() + "\" name=" + function.Name() + " ";
+  } catch (const std::exception&) {
+  }
+}
+
+void text(const char* piece) noexcept {
+  if (piece != nullptr) append(record_text, piece);
+}
+
+/// Widths other than the four that a machine has are shown as what they are: unreadable.
+void integer(const void* value, unsigned width) noexcept {
+  std::int64_t number = 0;
+  switch (width) {
+    case 1: {
+      std::int8_t narrow = 0;
+      std::memcpy(&narrow, value, sizeof narrow);
+      number = narrow;
+      break;
+    }
+    case 2: {
+      std::int16_t narrow = 0;
+      std::memcpy(&narrow, value, sizeof narrow);
+      number = narrow;
+      break;
+    }
+    case 4: {
+      std::int32_t narrow = 0;
+      std::memcpy(&narrow, value, sizeof narrow);
+      number = narrow;
+      break;
+    }
+    case 8:
+      std::memcpy(&number, value, sizeof number);
+      break;
+    default:
+      append(record_text, "?");
+      return;
+  }
+  try {
+    record_text += std::to_string(number);
+  } catch (const std::exception&) {
+  }
+}
+
+/// A record is one line: its own line end is dropped, every other control character is shown as \xNN.
+std::string one_line(const std::string& text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  const std::size_t length = !text.empty() && text.back() == '\n' ? text.size() - 1 : text.size();
+  std::string line;
+  for (std::size_t i = 0; i < length; ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x20 || byte == 0x7f) {
+      line += {'\\', 'x', kHex[byte >> 4U], kHex[byte & 0xfU]};
+    } else {
+      line += text[i];
+    }
+  }
+  return line;
+}
+
+/// One write to a file opened for appending, so that records of several processes do not mix.
+void end() noexcept {
+  try {
+    const std::string line = record_head + "text=" + one_line(record_text) + "\n";
+    const char* file = secure_getenv("KELMOR_LOG_FILE");
+    if (file == nullptr || *file == '\0') file = kDefaultFile;
+    const int fd = open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
+    if (fd == -1) return;
+    // A log that cannot be written must not stop a restore.
+    [[maybe_unused]] const ssize_t written = write(fd, line.data(), line.size());
+    close(fd);
+  } catch (const std::exception&) {
+  }
+}
+
+int wanted_level() {
+  const char* value = secure_getenv("KELMOR_LOG_LEVEL");
+  if (value == nullptr || value[0] < '0' || value[0] > '4' || value[1] != '\0') return kDefaultLevel;
+  return value[0] - '0';
+}
+
+}  // namespace
+
+const KorvLogProps* KorvLog_GetProps_cl_module(int) {
+  static KorvLogProps props = {kDefaultLevel, begin, text, text, integer, end};
+  props.level = wanted_level();
+  return &props;
+}
+
+void slput(int priority, const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  vsyslog(priority, format, arguments);
+  va_end(arguments);
+}
