@@ -1,0 +1,361 @@
+#pragma once
+
+// ConfSave keeps named snapshots of a gateway's configuration.
+//
+// A snapshot is one row of the SQLite file "storage.db": a name, a version number, a kind, two times
+// and two gzip tar archives. One archive holds chosen files of the configuration directory, the other
+// the failover settings from "/mnt/main/etc/".
+//
+//   #include <confsave.h>
+//
+//   // Keep the whole configuration under a name. Asks on the console before it overwrites.
+//   if (!ConfSave::save("weekly", ConfSave::conf_full, 0, false)) return 1;
+//
+//   // What is stored? One line each, in the order of the rows.
+//   ConfSave::Storage storage;
+//   if (!storage.opened) return 1;
+//   for (const ConfSave::Config& config : storage.List(0, "", true)) std::cout << config << '\n';
+//
+//   // Bring it back, without a question. Failures are told on standard error.
+//   ConfSave::load("weekly", nullptr, 0, true);
+//
+// Two levels. The guarded operations save() and load() check the name, ask, and turn every failure
+// into one message on standard error. The classes below them do as they are told and throw:
+//
+//   storage.Create("weekly", ConfSave::conf_full, 0);  // throws XConstraint if (weekly, 0) is taken
+//   storage.Create("o'hare", ConfSave::conf_full, 0);  // stores nothing, throws nothing: see Names
+//
+// Names. Only save() checks names. Everything else pastes a name or a pattern into an SQL statement as
+// it comes: pass nothing but characters of VALID_NAME_CHARS, and in patterns also * ? [ ].
+//
+// Failures. SQLite refusing a statement never throws, but for the taken name above: it is logged and
+// the operation goes on or returns. Look the row up again where it matters.
+//
+// Versions are packed: major * 2^32 + minor * 2^24 + build * 2^16. 0 means "no version".
+// Times are seconds since the epoch. Directories that end up in a shell command (the configuration
+// directory, the target of a load, the directory for temporary files) must be absolute and free of
+// blanks, quotes and "%".
+//
+// Threads. The library starts none and locks nothing: use it from one thread at a time. Several
+// processes may work on one "storage.db"; one waits for the other, for up to 24.8 days.
+//
+// The platform (paths, logging, the command runner) comes from the host; see <kelmor/*.h>.
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "kelmor/status.h"
+
+#define CONFSAVE_API __attribute__((visibility("default")))
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace ConfSave {
+
+using int64 = std::int64_t;
+
+/// The version of the running software, 4.5.4.
+constexpr int64 CURRENT_VERSION = 0x405040000;
+
+/// The characters that a configuration name may have.
+CONFSAVE_API extern const std::string VALID_NAME_CHARS;
+
+/// The usual end of a question. Every source file that includes this header has its own copy.
+static const std::string YES_NO_SUFFIX = " [Yes/No] ";
+
+/// The kind of a configuration. Other values are legal; they print as nothing and pack like conf_part.
+enum conftype : std::int32_t {
+  conf_none = 0,   ///< not set
+  conf_full = 1,   ///< everything, the network description included
+  conf_part = 2,   ///< everything but the network description
+  conf_corlu = 3,  ///< the packet-filter component only; has no failover archive
+};
+
+// ---------------------------------------------------------------------------------------------------
+// Records
+
+/// What is known of one stored configuration, without its archives. A plain value.
+class CONFSAVE_API Config {
+ public:
+  std::string name;
+  conftype type;
+  int64 vers;       ///< packed version
+  int64 save_time;  ///< seconds since the epoch
+  int64 load_time;  ///< seconds since the epoch; 0 when never loaded
+
+  /// An unnamed record of no type, saved now, never loaded.
+  explicit Config(int64 version);
+
+  /// Sets save_time to now.
+  void update_save_time();
+
+  /// Sets load_time to now.
+  void update_load_time();
+
+  /// The text of a packed version, for example "4.5.4"; empty for 0. The low 16 bits do not show.
+  static std::string version(int64 v);
+
+  /// The text of this record's version.
+  std::string version() const;
+};
+
+using Configs = std::vector<Config>;
+
+/// The local time as "01.03.2017 at 14:05"; empty for a time that the C library cannot convert.
+/// Uses localtime(): not for several threads at once.
+CONFSAVE_API std::string time_format(int64 t);
+
+/// Writes "full", "part" or "corlu", nothing for any other value or when `out` is not good.
+CONFSAVE_API std::ostream& operator<<(std::ostream& out, conftype type);
+
+/// Writes the record as one line without a line end, nothing when `out` is not good:
+/// "weekly",<TAB>version 4.5.4,<TAB>full, saved on 01.03.2017 at 14:05, never loaded
+CONFSAVE_API std::ostream& operator<<(std::ostream& out, const Config& config);
+
+// ---------------------------------------------------------------------------------------------------
+// Exceptions
+//
+// Each carries status 0 unless said otherwise. All can be caught as XTOOStatus or XTOOMsg, across the
+// edge of the library too. A plain XTOOStatus with the system's text is thrown for: 3 no scratch
+// directory, 5 reading an archive file, 6 writing a temporary file, 17 making one, 45 asking for its
+// size, 54 rewinding it; with status 36 and no text for the use of a temporary file that is not there.
+
+/// An external command (status 36) or a system call (19 access, 43 unlink) failed.
+class CONFSAVE_API XExternalFailure : public XTOOStatus {
+ public:
+  using XTOOStatus::XTOOStatus;
+};
+
+/// The user declined.
+class CONFSAVE_API XCancel : public XTOOStatus {
+ public:
+  using XTOOStatus::XTOOStatus;
+};
+
+/// No stored configuration matches.
+class CONFSAVE_API XNotFound : public XTOOStatus {
+ public:
+  using XTOOStatus::XTOOStatus;
+};
+
+/// More than one stored configuration matches.
+class CONFSAVE_API XAmbiguity : public XTOOStatus {
+ public:
+  using XTOOStatus::XTOOStatus;
+};
+
+/// A stored row is broken, or a name and version are taken; the text says which.
+class CONFSAVE_API XConstraint : public XTOOStatus {
+ public:
+  using XTOOStatus::XTOOStatus;
+};
+
+/// A directory could not be entered. The library reports it but never throws it: it is for hosts whose
+/// command runner changes directories.
+class CONFSAVE_API XChdir : public XExternalFailure {
+ public:
+  XChdir(int status, bool flag, std::string directory);
+  XChdir(int status, const char* text, bool flag, std::string directory);
+
+  const std::string& Directory() const { return directory_; }
+
+ private:
+  std::string directory_;
+};
+
+// ---------------------------------------------------------------------------------------------------
+// The storage
+
+/// A connection to "storage.db", for the length of one operation. Construct, look at `opened`, work,
+/// destroy. It is the one owner of the connection and can be neither copied nor moved.
+///
+/// Each statement takes effect by itself, except between Begin() and Commit(). SQLite's refusals are
+/// logged at level 2 and not thrown. On an object that is not opened every operation returns at once,
+/// but for Begin(), Commit(), FindMatching() and Load(), which are not to be called then.
+class CONFSAVE_API Storage {
+ public:
+  /// False when the file could not be opened or created; the log says why.
+  bool opened;
+
+  /// Opens the file and makes its table where there is none. The directory must exist. Does not throw
+  /// when SQLite fails.
+  Storage();
+
+  /// Closes the connection. What was begun and not committed is undone.
+  ~Storage();
+
+  Storage(const Storage&) = delete;
+  Storage& operator=(const Storage&) = delete;
+  Storage(Storage&&) = delete;
+  Storage& operator=(Storage&&) = delete;
+
+  /// Takes the exclusive lock, waiting for other processes. A refusal is only logged.
+  void Begin();
+
+  /// Makes what was done since Begin() durable. A refusal is only logged.
+  void Commit();
+
+  /// True if there is a row of this name and exactly this version, and also when that cannot be found
+  /// out: what cannot be read is not to be overwritten unasked.
+  bool Exists(const std::string& name, int64 version);
+
+  /// Packs the configuration and stores it as a new row.
+  /// Throws XConstraint when (name, version) is taken, and what Archive::Create() and Fetch() throw;
+  /// the table is then as it was.
+  void Create(const std::string& name, conftype type, int64 version);
+
+  /// Packs the configuration and stores it in place of the row (name, version), which need not exist.
+  /// Throws what Archive::Create() and Fetch() throw; the table is then as it was.
+  /// Call it between Begin() and Commit(): the old row is deleted before the new one is written.
+  void Update(const std::string& name, conftype type, int64 version);
+
+  /// Deletes the row, if there is one.
+  void Delete(const std::string& name, int64 version);
+
+  /// Stamps the row with the time and unpacks its archives, see Archive::Extract(). `skip_corlu`
+  /// leaves out the row named "corlu-config".
+  /// Throws XNotFound when there is no such row or the table cannot be read; XConstraint when a column
+  /// has the wrong type; what Archive throws, the stamp then being set already.
+  void Load(const std::string& name, const char* target, int64 version, bool skip_corlu);
+
+  /// All rows up to and including `version`, or all for 0. `order_by` is a column list as SQL has it,
+  /// or empty; it is pasted as it is. Times come back as 32-bit values.
+  Configs List(int64 version, const std::string& order_by, bool skip_corlu);
+
+  /// The rows whose name matches the glob `pattern`, of exactly `version`, or of any for 0.
+  Configs FindMatching(const std::string& pattern, int64 version, bool skip_corlu);
+
+ private:
+  explicit Storage(std::string configuration_directory);
+
+  std::string config_path;
+  sqlite3* db;
+};
+
+/// Checks column `index` of the row that `stmt` stands on. When its type code is not `expected`: if
+/// `strict`, finalizes `stmt`, which must not be used again, and throws XConstraint; if not, only logs.
+CONFSAVE_API void checkColumnType(const std::string& name, int64 version, sqlite3_stmt* stmt,
+                                  const char* column, int index, int expected, bool strict);
+
+// ---------------------------------------------------------------------------------------------------
+// Files
+
+/// At most one scratch file, 0600 under any umask, in the platform's directory for temporary files.
+/// Owns the file and its descriptor, so it can be neither copied nor moved.
+class CONFSAVE_API TempFile {
+ public:
+  /// Makes no file.
+  TempFile();
+
+  /// As remove().
+  ~TempFile();
+
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
+  TempFile(TempFile&&) = delete;
+  TempFile& operator=(TempFile&&) = delete;
+
+  /// Makes the file unless there is one. Throws XTOOStatus 17.
+  void create();
+
+  /// True if there is a file.
+  bool is_open() const;
+
+  /// The descriptor, open for reading and writing, owned by this object. Throws XTOOStatus 36 when
+  /// there is no file.
+  int fd() const;
+
+  /// The full path, empty when there is no file.
+  const std::string& name() const;
+
+  /// The size in bytes. Throws XTOOStatus 36, 45.
+  int64 size() const;
+
+  /// Moves the descriptor's offset to the start. Throws XTOOStatus 36, 54.
+  void rewind() const;
+
+  /// Closes and deletes the file, if there is one. Never throws; a failure is logged, and the file
+  /// forgotten.
+  void remove();
+
+ private:
+  std::string tmp_name;
+  int tmp_fd;
+};
+
+/// One packed configuration, on its way into the storage (Create(), Fetch()) or out of it
+/// (Create(etc, keybase), Extract()). Use it once, in one direction. It owns its two temporary files,
+/// so it can be neither copied nor moved.
+class CONFSAVE_API Archive {
+ public:
+  /// `dir` is the configuration directory, ending in "/". Makes no file.
+  Archive(conftype type, const std::string& dir);
+  ~Archive();
+
+  Archive(const Archive&) = delete;
+  Archive& operator=(const Archive&) = delete;
+  Archive(Archive&&) = delete;
+  Archive& operator=(Archive&&) = delete;
+
+  /// Packs the files that are there; missing ones are left out. Throws XExternalFailure 36 (tar), 19
+  /// (the configuration database cannot be looked for), XTOOStatus 17, 36, 54.
+  void Create();
+
+  /// Takes archives as Fetch() gave them. Throws XTOOStatus 6, 17, 36, 54.
+  void Create(const std::vector<char>& etc, const std::vector<char>& keybase);
+
+  /// Replaces the contents of both vectors; an archive that was not made comes back empty.
+  /// Throws XTOOStatus 5, 36, 45, 54.
+  void Fetch(std::vector<char>& etc, std::vector<char>& keybase) const;
+
+  /// Deletes the configuration database, then unpacks over what is there: into `target`, which must end
+  /// in "/", or, when it is null, into the configuration directory and "/mnt/main/etc/". Files that are
+  /// not in an archive stay. Files named "corlu.serv" are never restored, nor top-level names that
+  /// begin with a dot. An archive that holds nothing is a failure.
+  /// Throws XExternalFailure 36, 43, XTOOStatus 3. Nothing is rolled back.
+  void Extract(const char* target) const;
+
+ private:
+  std::string arc_dir;
+  conftype arc_type;
+  TempFile etc_file;
+  TempFile keybase_file;
+};
+
+/// True if `path` exists, whatever it is. Throws XExternalFailure 19 when that cannot be found out.
+CONFSAVE_API bool IsFileExist(const char* path);
+
+/// Deletes `path` if it exists. Throws XExternalFailure 43 when it cannot.
+CONFSAVE_API void RemoveFileIfExists(const char* path);
+
+/// True if the configuration database is below `dir`, which must end in "/". Throws as IsFileExist().
+CONFSAVE_API bool IsConfigDbExist(const char* dir);
+
+/// Deletes the configuration database below `dir`, which must end in "/". Stops at the first file that
+/// cannot be deleted, and throws as RemoveFileIfExists().
+CONFSAVE_API void RemoveConfigDb(const char* dir);
+
+// ---------------------------------------------------------------------------------------------------
+// Guarded operations. They use std::cin, std::cout and std::cerr.
+
+/// Stores the configuration under a name of 1 to 80 characters of VALID_NAME_CHARS. Version 0 means
+/// CURRENT_VERSION. Asks before it overwrites, unless `force`. Tells every failure on standard error.
+/// True when SQLite was asked to store it: a refused statement is in the log only, so look the row up
+/// again where it matters. Throws only what constructing a Storage throws.
+CONFSAVE_API bool save(const std::string& name, conftype type, int64 version, bool force);
+
+/// Restores the one configuration whose name matches the pattern `name`, of exactly `version` or of any
+/// for 0. Offers to save the current configuration first, demands a typed phrase otherwise, and warns
+/// of a newer version; `no_confirm` leaves all of that out, the warning included. `target`: see
+/// Archive::Extract(). Tells every failure on standard error, and throws nothing.
+CONFSAVE_API void load(const std::string& name, const char* target, int64 version, bool no_confirm);
+
+/// Writes `prompt` as it is and reads one line: true for y or yes, false for n or no, in any case of
+/// letters. Any other line, end of input included, throws XCancel, or with `repeat` asks again: then
+/// without end once the input has ended.
+CONFSAVE_API bool ask_user_yesno(const std::string& prompt, bool repeat);
+
+}  // namespace ConfSave

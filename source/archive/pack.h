@@ -1,0 +1,35 @@
+#pragma once
+
+// The external commands that pack and unpack, and what happens when one fails.
+
+#include <string>
+#include <vector>
+
+#include "confsave.h"
+
+namespace ConfSave {
+
+/// What every log record of the archive names as its source.
+constexpr const char* kArchiveSource = "source/archive";
+
+// Command lines. Paths go into them as they are.
+
+/// `files` is a list in which every entry is preceded by a blank.
+std::string pack_command(const std::string& archive, const std::string& dir, const std::string& files);
+std::string unpack_command(const std::string& archive, const std::string& scratch);
+std::string move_command(const std::string& scratch, const std::string& dir);
+std::string remove_command(const std::string& scratch);
+
+/// Packs `files`, relative to `dir`, into the file `archive`, an absolute path.
+/// Throws XExternalFailure 36.
+void pack(const std::string& archive, const std::string& dir, const std::string& files);
+
+/// Unpacks into a scratch directory inside `dir`, then links everything into `dir`.
+/// Throws XTOOStatus 3 when there is no scratch directory, XExternalFailure 36 when a command fails.
+void unpack(const std::string& archive, const std::string& dir);
+
+/// Reads a whole file into `out`, which comes back empty when there is no file.
+/// Throws XTOOStatus 5, and what TempFile throws.
+void TempFile_to_BinObj(const TempFile& file, std::vector<char>& out);
+
+}  // namespace ConfSave

@@ -1,0 +1,92 @@
+#include "confsave.h"
+
+#include <iostream>
+
+namespace ConfSave {
+namespace {
+
+constexpr const char* kProduct = "Kelmor";
+constexpr const char* kPhrase = "Yes, do as I say";
+
+Config find_only(Storage& storage, const std::string& pattern, int64 version) {
+  const Configs found = storage.FindMatching(pattern, version, true);
+  if (found.empty()) throw XNotFound(0, true);
+  if (found.size() > 1) throw XAmbiguity(0, true);
+  return found.front();
+}
+
+/// What is asked must be on the screen before the answer is waited for, in any host.
+std::string read_line() {
+  std::string line;
+  std::cout.flush();
+  std::getline(std::cin, line);
+  return line;
+}
+
+void save_current() {
+  std::cout << "Name for the current configuration: ";
+  if (!save(read_line(), conf_full, 0, false)) throw XCancel(0, true);
+  std::cout << kProduct << " configuration saved.\n";
+}
+
+void demand_phrase() {
+  std::cout << "You are about to overwrite your existing configuration.\n"
+            << "This is unsafe. To continue, type \n"
+            << ">>> " << kPhrase << "\n"
+            << "in response to the prompt:\n"
+            << ">>> ";
+  if (read_line() != kPhrase) throw XCancel(0, true);
+}
+
+void warn_of_newer_version() {
+  std::cout << "Configuration version is newer than current " << kProduct << " version ("
+            << Config::version(CURRENT_VERSION) << ")\n"
+            << "Files of a configuration, probably, will not be apprehended\n"
+            << "by the established version without additional manual editing.\n"
+            << "Do you want to continue?";
+  if (!ask_user_yesno(YES_NO_SUFFIX, false)) throw XCancel(0, true);
+}
+
+/// Throws XCancel unless the person wants to go on.
+void confirm(const Config& config) {
+  if (ask_user_yesno("Save current configuration? [Yes/No] ", false)) {
+    save_current();
+  } else {
+    demand_phrase();
+  }
+  std::cout << "Loading configuration '" << config.name << "'";
+  if (config.vers != 0) std::cout << " (version " << config.version() << ")";
+  std::cout << std::endl;
+  if (config.vers > CURRENT_VERSION) warn_of_newer_version();
+}
+
+}  // namespace
+
+void load(const std::string& name, const char* target, int64 version, bool no_confirm) {
+  try {
+    Storage storage;
+    if (!storage.opened) {
+      std::cerr << "Open configuration storage error\n";
+      return;
+    }
+    const Config config = find_only(storage, name, version);
+    if (!no_confirm) confirm(config);
+    storage.Load(config.name, target, config.vers, true);
+  } catch (const XNotFound&) {
+    std::cerr << "No such config.\n";
+  } catch (const XAmbiguity&) {
+    std::cerr << "Failed to match the only config.\n";
+  } catch (const XChdir& error) {
+    std::cerr << "Failed to change directory to " << error.Directory() << "\n";
+  } catch (const XExternalFailure&) {
+    std::cerr << "External command failed\n";
+  } catch (const XCancel&) {
+    std::cerr << "Operation aborted!\n";
+  } catch (const XTOOStatus& error) {
+    std::cerr << "Unknown error: " + std::to_string(error.Status()) + ".\n";
+  } catch (...) {
+    std::cerr << "Unknown error (while loading configuration)!\n";
+  }
+}
+
+}  // namespace ConfSave

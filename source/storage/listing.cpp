@@ -1,0 +1,98 @@
+#include "confsave.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <stdexcept>
+#include <utility>
+
+#include "integers.h"
+#include "log.h"
+#include "storage/sql.h"
+
+namespace ConfSave {
+namespace {
+
+const ClUnilogFname kList{"Configs ConfSave::Storage::List(int64, const string&, bool)", "List"};
+const ClUnilogFname kFindMatching{"Configs ConfSave::Storage::FindMatching(const string&, int64, bool)",
+                                  "FindMatching"};
+
+/// The table does not allow a row without a name; a foreign table may.
+std::string name_from(const char* text) {
+  if (text == nullptr) throw std::logic_error("stored configuration without a name");
+  return text;
+}
+
+// The two listings read a row each in their own way: typed columns here, texts below, and other values
+// for NULL. Times are 32-bit in both. // Quirk Q5
+
+Config read_row(sqlite3_stmt* statement) {
+  Config config(sqlite3_column_int64(statement, 1));
+  config.name = name_from(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)));
+  config.type = static_cast<conftype>(sqlite3_column_int(statement, 2));
+  config.save_time = sqlite3_column_int(statement, 3);
+  config.load_time = sqlite3_column_int(statement, 4);
+  return config;
+}
+
+Configs read_rows(sqlite3_stmt* statement, int64 version) {
+  Configs result;
+  while (sqlite3_step(statement) == SQLITE_ROW) result.push_back(read_row(statement));
+  if (result.empty()) {
+    if (KovrLogHelper record{2, kList, sql::kSource, "Requested configuration list is empty (version="}) {
+      record << version << ")";
+    }
+  }
+  return result;
+}
+
+std::int32_t number32(const char* text, std::int32_t for_null) {
+  return text != nullptr ? low32(std::strtol(text, nullptr, 10)) : for_null;
+}
+
+int64 number64(const char* text, int64 for_null) {
+  return text != nullptr ? std::strtoll(text, nullptr, 10) : for_null;
+}
+
+Config read_texts(char** values) {
+  Config config(number64(values[3], -1));
+  config.name = name_from(values[1]);
+  config.type = static_cast<conftype>(number32(values[2], -1));
+  config.save_time = number32(values[4], 0);
+  config.load_time = number32(values[5], 0);
+  return config;
+}
+
+/// SQLite is C: whatever goes wrong here stops the query, which SQLite then reports as aborted.
+int append_row(void* context, int columns, char** values, char**) noexcept {
+  constexpr int kColumns = 6;
+  if (columns < kColumns) return 1;
+  try {
+    static_cast<Configs*>(context)->push_back(read_texts(values));
+    return 0;
+  } catch (...) {
+    return 1;
+  }
+}
+
+}  // namespace
+
+Configs Storage::List(int64 version, const std::string& order_by, bool skip_corlu) {
+  if (!opened) return {};
+  const std::string text = sql::list_rows(version, order_by, skip_corlu);
+  sql::Statement statement;
+  const int code = sql::prepare(db, text, statement);
+  if (code == SQLITE_OK && statement != nullptr) return read_rows(statement.get(), version);
+  if (code != SQLITE_OK && code != SQLITE_ROW && code != SQLITE_DONE) {
+    sql::report_error(kList, sqlite3_errmsg(db), text, code);
+  }
+  return {};
+}
+
+Configs Storage::FindMatching(const std::string& pattern, int64 version, bool skip_corlu) {
+  Configs result;
+  sql::execute(db, sql::find_rows(pattern, version, skip_corlu), kFindMatching, append_row, &result);
+  return result;
+}
+
+}  // namespace ConfSave
