@@ -1,0 +1,25 @@
+// Takes the exclusive lock of a database at once or fails, says so on standard output, and holds it:
+//
+//   locker FILE MILLISECONDS
+//
+// A program of its own, because locks that a fork shares are no test of locks.
+
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+int main(int argc, char** argv) {
+  if (argc != 3) return 2;
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(argv[1], &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) return 1;
+  if (sqlite3_exec(db, "begin exclusive", nullptr, nullptr, nullptr) != SQLITE_OK) return 1;
+  const long milliseconds = std::strtol(argv[2], nullptr, 10);
+  if (milliseconds > 0) {
+    if (write(STDOUT_FILENO, "x", 1) != 1) return 1;
+    usleep(static_cast<useconds_t>(milliseconds) * 1000);
+  }
+  sqlite3_exec(db, "commit", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  return 0;
+}
