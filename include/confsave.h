@@ -100,6 +100,11 @@ class CONFSAVE_API Config {
 
   /// The text of this record's version.
   std::string version() const;
+
+  /// Sets `vers` from a text such as "4.5.4": three decimal numbers below 2^32 with any white space and
+  /// punctuation around and between them. A minor or build above 255 carries over. Returns false, with
+  /// `vers` 0, for any other text. White space and punctuation are as in the process's C locale.
+  bool vers_convert(std::string text);
 };
 
 using Configs = std::vector<Config>;

@@ -40,7 +40,7 @@ void TempFile::create() {
 }
 
 bool TempFile::is_open() const {
-  // Asking the platform is part of the answer, though its word does not change it. // Quirk Q6
+  // Asking the platform is part of the answer, though its word does not change it. // Quirk Q23
   temporary_directory();
   return tmp_fd != -1;
 }

@@ -31,7 +31,7 @@ std::string user_file(int id) {
 std::string keybase_files(conftype type, const std::string& dir) {
   std::string list = user_file(1) + user_file(4) + "*";
   for (const int id : {9, 10, 11, 12, 17, 18, 19, 20}) list += user_file(id);
-  // File 29 belongs to the database too, and is deleted before a restore, but never packed. // Quirk Q8
+  // File 29 belongs to the database too, and is deleted before a restore, but never packed. // Quirk Q26
   if (IsConfigDbExist(dir.c_str())) list += user_file(30) + user_file(31);
   if (type == conf_corlu) return list + " user/upgrade.conf user/corlucfg-config.crg";
   list += " user/kwtp.conf user/upgrade.conf user/corlucfg-config.crg user/kwtpd-config.crg";
@@ -85,7 +85,7 @@ void Archive::Extract(const char* target) const {
   const std::string dest = target != nullptr ? target : arc_dir;
   RemoveConfigDb(dest.c_str());
   if (arc_type != conf_corlu && !etc_file.name().empty()) {
-    // An explicit target takes both archives. // Quirk Q9
+    // An explicit target takes both archives. // Quirk Q27
     unpack(etc_file.name(), target != nullptr ? dest : kEtcDirectory);
   }
   if (!keybase_file.name().empty()) unpack(keybase_file.name(), dest);

@@ -101,7 +101,7 @@ void unpack(const std::string& archive, const std::string& dir) {
   const ScratchDirectory scratch(dir);
   const int code = extract_and_move(archive, scratch.path(), dir);
   const int removed = run_command(remove_command(scratch.path()));
-  // The record tells the earlier result and not that of rm. // Quirk Q7
+  // The record tells the earlier result and not that of rm. // Quirk Q28
   if (removed != 0) log_failure(kUnpack, "failed to remove temporary directory with error code: ", code);
   if (code != 0 || removed != 0) throw XExternalFailure(kCommandFailed, true);
 }

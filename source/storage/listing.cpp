@@ -24,7 +24,7 @@ std::string name_from(const char* text) {
 }
 
 // The two listings read a row each in their own way: typed columns here, texts below, and other values
-// for NULL. Times are 32-bit in both. // Quirk Q5
+// for NULL. Times are 32-bit in both. // Quirk Q18, Q19
 
 Config read_row(sqlite3_stmt* statement) {
   Config config(sqlite3_column_int64(statement, 1));

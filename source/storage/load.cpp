@@ -76,7 +76,7 @@ void read_row(Query& query, StoredRow& row) {
   }
 }
 
-/// A query that cannot be prepared counts as a configuration that is not there. // Quirk Q3
+/// A query that cannot be prepared counts as a configuration that is not there. // Quirk Q15
 sql::Statement prepare_query(sqlite3* db, const std::string& text) {
   sql::Statement statement;
   const int code = sql::prepare(db, text, statement);
@@ -128,7 +128,7 @@ void Storage::Load(const std::string& name, const char* target, int64 version, b
   log_text(2, kLoad, sql::kSource, "Try to load");
   const StoredRow row = fetch_row(db, name, version, skip_corlu);
 
-  // Stamped before it is unpacked: an attempt counts as a load. // Quirk Q4
+  // Stamped before it is unpacked: an attempt counts as a load. // Quirk Q16
   sql::execute(db, sql::stamp_load_time(row.id, std::time(nullptr)), kLoad);
   if (KovrLogHelper record{4, kLoad, sql::kSource, "sqlite3_total_changes: "}) {
     record << sqlite3_total_changes(db);

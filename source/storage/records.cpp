@@ -77,7 +77,7 @@ void log_total_changes(sqlite3* db, const ClUnilogFname& function) {
 
 bool Storage::Exists(const std::string& name, int64 version) {
   if (!opened) return false;
-  // Stays when the query fails, and then counts as "exists". // Quirk Q1
+  // Stays when the query fails, and then counts as "exists". // Quirk Q12
   int count = -1;
   sql::execute(db, sql::count_rows(name, version), kExists, take_count, &count);
   return count != 0;
@@ -127,7 +127,7 @@ void Storage::Update(const std::string& name, conftype type, int64 version) {
   sql::execute(db, sql::delete_row(name, version), kUpdate);
   const std::string text = sql::insert_row(name, version, std::time(nullptr), type);
 
-  // A refused insert is reported and no more, a taken name included. // Quirk Q2
+  // A refused insert is reported and no more, a taken name included. // Quirk Q13
   sql::Statement statement;
   insert(db, text, packed, kUpdate, statement);
   if (statement == nullptr) return;
