@@ -363,4 +363,27 @@ CONFSAVE_API void load(const std::string& name, const char* target, int64 versio
 /// without end once the input has ended.
 CONFSAVE_API bool ask_user_yesno(const std::string& prompt, bool repeat);
 
+/// The commands of a gateway's shell. They do not check names, store and restore under version 0 only,
+/// and tell failures on standard output, unless said otherwise.
+///
+/// Storage that cannot be opened is not told: save() then returns true although nothing was stored.
+class CONFSAVE_API App {
+ public:
+  /// Lists all configurations of all versions, one line each. Throws nothing: every failure is told on
+  /// standard error.
+  static void lst();
+
+  /// Stores the configuration; asks before it overwrites. The old row is deleted before the new one is
+  /// packed, with no transaction around them. Returns false when it was not stored. Throws nothing: what
+  /// is neither a taken name nor a failed command is told on standard error.
+  static bool save(const std::string& name, conftype type);
+
+  /// Deletes the configuration, if there is one. Throws what constructing a Storage throws.
+  static void del(const std::string& name);
+
+  /// Restores the configuration. Offers to save the current one first, as save() does; only "n" or "N"
+  /// declines, and then a typed phrase is demanded. Throws what constructing a Storage throws.
+  static void load(const std::string& name);
+};
+
 }  // namespace ConfSave

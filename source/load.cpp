@@ -2,11 +2,10 @@
 
 #include <iostream>
 
+#include "prompt.h"
+
 namespace ConfSave {
 namespace {
-
-constexpr const char* kProduct = "Kelmor";
-constexpr const char* kPhrase = "Yes, do as I say";
 
 Config find_only(Storage& storage, const std::string& pattern, int64 version) {
   const Configs found = storage.FindMatching(pattern, version, true);
@@ -15,27 +14,9 @@ Config find_only(Storage& storage, const std::string& pattern, int64 version) {
   return found.front();
 }
 
-/// What is asked must be on the screen before the answer is waited for, in any host.
-std::string read_line() {
-  std::string line;
-  std::cout.flush();
-  std::getline(std::cin, line);
-  return line;
-}
-
 void save_current() {
-  std::cout << "Name for the current configuration: ";
-  if (!save(read_line(), conf_full, 0, false)) throw XCancel(0, true);
+  if (!save(ask_name_for_current(), conf_full, 0, false)) throw XCancel(0, true);
   std::cout << kProduct << " configuration saved.\n";
-}
-
-void demand_phrase() {
-  std::cout << "You are about to overwrite your existing configuration.\n"
-            << "This is unsafe. To continue, type \n"
-            << ">>> " << kPhrase << "\n"
-            << "in response to the prompt:\n"
-            << ">>> ";
-  if (read_line() != kPhrase) throw XCancel(0, true);
 }
 
 void warn_of_newer_version() {

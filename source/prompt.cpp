@@ -1,10 +1,14 @@
-#include "confsave.h"
+#include "prompt.h"
 
 #include <iostream>
 #include <locale>
 
+#include "confsave.h"
+
 namespace ConfSave {
 namespace {
+
+constexpr const char* kPhrase = "Yes, do as I say";
 
 /// As the host's locale has it, character by character.
 void to_upper(std::string& text) {
@@ -15,12 +19,31 @@ void to_upper(std::string& text) {
 
 }  // namespace
 
+std::string read_line() {
+  std::string line;
+  std::cout.flush();
+  std::getline(std::cin, line);
+  return line;
+}
+
+std::string ask_name_for_current() {
+  std::cout << "Name for the current configuration: ";
+  return read_line();
+}
+
+void demand_phrase() {
+  std::cout << "You are about to overwrite your existing configuration.\n"
+            << "This is unsafe. To continue, type \n"
+            << ">>> " << kPhrase << "\n"
+            << "in response to the prompt:\n"
+            << ">>> ";
+  if (read_line() != kPhrase) throw XCancel(0, true);
+}
+
 bool ask_user_yesno(const std::string& prompt, bool repeat) {
   for (;;) {
-    // Flushed here: a host may have untied the input from the output.
-    std::cout << prompt << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
+    std::cout << prompt;
+    std::string answer = read_line();
     to_upper(answer);
     if (answer == "N" || answer == "NO") return false;
     if (answer == "Y" || answer == "YES") return true;

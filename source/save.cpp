@@ -86,7 +86,7 @@ bool save(const std::string& name, conftype type, int64 version, bool force) {
   try {
     return create_or_overwrite(storage, name, type, version, force);
   } catch (const XNotFound&) {
-    std::cerr << "Failed to execute external command.\n";  // Quirk Q10
+    std::cerr << "Failed to execute external command.\n";  // Quirk Q35
   } catch (const XExternalFailure&) {
     std::cerr << "'tar' returned non-zero exit status.\n";
   } catch (const XCancel&) {

@@ -1,0 +1,93 @@
+#include "confsave.h"
+
+#include <iostream>
+
+#include "prompt.h"
+
+namespace ConfSave {
+namespace {
+
+/// Tells the person and returns false when the configuration could not be packed, or when the name is
+/// taken and is to stay so. Exceptions of the second try are the caller's.
+bool store(Storage& storage, const std::string& name, conftype type) {
+  try {
+    storage.Create(name, type, 0);
+    return true;
+  } catch (const XConstraint&) {
+    std::cout << "Config '" << name << "' exists. Overwrite? ";
+    const std::string answer = read_line();
+    if (answer != "y" && answer != "Y") return false;
+    // No transaction: the old row is gone before the new one is packed. // Quirk Q44
+    storage.Delete(name, 0);
+    storage.Create(name, type, 0);
+    return true;
+  } catch (const XNotFound&) {
+    std::cout << "Failed to execute external command.\n";  // Quirk Q35
+  } catch (const XExternalFailure&) {
+    std::cout << "'tar' returned non-zero exit status.\n";
+  }
+  return false;
+}
+
+/// Throws XCancel unless the current configuration is saved or may be lost.
+void protect_current(Storage& storage) {
+  std::cout << "Save current configuration [Y/n]? ";
+  const std::string answer = read_line();
+  if (answer == "n" || answer == "N") {
+    demand_phrase();
+    return;
+  }
+  if (!store(storage, ask_name_for_current(), conf_full)) throw XCancel(0, true);
+  std::cout << kProduct << " configuration saved.\n";
+}
+
+}  // namespace
+
+void App::lst() {
+  try {
+    Storage storage;
+    for (const Config& config : storage.List(0, "", true)) std::cout << config << '\n';
+  } catch (...) {
+    std::cerr << "Failed to open storage.\n";
+  }
+}
+
+bool App::save(const std::string& name, conftype type) {
+  try {
+    Storage storage;
+    return store(storage, name, type);
+  } catch (...) {
+    std::cerr << "Failed to save configuration '" << name << "'.\n";
+  }
+  return false;
+}
+
+void App::del(const std::string& name) {
+  Storage storage;
+  try {
+    storage.Delete(name, 0);
+  } catch (const XNotFound&) {
+    std::cout << "No such config.\n";
+  }
+}
+
+void App::load(const std::string& name) {
+  Storage storage;
+  try {
+    protect_current(storage);
+    std::cout << "Loading configuration '" << name << "'.\n";
+    storage.Load(name, nullptr, 0, true);
+  } catch (const XChdir& error) {
+    std::cout << "Failed to change directory to " << error.Directory() << "\n";
+  } catch (const XExternalFailure&) {
+    std::cout << "External command failed\n";
+  } catch (const XCancel&) {
+    std::cout << "Aborted.\n";
+  } catch (const XTOOStatus& error) {
+    std::cout << "Unknown error: " + std::to_string(error.Status()) + ".\n";
+  } catch (...) {
+    std::cout << "Unknown error while restoring configuration.\n";
+  }
+}
+
+}  // namespace ConfSave
