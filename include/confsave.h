@@ -386,4 +386,24 @@ class CONFSAVE_API App {
   static void load(const std::string& name);
 };
 
+// ---------------------------------------------------------------------------------------------------
+// Housekeeping. These ask and print nothing.
+
+/// Stores the configuration under CURRENT_VERSION and a name such as "autosave-2017-03-01-14-05-09",
+/// with "-0", "-1" and so on behind it where that is taken. Before, deletes the oldest autosaves, so
+/// that `maxautosaves`, at least 1, are stored afterwards. The first argument is not used.
+/// Throws what Storage::Create() throws; the surplus autosaves are then deleted all the same.
+CONFSAVE_API void AutoSave(const std::string& name, conftype type, unsigned maxautosaves);
+
+/// Stores the configuration under CURRENT_VERSION if the name is free under it. True if it was, and
+/// also when `storage` is not opened. Throws what Storage::Create() throws.
+CONFSAVE_API bool save_if_unique(Storage& storage, const std::string& name, conftype type);
+
+/// Deletes the autosaves stored first, so that one more fits under the limit; all of them for 0. What
+/// cannot be deleted is logged and left. Every name that begins with "autosave" is one, of any version.
+CONFSAVE_API void CleanAutosaves(Storage& storage, unsigned maxautosaves);
+
+/// True if an autosave of more than 31 days (2678400 seconds) ago is stored. False on every failure.
+CONFSAVE_API bool CheckOld();
+
 }  // namespace ConfSave

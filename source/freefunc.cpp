@@ -1,0 +1,97 @@
+#include "freefunc.h"
+
+#include <algorithm>
+
+#include "kelmor/log.h"
+#include "log.h"
+
+namespace ConfSave {
+namespace {
+
+constexpr const char* kSource = "source/freefunc";
+const ClUnilogFname kSaveIfUnique{
+    "bool ConfSave::save_if_unique(ConfSave::Storage&, const string&, ConfSave::conftype)",
+    "save_if_unique"};
+const ClUnilogFname kCleanAutosaves{"void ConfSave::CleanAutosaves(ConfSave::Storage&, unsigned int)",
+                                    "CleanAutosaves"};
+const ClUnilogFname kCheckOld{"bool ConfSave::CheckOld()", "CheckOld"};
+
+constexpr int kInformation = 6;
+constexpr int64 kOldAfter = 31 * 86400;
+
+/// One that cannot be deleted is told and left, so that it does not keep the others.
+void delete_autosave(Storage& storage, const Config& config) {
+  try {
+    storage.Delete(config.name, config.vers);
+    slput(kInformation, "Deleted old confsave '%s' (version %s)", config.name.c_str(),
+          config.version().c_str());
+  } catch (...) {
+    if (KovrLogHelper record{1, kCleanAutosaves, kSource, "Failed to delete old confsave '"}) {
+      record << config.name << "' (version " << config.version() << ")";
+    }
+  }
+}
+
+}  // namespace
+
+std::string autosave_name(std::time_t now) {
+  char name[44] = {};
+  const std::tm* local = std::localtime(&now);
+  // A time without a calendar date still makes a name that counts as an autosave.
+  if (local == nullptr) return "autosave-" + std::to_string(now);
+  std::strftime(name, sizeof name, "autosave-%Y-%m-%d-%H-%M-%S", local);
+  return name;
+}
+
+bool is_old_autosave(const Config& config, int64 now) {
+  return config.save_time < now - kOldAfter && config.name.compare(0, 8, "autosave") == 0;
+}
+
+bool save_if_unique(Storage& storage, const std::string& name, conftype type) {
+  if (storage.Exists(name, CURRENT_VERSION)) return false;
+  // Deletes what was just found absent. // Quirk Q52
+  storage.Delete(name, CURRENT_VERSION);
+  storage.Create(name, type, CURRENT_VERSION);
+  if (KovrLogHelper record{4, kSaveIfUnique, kSource, "config '"}) {
+    record << name << "' (version " << Config::version(CURRENT_VERSION) << ") successfully saved";
+  }
+  return true;
+}
+
+void CleanAutosaves(Storage& storage, unsigned maxautosaves) {
+  const Configs found = storage.FindMatching("autosave*", 0, true);
+  const std::uint64_t count = found.size();
+  if (KovrLogHelper record{4, kCleanAutosaves, kSource, "maxautosaves = "}) {
+    record << maxautosaves << ", find autosaves = " << count;
+  }
+  if (maxautosaves > count) return;
+  // The oldest come first, and one more must fit in. For a limit of 0 that is more than there are.
+  const std::uint64_t surplus = std::min(count + 1 - maxautosaves, count);
+  for (std::uint64_t i = 0; i < surplus; ++i) delete_autosave(storage, found[i]);
+}
+
+// The name comes from the clock; the parameter is there for callers that pass one. // Quirk Q48
+void AutoSave(const std::string&, conftype type, unsigned maxautosaves) {
+  const std::string name = autosave_name(std::time(nullptr));
+  Storage storage;
+  CleanAutosaves(storage, maxautosaves);
+  if (save_if_unique(storage, name, type)) return;
+  for (std::uint64_t i = 0; i < maxautosaves; ++i) {
+    if (save_if_unique(storage, name + "-" + std::to_string(i), type)) return;
+  }
+}
+
+bool CheckOld() {
+  try {
+    Storage storage;
+    const Configs configs = storage.List(0, "", true);
+    const int64 now = std::time(nullptr);
+    return std::any_of(configs.begin(), configs.end(),
+                       [now](const Config& config) { return is_old_autosave(config, now); });
+  } catch (...) {
+    log_text(1, kCheckOld, kSource, "unknown exception raised!");
+    return false;
+  }
+}
+
+}  // namespace ConfSave
