@@ -117,7 +117,8 @@ constexpr Verb kVerbs[] = {
     {"list", "", "", "show what is kept", list},
     {"load", "", "NAME", "restore the configuration; NAME may be a pattern", load},
     {"delete", "", "NAME", "delete a kept configuration", remove},
-    {"autosave", "--max", "N", "keep the configuration under a name made of the time, at most N of those", autosave},
+    {"autosave", "--max", "N", "keep the configuration under a name made of the time, at most N of those",
+     autosave},
     {"check-old", "", "", "tell whether an autosave is older than 31 days", check_old},
     {"shell", "", "", "the commands of the gateway's shell", run_shell},
 };

@@ -28,13 +28,14 @@
 // Names. Only save() checks names. Everything else pastes a name or a pattern into an SQL statement as
 // it comes: pass nothing but characters of VALID_NAME_CHARS, and in patterns also * ? [ ].
 //
-// Failures. SQLite refusing a statement never throws, but for the taken name above: it is logged and
-// the operation goes on or returns. Look the row up again where it matters.
+// Failures. A statement that SQLite refuses is logged, not thrown, and the operation goes on or returns:
+// look the row up again where it matters. Two refusals are thrown all the same: a taken name in Create()
+// is XConstraint, and to Load() a table that it cannot read holds no such row, which is XNotFound.
 //
 // Versions are packed: major * 2^32 + minor * 2^24 + build * 2^16. 0 means "no version".
 // Times are seconds since the epoch. Directories that end up in a shell command (the configuration
-// directory, the target of a load, the directory for temporary files) must be absolute and free of
-// blanks, quotes and "%".
+// directory, the target of a load, the directory for temporary files) must be absolute and free of blanks,
+// of characters that mean something to a shell, and of "%".
 //
 // Threads. The library starts none and locks nothing: use it from one thread at a time. Several
 // processes may work on one "storage.db"; one waits for the other, for up to 24.8 days.
@@ -102,8 +103,9 @@ class CONFSAVE_API Config {
   std::string version() const;
 
   /// Sets `vers` from a text such as "4.5.4": three decimal numbers below 2^32 with any white space and
-  /// punctuation around and between them. A minor or build above 255 carries over. Returns false, with
-  /// `vers` 0, for any other text. White space and punctuation are as in the process's C locale.
+  /// punctuation around and between them. A minor or build above 255 carries over, and one of 2^31 or
+  /// more counts as negative. Returns false, with `vers` 0, for any other text. White space and
+  /// punctuation are those of the process's C locale.
   bool vers_convert(std::string text);
 };
 
@@ -178,8 +180,9 @@ class CONFSAVE_API XChdir : public XExternalFailure {
 /// destroy. It is the one owner of the connection and can be neither copied nor moved.
 ///
 /// Each statement takes effect by itself, except between Begin() and Commit(). SQLite's refusals are
-/// logged at level 2 and not thrown. On an object that is not opened every operation returns at once,
-/// but for Begin(), Commit(), FindMatching() and Load(), which are not to be called then.
+/// logged at level 2 and not thrown, but as Create() and Load() say. On an object that is not opened every
+/// operation returns at once, but for Begin(), Commit(), FindMatching() and Load(), which are not to be
+/// called then.
 class CONFSAVE_API Storage {
  public:
   /// False when the file could not be opened or created; the log says why.
@@ -220,17 +223,18 @@ class CONFSAVE_API Storage {
   /// Deletes the row, if there is one.
   void Delete(const std::string& name, int64 version);
 
-  /// Stamps the row with the time and unpacks its archives, see Archive::Extract(). `skip_corlu`
-  /// leaves out the row named "corlu-config".
+  /// Stamps the row of exactly this name and version, 0 being one too, with the time and unpacks its
+  /// archives, see Archive::Extract(). `skip_corlu` leaves out the row named "corlu-config".
   /// Throws XNotFound when there is no such row or the table cannot be read; XConstraint when a column
   /// has the wrong type; what Archive throws, the stamp then being set already.
   void Load(const std::string& name, const char* target, int64 version, bool skip_corlu);
 
   /// All rows up to and including `version`, or all for 0. `order_by` is a column list as SQL has it,
-  /// or empty; it is pasted as it is. Times come back as 32-bit values.
+  /// or empty; it is pasted as it is. Times wrap at 32 bits.
   Configs List(int64 version, const std::string& order_by, bool skip_corlu);
 
-  /// The rows whose name matches the glob `pattern`, of exactly `version`, or of any for 0.
+  /// The rows whose name matches the glob `pattern`, of exactly `version`, or of any for 0. Times wrap at
+  /// 32 bits.
   Configs FindMatching(const std::string& pattern, int64 version, bool skip_corlu);
 
  private:

@@ -28,7 +28,7 @@ bool begins_with(std::string_view text, std::string_view prefix) {
 /// Variables that change what `tar`, `gzip`, `cp`, `rm` or the shell do, or what code they load.
 bool is_unsafe(std::string_view entry) {
   static constexpr std::string_view kNames[] = {
-      "TAR_OPTIONS=", "TAR_RSH=", "TAPE=",     "GZIP=",   "POSIXLY_CORRECT=",       "BASH_ENV=",
+      "TAR_OPTIONS=", "TAR_RSH=", "TAPE=",      "GZIP=",     "POSIXLY_CORRECT=",      "BASH_ENV=",
       "ENV=",         "CDPATH=",  "SHELLOPTS=", "BASHOPTS=", "SIMPLE_BACKUP_SUFFIX=", "VERSION_CONTROL=",
   };
   for (const std::string_view name : kNames) {

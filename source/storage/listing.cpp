@@ -3,6 +3,8 @@
 #include <sqlite3.h>
 
 #include <cstdlib>
+#include <exception>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -35,9 +37,10 @@ Config read_row(sqlite3_stmt* statement) {
   return config;
 }
 
-Configs read_rows(sqlite3_stmt* statement, int64 version) {
+Configs read_rows(sql::Statement statement, int64 version) {
   Configs result;
-  while (sqlite3_step(statement) == SQLITE_ROW) result.push_back(read_row(statement));
+  while (sqlite3_step(statement.get()) == SQLITE_ROW) result.push_back(read_row(statement.get()));
+  statement.reset();
   if (result.empty()) {
     if (KovrLogHelper record{2, kList, sql::kSource, "Requested configuration list is empty (version="}) {
       record << version << ")";
@@ -63,16 +66,25 @@ Config read_texts(char** values) {
   return config;
 }
 
+struct Matches {
+  Configs rows;
+  std::exception_ptr out_of_memory;
+};
+
 /// SQLite is C: whatever goes wrong here stops the query, which SQLite then reports as aborted.
 int append_row(void* context, int columns, char** values, char**) noexcept {
   constexpr int kColumns = 6;
   if (columns < kColumns) return 1;
+  auto& matches = *static_cast<Matches*>(context);
   try {
-    static_cast<Configs*>(context)->push_back(read_texts(values));
+    matches.rows.push_back(read_texts(values));
     return 0;
-  } catch (...) {
-    return 1;
+  } catch (const std::bad_alloc&) {
+    matches.out_of_memory = std::current_exception();
+  } catch (const std::exception&) {
+    // A row that is none: the report is all that is told.
   }
+  return 1;
 }
 
 }  // namespace
@@ -82,7 +94,7 @@ Configs Storage::List(int64 version, const std::string& order_by, bool skip_corl
   const std::string text = sql::list_rows(version, order_by, skip_corlu);
   sql::Statement statement;
   const int code = sql::prepare(db, text, statement);
-  if (code == SQLITE_OK && statement != nullptr) return read_rows(statement.get(), version);
+  if (code == SQLITE_OK && statement != nullptr) return read_rows(std::move(statement), version);
   if (code != SQLITE_OK && code != SQLITE_ROW && code != SQLITE_DONE) {
     sql::report_error(kList, sqlite3_errmsg(db), text, code);
   }
@@ -90,9 +102,11 @@ Configs Storage::List(int64 version, const std::string& order_by, bool skip_corl
 }
 
 Configs Storage::FindMatching(const std::string& pattern, int64 version, bool skip_corlu) {
-  Configs result;
-  sql::execute(db, sql::find_rows(pattern, version, skip_corlu), kFindMatching, append_row, &result);
-  return result;
+  Matches found;
+  sql::execute(db, sql::find_rows(pattern, version, skip_corlu), kFindMatching, append_row, &found);
+  // With rows missing, one match might pass for the only one, and be restored.
+  if (found.out_of_memory) std::rethrow_exception(found.out_of_memory);
+  return std::move(found.rows);
 }
 
 }  // namespace ConfSave

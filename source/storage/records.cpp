@@ -45,11 +45,16 @@ int bind_archive(sqlite3_stmt* statement, int index, const std::vector<char>& ar
                            static_cast<int>(archive.size()), SQLITE_STATIC);
 }
 
+/// A row whose archive SQLite would not take, for its size, could not be restored: it is not stored. That
+/// a name left no parameter to bind to is the name's doing.
+bool is_lost(int code) { return code != SQLITE_OK && code != SQLITE_RANGE; }
+
 int bind_and_step(sqlite3_stmt* statement, const Packed& packed) {
-  // An archive larger than a row can be is refused here. A row without it could not be restored.
-  int code = bind_archive(statement, 1, packed.keybase);
-  if (code == SQLITE_OK) code = bind_archive(statement, 2, packed.etc);
-  return code == SQLITE_OK ? sqlite3_step(statement) : code;
+  const int keybase = bind_archive(statement, 1, packed.keybase);
+  if (is_lost(keybase)) return keybase;
+  const int etc = bind_archive(statement, 2, packed.etc);
+  if (is_lost(etc)) return etc;
+  return sqlite3_step(statement);
 }
 
 /// Prepares `text` into `statement` and runs it, reporting what SQLite refuses. Returns the result of
