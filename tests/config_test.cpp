@@ -1,1 +1,234 @@
+#include "confsave.h"
+
 #include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <locale>
+#include <sstream>
+#include <type_traits>
+
+#include "integers.h"
+
+namespace {
+
+using namespace ConfSave;
+
+template <class Value>
+std::string shown(const Value& value) {
+  std::ostringstream out;
+  out << value;
+  return out.str();
+}
+
+/// Local time is that of a zone while it lives.
+class Zone {
+ public:
+  explicit Zone(const char* name) {
+    setenv("TZ", name, 1);
+    tzset();
+  }
+  Zone(const Zone&) = delete;
+  Zone& operator=(const Zone&) = delete;
+  ~Zone() {
+    unsetenv("TZ");
+    tzset();
+  }
+};
+
+Config weekly() {
+  Config config(CURRENT_VERSION);
+  config.name = "weekly";
+  config.type = conf_full;
+  config.save_time = 1488377100;
+  return config;
+}
+
+TEST(Constants, AreWhatTheyAre) {
+  EXPECT_EQ(CURRENT_VERSION, 17264017408);
+  EXPECT_EQ(VALID_NAME_CHARS, "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-_");
+  EXPECT_EQ(YES_NO_SUFFIX, " [Yes/No] ");
+  static_assert(std::is_same_v<std::underlying_type_t<conftype>, std::int32_t>);
+  EXPECT_EQ(static_cast<int>(conf_none), 0);
+  EXPECT_EQ(static_cast<int>(conf_full), 1);
+  EXPECT_EQ(static_cast<int>(conf_part), 2);
+  EXPECT_EQ(static_cast<int>(conf_corlu), 3);
+}
+
+TEST(ConfigRecord, ANewOneIsSavedNowAndNeverLoaded) {
+  const std::time_t before = std::time(nullptr);
+  const Config config(-7);
+  EXPECT_EQ(config.name, "");
+  EXPECT_EQ(config.type, conf_none);
+  EXPECT_EQ(config.vers, -7);
+  EXPECT_GE(config.save_time, before);
+  EXPECT_LE(config.save_time, std::time(nullptr));
+  EXPECT_EQ(config.load_time, 0);
+}
+
+TEST(ConfigRecord, EachTimeIsUpdatedByItself) {
+  Config config(0);
+  config.save_time = 1;
+  const std::time_t before = std::time(nullptr);
+  config.update_load_time();
+  EXPECT_GE(config.load_time, before);
+  EXPECT_EQ(config.save_time, 1);
+  config.load_time = 2;
+  config.update_save_time();
+  EXPECT_GE(config.save_time, before);
+  EXPECT_EQ(config.load_time, 2);
+}
+
+TEST(VersionText, ZeroIsEmpty) {
+  EXPECT_EQ(Config::version(0), "");
+  EXPECT_EQ(Config(0).version(), "");
+}
+
+TEST(VersionText, TheComponentsAreDecimal) {
+  EXPECT_EQ(Config::version(4294967296), "1.0.0");
+  EXPECT_EQ(Config::version(17179869184), "4.0.0");
+  EXPECT_EQ(Config::version(17230331904), "4.3.2");
+  EXPECT_EQ(Config::version(17264017408), "4.5.4");
+  EXPECT_EQ(Config::version(43135008768), "10.11.12");
+  EXPECT_EQ(Config::version(65536), "0.0.1");
+  EXPECT_EQ(Config(17264017408).version(), "4.5.4");
+}
+
+TEST(VersionText, TheLow16BitsDoNotShow) {
+  EXPECT_EQ(Config::version(17230397439), "4.3.2");
+  EXPECT_EQ(Config::version(1), "0.0.0");
+  EXPECT_EQ(Config::version(0xffff), "0.0.0");
+}
+
+TEST(VersionText, ANegativeNumberHasANegativeMajor) {
+  EXPECT_EQ(Config::version(-1), "-1.255.255");
+  EXPECT_EQ(Config::version(INT64_MIN), "-2147483648.0.0");
+  EXPECT_EQ(Config::version(INT64_MAX), "2147483647.255.255");
+}
+
+struct ThreeDigits : std::numpunct<char> {
+  std::string do_grouping() const override { return "\3"; }
+  char do_thousands_sep() const override { return '.'; }
+};
+
+TEST(VersionText, DigitGroupsOfTheLocaleStayOut) {
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new ThreeDigits));
+  EXPECT_EQ(Config::version(int64{123456} << 32), "123456.0.0");
+  std::locale::global(before);
+}
+
+TEST(LowAndHighHalves, AreSignedForAnyValue) {
+  EXPECT_EQ(low32(0x7fffffff), 2147483647);
+  EXPECT_EQ(low32(0x80000000), INT32_MIN);
+  EXPECT_EQ(low32(-1), -1);
+  EXPECT_EQ(low32(0x100000001), 1);
+  EXPECT_EQ(low32(INT64_MIN), 0);
+  EXPECT_EQ(high32(INT64_MIN), INT32_MIN);
+  EXPECT_EQ(high32(-1), -1);
+  EXPECT_EQ(high32(0x7fffffffffffffff), INT32_MAX);
+  EXPECT_EQ(high32(0xffffffff), 0);
+}
+
+TEST(TimeText, IsLocalTime) {
+  const Zone utc("UTC");
+  EXPECT_EQ(time_format(1488377100), "01.03.2017 at 14:05");
+  EXPECT_EQ(time_format(0), "01.01.1970 at 00:00");
+  EXPECT_EQ(time_format(-1), "31.12.1969 at 23:59");
+  const Zone east("XXX-3");
+  EXPECT_EQ(time_format(0), "01.01.1970 at 03:00");
+}
+
+TEST(TimeText, AFarAwayTimeIsEmpty) {
+  EXPECT_EQ(time_format(INT64_MAX), "");
+  EXPECT_EQ(time_format(INT64_MIN), "");
+  const Zone utc("UTC");
+  EXPECT_EQ(time_format(253402300800), "01.01.10000 at 00:00");
+}
+
+TEST(TypeText, EachKindHasItsWord) {
+  EXPECT_EQ(shown(conf_none), "");
+  EXPECT_EQ(shown(conf_full), "full");
+  EXPECT_EQ(shown(conf_part), "part");
+  EXPECT_EQ(shown(conf_corlu), "corlu");
+  EXPECT_EQ(shown(static_cast<conftype>(7)), "");
+  EXPECT_EQ(shown(static_cast<conftype>(-1)), "");
+}
+
+TEST(RecordText, ARecordIsOneLineWithoutAnEnd) {
+  const Zone utc("UTC");
+  EXPECT_EQ(shown(weekly()),
+            "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, never loaded");
+}
+
+TEST(RecordText, ALoadedRecordTellsWhen) {
+  const Zone utc("UTC");
+  Config config = weekly();
+  config.load_time = 1488447000;
+  EXPECT_EQ(
+      shown(config),
+      "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, loaded at 02.03.2017 at 09:30");
+  config.load_time = -1;
+  EXPECT_EQ(
+      shown(config),
+      "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, loaded at 31.12.1969 at 23:59");
+}
+
+TEST(RecordText, NoVersionHasNoClause) {
+  const Zone utc("UTC");
+  Config config = weekly();
+  config.vers = 0;
+  EXPECT_EQ(shown(config), "\"weekly\",\tfull, saved on 01.03.2017 at 14:05, never loaded");
+}
+
+TEST(RecordText, AnUnknownTypeIsNothing) {
+  const Zone utc("UTC");
+  for (const int type : {0, 7}) {
+    Config config = weekly();
+    config.type = static_cast<conftype>(type);
+    EXPECT_EQ(shown(config), "\"weekly\",\tversion 4.5.4,\t, saved on 01.03.2017 at 14:05, never loaded");
+    config.vers = 0;
+    EXPECT_EQ(shown(config), "\"weekly\",\t, saved on 01.03.2017 at 14:05, never loaded");
+  }
+}
+
+TEST(FailedStream, IsLeftUntouched) {
+  for (const auto state : {std::ios::eofbit, std::ios::failbit, std::ios::badbit}) {
+    std::ostringstream out;
+    out.setstate(state);
+    EXPECT_EQ(&(out << weekly()), &out);
+    EXPECT_EQ(&(out << conf_full), &out);
+    EXPECT_EQ(out.rdstate(), state);
+    out.clear();
+    EXPECT_EQ(out.str(), "");
+  }
+}
+
+template <class Exception>
+void expect_status_class() {
+  static_assert(std::is_base_of_v<XTOOStatus, Exception>);
+  const Exception bare(36, true);
+  EXPECT_EQ(bare.Status(), 36);
+  EXPECT_STREQ(bare.ErrorMessage(), "");
+  const Exception told(0, "text", false);
+  EXPECT_EQ(told.Status(), 0);
+  EXPECT_STREQ(told.ErrorMessage(), "text");
+}
+
+TEST(Exceptions, AreStatusesOfTheirOwn) {
+  expect_status_class<XExternalFailure>();
+  expect_status_class<XCancel>();
+  expect_status_class<XNotFound>();
+  expect_status_class<XAmbiguity>();
+  expect_status_class<XConstraint>();
+}
+
+TEST(Exceptions, XChdirIsAnExternalFailureWithADirectory) {
+  static_assert(std::is_base_of_v<XExternalFailure, XChdir>);
+  EXPECT_EQ(XChdir(2, true, "/a").Directory(), "/a");
+  const XChdir told(0, "text", false, "/b");
+  EXPECT_EQ(told.Directory(), "/b");
+  EXPECT_STREQ(told.ErrorMessage(), "text");
+}
+
+}  // namespace

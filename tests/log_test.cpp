@@ -1,1 +1,130 @@
+#include "log.h"
+
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <initializer_list>
+
+#include "support/gateway.h"
+
+namespace {
+
+using ConfSave::KovrLogHelper;
+using ConfSave::log_text;
+using test::LogRecord;
+using test::LogRecords;
+using Texts = std::vector<std::string>;
+
+const ClUnilogFname kFunction{"void f(int)", "f"};
+
+Texts calls;
+
+/// Entry points that note which of them was called, with what.
+const KorvLogProps kNoting = {
+    0,
+    [](int level, const ClUnilogFname& function, const char* source, int) {
+      calls.push_back("begin " + std::to_string(level) + " " + function.Signature() + " " +
+                      function.Name() + " " + source);
+    },
+    [](const char* text) { calls.push_back(std::string("text ") + text); },
+    [](const char* text) { calls.push_back(std::string("builder_text ") + text); },
+    [](const void*, unsigned width) { calls.push_back("integer " + std::to_string(width)); },
+    [] { calls.emplace_back("end"); }};
+
+class LogRecordBuilder : public test::Gateway {
+ protected:
+  LogRecordBuilder() {
+    calls.clear();
+    host.entry_points = kNoting;
+  }
+
+  static void write() {
+    if (KovrLogHelper record{2, kFunction, "source/x", "opening"}) {
+      record << "a" << std::string("b") << 1 << std::int64_t{2};
+    }
+  }
+
+  const Texts all{"begin 2 void f(int) f source/x",
+                  "text opening",
+                  "builder_text a",
+                  "builder_text b",
+                  "integer 4",
+                  "integer 8",
+                  "end"};
+};
+
+TEST_F(LogRecordBuilder, TheOpeningIsTextAndTheRestIsTheBuilders) {
+  write();
+  EXPECT_EQ(calls, all);
+}
+
+TEST_F(LogRecordBuilder, EachMissingEntryPointIsSkipped) {
+  const auto without = [this](std::initializer_list<std::size_t> skipped) {
+    Texts rest;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+      if (std::find(skipped.begin(), skipped.end(), i) == skipped.end()) rest.push_back(all[i]);
+    }
+    calls.clear();
+    write();
+    EXPECT_EQ(calls, rest);
+    host.entry_points = kNoting;
+  };
+  host.entry_points.begin = nullptr;
+  without({0});
+  host.entry_points.text = nullptr;
+  without({1});
+  host.entry_points.builder_text = nullptr;
+  without({2, 3});
+  host.entry_points.integer = nullptr;
+  without({4, 5});
+  host.entry_points.end = nullptr;
+  without({6});
+}
+
+TEST_F(LogRecordBuilder, WithoutPropertiesNothingIsWritten) {
+  host.no_log = true;
+  write();
+  log_text(1, kFunction, "source/x", "text");
+  EXPECT_EQ(calls, Texts());
+}
+
+TEST_F(LogRecordBuilder, BelowItsLevelNothingIsComputed) {
+  bool computed = false;
+  const auto piece = [&computed] {
+    computed = true;
+    return "piece";
+  };
+  host.log_level = 1;
+  if (KovrLogHelper record{2, kFunction, "source/x", "opening"}) record << piece();
+  EXPECT_FALSE(computed);
+  EXPECT_EQ(calls, Texts());
+  host.log_level = 2;
+  if (KovrLogHelper record{2, kFunction, "source/x", "opening"}) record << piece();
+  EXPECT_TRUE(computed);
+}
+
+TEST_F(LogRecordBuilder, ANullTextIsNothing) {
+  if (KovrLogHelper record{1, kFunction, "source/x", "opening"})
+    record << static_cast<const char*>(nullptr);
+  EXPECT_EQ(calls, (Texts{"begin 1 void f(int) f source/x", "text opening", "end"}));
+}
+
+TEST_F(LogRecordBuilder, IntegersHaveTheirValueAndWidth) {
+  host.reset();
+  if (KovrLogHelper record{1, kFunction, "source/x", "<"}) {
+    record << -1 << " " << std::uint32_t{7} << " " << std::int64_t{-17264017408} << ">";
+  }
+  EXPECT_EQ(host.records,
+            (LogRecords{{1, "void f(int)", "f", "source/x", "<-1 7 -17264017408>", {4, 4, 8}}}));
+}
+
+TEST_F(LogRecordBuilder, TheLineIsThatOfTheRecord) {
+  host.reset();
+  log_text(1, kFunction, "source/x", "text");
+  const int line = __LINE__ - 1;
+  EXPECT_EQ(host.records, (LogRecords{{1, "void f(int)", "f", "source/x", "text", {}}}));
+  EXPECT_EQ(host.lines, std::vector<int>{line});
+}
+
+}  // namespace

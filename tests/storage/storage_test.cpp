@@ -1,1 +1,210 @@
+#include "confsave.h"
+
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+
+#include "support/gateway.h"
+
+namespace {
+
+using ConfSave::Storage;
+using test::LogRecord;
+using test::LogRecords;
+using Texts = std::vector<std::string>;
+
+const std::string kCreateTable =
+    "create table 'Config' (id integer primary key autoincrement, name varchar(80) not null, version "
+    "integer "
+    "not null, keybase blob, etc blob, type integer, save_time timestamp, load_time timestamp, unique "
+    "(name, "
+    "version) )";
+
+LogRecord storage_says(int level, const std::string& text, const std::vector<unsigned>& widths = {}) {
+  return {level, "ConfSave::Storage::Storage()", "Storage", "source/storage", text, widths};
+}
+const LogRecord kTry = storage_says(4, "Try create storage tables");
+const LogRecord kDone = storage_says(4, "storage tables successfully created");
+
+class StorageOpen : public test::Gateway {
+ protected:
+  test::StatementRecorder recorder;
+};
+
+TEST_F(StorageOpen, ANewFileGetsTheTable) {
+  const Storage storage;
+  EXPECT_TRUE(storage.opened);
+  EXPECT_EQ(recorder.statements(), Texts{kCreateTable});
+  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
+  EXPECT_EQ(test::Database(database()).value("select sql from sqlite_schema where name='Config'"),
+            "CREATE TABLE 'Config' " + kCreateTable.substr(22));
+  EXPECT_TRUE(test::lock_is_free(database()));
+}
+
+TEST_F(StorageOpen, AnExistingTableIsTheNormalCase) {
+  { const Storage first; }
+  host.records.clear();
+  const Storage storage;
+  EXPECT_TRUE(storage.opened);
+  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
+}
+
+TEST_F(StorageOpen, ATableOfAnotherShapeIsTakenForOurs) {
+  test::Database(database()).run("create table Config (a)");
+  Storage storage;
+  EXPECT_TRUE(storage.opened);
+  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
+  host.records.clear();
+  storage.Delete("x", 1);
+  EXPECT_EQ(host.records_up_to(2),
+            (LogRecords{{2,
+                         "void ConfSave::Storage::Delete(const string&, int64)",
+                         "Delete",
+                         "source/storage",
+                         "SQL error: no such column: name. Query: delete from 'Config' where name='x' and "
+                         "version=1 (return code: 1)",
+                         {4}}}));
+}
+
+TEST_F(StorageOpen, AMissingDirectoryLeavesItClosed) {
+  std::filesystem::remove(state_dir());
+  const Storage storage;
+  EXPECT_FALSE(storage.opened);
+  EXPECT_EQ(host.records,
+            (LogRecords{storage_says(
+                1, "Can't open database: unable to open database file (return code: 14)\n", {4})}));
+}
+
+TEST_F(StorageOpen, ADirectoryInPlaceOfTheFileLeavesItClosed) {
+  std::filesystem::create_directory(database());
+  host.log_level = 0;
+  EXPECT_FALSE(Storage().opened);
+  EXPECT_EQ(host.records, LogRecords());
+  host.log_level = 1;
+  EXPECT_FALSE(Storage().opened);
+  EXPECT_EQ(host.records,
+            (LogRecords{storage_says(
+                1, "Can't open database: unable to open database file (return code: 14)\n", {4})}));
+}
+
+TEST_F(StorageOpen, AFileThatIsNoDatabaseIsReportedAndOpened) {
+  test::write_file(database(), std::string(2000, 'x'));
+  const Storage storage;
+  EXPECT_TRUE(storage.opened);
+  EXPECT_EQ(
+      host.records,
+      (LogRecords{
+          kTry,
+          storage_says(
+              2, "SQL error: file is not a database. Query: " + kCreateTable + " (return code: 26)", {4}),
+          kDone}));
+}
+
+TEST_F(StorageOpen, TheBusyTimeOutIsAsLongAsCanBe) {
+  const Storage storage;
+  std::string timeout;
+  sqlite3_exec(
+      recorder.connection(), "pragma busy_timeout",
+      [](void* context, int, char** values, char**) {
+        *static_cast<std::string*>(context) = values[0];
+        return 0;
+      },
+      &timeout, nullptr);
+  EXPECT_EQ(timeout, "2147483647");
+}
+
+class StorageTransaction : public StorageOpen {
+ protected:
+  void forget() {
+    host.records.clear();
+    recorder.clear();
+  }
+};
+
+TEST_F(StorageTransaction, BeginTakesTheExclusiveLockAndCommitGivesItBack) {
+  Storage storage;
+  forget();
+  storage.Begin();
+  EXPECT_FALSE(test::lock_is_free(database()));
+  storage.Commit();
+  EXPECT_TRUE(test::lock_is_free(database()));
+  EXPECT_EQ(recorder.statements(), (Texts{"begin exclusive", "commit"}));
+  EXPECT_EQ(host.records, LogRecords());
+}
+
+TEST_F(StorageTransaction, BeginTwiceIsReported) {
+  Storage storage;
+  storage.Begin();
+  forget();
+  storage.Begin();
+  EXPECT_EQ(
+      host.records,
+      (LogRecords{{2,
+                   "void ConfSave::Storage::Begin()",
+                   "Begin",
+                   "source/storage",
+                   "SQL error: cannot start a transaction within a transaction. Query: begin exclusive "
+                   "(return code: 1)",
+                   {4}}}));
+}
+
+TEST_F(StorageTransaction, CommitWithoutBeginIsReported) {
+  Storage storage;
+  forget();
+  storage.Commit();
+  EXPECT_EQ(host.records, (LogRecords{{2,
+                                       "void ConfSave::Storage::Commit()",
+                                       "Commit",
+                                       "source/storage",
+                                       "SQL error: cannot commit - no transaction is active. Query: commit "
+                                       "(return code: 1)",
+                                       {4}}}));
+}
+
+TEST_F(StorageTransaction, WhatIsNotCommittedIsUndone) {
+  { const Storage storage; }
+  test::insert_row(database(), {"weekly"});
+  {
+    Storage storage;
+    storage.Begin();
+    storage.Delete("weekly", 0);
+    EXPECT_FALSE(storage.Exists("weekly", 0));
+  }
+  EXPECT_EQ(test::Database(database()).value("select count(*) from Config"), "1");
+  EXPECT_TRUE(test::lock_is_free(database()));
+}
+
+TEST_F(StorageTransaction, AnotherProcessIsWaitedFor) {
+  { const Storage storage; }
+  forget();
+  const test::LockHolder holder(database(), 300);
+  const auto start = std::chrono::steady_clock::now();
+  Storage storage;
+  storage.Begin();
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
+}
+
+TEST_F(StorageTransaction, AnUnopenedStorageReportsAndGoesOn) {
+  std::filesystem::remove(state_dir());
+  Storage storage;
+  forget();
+  storage.Begin();
+  storage.Commit();
+  EXPECT_EQ(host.records, (LogRecords{{2,
+                                       "void ConfSave::Storage::Begin()",
+                                       "Begin",
+                                       "source/storage",
+                                       "SQL error: . Query: begin exclusive (return code: 21)",
+                                       {4}},
+                                      {2,
+                                       "void ConfSave::Storage::Commit()",
+                                       "Commit",
+                                       "source/storage",
+                                       "SQL error: . Query: commit (return code: 21)",
+                                       {4}}}));
+}
+
+}  // namespace
