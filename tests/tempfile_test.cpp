@@ -1,1 +1,163 @@
+#include "confsave.h"
+
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+
+#include "support/gateway.h"
+
+namespace {
+
+using ConfSave::TempFile;
+using test::LogRecord;
+using test::LogRecords;
+
+class TempFileTest : public test::Gateway {
+ protected:
+  static void expect_status(int status, const char* text, const std::function<void()>& call) {
+    const auto error = test::thrown_by<XTOOStatus>(call);
+    EXPECT_EQ(error.Status(), status);
+    EXPECT_STREQ(error.ErrorMessage(), text);
+  }
+
+  static mode_t mode_of(const std::string& path) {
+    struct stat status = {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return status.st_mode & 07777U;
+  }
+};
+
+TEST_F(TempFileTest, ANewObjectHasNoFile) {
+  const TempFile file;
+  EXPECT_EQ(file.name(), "");
+  EXPECT_FALSE(file.is_open());
+  expect_status(36, "", [&] { file.fd(); });
+  expect_status(36, "", [&] { file.size(); });
+  expect_status(36, "", [&] { file.rewind(); });
+  EXPECT_EQ(scratch_files(), std::vector<std::string>());
+}
+
+TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheDirectoryForTemporaryFiles) {
+  TempFile file;
+  file.create();
+  EXPECT_TRUE(file.is_open());
+  EXPECT_EQ(file.name().substr(0, scratch_dir().size() + 1), scratch_dir() + "/");
+  EXPECT_EQ(file.name().size(), scratch_dir().size() + 7);
+  EXPECT_NE(file.name().substr(file.name().size() - 6), "XXXXXX");
+  EXPECT_EQ(file.size(), 0);
+  EXPECT_TRUE(test::exists(file.name()));
+}
+
+TEST_F(TempFileTest, CreatingTwiceMakesOneFile) {
+  TempFile file;
+  file.create();
+  const std::string name = file.name();
+  const int fd = file.fd();
+  file.create();
+  EXPECT_EQ(file.name(), name);
+  EXPECT_EQ(file.fd(), fd);
+  EXPECT_EQ(scratch_files().size(), 1U);
+}
+
+TEST_F(TempFileTest, TheModeIs0600UnderAnyUmask) {
+  for (const mode_t mask : {0777U, 0U, 0277U}) {
+    const mode_t before = umask(mask);
+    TempFile file;
+    file.create();
+    umask(before);
+    EXPECT_EQ(mode_of(file.name()), 0600U);
+  }
+}
+
+TEST_F(TempFileTest, WhatIsWrittenIsReadBackAfterRewind) {
+  TempFile file;
+  file.create();
+  EXPECT_EQ(write(file.fd(), "abc", 3), 3);
+  EXPECT_EQ(file.size(), 3);
+  file.rewind();
+  char text[4] = {};
+  EXPECT_EQ(read(file.fd(), text, 3), 3);
+  EXPECT_STREQ(text, "abc");
+}
+
+TEST_F(TempFileTest, RemoveDeletesTheFileAndMayBeRepeated) {
+  TempFile file;
+  file.create();
+  const int fd = file.fd();
+  file.remove();
+  EXPECT_EQ(file.name(), "");
+  EXPECT_FALSE(file.is_open());
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+  EXPECT_EQ(scratch_files(), std::vector<std::string>());
+  file.remove();
+  EXPECT_EQ(host.records, LogRecords());
+}
+
+TEST_F(TempFileTest, TheDestructorDeletesTheFile) {
+  {
+    TempFile file;
+    file.create();
+  }
+  EXPECT_EQ(scratch_files(), std::vector<std::string>());
+}
+
+TEST_F(TempFileTest, AfterRemoveAnotherFileCanBeMade) {
+  TempFile file;
+  file.create();
+  const std::string name = file.name();
+  file.remove();
+  file.create();
+  EXPECT_TRUE(file.is_open());
+  EXPECT_NE(file.name(), name);
+}
+
+TEST_F(TempFileTest, AMissingDirectoryIsStatus17) {
+  std::filesystem::remove(scratch_dir());
+  TempFile file;
+  expect_status(17, "No such file or directory", [&] { file.create(); });
+  EXPECT_EQ(file.name(), "");
+  EXPECT_FALSE(file.is_open());
+  std::filesystem::create_directory(scratch_dir());
+}
+
+TEST_F(TempFileTest, AClosedDescriptorIsStatus45And54) {
+  TempFile file;
+  file.create();
+  close(file.fd());
+  expect_status(45, "Bad file descriptor", [&] { file.size(); });
+  expect_status(54, "Bad file descriptor", [&] { file.rewind(); });
+}
+
+TEST_F(TempFileTest, AFileThatIsGoneIsLoggedAndForgotten) {
+  TempFile file;
+  file.create();
+  const std::string name = file.name();
+  std::filesystem::remove(name);
+  file.remove();
+  EXPECT_EQ(host.records,
+            (LogRecords{{1,
+                         "void ConfSave::TempFile::remove()",
+                         "remove",
+                         "source/tempfile",
+                         name + ": failed to remove temporary file: No such file or directory",
+                         {}}}));
+  EXPECT_EQ(file.name(), "");
+  EXPECT_FALSE(file.is_open());
+}
+
+TEST_F(TempFileTest, BelowLevel1NothingIsLogged) {
+  host.log_level = 0;
+  TempFile file;
+  file.create();
+  std::filesystem::remove(file.name());
+  file.remove();
+  EXPECT_EQ(host.records, LogRecords());
+  EXPECT_FALSE(file.is_open());
+}
+
+}  // namespace
