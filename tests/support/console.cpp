@@ -87,7 +87,8 @@ struct Console::State {
     std::string line_;
   };
 
-  explicit State(std::string typed) : input(std::move(typed)), output(*this), errors(*this), reader(*this) {}
+  explicit State(std::string typed)
+      : input(std::move(typed)), output(*this), errors(*this), reader(*this) {}
 
   std::string input;
   std::string transcript;

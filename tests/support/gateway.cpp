@@ -24,14 +24,36 @@ namespace {
 
 /// The gateway's own files. Content tells the path, so that no two are alike.
 const char* const kConfigFiles[] = {
-    "user/gateway.conf",    "user/gateway.key",    "user/gateway.key.pub",    "user/interfaces.conf",
-    "user/routes.conf",     "user/filter.conf",    "user/nat.conf",           "user/services.conf",
-    "user/users.conf",      "user/schedule.conf",  "user/notify.conf",        "user/config.db",
-    "user/config.idx",      "user/kwtp.conf",      "user/upgrade.conf",       "user/corlucfg-config.crg",
-    "user/kwtpd-config.crg", "gw1.conf",           "gw2.conf",                "peer-north.conf",
-    "outnet1.dat",          "remote.txt",          "quelvian.re",             "corluadr.lst",
-    "linkmap.dat",          "station",             "user/key_set",            "hub/out",
-    "hub/old",              "hub/key",
+    "user/gateway.conf",
+    "user/gateway.key",
+    "user/gateway.key.pub",
+    "user/interfaces.conf",
+    "user/routes.conf",
+    "user/filter.conf",
+    "user/nat.conf",
+    "user/services.conf",
+    "user/users.conf",
+    "user/schedule.conf",
+    "user/notify.conf",
+    "user/config.db",
+    "user/config.idx",
+    "user/kwtp.conf",
+    "user/upgrade.conf",
+    "user/corlucfg-config.crg",
+    "user/kwtpd-config.crg",
+    "gw1.conf",
+    "gw2.conf",
+    "peer-north.conf",
+    "outnet1.dat",
+    "remote.txt",
+    "quelvian.re",
+    "corluadr.lst",
+    "linkmap.dat",
+    "station",
+    "user/key_set",
+    "hub/out",
+    "hub/old",
+    "hub/key",
 };
 const char* const kEtcFiles[] = {"failover.ini", "failover.ini.crg", "failoverd-config.crg"};
 
@@ -222,9 +244,10 @@ std::vector<std::vector<std::string>> Database::query(const std::string& sql) co
 std::string Database::value(const std::string& sql) const { return query(sql).at(0).at(0); }
 
 void insert_row(const std::string& database, const RowSpec& row) {
-  Database(database).run("insert into 'Config' (name,version,keybase,etc,type,save_time,load_time) values ('" +
-                         row.name + "'," + std::to_string(row.version) + "," + row.keybase + "," + row.etc +
-                         "," + std::to_string(row.type) + "," + row.save_time + "," + row.load_time + ")");
+  Database(database).run(
+      "insert into 'Config' (name,version,keybase,etc,type,save_time,load_time) values ('" + row.name +
+      "'," + std::to_string(row.version) + "," + row.keybase + "," + row.etc + "," +
+      std::to_string(row.type) + "," + row.save_time + "," + row.load_time + ")");
 }
 
 StatementRecorder::StatementRecorder() {

@@ -1,0 +1,35 @@
+#!/bin/sh
+# docs/quirks.md and the code agree: every quirk that the code cites is described, every test that a
+# description names is there, and every description names one or says that there can be none.
+#
+#   tests/quirks_test.sh TEST_PROGRAM
+set -eu
+
+cd "$(dirname "$0")/.."
+failed=0
+complain() {
+    echo "quirks: $1" >&2
+    failed=1
+}
+
+tests=$("$1" --gtest_list_tests | awk '/^[^ ]/ { suite = $1; next } { print suite $1 }')
+described=$(sed -n 's/^### \(Q[0-9]*\) .*/\1/p' docs/quirks.md)
+cited=$(grep -rhoE 'Quirk Q[0-9]+(, Q[0-9]+)*' include source platform console | grep -oE 'Q[0-9]+')
+# shellcheck disable=SC2016 # the back quotes are those of the page
+named=$(grep -oE '`[A-Z][A-Za-z]*\.[A-Za-z0-9]+`' docs/quirks.md | tr -d '`' | grep -v '\.db$')
+
+for list in "$tests" "$described" "$cited" "$named"; do
+    [ -n "$list" ] || complain 'nothing to compare'
+done
+[ "$(echo "$described" | sort | uniq -d)" = '' ] || complain 'a number is used twice'
+for quirk in $cited; do
+    echo "$described" | grep -qx "$quirk" || complain "the code cites $quirk, which is not described"
+done
+for name in $named; do
+    echo "$tests" | grep -qx "$name" || complain "there is no test $name"
+done
+for quirk in $described; do
+    sed -n "/^### $quirk /,/^##/p" docs/quirks.md | grep -qE '^\*Tests:\*|no test' ||
+        complain "$quirk has neither a test nor a word why not"
+done
+exit "$failed"
