@@ -261,7 +261,6 @@ class Housekeeping : public test::Gateway {
     recorder.clear();
     host.records.clear();
     host.commands.clear();
-    started = std::time(nullptr);
   }
 
   void autosave(unsigned limit, conftype type = conf_full, const std::string& name = "") {
@@ -416,7 +415,7 @@ class Housekeeping : public test::Gateway {
   }
 
   test::StatementRecorder recorder;
-  std::time_t started = 0;
+  const std::time_t started = std::time(nullptr);
   std::time_t ended = 0;
   int zone = 0;  ///< Seconds ahead of UTC.
 
