@@ -238,8 +238,6 @@ class CONFSAVE_API Storage {
   Configs FindMatching(const std::string& pattern, int64 version, bool skip_corlu);
 
  private:
-  explicit Storage(std::string configuration_directory);
-
   std::string config_path;
   sqlite3* db;
 };

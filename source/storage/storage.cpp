@@ -4,7 +4,7 @@
 
 #include <climits>
 #include <cstring>
-#include <utility>
+#include <memory>
 
 #include "kelmor/paths.h"
 #include "log.h"
@@ -22,19 +22,24 @@ std::string database_file() {
   return paths.GetFullDynamicDirName(toolsunix::path::DynamicDirectoryId{1}) + "/storage.db";
 }
 
+struct CloseDatabase {
+  void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+using Database = std::unique_ptr<sqlite3, CloseDatabase>;
+
 /// Null when the file cannot be opened. A competing process is waited for, practically without end.
-sqlite3* open_database() {
-  sqlite3* db = nullptr;
-  const int code = sqlite3_open(database_file().c_str(), &db);
+Database open_database() {
+  sqlite3* opened = nullptr;
+  const int code = sqlite3_open(database_file().c_str(), &opened);
+  // SQLite hands out a connection even when it fails, to ask it for the message.
+  Database db(opened);
   if (code == SQLITE_OK) {
-    sqlite3_busy_timeout(db, INT_MAX);
+    sqlite3_busy_timeout(db.get(), INT_MAX);
     return db;
   }
   if (KovrLogHelper record{1, kStorage, sql::kSource, "Can't open database: "}) {
-    record << sqlite3_errmsg(db) << " (return code: " << code << ")\n";
+    record << sqlite3_errmsg(db.get()) << " (return code: " << code << ")\n";
   }
-  // SQLite hands out a connection even then, to ask it for the message.
-  sqlite3_close(db);
   return nullptr;
 }
 
@@ -53,14 +58,14 @@ void create_table(sqlite3* db) {
 
 }  // namespace
 
-Storage::Storage(std::string configuration_directory)
-    : opened(false), config_path(std::move(configuration_directory)), db(nullptr) {}
-
-// Delegates, so that the destructor runs and closes the connection should anything below throw.
-Storage::Storage() : Storage(toolsunix::FilenameConvertor::Instance().GetKelmorConfigPath()) {
-  db = open_database();
-  if (db == nullptr) return;
-  create_table(db);
+Storage::Storage()
+    : opened(false),
+      config_path(toolsunix::FilenameConvertor::Instance().GetKelmorConfigPath()),
+      db(nullptr) {
+  Database connection = open_database();
+  if (connection == nullptr) return;
+  create_table(connection.get());
+  db = connection.release();
   opened = true;
 }
 

@@ -790,6 +790,16 @@ TEST_F(StorageCreate, TheNameIsPastedAsItIs) {
   EXPECT_EQ(rows(), (Rows{{"1", "o'hare", "0", "1", "<now>", "NULL"}}));
 }
 
+TEST_F(StorageCreate, ANameThatLeavesNoParameterDecidesTheRow) {
+  storage->Create("a',null,null,1,2,3)--", conf_full, 0);
+  EXPECT_EQ(
+      records(),
+      (LogRecords{create_says(2, "Try to save configuration 'a',null,null,1,2,3)--' (version 0)", {8}),
+                  create_says(4, "sqlite3_total_changes: 1", {4})}));
+  EXPECT_EQ(query("select name, keybase, etc, version, save_time, type from Config"),
+            (Rows{{"a", "NULL", "NULL", "1", "2", "3"}}));
+}
+
 TEST_F(StorageCreate, AnOversizedKeybaseStoresNothing) {
   make_large(config_dir() + "user/gateway.conf");
   limit_values(10000);

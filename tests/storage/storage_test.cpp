@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 
 #include "support/gateway.h"
 
@@ -87,6 +88,16 @@ TEST_F(StorageOpen, ADirectoryInPlaceOfTheFileLeavesItClosed) {
   EXPECT_EQ(host.records,
             (LogRecords{storage_says(
                 1, "Can't open database: unable to open database file (return code: 14)\n", {4})}));
+}
+
+TEST_F(StorageOpen, ALogThatThrowsLeavesNoConnectionBehind) {
+  std::filesystem::create_directory(database());
+  host.entry_points.begin = [](int, const ClUnilogFname&, const char*, int) {
+    throw std::runtime_error("log");
+  };
+  const sqlite3_int64 before = sqlite3_memory_used();
+  EXPECT_THROW(Storage(), std::runtime_error);
+  EXPECT_EQ(sqlite3_memory_used(), before);
 }
 
 TEST_F(StorageOpen, AFileThatIsNoDatabaseIsReportedAndOpened) {
