@@ -1,0 +1,163 @@
+#include "kelmor/system.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+/// Puts a signal's disposition back when it goes.
+class Disposition {
+ public:
+  Disposition(int number, struct sigaction action) : number_(number) {
+    sigaction(number, &action, &before_);
+  }
+  Disposition(const Disposition&) = delete;
+  Disposition& operator=(const Disposition&) = delete;
+  ~Disposition() { sigaction(number_, &before_, nullptr); }
+
+ private:
+  int number_;
+  struct sigaction before_ = {};
+};
+
+struct sigaction handled_by(sighandler_t handler, int flags = 0) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  action.sa_flags = flags;
+  return action;
+}
+
+struct sigaction current(int number) {
+  struct sigaction action = {};
+  sigaction(number, nullptr, &action);
+  return action;
+}
+
+class CommandRunner : public testing::Test {
+ protected:
+  ~CommandRunner() override { std::filesystem::remove(file); }
+
+  /// What a command writes to its standard output.
+  std::string output_of(const std::string& command) const {
+    EXPECT_EQ(my_system("{ %s; } >%s", command.c_str(), file.c_str()), 0) << command;
+    std::ifstream stream(file);
+    std::ostringstream text;
+    text << stream.rdbuf();
+    return text.str();
+  }
+
+  const std::string file = "/tmp/confsave-command-" + std::to_string(getpid());
+};
+
+TEST_F(CommandRunner, AnswersTheExitCode) {
+  EXPECT_EQ(my_system("true"), 0);
+  EXPECT_EQ(my_system("exit 1"), 1);
+  EXPECT_EQ(my_system("exit 255"), 255);
+  EXPECT_EQ(my_system(""), 0);
+}
+
+TEST_F(CommandRunner, AnswersAsAShellWhenACommandCannotRun) {
+  EXPECT_EQ(my_system("/missing/command 2>/dev/null"), 127);
+  EXPECT_EQ(my_system("/tmp 2>/dev/null"), 126);
+}
+
+TEST_F(CommandRunner, AnswersAsAShellWhenACommandIsKilled) {
+  EXPECT_EQ(my_system("kill -TERM $$"), 128 + SIGTERM);
+  EXPECT_EQ(my_system("kill -KILL $$"), 128 + SIGKILL);
+}
+
+TEST_F(CommandRunner, FormsTheCommandAsPrintfDoes) {
+  EXPECT_EQ(output_of("echo 100%; printf '%s'"), "100%\n");
+  EXPECT_EQ(my_system("test %d -eq %s && test '%%' = '%c'", 42, "42", '%'), 0);
+}
+
+TEST_F(CommandRunner, TakesACommandAsLongAsTheSystemDoes) {
+  const std::string text(100000, 'x');
+  EXPECT_EQ(my_system("test '%s' = '%s' || exit 9; exit 3", "", ""), 3);
+  EXPECT_EQ(output_of("printf %s " + text).size(), text.size());
+}
+
+TEST_F(CommandRunner, RefusesACommandThatIsTooLong) {
+  const std::string text(1 << 20, 'x');
+  EXPECT_EQ(my_system("true %s", text.c_str()), 127);
+}
+
+TEST_F(CommandRunner, KeepsUnsafeVariablesFromTheCommand) {
+  const char* const unsafe[] = {
+      "TAR_OPTIONS",    "GZIP",     "TAPE", "POSIXLY_CORRECT", "LD_LIBRARY_PATH", "LD_BIND_NOW",
+      "TAR_RSH",        "BASH_ENV", "ENV",  "CDPATH",          "BASH_FUNC_tar%%", "SIMPLE_BACKUP_SUFFIX",
+      "VERSION_CONTROL"};
+  for (const char* name : unsafe) setenv(name, "unsafe-value", 1);
+  setenv("CONFSAVE_TEST_SAFE", "safe-value", 1);
+  setenv("GZIPPED", "near-miss", 1);
+  const std::string environment = output_of("env");
+  for (const char* name : unsafe) unsetenv(name);
+  EXPECT_EQ(environment.find("unsafe-value"), std::string::npos) << environment;
+  EXPECT_NE(environment.find("CONFSAVE_TEST_SAFE=safe-value\n"), std::string::npos);
+  EXPECT_NE(environment.find("GZIPPED=near-miss\n"), std::string::npos);
+  EXPECT_NE(environment.find("PATH="), std::string::npos);
+}
+
+TEST_F(CommandRunner, TarIsNotToldWhatToDoByTheEnvironment) {
+  setenv("TAR_OPTIONS", "--help", 1);
+  EXPECT_EQ(output_of("tar cf - -T /dev/null | wc -c"), "10240\n");
+  unsetenv("TAR_OPTIONS");
+}
+
+TEST_F(CommandRunner, AnswersInAHostThatIgnoresItsChildren) {
+  for (const auto& action : {handled_by(SIG_IGN), handled_by(SIG_DFL, SA_NOCLDWAIT)}) {
+    const Disposition ignoring(SIGCHLD, action);
+    EXPECT_EQ(my_system("exit 7"), 7);
+    EXPECT_EQ(my_system("true"), 0);
+    EXPECT_EQ(my_system("sh -c 'exit 4'; exit $?"), 4);
+    EXPECT_EQ(current(SIGCHLD).sa_handler, action.sa_handler);
+    EXPECT_EQ(current(SIGCHLD).sa_flags & SA_NOCLDWAIT, action.sa_flags & SA_NOCLDWAIT);
+  }
+}
+
+TEST_F(CommandRunner, AnswersInAHostThatReapsInAHandler) {
+  const Disposition reaping(SIGCHLD, handled_by([](int) {
+                              const int error = errno;
+                              while (waitpid(-1, nullptr, WNOHANG) > 0) {
+                              }
+                              errno = error;
+                            }));
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(my_system("exit 7"), 7);
+}
+
+TEST_F(CommandRunner, LeavesTheHostsSignalsAsTheyWere) {
+  const auto noop = [](int) {};
+  const Disposition interrupt(SIGINT, handled_by(noop));
+  const Disposition quit(SIGQUIT, handled_by(SIG_IGN));
+  sigset_t before;
+  sigset_t after;
+  pthread_sigmask(SIG_SETMASK, nullptr, &before);
+  EXPECT_EQ(my_system("true"), 0);
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+  EXPECT_EQ(current(SIGINT).sa_handler, static_cast<sighandler_t>(noop));
+  EXPECT_EQ(current(SIGQUIT).sa_handler, SIG_IGN);
+  for (int number = 1; number < 32; ++number) {
+    EXPECT_EQ(sigismember(&before, number), sigismember(&after, number)) << number;
+  }
+}
+
+TEST_F(CommandRunner, AnInterruptEndsTheCommandAndNotTheHost) {
+  // To the whole foreground group, as a terminal sends it.
+  EXPECT_EQ(my_system("kill -INT %d; kill -INT $$", getpid()), 128 + SIGINT);
+  EXPECT_EQ(my_system("kill -QUIT %d; kill -QUIT $$", getpid()), 128 + SIGQUIT);
+}
+
+TEST_F(CommandRunner, ASignalThatTheHostIgnoresStaysIgnored) {
+  const Disposition ignoring(SIGINT, handled_by(SIG_IGN));
+  EXPECT_EQ(my_system("kill -INT $$; exit 5"), 5);
+}
+
+}  // namespace
