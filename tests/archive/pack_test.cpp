@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <regex>
@@ -289,6 +290,21 @@ TEST_F(ReadArchive, WhatCannotBeReadIsStatus5) {
                          "source/archive",
                          file.name() + ": failed to read from archive file: Bad file descriptor",
                          {}}}));
+}
+
+TEST_F(ReadArchive, AShortReadIsStatus5) {
+  TempFile file;
+  file.create();
+  // Its size is given as a page, and it holds a few digits.
+  const int shorter_than_it_says = open("/sys/kernel/uevent_seqnum", O_RDONLY | O_CLOEXEC);
+  ASSERT_NE(shorter_than_it_says, -1);
+  dup2(shorter_than_it_says, file.fd());
+  close(shorter_than_it_says);
+  std::vector<char> bytes;
+  errno = ENOENT;
+  const auto error = test::thrown_by<XTOOStatus>([&] { TempFile_to_BinObj(file, bytes); });
+  EXPECT_EQ(error.Status(), 5);
+  EXPECT_STREQ(error.ErrorMessage(), "Success");
 }
 
 }  // namespace

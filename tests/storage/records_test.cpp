@@ -986,6 +986,21 @@ TEST_F(StorageUpdate, TheOldRowIsReplaced) {
                           {"4", "weekly", "17264017408", "2", "<now>", "NULL"}}));
 }
 
+sqlite3* updated = nullptr;
+bool statement_was_open = false;
+
+TEST_F(StorageUpdate, TheStatementIsGoneBeforeTheChangesAreTold) {
+  updated = connection;
+  noted_end = host.entry_points.end;
+  host.entry_points.end = [] {
+    noted_end();
+    statement_was_open = sqlite3_next_stmt(updated, nullptr) != nullptr;
+  };
+  statement_was_open = true;
+  update();
+  EXPECT_FALSE(statement_was_open);
+}
+
 TEST_F(StorageUpdate, TheLastRowIdIsNotUsedAgain) {
   put({"weekly", kCurrent});
   storage->Update("weekly", conf_corlu, kCurrent);
