@@ -21,7 +21,7 @@
 
 #include "support/console.h"
 #include "support/gateway.h"
-#include "support/test_host.h"
+#include "support/grouped_digits.h"
 
 namespace {
 
@@ -39,25 +39,35 @@ using ConfSave::XChdir;
 using ConfSave::XConstraint;
 using ConfSave::XExternalFailure;
 using ConfSave::XNotFound;
+using test::create_says;
+using test::delete_says;
+using test::GroupedDigits;
+using test::kCannotOpen;
+using test::kCreateTable;
 using test::kCurrent;
+using test::kPackCorlu;
+using test::kPackEtc;
+using test::kPackFull;
+using test::kPackPart;
+using test::kSelectAll;
+using test::kTablesMade;
+using test::kTryTables;
+using test::list_says;
+using test::load_says;
 using test::LogRecord;
 using test::LogRecords;
+using test::pack_says;
+using test::Rows;
+using test::storage_says;
+using test::Texts;
+using test::operator+;
 
-using Texts = std::vector<std::string>;
-using Rows = std::vector<Texts>;
 using Bytes = std::vector<char>;
-using Widths = std::vector<unsigned>;
 using Files = std::map<std::string, std::string>;
 using Raise = std::function<void()>;
 /// What was seen, and what the command answered.
 using Saved = std::pair<std::string, bool>;
 
-const std::string kCreateTable =
-    "create table 'Config' (id integer primary key autoincrement, name varchar(80) not null, version "
-    "integer not null, keybase blob, etc blob, type integer, save_time timestamp, load_time timestamp, "
-    "unique (name, version) )";
-const std::string kSelectAll =
-    "select name, version, type, save_time, load_time from 'Config' where name!='corlu-config'";
 const std::string kDeleteWeekly = "delete from 'Config' where name='weekly' and version=0";
 const std::string kSelectWeekly =
     "select keybase, etc, type, id from 'Config' where name!='corlu-config' and name='weekly' and "
@@ -71,25 +81,6 @@ std::string insert_statement(const std::string& name, const std::string& type = 
          "',?,?,0,<now>," + type + ")";
 }
 
-const std::string kPackEtc =
-    "cd /mnt/main/etc/ && tar czf <archive> --ignore-failed-read  failover.ini failover.ini.crg "
-    "failoverd-config.crg 2>/dev/null";
-const std::string kPackFull =
-    "cd <root>/config/ && tar czf <archive> --ignore-failed-read  user/gateway.conf user/gateway.key* "
-    "user/interfaces.conf user/routes.conf user/filter.conf user/nat.conf user/services.conf "
-    "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx user/kwtp.conf "
-    "user/upgrade.conf user/corlucfg-config.crg user/kwtpd-config.crg gw* peer* outnet* remote.txt "
-    "quelvian.re corluadr* linkmap.dat station user/key_set hub/out hub/old hub/key 2>/dev/null";
-const std::string kPackPart =
-    "cd <root>/config/ && tar czf <archive> --ignore-failed-read  user/gateway.conf user/gateway.key* "
-    "user/interfaces.conf user/routes.conf user/filter.conf user/nat.conf user/services.conf "
-    "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx user/kwtp.conf "
-    "user/upgrade.conf user/corlucfg-config.crg user/kwtpd-config.crg 2>/dev/null";
-const std::string kPackCorlu =
-    "cd <root>/config/ && tar czf <archive> --ignore-failed-read  user/gateway.conf user/gateway.key* "
-    "user/interfaces.conf user/routes.conf user/filter.conf user/nat.conf user/services.conf "
-    "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx "
-    "user/upgrade.conf user/corlucfg-config.crg 2>/dev/null";
 const Texts kUnpack{
     "tar xzf <archive> --exclude corlu.serv -C /mnt/main/etc//<scratch> 2>/dev/null",
     "cp -alf /mnt/main/etc//<scratch>/* /mnt/main/etc//. 2>/dev/null",
@@ -99,60 +90,12 @@ const Texts kUnpack{
     "rm -rf <root>/config//<scratch> 2>/dev/null",
 };
 
-LogRecord storage_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level, "ConfSave::Storage::Storage()", "Storage", "source/storage", text, widths};
-}
-
-LogRecord list_says(int level, const std::string& text, const Widths& widths) {
-  return {level,  "Configs ConfSave::Storage::List(int64, const string&, bool)",
-          "List", "source/storage",
-          text,   widths};
-}
-
-LogRecord delete_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level, "void ConfSave::Storage::Delete(const string&, int64)", "Delete", "source/storage", text,
-          widths};
-}
-
-LogRecord create_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,    "void ConfSave::Storage::Create(const string&, ConfSave::conftype, int64)",
-          "Create", "source/storage",
-          text,     widths};
-}
-
-LogRecord load_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,  "void ConfSave::Storage::Load(const string&, const char*, int64, bool)",
-          "Load", "source/storage",
-          text,   widths};
-}
-
-LogRecord pack_says(int level, const std::string& text, const Widths& widths) {
-  return {level,  "void ConfSave::pack(const string&, const string&, const string&)",
-          "pack", "source/archive",
-          text,   widths};
-}
-
-const LogRecord kTryTables = storage_says(4, "Try create storage tables");
-const LogRecord kTablesMade = storage_says(4, "storage tables successfully created");
-const LogRecord kCannotOpen =
-    storage_says(1, "Can't open database: unable to open database file (return code: 14)\n", {4});
-
 LogRecords refused_as_taken(const std::string& name) {
   return {create_says(2,
                       "SQL error: UNIQUE constraint failed: Config.name, Config.version. Query: " +
                           insert_statement(name) + " (return code: 19)",
                       {4}),
           create_says(1, "sqlite3_finalize() return code 19", {4})};
-}
-
-LogRecords operator+(LogRecords left, const LogRecords& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
-}
-
-Texts operator+(Texts left, const Texts& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
 }
 
 const std::string kAskToSave = "Save current configuration [Y/n]? ";
@@ -179,18 +122,6 @@ const std::string kCareful =
     "Name for the current configuration: ‹before›\n"
     "Kelmor configuration saved.\n";
 
-/// `text` with "<now>" for every time from `since` up to this moment.
-std::string without_now(std::string text, std::time_t since) {
-  const std::time_t until = std::time(nullptr);
-  for (std::time_t time = since; time <= until; ++time) {
-    const std::string digits = std::to_string(time);
-    for (auto at = text.find(digits); at != std::string::npos; at = text.find(digits)) {
-      text.replace(at, digits.size(), "<now>");
-    }
-  }
-  return text;
-}
-
 std::string hex(const Bytes& bytes) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string text = "x'";
@@ -205,17 +136,6 @@ std::string hex(const Bytes& bytes) {
 template <class Exception>
 Raise throwing(Exception exception) {
   return [exception] { throw exception; };
-}
-
-/// The descriptors of this process that are open on files below `dir`.
-Texts open_files_below(const std::string& dir) {
-  Texts found;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    const std::string file = fs::read_symlink(entry.path(), gone).string();
-    if (file.compare(0, dir.size(), dir) == 0) found.push_back(file);
-  }
-  return found;
 }
 
 /// Stands before the standard input, and does something whenever a line is waited for.
@@ -303,31 +223,6 @@ class Untied {
   std::ostream* before_;
 };
 
-/// A host whose output groups digits by three.
-class GroupedDigits {
- public:
-  GroupedDigits() : before_(std::cout.imbue(std::locale(std::locale::classic(), new Grouping))) {}
-  GroupedDigits(const GroupedDigits&) = delete;
-  GroupedDigits& operator=(const GroupedDigits&) = delete;
-  ~GroupedDigits() { std::cout.imbue(before_); }
-
- private:
-  struct Grouping : std::numpunct<char> {
-    char do_thousands_sep() const override { return '.'; }
-    std::string do_grouping() const override { return "\3"; }
-  };
-  std::locale before_;
-};
-
-std::string failing_function;
-Raise failure;
-void (*noted_begin)(int, const ClUnilogFname&, const char*, int) = nullptr;
-
-void begin_or_fail(int level, const ClUnilogFname& function, const char* source, int line) {
-  if (function.Name() == failing_function) failure();
-  noted_begin(level, function, source, line);
-}
-
 class Shell : public test::Gateway {
  protected:
   Shell() { make_configuration(); }
@@ -345,7 +240,7 @@ class Shell : public test::Gateway {
     }
     EXPECT_EQ(console.unread(), "");
     expect_nothing_held();
-    EXPECT_EQ(open_files_below(root()), Texts());
+    EXPECT_EQ(open_files(), Texts());
     return console.transcript();
   }
 
@@ -388,35 +283,10 @@ class Shell : public test::Gateway {
 
   /// All rows: id, name, version, type, save_time, load_time.
   Rows rows() const {
-    Rows result = query("select id, name, version, type, save_time, load_time from Config order by id");
-    for (Texts& row : result) {
-      for (std::string& text : row) text = without_now(text, started);
-    }
-    return result;
+    return query("select id, name, version, type, save_time, load_time from Config order by id");
   }
 
-  Texts statements() const {
-    Texts texts;
-    for (const std::string& text : recorder.statements()) texts.push_back(without_now(text, started));
-    return texts;
-  }
-
-  LogRecords records() const {
-    LogRecords result = host.records;
-    for (LogRecord& record : result) record.text = without_now(record.text, started);
-    return result;
-  }
-
-  /// The commands, without the parts of paths that differ from run to run.
-  Texts commands() const {
-    Texts texts;
-    for (std::string text : host.commands) {
-      text = std::regex_replace(text, std::regex(scratch_dir() + "/[A-Za-z0-9]{6}"), "<archive>");
-      text = std::regex_replace(text, std::regex("//[A-Za-z0-9]{6}"), "//<scratch>");
-      texts.push_back(std::regex_replace(text, std::regex(root()), "<root>"));
-    }
-    return texts;
-  }
+  Texts statements() const { return without_now(recorder.statements()); }
 
   /// Every file of the gateway.
   Files gateway() const {
@@ -452,10 +322,9 @@ class Shell : public test::Gateway {
 
   /// The host's log throws when `function` begins a record.
   void fail_in_log(const std::string& function, Raise raise) {
-    failing_function = function;
-    failure = std::move(raise);
-    noted_begin = host.entry_points.begin;
-    host.entry_points.begin = begin_or_fail;
+    host.on_record = [function, raise = std::move(raise)](const std::string& name) {
+      if (name == function) raise();
+    };
   }
 
   void keep_all_rows() {
@@ -472,17 +341,9 @@ class Shell : public test::Gateway {
   }
 
   test::StatementRecorder recorder;
-  /// When the test began: rows may be older than the last call.
-  const std::time_t started = std::time(nullptr);
   std::string sizes;
 
  private:
-  Rows query(const std::string& sql) const {
-    const test::Database db(database());
-    sqlite3_trace_v2(db.get(), 0, nullptr, nullptr);  // The test's own statements are not of interest.
-    return db.query(sql);
-  }
-
   void expect_nothing_held() const {
     EXPECT_EQ(scratch_files(), Texts());
     if (damaged || !test::exists(database())) return;
@@ -1504,7 +1365,7 @@ TEST_F(AppLoad, AFailedTarOfTheSavingIsToldAndAborts) {
 TEST_F(AppLoad, AStatusIsWrittenWithoutDigitGroups) {
   put_snapshot();
   fail_at(1, throwing(XTOOStatus(1234567, true)));
-  const GroupedDigits grouped;
+  const GroupedDigits grouped(std::cout);
   EXPECT_EQ(load(kRecklessly), kReckless + kLoadWeekly + "Unknown error: 1234567.\n");
 }
 

@@ -22,7 +22,7 @@
 #include "confsave.h"
 #include "support/console.h"
 #include "support/gateway.h"
-#include "support/test_host.h"
+#include "support/grouped_digits.h"
 
 namespace {
 
@@ -44,24 +44,35 @@ using ConfSave::Storage;
 using ConfSave::XConstraint;
 using ConfSave::XExternalFailure;
 using ConfSave::XNotFound;
+using test::create_says;
+using test::delete_says;
+using test::exists_says;
+using test::find_says;
+using test::GroupedDigits;
+using test::kCannotOpen;
+using test::kCreateTable;
 using test::kCurrent;
+using test::kPackCorlu;
+using test::kPackEtc;
+using test::kPackFull;
+using test::kPackPart;
+using test::kSelectAll;
+using test::kTablesMade;
+using test::kTryTables;
+using test::list_says;
 using test::LogRecord;
 using test::LogRecords;
+using test::Rows;
+using test::storage_says;
+using test::Texts;
+using test::Widths;
+using test::operator+;
 
-using Texts = std::vector<std::string>;
-using Rows = std::vector<Texts>;
-using Widths = std::vector<unsigned>;
 using Raise = std::function<void()>;
 using SystemLog = std::vector<std::pair<int, std::string>>;
 
 constexpr int64 k31Days = 2678400;
 
-const std::string kCreateTable =
-    "create table 'Config' (id integer primary key autoincrement, name varchar(80) not null, version "
-    "integer not null, keybase blob, etc blob, type integer, save_time timestamp, load_time timestamp, "
-    "unique (name, version) )";
-const std::string kSelectAll =
-    "select name, version, type, save_time, load_time from 'Config' where name!='corlu-config'";
 const std::string kFindAutosaves =
     "select id, name, type, version, save_time, load_time from 'Config' where name!='corlu-config' and "
     "name glob 'autosave*'";
@@ -82,58 +93,6 @@ std::string insert_statement(const std::string& name, const std::string& type = 
 /// What the saving of a free name runs.
 Texts saving(const std::string& name) {
   return {count_statement(name), delete_statement(name), insert_statement(name)};
-}
-
-const std::string kPackEtc =
-    "cd /mnt/main/etc/ && tar czf <archive> --ignore-failed-read  failover.ini failover.ini.crg "
-    "failoverd-config.crg 2>/dev/null";
-const std::string kPackFull =
-    "cd <root>/config/ && tar czf <archive> --ignore-failed-read  user/gateway.conf user/gateway.key* "
-    "user/interfaces.conf user/routes.conf user/filter.conf user/nat.conf user/services.conf "
-    "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx user/kwtp.conf "
-    "user/upgrade.conf user/corlucfg-config.crg user/kwtpd-config.crg gw* peer* outnet* remote.txt "
-    "quelvian.re corluadr* linkmap.dat station user/key_set hub/out hub/old hub/key 2>/dev/null";
-const std::string kPackPart =
-    "cd <root>/config/ && tar czf <archive> --ignore-failed-read  user/gateway.conf user/gateway.key* "
-    "user/interfaces.conf user/routes.conf user/filter.conf user/nat.conf user/services.conf "
-    "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx user/kwtp.conf "
-    "user/upgrade.conf user/corlucfg-config.crg user/kwtpd-config.crg 2>/dev/null";
-const std::string kPackCorlu =
-    "cd <root>/config/ && tar czf <archive> --ignore-failed-read  user/gateway.conf user/gateway.key* "
-    "user/interfaces.conf user/routes.conf user/filter.conf user/nat.conf user/services.conf "
-    "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx "
-    "user/upgrade.conf user/corlucfg-config.crg 2>/dev/null";
-
-LogRecord storage_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level, "ConfSave::Storage::Storage()", "Storage", "source/storage", text, widths};
-}
-
-LogRecord list_says(int level, const std::string& text, const Widths& widths) {
-  return {level,  "Configs ConfSave::Storage::List(int64, const string&, bool)",
-          "List", "source/storage",
-          text,   widths};
-}
-
-LogRecord find_says(int level, const std::string& text, const Widths& widths) {
-  return {level,          "Configs ConfSave::Storage::FindMatching(const string&, int64, bool)",
-          "FindMatching", "source/storage",
-          text,           widths};
-}
-
-LogRecord exists_says(int level, const std::string& text, const Widths& widths) {
-  return {level, "bool ConfSave::Storage::Exists(const string&, int64)", "Exists", "source/storage", text,
-          widths};
-}
-
-LogRecord delete_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level, "void ConfSave::Storage::Delete(const string&, int64)", "Delete", "source/storage", text,
-          widths};
-}
-
-LogRecord create_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,    "void ConfSave::Storage::Create(const string&, ConfSave::conftype, int64)",
-          "Create", "source/storage",
-          text,     widths};
 }
 
 LogRecord unique_says(const std::string& text) {
@@ -157,23 +116,12 @@ LogRecord clean_says(int level, const std::string& text, const Widths& widths = 
 const LogRecord kUnknownException{
     1, "bool ConfSave::CheckOld()", "CheckOld", "source/freefunc", "unknown exception raised!", {}};
 
-const LogRecord kTryTables = storage_says(4, "Try create storage tables");
-const LogRecord kTablesMade = storage_says(4, "storage tables successfully created");
-const LogRecord kCannotOpen =
-    storage_says(1, "Can't open database: unable to open database file (return code: 14)\n", {4});
-
 /// The records of the saving of a free name, the change of this number on its connection.
 LogRecords saved_as(const std::string& name, int change) {
   return {delete_says(4, "config name '" + name + "'"),
           create_says(2, "Try to save configuration '" + name + "' (version 17264017408)", {8}),
           create_says(4, "sqlite3_total_changes: " + std::to_string(change), {4}),
           unique_says("config '" + name + "' (version 4.5.4) successfully saved")};
-}
-
-template <class Value>
-std::vector<Value> operator+(std::vector<Value> left, const std::vector<Value>& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
 }
 
 /// Throws a copy of `exception`, of exactly its type.
@@ -198,42 +146,6 @@ void replace_all(std::string& text, const std::string& from, const std::string& 
   }
 }
 
-/// The descriptors of this process that are open on files below `dir`.
-Texts open_files_below(const std::string& dir) {
-  Texts found;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    const std::string file = fs::read_symlink(entry.path(), gone).string();
-    if (file.compare(0, dir.size(), dir) == 0) found.push_back(file);
-  }
-  return found;
-}
-
-/// Digits in groups of three, as a host's locale may have them.
-class GroupedDigits {
- public:
-  GroupedDigits() : before_(std::locale::global(std::locale(std::locale(), new Grouping))) {}
-  GroupedDigits(const GroupedDigits&) = delete;
-  GroupedDigits& operator=(const GroupedDigits&) = delete;
-  ~GroupedDigits() { std::locale::global(before_); }
-
- private:
-  struct Grouping : std::numpunct<char> {
-    char do_thousands_sep() const override { return '.'; }
-    std::string do_grouping() const override { return "\3"; }
-  };
-  std::locale before_;
-};
-
-std::string failing_function;
-Raise failure;
-void (*noted_begin)(int, const ClUnilogFname&, const char*, int) = nullptr;
-
-void begin_or_fail(int level, const ClUnilogFname& function, const char* source, int line) {
-  if (function.Name() == failing_function && failure) std::exchange(failure, nullptr)();
-  noted_begin(level, function, source, line);
-}
-
 class Housekeeping : public test::Gateway {
  protected:
   Housekeeping() { make_configuration(); }
@@ -250,7 +162,7 @@ class Housekeeping : public test::Gateway {
       EXPECT_EQ(console.unread(), "not read\n");
     }
     EXPECT_EQ(scratch_files(), Texts());
-    EXPECT_EQ(open_files_below(root()), Texts());
+    EXPECT_EQ(open_files(), Texts());
     if (damaged || !test::exists(database())) return;
     EXPECT_TRUE(test::lock_is_free(database()));
     EXPECT_EQ(query("pragma integrity_check"), Rows{{"ok"}});
@@ -357,10 +269,9 @@ class Housekeeping : public test::Gateway {
 
   /// The host's log throws when `function` begins its next record.
   void fail_in_log(const std::string& function, Raise raise) {
-    failing_function = function;
-    failure = std::move(raise);
-    noted_begin = host.entry_points.begin;
-    host.entry_points.begin = begin_or_fail;
+    host.on_record = [function, raise = std::move(raise)](const std::string& name) mutable {
+      if (name == function && raise) std::exchange(raise, nullptr)();
+    };
   }
 
   /// All rows in the order in which they were stored: name, version, type, save_time, load_time.
@@ -404,18 +315,7 @@ class Housekeeping : public test::Gateway {
     return lines;
   }
 
-  /// The commands, without the parts of paths that differ from run to run.
-  Texts commands() const {
-    Texts texts;
-    for (std::string text : host.commands) {
-      text = std::regex_replace(text, std::regex(scratch_dir() + "/[A-Za-z0-9]{6}"), "<archive>");
-      texts.push_back(std::regex_replace(text, std::regex(root()), "<root>"));
-    }
-    return texts;
-  }
-
   test::StatementRecorder recorder;
-  const std::time_t started = std::time(nullptr);
   std::time_t ended = 0;
   int zone = 0;  ///< Seconds ahead of UTC.
 
@@ -428,12 +328,6 @@ class Housekeeping : public test::Gateway {
       replace_all(text, name_at(time, zone), "autosave-<now>");
     }
     return text;
-  }
-
-  Rows query(const std::string& text) const {
-    const test::Database db(database());
-    sqlite3_trace_v2(db.get(), 0, nullptr, nullptr);  // The test's own statements are not of interest.
-    return db.query(text);
   }
 
   bool damaged = false;

@@ -20,8 +20,8 @@
 #include <tuple>
 #include <vector>
 
-#include "support/gateway.h"
-#include "support/test_host.h"
+#include "support/grouped_digits.h"
+#include "support/opened_storage.h"
 
 namespace {
 
@@ -33,22 +33,18 @@ using ConfSave::int64;
 using ConfSave::XConstraint;
 using ConfSave::XExternalFailure;
 using ConfSave::XNotFound;
+using test::GroupedDigits;
 using test::kCurrent;
+using test::load_says;
 using test::LogRecord;
 using test::LogRecords;
+using test::refusal;
+using test::Rows;
+using test::Texts;
+using test::Widths;
 
-using Texts = std::vector<std::string>;
-using Rows = std::vector<Texts>;
 using Bytes = std::vector<char>;
-using Widths = std::vector<unsigned>;
-
 constexpr const char* kSource = "source/storage";
-
-LogRecord load_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,  "void ConfSave::Storage::Load(const string&, const char*, int64, bool)",
-          "Load", kSource,
-          text,   widths};
-}
 
 LogRecord check_says(const std::string& text) {
   return {
@@ -65,22 +61,6 @@ LogRecord unpack_says(const std::string& text, const Widths& widths = {}) {
           widths};
 }
 
-std::string refusal(const std::string& error, const std::string& statement, int code) {
-  return "SQL error: " + error + ". Query: " + statement + " (return code: " + std::to_string(code) + ")";
-}
-
-/// `text` with "<now>" for every time from `since` up to this moment.
-std::string without_now(std::string text, std::time_t since) {
-  const std::time_t until = std::time(nullptr);
-  for (std::time_t time = since; time <= until; ++time) {
-    const std::string digits = std::to_string(time);
-    for (auto at = text.find(digits); at != std::string::npos; at = text.find(digits)) {
-      text.replace(at, digits.size(), "<now>");
-    }
-  }
-  return text;
-}
-
 /// The bytes as a literal of SQL.
 std::string literal(const Bytes& bytes) {
   constexpr const char* kDigits = "0123456789abcdef";
@@ -91,22 +71,6 @@ std::string literal(const Bytes& bytes) {
   }
   return text + "'";
 }
-
-/// Digits in groups of three, as a host's locale may have them.
-class GroupedDigits {
- public:
-  GroupedDigits() : before_(std::locale::global(std::locale(std::locale(), new Grouping))) {}
-  GroupedDigits(const GroupedDigits&) = delete;
-  GroupedDigits& operator=(const GroupedDigits&) = delete;
-  ~GroupedDigits() { std::locale::global(before_); }
-
- private:
-  struct Grouping : std::numpunct<char> {
-    char do_thousands_sep() const override { return '.'; }
-    std::string do_grouping() const override { return "\3"; }
-  };
-  std::locale before_;
-};
 
 // ---------------------------------------------------------------------------------------------------
 // checkColumnType
@@ -241,7 +205,7 @@ Files files_below(const std::string& dir) {
 }
 
 /// A storage, two archives that the real tar made, and directories that have lost what is in them.
-class StorageLoad : public test::Gateway {
+class StorageLoad : public test::OpenedStorage {
  protected:
   StorageLoad() {
     make_configuration();
@@ -251,37 +215,6 @@ class StorageLoad : public test::Gateway {
     etc = test::make_archive(etc_dir(), "failover.ini failover.ini.crg failoverd-config.crg");
     test::shell("rm -rf " + config_dir() + "* " + etc_dir() + "*");
     fs::create_directory(config_dir() + "user");
-    open();
-  }
-
-  /// Whatever happened, no statement is open, no lock held, no file left.
-  void TearDown() override {
-    if (storage) {
-      EXPECT_EQ(sqlite3_next_stmt(connection, nullptr), nullptr);
-    }
-    EXPECT_TRUE(test::lock_is_free(database()));
-    EXPECT_EQ(scratch_files(), Texts());
-  }
-
-  void open() {
-    storage.reset();
-    storage.emplace();
-    connection = recorder.connection();
-    forget();
-  }
-
-  void forget() {
-    recorder.clear();
-    host.records.clear();
-    host.commands.clear();
-    started = std::time(nullptr);
-  }
-
-  /// Runs `sql` past the library, which then finds the table so when it opens it.
-  void rearrange(const std::string& sql) {
-    storage.reset();
-    test::Database(database()).run(sql);
-    open();
   }
 
   /// A table that somebody else made: as ours, but a name and version may be there many times.
@@ -299,55 +232,10 @@ class StorageLoad : public test::Gateway {
     return {"weekly", kCurrent, type, "1000", "NULL", keybase_value, etc_value};
   }
 
-  void put(const test::RowSpec& spec) {
-    test::insert_row(database(), spec);
-    recorder.clear();
-  }
-
   void load() { storage->Load("weekly", nullptr, kCurrent, true); }
-
-  Rows query(const std::string& sql) const {
-    const test::Database db(database());
-    sqlite3_trace_v2(db.get(), 0, nullptr, nullptr);  // The test's own statements are not of interest.
-    Rows rows = db.query(sql);
-    for (Texts& texts : rows) {
-      for (std::string& text : texts) text = without_now(text, born);
-    }
-    return rows;
-  }
 
   /// All rows: id, load_time.
   Rows stamps() const { return query("select id, load_time from Config order by rowid"); }
-
-  Texts statements() const {
-    Texts texts;
-    for (const std::string& text : recorder.statements()) texts.push_back(without_now(text, started));
-    return texts;
-  }
-
-  LogRecords records() const {
-    LogRecords result = host.records;
-    for (LogRecord& record : result) record.text = without_now(record.text, started);
-    return result;
-  }
-
-  /// The commands, without the parts of paths that differ from run to run.
-  Texts commands() const {
-    Texts texts;
-    for (std::string shown : host.commands) {
-      shown = std::regex_replace(shown, std::regex(scratch_dir() + "/[A-Za-z0-9]{6}"), "<archive>");
-      shown = std::regex_replace(shown, std::regex("//[A-Za-z0-9]{6}"), "//<unpacked>");
-      texts.push_back(std::regex_replace(shown, std::regex(root()), "<root>"));
-    }
-    return texts;
-  }
-
-  LogRecords logged_at(int level, const std::function<void()>& call) {
-    host.log_level = level;
-    host.records.clear();
-    call();
-    return records();
-  }
 
   /// Runs no command, and keeps the contents of the temporary files that the first finds, sorted.
   void keep_archives() {
@@ -389,12 +277,6 @@ class StorageLoad : public test::Gateway {
     EXPECT_EQ(commands(), Texts());
   }
 
-  test::StatementRecorder recorder;
-  std::optional<ConfSave::Storage> storage;
-  sqlite3* connection = nullptr;
-  /// When the test began: rows may be older than the last call.
-  const std::time_t born = std::time(nullptr);
-  std::time_t started = 0;
   Files config_files;
   Files etc_files;
   Bytes keybase;
@@ -413,17 +295,16 @@ const LogRecord kNoChange = load_says(4, "sqlite3_total_changes: 0", {4});
 const LogRecord kNotFound =
     load_says(2, "Configuration is not found: name=weekly, version=17264017408", {8});
 
-const Texts kUnpackEtc{"tar xzf <archive> --exclude corlu.serv -C /mnt/main/etc//<unpacked> 2>/dev/null",
-                       "cp -alf /mnt/main/etc//<unpacked>/* /mnt/main/etc//. 2>/dev/null",
-                       "rm -rf /mnt/main/etc//<unpacked> 2>/dev/null"};
-const Texts kUnpackKeybase{
-    "tar xzf <archive> --exclude corlu.serv -C <root>/config//<unpacked> 2>/dev/null",
-    "cp -alf <root>/config//<unpacked>/* <root>/config//. 2>/dev/null",
-    "rm -rf <root>/config//<unpacked> 2>/dev/null"};
+const Texts kUnpackEtc{"tar xzf <archive> --exclude corlu.serv -C /mnt/main/etc//<scratch> 2>/dev/null",
+                       "cp -alf /mnt/main/etc//<scratch>/* /mnt/main/etc//. 2>/dev/null",
+                       "rm -rf /mnt/main/etc//<scratch> 2>/dev/null"};
+const Texts kUnpackKeybase{"tar xzf <archive> --exclude corlu.serv -C <root>/config//<scratch> 2>/dev/null",
+                           "cp -alf <root>/config//<scratch>/* <root>/config//. 2>/dev/null",
+                           "rm -rf <root>/config//<scratch> 2>/dev/null"};
 const Texts kUnpackToTarget{
-    "tar xzf <archive> --exclude corlu.serv -C <root>/target//<unpacked> 2>/dev/null",
-    "cp -alf <root>/target//<unpacked>/* <root>/target//. 2>/dev/null",
-    "rm -rf <root>/target//<unpacked> 2>/dev/null"};
+    "tar xzf <archive> --exclude corlu.serv -C <root>/target//<scratch> 2>/dev/null",
+    "cp -alf <root>/target//<scratch>/* <root>/target//. 2>/dev/null",
+    "rm -rf <root>/target//<scratch> 2>/dev/null"};
 
 Texts operator+(Texts first, const Texts& second) {
   first.insert(first.end(), second.begin(), second.end());

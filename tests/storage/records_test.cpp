@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "support/gateway.h"
-#include "support/test_host.h"
+#include "support/grouped_digits.h"
+#include "support/opened_storage.h"
 
 namespace {
 
@@ -30,41 +30,23 @@ using ConfSave::conftype;
 using ConfSave::int64;
 using ConfSave::XConstraint;
 using ConfSave::XExternalFailure;
+using test::create_says;
+using test::delete_says;
+using test::exists_says;
+using test::GroupedDigits;
 using test::kCurrent;
+using test::kPackCorlu;
+using test::kPackEtc;
+using test::kPackFull;
+using test::kPackPart;
 using test::LogRecord;
 using test::LogRecords;
+using test::refusal;
+using test::Rows;
+using test::Texts;
+using test::update_says;
 
-using Texts = std::vector<std::string>;
-using Rows = std::vector<Texts>;
 using Bytes = std::vector<char>;
-using Widths = std::vector<unsigned>;
-
-constexpr const char* kSource = "source/storage";
-
-LogRecord exists_says(int level, const std::string& text, const Widths& widths) {
-  return {level, "bool ConfSave::Storage::Exists(const string&, int64)", "Exists", kSource, text, widths};
-}
-
-LogRecord delete_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level, "void ConfSave::Storage::Delete(const string&, int64)", "Delete", kSource, text, widths};
-}
-
-LogRecord create_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,    "void ConfSave::Storage::Create(const string&, ConfSave::conftype, int64)",
-          "Create", kSource,
-          text,     widths};
-}
-
-LogRecord update_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,    "void ConfSave::Storage::Update(const string&, ConfSave::conftype, int64)",
-          "Update", kSource,
-          text,     widths};
-}
-
-std::string refusal(const std::string& error, const std::string& statement, int code) {
-  return "SQL error: " + error + ". Query: " + statement + " (return code: " + std::to_string(code) + ")";
-}
-
 const LogRecord kTarFailed{1,
                            "void ConfSave::pack(const string&, const string&, const string&)",
                            "pack",
@@ -77,44 +59,12 @@ const std::string kForeignTable =
     "drop table Config; create table Config (id integer primary key, name, version, keybase, etc, type, "
     "save_time, load_time)";
 
-const std::string kPackEtc =
-    "cd /mnt/main/etc/ && tar czf <archive> --ignore-failed-read  failover.ini failover.ini.crg "
-    "failoverd-config.crg 2>/dev/null";
-const std::string kPackFull =
-    "cd <root>/config/ && tar czf <archive> --ignore-failed-read  user/gateway.conf user/gateway.key* "
-    "user/interfaces.conf user/routes.conf user/filter.conf user/nat.conf user/services.conf "
-    "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx user/kwtp.conf "
-    "user/upgrade.conf user/corlucfg-config.crg user/kwtpd-config.crg gw* peer* outnet* remote.txt "
-    "quelvian.re corluadr* linkmap.dat station user/key_set hub/out hub/old hub/key 2>/dev/null";
-const std::string kPackPart =
-    "cd <root>/config/ && tar czf <archive> --ignore-failed-read  user/gateway.conf user/gateway.key* "
-    "user/interfaces.conf user/routes.conf user/filter.conf user/nat.conf user/services.conf "
-    "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx user/kwtp.conf "
-    "user/upgrade.conf user/corlucfg-config.crg user/kwtpd-config.crg 2>/dev/null";
-const std::string kPackCorlu =
-    "cd <root>/config/ && tar czf <archive> --ignore-failed-read  user/gateway.conf user/gateway.key* "
-    "user/interfaces.conf user/routes.conf user/filter.conf user/nat.conf user/services.conf "
-    "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx "
-    "user/upgrade.conf user/corlucfg-config.crg 2>/dev/null";
-
 const Texts kEtcMembers{"failover.ini", "failover.ini.crg", "failoverd-config.crg"};
 const Texts kCorluMembers{"user/gateway.conf",    "user/gateway.key",   "user/gateway.key.pub",
                           "user/interfaces.conf", "user/routes.conf",   "user/filter.conf",
                           "user/nat.conf",        "user/services.conf", "user/users.conf",
                           "user/schedule.conf",   "user/notify.conf",   "user/config.db",
                           "user/config.idx",      "user/upgrade.conf",  "user/corlucfg-config.crg"};
-
-/// `text` with "<now>" for every time from `since` up to this moment.
-std::string without_now(std::string text, std::time_t since) {
-  const std::time_t until = std::time(nullptr);
-  for (std::time_t time = since; time <= until; ++time) {
-    const std::string digits = std::to_string(time);
-    for (auto at = text.find(digits); at != std::string::npos; at = text.find(digits)) {
-      text.replace(at, digits.size(), "<now>");
-    }
-  }
-  return text;
-}
 
 /// Returns when the clock shows a later second than before.
 std::time_t wait_for_the_next_second() {
@@ -123,43 +73,21 @@ std::time_t wait_for_the_next_second() {
   return std::time(nullptr);
 }
 
-/// An opened storage over a whole configuration. What its making ran and logged is forgotten.
-class OpenedStorage : public test::Gateway {
+/// The descriptors of this process that are open on files below `dir`.
+std::vector<int> descriptors_below(const std::string& dir) {
+  std::vector<int> found;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const std::string file = fs::read_symlink(entry.path(), gone).string();
+    if (file.compare(0, dir.size(), dir) == 0) found.push_back(std::stoi(entry.path().filename().string()));
+  }
+  return found;
+}
+
+/// An opened storage over a whole configuration.
+class OpenedStorage : public test::OpenedStorage {
  protected:
-  OpenedStorage() {
-    make_configuration();
-    open();
-  }
-
-  /// Whatever happened, no statement is open, no lock held, no file left.
-  void TearDown() override {
-    if (storage) {
-      EXPECT_EQ(sqlite3_next_stmt(connection, nullptr), nullptr);
-    }
-    EXPECT_TRUE(test::lock_is_free(database()));
-    EXPECT_EQ(scratch_files(), Texts());
-  }
-
-  void open() {
-    storage.reset();
-    storage.emplace();
-    connection = recorder.connection();
-    forget();
-  }
-
-  void forget() {
-    recorder.clear();
-    host.records.clear();
-    host.commands.clear();
-    started = std::time(nullptr);
-  }
-
-  /// Runs `sql` past the library, which then finds the table so when it opens it.
-  void rearrange(const std::string& sql) {
-    storage.reset();
-    test::Database(database()).run(sql);
-    open();
-  }
+  OpenedStorage() { make_configuration(); }
 
   void drop_table() {
     test::Database(database()).run("drop table Config");
@@ -167,23 +95,8 @@ class OpenedStorage : public test::Gateway {
     forget();
   }
 
-  void put(const test::RowSpec& row) {
-    test::insert_row(database(), row);
-    recorder.clear();
-  }
-
   void create() { storage->Create("weekly", conf_full, kCurrent); }
   void update() { storage->Update("weekly", conf_full, kCurrent); }
-
-  Rows query(const std::string& sql) const {
-    const test::Database db(database());
-    sqlite3_trace_v2(db.get(), 0, nullptr, nullptr);  // The test's own statements are not of interest.
-    Rows rows = db.query(sql);
-    for (Texts& row : rows) {
-      for (std::string& text : row) text = without_now(text, born);
-    }
-    return rows;
-  }
 
   /// All rows: id, name, version, type, save_time, load_time.
   Rows rows() const {
@@ -203,36 +116,6 @@ class OpenedStorage : public test::Gateway {
     }
     sqlite3_finalize(statement);
     return bytes;
-  }
-
-  Texts statements() const {
-    Texts texts;
-    for (const std::string& text : recorder.statements()) texts.push_back(without_now(text, started));
-    return texts;
-  }
-
-  LogRecords records() const {
-    LogRecords result = host.records;
-    for (LogRecord& record : result) record.text = without_now(record.text, started);
-    return result;
-  }
-
-  /// The commands, without the parts of paths that differ from run to run.
-  Texts commands() const {
-    Texts texts;
-    for (const std::string& command : host.commands) {
-      const std::string shown =
-          std::regex_replace(command, std::regex(scratch_dir() + "/[A-Za-z0-9]{6}"), "<archive>");
-      texts.push_back(std::regex_replace(shown, std::regex(root()), "<root>"));
-    }
-    return texts;
-  }
-
-  LogRecords logged_at(int level, const std::function<void()>& call) {
-    host.log_level = level;
-    host.records.clear();
-    call();
-    return records();
   }
 
   /// Lets tar run, and keeps what it wrote in `written`.
@@ -255,55 +138,14 @@ class OpenedStorage : public test::Gateway {
   /// Lowers the limit that SQLite sets to a value, and with it to a row.
   void limit_values(int bytes) { sqlite3_limit(connection, SQLITE_LIMIT_LENGTH, bytes); }
 
-  void close_archives_before_they_are_fetched();
-
-  test::StatementRecorder recorder;
-  std::optional<ConfSave::Storage> storage;
-  sqlite3* connection = nullptr;
-  /// When the test began: rows may be older than the last call.
-  const std::time_t born = std::time(nullptr);
-  std::time_t started = 0;
-  std::vector<Bytes> written;
-};
-
-/// The descriptors of this process that are open on files below `dir`.
-std::vector<int> descriptors_below(const std::string& dir) {
-  std::vector<int> found;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    const std::string file = fs::read_symlink(entry.path(), gone).string();
-    if (file.compare(0, dir.size(), dir) == 0) found.push_back(std::stoi(entry.path().filename().string()));
+  /// The record that announces the saving is written between the packing and the fetching.
+  void close_archives_before_they_are_fetched() {
+    host.on_recorded = [this] {
+      for (const int descriptor : descriptors_below(scratch_dir())) close(descriptor);
+    };
   }
-  return found;
-}
 
-std::string archives_dir;
-void (*noted_end)() = nullptr;
-
-/// The record that announces the saving is written between the packing and the fetching.
-void OpenedStorage::close_archives_before_they_are_fetched() {
-  archives_dir = scratch_dir();
-  noted_end = host.entry_points.end;
-  host.entry_points.end = [] {
-    noted_end();
-    for (const int descriptor : descriptors_below(archives_dir)) close(descriptor);
-  };
-}
-
-/// Digits in groups of three, as a host's locale may have them.
-class GroupedDigits {
- public:
-  GroupedDigits() : before_(std::locale::global(std::locale(std::locale(), new Grouping))) {}
-  GroupedDigits(const GroupedDigits&) = delete;
-  GroupedDigits& operator=(const GroupedDigits&) = delete;
-  ~GroupedDigits() { std::locale::global(before_); }
-
- private:
-  struct Grouping : std::numpunct<char> {
-    char do_thousands_sep() const override { return '.'; }
-    std::string do_grouping() const override { return "\3"; }
-  };
-  std::locale before_;
+  std::vector<Bytes> written;
 };
 
 /// Interrupts the statement when it has delivered its first row.
@@ -986,19 +828,11 @@ TEST_F(StorageUpdate, TheOldRowIsReplaced) {
                           {"4", "weekly", "17264017408", "2", "<now>", "NULL"}}));
 }
 
-sqlite3* updated = nullptr;
-bool statement_was_open = false;
-
 TEST_F(StorageUpdate, TheStatementIsGoneBeforeTheChangesAreTold) {
-  updated = connection;
-  noted_end = host.entry_points.end;
-  host.entry_points.end = [] {
-    noted_end();
-    statement_was_open = sqlite3_next_stmt(updated, nullptr) != nullptr;
-  };
-  statement_was_open = true;
+  bool open = true;
+  host.on_recorded = [&] { open = sqlite3_next_stmt(connection, nullptr) != nullptr; };
   update();
-  EXPECT_FALSE(statement_was_open);
+  EXPECT_FALSE(open);
 }
 
 TEST_F(StorageUpdate, TheLastRowIdIsNotUsedAgain) {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -153,7 +154,55 @@ void Gateway::make_configuration() {
   for (const char* name : kEtcFiles) make(etc_dir(), name);
 }
 
-std::vector<std::string> Gateway::scratch_files() const { return names_in(scratch_dir()); }
+Texts Gateway::scratch_files() const { return names_in(scratch_dir()); }
+
+Texts Gateway::open_files() const {
+  Texts found;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const std::string file = fs::read_symlink(entry.path(), gone).string();
+    if (file.compare(0, root_.size(), root_) == 0) found.push_back(file);
+  }
+  return found;
+}
+
+LogRecords Gateway::records() const {
+  LogRecords result = host.records;
+  for (LogRecord& record : result) record.text = without_now(record.text);
+  return result;
+}
+
+Texts Gateway::commands() const {
+  Texts texts;
+  for (std::string text : host.commands) {
+    text = std::regex_replace(text, std::regex(scratch_dir() + "/[A-Za-z0-9]{6}"), "<archive>");
+    text = std::regex_replace(text, std::regex("//[A-Za-z0-9]{6}"), "//<scratch>");
+    texts.push_back(std::regex_replace(text, std::regex(root_), "<root>"));
+  }
+  return texts;
+}
+
+Rows Gateway::query(const std::string& sql) const {
+  Rows rows = Database(database()).query(sql);
+  for (Texts& row : rows) row = without_now(row);
+  return rows;
+}
+
+std::string Gateway::without_now(std::string text) const {
+  const std::time_t until = std::time(nullptr);
+  for (std::time_t time = started; time <= until; ++time) {
+    const std::string digits = std::to_string(time);
+    for (auto at = text.find(digits); at != std::string::npos; at = text.find(digits)) {
+      text.replace(at, digits.size(), "<now>");
+    }
+  }
+  return text;
+}
+
+Texts Gateway::without_now(Texts texts) const {
+  for (std::string& text : texts) text = without_now(text);
+  return texts;
+}
 
 void write_file(const std::string& path, const std::string& content) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
@@ -182,14 +231,14 @@ std::map<std::string, std::string> tree(const std::string& dir) {
   return files;
 }
 
-std::vector<std::string> names_in(const std::string& dir) {
-  std::vector<std::string> names;
+Texts names_in(const std::string& dir) {
+  Texts names;
   for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
 }
 
-std::vector<std::string> members(const std::vector<char>& archive) {
+Texts members(const std::vector<char>& archive) {
   const std::string file = "/tmp/confsave-members-" + std::to_string(getpid());
   write_file(file, std::string(archive.begin(), archive.end()));
   const int code = shell("tar tzf " + file + " > " + file + ".list");
@@ -197,7 +246,7 @@ std::vector<std::string> members(const std::vector<char>& archive) {
   fs::remove(file);
   fs::remove(file + ".list");
   if (code != 0) throw std::runtime_error("not a gzip tar archive");
-  std::vector<std::string> names;
+  Texts names;
   for (std::string name; std::getline(list, name);) names.push_back(name);
   return names;
 }
@@ -216,20 +265,25 @@ int shell(const std::string& command) {
 }
 
 Database::Database(const std::string& file) {
-  if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) {
-    sqlite3_close(db_);
-    throw std::runtime_error("cannot open " + file);
+  sqlite3* const watched = last_connection;
+  const int code = sqlite3_open(file.c_str(), &db_);
+  last_connection = watched;
+  if (code == SQLITE_OK) {
+    sqlite3_trace_v2(db_, 0, nullptr, nullptr);
+    return;
   }
+  sqlite3_close(db_);
+  throw std::runtime_error("cannot open " + file);
 }
 
 Database::~Database() { sqlite3_close(db_); }
 
-std::vector<std::vector<std::string>> Database::query(const std::string& sql) const {
-  std::vector<std::vector<std::string>> rows;
+Rows Database::query(const std::string& sql) const {
+  Rows rows;
   const auto append = [](void* context, int columns, char** values, char**) {
-    std::vector<std::string> row;
+    Texts row;
     for (int i = 0; i < columns; ++i) row.emplace_back(values[i] != nullptr ? values[i] : "NULL");
-    static_cast<std::vector<std::vector<std::string>>*>(context)->push_back(row);
+    static_cast<Rows*>(context)->push_back(row);
     return 0;
   };
   char* message = nullptr;
@@ -260,7 +314,7 @@ StatementRecorder::~StatementRecorder() {
   last_connection = nullptr;
 }
 
-const std::vector<std::string>& StatementRecorder::statements() const { return recorded; }
+const Texts& StatementRecorder::statements() const { return recorded; }
 
 void StatementRecorder::clear() { recorded.clear(); }
 

@@ -7,11 +7,13 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "confsave.h"
+#include "support/expected.h"
 #include "support/test_host.h"
 
 namespace test {
@@ -41,7 +43,26 @@ class Gateway : public testing::Test {
   void make_configuration();
 
   /// The names that the test's scratch directory holds.
-  std::vector<std::string> scratch_files() const;
+  Texts scratch_files() const;
+
+  /// The files of this gateway that this process has open.
+  Texts open_files() const;
+
+  /// What was logged, with "<now>" for the time.
+  LogRecords records() const;
+
+  /// The commands that were run, without the parts of paths that differ from run to run: "<root>" is the
+  /// gateway's, "<archive>" a temporary file, "<scratch>" the name of a scratch directory.
+  Texts commands() const;
+
+  /// What a query of the test's own finds, with "<now>" for the time.
+  Rows query(const std::string& sql) const;
+
+  /// With "<now>" for every time since the test began.
+  std::string without_now(std::string text) const;
+  Texts without_now(Texts texts) const;
+
+  const std::time_t started = std::time(nullptr);
 
  private:
   std::string root_;
@@ -55,15 +76,15 @@ bool exists(const std::string& path);
 /// Relative path -> content of every regular file below `dir`.
 std::map<std::string, std::string> tree(const std::string& dir);
 /// The names in `dir`, sorted.
-std::vector<std::string> names_in(const std::string& dir);
+Texts names_in(const std::string& dir);
 /// The members of a gzip tar archive, in its order, as `tar tzf` lists them.
-std::vector<std::string> members(const std::vector<char>& archive);
+Texts members(const std::vector<char>& archive);
 /// A gzip tar archive of `names` in `dir`, made by the real tar.
 std::vector<char> make_archive(const std::string& dir, const std::string& names);
 /// Runs a shell command for the test itself, past the host's records.
 int shell(const std::string& command);
 
-/// The test's own connection to a database.
+/// The test's own connection to a database, which no StatementRecorder minds.
 class Database {
  public:
   explicit Database(const std::string& file);
@@ -74,7 +95,7 @@ class Database {
   sqlite3* get() const { return db_; }
 
   /// Rows of texts; NULL is "NULL". Throws std::runtime_error with SQLite's message.
-  std::vector<std::vector<std::string>> query(const std::string& sql) const;
+  Rows query(const std::string& sql) const;
   /// The first column of the first row.
   std::string value(const std::string& sql) const;
   void run(const std::string& sql) const { query(sql); }
@@ -103,7 +124,7 @@ class StatementRecorder {
   StatementRecorder& operator=(const StatementRecorder&) = delete;
   ~StatementRecorder();
 
-  const std::vector<std::string>& statements() const;
+  const Texts& statements() const;
   void clear();
   /// The connection that was opened last.
   sqlite3* connection() const;

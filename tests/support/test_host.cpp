@@ -19,6 +19,7 @@ LogRecord current;
 int current_line = 0;
 
 void begin(int level, const ClUnilogFname& function, const char* source, int line) {
+  if (const auto& hook = TestHost::instance().on_record) hook(function.Name());
   current = {level, function.Signature(), function.Name(), source, "", {}};
   current_line = line;
 }
@@ -43,6 +44,7 @@ void integer(const void* value, unsigned width) {
 void end() {
   TestHost::instance().records.push_back(current);
   TestHost::instance().lines.push_back(current_line);
+  if (const auto& hook = TestHost::instance().on_recorded) hook();
 }
 
 std::string format(const char* pattern, std::va_list arguments) {
@@ -77,6 +79,8 @@ void TestHost::reset() {
   entry_points = {0, begin, text, text, integer, end};
   no_log = false;
   on_command = nullptr;
+  on_record = nullptr;
+  on_recorded = nullptr;
   on_system_log = nullptr;
   records.clear();
   lines.clear();

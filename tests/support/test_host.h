@@ -50,6 +50,12 @@ class TestHost {
   /// Asked before each command. A number is the command's result, and it is not run. May throw.
   std::function<std::optional<int>(const std::string& command)> on_command;
 
+  /// Called when a record of a function begins, before it is noted. May throw.
+  std::function<void(const std::string& function)> on_record;
+
+  /// Called when a record is over and noted. Must not throw.
+  std::function<void()> on_recorded;
+
   /// Called for each slput, after it was noted. May throw.
   std::function<void()> on_system_log;
 

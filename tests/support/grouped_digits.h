@@ -1,0 +1,36 @@
+#pragma once
+
+#include <ios>
+#include <locale>
+#include <string>
+
+namespace test {
+
+/// As a host may have it: while it lives, numbers have their digits in groups of three, in every stream
+/// made meanwhile, or in the one given.
+class GroupedDigits {
+ public:
+  GroupedDigits() : before_(std::locale::global(grouping())) {}
+  explicit GroupedDigits(std::ios& stream) : stream_(&stream), before_(stream.imbue(grouping())) {}
+  GroupedDigits(const GroupedDigits&) = delete;
+  GroupedDigits& operator=(const GroupedDigits&) = delete;
+  ~GroupedDigits() {
+    if (stream_ != nullptr) {
+      stream_->imbue(before_);
+    } else {
+      std::locale::global(before_);
+    }
+  }
+
+ private:
+  struct Grouping : std::numpunct<char> {
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+  static std::locale grouping() { return {std::locale::classic(), new Grouping}; }
+
+  std::ios* stream_ = nullptr;
+  std::locale before_;
+};
+
+}  // namespace test

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "support/gateway.h"
+
+namespace test {
+
+/// A gateway whose storage is open. What its making ran and logged is forgotten.
+class OpenedStorage : public Gateway {
+ protected:
+  OpenedStorage() { open(); }
+
+  /// Whatever happened, no statement is open, no lock held, no file left.
+  void TearDown() override {
+    if (storage) {
+      EXPECT_EQ(sqlite3_next_stmt(connection, nullptr), nullptr);
+    }
+    EXPECT_TRUE(lock_is_free(database()));
+    EXPECT_EQ(scratch_files(), Texts());
+  }
+
+  void open() {
+    storage.reset();
+    storage.emplace();
+    connection = recorder.connection();
+    forget();
+  }
+
+  void forget() {
+    recorder.clear();
+    host.records.clear();
+    host.commands.clear();
+  }
+
+  /// Runs `sql` past the library, which then finds the table so when it opens it.
+  void rearrange(const std::string& sql) {
+    storage.reset();
+    Database(database()).run(sql);
+    open();
+  }
+
+  void put(const RowSpec& row) { insert_row(database(), row); }
+
+  Texts statements() const { return without_now(recorder.statements()); }
+
+  LogRecords logged_at(int level, const std::function<void()>& call) {
+    host.log_level = level;
+    host.records.clear();
+    call();
+    return records();
+  }
+
+  StatementRecorder recorder;
+  std::optional<ConfSave::Storage> storage;
+  sqlite3* connection = nullptr;
+};
+
+}  // namespace test
