@@ -39,7 +39,15 @@ TEST_F(TempFileTest, ANewObjectHasNoFile) {
   expect_status(36, "", [&] { file.fd(); });
   expect_status(36, "", [&] { file.size(); });
   expect_status(36, "", [&] { file.rewind(); });
-  EXPECT_EQ(scratch_files(), std::vector<std::string>());
+  EXPECT_EQ(scratch_files(), test::Texts());
+}
+
+TEST_F(TempFileTest, AskingForTheFileAsksForItsDirectory) {
+  TempFile file;
+  file.create();
+  host.paths.clear();
+  EXPECT_TRUE(file.is_open());
+  EXPECT_EQ(host.paths, test::Texts{"KELMOR_TEMP_DIR"});
 }
 
 TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheDirectoryForTemporaryFiles) {
@@ -93,7 +101,7 @@ TEST_F(TempFileTest, RemoveDeletesTheFileAndMayBeRepeated) {
   EXPECT_EQ(file.name(), "");
   EXPECT_FALSE(file.is_open());
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-  EXPECT_EQ(scratch_files(), std::vector<std::string>());
+  EXPECT_EQ(scratch_files(), test::Texts());
   file.remove();
   EXPECT_EQ(host.records, LogRecords());
 }
@@ -103,7 +111,7 @@ TEST_F(TempFileTest, TheDestructorDeletesTheFile) {
     TempFile file;
     file.create();
   }
-  EXPECT_EQ(scratch_files(), std::vector<std::string>());
+  EXPECT_EQ(scratch_files(), test::Texts());
 }
 
 TEST_F(TempFileTest, AfterRemoveAnotherFileCanBeMade) {

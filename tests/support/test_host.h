@@ -63,6 +63,7 @@ class TestHost {
   std::vector<int> lines;  ///< the line number of each record
   std::vector<std::string> commands;
   std::vector<std::pair<int, std::string>> system_log;
+  std::vector<std::string> paths;  ///< the variables in which the platform looked for a directory
 
   /// The records of this level and below.
   LogRecords records_up_to(int level) const;
