@@ -3,6 +3,9 @@
 #include <exception>
 #include <iostream>
 
+#include "exit_status.h"
+#include "names.h"
+#include "process.h"
 #include "verbs.h"
 
 namespace {
@@ -13,15 +16,24 @@ std::string text_of(const XTOOStatus& error) {
   return text.empty() ? "status " + std::to_string(error.Status()) : text;
 }
 
+int run(const console::Arguments& arguments) {
+  try {
+    return console::run(arguments);
+  } catch (const XTOOStatus& error) {
+    std::cerr << "confsave: failed: " << console::printable(text_of(error)) << '\n';
+  } catch (const std::exception& error) {
+    std::cerr << "confsave: failed: " << console::printable(error.what()) << '\n';
+  }
+  return console::kFailed;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return console::run({argv + (argc > 0 ? 1 : 0), argv + argc});
-  } catch (const XTOOStatus& error) {
-    std::cerr << "confsave: failed: " << text_of(error) << '\n';
-  } catch (const std::exception& error) {
-    std::cerr << "confsave: failed: " << error.what() << '\n';
-  }
+  console::prepare_process();
+  const int status = run({argv + (argc > 0 ? 1 : 0), argv + argc});
+  std::cout.flush();
+  if (std::cout || status != console::kDone) return status;
+  std::cerr << "confsave: the output could not be written.\n";
   return console::kFailed;
 }

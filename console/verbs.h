@@ -1,23 +1,23 @@
 #pragma once
 
+// The one table of what the program can be asked for. The command line, the help and the completion are
+// made of it.
+
 #include <string>
 #include <vector>
 
 namespace console {
 
-/// What the program exits with.
-enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2 };
-
 using Arguments = std::vector<std::string>;
 
-/// Runs the verb in `arguments[0]` on the rest.
+/// Runs what `arguments` ask for, and returns what the program exits with.
 int run(const Arguments& arguments);
 
-/// The four commands of the gateway's shell, until the input ends or "exit" is typed.
-int shell();
+/// What can come next after `words`, which begin with a verb or are empty: verbs, options, values of
+/// options, names of stored configurations.
+Arguments candidates(const Arguments& words);
 
-/// Tells what is wrong with a name that is not one to 80 valid characters, before it gets into a
-/// statement.
-bool is_valid_name(const std::string& name);
+/// The names of stored configurations that may be typed, each once.
+Arguments stored_names();
 
 }  // namespace console

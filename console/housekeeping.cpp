@@ -1,0 +1,89 @@
+#include <algorithm>
+#include <iostream>
+
+#include "commands.h"
+#include "exit_status.h"
+#include "gateway.h"
+#include "lock.h"
+#include "names.h"
+
+namespace console {
+namespace {
+
+ConfSave::Configs autosaves_of_this_version() {
+  ConfSave::Storage storage;
+  return storage.FindMatching("autosave*", ConfSave::CURRENT_VERSION, true);
+}
+
+ConfSave::int64 newest(const ConfSave::Configs& configs) {
+  ConfSave::int64 time = 0;
+  for (const ConfSave::Config& config : configs) time = std::max(time, config.save_time);
+  return time;
+}
+
+}  // namespace
+
+int remove(const Options& options) {
+  if (!check_name(options.name)) return kUsage;
+  if (!check_storage()) return kNoStorage;
+  ConfSave::Storage storage;
+  ConfSave::Configs found = storage.FindMatching(options.name, options.version, false);
+  if (options.no_version) {
+    const auto has_version = [](const ConfSave::Config& config) { return config.vers != 0; };
+    found.erase(std::remove_if(found.begin(), found.end(), has_version), found.end());
+  }
+  if (found.empty()) {
+    std::cerr << "confsave: nothing is stored as '" << options.name << "'; confsave list shows what is.\n";
+    return kNotFound;
+  }
+  if (found.size() > 1) {
+    std::cerr << "confsave: there are several versions of '" << options.name
+              << "'; give --version, or --version none:\n";
+    for (const ConfSave::Config& config : found) std::cerr << config << '\n';
+    return kAmbiguous;
+  }
+  storage.Delete(options.name, found.front().vers);
+  if (!storage.Exists(options.name, found.front().vers)) return kDone;
+  std::cerr << "confsave: '" << options.name << "' could not be deleted.\n";
+  tell_what_to_look_at();
+  return kFailed;
+}
+
+int autosave(const Options& options) {
+  if (!check_directories()) return kFailed;
+  OperationLock lock;
+  if (const int status = lock.take("an autosave", options.wait); status != kDone) return status;
+  if (!check_storage()) return kNoStorage;
+  warn_without_failover_files(options.type);
+
+  const std::time_t start = later_than(newest(autosaves_of_this_version()));
+  try {
+    ConfSave::AutoSave("", options.type, options.max);
+  } catch (const XTOOStatus& error) {
+    const std::string text = error.ErrorMessage();
+    std::cerr << "confsave: the autosave failed" << (text.empty() ? "" : ": " + printable(text)) << ".\n";
+    tell_what_to_look_at();
+    return kFailed;
+  }
+  const ConfSave::Configs stored = autosaves_of_this_version();
+  const auto is_new = [&](const ConfSave::Config& config) { return is_since(config.save_time, start); };
+  if (std::any_of(stored.begin(), stored.end(), is_new)) return kDone;
+  std::cerr << "confsave: no autosave was stored.\n";
+  tell_what_to_look_at();
+  return kFailed;
+}
+
+int check_old(const Options&) {
+  if (!check_storage()) return kNoStorage;
+  std::cout << (ConfSave::CheckOld() ? "An autosave older than 31 days is stored.\n"
+                                     : "No autosave older than 31 days is stored.\n");
+  return kDone;
+}
+
+int version(const Options&) {
+  std::cout << "confsave " << CONFSAVE_RELEASE << ", for version "
+            << ConfSave::Config::version(ConfSave::CURRENT_VERSION) << " of the gateway\n";
+  return kDone;
+}
+
+}  // namespace console

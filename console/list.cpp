@@ -1,0 +1,114 @@
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string_view>
+
+#include "commands.h"
+#include "exit_status.h"
+#include "gateway.h"
+#include "names.h"
+
+namespace console {
+namespace {
+
+using ConfSave::Config;
+using ConfSave::Configs;
+
+/// What the rows are in the order of. The names are those of the storage's columns.
+std::string order_of(const std::string& sort) {
+  if (sort == "saved") return "save_time";
+  if (sort == "loaded") return "load_time";
+  return sort;  // "name", "version", or nothing
+}
+
+template <class Value>
+std::string text_of(const Value& value) {
+  std::ostringstream text;
+  text << value;
+  return text.str();
+}
+
+/// A name may come from elsewhere, and hold what a terminal would obey.
+void print_lines(const Configs& configs) {
+  for (Config config : configs) {
+    config.name = printable(config.name);
+    std::cout << config << '\n';
+  }
+}
+
+nlohmann::ordered_json json_text(const std::string& text) {
+  if (text.empty()) return nullptr;
+  return text;
+}
+
+std::string iso_utc(std::time_t time) {
+  std::tm parts = {};
+  char text[64] = "";
+  if (gmtime_r(&time, &parts) != nullptr) std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
+}
+
+void print_json(const Configs& configs) {
+  nlohmann::ordered_json array = nlohmann::ordered_json::array();
+  for (const Config& config : configs) {
+    const bool loaded = config.load_time != 0;
+    nlohmann::ordered_json object;
+    object["name"] = config.name;
+    object["type"] = json_text(text_of(config.type));
+    object["version"] = config.vers;
+    object["version_text"] = json_text(config.version());
+    object["saved"] = config.save_time;
+    object["saved_utc"] = iso_utc(config.save_time);
+    object["loaded"] = loaded ? nlohmann::ordered_json(config.load_time) : nullptr;
+    object["loaded_utc"] = loaded ? nlohmann::ordered_json(iso_utc(config.load_time)) : nullptr;
+    array.push_back(std::move(object));
+  }
+  using Handler = nlohmann::ordered_json::error_handler_t;
+  std::cout << array.dump(2, ' ', true, Handler::replace) << '\n';
+}
+
+using Row = std::array<std::string, 5>;
+
+std::string or_dash(const std::string& text) { return text.empty() ? "-" : text; }
+
+Row row_of(const Config& config) {
+  return {printable(config.name), or_dash(config.version()), or_dash(text_of(config.type)),
+          or_dash(ConfSave::time_format(config.save_time)),
+          config.load_time != 0 ? or_dash(ConfSave::time_format(config.load_time)) : "never"};
+}
+
+void print_table(const Configs& configs) {
+  std::vector<Row> rows{{"NAME", "VERSION", "TYPE", "SAVED", "LOADED"}};
+  for (const Config& config : configs) rows.push_back(row_of(config));
+  std::array<std::size_t, 5> widths{};
+  for (const Row& row : rows) {
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+  }
+  for (const Row& row : rows) {
+    for (std::size_t i = 0; i + 1 < row.size(); ++i) {
+      std::cout << row[i] << std::string(widths[i] - row[i].size() + 2, ' ');
+    }
+    std::cout << row.back() << '\n';
+  }
+}
+
+}  // namespace
+
+int list(const Options& options) {
+  if (!check_storage()) return kNoStorage;
+  ConfSave::Storage storage;
+  const Configs configs = storage.List(options.upto, order_of(options.sort), !options.all);
+  if (options.json) {
+    print_json(configs);
+  } else if (options.table) {
+    print_table(configs);
+  } else {
+    print_lines(configs);
+  }
+  return kDone;
+}
+
+}  // namespace console

@@ -1,0 +1,27 @@
+#include "process.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <csignal>
+
+namespace console {
+
+void prepare_process() {
+  // A descriptor that is closed now would be the next file's, and an error message would end up in
+  // that file.
+  for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+    if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) open("/dev/null", O_RDWR);
+  }
+
+  umask(S_IRWXG | S_IRWXO);
+
+  std::signal(SIGCHLD, SIG_DFL);
+  sigset_t child;
+  sigemptyset(&child);
+  sigaddset(&child, SIGCHLD);
+  sigprocmask(SIG_UNBLOCK, &child, nullptr);
+}
+
+}  // namespace console

@@ -1,0 +1,46 @@
+#include <iostream>
+
+#include "commands.h"
+#include "conversation.h"
+#include "exit_status.h"
+#include "gateway.h"
+#include "lock.h"
+#include "names.h"
+
+namespace console {
+namespace {
+
+int failure(const Conversation& conversation) {
+  if (conversation.said("Config is not overwritten.\n") || conversation.said("Operation aborted!\n")) {
+    return kDeclined;
+  }
+  tell_what_to_look_at();
+  return kFailed;
+}
+
+}  // namespace
+
+int save(const Options& options) {
+  if (!check_name(options.name)) return kUsage;
+  if (!check_directories()) return kFailed;
+  OperationLock lock;
+  if (const int status = lock.take("saving " + options.name, options.wait); status != kDone) return status;
+  if (!check_storage()) return kNoStorage;
+  warn_without_failover_files(options.type);
+
+  const ConfSave::int64 stored_as = options.version != 0 ? options.version : ConfSave::CURRENT_VERSION;
+  const auto old = find_exactly(options.name, stored_as);
+  const std::time_t start = later_than(old ? old->save_time : 0);
+  {
+    const Conversation conversation;
+    if (!ConfSave::save(options.name, options.type, options.version, options.force)) {
+      return failure(conversation);
+    }
+  }
+  if (was_saved(options.name, stored_as, start)) return kDone;
+  std::cerr << "confsave: '" << options.name << "' was not stored.\n";
+  tell_what_to_look_at();
+  return kFailed;
+}
+
+}  // namespace console
