@@ -22,6 +22,17 @@ std::string temporary_directory() {
 
 [[noreturn]] void throw_system_error(int status) { throw XTOOStatus(status, std::strerror(errno), false); }
 
+/// In a destructor as well, where what the host's log throws would end the process.
+void log_failed_removal(const std::string& name, int error) noexcept {
+  try {
+    if (KovrLogHelper record{1, kRemove, kSource, ""}) {
+      record << name << ": failed to remove temporary file: " << std::strerror(error);
+    }
+  } catch (...) {
+    // Nobody is left to tell.
+  }
+}
+
 }  // namespace
 
 TempFile::TempFile() : tmp_fd(-1) {}
@@ -65,12 +76,7 @@ void TempFile::rewind() const {
 void TempFile::remove() {
   if (tmp_fd == -1) return;
   close(tmp_fd);
-  if (unlink(tmp_name.c_str()) == -1) {
-    const int error = errno;
-    if (KovrLogHelper record{1, kRemove, kSource, ""}) {
-      record << tmp_name << ": failed to remove temporary file: " << std::strerror(error);
-    }
-  }
+  if (unlink(tmp_name.c_str()) == -1) log_failed_removal(tmp_name, errno);
   tmp_name.clear();
   tmp_fd = -1;
 }

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <stdexcept>
 
 #include "support/gateway.h"
 
@@ -139,6 +140,21 @@ TEST_F(TempFileTest, AClosedDescriptorIsStatus45And54) {
   close(file.fd());
   expect_status(45, "Bad file descriptor", [&] { file.size(); });
   expect_status(54, "Bad file descriptor", [&] { file.rewind(); });
+}
+
+TEST_F(TempFileTest, ALogThatThrowsDoesNotKeepItFromForgetting) {
+  {
+    TempFile file;
+    file.create();
+    std::filesystem::remove(file.name());
+    host.on_record = [](const std::string&) { throw std::runtime_error("log"); };
+    file.remove();
+    EXPECT_FALSE(file.is_open());
+    EXPECT_EQ(file.name(), "");
+    file.create();
+    std::filesystem::remove(file.name());
+  }
+  EXPECT_EQ(host.records, LogRecords());
 }
 
 TEST_F(TempFileTest, AFileThatIsGoneIsLoggedAndForgotten) {
