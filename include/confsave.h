@@ -346,7 +346,8 @@ CONFSAVE_API bool IsConfigDbExist(const char* dir);
 CONFSAVE_API void RemoveConfigDb(const char* dir);
 
 // ---------------------------------------------------------------------------------------------------
-// Guarded operations. They use std::cin, std::cout and std::cerr.
+// Guarded operations. They use std::cin, std::cout and std::cerr; what a host lets those throw, they may
+// throw as well.
 
 /// Stores the configuration under a name of 1 to 80 characters of VALID_NAME_CHARS. Version 0 means
 /// CURRENT_VERSION. Asks before it overwrites, unless `force`. Tells every failure on standard error.
@@ -380,7 +381,8 @@ class CONFSAVE_API App {
   /// is neither a taken name nor a failed command is told on standard error.
   static bool save(const std::string& name, conftype type);
 
-  /// Deletes the configuration, if there is one. Throws what constructing a Storage throws.
+  /// Deletes the configuration, if there is one. Throws what constructing a Storage and
+  /// Storage::Delete() throw, but for XNotFound, which is told.
   static void del(const std::string& name);
 
   /// Restores the configuration. Offers to save the current one first, as save() does; only "n" or "N"
@@ -392,17 +394,20 @@ class CONFSAVE_API App {
 // Housekeeping. These ask and print nothing.
 
 /// Stores the configuration under CURRENT_VERSION and a name such as "autosave-2017-03-01-14-05-09",
-/// with "-0", "-1" and so on behind it where that is taken. Before, deletes the oldest autosaves, so
-/// that `maxautosaves`, at least 1, are stored afterwards. The first argument is not used.
-/// Throws what Storage::Create() throws; the surplus autosaves are then deleted all the same.
+/// with "-0", "-1" and so on behind it where that is taken. Before, deletes autosaves as CleanAutosaves()
+/// does, so that at most `maxautosaves`, which is to be at least 1, are stored afterwards. The first
+/// argument is not used. Throws what constructing a Storage and its operations throw, in the first place
+/// Storage::Create(); the surplus autosaves are then deleted all the same.
 CONFSAVE_API void AutoSave(const std::string& name, conftype type, unsigned maxautosaves);
 
 /// Stores the configuration under CURRENT_VERSION if the name is free under it. True if it was, and
 /// also when `storage` is not opened. Throws what Storage::Create() throws.
 CONFSAVE_API bool save_if_unique(Storage& storage, const std::string& name, conftype type);
 
-/// Deletes the autosaves stored first, so that one more fits under the limit; all of them for 0. What
+/// Deletes the autosaves that FindMatching() finds first, so that one more fits under the limit; all of
+/// them for 0. They come in the order of names: the oldest first, as far as AutoSave() named them. What
 /// cannot be deleted is logged and left. Every name that begins with "autosave" is one, of any version.
+/// Throws what FindMatching() throws.
 CONFSAVE_API void CleanAutosaves(Storage& storage, unsigned maxautosaves);
 
 /// True if an autosave of more than 31 days (2678400 seconds) ago is stored. False on every failure.

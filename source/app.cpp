@@ -7,6 +7,9 @@
 namespace ConfSave {
 namespace {
 
+// The commands store, delete and restore under no version, take a storage that is not opened for one, and
+// each question has its own idea of yes. // Quirk Q43, Q45, Q46
+
 /// Tells the person and returns false when the configuration could not be packed, or when the name is
 /// taken and is to stay so. Exceptions of the second try are the caller's.
 bool store(Storage& storage, const std::string& name, conftype type) {
@@ -66,7 +69,7 @@ void App::del(const std::string& name) {
   Storage storage;
   try {
     storage.Delete(name, 0);
-  } catch (const XNotFound&) {
+  } catch (const XNotFound&) {  // Quirk Q47
     std::cout << "No such config.\n";
   }
 }
@@ -83,7 +86,7 @@ void App::load(const std::string& name) {
     std::cout << "External command failed\n";
   } catch (const XCancel&) {
     std::cout << "Aborted.\n";
-  } catch (const XTOOStatus& error) {
+  } catch (const XTOOStatus& error) {  // A name that is not stored, too. // Quirk Q56
     std::cout << "Unknown error: " + std::to_string(error.Status()) + ".\n";
   } catch (...) {
     std::cout << "Unknown error while restoring configuration.\n";

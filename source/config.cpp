@@ -17,9 +17,10 @@ void Config::update_save_time() { save_time = std::time(nullptr); }
 
 void Config::update_load_time() { load_time = std::time(nullptr); }
 
-// std::to_string and not a stream: a host's locale must not put digit groups into a version.
+// std::to_string and not a stream: a host's locale must not put digit groups into a version. The low
+// 16 bits do not show. // Quirk Q1
 std::string Config::version(int64 v) {
-  if (v == 0) return {};
+  if (v == 0) return {};  // Quirk Q2
   const auto bits = static_cast<std::uint64_t>(v);
   const auto minor = static_cast<unsigned>((bits >> 24U) & 0xffU);
   const auto build = static_cast<unsigned>((bits >> 16U) & 0xffU);

@@ -19,7 +19,8 @@ const ClUnilogFname kCheckOld{"bool ConfSave::CheckOld()", "CheckOld"};
 constexpr int kInformation = 6;
 constexpr int64 kOldAfter = 31 * 86400;
 
-/// One that cannot be deleted is told and left, so that it does not keep the others.
+/// One that cannot be deleted is told and left, so that it does not keep the others. A delete that SQLite
+/// refuses does not show. // Quirk Q57
 void delete_autosave(Storage& storage, const Config& config) {
   try {
     storage.Delete(config.name, config.vers);
@@ -29,6 +30,15 @@ void delete_autosave(Storage& storage, const Config& config) {
     if (KovrLogHelper record{1, kCleanAutosaves, kSource, "Failed to delete old confsave '"}) {
       record << config.name << "' (version " << config.version() << ")";
     }
+  }
+}
+
+/// The host's log may be what threw, and throw again.
+void log_unknown_exception() noexcept {
+  try {
+    log_text(1, kCheckOld, kSource, "unknown exception raised!");
+  } catch (...) {
+    // Then it stays unsaid.
   }
 }
 
@@ -65,12 +75,14 @@ void CleanAutosaves(Storage& storage, unsigned maxautosaves) {
     record << maxautosaves << ", find autosaves = " << count;
   }
   if (maxautosaves > count) return;
-  // The oldest come first, and one more must fit in. For a limit of 0 that is more than there are.
+  // In the order of names, which is that of time for names made of it; one more must fit in. For a limit
+  // of 0 that is more than there are. // Quirk Q50, Q53, Q60
   const std::uint64_t surplus = std::min(count + 1 - maxautosaves, count);
   for (std::uint64_t i = 0; i < surplus; ++i) delete_autosave(storage, found[i]);
 }
 
-// The name comes from the clock; the parameter is there for callers that pass one. // Quirk Q48
+// The name comes from the clock; the parameter is there for callers that pass one. What is too many goes
+// first, and the count ends at the limit. // Quirk Q48, Q49, Q51
 void AutoSave(const std::string&, conftype type, unsigned maxautosaves) {
   const std::string name = autosave_name(std::time(nullptr));
   Storage storage;
@@ -81,6 +93,7 @@ void AutoSave(const std::string&, conftype type, unsigned maxautosaves) {
   }
 }
 
+// Whatever goes wrong means no. // Quirk Q58
 bool CheckOld() {
   try {
     Storage storage;
@@ -89,7 +102,7 @@ bool CheckOld() {
     return std::any_of(configs.begin(), configs.end(),
                        [now](const Config& config) { return is_old_autosave(config, now); });
   } catch (...) {
-    log_text(1, kCheckOld, kSource, "unknown exception raised!");
+    log_unknown_exception();
     return false;
   }
 }

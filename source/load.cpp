@@ -45,19 +45,19 @@ void confirm(const Config& config) {
 
 void load(const std::string& name, const char* target, int64 version, bool no_confirm) {
   try {
-    Storage storage;
+    Storage storage;  // Quirk Q36
     if (!storage.opened) {
       std::cerr << "Open configuration storage error\n";
       return;
     }
     const Config config = find_only(storage, name, version);
-    if (!no_confirm) confirm(config);
+    if (!no_confirm) confirm(config);  // Quirk Q40
     storage.Load(config.name, target, config.vers, true);
   } catch (const XNotFound&) {
     std::cerr << "No such config.\n";
   } catch (const XAmbiguity&) {
     std::cerr << "Failed to match the only config.\n";
-  } catch (const XChdir& error) {
+  } catch (const XChdir& error) {  // Quirk Q41
     std::cerr << "Failed to change directory to " << error.Directory() << "\n";
   } catch (const XExternalFailure&) {
     std::cerr << "External command failed\n";

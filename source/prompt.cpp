@@ -19,6 +19,7 @@ void to_upper(std::string& text) {
 
 }  // namespace
 
+// At the end of input, and after it, an empty line. // Quirk Q42
 std::string read_line() {
   std::string line;
   std::cout.flush();

@@ -25,7 +25,7 @@ bool is_valid_name(const std::string& name) {
 }
 
 /// A name saved without a version stands for the running one, and takes the place of a row that was
-/// stored under no version.
+/// stored under no version. The packing is part of the transaction. // Quirk Q37, Q39
 void create(Storage& storage, const std::string& name, conftype type, int64 version) {
   storage.Begin();
   storage.Delete(name, version);
@@ -56,7 +56,7 @@ void overwrite(Storage& storage, const std::string& name, conftype type, int64 v
     storage.Create(name, type, CURRENT_VERSION);
   }
   storage.Commit();
-  std::cout << "Config is overwritten.\n";
+  std::cout << "Config is overwritten.\n";  // Quirk Q38
 }
 
 bool create_or_overwrite(Storage& storage, const std::string& name, conftype type, int64 version,
@@ -77,7 +77,7 @@ bool create_or_overwrite(Storage& storage, const std::string& name, conftype typ
 
 bool save(const std::string& name, conftype type, int64 version, bool force) {
   if (!is_valid_name(name)) return false;
-  Storage storage;
+  Storage storage;  // Quirk Q36
   if (!storage.opened) {
     std::cerr << "Open configuration storage error\n";
     return false;

@@ -73,6 +73,7 @@ void TempFile::rewind() const {
   if (lseek(fd(), 0, SEEK_SET) == -1) throw_system_error(54);
 }
 
+// Whatever happens, the file is forgotten. // Quirk Q24
 void TempFile::remove() {
   if (tmp_fd == -1) return;
   close(tmp_fd);

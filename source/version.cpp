@@ -20,6 +20,7 @@ using TokenIterator = boost::token_iterator<Separator, const Byte*, std::string>
 constexpr std::size_t kComponents = 3;
 
 /// The runs of characters that are neither white space nor punctuation; no more than one too many.
+/// A sign only separates. // Quirk Q5
 std::vector<std::string> tokens(const std::string& text) {
   const auto* begin = reinterpret_cast<const Byte*>(text.data());
   const auto* end = begin + text.size();
@@ -52,9 +53,10 @@ int64 as_signed(std::uint64_t bits) {
 
 }  // namespace
 
-// There is no check that a component fits into its 8 bits: 4.256.0 is 5.0.0. // Quirk Q3
+// There is no check that a component fits into its 8 bits: 4.256.0 is 5.0.0. And 0.0.0 is no
+// version. // Quirk Q3, Q59
 bool Config::vers_convert(std::string text) {
-  vers = 0;
+  vers = 0;  // Quirk Q4
   const std::vector<std::string> parts = tokens(text);
   if (parts.size() != kComponents) return false;
   try {

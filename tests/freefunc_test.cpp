@@ -938,7 +938,7 @@ TEST_F(Autosaving, ThreeOfOneSecondAreCounted) {
              Texts{kFindAutosaves, count_statement("autosave-<now>")} + saving("autosave-<now>-0") +
              Texts{kFindAutosaves, count_statement("autosave-<now>"), count_statement("autosave-<now>-0")} +
              saving("autosave-<now>-1")));
-  EXPECT_EQ(host.records.back().text.substr(36), "-1' (version 4.5.4) successfully saved");
+  EXPECT_EQ(records().back(), unique_says("config 'autosave-<now>-1' (version 4.5.4) successfully saved"));
 }
 
 TEST_F(Autosaving, TheFirstFreeCountIsTaken) {
@@ -1121,6 +1121,27 @@ TEST_F(Autosaving, WhatTheStorageThrowsLeaves) {
     });
     host.reset();
   }
+}
+
+TEST_F(Autosaving, WhatTheDeletingOfAFreeNameThrowsLeaves) {
+  make_table();
+  fail_in_log("Delete", throwing(std::runtime_error("no")));
+  run([] { EXPECT_THROW(AutoSave("", conf_full, 5), std::runtime_error); });
+  EXPECT_EQ(statements(), (Texts{kFindAutosaves, count_statement("autosave-<now>")}));
+  EXPECT_EQ(rows(), Rows());
+}
+
+TEST_F(Autosaving, TheNameIsThatOfTheTimeBeforeTheStorageIsOpened) {
+  pack_nothing();
+  host.on_record = [](const std::string& function) {
+    if (function != "Storage") return;
+    setenv("TZ", "XYZ-5", 1);
+    tzset();
+  };
+  autosave(5);
+  setenv("TZ", "UTC", 1);
+  tzset();
+  EXPECT_EQ(names(), Texts{"autosave-<now>"});
 }
 
 TEST_F(Autosaving, ATableThatCannotBeReadStoresNothingSilently) {
@@ -1356,6 +1377,16 @@ TEST_F(OldCheck, AnExceptionOfTheOpeningIsToldAndMeansNone) {
     EXPECT_FALSE(check_old());
     EXPECT_EQ(records(), LogRecords{kUnknownException});
     EXPECT_EQ(statements(), Texts());
+    host.reset();
+  }
+}
+
+TEST_F(OldCheck, ALogThatThrowsEachTimeMeansNone) {
+  put({"autosave-1", kCurrent});
+  for (const Raise& raise : {throwing(std::logic_error("no")), throwing(7)}) {
+    host.on_record = [&](const std::string&) { raise(); };
+    EXPECT_FALSE(check_old());
+    EXPECT_EQ(records(), LogRecords());
     host.reset();
   }
 }

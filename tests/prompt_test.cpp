@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <locale>
+#include <stdexcept>
+#include <streambuf>
 
 #include "support/console.h"
 #include "support/gateway.h"
@@ -52,6 +54,42 @@ TEST(YesNoQuestion, WithRepeatItAsksUntilAnAnswerComes) {
   Console console("maybe\n\ny \nno\n");
   EXPECT_FALSE(ask_user_yesno("Go? ", true));
   EXPECT_EQ(console.transcript(), "Go? ‹maybe›\nGo? ‹›\nGo? ‹y ›\nGo? ‹no›\n");
+}
+
+/// Output that is gone after so many flushes, in a host that wants to hear of it.
+class EndingOutput : public std::streambuf {
+ public:
+  explicit EndingOutput(int flushes) : flushes_(flushes), before_(std::cout.rdbuf(this)) {
+    std::cout.exceptions(std::ios::badbit);
+  }
+  EndingOutput(const EndingOutput&) = delete;
+  EndingOutput& operator=(const EndingOutput&) = delete;
+  ~EndingOutput() override {
+    std::cout.exceptions(std::ios::goodbit);
+    std::cout.rdbuf(before_);
+  }
+
+ protected:
+  int_type overflow(int_type letter) override { return before_->sputc(traits_type::to_char_type(letter)); }
+  int sync() override {
+    before_->pubsync();
+    if (--flushes_ == 0) throw std::runtime_error("the terminal is gone");
+    return 0;
+  }
+
+ private:
+  int flushes_;
+  std::streambuf* before_;
+};
+
+TEST(YesNoQuestion, WithRepeatItAsksForEverAtTheEndOfInput) {
+  Console console("maybe");
+  {
+    // The first question is flushed once more, for the input that is tied to it.
+    const EndingOutput output(4);
+    EXPECT_THROW(ask_user_yesno("Go? ", true), std::runtime_error);
+  }
+  EXPECT_EQ(console.out(), "Go? Go? Go? ");
 }
 
 TEST(YesNoQuestion, ThePromptIsWrittenExactlyAsItIs) {

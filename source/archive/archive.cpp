@@ -48,7 +48,7 @@ void pack_into(TempFile& file, const std::string& dir, const std::string& files)
 void write_into(TempFile& file, const std::vector<char>& bytes) {
   file.create();
   // A short write sets no error of its own, and must not be told with one of earlier.
-  errno = 0;
+  errno = 0;  // Quirk Q33
   if (write(file.fd(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
     const int error = errno;
     if (KovrLogHelper record{1, kCreate, kArchiveSource, ""}) {
@@ -81,6 +81,7 @@ void Archive::Fetch(std::vector<char>& etc, std::vector<char>& keybase) const {
   TempFile_to_BinObj(keybase_file, keybase);
 }
 
+// What fails leaves the rest as it is then. // Quirk Q32
 void Archive::Extract(const char* target) const {
   const std::string dest = target != nullptr ? target : arc_dir;
   RemoveConfigDb(dest.c_str());

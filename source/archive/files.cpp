@@ -22,7 +22,7 @@ void log_failure(const ClUnilogFname& function, const char* call, const char* pa
   }
 }
 
-/// File `id` of the configuration database. `dir` is a prefix: it brings its own "/".
+/// File `id` of the configuration database. `dir` is a prefix: it brings its own "/". // Quirk Q34
 std::string database_file(const char* dir, int id) {
   return std::string(dir) + "user/" +
          toolsunix::FilenameConvertor::Instance().GetShortFilename(toolsunix::FileId{id});

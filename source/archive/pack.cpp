@@ -74,14 +74,17 @@ int extract_and_move(const std::string& archive, const std::string& scratch, con
 
 }  // namespace
 
+// To the blank and to the slash. What is missing is no failure. // Quirk Q25, Q31
 std::string pack_command(const std::string& archive, const std::string& dir, const std::string& files) {
   return "cd " + dir + " && tar czf " + archive + " --ignore-failed-read " + files + " 2>/dev/null";
 }
 
+// The running packet filter's own file never comes back. // Quirk Q30
 std::string unpack_command(const std::string& archive, const std::string& scratch) {
   return "tar xzf " + archive + " --exclude corlu.serv -C " + scratch + " 2>/dev/null";
 }
 
+// The shell's "*" matches no name with a dot in front, and fails where there is nothing. // Quirk Q29, Q30
 std::string move_command(const std::string& scratch, const std::string& dir) {
   return "cp -alf " + scratch + "/* " + dir + "/. 2>/dev/null";
 }
@@ -114,7 +117,7 @@ void TempFile_to_BinObj(const TempFile& file, std::vector<char>& out) {
   out.resize(size);
   if (size == 0) return;
   // A short read sets no error of its own, and must not be told with one of earlier.
-  errno = 0;
+  errno = 0;  // Quirk Q33
   if (read(file.fd(), out.data(), size) == static_cast<ssize_t>(size)) return;
   const int error = errno;
   if (KovrLogHelper record{1, kTempFileToBinObj, kArchiveSource, ""}) {

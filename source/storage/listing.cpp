@@ -37,6 +37,7 @@ Config read_row(sqlite3_stmt* statement) {
   return config;
 }
 
+/// An error ends the rows as their end does. // Quirk Q20
 Configs read_rows(sql::Statement statement, int64 version) {
   Configs result;
   while (sqlite3_step(statement.get()) == SQLITE_ROW) result.push_back(read_row(statement.get()));
@@ -101,6 +102,7 @@ Configs Storage::List(int64 version, const std::string& order_by, bool skip_corl
   return {};
 }
 
+// Without a look at `opened`: without a connection SQLite refuses the statement. // Quirk Q21
 Configs Storage::FindMatching(const std::string& pattern, int64 version, bool skip_corlu) {
   Matches found;
   sql::execute(db, sql::find_rows(pattern, version, skip_corlu), kFindMatching, append_row, &found);

@@ -59,7 +59,7 @@ void read_row(Query& query, StoredRow& row) {
   query.require("id", Query::kId, SQLITE_INTEGER);
   row.type = static_cast<conftype>(sqlite3_column_int(query.statement.get(), Query::kType));
   row.id = sqlite3_column_int64(query.statement.get(), Query::kId);
-  const bool has_etc = row.type != conf_corlu;
+  const bool has_etc = row.type != conf_corlu;  // Quirk Q17
   if (has_etc) {
     query.require("etc", Query::kEtc, SQLITE_BLOB);
   } else {
@@ -106,6 +106,7 @@ StoredRow fetch_row(sqlite3* db, const std::string& name, int64 version, bool sk
 
 }  // namespace
 
+// Its messages have marks of their own, and the version as a number. // Quirk Q55
 void checkColumnType(const std::string& name, int64 version, sqlite3_stmt* stmt, const char* column,
                      int index, int expected, bool strict) {
   const int actual = sqlite3_column_type(stmt, index);

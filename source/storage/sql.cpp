@@ -5,7 +5,7 @@
 namespace ConfSave::sql {
 namespace {
 
-/// The packet filter keeps its own configuration under this name.
+/// The packet filter keeps its own configuration under this name. // Quirk Q22
 constexpr const char* kNotCorlu = " name!='corlu-config'";
 
 std::string name_and_version(const std::string& name, int64 version) {

@@ -16,7 +16,8 @@ namespace ConfSave::sql {
 /// What every log record of the storage names as its source.
 constexpr const char* kSource = "source/storage";
 
-// Texts. Names, patterns and orders are pasted as they come; numbers are decimal under any locale.
+// Texts, to the blank. Names, patterns and orders are pasted as they come; numbers are decimal under any
+// locale. // Quirk Q6, Q54
 
 std::string create_table();
 /// What SQLite says when create_table() finds the table there.
@@ -52,7 +53,7 @@ using RowCallback = int (*)(void* context, int columns, char** values, char** na
 /// Runs `text`. Returns SQLite's code, and its message, if any, in `error`.
 int run(sqlite3* db, const std::string& text, RowCallback callback, void* context, ErrorText& error);
 
-/// Runs `text` and reports a refusal as coming from `function`.
+/// Runs `text` and reports a refusal as coming from `function`, which goes on. // Quirk Q10
 void execute(sqlite3* db, const std::string& text, const ClUnilogFname& function,
              RowCallback callback = nullptr, void* context = nullptr, int line = __builtin_LINE());
 

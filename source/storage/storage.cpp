@@ -28,6 +28,7 @@ struct CloseDatabase {
 using Database = std::unique_ptr<sqlite3, CloseDatabase>;
 
 /// Null when the file cannot be opened. A competing process is waited for, practically without end.
+/// The record ends in a line feed. // Quirk Q9, Q11
 Database open_database() {
   sqlite3* opened = nullptr;
   const int code = sqlite3_open(database_file().c_str(), &opened);
@@ -43,7 +44,8 @@ Database open_database() {
   return nullptr;
 }
 
-/// Makes the table. That it is there already is the normal case, told by SQLite's message.
+/// Makes the table. That it is there already is the normal case, told by SQLite's message, and the last
+/// record is written in any case. // Quirk Q7, Q8
 void create_table(sqlite3* db) {
   log_text(4, kStorage, sql::kSource, "Try create storage tables");
   const std::string statement = sql::create_table();
