@@ -26,7 +26,8 @@
 //   storage.Create("o'hare", ConfSave::conf_full, 0);  // stores nothing, throws nothing: see Names
 //
 // Names. Only save() checks names. Everything else pastes a name or a pattern into an SQL statement as
-// it comes: pass nothing but characters of VALID_NAME_CHARS, and in patterns also * ? [ ].
+// it comes: pass nothing but characters of VALID_NAME_CHARS, and in patterns also * ? [ ]. A statement that
+// goes beyond the rows of the table (drops or attaches something, sets a pragma, renames a row) is refused.
 //
 // Failures. A statement that SQLite refuses is logged, not thrown, and the operation goes on or returns:
 // look the row up again where it matters. Two refusals are thrown all the same: a taken name in Create()

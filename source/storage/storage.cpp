@@ -8,6 +8,7 @@
 
 #include "kelmor/paths.h"
 #include "log.h"
+#include "storage/guard.h"
 #include "storage/sql.h"
 
 namespace ConfSave {
@@ -36,6 +37,7 @@ Database open_database() {
   Database db(opened);
   if (code == SQLITE_OK) {
     sqlite3_busy_timeout(db.get(), INT_MAX);
+    sql::guard(db.get());
     return db;
   }
   if (KovrLogHelper record{1, kStorage, sql::kSource, "Can't open database: "}) {

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "storage/guard.h"
 #include "support/grouped_digits.h"
 #include "support/opened_storage.h"
 
@@ -565,7 +566,9 @@ TEST_F(StorageCreate, EveryConstraintCountsAsATakenName) {
 }
 
 TEST_F(StorageCreate, AnotherRefusalIsOnlyLogged) {
+  sqlite3_set_authorizer(connection, nullptr, nullptr);  // It refuses what sets this up.
   sqlite3_exec(connection, "pragma query_only=on", nullptr, nullptr, nullptr);
+  ConfSave::sql::guard(connection);
   forget();
   const LogRecord report =
       create_says(2, refusal("attempt to write a readonly database", kInsertWeekly, 8), {4});

@@ -1,0 +1,235 @@
+#include "storage/guard.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <functional>
+#include <iostream>
+#include <sstream>
+
+#include "support/console.h"
+#include "support/opened_storage.h"
+
+namespace {
+
+using namespace ConfSave;
+using test::kCurrent;
+using test::Rows;
+using test::operator+;
+
+class Guard : public test::OpenedStorage {
+ protected:
+  /// SQLite's answer to a statement on the storage's connection.
+  int code_of(const std::string& statement) const {
+    return sqlite3_exec(connection, statement.c_str(), nullptr, nullptr, nullptr);
+  }
+};
+
+TEST_F(Guard, WhatIsNotTheStoragesBusinessIsRefused) {
+  test::Database(database())
+      .run("create view v as select 1; create index i on Config(type); create table other (x)");
+  open();
+  for (const char* statement : {"attach 'x' as x",
+                                "attach ':memory:' as x",
+                                "detach main",
+                                "pragma user_version",
+                                "pragma user_version=1",
+                                "pragma journal_mode=off",
+                                "pragma writable_schema=on",
+                                "select * from pragma_table_info('Config')",
+                                "alter table Config rename to x",
+                                "alter table Config add column x",
+                                "drop table Config",
+                                "drop view v",
+                                "drop index i",
+                                "reindex",
+                                "analyze",
+                                "create table x (y)",
+                                "create temp table x (y)",
+                                "create table x as select 1",
+                                "create index x on Config(name)",
+                                "create view x as select 1",
+                                "create temp view x as select 1",
+                                "create trigger x after insert on Config begin select 1; end",
+                                "create temp trigger x after insert on Config begin select 1; end",
+                                "create virtual table x using fts5(y)",
+                                "select load_extension('x')",
+                                "update Config set name='x'",
+                                "update Config set keybase=null",
+                                "update Config set load_time=1, id=2",
+                                "update other set x=1",
+                                "vacuum into 'x'"}) {
+    const int code = code_of(statement);
+    EXPECT_TRUE(code == SQLITE_AUTH || code == SQLITE_ERROR) << statement << ": " << code;
+    EXPECT_NE(code_of(statement), SQLITE_OK) << statement;
+  }
+  EXPECT_EQ(query("select name from sqlite_schema where name not like 'sqlite_%' order by name"),
+            (Rows{{"Config"}, {"i"}, {"other"}, {"v"}}));
+  EXPECT_EQ(query("pragma user_version"), Rows{{"0"}});
+}
+
+TEST_F(Guard, TheSchemaCannotBeWrittenTo) {
+  EXPECT_NE(code_of("update sqlite_master set sql='x'"), SQLITE_OK);
+  EXPECT_NE(code_of("delete from sqlite_master"), SQLITE_OK);
+  EXPECT_EQ(query("pragma integrity_check"), Rows{{"ok"}});
+}
+
+TEST_F(Guard, WhatTheStorageDoesIsAllowed) {
+  for (const char* statement :
+       {"begin exclusive", "insert into Config (name, version) values ('x', 1)",
+        "update Config set load_time=5 where id=1", "select count(*) from Config where name='x'",
+        "select name from Config order by lower(name), random()",
+        "select 1 from Config where name glob 'x*'", "delete from Config where name='x'", "commit",
+        "savepoint s", "rollback to s", "release s"}) {
+    EXPECT_EQ(code_of(statement), SQLITE_OK) << statement << ": " << sqlite3_errmsg(connection);
+  }
+}
+
+TEST_F(Guard, NothingCanBeAttached) { EXPECT_EQ(sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, -1), 0); }
+
+TEST_F(Guard, TheDatabaseIsDefended) {
+  int on = 0;
+  EXPECT_EQ(sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, -1, &on), SQLITE_OK);
+  EXPECT_EQ(on, 1);
+}
+
+TEST_F(Guard, TriggersAndLengthsAreLeftAlone) {
+  int on = 0;
+  EXPECT_EQ(sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, -1, &on), SQLITE_OK);
+  EXPECT_EQ(on, 1);
+  const test::Database plain(database());
+  for (const int limit : {SQLITE_LIMIT_LENGTH, SQLITE_LIMIT_SQL_LENGTH}) {
+    EXPECT_EQ(sqlite3_limit(connection, limit, -1), sqlite3_limit(plain.get(), limit, -1));
+  }
+}
+
+TEST_F(Guard, ATriggerOfTheDatabaseDoesWhatItDoes) {
+  rearrange(
+      "create table seen (name, count); insert into seen values ('x', 0); create trigger t after insert on "
+      "Config begin update seen set count=count+1; update Config set save_time=7 where id=new.id; end");
+  EXPECT_EQ(code_of("insert into Config (name, version) values ('x', 1)"), SQLITE_OK);
+  EXPECT_EQ(query("select count from seen"), Rows{{"1"}});
+  EXPECT_EQ(query("select save_time from Config"), Rows{{"7"}});
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Whole scenarios, with the guard and without
+
+/// What a person, the log and the table have of an operation.
+struct Transcript {
+  std::string console;
+  test::LogRecords records;
+  Rows rows;
+
+  bool operator==(const Transcript& other) const {
+    return console == other.console && records == other.records && rows == other.rows;
+  }
+};
+
+std::ostream& operator<<(std::ostream& out, const Transcript& transcript) {
+  return out << testing::PrintToString(transcript.console) << "\n"
+             << testing::PrintToString(transcript.records) << "\n"
+             << testing::PrintToString(transcript.rows);
+}
+
+struct Scenario {
+  const char* title;
+  const char* typed;
+  std::function<void()> run;
+};
+
+class GuardTranscript : public test::Gateway {
+ protected:
+  GuardTranscript() { make_configuration(); }
+
+  Transcript play(const Scenario& scenario, bool guarded) {
+    test::shell("rm -f " + database());
+    test::Database(database()).run(test::kCreateTable);
+    for (const char* name : {"weekly", "autosave-1", "corlu-config"}) {
+      test::insert_row(database(), {name, 0});
+      test::insert_row(database(), {name, kCurrent});
+    }
+    host.reset();
+    // The record of the table's making is the first after the guard was set.
+    host.on_record = [this, guarded](const std::string& function) {
+      if (guarded || function != "Storage") return;
+      sqlite3* const db = recorder.connection();
+      sqlite3_set_authorizer(db, nullptr, nullptr);
+      sqlite3_limit(db, SQLITE_LIMIT_ATTACHED, 10);
+      sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 0, nullptr);
+    };
+    test::Console console(scenario.typed);
+    scenario.run();
+    return {console.transcript(), records(), dump()};
+  }
+
+  /// The schema, the version that a pragma sets, and all rows.
+  Rows dump() const {
+    Rows all = query("select type, name, sql from sqlite_schema") + query("pragma user_version");
+    if (query("select 1 from sqlite_schema where name='Config'").empty()) return all;
+    return all +
+           query("select id, name, version, type, save_time, load_time, length(keybase) > 0 from Config");
+  }
+
+  test::StatementRecorder recorder;
+};
+
+void answer(bool result) { std::cout << result << '\n'; }
+
+const Scenario kHarmless[] = {
+    {"save of a new name", "", [] { answer(save("fresh", conf_full, 0, false)); }},
+    {"save over a row of no version", "yes\n", [] { answer(save("weekly", conf_full, 0, false)); }},
+    {"save by force", "", [] { answer(save("weekly", conf_part, kCurrent, true)); }},
+    {"save declined", "no\n", [] { answer(save("weekly", conf_full, kCurrent, false)); }},
+    {"load", "no\nYes, do as I say\n", [] { load("weekly", nullptr, kCurrent, false); }},
+    {"load of several", "", [] { load("*", nullptr, 0, true); }},
+    {"autosave", "", [] { AutoSave("", conf_full, 1); }},
+    {"stale check", "", [] { answer(CheckOld()); }},
+    {"command list", "", [] { App::lst(); }},
+    {"command save", "y\n", [] { answer(App::save("weekly", conf_corlu)); }},
+    {"command delete", "", [] { App::del("weekly"); }},
+    {"command load", "n\nYes, do as I say\n", [] { App::load("weekly"); }},
+    {"list in an order of functions", "",
+     [] {
+       Storage storage;
+       for (const Config& config : storage.List(0, "lower(name), abs(version)", false)) {
+         std::cout << config.name << config.vers << '\n';
+       }
+     }},
+    {"a name with an apostrophe", "", [] { App::del("o'hare"); }},
+    {"a name that is half a statement", "", [] { App::del("x' or name='weekly"); }},
+    {"a pattern that is none", "", [] { load("x' or '1'='1", nullptr, 0, true); }},
+};
+
+TEST_F(GuardTranscript, NothingThatWorkedChanges) {
+  for (const Scenario& scenario : kHarmless) {
+    // A row that is written in the next second is the same row: its time is not in the transcript.
+    const Transcript unguarded = play(scenario, false);
+    EXPECT_EQ(play(scenario, true), unguarded) << scenario.title;
+    EXPECT_FALSE(unguarded.records.empty()) << scenario.title;
+  }
+}
+
+const Scenario kHostile[] = {
+    {"drop table Config", "", [] { App::del("x'; drop table Config; --"); }},
+    {"update 'Config' set name='y'", "", [] { App::del("x'; update 'Config' set name='y'; --"); }},
+    {"attach ':memory:' as y", "", [] { App::del("x'; attach ':memory:' as y; --"); }},
+    {"pragma user_version=7", "", [] { App::del("x'; pragma user_version=7; --"); }},
+    {"create table y (z)", "", [] { App::del("x'; create table y (z); --"); }},
+    {"create view y as select 1", "", [] { App::del("x'; create view y as select 1; --"); }},
+};
+
+TEST_F(GuardTranscript, AHostileNameIsARefusedStatement) {
+  const Transcript untouched = play({"", "", [] { const Storage storage; }}, true);
+  for (const Scenario& scenario : kHostile) {
+    const Transcript guarded = play(scenario, true);
+    EXPECT_EQ(guarded.console, "") << scenario.title;
+    EXPECT_EQ(guarded.rows, untouched.rows) << scenario.title;
+    EXPECT_EQ(guarded.records.back().text,
+              "SQL error: not authorized. Query: delete from 'Config' where name='x'; " +
+                  std::string(scenario.title) + "; --' and version=0 (return code: 23)");
+    EXPECT_FALSE(play(scenario, false) == guarded) << scenario.title << " is harmless anyway";
+  }
+}
+
+}  // namespace
