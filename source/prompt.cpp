@@ -14,7 +14,7 @@ constexpr const char* kPhrase = "Yes, do as I say";
 void to_upper(std::string& text) {
   const std::locale locale;
   const auto& letters = std::use_facet<std::ctype<char>>(locale);
-  letters.toupper(text.data(), text.data() + text.size());
+  for (char& letter : text) letter = letters.toupper(letter);
 }
 
 }  // namespace

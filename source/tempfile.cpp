@@ -22,7 +22,7 @@ std::string temporary_directory() {
 
 [[noreturn]] void throw_system_error(int status) { throw XTOOStatus(status, std::strerror(errno), false); }
 
-/// In a destructor as well, where what the host's log throws would end the process.
+/// In a destructor as well, where what the beginning of a record throws would end the process.
 void log_failed_removal(const std::string& name, int error) noexcept {
   try {
     if (KovrLogHelper record{1, kRemove, kSource, ""}) {

@@ -50,6 +50,7 @@ class LoadTest : public test::Gateway {
       EXPECT_TRUE(test::lock_is_free(database()));
     }
     EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(open_files(), Texts());
   }
 
   void store(const std::string& name, int64 version) {
@@ -194,6 +195,18 @@ TEST_F(LoadConfirmed, EveryQuestionIsSeenInAHostThatUntiedItsStreams) {
   EXPECT_EQ(console.transcript(), kConfirmed + kLoading);
 }
 
+TEST_F(LoadConfirmed, TheLoadingIsSeenBeforeItBegins) {
+  Console console("no\n" + kPhrase);
+  host.on_command = [](const std::string&) -> std::optional<int> {
+    std::ostream* tied = std::cerr.tie(nullptr);
+    std::cerr << "!";
+    std::cerr.tie(tied);
+    return std::nullopt;
+  };
+  load("weekly", nullptr, 0, false);
+  EXPECT_EQ(console.transcript(), kConfirmed + kLoading + "«!!!!!!»");
+}
+
 using LoadSilent = LoadTest;
 
 TEST_F(LoadSilent, NothingIsAskedAndNothingPrinted) {
@@ -225,6 +238,14 @@ TEST_F(LoadMatching, NothingThatMatchesIsTold) {
     load_with("", "«No such config.\n»", name);
   }
   load_with("", "«No such config.\n»", "weekly", kCurrent + 1);
+}
+
+TEST_F(LoadMatching, TheStorageIsClosedBeforeAFailureIsTold) {
+  Console console;
+  Texts open{"not told"};
+  const test::WhenSaid told(std::cerr, "No such config.\n", [&] { open = open_files(); });
+  load("nosuch", nullptr, 0, true);
+  EXPECT_EQ(open, Texts());
 }
 
 TEST_F(LoadMatching, SeveralThatMatchAreTold) {

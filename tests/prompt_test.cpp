@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <locale>
 #include <stdexcept>
 #include <streambuf>
@@ -19,6 +20,8 @@ void expect_cancelled(const std::string& input) {
   const auto error = test::thrown_by<ConfSave::XCancel>([] { ask_user_yesno("Go? ", false); });
   EXPECT_EQ(error.Status(), 0) << input;
   EXPECT_STREQ(error.ErrorMessage(), "") << input;
+  EXPECT_EQ(console.out(), "Go? ");
+  EXPECT_EQ(console.err(), "");
 }
 
 TEST(YesNoQuestion, YesInAnyCaseIsTrue) {
@@ -82,6 +85,15 @@ class EndingOutput : public std::streambuf {
   std::streambuf* before_;
 };
 
+TEST(YesNoQuestion, WithRepeatTheNextLineDecides) {
+  for (const std::string answer : {"ye", "yess", "nope", "y ", ""}) {
+    Console console(answer + "\nyes\n" + answer + "\nno\n");
+    EXPECT_TRUE(ask_user_yesno("Go? ", true)) << answer;
+    EXPECT_FALSE(ask_user_yesno("Go? ", true)) << answer;
+    EXPECT_EQ(console.transcript(), "Go? ‹" + answer + "›\nGo? ‹yes›\nGo? ‹" + answer + "›\nGo? ‹no›\n");
+  }
+}
+
 TEST(YesNoQuestion, WithRepeatItAsksForEverAtTheEndOfInput) {
   Console console("maybe");
   {
@@ -106,13 +118,13 @@ TEST(YesNoQuestion, ThePromptIsSeenInAHostThatUntiedItsStreams) {
   EXPECT_EQ(console.transcript(), "Go? ‹yes›\n");
 }
 
-/// Knows 'j' and 'J' as the small form of 'Y'.
+/// Knows 'j' and 'J' as the small form of 'Y', letter by letter only.
 struct OtherLetters : std::ctype<char> {
   char do_toupper(char c) const override {
     return c == 'j' || c == 'J' ? 'Y' : std::ctype<char>::do_toupper(c);
   }
   const char* do_toupper(char* begin, const char* end) const override {
-    for (; begin != end; ++begin) *begin = do_toupper(*begin);
+    std::fill(begin, const_cast<char*>(end), '?');
     return end;
   }
 };

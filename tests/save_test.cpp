@@ -16,6 +16,7 @@ namespace {
 using namespace ConfSave;
 using test::Console;
 using test::kCurrent;
+using test::LogRecords;
 using Texts = std::vector<std::string>;
 using Rows = std::vector<Texts>;
 
@@ -44,6 +45,7 @@ class SaveTest : public test::Gateway {
       EXPECT_EQ(test::Database(database()).value("pragma integrity_check"), "ok");
     }
     EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(open_files(), Texts());
   }
 
   void put(const test::RowSpec& row) {
@@ -100,6 +102,19 @@ TEST_F(SaveName, OneOf80CharactersIsAcceptedAndOneOf81IsNot) {
   EXPECT_FALSE(test::exists(database()));
 }
 
+TEST_F(SaveName, EachLineIsFlushed) {
+  Console console;
+  std::cerr << std::nounitbuf;
+  const test::WhenSaid stream(std::cerr, "", nullptr);
+  save("", conf_full, 0, true);
+  EXPECT_EQ(stream.flushes(), 1);
+  save(std::string(81, 'a'), conf_full, 0, true);
+  EXPECT_EQ(stream.flushes(), 2);
+  save("a b", conf_full, 0, true);
+  EXPECT_EQ(stream.flushes(), 4);
+  std::cerr << std::unitbuf;
+}
+
 TEST_F(SaveName, ATooLongOneIsToldBeforeABadCharacter) {
   Console console;
   EXPECT_FALSE(save(std::string(81, ' '), conf_full, 0, false));
@@ -143,6 +158,9 @@ TEST_F(SaveNew, OfNoVersionIsStoredUnderTheRunningVersionSilently) {
   EXPECT_EQ(statements, (Texts{kCount0, kCountCurrent, "begin exclusive", kDelete0, kDeleteCurrent,
                                insert_of("17264017408"), "commit"}));
   EXPECT_EQ(rows(), (Rows{{"weekly", "17264017408", "1", "1"}}));
+  EXPECT_EQ(
+      host.records_up_to(2),
+      LogRecords{test::create_says(2, "Try to save configuration 'weekly' (version 17264017408)", {8})});
 }
 
 TEST_F(SaveNew, OfAVersionIsStoredUnderIt) {
@@ -163,12 +181,25 @@ TEST_F(SaveNew, AnyTypeIsStored) {
 
 using SaveOver = SaveTest;
 
+TEST_F(SaveOver, ItIsToldWhenItIsCommitted) {
+  put({"weekly", kCurrent});
+  Console console;
+  bool committed = false;
+  const test::WhenSaid told(std::cout, "Config is overwritten.\n",
+                            [&] { committed = test::lock_is_free(database()); });
+  EXPECT_TRUE(save("weekly", conf_full, 0, true));
+  EXPECT_TRUE(committed);
+}
+
 TEST_F(SaveOver, TheRunningVersionIsAskedAndUpdated) {
   put({"weekly", kCurrent});
   EXPECT_TRUE(save_with("yes\n", kQuestion + "‹yes›\nConfig is overwritten.\n"));
   EXPECT_EQ(statements, (Texts{kCount0, kCountCurrent, "begin exclusive", kDeleteCurrent,
                                insert_of("17264017408"), "commit"}));
   EXPECT_EQ(rows(), (Rows{{"weekly", "17264017408", "1", "1"}}));
+  EXPECT_EQ(
+      host.records_up_to(2),
+      LogRecords{test::update_says(2, "Try to update configuration 'weekly' (version 17264017408)", {8})});
 }
 
 TEST_F(SaveOver, AGivenVersionIsAskedAndUpdated) {
@@ -187,6 +218,9 @@ TEST_F(SaveOver, ARowOfNoVersionGivesWayToTheRunningVersion) {
   put({"weekly", 0});
   EXPECT_TRUE(save_with("y\n", kQuestionNoVersion + "‹y›\nConfig is overwritten.\n"));
   EXPECT_EQ(statements, (Texts{kCount0, "begin exclusive", kDelete0, insert_of("17264017408"), "commit"}));
+  EXPECT_EQ(
+      host.records_up_to(2),
+      LogRecords{test::create_says(2, "Try to save configuration 'weekly' (version 17264017408)", {8})});
   EXPECT_EQ(rows(), (Rows{{"weekly", "17264017408", "1", "1"}}));
 }
 
@@ -274,6 +308,17 @@ TEST_F(SaveFailure, StorageThatCannotBeOpenedIsTold) {
   std::filesystem::remove(state_dir());
   EXPECT_FALSE(save_with("", "«Open configuration storage error\n»"));
   EXPECT_EQ(host.commands, Texts());
+}
+
+TEST_F(SaveFailure, TheStorageIsClosedAfterAFailureIsTold) {
+  { const Storage storage; }
+  host.on_command = test::fail_commands("cd ", 1);
+  Console console;
+  Texts open;
+  const test::WhenSaid told(std::cerr, "'tar' returned non-zero exit status.\n",
+                            [&] { open = open_files(); });
+  EXPECT_FALSE(save("weekly", conf_full, 0, false));
+  EXPECT_EQ(open, Texts{database()});
 }
 
 TEST_F(SaveFailure, WhatTheOpeningThrowsLeaves) {

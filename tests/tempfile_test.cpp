@@ -142,6 +142,16 @@ TEST_F(TempFileTest, AClosedDescriptorIsStatus45And54) {
   expect_status(54, "Bad file descriptor", [&] { file.rewind(); });
 }
 
+TEST_F(TempFileTest, ItIsClosedBeforeItIsDeleted) {
+  TempFile file;
+  file.create();
+  std::filesystem::remove(file.name());
+  bool closed = false;
+  host.on_recorded = [&closed, fd = file.fd()] { closed = fcntl(fd, F_GETFD) == -1; };
+  file.remove();
+  EXPECT_TRUE(closed);
+}
+
 TEST_F(TempFileTest, ALogThatThrowsDoesNotKeepItFromForgetting) {
   {
     TempFile file;

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
-#include <system_error>
 
 #include "kelmor/system.h"
 #include "log.h"
@@ -50,8 +50,11 @@ class ScratchDirectory {
 
   /// For the ways out on which the command that removes it did not run or failed.
   ~ScratchDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    try {
+      std::filesystem::remove_all(path_);
+    } catch (const std::exception&) {
+      // What failed has been told already.
+    }
   }
 
   const std::string& path() const { return path_; }

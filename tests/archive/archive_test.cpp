@@ -1,9 +1,11 @@
 #include "confsave.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
@@ -33,17 +35,6 @@ const std::string kNetwork =
 
 class ArchiveTest : public test::Gateway {
  protected:
-  /// The commands with names that differ from run to run replaced.
-  Texts commands() const {
-    Texts texts;
-    for (std::string command : host.commands) {
-      command = std::regex_replace(command, std::regex(scratch_dir() + "/[A-Za-z0-9]{6}"), "<archive>");
-      command = std::regex_replace(command, std::regex("//[A-Za-z0-9]{6}(?=[/ ])"), "//<scratch>");
-      texts.push_back(std::regex_replace(command, std::regex(root()), "<root>"));
-    }
-    return texts;
-  }
-
   static std::string pack_of(const std::string& dir, const std::string& files) {
     return "cd " + dir + " && tar czf <archive> --ignore-failed-read " + files + " 2>/dev/null";
   }
@@ -61,6 +52,18 @@ class ArchiveTest : public test::Gateway {
     Archive archive(type, config_dir());
     archive.Create();
     EXPECT_EQ(commands(), expected) << type;
+  }
+
+  /// The temporary files that are open, and their descriptors.
+  std::map<std::string, int> temporary_files() const {
+    std::map<std::string, int> files;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      const std::string file = std::filesystem::read_symlink(entry.path(), gone).string();
+      if (file.rfind(scratch_dir() + "/", 0) == 0)
+        files[file] = std::stoi(entry.path().filename().string());
+    }
+    return files;
   }
 
   Bytes archive_of(const std::map<std::string, std::string>& files) {
@@ -245,6 +248,68 @@ TEST_F(ArchiveFromBytes, WithoutADirectoryForTemporaryFilesItIsStatus17) {
   std::filesystem::create_directory(scratch_dir());
 }
 
+TEST_F(ArchiveFromBytes, TheFilesStandAtTheirBeginning) {
+  Archive archive(conf_full, config_dir());
+  archive.Create(Bytes(5, 'e'), Bytes(6, 'k'));
+  const auto descriptors = temporary_files();
+  ASSERT_EQ(descriptors.size(), 2U);
+  for (const auto& [name, fd] : descriptors) EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 0) << name;
+}
+
+TEST_F(ArchiveFromBytes, EtcIsWrittenFirst) {
+  Archive archive(conf_full, config_dir());
+  const FileSizeLimit full(10);
+  EXPECT_THROW(archive.Create(Bytes(5, 'e'), Bytes(11, 'k')), XTOOStatus);
+  EXPECT_EQ(scratch_files().size(), 2U);
+}
+
+TEST_F(ArchiveFetch, EtcIsReadFirst) {
+  Archive archive(conf_full, config_dir());
+  archive.Create(Bytes(1, 'e'), Bytes(1, 'k'));
+  std::string etc_file;
+  for (const auto& [name, fd] : temporary_files()) {
+    if (test::read_file(name) == "e") etc_file = name;
+    const int write_only = open(name.c_str(), O_WRONLY | O_CLOEXEC);
+    dup2(write_only, fd);
+    close(write_only);
+  }
+  host.records.clear();
+  Bytes etc;
+  Bytes keybase;
+  EXPECT_THROW(archive.Fetch(etc, keybase), XTOOStatus);
+  ASSERT_EQ(host.records.size(), 1U);
+  EXPECT_EQ(host.records[0].text, etc_file + ": failed to read from archive file: Bad file descriptor");
+}
+
+TEST_F(ArchiveFetch, AFileThatCannotBeRewoundIsStatus54) {
+  Archive archive(conf_full, config_dir());
+  host.on_command = [this](const std::string&) {
+    for (const auto& [name, fd] : temporary_files()) close(fd);
+    return 0;
+  };
+  const auto error = test::thrown_by<XTOOStatus>([&] { archive.Create(); });
+  EXPECT_EQ(error.Status(), 54);
+  EXPECT_STREQ(error.ErrorMessage(), "Bad file descriptor");
+  EXPECT_EQ(host.commands.size(), 1U);
+}
+
+TEST_F(ArchiveFetch, TheKeybaseFileGoesBeforeTheEtcFile) {
+  Texts expected;
+  {
+    Archive archive(conf_full, config_dir());
+    archive.Create(Bytes(1, 'e'), Bytes(1, 'k'));
+    for (const auto& [name, fd] : temporary_files()) {
+      const bool etc = test::read_file(name) == "e";
+      expected.insert(etc ? expected.end() : expected.begin(),
+                      name + ": failed to remove temporary file: No such file or directory");
+      std::filesystem::remove(name);
+    }
+  }
+  Texts told;
+  for (const LogRecord& record : host.records) told.push_back(record.text);
+  EXPECT_EQ(told, expected);
+}
+
 using ArchiveExtract = ArchiveTest;
 
 TEST_F(ArchiveExtract, WithoutATargetBothGoIntoTheirPlaces) {
@@ -305,9 +370,11 @@ TEST_F(ArchiveExtract, ADatabaseFileThatCannotBeDeletedFailsBeforeAnyCommand) {
 }
 
 TEST_F(ArchiveExtract, WhatWasNeverCreatedOnlyDeletesTheDatabase) {
-  test::write_file(config_dir() + "user/config.db", "old");
+  for (const char* name : {"config.db-journal", "config.db", "config.idx", "gateway.conf"}) {
+    test::write_file(config_dir() + "user/" + name, "old");
+  }
   Archive(conf_full, config_dir()).Extract(nullptr);
-  EXPECT_FALSE(test::exists(config_dir() + "user/config.db"));
+  EXPECT_EQ(test::tree(config_dir()), (std::map<std::string, std::string>{{"user/gateway.conf", "old"}}));
   EXPECT_EQ(host.commands, Texts());
 }
 

@@ -305,6 +305,13 @@ TEST_F(ReadArchive, AShortReadIsStatus5) {
   const auto error = test::thrown_by<XTOOStatus>([&] { TempFile_to_BinObj(file, bytes); });
   EXPECT_EQ(error.Status(), 5);
   EXPECT_STREQ(error.ErrorMessage(), "Success");
+  EXPECT_EQ(host.records,
+            (LogRecords{{1,
+                         "void ConfSave::TempFile_to_BinObj(const ConfSave::TempFile&, std::vector<char>&)",
+                         "TempFile_to_BinObj",
+                         "source/archive",
+                         file.name() + ": failed to read from archive file: Success",
+                         {}}}));
 }
 
 }  // namespace

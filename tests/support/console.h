@@ -2,8 +2,10 @@
 
 // The console of a test: what is typed is fixed beforehand, what is shown is noted as one transcript.
 
+#include <functional>
 #include <iostream>
 #include <memory>
+#include <streambuf>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,6 +39,38 @@ class Console {
  private:
   struct State;
   std::unique_ptr<State> state_;
+};
+
+/// While it lives, calls `look` whenever `text` is written to the stream in one piece, before it gets
+/// there.
+class WhenSaid : public std::streambuf {
+ public:
+  WhenSaid(std::ostream& stream, std::string text, std::function<void()> look)
+      : stream_(stream), text_(std::move(text)), look_(std::move(look)), below_(stream.rdbuf(this)) {}
+  WhenSaid(const WhenSaid&) = delete;
+  WhenSaid& operator=(const WhenSaid&) = delete;
+  ~WhenSaid() override { stream_.rdbuf(below_); }
+
+  /// How often the stream was flushed.
+  int flushes() const { return flushes_; }
+
+ protected:
+  std::streamsize xsputn(const char* text, std::streamsize length) override {
+    if (text_ == std::string(text, static_cast<std::size_t>(length))) look_();
+    return below_->sputn(text, length);
+  }
+  int_type overflow(int_type letter) override { return below_->sputc(traits_type::to_char_type(letter)); }
+  int sync() override {
+    ++flushes_;
+    return below_->pubsync();
+  }
+
+ private:
+  std::ostream& stream_;
+  std::string text_;
+  std::function<void()> look_;
+  std::streambuf* below_;
+  int flushes_ = 0;
 };
 
 }  // namespace test

@@ -113,7 +113,8 @@ int my_system(const char* pattern, ...) {
   va_end(arguments);
 
   auto& host = test::TestHost::instance();
-  host.commands.push_back(command);
+  // The format text itself: with the command as an argument it would be another call.
+  host.commands.emplace_back(pattern);
   if (host.on_command) {
     if (const std::optional<int> result = host.on_command(command)) return *result;
   }
@@ -142,6 +143,7 @@ void slput(int priority, const char* pattern, ...) {
 char* secure_getenv(const char* name) noexcept {
   static const auto real = reinterpret_cast<char* (*)(const char*)>(dlsym(RTLD_NEXT, "secure_getenv"));
   const std::string variable = name;
-  if (variable.find("KELMOR_LOG") == std::string::npos) test::TestHost::instance().paths.push_back(variable);
+  if (variable.find("KELMOR_LOG") == std::string::npos)
+    test::TestHost::instance().paths.push_back(variable);
   return real(name);
 }

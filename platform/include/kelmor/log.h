@@ -30,6 +30,7 @@ struct KorvLogProps {
   void (*builder_text)(const char*);
   /// A signed or unsigned integer of `width` bytes at `value`.
   void (*integer)(const void* value, unsigned width);
+  /// Must not throw: a record ends on every way out.
   void (*end)();
 };
 
