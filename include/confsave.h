@@ -231,7 +231,8 @@ class CONFSAVE_API Storage {
   void Load(const std::string& name, const char* target, int64 version, bool skip_corlu);
 
   /// All rows up to and including `version`, or all for 0. `order_by` is a column list as SQL has it,
-  /// or empty; it is pasted as it is. Times wrap at 32 bits.
+  /// or empty; it is pasted as it is. Times wrap at 32 bits. Throws std::logic_error for a row without a
+  /// name, which only a table from elsewhere can hold.
   Configs List(int64 version, const std::string& order_by, bool skip_corlu);
 
   /// The rows whose name matches the glob `pattern`, of exactly `version`, or of any for 0. Times wrap at

@@ -1,0 +1,197 @@
+"""A gateway in a scratch directory, and the program that operates on it."""
+
+import ctypes
+import os
+import pathlib
+import random
+import shutil
+import signal
+import sqlite3
+import subprocess
+import sys
+import tempfile
+import time
+
+ETC = pathlib.Path("/mnt/main/etc")
+FAILOVER = ["failover.ini", "failover.ini.crg", "failoverd-config.crg"]
+CONFIG = ["user/gateway.conf", "user/gateway.key", "user/filter.conf", "user/nat.conf", "user/users.conf",
+          "gw1.conf", "hub/out"]
+DATABASE = ["user/config.db", "user/config.idx"]
+
+
+# Orphans of a killed host become ours, so that their end can be waited for.
+PR_SET_CHILD_SUBREAPER = 36
+ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
+
+
+class Failure(Exception):
+    """Something that must hold does not."""
+
+
+def require(condition, *what):
+    if not condition:
+        raise Failure(" ".join(map(str, what)))
+
+
+def remove(path):
+    if path.is_dir() and not path.is_symlink():
+        shutil.rmtree(path)
+    else:
+        path.unlink()
+
+
+class Gateway:
+    def __init__(self, program, parent=None):
+        if os.environ.get("CONFSAVE_SANDBOX") != "1":
+            sys.exit("These tests fill /mnt/main/etc. Run them by script/faults or ctest.")
+        self.program = os.path.realpath(program)
+        # The sandbox's own file system: in memory, and gone with it.
+        self.root = pathlib.Path(tempfile.mkdtemp(prefix="confsave-faults-", dir=parent or "/mnt"))
+        self.config, self.state, self.scratch = (self.root / name for name in ("config", "state", "scratch"))
+        for directory in (self.config / "user", self.config / "hub", self.state, self.scratch):
+            directory.mkdir(parents=True)
+        self.database = self.state / "storage.db"
+        self.targets = 0
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for path in ETC.iterdir():
+            remove(path)
+        shutil.rmtree(self.root, ignore_errors=True)
+
+    # What is configured.
+
+    def write_configuration(self, content, size=0):
+        """Every file says `content` and its own name; `size` bytes more that do not compress."""
+        filler = random.Random(content).randbytes(size)
+        for directory, names in ((self.config, CONFIG + DATABASE), (ETC, FAILOVER)):
+            for name in names:
+                (directory / name).write_bytes(f"{content} {name}\n".encode() + filler)
+
+    def configuration(self):
+        return {str(path): path.read_bytes()
+                for directory, names in ((self.config, CONFIG + DATABASE), (ETC, FAILOVER))
+                for path in (directory / name for name in names) if path.exists()}
+
+    def expected_files(self, content, size=0):
+        filler = random.Random(content).randbytes(size)
+        return {name: f"{content} {name}\n".encode() + filler for name in CONFIG + DATABASE + FAILOVER}
+
+    # What is run.
+
+    def environment(self, **faults):
+        return {**os.environ, "KELMOR_CONFIG_PATH": f"{self.config}/", "KELMOR_DYNAMIC_DIR": str(self.state),
+                "KELMOR_TEMP_DIR": str(self.scratch), "KELMOR_LOG_FILE": str(self.root / "log"),
+                **{f"FAULT_{key}": str(value) for key, value in faults.items()}}
+
+    def start(self, *words, prefix=(), typed="", **faults):
+        """A process with a group of its own."""
+        process = subprocess.Popen([*prefix, self.program, *map(str, words)], env=self.environment(**faults),
+                                   stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                   start_new_session=True)
+        try:
+            process.stdin.write(typed.encode())
+            process.stdin.close()
+        except BrokenPipeError:
+            pass
+        return process
+
+    def run(self, *words, timeout=60, **options):
+        """The exit status and all output."""
+        process = self.start(*words, **options)
+        try:
+            process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            os.killpg(process.pid, signal.SIGKILL)
+            raise Failure("hangs:", *words, options)
+        output = process.stdout.read().decode("utf-8", "replace")
+        process.stdout.close()
+        return process.returncode, output
+
+    def do(self, *words, **options):
+        status, output = self.run(*words, **options)
+        require(status == 0, words, "ended with", status, output)
+        return output
+
+    def steps_of(self, *words, **options):
+        """The number of steps of an operation that meets no fault."""
+        self.do(*words, COUNT=self.root / "steps", **options)
+        return int((self.root / "steps").read_text())
+
+    def wait_for_group(self, process):
+        """Until the last of the process's children is gone as well."""
+        end = time.monotonic() + 30
+        while time.monotonic() < end:
+            try:
+                while os.waitpid(-process.pid, os.WNOHANG)[0]:
+                    pass
+            except ChildProcessError:
+                return
+            time.sleep(0.002)
+        raise Failure("a child lives on")
+
+    def scratch_directories(self):
+        return [path for directory in (self.config, ETC, self.scratch) for path in directory.iterdir()
+                if len(path.name) == 6 and path.name.isalnum()]
+
+    def remove_scratch_directories(self):
+        for path in self.scratch_directories():
+            remove(path)
+
+    # What must hold.
+
+    def query(self, sql):
+        connection = sqlite3.connect(self.database)
+        try:
+            return connection.execute(sql).fetchall()
+        finally:
+            connection.close()
+
+    def require_integrity(self):
+        require(self.query("pragma integrity_check") == [("ok",)], "the database is damaged")
+
+    def keep_state(self):
+        shutil.copytree(self.state, self.root / "kept", dirs_exist_ok=True)
+
+    def restore_state(self):
+        shutil.rmtree(self.state)
+        shutil.copytree(self.root / "kept", self.state)
+        for path in self.scratch.iterdir():
+            remove(path)
+
+    def loaded(self, name, verb="load"):
+        """The files of a snapshot, or None where there is no such snapshot."""
+        self.targets += 1
+        target = self.root / f"target{self.targets}"
+        target.mkdir()
+        status, output = self.run(verb, name, f"{target}/")
+        if status != 0:
+            require(output == "status 0 \n", name, "does not load:", output)
+            return None
+        files = {str(path.relative_to(target)): path.read_bytes() for path in target.rglob("*") if path.is_file()}
+        shutil.rmtree(target)
+        return files
+
+    def require_loads(self, name, *contents, verb="load", may_be_missing=False, size=0):
+        """The snapshot is whole, and is that of one of the contents."""
+        files = self.loaded(name, verb)
+        if files is None and may_be_missing:
+            return
+        require(files is not None, name, "is lost")
+        require(files in [self.expected_files(content, size) for content in contents], name, "is not whole:", files)
+
+
+def main(campaign):
+    """campaign(program, full, seed) returns a line of figures."""
+    program, full, seed = sys.argv[1], "--full" in sys.argv, 1
+    for word in sys.argv[2:]:
+        if word.startswith("--seed="):
+            seed = int(word.removeprefix("--seed="))
+    start = time.monotonic()
+    try:
+        figures = campaign(program, full, random.Random(seed))
+    except Failure as failure:
+        sys.exit(f"{os.path.basename(sys.argv[0])}: {failure}")
+    print(f"{figures}; {time.monotonic() - start:.0f} s, seed {seed}")
