@@ -1,0 +1,55 @@
+#pragma once
+
+// What the fuzz targets share: a gateway of their own, and a command runner that runs nothing.
+
+#include <confsave.h>
+#include <kelmor/log.h>
+#include <kelmor/system.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+inline int my_system(const char*, ...) { return 1; }
+
+namespace fuzz {
+
+inline std::string make_gateway() {
+  char name[] = "/tmp/confsave-fuzz-XXXXXX";
+  const std::string root = mkdtemp(name);
+  for (const char* directory : {"/config/user", "/state", "/scratch"}) {
+    std::filesystem::create_directories(root + directory);
+  }
+  setenv("KELMOR_CONFIG_PATH", (root + "/config").c_str(), 1);
+  setenv("KELMOR_DYNAMIC_DIR", (root + "/state").c_str(), 1);
+  setenv("KELMOR_TEMP_DIR", (root + "/scratch").c_str(), 1);
+  setenv("KELMOR_LOG_LEVEL", "0", 1);
+  std::atexit([] { std::filesystem::remove_all(std::getenv("KELMOR_SCRATCH_ROOT")); });
+  setenv("KELMOR_SCRATCH_ROOT", root.c_str(), 1);
+  std::cout.setstate(std::ios::badbit);
+  std::cerr.setstate(std::ios::badbit);
+  return root;
+}
+
+/// The gateway of this process.
+inline const std::string& root() {
+  static const std::string path = make_gateway();
+  return path;
+}
+
+inline std::string database() { return root() + "/state/storage.db"; }
+
+/// Runs `call`, which may end in any of the library's exceptions.
+template <class Call>
+void expect_stated_end(Call call) {
+  try {
+    call();
+  } catch (const XTOOStatus&) {
+    // Stated.
+  }
+}
+
+}  // namespace fuzz
