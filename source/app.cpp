@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "prompt.h"
+#include "throw.h"
 
 namespace ConfSave {
 namespace {
@@ -40,7 +41,7 @@ void protect_current(Storage& storage) {
     demand_phrase();
     return;
   }
-  if (!store(storage, ask_name_for_current(), conf_full)) throw XCancel(0, true);
+  if (!store(storage, ask_name_for_current(), conf_full)) throw_status<XCancel>();
   std::cout << kProduct << " configuration saved.\n";
 }
 

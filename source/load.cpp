@@ -3,19 +3,20 @@
 #include <iostream>
 
 #include "prompt.h"
+#include "throw.h"
 
 namespace ConfSave {
 namespace {
 
 Config find_only(Storage& storage, const std::string& pattern, int64 version) {
   const Configs found = storage.FindMatching(pattern, version, true);
-  if (found.empty()) throw XNotFound(0, true);
-  if (found.size() > 1) throw XAmbiguity(0, true);
+  if (found.empty()) throw_status<XNotFound>();
+  if (found.size() > 1) throw_status<XAmbiguity>();
   return found.front();
 }
 
 void save_current() {
-  if (!save(ask_name_for_current(), conf_full, 0, false)) throw XCancel(0, true);
+  if (!save(ask_name_for_current(), conf_full, 0, false)) throw_status<XCancel>();
   std::cout << kProduct << " configuration saved.\n";
 }
 
@@ -25,7 +26,7 @@ void warn_of_newer_version() {
             << "Files of a configuration, probably, will not be apprehended\n"
             << "by the established version without additional manual editing.\n"
             << "Do you want to continue?";
-  if (!ask_user_yesno(YES_NO_SUFFIX, false)) throw XCancel(0, true);
+  if (!ask_user_yesno(YES_NO_SUFFIX, false)) throw_status<XCancel>();
 }
 
 /// Throws XCancel unless the person wants to go on.

@@ -4,6 +4,7 @@
 #include <locale>
 
 #include "confsave.h"
+#include "throw.h"
 
 namespace ConfSave {
 namespace {
@@ -38,7 +39,7 @@ void demand_phrase() {
             << ">>> " << kPhrase << "\n"
             << "in response to the prompt:\n"
             << ">>> ";
-  if (read_line() != kPhrase) throw XCancel(0, true);
+  if (read_line() != kPhrase) throw_status<XCancel>();
 }
 
 bool ask_user_yesno(const std::string& prompt, bool repeat) {
@@ -48,7 +49,7 @@ bool ask_user_yesno(const std::string& prompt, bool repeat) {
     to_upper(answer);
     if (answer == "N" || answer == "NO") return false;
     if (answer == "Y" || answer == "YES") return true;
-    if (!repeat) throw XCancel(0, true);
+    if (!repeat) throw_status<XCancel>();
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include "kelmor/paths.h"
 #include "log.h"
+#include "throw.h"
 
 namespace ConfSave {
 namespace {
@@ -20,7 +21,7 @@ std::string temporary_directory() {
   return toolsunix::FilenameConvertor::Instance().GetFullDirName(toolsunix::path::DirectoryId{1});
 }
 
-[[noreturn]] void throw_system_error(int status) { throw XTOOStatus(status, std::strerror(errno), false); }
+[[noreturn]] void throw_system_error(int status) { throw_text<XTOOStatus>(status, std::strerror(errno)); }
 
 /// In a destructor as well, where what the beginning of a record throws would end the process.
 void log_failed_removal(const std::string& name, int error) noexcept {
@@ -57,7 +58,7 @@ bool TempFile::is_open() const {
 }
 
 int TempFile::fd() const {
-  if (tmp_fd == -1) throw XTOOStatus(36, true);
+  if (tmp_fd == -1) throw_status<XTOOStatus>(36);
   return tmp_fd;
 }
 

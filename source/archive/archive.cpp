@@ -8,6 +8,7 @@
 #include "archive/pack.h"
 #include "kelmor/paths.h"
 #include "log.h"
+#include "throw.h"
 
 namespace ConfSave {
 namespace {
@@ -54,7 +55,7 @@ void write_into(TempFile& file, const std::vector<char>& bytes) {
     if (KovrLogHelper record{1, kCreate, kArchiveSource, ""}) {
       record << file.name() << ": failed to write to temporary file: " << std::strerror(error);
     }
-    throw XTOOStatus(6, std::strerror(error), false);
+    throw_text<XTOOStatus>(6, std::strerror(error));
   }
   file.rewind();
 }

@@ -7,6 +7,7 @@
 #include "archive/pack.h"
 #include "kelmor/paths.h"
 #include "log.h"
+#include "throw.h"
 
 namespace ConfSave {
 namespace {
@@ -35,7 +36,7 @@ bool IsFileExist(const char* path) {
   const int error = errno;
   if (error == ENOENT) return false;
   log_failure(kIsFileExist, "access() for '", path, error);
-  throw XExternalFailure(19, true);
+  throw_status<XExternalFailure>(19);
 }
 
 void RemoveFileIfExists(const char* path) {
@@ -43,7 +44,7 @@ void RemoveFileIfExists(const char* path) {
   const int error = errno;
   if (error == ENOENT) return;
   log_failure(kRemoveFileIfExists, "unlink() for '", path, error);
-  throw XExternalFailure(43, true);
+  throw_status<XExternalFailure>(43);
 }
 
 bool IsConfigDbExist(const char* dir) {

@@ -11,6 +11,7 @@
 
 #include "kelmor/system.h"
 #include "log.h"
+#include "throw.h"
 
 namespace ConfSave {
 namespace {
@@ -39,7 +40,7 @@ class ScratchDirectory {
       if (KovrLogHelper record{1, kUnpack, kArchiveSource, ""}) {
         record << path_ << ": failed to create temporary directory: " << std::strerror(error);
       }
-      throw XTOOStatus(3, std::strerror(error), false);
+      throw_text<XTOOStatus>(3, std::strerror(error));
     }
     // A tight umask would lock us out of our own directory.
     chmod(path_.c_str(), S_IRWXU);
@@ -95,21 +96,21 @@ std::string move_command(const std::string& scratch, const std::string& dir) {
 std::string remove_command(const std::string& scratch) { return "rm -rf " + scratch + " 2>/dev/null"; }
 
 void pack(const std::string& archive, const std::string& dir, const std::string& files) {
-  if (archive.empty() || dir.empty() || files.empty()) throw XExternalFailure(kCommandFailed, true);
+  if (archive.empty() || dir.empty() || files.empty()) throw_status<XExternalFailure>(kCommandFailed);
   const int code = run_command(pack_command(archive, dir, files));
   if (code == 0) return;
   log_failure(kPack, "failed to create tar archive with error code: ", code);
-  throw XExternalFailure(kCommandFailed, true);
+  throw_status<XExternalFailure>(kCommandFailed);
 }
 
 void unpack(const std::string& archive, const std::string& dir) {
-  if (archive.empty() || dir.empty()) throw XExternalFailure(kCommandFailed, true);
+  if (archive.empty() || dir.empty()) throw_status<XExternalFailure>(kCommandFailed);
   const ScratchDirectory scratch(dir);
   const int code = extract_and_move(archive, scratch.path(), dir);
   const int removed = run_command(remove_command(scratch.path()));
   // The record tells the earlier result and not that of rm. // Quirk Q28
   if (removed != 0) log_failure(kUnpack, "failed to remove temporary directory with error code: ", code);
-  if (code != 0 || removed != 0) throw XExternalFailure(kCommandFailed, true);
+  if (code != 0 || removed != 0) throw_status<XExternalFailure>(kCommandFailed);
 }
 
 void TempFile_to_BinObj(const TempFile& file, std::vector<char>& out) {
@@ -126,7 +127,7 @@ void TempFile_to_BinObj(const TempFile& file, std::vector<char>& out) {
   if (KovrLogHelper record{1, kTempFileToBinObj, kArchiveSource, ""}) {
     record << file.name() << ": failed to read from archive file: " << std::strerror(error);
   }
-  throw XTOOStatus(5, std::strerror(error), false);
+  throw_text<XTOOStatus>(5, std::strerror(error));
 }
 
 }  // namespace ConfSave

@@ -8,6 +8,7 @@
 
 #include "log.h"
 #include "storage/sql.h"
+#include "throw.h"
 
 namespace ConfSave {
 namespace {
@@ -84,7 +85,7 @@ sql::Statement prepare_query(sqlite3* db, const std::string& text) {
   const std::string error = sqlite3_errmsg(db);
   if (code != SQLITE_ROW && code != SQLITE_DONE) sql::report_error(kLoad, error.c_str(), text, code);
   if (KovrLogHelper record{1, kLoad, sql::kSource, "SQL error: "}) record << error << ". Query: " << text;
-  throw XNotFound(0, true);
+  throw_status<XNotFound>();
 }
 
 /// The row of this name and version; of several, which only a foreign table can hold, the last.
@@ -101,7 +102,7 @@ StoredRow fetch_row(sqlite3* db, const std::string& name, int64 version, bool sk
   if (KovrLogHelper record{2, kLoad, sql::kSource, "Configuration is not found: name="}) {
     record << name << ", version=" << version;
   }
-  throw XNotFound(0, true);
+  throw_status<XNotFound>();
 }
 
 }  // namespace
@@ -117,7 +118,7 @@ void checkColumnType(const std::string& name, int64 version, sqlite3_stmt* stmt,
                                 std::to_string(version) + ") is broken or invalid. column ``" + column +
                                 "'' type is " + std::to_string(actual) + " (expected " +
                                 std::to_string(expected) + ")";
-    throw XConstraint(0, message.c_str(), false);
+    throw_text<XConstraint>(0, message.c_str());
   }
   if (KovrLogHelper record{4, kCheckColumnType, sql::kSource, "Configuration ``"}) {
     record << name << "'' (version " << version << ") contains column ``" << column << "'' with type "

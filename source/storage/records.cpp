@@ -9,6 +9,7 @@
 #include "integers.h"
 #include "log.h"
 #include "storage/sql.h"
+#include "throw.h"
 
 namespace ConfSave {
 namespace {
@@ -117,7 +118,7 @@ void Storage::Create(const std::string& name, conftype type, int64 version) {
   if (stepped == SQLITE_CONSTRAINT) {
     const std::string message =
         "Configuration '" + name + "' (version " + Config::version(version) + ") already exists";
-    throw XConstraint(0, message.c_str(), false);
+    throw_text<XConstraint>(0, message.c_str());
   }
   log_total_changes(db, kCreate);
 }
