@@ -525,6 +525,13 @@ TEST_F(StorageLoad, TheCorluConfigurationIsFoundUnlessSkipped) {
   EXPECT_EQ(stamps(), (Rows{{"1", "<now>"}}));
 }
 
+TEST_F(StorageLoad, TheStatementIsGoneBeforeItIsToldThatNothingWasFound) {
+  bool open = true;
+  host.on_recorded = [&] { open = sqlite3_next_stmt(connection, nullptr) != nullptr; };
+  expect_not_found([this] { load(); });
+  EXPECT_FALSE(open);
+}
+
 TEST_F(StorageLoad, AMissingTableCountsAsNotFound) {
   test::Database(database()).run("drop table Config");
   sqlite3_exec(connection, "select * from sqlite_schema", nullptr, nullptr, nullptr);  // It takes note.
