@@ -64,6 +64,8 @@ class Noting : public std::streambuf {
 class HandingOn {
  public:
   explicit HandingOn(std::ios& stream) : stream_(stream), before_(stream.exceptions()) {
+    // What went wrong before is not to be thrown now.
+    stream_.clear(stream_.rdstate() & ~std::ios::badbit);
     stream_.exceptions(std::ios::badbit);
   }
   HandingOn(const HandingOn&) = delete;
