@@ -43,6 +43,7 @@ using test::create_says;
 using test::delete_says;
 using test::GroupedDigits;
 using test::kCannotOpen;
+using test::kChooseLayout;
 using test::kCreateTable;
 using test::kCurrent;
 using test::kPackCorlu;
@@ -365,7 +366,7 @@ using AppLst = Shell;
 
 TEST_F(AppLst, AnEmptyStoragePrintsNothing) {
   EXPECT_EQ(lst(), "");
-  EXPECT_EQ(statements(), (Texts{kCreateTable, kSelectAll}));
+  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kSelectAll}));
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade,
                         list_says(2, "Requested configuration list is empty (version=0)", {8})}));
@@ -465,7 +466,7 @@ const std::string kOverwriteWeekly = "Config 'weekly' exists. Overwrite? ‹y›
 
 TEST_F(AppSave, ANewNameIsStoredSilently) {
   EXPECT_EQ(save(), Saved("", true));
-  EXPECT_EQ(statements(), (Texts{kCreateTable, insert_statement("weekly")}));
+  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, insert_statement("weekly")}));
   EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
                                    create_says(2, "Try to save configuration 'weekly' (version 0)", {8}),
                                    create_says(4, "sqlite3_total_changes: 1", {4})}));
@@ -653,7 +654,7 @@ TEST_F(AppSave, ACommandThatIsNotFoundIsTold) {
 TEST_F(AppSave, AConstraintOfTheHostAsksAsATakenNameDoes) {
   fail_at(1, throwing(XConstraint(0, "quota", false)));
   EXPECT_EQ(save("y\n"), Saved(kOverwriteWeekly, true));
-  EXPECT_EQ(statements(), (Texts{kCreateTable, kDeleteWeekly, insert_statement("weekly")}));
+  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kDeleteWeekly, insert_statement("weekly")}));
 }
 
 TEST_F(AppSave, AnyOtherExceptionIsToldOnStandardError) {
@@ -779,7 +780,7 @@ TEST_F(AppDel, OnlyTheRowOfNoVersionGoes) {
 
 TEST_F(AppDel, AMissingNameIsSilent) {
   EXPECT_EQ(del(), "");
-  EXPECT_EQ(statements(), (Texts{kCreateTable, kDeleteWeekly}));
+  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kDeleteWeekly}));
 }
 
 TEST_F(AppDel, TheNameIsNoPattern) {
@@ -1157,7 +1158,7 @@ TEST_F(AppLoad, OtherNamesAndVersionsAreNotTouched) {
 TEST_F(AppLoad, ANameThatIsNotStoredEndsAsAnUnknownError) {
   EXPECT_EQ(load(kRecklessly, "nobody"),
             kReckless + "Loading configuration 'nobody'.\n" + "Unknown error: 0.\n");
-  EXPECT_EQ(statements(), (Texts{kCreateTable, kSelectNobody}));
+  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kSelectNobody}));
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade, load_says(2, "Try to load"),
                         load_says(2, "Configuration is not found: name=nobody, version=0", {8})}));

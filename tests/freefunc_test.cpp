@@ -50,6 +50,7 @@ using test::exists_says;
 using test::find_says;
 using test::GroupedDigits;
 using test::kCannotOpen;
+using test::kChooseLayout;
 using test::kCreateTable;
 using test::kCurrent;
 using test::kPackCorlu;
@@ -813,7 +814,7 @@ using Autosaving = Housekeeping;
 TEST_F(Autosaving, TheFirstIsStoredUnderTheTime) {
   autosave(5);
   EXPECT_EQ(statements(),
-            (Texts{kCreateTable, kFindAutosaves,
+            (Texts{kChooseLayout, kCreateTable, kFindAutosaves,
                    "select count(*) from 'Config' where name='autosave-<now>' and version=17264017408",
                    "delete from 'Config' where name='autosave-<now>' and version=17264017408",
                    "insert into 'Config' (name,keybase,etc,version, save_time, type) values "
@@ -922,7 +923,8 @@ TEST_F(Autosaving, TheFirstArgumentHasNoEffect) {
   for (const std::string name : {"", "weekly", "o'hare", "autosave-1", "%s"}) {
     fs::remove(database());
     autosave(5, conf_full, name);
-    EXPECT_EQ(statements(), (Texts{kCreateTable, kFindAutosaves} + saving("autosave-<now>")));
+    EXPECT_EQ(statements(),
+              (Texts{kChooseLayout, kCreateTable, kFindAutosaves} + saving("autosave-<now>")));
     EXPECT_EQ(rows(), (Rows{{"autosave-<now>", "17264017408", "1", "<now>", "NULL"}}));
   }
 }
@@ -1258,7 +1260,7 @@ using OldCheck = Housekeeping;
 
 TEST_F(OldCheck, AnEmptyStorageHasNone) {
   EXPECT_FALSE(check_old());
-  EXPECT_EQ(statements(), (Texts{kCreateTable, kSelectAll}));
+  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kSelectAll}));
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade,
                         list_says(2, "Requested configuration list is empty (version=0)", {8})}));

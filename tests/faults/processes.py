@@ -56,6 +56,18 @@ def autosaves(gateway, rounds):
     return 8 * rounds
 
 
+def creation(gateway, rounds):
+    """All find no file, and make it."""
+    for _ in range(rounds):
+        gateway.database.unlink(missing_ok=True)
+        for status, output in together(gateway, *[("save-many", f"p{i}-", 1) for i in range(8)]):
+            require(status == 0, "a creator ended with", status, output)
+        gateway.require_integrity()
+        require(gateway.query("select count(*) from Config") == [(8,)], "a row is lost")
+        require(gateway.query("pragma auto_vacuum") == [(2,)], "another layout")
+    return 8 * rounds
+
+
 def waiting(gateway, locker, seconds):
     """A holder of the lock: another program, for SQLite's locks are the process's own."""
     with subprocess.Popen([locker, gateway.database, str(seconds * 1000)], stdout=subprocess.PIPE) as holder:
@@ -126,11 +138,12 @@ def campaign(program, full, source):
     locker = str(__import__("pathlib").Path(program).resolve().parent / "locker")
     with Gateway(program) as gateway:
         gateway.write_configuration("new")
-        figures = (distinct_saves(gateway, 200 if full else 6), one_name(gateway, 50 if full else 4),
+        created = creation(gateway, 50 if full else 3)
+        figures = (created, distinct_saves(gateway, 200 if full else 6), one_name(gateway, 50 if full else 4),
                    autosaves(gateway, 10 if full else 2), questions(gateway))
         waiting(gateway, locker, 3 if full else 1)
         gateway.require_integrity()
-    return "%d saves by eight, %d of one name, %d autosaves, a writer at %d questions, a lock waited for" % figures
+    return "%d creators of a file, %d saves by eight, %d of one name, %d autosaves, a writer at %d questions, a lock waited for" % figures
 
 
 main(campaign)

@@ -37,11 +37,61 @@ class StorageOpen : public test::Gateway {
 TEST_F(StorageOpen, ANewFileGetsTheTable) {
   const Storage storage;
   EXPECT_TRUE(storage.opened);
-  EXPECT_EQ(recorder.statements(), Texts{kCreateTable});
+  EXPECT_EQ(recorder.statements(), (Texts{test::kChooseLayout, kCreateTable}));
   EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
   EXPECT_EQ(test::Database(database()).value("select sql from sqlite_schema where name='Config'"),
             "CREATE TABLE 'Config' " + kCreateTable.substr(22));
   EXPECT_TRUE(test::lock_is_free(database()));
+}
+
+TEST_F(StorageOpen, ANewFileHasTheLayoutThatListsFast) {
+  { const Storage storage; }
+  EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "2");
+}
+
+TEST_F(StorageOpen, AnEmptyFileIsANewOne) {
+  test::write_file(database(), "");
+  { const Storage storage; }
+  EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "2");
+}
+
+TEST_F(StorageOpen, AFileOfAnotherLayoutKeepsIt) {
+  test::Database(database()).run(kCreateTable);
+  {
+    const Storage storage;
+    EXPECT_EQ(recorder.statements(), Texts());
+  }
+  EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "0");
+}
+
+TEST_F(StorageOpen, ASecondOpeningWritesNothing) {
+  { const Storage storage; }
+  test::insert_row(database(), {"weekly"});
+  const std::string before = test::read_file(database());
+  const auto time = std::filesystem::last_write_time(database());
+  recorder.clear();
+  const Storage storage;
+  EXPECT_TRUE(storage.opened);
+  EXPECT_EQ(recorder.statements(), Texts());
+  EXPECT_EQ(test::read_file(database()), before);
+  EXPECT_EQ(std::filesystem::last_write_time(database()), time);
+  EXPECT_EQ(test::names_in(state_dir()), Texts{"storage.db"});
+}
+
+TEST_F(StorageOpen, AFileThatCannotBeWrittenToIsListed) {
+  { const Storage storage; }
+  test::insert_row(database(), {"weekly"});
+  ASSERT_EQ(test::shell("mount --bind " + state_dir() + " " + state_dir() +
+                        " && mount -o remount,ro,bind " + state_dir()),
+            0);
+  host.records.clear();
+  {
+    Storage storage;
+    EXPECT_TRUE(storage.opened);
+    EXPECT_EQ(storage.List(0, "", true).size(), 1U);
+  }
+  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
+  EXPECT_EQ(test::shell("umount " + state_dir()), 0);
 }
 
 TEST_F(StorageOpen, AnExistingTableIsTheNormalCase) {

@@ -13,6 +13,9 @@ using Texts = std::vector<std::string>;
 using Rows = std::vector<Texts>;
 using Widths = std::vector<unsigned>;
 
+/// Before the table, and only in a file that is new.
+inline const std::string kChooseLayout = "pragma auto_vacuum=incremental";
+
 inline const std::string kCreateTable =
     "create table 'Config' (id integer primary key autoincrement, name varchar(80) not null, version "
     "integer not null, keybase blob, etc blob, type integer, save_time timestamp, load_time timestamp, "
