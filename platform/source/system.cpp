@@ -1,5 +1,6 @@
 #include "kelmor/system.h"
 
+#include <dlfcn.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <optional>
@@ -37,14 +39,39 @@ bool is_unsafe(std::string_view entry) {
   return begins_with(entry, "LD_") || begins_with(entry, "BASH_FUNC_");
 }
 
-std::vector<char*> safe_environment() {
-  std::vector<char*> entries;
-  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-    if (!is_unsafe(*entry)) entries.push_back(*entry);
-  }
-  entries.push_back(nullptr);
-  return entries;
+/// Where this library keeps the programs that commands find first; empty when they are not there.
+std::string program_directory() {
+  Dl_info library = {};
+  if (dladdr(reinterpret_cast<const void*>(&is_unsafe), &library) == 0) return "";
+  const std::string file = library.dli_fname;
+  std::string directory = file.substr(0, file.rfind('/') + 1) + "kelmor-gzip";
+  return access((directory + "/gzip").c_str(), X_OK) == 0 ? directory : "";
 }
+
+/// What a command gets: the host's environment without what is unsafe, and a path of its own.
+class Environment {
+ public:
+  Environment() {
+    const char* path = std::getenv("PATH");
+    path_ += path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
+    const std::string directory = program_directory();
+    if (!directory.empty()) path_.insert(kPath.size(), directory + ":");
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+      if (!is_unsafe(*entry) && !begins_with(*entry, kPath)) entries_.push_back(*entry);
+    }
+    entries_.push_back(path_.data());
+    entries_.push_back(nullptr);
+  }
+  Environment(const Environment&) = delete;
+  Environment& operator=(const Environment&) = delete;
+
+  char* const* get() const { return entries_.data(); }
+
+ private:
+  static constexpr std::string_view kPath = "PATH=";
+  std::string path_{kPath};
+  std::vector<char*> entries_;
+};
 
 /// Nothing when the format cannot be followed, for example for a text that the locale cannot hold.
 std::optional<std::string> format_command(const char* format, std::va_list arguments) {
@@ -143,12 +170,12 @@ int run(std::string command) {
   char shell[] = "sh";
   char option[] = "-c";
   char* const arguments[] = {shell, option, command.data(), nullptr};
-  const std::vector<char*> environment = safe_environment();
+  const Environment environment;
 
   const SignalGuard signals;
   const SpawnAttributes attributes(signals);
   pid_t child = -1;
-  if (posix_spawn(&child, "/bin/sh", nullptr, attributes.get(), arguments, environment.data()) != 0) {
+  if (posix_spawn(&child, "/bin/sh", nullptr, attributes.get(), arguments, environment.get()) != 0) {
     return kCannotRun;
   }
 

@@ -160,4 +160,101 @@ TEST_F(CommandRunner, ASignalThatTheHostIgnoresStaysIgnored) {
   EXPECT_EQ(my_system("kill -INT $$; exit 5"), 5);
 }
 
+// ---------------------------------------------------------------------------------------------------
+// The gzip that tar finds
+
+class Gzip : public CommandRunner {
+ protected:
+  Gzip() {
+    std::filesystem::create_directories(dir + "/in");
+    EXPECT_EQ(my_system("cp /usr/bin/tar %s/in/data", dir.c_str()), 0);
+  }
+  ~Gzip() override {
+    unsetenv("KELMOR_GZIP");
+    std::filesystem::remove_all(dir);
+  }
+
+  int pack() const { return my_system("cd %s/in && tar czf ../archive data", dir.c_str()); }
+  int unpack() const {
+    return my_system("mkdir -p %s/out && tar xzf %s/archive -C %s/out 2>/dev/null", dir.c_str(),
+                     dir.c_str(), dir.c_str());
+  }
+  bool came_back() const {
+    return my_system("cmp -s %s/in/data %s/out/data", dir.c_str(), dir.c_str()) == 0;
+  }
+
+  const std::string dir = "/tmp/confsave-gzip-" + std::to_string(getpid());
+};
+
+constexpr const char* kGzips[] = {"/usr/bin/gzip", "/usr/bin/igzip"};
+
+TEST_F(Gzip, EitherReadsWhatTheOtherWrote) {
+  for (const char* writer : kGzips) {
+    for (const char* reader : kGzips) {
+      std::filesystem::remove_all(dir + "/out");
+      setenv("KELMOR_GZIP", writer, 1);
+      ASSERT_EQ(pack(), 0) << writer;
+      setenv("KELMOR_GZIP", reader, 1);
+      EXPECT_EQ(unpack(), 0) << writer << ", " << reader;
+      EXPECT_TRUE(came_back()) << writer << ", " << reader;
+    }
+  }
+}
+
+TEST_F(Gzip, BrokenStreamsFailWithEither) {
+  ASSERT_EQ(pack(), 0);
+  const std::string keep = "cp archive whole; size=$(stat -c %s whole); ";
+  const std::string damages[] = {
+      "head -c $((size / 2)) whole >archive",
+      "head -c $((size - 4)) whole >archive",
+      "printf '\\125\\252' | dd of=archive bs=1 seek=$((size / 2)) conv=notrunc status=none",
+      "printf '\\125\\252' | dd of=archive bs=1 seek=$((size - 8)) conv=notrunc status=none",
+      "printf '\\125\\252' | dd of=archive bs=1 seek=$((size - 4)) conv=notrunc status=none",
+      ": >archive",
+      "echo this is no archive >archive"};
+  for (const std::string& damage : damages) {
+    ASSERT_EQ(pack(), 0);
+    ASSERT_EQ(my_system("%s", ("cd " + dir + "; " + keep + damage).c_str()), 0) << damage;
+    for (const char* reader : kGzips) {
+      setenv("KELMOR_GZIP", reader, 1);
+      EXPECT_NE(unpack(), 0) << reader << ": " << damage;
+    }
+  }
+}
+
+TEST_F(Gzip, AFullDiskIsNoticedWithEither) {
+  for (const char* writer : kGzips) {
+    setenv("KELMOR_GZIP", writer, 1);
+    for (const char* what : {"data", "-T /dev/null"}) {
+      EXPECT_NE(my_system("cd %s/in && tar czf /dev/full %s 2>/dev/null", dir.c_str(), what), 0)
+          << writer << " " << what;
+    }
+  }
+}
+
+TEST_F(Gzip, TheOneThatIsNamedIsRun) {
+  std::ofstream(dir + "/mine") << "#!/bin/sh\ntouch " << dir << "/called\nexec /usr/bin/gzip \"$@\"\n";
+  std::filesystem::permissions(dir + "/mine", std::filesystem::perms::owner_all);
+  setenv("KELMOR_GZIP", (dir + "/mine").c_str(), 1);
+  EXPECT_EQ(pack(), 0);
+  EXPECT_TRUE(std::filesystem::exists(dir + "/called"));
+}
+
+TEST_F(Gzip, OneThatIsNotThereIsAFailure) {
+  setenv("KELMOR_GZIP", "/missing/gzip", 1);
+  EXPECT_NE(my_system("cd %s/in && tar czf ../archive data 2>/dev/null", dir.c_str()), 0);
+}
+
+TEST_F(Gzip, ByItselfItIsTheFastOne) {
+  EXPECT_EQ(output_of("gzip --version 2>&1 | head -n 1 | cut -d ' ' -f 1"), "igzip\n");
+  setenv("KELMOR_GZIP", "", 1);
+  EXPECT_EQ(output_of("gzip --version 2>&1 | head -n 1 | cut -d ' ' -f 1"), "igzip\n");
+  setenv("KELMOR_GZIP", "/usr/bin/gzip", 1);
+  EXPECT_EQ(output_of("gzip --version 2>&1 | head -n 1 | cut -d ' ' -f 1"), "gzip\n");
+}
+
+TEST_F(Gzip, TheRestOfThePathIsTheHosts) {
+  EXPECT_EQ(output_of("echo ${PATH#*:}"), std::string(std::getenv("PATH")) + "\n");
+}
+
 }  // namespace
