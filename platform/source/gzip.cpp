@@ -17,15 +17,18 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kCannotRun = 127;
 
-constexpr const char* kPrograms[] = {"/usr/bin/igzip", "/usr/bin/gzip", "/bin/gzip"};
+constexpr const char* kFast = "/usr/bin/igzip";
+constexpr const char* kPlain[] = {"/usr/bin/gzip", "/bin/gzip"};
 
 const char* chosen_program() {
   const char* chosen = secure_getenv("KELMOR_GZIP");
   if (chosen != nullptr && *chosen != '\0') return chosen;
-  for (const char* program : kPrograms) {
-    if (access(program, X_OK) == 0) return program;
-  }
-  return "gzip";
+  return access(kFast, X_OK) == 0 ? kFast : kPlain[0];
+}
+
+/// The system's gzip looks at its writes itself.
+bool is_plain(const char* program) {
+  return std::strcmp(program, kPlain[0]) == 0 || std::strcmp(program, kPlain[1]) == 0;
 }
 
 int become(const char* program, char** arguments) {
@@ -89,5 +92,5 @@ bool unpacks(char** arguments) {
 
 int main(int, char** arguments) {
   const char* program = chosen_program();
-  return unpacks(arguments) ? become(program, arguments) : pack(program, arguments);
+  return is_plain(program) || unpacks(arguments) ? become(program, arguments) : pack(program, arguments);
 }
