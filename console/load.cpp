@@ -8,6 +8,7 @@
 #include "gateway.h"
 #include "lock.h"
 #include "names.h"
+#include "parents.h"
 
 namespace console {
 namespace {
@@ -62,6 +63,7 @@ int failure(const Conversation& conversation) {
 int restore(const ConfSave::Config& config, const Options& options) {
   const std::time_t start = later_than(config.load_time);
   {
+    const ParentDirectories parents(options.target);
     const Conversation conversation([](const std::string& name, std::time_t since) {
       return was_saved(name, ConfSave::CURRENT_VERSION, since);
     });

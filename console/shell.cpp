@@ -14,6 +14,7 @@
 #include "line_reader.h"
 #include "lock.h"
 #include "names.h"
+#include "parents.h"
 
 namespace console {
 namespace {
@@ -76,6 +77,7 @@ void load_named(const std::string& name) {
   }
   if (!can_be_restored(*config)) return;
   const std::time_t start = later_than(config->load_time);
+  const ParentDirectories parents("");
   const Conversation conversation(was_saved_here);
   ConfSave::App::load(name);
   if (claims_to_have_loaded(conversation, name) && !was_loaded(name, kNoVersion, start)) {

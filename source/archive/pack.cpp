@@ -88,7 +88,8 @@ std::string unpack_command(const std::string& archive, const std::string& scratc
   return "tar xzf " + archive + " --exclude corlu.serv -C " + scratch + " 2>/dev/null";
 }
 
-// The shell's "*" matches no name with a dot in front, and fails where there is nothing. // Quirk Q29, Q30
+// The shell's "*" matches no name with a dot in front, and fails where there is nothing. Directories in
+// place get the mode and owner of those in the scratch directory. // Quirk Q29, Q30, Q61
 std::string move_command(const std::string& scratch, const std::string& dir) {
   return "cp -alf " + scratch + "/* " + dir + "/. 2>/dev/null";
 }

@@ -426,6 +426,29 @@ TEST_F(ArchiveExtract, EveryFileComesBackWithModeAndTime) {
   for (const auto& [name, content] : before) EXPECT_EQ(look(name), properties[name]) << name;
 }
 
+TEST_F(ArchiveExtract, DirectoriesWithoutAnEntryGetTheModeOfTheUmask) {
+  make_configuration();
+  Archive packed(conf_full, config_dir());
+  packed.Create();
+  Bytes etc;
+  Bytes keybase;
+  packed.Fetch(etc, keybase);
+  const auto mode_of = [this](const char* name) {
+    return std::filesystem::status(config_dir() + name).permissions();
+  };
+  const auto stored_mode = mode_of("station");
+  for (const char* name : {"user", "hub", "station"}) {
+    std::filesystem::permissions(config_dir() + name, std::filesystem::perms{0751});
+  }
+
+  const mode_t umask_before = umask(027);
+  restore(conf_full, etc, keybase);
+  umask(umask_before);
+  EXPECT_EQ(mode_of("user"), std::filesystem::perms{0750});
+  EXPECT_EQ(mode_of("hub"), std::filesystem::perms{0750});
+  EXPECT_EQ(mode_of("station"), stored_mode);
+}
+
 TEST_F(ArchiveExtract, WhatTheHostThrowsLeavesNothingBehind) {
   const Bytes etc = archive_of({{"failover.ini", "f"}});
   const Bytes keybase = archive_of({{"a", "x"}});

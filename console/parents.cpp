@@ -1,0 +1,55 @@
+#include "parents.h"
+
+#include <kelmor/paths.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <iostream>
+#include <utility>
+
+#include "names.h"
+
+namespace console {
+namespace {
+
+constexpr mode_t kModeBits = S_ISUID | S_ISGID | S_ISVTX | S_IRWXU | S_IRWXG | S_IRWXO;
+
+bool is_same(const struct stat& a, const struct stat& b) {
+  return a.st_mode == b.st_mode && a.st_uid == b.st_uid && a.st_gid == b.st_gid;
+}
+
+/// The owner first: another one takes the special bits of the mode away.
+bool put_back(const std::string& path, const struct stat& before) {
+  struct stat now = {};
+  if (lstat(path.c_str(), &now) != 0 || !S_ISDIR(now.st_mode)) return false;
+  if (is_same(now, before)) return true;
+  const bool owned = lchown(path.c_str(), before.st_uid, before.st_gid) == 0;
+  return chmod(path.c_str(), before.st_mode & kModeBits) == 0 && owned;
+}
+
+}  // namespace
+
+struct ParentDirectories::Kept {
+  const char* name;
+  struct stat status;
+};
+
+ParentDirectories::ParentDirectories(std::string destination) : destination_(std::move(destination)) {
+  if (destination_.empty()) destination_ = toolsunix::FilenameConvertor::Instance().GetKelmorConfigPath();
+  for (const char* name : {"user", "hub"}) {
+    Kept kept = {name, {}};
+    if (lstat((destination_ + name).c_str(), &kept.status) == 0 && S_ISDIR(kept.status.st_mode)) {
+      kept_.push_back(kept);
+    }
+  }
+}
+
+ParentDirectories::~ParentDirectories() {
+  for (const Kept& kept : kept_) {
+    if (put_back(destination_ + kept.name, kept.status)) continue;
+    std::cerr << "confsave: the mode and owner of '" << printable(destination_) << kept.name
+              << "' could not be put back.\n";
+  }
+}
+
+}  // namespace console
