@@ -57,6 +57,7 @@ struct sqlite3_stmt;
 
 namespace ConfSave {
 
+/// As signatures in log records spell it.
 using int64 = std::int64_t;
 
 /// The version of the running software, 4.5.4.
@@ -82,11 +83,11 @@ enum conftype : std::int32_t {
 /// What is known of one stored configuration, without its archives. A plain value.
 class CONFSAVE_API Config {
  public:
-  std::string name;
-  conftype type;
-  int64 vers;       ///< packed version
-  int64 save_time;  ///< seconds since the epoch
-  int64 load_time;  ///< seconds since the epoch; 0 when never loaded
+  std::string name;  ///< as stored; only save() checks one
+  conftype type;     ///< decides what was packed, and what a load unpacks
+  int64 vers;        ///< packed version
+  int64 save_time;   ///< seconds since the epoch
+  int64 load_time;   ///< seconds since the epoch; 0 when never loaded
 
   /// An unnamed record of no type, saved now, never loaded.
   explicit Config(int64 version);
@@ -110,6 +111,7 @@ class CONFSAVE_API Config {
   bool vers_convert(std::string text);
 };
 
+/// In the order in which the database gave them.
 using Configs = std::vector<Config>;
 
 /// The local time as "01.03.2017 at 14:05"; empty for a time that the C library cannot convert.
@@ -165,9 +167,12 @@ class CONFSAVE_API XConstraint : public XTOOStatus {
 /// command runner changes directories.
 class CONFSAVE_API XChdir : public XExternalFailure {
  public:
+  /// As XTOOStatus; `directory` is for the message that a person gets.
   XChdir(int status, bool flag, std::string directory);
+  /// As XTOOStatus, with a text.
   XChdir(int status, const char* text, bool flag, std::string directory);
 
+  /// As it was given. Owned by this object.
   const std::string& Directory() const { return directory_; }
 
  private:
@@ -204,7 +209,8 @@ class CONFSAVE_API Storage {
   /// Takes the exclusive lock, waiting for other processes. A refusal is only logged.
   void Begin();
 
-  /// Makes what was done since Begin() durable. A refusal is only logged.
+  /// Commits what was done since Begin(). A refusal is only logged. No crash of the process undoes it; a
+  /// power cut in the next moment can.
   void Commit();
 
   /// True if there is a row of this name and exactly this version, and also when that cannot be found

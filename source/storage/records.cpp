@@ -40,8 +40,7 @@ bool is_fine(int code) { return code == SQLITE_OK || code == SQLITE_ROW || code 
 
 /// SQLite does not copy the bytes, so they must outlive the statement. An empty archive becomes NULL
 /// and not an empty blob, whatever its vector points to. // Quirk Q14
-/// One read() fetched the archive, which is why
-/// its size fits into an int.
+/// One read() fetched the archive, which is why its size fits into an int.
 int bind_archive(sqlite3_stmt* statement, int index, const std::vector<char>& archive) {
   return sqlite3_bind_blob(statement, index, archive.empty() ? nullptr : archive.data(),
                            static_cast<int>(archive.size()), SQLITE_STATIC);
