@@ -7,6 +7,7 @@ Writes results.json and results.svg into DIR. Run by script/bench.
 """
 
 import json
+import math
 import os
 import pathlib
 import platform
@@ -21,7 +22,8 @@ import time
 HERE = pathlib.Path(__file__).resolve().parent
 ETC = pathlib.Path("/mnt/main/etc")
 SIZES = {"200 KiB": 200 << 10, "5 MiB": 5 << 20, "50 MiB": 50 << 20}
-NAMES = ["user/gateway.conf", "user/gateway.key", "user/interfaces.conf", "user/routes.conf", "user/filter.conf",
+NAMES = ["user/gateway.conf", "user/gateway.key", "user/interfaces.conf", "user/routes.conf",
+         "user/filter.conf",
          "user/nat.conf", "user/services.conf", "user/users.conf", "user/schedule.conf", "user/notify.conf",
          "user/kwtp.conf", "user/upgrade.conf", "gw1.conf", "gw2.conf", "hub/out", "hub/old"]
 RESULTS = {"tables": {}}
@@ -123,7 +125,8 @@ def saves(bench, rounds):
 
             ways = {
                 "floor": lambda: bench.run([HERE / "floor", "save", "weekly"]),
-                "confsave, gzip": lambda: bench.run([bench.host, "save", "weekly"], KELMOR_GZIP="/usr/bin/gzip"),
+                "confsave, gzip": lambda: bench.run([bench.host, "save", "weekly"],
+                                                    KELMOR_GZIP="/usr/bin/gzip"),
                 "confsave": lambda: bench.run([bench.host, "save", "weekly"]),
             }
             ways.update(others(bench))
@@ -137,19 +140,30 @@ def others(bench):
     quiet = {"HOME": str(root), "RESTIC_PASSWORD": "x", "BORG_UNKNOWN_UNENCRYPTED_REPO_ACCESS_IS_OK": "yes"}
     if shutil.which("git"):
         subprocess.run(["git", "init", "-q", f"{root}/git"], check=True)
-        call = ["git", f"--git-dir={root}/git/.git", f"--work-tree={root}/config", "-c", "user.name=x", "-c",
-                "user.email=x@example.com"]
+        call = ["git", f"--git-dir={root}/git/.git", f"--work-tree={root}/config", "-c", "user.name=x",
+                "-c", "user.email=x@example.com"]
         ways["git"] = lambda: (bench.run([*call, "add", "-A"]) +
                                bench.run([*call, "commit", "-q", "--allow-empty", "-m", "x"]))
     if shutil.which("restic"):
         shutil.rmtree(root / "restic", ignore_errors=True)
         bench.run(["restic", "init", "-r", root / "restic"], **quiet)
-        ways["restic"] = lambda: bench.run(["restic", "-q", "-r", root / "restic", "backup", root / "config"], **quiet)
+        call_restic = ["restic", "-q", "-r", root / "restic", "backup", root / "config"]
+        ways["restic"] = lambda: bench.run(call_restic, **quiet)
     if shutil.which("borg"):
         shutil.rmtree(root / "borg", ignore_errors=True)
         bench.run(["borg", "init", "-e", "none", root / "borg"], **quiet)
-        ways["borg"] = lambda: bench.run(["borg", "create", f"{root}/borg::{time.time_ns()}", root / "config"], **quiet)
+        ways["borg"] = lambda: bench.run(["borg", "create", f"{root}/borg::{time.time_ns()}",
+                                          root / "config"], **quiet)
     return ways
+
+
+def ways_to_load(bench, target):
+    return {
+        "floor": lambda: bench.run([HERE / "floor", "load", "weekly", *target]),
+        "confsave, gzip": lambda: bench.run([bench.host, "load", "weekly", *target],
+                                            KELMOR_GZIP="/usr/bin/gzip"),
+        "confsave": lambda: bench.run([bench.host, "load", "weekly", *target]),
+    }
 
 
 def loads(bench, rounds):
@@ -166,13 +180,8 @@ def loads(bench, rounds):
                 (bench.root / "config/user/filter.conf").write_text("damaged\n")
                 (bench.root / "config/hub/out").unlink(missing_ok=True)
 
-            ways = {
-                "floor": lambda: bench.run([HERE / "floor", "load", "weekly", *target]),
-                "confsave, gzip": lambda: bench.run([bench.host, "load", "weekly", *target],
-                                                    KELMOR_GZIP="/usr/bin/gzip"),
-                "confsave": lambda: bench.run([bench.host, "load", "weekly", *target]),
-            }
-            rows[label] = turn_about(max(3, rounds if size < 20 << 20 else rounds // 3), ways, prepare)
+            rows[label] = turn_about(max(3, rounds if size < 20 << 20 else rounds // 3),
+                                     ways_to_load(bench, target), prepare)
         show(f"load, {kind}", rows, "floor")
 
 
@@ -216,8 +225,10 @@ def listings(bench, rounds, quick):
 def layout_cost(bench, rounds):
     """What the layout costs where rows are written."""
     rows = {}
-    statements = {"insert": "insert into Config (name, version, keybase) values (hex(randomblob(8)), 1, zeroblob(1048576))",
-                  "overwrite": "begin; delete from Config where id=5; insert into Config (id, name, version, keybase) "
+    statements = {"insert": "insert into Config (name, version, keybase) "
+                            "values (hex(randomblob(8)), 1, zeroblob(1048576))",
+                  "overwrite": "begin; delete from Config where id=5; "
+                               "insert into Config (id, name, version, keybase) "
                                "values (5, 'x', 1, randomblob(1048576)); commit",
                   "delete": "delete from Config where id=(select max(id) from Config)"}
     connections = {}
@@ -262,7 +273,8 @@ def small_things(bench, rounds):
     bench.clear("state")
     bench.run([bench.host, "fill", 10, 1])
     show("start, open, list ten rows", {"": turn_about(rounds * 3, {
-        "floor": lambda: bench.run([HERE / "floor", "list"]), "confsave": lambda: bench.run([bench.host, "list"]),
+        "floor": lambda: bench.run([HERE / "floor", "list"]),
+        "confsave": lambda: bench.run([bench.host, "list"]),
         "open only": lambda: bench.run([bench.host, "open"])})}, "floor")
     show("autosave with cleaning", {"200 KiB": turn_about(rounds, {
         "save": lambda: bench.run([bench.host, "save", "weekly"]),
@@ -287,7 +299,8 @@ def contention(bench, seconds):
             waits.append(time.perf_counter() - running.pop(pid))
             done += status == 0
         RESULTS.setdefault("contention", {})[count] = {"per second": done / seconds, "longest": max(waits)}
-        print(f"  {count} at once    {done / seconds:6.1f} saves a second, the longest took {max(waits) * 1000:.0f} ms")
+        print(f"  {count} at once    {done / seconds:6.1f} saves a second, "
+              f"the longest took {max(waits) * 1000:.0f} ms")
 
 
 def instructions(build):
@@ -310,23 +323,27 @@ def instructions(build):
 
 def chart(x, y, title, labels, series):
     """Lines over labels, on a logarithmic scale."""
-    import math
     values = [v for points in series.values() for v in points]
     low, high = math.log10(min(values)), math.log10(max(values))
     width, height, colours = 360, 220, ["#888888", "#1f6fb2", "#c0392b", "#2e8b57"]
     out = [f'<g transform="translate({x},{y})" font-family="sans-serif" font-size="11">',
            f'<text x="0" y="-12" font-size="13">{title}</text>',
            f'<rect width="{width}" height="{height}" fill="none" stroke="#cccccc"/>']
-    place = lambda i, v: (width * (i + 0.5) / len(labels),
-                          height - (math.log10(v) - low) / ((high - low) or 1) * (height - 20) - 10)
+
+    def place(i, v):
+        return (width * (i + 0.5) / len(labels),
+                height - (math.log10(v) - low) / ((high - low) or 1) * (height - 20) - 10)
+
     for i, label in enumerate(labels):
-        out.append(f'<text x="{place(i, values[0])[0]}" y="{height + 15}" text-anchor="middle">{label}</text>')
+        out.append(f'<text x="{place(i, values[0])[0]}" y="{height + 15}" text-anchor="middle">'
+                   f'{label}</text>')
     for number, (name, points) in enumerate(series.items()):
         colour = colours[number % len(colours)]
         path = " ".join(f"{px:.1f},{py:.1f}" for px, py in (place(i, v) for i, v in enumerate(points)))
         out.append(f'<polyline points="{path}" fill="none" stroke="{colour}" stroke-width="2"/>')
         end = place(len(points) - 1, points[-1])
-        out.append(f'<text x="{end[0] + 4:.1f}" y="{end[1]:.1f}" fill="{colour}">{name} {points[-1] * 1000:.0f} ms</text>')
+        out.append(f'<text x="{end[0] + 4:.1f}" y="{end[1]:.1f}" fill="{colour}">'
+                   f'{name} {points[-1] * 1000:.0f} ms</text>')
     return out + ["</g>"]
 
 
@@ -337,10 +354,15 @@ def picture(path):
     titles = ["save, overwrite"] + [title for title in tables if "by size" in title]
     for number, title in enumerate(titles):
         rows = tables[title]
-        names = [name for name in next(iter(rows.values())) if name in ("floor", "confsave", "confsave, gzip", "default layout")]
+        names = [name for name in next(iter(rows.values()))
+                 if name in ("floor", "confsave", "confsave, gzip", "default layout")]
         series = {name: [rows[label][name]["median"] for label in rows] for name in names}
         out += chart(30 + number * 500, 40, title, list(rows), series)
     path.write_text("\n".join(out + ["</svg>"]) + "\n")
+
+
+def lines_of(file):
+    return pathlib.Path(file).read_text(encoding="utf-8").splitlines()
 
 
 def main():
@@ -348,15 +370,16 @@ def main():
     quick = "--quick" in sys.argv
     directory = next((pathlib.Path(w[6:]) for w in sys.argv if w.startswith("--out=")), build)
     rounds = 5 if quick else 15
-    cpu = next((line.split(":", 1)[1].strip() for line in open("/proc/cpuinfo") if "model name" in line), "?")
-    kind = next(line.split("=")[1].strip() for line in open(build / "CMakeCache.txt") if "CMAKE_BUILD_TYPE:" in line)
+    cpu = next((line.split(":", 1)[1].strip() for line in lines_of("/proc/cpuinfo")
+                if "model name" in line), "?")
+    kind = next(line.split("=")[1].strip() for line in lines_of(build / "CMakeCache.txt")
+                if "CMAKE_BUILD_TYPE:" in line)
     RESULTS["machine"] = {"cpu": cpu, "cores": os.cpu_count(), "system": platform.platform(), "build": kind,
                           "sqlite": sqlite3.sqlite_version, "igzip": bool(shutil.which("igzip"))}
     print("; ".join(f"{name} {value}" for name, value in RESULTS["machine"].items()))
     if kind not in ("Release", "RelWithDebInfo"):
         print("NOT OPTIMISED: these figures say nothing")
-    global REAL_FILES
-    REAL_FILES = real_files()
+    REAL_FILES.extend(real_files())
     bench = Bench(build)
     try:
         saves(bench, rounds)

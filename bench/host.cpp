@@ -7,6 +7,7 @@
 
 #include <confsave.h>
 #include <dlfcn.h>
+#include <kelmor/paths.h>
 #include <kelmor/system.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -65,11 +66,16 @@ long bytes_read() {
   return value;
 }
 
+std::string database_file() {
+  const auto& paths = toolsunix::FilenameConvertor::Instance();
+  return paths.GetFullDynamicDirName(toolsunix::path::DynamicDirectoryId{1}) + "/storage.db";
+}
+
 /// Rows past the library: so many archives of random bytes.
 void fill(int count, int kibibytes) {
   { const Storage storage; }
   sqlite3* db = nullptr;
-  sqlite3_open((std::string(std::getenv("KELMOR_DYNAMIC_DIR")) + "/storage.db").c_str(), &db);
+  sqlite3_open(database_file().c_str(), &db);
   std::mt19937_64 source(1);
   std::vector<char> bytes(static_cast<std::size_t>(kibibytes) * 1024);
   for (char& byte : bytes) byte = static_cast<char>(source());
@@ -103,14 +109,14 @@ int perform(const std::vector<std::string>& words) {
 
 }  // namespace
 
-int fsync(int descriptor) { return timed_sync("fsync", descriptor); }
-int fdatasync(int descriptor) { return timed_sync("fdatasync", descriptor); }
+int fsync(int fd) { return timed_sync("fsync", fd); }
+int fdatasync(int fildes) { return timed_sync("fdatasync", fildes); }
 
 int my_system(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
   char command[65536];
-  std::vsnprintf(command, sizeof command, format, arguments);
+  static_cast<void>(std::vsnprintf(command, sizeof command, format, arguments));
   va_end(arguments);
   const auto start = Clock::now();
   const int result = next<int (*)(const char*, ...)>("my_system")("%s", command);

@@ -39,7 +39,7 @@ struct Way {
 double time_of(int (*run)()) {
   const auto start = std::chrono::steady_clock::now();
   if (run() != 0) {
-    std::fputs("a command failed\n", stderr);
+    static_cast<void>(std::fputs("a command failed\n", stderr));
     std::exit(1);
   }
   return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();

@@ -6,12 +6,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <limits>
 #include <system_error>
+#include <thread>
 
 #include "names.h"
 
@@ -96,7 +98,7 @@ std::optional<ConfSave::Config> find_exactly(const std::string& name, ConfSave::
 
 bool is_since(ConfSave::int64 stored_time, std::time_t since) {
   const auto elapsed = static_cast<std::uint32_t>(stored_time) - static_cast<std::uint32_t>(since);
-  return static_cast<std::int32_t>(elapsed) >= 0;
+  return elapsed < 0x80000000U;
 }
 
 bool was_saved(const std::string& name, ConfSave::int64 version, std::time_t since) {
@@ -112,7 +114,7 @@ bool was_loaded(const std::string& name, ConfSave::int64 version, std::time_t si
 std::time_t later_than(ConfSave::int64 stored_time) {
   std::time_t now = std::time(nullptr);
   while (static_cast<std::uint32_t>(now) == static_cast<std::uint32_t>(stored_time)) {
-    usleep(20000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     now = std::time(nullptr);
   }
   return now;

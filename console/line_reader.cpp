@@ -39,7 +39,7 @@ LineReader::LineReader() : terminal_(isatty(STDIN_FILENO) == 1 && isatty(STDOUT_
   rl_attempted_completion_function = complete;
 }
 
-bool LineReader::read(const std::string& prompt, std::string& line) {
+bool LineReader::read(const std::string& prompt, std::string& line) const {
   if (!terminal_) return static_cast<bool>(std::getline(std::cin, line));
   const std::unique_ptr<char, decltype(&std::free)> typed(readline(prompt.c_str()), std::free);
   if (typed == nullptr) return false;

@@ -14,7 +14,7 @@ class LineReader {
   bool at_terminal() const { return terminal_; }
 
   /// False at the end of input.
-  bool read(const std::string& prompt, std::string& line);
+  bool read(const std::string& prompt, std::string& line) const;
 
  private:
   bool terminal_;

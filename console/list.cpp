@@ -46,9 +46,9 @@ nlohmann::ordered_json json_text(const std::string& text) {
 
 std::string iso_utc(std::time_t time) {
   std::tm parts = {};
+  if (gmtime_r(&time, &parts) == nullptr) return "";
   char text[64] = "";
-  if (gmtime_r(&time, &parts) != nullptr) std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text;
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
 void print_json(const Configs& configs) {

@@ -79,28 +79,28 @@ int restore(const ConfSave::Config& config, const Options& options) {
 
 }  // namespace
 
-int load(const Options& given) {
-  Options options = given;
-  if (!check_pattern(options.name)) return kUsage;
-  if (!options.target.empty() && !check_target(options.target)) return kUsage;
-  if (!options.yes && isatty(STDIN_FILENO) == 0) {
+int load(const Options& options) {
+  Options checked = options;
+  if (!check_pattern(checked.name)) return kUsage;
+  if (!checked.target.empty() && !check_target(checked.target)) return kUsage;
+  if (!checked.yes && isatty(STDIN_FILENO) == 0) {
     std::cerr << "confsave: load asks questions, and standard input is no terminal; --yes answers them.\n";
     return kUsage;
   }
   if (!check_directories()) return kFailed;
   OperationLock lock;
-  if (const int status = lock.take("loading " + options.name, options.wait); status != kDone) return status;
+  if (const int status = lock.take("loading " + checked.name, checked.wait); status != kDone) return status;
   if (!check_storage()) return kNoStorage;
 
   int status = kDone;
-  const auto config = find_only(options, status);
+  const auto config = find_only(checked, status);
   if (!config) return status;
-  if (is_refused_as_newer(*config, options)) return kNewer;
-  if (!options.force && !can_be_restored(*config)) {
+  if (is_refused_as_newer(*config, checked)) return kNewer;
+  if (!checked.force && !can_be_restored(*config)) {
     std::cerr << "confsave: nothing was touched; --force tries it all the same.\n";
     return kFailed;
   }
-  return restore(*config, options);
+  return restore(*config, checked);
 }
 
 }  // namespace console

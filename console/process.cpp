@@ -17,7 +17,7 @@ void prepare_process() {
 
   umask(S_IRWXG | S_IRWXO);
 
-  std::signal(SIGCHLD, SIG_DFL);
+  static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
   sigset_t child;
   sigemptyset(&child);
   sigaddset(&child, SIGCHLD);

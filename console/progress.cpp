@@ -68,7 +68,7 @@ class ProgressLine {
          next = Clock::now() + kPatience) {
       const auto seconds = std::chrono::duration<double>(Clock::now() - start_).count();
       char time[32];
-      std::snprintf(time, sizeof time, "%.1f s", seconds);
+      static_cast<void>(std::snprintf(time, sizeof time, "%.1f s", seconds));
       write_to_terminal("\r" + what_ + " " + time + "\x1b[K");
       shown = true;
     }
@@ -106,8 +106,8 @@ std::optional<std::string> format(const char* pattern, std::va_list arguments) {
   va_end(again);
   if (length < 0) return std::nullopt;
   std::vector<char> text(static_cast<std::size_t>(length) + 1);
-  std::vsnprintf(text.data(), text.size(), pattern, arguments);
-  return text.data();
+  if (std::vsnprintf(text.data(), text.size(), pattern, arguments) != length) return std::nullopt;
+  return std::string(text.data());
 }
 
 /// Commands that follow each other at once are one piece of work to who waits.

@@ -35,8 +35,7 @@ std::string time_format(int64 t) {
   // Years that do not fit into an int have no local time.
   if (local == nullptr) return {};
   char text[100] = {};
-  std::strftime(text, sizeof text, "%d.%m.%Y at %H:%M", local);
-  return text;
+  return {text, std::strftime(text, sizeof text, "%d.%m.%Y at %H:%M", local)};
 }
 
 std::ostream& operator<<(std::ostream& out, conftype type) {

@@ -17,7 +17,7 @@ const ClUnilogFname kCleanAutosaves{"void ConfSave::CleanAutosaves(ConfSave::Sto
 const ClUnilogFname kCheckOld{"bool ConfSave::CheckOld()", "CheckOld"};
 
 constexpr int kInformation = 6;
-constexpr int64 kOldAfter = 31 * 86400;
+constexpr int64 kOldAfter = int64{31} * 86400;
 
 /// One that cannot be deleted is told and left, so that it does not keep the others. A delete that SQLite
 /// refuses does not show. // Quirk Q57
@@ -49,8 +49,7 @@ std::string autosave_name(std::time_t now) {
   const std::tm* local = std::localtime(&now);
   // A time without a calendar date still makes a name that counts as an autosave.
   if (local == nullptr) return "autosave-" + std::to_string(now);
-  std::strftime(name, sizeof name, "autosave-%Y-%m-%d-%H-%M-%S", local);
-  return name;
+  return {name, std::strftime(name, sizeof name, "autosave-%Y-%m-%d-%H-%M-%S", local)};
 }
 
 bool is_old_autosave(const Config& config, int64 now) {

@@ -55,6 +55,7 @@ int64 as_signed(std::uint64_t bits) {
 
 // There is no check that a component fits into its 8 bits: 4.256.0 is 5.0.0. And 0.0.0 is no
 // version. // Quirk Q3, Q59
+// By value is how hosts call it. NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool Config::vers_convert(std::string text) {
   vers = 0;  // Quirk Q4
   const std::vector<std::string> parts = tokens(text);

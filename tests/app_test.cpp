@@ -59,7 +59,6 @@ using test::LogRecord;
 using test::LogRecords;
 using test::pack_says;
 using test::Rows;
-using test::storage_says;
 using test::Texts;
 using test::operator+;
 

@@ -64,7 +64,6 @@ using test::list_says;
 using test::LogRecord;
 using test::LogRecords;
 using test::Rows;
-using test::storage_says;
 using test::Texts;
 using test::Widths;
 using test::operator+;
@@ -1300,7 +1299,7 @@ TEST_F(OldCheck, TheLoadTimeMakesNoAutosaveYounger) {
 TEST_F(OldCheck, OtherNamesAreNeverOld) {
   for (const std::string name :
        {"weekly", "autosav", "a", "", "Autosave-2017-01-01-00-00-00", "my-autosave"}) {
-    EXPECT_FALSE(check_old_with({name, kCurrent}, 365 * 86400)) << name;
+    EXPECT_FALSE(check_old_with({name, kCurrent}, int64{365} * 86400)) << name;
   }
 }
 

@@ -18,8 +18,8 @@ for compiler in g++ clang++; do
             for header in $(cd "$directory" && find . -name '*.h'); do
                 # The options are words of our own.
                 # shellcheck disable=SC2086
-                echo "#include <$header>" | "$compiler" "-std=$standard" $options -Wall -Wextra -Wconversion \
-                    -Wshadow -pedantic -Werror -fsyntax-only -x c++ -
+                echo "#include <$header>" | "$compiler" "-std=$standard" $options -Wall -Wextra \
+                    -Wconversion -Wshadow -pedantic -Werror -fsyntax-only -x c++ -
                 compiled=$((compiled + 1))
             done
         done

@@ -30,9 +30,9 @@ for ((byte = 1; byte < 256; byte++)); do
     esac
 done
 long=$(printf 'a%.0s' {1..81})
-names+=('' "$long" "$long$long$long" "x' or '1'='1" "x');drop table Config;--" "x',null,null,1,2,3)--" "'" '"'
-    "''" "a' union select 1" '../../etc/passwd' '$(touch pwned)' '`touch pwned`' ';touch pwned' '|touch pwned'
-    '%s%s%n' $'a\nb' $'\e]0;title\a' $'\xff\xfe' 'é' ' a' 'a ' '{}' '~' '!!')
+names+=('' "$long" "$long$long$long" "x' or '1'='1" "x');drop table Config;--" "x',null,null,1,2,3)--" "'"
+    '"' "''" "a' union select 1" '../../etc/passwd' '$(touch pwned)' '`touch pwned`' ';touch pwned'
+    '|touch pwned' '%s%s%n' $'a\nb' $'\e]0;title\a' $'\xff\xfe' 'é' ' a' 'a ' '{}' '~' '!!')
 
 refuses() {
     local output status
@@ -40,7 +40,8 @@ refuses() {
     status=$?
     [ "$status" = 2 ] || complain "status $status: $(printf '%q ' "$@")"
     [[ $output == 'confsave: '* ]] || complain "no message: $(printf '%q ' "$@")"
-    [ -z "$(printf '%s' "$output" | LC_ALL=C tr -d '\n -~')" ] || complain "raw output: $(printf '%q ' "$@")"
+    [ -z "$(printf '%s' "$output" | LC_ALL=C tr -d '\n -~')" ] ||
+        complain "raw output: $(printf '%q ' "$@")"
 }
 
 for name in "${names[@]}"; do
@@ -55,9 +56,10 @@ for name in "${names[@]}"; do
 done
 
 targets=('' . .. ///.. relative ./target "$scratch/missing" "$scratch/config/user/gateway.conf" //-rf /-rf
-    "$scratch/../target" "$scratch/target/.." /.. "$scratch/-target" -- -rf '~' '$HOME' "$scratch/target -rf")
-for letter in ' ' '"' "'" '%' ';' '&' '|' '$' '`' '\' '*' '?' '[' ']' '(' ')' '{' '}' '<' '>' '!' '#' '~' '^' \
-    $'\t' $'\n' $'\r' $'\e' $'\x7f' $'\x80' $'\xff'; do
+    "$scratch/../target" "$scratch/target/.." /.. "$scratch/-target" -- -rf '~' '$HOME'
+    "$scratch/target -rf")
+for letter in ' ' '"' "'" '%' ';' '&' '|' '$' '`' '\' '*' '?' '[' ']' '(' ')' '{' '}' '<' '>' '!' '#' \
+    '~' '^' $'\t' $'\n' $'\r' $'\e' $'\x7f' $'\x80' $'\xff'; do
     mkdir -p "$scratch/target${letter}x"
     targets+=("$scratch/target${letter}x")
 done

@@ -12,7 +12,6 @@ namespace {
 
 using ConfSave::KovrLogHelper;
 using ConfSave::log_text;
-using test::LogRecord;
 using test::LogRecords;
 using Texts = std::vector<std::string>;
 

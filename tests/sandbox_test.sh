@@ -28,11 +28,12 @@ marker=/mnt/main/etc/confsave-sandbox-$$
 [ "$(status_of "$sandbox" sh -c 'kill -KILL $$' 2>/dev/null)" = 137 ] || fail 'status of a killed command'
 [ "$(status_of "$sandbox" 2>/dev/null)" = 2 ] || fail 'status without a command'
 [ "$("$sandbox" printf '%s|' a 'b c' '')" = 'a|b c||' ] || fail 'arguments'
-[ "$(TAR_OPTIONS=x GZIP=x "$sandbox" sh -c 'echo "${TAR_OPTIONS-unset} ${GZIP-unset}"')" = 'unset unset' ] ||
-    fail 'environment'
+options=$(TAR_OPTIONS=x GZIP=x "$sandbox" sh -c 'echo "${TAR_OPTIONS-unset} ${GZIP-unset}"')
+[ "$options" = 'unset unset' ] || fail 'environment'
 
 # Under an ordinary user as well, as far as this machine has one that may.
-if [ "$(id -u)" -eq 0 ] && setpriv --reuid=65534 --clear-groups unshare --user --map-root-user true 2>/dev/null; then
+if [ "$(id -u)" -eq 0 ] &&
+    setpriv --reuid=65534 --clear-groups unshare --user --map-root-user true 2>/dev/null; then
     copy=$(mktemp)
     trap 'rm -f "$copy"' EXIT
     cp "$sandbox" "$copy"

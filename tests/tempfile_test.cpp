@@ -15,7 +15,6 @@
 namespace {
 
 using ConfSave::TempFile;
-using test::LogRecord;
 using test::LogRecords;
 
 class TempFileTest : public test::Gateway {

@@ -81,7 +81,7 @@ std::optional<std::string> format_command(const char* format, std::va_list argum
   va_end(again);
   if (length < 0) return std::nullopt;
   std::string command(static_cast<std::size_t>(length) + 1, '\0');
-  std::vsnprintf(command.data(), command.size(), format, arguments);
+  if (std::vsnprintf(command.data(), command.size(), format, arguments) != length) return std::nullopt;
   command.pop_back();
   return command;
 }
@@ -162,7 +162,7 @@ class SpawnAttributes {
   const posix_spawnattr_t* get() const { return &attributes_; }
 
  private:
-  posix_spawnattr_t attributes_;
+  posix_spawnattr_t attributes_ = {};
 };
 
 /// Spawned, not forked: the host's page tables are never copied, however large it is.

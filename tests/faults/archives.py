@@ -63,16 +63,19 @@ def archives(outside, full):
     yield "planted by one, used by the other", pack(member("way", link, link=out)), pack(member("way/evil"))
     yield "link to a file, then over it", plain, pack(member("victim", link, link=f"{out}/victim"),
                                                       member("victim"))
-    yield "file link planted by one", pack(member("victim", link, link=f"{out}/victim")), pack(member("victim"))
+    yield ("file link planted by one", pack(member("victim", link, link=f"{out}/victim")),
+           pack(member("victim")))
     yield "hard link out", plain, pack(member("hard", hard, link=f"{out}/victim"), member("hard"))
-    yield "relative hard link out", plain, pack(member("hard", hard, link="../../outside/victim"), member("x"))
+    yield "relative hard link out", plain, pack(member("hard", hard, link="../../outside/victim"),
+                                                member("x"))
     yield "hard link to a link", plain, pack(member("way", link, link=f"{out}/victim"),
                                              member("hard", hard, link="way"), member("hard"))
     yield "device", plain, pack(member("device", tarfile.CHRTYPE, devmajor=1, devminor=1), member("x"))
     yield "block device", plain, pack(member("disk", tarfile.BLKTYPE, devmajor=8, devminor=0), member("x"))
     yield "pipe", plain, pack(member("pipe", tarfile.FIFOTYPE), member("x"))
     yield "setuid", plain, pack(member("setuid", mode=0o6755))
-    yield "directory without permissions", plain, pack(member("closed", directory, mode=0), member("closed/x"))
+    yield "directory without permissions", plain, pack(member("closed", directory, mode=0),
+                                                       member("closed/x"))
     yield "name of an option", plain, pack(member("--no-preserve=all"), member("-rf"), member("x"))
     yield "name of a command", plain, pack(member(f"$(touch {out}/evil)".replace("/", "_")), member("a;b"),
                                            member("`id`"))
@@ -94,7 +97,8 @@ def archives(outside, full):
     yield "no archive", plain, b"this is no archive"
     yield "nothing", plain, b""
     yield "an empty archive", plain, pack()
-    yield "half an archive", plain, pack(*[member(f"f{i}", data=os.urandom(1000)) for i in range(20)])[:9000]
+    random_files = [member(f"f{i}", data=os.urandom(1000)) for i in range(20)]
+    yield "half an archive", plain, pack(*random_files)[:9000]
     wrong = bytearray(plain)
     wrong[-6] ^= 0xff
     yield "wrong checksum", plain, bytes(wrong)
@@ -138,7 +142,7 @@ def strike(gateway, outside, target):
     require(picture(*others) == before, "something outside changed")
     require(not list(gateway.scratch.iterdir()), "a temporary file is left")
     for root in (gateway.config, ETC) if target is None else (target,):
-        served = [path for path in root.rglob("corlu.serv*")]
+        served = list(root.rglob("corlu.serv*"))
         require(not served, "came back:", served)
     return status == 0
 

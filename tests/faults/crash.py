@@ -4,8 +4,8 @@
     crash.py OPERATE [--full] [--seed=N]
 
 The system calls of one overwrite on the state directory are recorded. A state after a power cut is what a
-prefix of them leaves: whatever a sync covered is there, and of the rest an arbitrary part, a write maybe torn
-at a sector. In each state the database must be sound, and the row the old one or the new one.
+prefix of them leaves: whatever a sync covered is there, and of the rest an arbitrary part, a write maybe
+torn at a sector. In each state the database must be sound, and the row the old one or the new one.
 """
 
 import hashlib
@@ -185,7 +185,8 @@ def campaign(program, full, source):
                     for name, contents in files.items():
                         (state / name.rsplit("/", 1)[1]).write_bytes(contents)
                     found = row(state / "storage.db")
-                    require(found in (old, new), "after call", position, "of", len(calls), "the row is", found)
+                    require(found in (old, new), "after call", position, "of", len(calls), "the row is",
+                            found)
                     both[found == new] += 1
                 if position < len(calls):
                     disk.call(calls[position])

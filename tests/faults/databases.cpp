@@ -46,7 +46,9 @@ void write(const fs::path& file, const std::string& contents) {
 
 void flip(std::string& file) {
   for (std::size_t i = 0, count = 1 + below(20); i < count; ++i) {
-    file[below(file.size())] ^= static_cast<char>(1U << below(8));
+    const unsigned bit = 1U << below(8);
+    char& byte = file[below(file.size())];
+    byte = static_cast<char>(static_cast<unsigned char>(byte) ^ bit);
   }
 }
 
@@ -235,7 +237,7 @@ int main(int argc, char** argv) {
   unsigned seed = 1;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--full") == 0) count = 10000;
-    if (std::strncmp(argv[i], "--seed=", 7) == 0) seed = static_cast<unsigned>(std::atoi(argv[i] + 7));
+    if (std::strncmp(argv[i], "--seed=", 7) == 0) seed = static_cast<unsigned>(std::stoul(argv[i] + 7));
   }
   source.seed(seed);
   char name[] = "/mnt/confsave-databases-XXXXXX";

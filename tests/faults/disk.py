@@ -3,8 +3,8 @@
 
     disk.py OPERATE [--full] [--seed=N]
 
-No archive is stored that is not whole, no row is lost, and the database stays sound. When packing alone fails,
-the save says so; a statement that SQLite refuses is in the log only.
+No archive is stored that is not whole, no row is lost, and the database stays sound. When packing alone
+fails, the save says so; a statement that SQLite refuses is in the log only.
 """
 
 import subprocess
@@ -53,11 +53,12 @@ def sizes(gateway, full, source):
     gateway.write_configuration("new", 20000)
     kept, old = gateway.query("select name, keybase, etc from Config order by name")
     new = 0
+    state = gateway.state
     for size in chosen:
         subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size * 4}k", "tmpfs", small], check=True)
         try:
             (small / "storage.db").write_bytes((gateway.root / "kept" / "storage.db").read_bytes())
-            state, gateway.state, gateway.database = gateway.state, small, small / "storage.db"
+            gateway.state, gateway.database = small, small / "storage.db"
             _, output = gateway.run("save", "weekly")
             gateway.require_integrity()
             rows = gateway.query("select name, keybase, etc from Config order by name")

@@ -47,7 +47,8 @@ class Gateway:
         self.program = os.path.realpath(program)
         # The sandbox's own file system: in memory, and gone with it.
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="confsave-faults-", dir=parent or "/mnt"))
-        self.config, self.state, self.scratch = (self.root / name for name in ("config", "state", "scratch"))
+        self.config, self.state = self.root / "config", self.root / "state"
+        self.scratch = self.root / "scratch"
         for directory in (self.config / "user", self.config / "hub", self.state, self.scratch):
             directory.mkdir(parents=True)
         self.database = self.state / "storage.db"
@@ -82,7 +83,8 @@ class Gateway:
     # What is run.
 
     def environment(self, **faults):
-        return {**os.environ, "KELMOR_CONFIG_PATH": f"{self.config}/", "KELMOR_DYNAMIC_DIR": str(self.state),
+        return {**os.environ,
+                "KELMOR_CONFIG_PATH": f"{self.config}/", "KELMOR_DYNAMIC_DIR": str(self.state),
                 "KELMOR_TEMP_DIR": str(self.scratch), "KELMOR_LOG_FILE": str(self.root / "log"),
                 **{f"FAULT_{key}": str(value) for key, value in faults.items()}}
 
@@ -109,7 +111,7 @@ class Gateway:
             process.wait(timeout)
         except subprocess.TimeoutExpired:
             os.killpg(process.pid, signal.SIGKILL)
-            raise Failure("hangs:", *words, options)
+            raise Failure("hangs:", *words, options) from None
         output = process.stdout.read().decode("utf-8", "replace")
         process.stdout.close()
         return process.returncode, output
@@ -174,7 +176,8 @@ class Gateway:
         if status != 0:
             require(output == "status 0 \n", name, "does not load:", output)
             return None
-        files = {str(path.relative_to(target)): path.read_bytes() for path in target.rglob("*") if path.is_file()}
+        files = {str(path.relative_to(target)): path.read_bytes()
+                 for path in target.rglob("*") if path.is_file()}
         shutil.rmtree(target)
         return files
 
@@ -184,7 +187,8 @@ class Gateway:
         if files is None and may_be_missing:
             return
         require(files is not None, name, "is lost")
-        require(files in [self.expected_files(content, size) for content in contents], name, "is not whole:", files)
+        expected = [self.expected_files(content, size) for content in contents]
+        require(files in expected, name, "is not whole:", files)
 
 
 def main(campaign):

@@ -54,8 +54,8 @@ def strike(gateway, operation, process, window):
     gateway.wait_for_group(process)
     missing = [name for name in gateway.expected if name not in gateway.configuration()]
     require(all("/config." in name for name in missing), operation, "lost", missing)
-    # What a killed restore leaves has links to files in place; to a cp that replaces those, and is killed in
-    # its turn, they make a difference.
+    # What a killed restore leaves has links to files in place; to a cp that replaces those, and is killed
+    # in its turn, they make a difference.
     gateway.remove_scratch_directories()
     gateway.write_configuration("new")
     check(gateway, window)

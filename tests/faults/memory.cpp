@@ -246,7 +246,7 @@ class Paper : public std::streambuf {
   std::string text() const { return {pbase(), pptr()}; }
 
  private:
-  char text_[4096];
+  char text_[4096] = {};
 };
 
 /// Standard streams of one call.
@@ -274,7 +274,7 @@ class Streams {
   std::istringstream in_;
   Paper out_;
   Paper err_;
-  std::streambuf* before_[3];
+  std::streambuf* before_[3] = {};
 };
 
 long failures = 0;
@@ -311,7 +311,7 @@ long open_files() {
   long count = 0;
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
-    count += fs::read_symlink(entry.path(), gone).string().rfind(root.string(), 0) == 0;
+    if (fs::read_symlink(entry.path(), gone).string().rfind(root.string(), 0) == 0) ++count;
   }
   return count;
 }
@@ -408,7 +408,7 @@ int main(int argc, char** argv) {
   unsigned seed = 1;
   for (int i = 1; i < argc; ++i) {
     full = full || std::strcmp(argv[i], "--full") == 0;
-    if (std::strncmp(argv[i], "--seed=", 7) == 0) seed = static_cast<unsigned>(std::atoi(argv[i] + 7));
+    if (std::strncmp(argv[i], "--seed=", 7) == 0) seed = static_cast<unsigned>(std::stoul(argv[i] + 7));
   }
   take_over_sqlite();
   char name[] = "/mnt/confsave-memory-XXXXXX";

@@ -17,11 +17,12 @@
 #include <dlfcn.h>
 #include <kelmor/log.h>
 #include <kelmor/system.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -96,7 +97,7 @@ int run_with_faults(const std::string& command) {
   }
   if (const long signal_number = number("FAULT_SIGNAL", 0); signal_number != 0) {
     std::thread sender([signal_number] {
-      usleep(20000);
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
       kill(0, static_cast<int>(signal_number));
     });
     const int result = run_by_platform(command);
@@ -145,12 +146,12 @@ const std::map<std::string, std::function<void(const Arguments&)>> kVerbs{
     {"ask-load", [](const Arguments& a) { load(a.at(0), nullptr, 0, false); }},
     {"save-many",
      [](const Arguments& a) {
-       const int count = std::atoi(a.at(1).c_str());
+       const int count = std::stoi(a.at(1));
        for (int i = 0; i < count; ++i) answer(save(a.at(0) + std::to_string(i), conf_corlu, 0, true));
      }},
     {"save-again",
      [](const Arguments& a) {
-       const int count = std::atoi(a.at(1).c_str());
+       const int count = std::stoi(a.at(1));
        for (int i = 0; i < count; ++i) answer(save(a.at(0), conf_corlu, 0, true));
      }},
 };

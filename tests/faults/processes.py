@@ -3,7 +3,8 @@
 
     processes.py OPERATE [--full] [--seed=N]
 
-Every row is there, a name and version is there once, waits end, and nobody is waited for who is being asked.
+Every row is there, a name and version is there once, waits end, and nobody is waited for who is being
+asked.
 """
 
 import subprocess
@@ -70,7 +71,8 @@ def creation(gateway, rounds):
 
 def waiting(gateway, locker, seconds):
     """A holder of the lock: another program, for SQLite's locks are the process's own."""
-    with subprocess.Popen([locker, gateway.database, str(seconds * 1000)], stdout=subprocess.PIPE) as holder:
+    command = [locker, gateway.database, str(seconds * 1000)]
+    with subprocess.Popen(command, stdout=subprocess.PIPE) as holder:
         require(holder.stdout.read(1), "the lock is not held")
         start = time.monotonic()
         gateway.do("save", "patient")
@@ -84,7 +86,8 @@ class Asked:
 
     def __init__(self, gateway, *words):
         self.process = subprocess.Popen([gateway.program, *words], env=gateway.environment(),
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT)
         self.seen = b""
 
     def wait_for(self, prompt):
@@ -139,11 +142,13 @@ def campaign(program, full, source):
     with Gateway(program) as gateway:
         gateway.write_configuration("new")
         created = creation(gateway, 50 if full else 3)
-        figures = (created, distinct_saves(gateway, 200 if full else 6), one_name(gateway, 50 if full else 4),
-                   autosaves(gateway, 10 if full else 2), questions(gateway))
+        figures = (created, distinct_saves(gateway, 200 if full else 6),
+                   one_name(gateway, 50 if full else 4), autosaves(gateway, 10 if full else 2),
+                   questions(gateway))
         waiting(gateway, locker, 3 if full else 1)
         gateway.require_integrity()
-    return "%d creators of a file, %d saves by eight, %d of one name, %d autosaves, a writer at %d questions, a lock waited for" % figures
+    return ("%d creators of a file, %d saves by eight, %d of one name, %d autosaves, "
+            "a writer at %d questions, a lock waited for" % figures)
 
 
 main(campaign)

@@ -19,7 +19,7 @@ namespace fuzz {
 
 inline std::string make_gateway() {
   char name[] = "/tmp/confsave-fuzz-XXXXXX";
-  const std::string root = mkdtemp(name);
+  std::string root = mkdtemp(name);
   for (const char* directory : {"/config/user", "/state", "/scratch"}) {
     std::filesystem::create_directories(root + directory);
   }

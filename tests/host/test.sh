@@ -7,8 +7,8 @@ set -eu
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 mkdir -p "$scratch/config/user" "$scratch/state" "$scratch/tmp"
-export KELMOR_CONFIG_PATH="$scratch/config/" KELMOR_DYNAMIC_DIR="$scratch/state" KELMOR_TEMP_DIR="$scratch/tmp"
-export KELMOR_LOG_FILE="$scratch/log"
+export KELMOR_CONFIG_PATH="$scratch/config/" KELMOR_DYNAMIC_DIR="$scratch/state"
+export KELMOR_TEMP_DIR="$scratch/tmp" KELMOR_LOG_FILE="$scratch/log"
 
 "$1" >"$scratch/with"
 diff - "$scratch/with" <<'END'

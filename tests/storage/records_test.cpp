@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "storage/guard.h"
@@ -70,7 +72,7 @@ const Texts kCorluMembers{"user/gateway.conf",    "user/gateway.key",   "user/ga
 /// Returns when the clock shows a later second than before.
 std::time_t wait_for_the_next_second() {
   const std::time_t start = std::time(nullptr);
-  while (std::time(nullptr) == start) usleep(1000);
+  while (std::time(nullptr) == start) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return std::time(nullptr);
 }
 

@@ -11,7 +11,6 @@ namespace {
 
 using namespace ConfSave;
 using test::kCurrent;
-using test::LogRecord;
 using test::LogRecords;
 
 TEST(StatementText, CreateTable) {

@@ -7,7 +7,9 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
@@ -17,7 +19,7 @@ int main(int argc, char** argv) {
   const long milliseconds = std::strtol(argv[2], nullptr, 10);
   if (milliseconds > 0) {
     if (write(STDOUT_FILENO, "x", 1) != 1) return 1;
-    usleep(static_cast<useconds_t>(milliseconds) * 1000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
   }
   sqlite3_exec(db, "commit", nullptr, nullptr, nullptr);
   sqlite3_close(db);

@@ -17,7 +17,7 @@ namespace test {
 
 /// One log record, integers as decimal digits in the text and their byte widths beside it, in order.
 struct LogRecord {
-  int level;
+  int level = 0;
   std::string signature;
   std::string name;
   std::string source;
@@ -39,13 +39,13 @@ class TestHost {
   /// As a new process would have it: log level 4, all entry points, commands run for real.
   void reset();
 
-  int log_level;
+  int log_level = 0;
 
   /// The entry points that the library is given. Set one to null to leave it out.
-  KorvLogProps entry_points;
+  KorvLogProps entry_points = {};
 
   /// Give the library no log properties at all.
-  bool no_log;
+  bool no_log = false;
 
   /// Asked before each command. A number is the command's result, and it is not run. May throw.
   std::function<std::optional<int>(const std::string& command)> on_command;

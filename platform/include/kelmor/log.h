@@ -2,9 +2,10 @@
 
 #include "kelmor/status.h"
 
-/// Names the function that a log record speaks of. Keeps the pointers: pass literals.
+/// Names the function that a log record speaks of.
 class KELMOR_API ClUnilogFname {
  public:
+  /// Keeps the pointers: pass literals.
   ClUnilogFname(const char* signature, const char* name) : signature_(signature), name_(name) {}
 
   /// The full signature, for example "void ConfSave::Storage::Begin()".
@@ -23,6 +24,7 @@ class KELMOR_API ClUnilogFname {
 struct KorvLogProps {
   /// Records of this level and below are wanted: 1 failures, 2 progress, 4 detail; 0 is silence.
   int level;
+  /// A record begins. It is made in `line` of `source`, by `function`.
   void (*begin)(int level, const ClUnilogFname& function, const char* source, int line);
   /// The record's opening text.
   void (*text)(const char*);

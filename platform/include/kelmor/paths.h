@@ -21,6 +21,7 @@ enum DirectoryId : int {};
 
 }  // namespace path
 
+/// Tells where things are. A host may let the answers change from call to call.
 class KELMOR_API FilenameConvertor {
  public:
   /// The one resolver of the process.

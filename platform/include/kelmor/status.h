@@ -31,7 +31,9 @@ class KELMOR_API XTOOMsg {
   const char* ErrorMessage() const { return message_.c_str(); }
 
  protected:
+  /// Copies `text`; null counts as empty.
   explicit XTOOMsg(const char* text) : message_(text) {}
+  /// What ErrorMessage() gave before is not valid any longer.
   void ClearMessage() { message_ = CTOOString(); }
 
  private:
@@ -49,6 +51,7 @@ class KELMOR_API XTOOStatus : public XTOOMsg {
   XTOOStatus& operator=(const XTOOStatus&) = default;
   ~XTOOStatus() override;
 
+  /// 0 after Clear().
   int Status() const { return status_; }
 
   /// True from construction until Clear(), also for status 0: an exception is always an error.
