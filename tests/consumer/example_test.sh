@@ -1,0 +1,59 @@
+#!/bin/sh
+# The complete host of the page on embedding is the example, and does what the page says.
+#
+#   tests/consumer/example_test.sh EXAMPLE PAGE SOURCE
+set -eu
+
+[ "${CONFSAVE_SANDBOX-}" = 1 ] || { echo 'run this by script/sandbox' >&2; exit 125; }
+example=$1
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+fail() {
+    echo "example: $1" >&2
+    exit 1
+}
+
+"$(dirname "$0")/../support/block" "$2" cpp 2 | diff - "$3" || fail 'the page shows another program'
+
+mkdir -p "$scratch/config/user" "$scratch/state" "$scratch/tmp"
+export KELMOR_CONFIG_PATH="$scratch/config/" KELMOR_DYNAMIC_DIR="$scratch/state"
+export KELMOR_TEMP_DIR="$scratch/tmp" KELMOR_LOG_FILE="$scratch/log"
+filter=$scratch/config/user/filter.conf
+echo 'permit established' >"$filter"
+echo 'peer 192.0.2.1' >/mnt/main/etc/failover.ini
+
+# Runs the example with a command; `expected` is what it is to print and to answer.
+try() {
+    expected=$1
+    command=$2
+    set +e
+    printed=$("$example" "$command" 2>&1)
+    status=$?
+    set -e
+    seen="${printed}[$status]"
+    [ "$seen" = "$expected" ] || fail "'$command': $seen, not $expected"
+}
+holds() {
+    [ "$(cat "$filter")" = "$1" ] || fail "the configuration is '$(cat "$filter")', not '$1'"
+}
+
+try '[0]' "echo 'permit any' >'$filter'"
+holds 'permit any'
+try 'Config is overwritten.
+The change failed and was taken back.[1]' "echo 'deny any' >'$filter'; rm /mnt/main/etc/failover.ini; false"
+holds 'permit any'
+[ "$(cat /mnt/main/etc/failover.ini)" = 'peer 192.0.2.1' ] || fail 'the failover settings are lost'
+
+# The snapshot goes while the command runs.
+blank=' '
+try "Config is overwritten.
+status 0$blank
+The change failed and STAYS.[1]" "sqlite3 '$scratch/state/storage.db' 'delete from Config'; false"
+
+# SQLite refuses the row, and save() says nothing of it. The log is the example's own.
+sqlite3 "$scratch/state/storage.db" \
+    'alter table Config rename to Stored; create view Config as select * from Stored'
+try 'Error: sqlite3_stmt *plineInfo == NULL
+The configuration could not be kept. Nothing was run.[1]' "touch '$scratch/ran'"
+[ ! -e "$scratch/ran" ] || fail 'the command was run without a snapshot'
+[ ! -e "$scratch/log" ] || fail 'the platform logged'
