@@ -54,6 +54,14 @@ class ArchiveTest : public test::Gateway {
     EXPECT_EQ(commands(), expected) << type;
   }
 
+  std::pair<Bytes, Bytes> packed_configuration() const {
+    Archive archive(conf_full, config_dir());
+    archive.Create();
+    std::pair<Bytes, Bytes> archives;
+    archive.Fetch(archives.first, archives.second);
+    return archives;
+  }
+
   /// The temporary files that are open, and their descriptors.
   std::map<std::string, int> temporary_files() const {
     std::map<std::string, int> files;
@@ -405,11 +413,7 @@ TEST_F(ArchiveExtract, AnEtcThatFailsLeavesTheRestUntouchedAndIsNotRolledBack) {
 
 TEST_F(ArchiveExtract, EveryFileComesBackWithModeAndTime) {
   make_configuration();
-  Archive packed(conf_full, config_dir());
-  packed.Create();
-  Bytes etc;
-  Bytes keybase;
-  packed.Fetch(etc, keybase);
+  const auto [etc, keybase] = packed_configuration();
   const auto before = test::tree(config_dir());
   std::map<std::string, std::pair<mode_t, time_t>> properties;
   const auto look = [this](const std::string& name) {
@@ -428,11 +432,7 @@ TEST_F(ArchiveExtract, EveryFileComesBackWithModeAndTime) {
 
 TEST_F(ArchiveExtract, DirectoriesWithoutAnEntryGetTheModeOfTheUmask) {
   make_configuration();
-  Archive packed(conf_full, config_dir());
-  packed.Create();
-  Bytes etc;
-  Bytes keybase;
-  packed.Fetch(etc, keybase);
+  const auto [etc, keybase] = packed_configuration();
   const auto mode_of = [this](const char* name) {
     return std::filesystem::status(config_dir() + name).permissions();
   };
