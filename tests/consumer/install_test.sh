@@ -23,7 +23,7 @@ prefix=$scratch/prefix
 make_gateway
 "$prefix/bin/confsave" save weekly || fail 'the program does not run'
 pkgconfig=$(dirname "$(find "$prefix" -name confsave.pc)")
-export CMAKE_PREFIX_PATH="$prefix" PKG_CONFIG_PATH="$pkgconfig"
+export CMAKE_PREFIX_PATH="$prefix" PKG_CONFIG_PATH="$pkgconfig" CMAKE_GENERATOR=Ninja
 
 write_project "$scratch/by-cmake"
 block sh 1 >"$scratch/by-cmake/commands"
