@@ -4,7 +4,6 @@
 //   gateway-shell COMMAND
 
 #include <confsave.h>
-#include <kelmor/log.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -13,32 +12,25 @@
 
 namespace {
 
-void write(const char* text) { std::clog << text; }
-
-void write_integer(const void* value, unsigned width) {
-  std::clog << (width == 8 ? *static_cast<const ConfSave::int64*>(value) : *static_cast<const int*>(value));
-}
-
-}  // namespace
-
-// A host's own log comes before the platform's. What is left null is left out.
-const KorvLogProps* KorvLog_GetProps_cl_module(int) {
-  static const KorvLogProps log = {1, nullptr, write, write, write_integer, [] { std::clog << '\n'; }};
-  return &log;
-}
-
-namespace {
-
 const std::string kName = "before-change";
 
-// save() answers true also when SQLite refused the row: see for yourself that it is there.
+// Without one of these a full snapshot can be stored, and not restored.
+bool has_failover_settings() {
+  for (const char* name : {"failover.ini", "failover.ini.crg", "failoverd-config.crg"}) {
+    if (ConfSave::IsFileExist((std::string("/mnt/main/etc/") + name).c_str())) return true;
+  }
+  return false;
+}
+
+// save() answers true also when SQLite refused the row: see for yourself that it is there. Times that are
+// listed have 32 bits.
 bool keep() {
   const std::time_t begun = std::time(nullptr);
-  if (!ConfSave::save(kName, ConfSave::conf_full, 0, true)) return false;
+  if (!has_failover_settings() || !ConfSave::save(kName, ConfSave::conf_full, 0, true)) return false;
   ConfSave::Storage storage;
   if (!storage.opened) return false;
   const ConfSave::Configs found = storage.FindMatching(kName, ConfSave::CURRENT_VERSION, true);
-  return found.size() == 1 && found[0].save_time >= begun;
+  return found.size() == 1 && static_cast<std::int32_t>(found[0].save_time - begun) >= 0;
 }
 
 // The classes throw; load() would only print.
@@ -47,13 +39,13 @@ bool bring_back() try {
   if (storage.opened) storage.Load(kName, nullptr, ConfSave::CURRENT_VERSION, true);
   return storage.opened;
 } catch (const XTOOStatus& error) {
-  std::cerr << "status " << error.Status() << " " << error.ErrorMessage() << '\n';
+  std::cerr << "status " << error.Status() << ": " << error.ErrorMessage() << '\n';
   return false;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   if (argc != 2) return 2;
   if (!keep()) {
     std::cerr << "The configuration could not be kept. Nothing was run.\n";
@@ -62,5 +54,8 @@ int main(int argc, char** argv) {
   if (std::system(argv[1]) == 0) return 0;
   std::cerr << (bring_back() ? "The change failed and was taken back.\n"
                              : "The change failed and STAYS.\n");
+  return 1;
+} catch (const XTOOStatus& error) {
+  std::cerr << "status " << error.Status() << ": " << error.ErrorMessage() << '\n';
   return 1;
 }

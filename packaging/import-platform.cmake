@@ -1,9 +1,15 @@
 # Gives the name kelmor::platform to what a gateway's maker supplies in a directory: the contract in
 # include/kelmor/ and libkelmor-platform.so in lib/. Without the library the host process itself is to
-# bring everything that the contract declares.
-function(confsave_import_platform directory)
+# bring everything that the contract declares. What is wrong with the directory is put into `flaw`.
+function(confsave_import_platform directory flaw)
+  set(${flaw} "" PARENT_SCOPE)
+  if(NOT IS_ABSOLUTE "${directory}" OR directory MATCHES " ")
+    set(${flaw} "'${directory}' is to be an absolute path without a blank." PARENT_SCOPE)
+    return()
+  endif()
   if(NOT EXISTS "${directory}/include/kelmor/status.h")
-    message(FATAL_ERROR "${directory} holds no platform: there is no include/kelmor/status.h in it.")
+    set(${flaw} "${directory} holds no platform: there is no include/kelmor/status.h in it." PARENT_SCOPE)
+    return()
   endif()
 
   find_library(

@@ -7,8 +7,8 @@ set -eu
 # The compilers' own search path would offer SQLite's headers: a header must not name them.
 if grep -rnE '#include [<"](sqlite3|boost)' "$@"; then exit 1; fi
 
-options=
-for directory in "$@"; do options="$options -I$directory"; done
+CPATH=$(IFS=: && echo "$*")
+export CPATH
 
 compiled=0
 for compiler in g++ clang++; do
@@ -16,10 +16,8 @@ for compiler in g++ clang++; do
     for standard in c++17 c++20; do
         for directory in "$@"; do
             for header in $(cd "$directory" && find . -name '*.h'); do
-                # The options are words of our own.
-                # shellcheck disable=SC2086
-                echo "#include <$header>" | "$compiler" "-std=$standard" $options -Wall -Wextra \
-                    -Wconversion -Wshadow -pedantic -Werror -fsyntax-only -x c++ -
+                echo "#include <$header>" | "$compiler" "-std=$standard" -Wall -Wextra -Wconversion \
+                    -Wshadow -pedantic -Werror -fsyntax-only -x c++ -
                 compiled=$((compiled + 1))
             done
         done

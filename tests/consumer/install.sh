@@ -3,9 +3,10 @@
 # shellcheck shell=sh disable=SC2034  # What it sets is for those who source it.
 
 build=$1
-: "${CXX:=c++}" "${CXXFLAGS:=}"
+: "${CXXFLAGS:=}"
+CXX=$(command -v "${CXX:-c++}")
+export CXX CXXFLAGS
 here=$(cd "$(dirname "$0")/../.." && pwd)
-page=$here/docs/embedding.md
 
 [ "${CONFSAVE_SANDBOX-}" = 1 ] || { echo 'run this by script/sandbox' >&2; exit 125; }
 scratch=$(mktemp -d)
@@ -28,15 +29,24 @@ configure() {
     quietly cmake -G Ninja -DCMAKE_BUILD_TYPE=Debug "$@"
 }
 
+# A block of a page: its name, a language, a number.
 block() {
-    "$here/tests/support/block" "$page" "$@"
+    "$here/tests/support/block" "$here/docs/$1.md" "$2" "$3"
 }
 
 # A stranger's project, as the page has it.
 write_project() {
     mkdir "$1"
-    block cpp 1 >"$1/host.cpp"
-    block cmake 1 >"$1/CMakeLists.txt"
+    block embedding cpp 1 >"$1/host.cpp"
+    block embedding cmake 1 >"$1/CMakeLists.txt"
+}
+
+# To the commands of a page, c++ is the compiler that the library was built with.
+use_compiler() {
+    mkdir "$scratch/bin"
+    printf '#!/bin/sh\nexec %s %s "$@"\n' "$CXX" "$CXXFLAGS" >"$scratch/bin/c++"
+    chmod +x "$scratch/bin/c++"
+    PATH=$scratch/bin:$PATH
 }
 
 # Without a directory for its files the host could not open the storage.

@@ -23,10 +23,10 @@ prefix=$scratch/prefix
 make_gateway
 "$prefix/bin/confsave" save weekly || fail 'the program does not run'
 pkgconfig=$(dirname "$(find "$prefix" -name confsave.pc)")
-export CMAKE_PREFIX_PATH="$prefix" PKG_CONFIG_PATH="$pkgconfig" CMAKE_GENERATOR=Ninja
+export CMAKE_PREFIX_PATH="$prefix" PKG_CONFIG_PATH="$pkgconfig"
 
 write_project "$scratch/by-cmake"
-block sh 1 >"$scratch/by-cmake/commands"
+block embedding sh 1 >"$scratch/by-cmake/commands"
 if ! (cd "$scratch/by-cmake" && sh -e commands >../output 2>../errors); then
     cat "$scratch/errors" >&2
     fail 'by CMake'
@@ -34,11 +34,9 @@ fi
 expect 'by CMake' "$listing" "$(tail -n 1 "$scratch/output" | without_dates)"
 
 write_project "$scratch/by-pkg-config"
-mkdir "$scratch/bin"
-printf '#!/bin/sh\nexec %s %s "$@"\n' "$CXX" "$CXXFLAGS" >"$scratch/bin/c++"
-chmod +x "$scratch/bin/c++"
-block sh 2 >"$scratch/by-pkg-config/commands"
-(cd "$scratch/by-pkg-config" && PATH="$scratch/bin:$PATH" sh -e commands) || fail 'by pkg-config'
+use_compiler
+block embedding sh 2 >"$scratch/by-pkg-config/commands"
+(cd "$scratch/by-pkg-config" && sh -e commands) || fail 'by pkg-config'
 libraries=$(dirname "$(find "$prefix" -name libconfsave.so)")
 expect 'by pkg-config' "$listing" \
     "$(LD_LIBRARY_PATH=$libraries "$scratch/by-pkg-config/host" | without_dates)"

@@ -9,11 +9,6 @@ set -eu
 . "$(dirname "$0")/install.sh"
 
 maker=$scratch/maker
-compile() {
-    # The flags are words.
-    # shellcheck disable=SC2086
-    quietly "$CXX" $CXXFLAGS -std=c++17 "$@"
-}
 
 # Nothing is stored below GATEWAY_ROOT but by the maker's platform.
 stored() {
@@ -28,11 +23,9 @@ run_host() {
 }
 
 make_maker() {
+    block platform sh 2 >"$scratch/commands"
+    (cd "$here" && maker=$maker quietly sh -e "$scratch/commands")
     mkdir -p "$maker/lib/cmake/maker"
-    cp -R "$here/platform/include" "$maker/include"
-    compile -fPIC -shared -I"$maker/include" "$here/examples/own_platform.cpp" \
-        -Wl,-soname,libkelmor-platform.so.1 -o "$maker/lib/libkelmor-platform.so"
-    ln -s libkelmor-platform.so "$maker/lib/libkelmor-platform.so.1"
     cat >"$maker/lib/cmake/maker/maker-config.cmake" <<'END'
 get_filename_component(root "${CMAKE_CURRENT_LIST_DIR}/../../.." ABSOLUTE)
 add_library(kelmor::platform SHARED IMPORTED GLOBAL)
@@ -45,9 +38,8 @@ END
 # In the stand-in's place: the library is not built again.
 replace_component() {
     prefix=$scratch/replaced
-    for component in library development program; do
-        quietly cmake --install "$build" --prefix "$prefix" --component "$component"
-    done
+    block platform sh 1 >"$scratch/commands"
+    build=$build prefix=$prefix quietly sh -e "$scratch/commands"
     if find "$prefix" -name '*kelmor-platform*' -o -name kelmor-gzip | grep .; then
         fail 'the stand-in was not left out'
     fi
@@ -65,7 +57,7 @@ replace_component() {
 build_with() {
     name=$1
     shift
-    configure -S "$here" -B "$scratch/build" -DCONFSAVE_BUILD_EXAMPLES=OFF "$@"
+    configure -S "$here" -B "$scratch/build" "$@"
     quietly cmake --build "$scratch/build"
     quietly cmake --install "$scratch/build" --prefix "$scratch/$name"
     write_project "$scratch/$name-host"
@@ -73,7 +65,22 @@ build_with() {
         -DCMAKE_PREFIX_PATH="$scratch/$name;$maker"
 }
 
+refuses() {
+    if cmake -G Ninja -S "$here" -B "$scratch/refused" -DCONFSAVE_PLATFORM="$1" >"$scratch/said" 2>&1; then
+        fail "took '$1' for a platform"
+    fi
+    tr -s '\n ' ' ' <"$scratch/said" | grep -qF "CONFSAVE_PLATFORM: $2" ||
+        fail "does not say what is wrong with '$1'"
+}
+
+refuses ./maker "'./maker' is to be an absolute path without a blank."
+refuses "$scratch/the maker" "'$scratch/the maker' is to be an absolute path without a blank."
+refuses "$scratch" "$scratch holds no platform: there is no include/kelmor/status.h in it."
+
 make_gateway
+use_compiler
+block platform cpp 1 | c++ -std=c++17 -I"$here/platform/include" -Wall -Wextra -Werror -fsyntax-only \
+    -x c++ - || fail 'the log on the page'
 unset KELMOR_CONFIG_PATH KELMOR_DYNAMIC_DIR KELMOR_TEMP_DIR
 make_maker
 replace_component
@@ -88,7 +95,7 @@ run_host package "$scratch/package" "$scratch/package-host/build/host"
 
 # The host brings everything: its storage is found by the functions that are linked into it.
 rm -r "${maker:?}/lib"
-build_with nothing -DCONFSAVE_PLATFORM="$maker" -DCONFSAVE_BUILD_CONSOLE=OFF
+build_with nothing -DCONFSAVE_PLATFORM="$maker"
 cp "$here/examples/own_platform.cpp" "$scratch/nothing-host"
 sed -i 's/host\.cpp/& own_platform.cpp/' "$scratch/nothing-host/CMakeLists.txt"
 quietly cmake --build "$scratch/nothing-host/build"
