@@ -16,10 +16,9 @@ const std::string kName = "before-change";
 
 // Without one of these a full snapshot can be stored, and not restored.
 bool has_failover_settings() {
-  for (const char* name : {"failover.ini", "failover.ini.crg", "failoverd-config.crg"}) {
-    if (ConfSave::IsFileExist((std::string("/mnt/main/etc/") + name).c_str())) return true;
-  }
-  return false;
+  return ConfSave::IsFileExist("/mnt/main/etc/failover.ini") ||
+         ConfSave::IsFileExist("/mnt/main/etc/failover.ini.crg") ||
+         ConfSave::IsFileExist("/mnt/main/etc/failoverd-config.crg");
 }
 
 // save() answers true also when SQLite refused the row: see for yourself that it is there. Times that are
