@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <iostream>
-#include <utility>
 
 #include "names.h"
 
@@ -29,16 +28,19 @@ bool put_back(const std::string& path, const struct stat& before) {
 
 }  // namespace
 
+/// The text is made before, so that the destructor need not.
 struct ParentDirectories::Kept {
-  const char* name;
+  std::string path;
+  std::string printable_path;
   struct stat status;
 };
 
-ParentDirectories::ParentDirectories(std::string destination) : destination_(std::move(destination)) {
-  if (destination_.empty()) destination_ = toolsunix::FilenameConvertor::Instance().GetKelmorConfigPath();
+ParentDirectories::ParentDirectories(const std::string& destination) {
+  const std::string directory =
+      destination.empty() ? toolsunix::FilenameConvertor::Instance().GetKelmorConfigPath() : destination;
   for (const char* name : {"user", "hub"}) {
-    Kept kept = {name, {}};
-    if (lstat((destination_ + name).c_str(), &kept.status) == 0 && S_ISDIR(kept.status.st_mode)) {
+    Kept kept = {directory + name, printable(directory + name), {}};
+    if (lstat(kept.path.c_str(), &kept.status) == 0 && S_ISDIR(kept.status.st_mode)) {
       kept_.push_back(kept);
     }
   }
@@ -46,9 +48,8 @@ ParentDirectories::ParentDirectories(std::string destination) : destination_(std
 
 ParentDirectories::~ParentDirectories() {
   for (const Kept& kept : kept_) {
-    if (put_back(destination_ + kept.name, kept.status)) continue;
-    std::cerr << "confsave: the mode and owner of '" << printable(destination_) << kept.name
-              << "' could not be put back.\n";
+    if (put_back(kept.path, kept.status)) continue;
+    std::cerr << "confsave: the mode and owner of '" << kept.printable_path << "' could not be put back.\n";
   }
 }
 

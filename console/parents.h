@@ -10,7 +10,7 @@ namespace console {
 class ParentDirectories {
  public:
   /// `destination` ends in "/"; empty for the configuration directory.
-  explicit ParentDirectories(std::string destination);
+  explicit ParentDirectories(const std::string& destination);
   ParentDirectories(const ParentDirectories&) = delete;
   ParentDirectories& operator=(const ParentDirectories&) = delete;
 
@@ -20,7 +20,6 @@ class ParentDirectories {
  private:
   struct Kept;
 
-  std::string destination_;
   std::vector<Kept> kept_;
 };
 
