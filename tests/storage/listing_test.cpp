@@ -1,6 +1,7 @@
 #include "confsave.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
 #include <optional>
@@ -131,6 +132,20 @@ TEST_F(StorageList, AnEmptyTableIsLogged) {
   host.log_level = 1;
   EXPECT_EQ(list(0, "", true), Texts());
   EXPECT_EQ(host.records, LogRecords());
+}
+
+TEST_F(StorageList, TheStatementIsGoneBeforeItIsToldThatTheListIsEmpty) {
+  const test::StatementRecorder recorder;
+  ConfSave::Storage traced;
+  sqlite3_stmt* open = nullptr;
+  bool told = false;
+  host.on_recorded = [&] {
+    told = true;
+    open = sqlite3_next_stmt(recorder.connection(), nullptr);
+  };
+  EXPECT_TRUE(traced.List(0, "", true).empty());
+  EXPECT_TRUE(told);
+  EXPECT_EQ(open, nullptr);
 }
 
 TEST_F(StorageList, TimesWrapAt32Bits) {
