@@ -19,7 +19,6 @@ namespace {
 using namespace ConfSave;
 
 const std::map<std::string, std::function<void()>> kParts{
-    {"nothing", [] {}},
     {"version-to-text", [] { Config::version(CURRENT_VERSION); }},
     {"text-to-version", [] { Config(0).vers_convert("4.5.4"); }},
     {"statement", [] { sql::insert_row("weekly", CURRENT_VERSION, 1488377100, conf_full); }},
