@@ -12,7 +12,7 @@ program=$(realpath "$1")
 page=$here/docs/formats.md
 manual=$here/docs/man/storage.db.5
 etc=/mnt/main/etc
-[ "${CONFSAVE_SANDBOX-}" = 1 ] || { echo 'run this by script/sandbox' >&2; exit 125; }
+[ "${CONFSAVE_SANDBOX-}" = 1 ] || { echo 'run this by script/lib/sandbox' >&2; exit 125; }
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT

@@ -4,7 +4,7 @@
 #   tests/consumer/example_test.sh EXAMPLE PAGE SOURCE
 set -eu
 
-[ "${CONFSAVE_SANDBOX-}" = 1 ] || { echo 'run this by script/sandbox' >&2; exit 125; }
+[ "${CONFSAVE_SANDBOX-}" = 1 ] || { echo 'run this by script/lib/sandbox' >&2; exit 125; }
 example=$1
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT

@@ -8,7 +8,7 @@ CXX=$(command -v "${CXX:-c++}")
 export CXX CXXFLAGS
 here=$(cd "$(dirname "$0")/../.." && pwd)
 
-[ "${CONFSAVE_SANDBOX-}" = 1 ] || { echo 'run this by script/sandbox' >&2; exit 125; }
+[ "${CONFSAVE_SANDBOX-}" = 1 ] || { echo 'run this by script/lib/sandbox' >&2; exit 125; }
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 

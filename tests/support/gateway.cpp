@@ -61,7 +61,7 @@ const char* const kEtcFiles[] = {"failover.ini", "failover.ini.crg", "failoverd-
 /// A sandbox is what keeps the machine's own failover directory out of the tests' reach.
 void require_sandbox() {
   if (std::getenv("CONFSAVE_SANDBOX") != nullptr) return;
-  std::fprintf(stderr, "These tests fill /mnt/main/etc. Run them by ctest, or by script/sandbox.\n");
+  std::fprintf(stderr, "These tests fill /mnt/main/etc. Run them by ctest, or by script/lib/sandbox.\n");
   std::exit(125);
 }
 
