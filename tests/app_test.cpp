@@ -39,13 +39,16 @@ using ConfSave::XChdir;
 using ConfSave::XConstraint;
 using ConfSave::XExternalFailure;
 using ConfSave::XNotFound;
-using test::create_says;
-using test::delete_says;
 using test::GroupedDigits;
 using test::kCannotOpen;
 using test::kChooseLayout;
+using test::kCreate;
 using test::kCreateTable;
 using test::kCurrent;
+using test::kDelete;
+using test::kList;
+using test::kLoad;
+using test::kPack;
 using test::kPackCorlu;
 using test::kPackEtc;
 using test::kPackFull;
@@ -53,12 +56,10 @@ using test::kPackPart;
 using test::kSelectAll;
 using test::kTablesMade;
 using test::kTryTables;
-using test::list_says;
-using test::load_says;
 using test::LogRecord;
 using test::LogRecords;
-using test::pack_says;
 using test::Rows;
+using test::says;
 using test::Texts;
 using test::operator+;
 
@@ -91,11 +92,11 @@ const Texts kUnpack{
 };
 
 LogRecords refused_as_taken(const std::string& name) {
-  return {create_says(2,
-                      "SQL error: UNIQUE constraint failed: Config.name, Config.version. Query: " +
-                          insert_statement(name) + " (return code: 19)",
-                      {4}),
-          create_says(1, "sqlite3_finalize() return code 19", {4})};
+  return {says(kCreate, 2,
+               "SQL error: UNIQUE constraint failed: Config.name, Config.version. Query: " +
+                   insert_statement(name) + " (return code: 19)",
+               {4}),
+          says(kCreate, 1, "sqlite3_finalize() return code 19", {4})};
 }
 
 const std::string kAskToSave = "Save current configuration [Y/n]? ";
@@ -345,7 +346,7 @@ class Shell : public test::Gateway {
 
  private:
   void expect_nothing_held() const {
-    EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(temp_files(), Texts());
     if (damaged || !test::exists(database())) return;
     EXPECT_TRUE(test::lock_is_free(database()));
     EXPECT_EQ(query("pragma integrity_check"), Rows{{"ok"}});
@@ -368,7 +369,7 @@ TEST_F(AppLst, AnEmptyStoragePrintsNothing) {
   EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kSelectAll}));
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade,
-                        list_says(2, "Requested configuration list is empty (version=0)", {8})}));
+                        says(kList, 2, "Requested configuration list is empty (version=0)", {8})}));
   EXPECT_EQ(commands(), Texts());
 }
 
@@ -467,8 +468,8 @@ TEST_F(AppSave, ANewNameIsStoredSilently) {
   EXPECT_EQ(save(), Saved("", true));
   EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, insert_statement("weekly")}));
   EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
-                                   create_says(2, "Try to save configuration 'weekly' (version 0)", {8}),
-                                   create_says(4, "sqlite3_total_changes: 1", {4})}));
+                                   says(kCreate, 2, "Try to save configuration 'weekly' (version 0)", {8}),
+                                   says(kCreate, 4, "sqlite3_total_changes: 1", {4})}));
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull}));
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", "0", "1", "<now>", "NULL"}}));
 }
@@ -488,12 +489,13 @@ TEST_F(AppSave, ATakenNameIsOverwrittenOnYes) {
   put(weekly_of_former_times());
   EXPECT_EQ(save("y\n"), Saved("Config 'weekly' exists. Overwrite? ‹y›\n", true));
   EXPECT_EQ(statements(), (Texts{insert_statement("weekly"), kDeleteWeekly, insert_statement("weekly")}));
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
-                                   create_says(2, "Try to save configuration 'weekly' (version 0)", {8})} +
-                        refused_as_taken("weekly") +
-                        LogRecords{delete_says(4, "config name 'weekly'"),
-                                   create_says(2, "Try to save configuration 'weekly' (version 0)", {8}),
-                                   create_says(4, "sqlite3_total_changes: 2", {4})}));
+  EXPECT_EQ(records(),
+            (LogRecords{kTryTables, kTablesMade,
+                        says(kCreate, 2, "Try to save configuration 'weekly' (version 0)", {8})} +
+             refused_as_taken("weekly") +
+             LogRecords{says(kDelete, 4, "config name 'weekly'"),
+                        says(kCreate, 2, "Try to save configuration 'weekly' (version 0)", {8}),
+                        says(kCreate, 4, "sqlite3_total_changes: 2", {4})}));
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull, kPackEtc, kPackFull}));
   EXPECT_EQ(rows(), (Rows{{"2", "weekly", "0", "1", "<now>", "NULL"}}));
 }
@@ -521,9 +523,10 @@ TEST_F(AppSave, TheEndOfInputLeavesTheOldRow) {
   put(weekly_of_former_times());
   EXPECT_EQ(save(""), Saved("Config 'weekly' exists. Overwrite? ‹EOF›", false));
   EXPECT_EQ(statements(), Texts{insert_statement("weekly")});
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
-                                   create_says(2, "Try to save configuration 'weekly' (version 0)", {8})} +
-                        refused_as_taken("weekly")));
+  EXPECT_EQ(records(),
+            (LogRecords{kTryTables, kTablesMade,
+                        says(kCreate, 2, "Try to save configuration 'weekly' (version 0)", {8})} +
+             refused_as_taken("weekly")));
   EXPECT_EQ(rows(), kWeeklyOfFormerTimes);
 }
 
@@ -590,12 +593,12 @@ TEST_F(AppSave, NamesAreTakenAsTheyCome) {
 TEST_F(AppSave, ARefusedStatementIsNotTold) {
   EXPECT_EQ(save("", "o'hare"), Saved("", true));
   EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
-                                   create_says(2, "Try to save configuration 'o'hare' (version 0)", {8}),
-                                   create_says(2,
-                                               "SQL error: near \"hare\": syntax error. Query: " +
-                                                   insert_statement("o'hare") + " (return code: 1)",
-                                               {4}),
-                                   create_says(1, "Error: sqlite3_stmt *plineInfo == NULL")}));
+                                   says(kCreate, 2, "Try to save configuration 'o'hare' (version 0)", {8}),
+                                   says(kCreate, 2,
+                                        "SQL error: near \"hare\": syntax error. Query: " +
+                                            insert_statement("o'hare") + " (return code: 1)",
+                                        {4}),
+                                   says(kCreate, 1, "Error: sqlite3_stmt *plineInfo == NULL")}));
   EXPECT_EQ(rows(), Rows());
 }
 
@@ -614,8 +617,9 @@ TEST_F(AppSave, AFileThatIsNoDatabaseIsNotTold) {
 TEST_F(AppSave, AFailedTarIsTold) {
   host.on_command = test::fail_commands("cd /mnt/main/etc/ && tar czf ", 7);
   EXPECT_EQ(save(), Saved("'tar' returned non-zero exit status.\n", false));
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
-                                   pack_says(1, "failed to create tar archive with error code: 7", {4})}));
+  EXPECT_EQ(records(),
+            (LogRecords{kTryTables, kTablesMade,
+                        says(kPack, 1, "failed to create tar archive with error code: 7", {4})}));
   EXPECT_EQ(rows(), Rows());
 }
 
@@ -704,11 +708,12 @@ TEST_F(AppSave, ATarThatFailsAtTheSecondTryIsToldOnStandardErrorAndTheOldRowIsGo
   put(weekly_of_former_times());
   end_with(2, 4);
   EXPECT_EQ(save("y\n"), Saved(kOverwriteWeekly + kFailedToSave, false));
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
-                                   create_says(2, "Try to save configuration 'weekly' (version 0)", {8})} +
-                        refused_as_taken("weekly") +
-                        LogRecords{delete_says(4, "config name 'weekly'"),
-                                   pack_says(1, "failed to create tar archive with error code: 2", {4})}));
+  EXPECT_EQ(records(),
+            (LogRecords{kTryTables, kTablesMade,
+                        says(kCreate, 2, "Try to save configuration 'weekly' (version 0)", {8})} +
+             refused_as_taken("weekly") +
+             LogRecords{says(kDelete, 4, "config name 'weekly'"),
+                        says(kPack, 1, "failed to create tar archive with error code: 2", {4})}));
   EXPECT_EQ(rows(), Rows());
 }
 
@@ -759,7 +764,7 @@ TEST_F(AppDel, AStoredNameIsDeletedSilently) {
   put(weekly_of_former_times());
   EXPECT_EQ(del(), "");
   EXPECT_EQ(statements(), Texts{kDeleteWeekly});
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, delete_says(4, "config name 'weekly'")}));
+  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, says(kDelete, 4, "config name 'weekly'")}));
   EXPECT_EQ(commands(), Texts());
   EXPECT_EQ(rows(), Rows());
 }
@@ -793,10 +798,10 @@ TEST_F(AppDel, ARefusedStatementIsSilent) {
   put(weekly_of_former_times());
   keep_all_rows();
   EXPECT_EQ(del(), "");
-  EXPECT_EQ(
-      records(),
-      (LogRecords{kTryTables, kTablesMade, delete_says(4, "config name 'weekly'"),
-                  delete_says(2, "SQL error: kept. Query: " + kDeleteWeekly + " (return code: 19)", {4})}));
+  EXPECT_EQ(records(),
+            (LogRecords{
+                kTryTables, kTablesMade, says(kDelete, 4, "config name 'weekly'"),
+                says(kDelete, 2, "SQL error: kept. Query: " + kDeleteWeekly + " (return code: 19)", {4})}));
   EXPECT_EQ(rows(), kWeeklyOfFormerTimes);
 }
 
@@ -886,9 +891,9 @@ TEST_F(AppLoad, DeclinedAndConfirmedItRestores) {
             ">>> ‹Yes, do as I say›\n"
             "Loading configuration 'weekly'.\n");
   EXPECT_EQ(statements(), (Texts{kSelectWeekly, kStampWeekly}));
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, load_says(2, "Try to load"),
-                                   load_says(2, "sqlite3_column_bytes: " + sizes, {4, 4}),
-                                   load_says(4, "sqlite3_total_changes: 1", {4})}));
+  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, says(kLoad, 2, "Try to load"),
+                                   says(kLoad, 2, "sqlite3_column_bytes: " + sizes, {4, 4}),
+                                   says(kLoad, 4, "sqlite3_total_changes: 1", {4})}));
   EXPECT_EQ(commands(), kUnpack);
   EXPECT_EQ(gateway(), restored(before));
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", "0", "1", "1000", "<now>"}}));
@@ -905,10 +910,10 @@ TEST_F(AppLoad, ByDefaultItSavesFirst) {
   EXPECT_EQ(statements(), (Texts{kInsertBefore, kSelectWeekly, kStampWeekly}));
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade,
-                        create_says(2, "Try to save configuration 'before' (version 0)", {8}),
-                        create_says(4, "sqlite3_total_changes: 1", {4}), load_says(2, "Try to load"),
-                        load_says(2, "sqlite3_column_bytes: " + sizes, {4, 4}),
-                        load_says(4, "sqlite3_total_changes: 2", {4})}));
+                        says(kCreate, 2, "Try to save configuration 'before' (version 0)", {8}),
+                        says(kCreate, 4, "sqlite3_total_changes: 1", {4}), says(kLoad, 2, "Try to load"),
+                        says(kLoad, 2, "sqlite3_column_bytes: " + sizes, {4, 4}),
+                        says(kLoad, 4, "sqlite3_total_changes: 2", {4})}));
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull} + kUnpack));
   EXPECT_EQ(gateway(), restored(before));
   EXPECT_EQ(rows(),
@@ -938,13 +943,13 @@ TEST_F(AppLoad, ATakenNameForTheCurrentConfigurationIsOverwrittenOnYes) {
                                  kInsertBefore, kSelectWeekly, kStampWeekly}));
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade,
-                        create_says(2, "Try to save configuration 'before' (version 0)", {8})} +
+                        says(kCreate, 2, "Try to save configuration 'before' (version 0)", {8})} +
              refused_as_taken("before") +
-             LogRecords{delete_says(4, "config name 'before'"),
-                        create_says(2, "Try to save configuration 'before' (version 0)", {8}),
-                        create_says(4, "sqlite3_total_changes: 2", {4}), load_says(2, "Try to load"),
-                        load_says(2, "sqlite3_column_bytes: " + sizes, {4, 4}),
-                        load_says(4, "sqlite3_total_changes: 3", {4})}));
+             LogRecords{says(kDelete, 4, "config name 'before'"),
+                        says(kCreate, 2, "Try to save configuration 'before' (version 0)", {8}),
+                        says(kCreate, 4, "sqlite3_total_changes: 2", {4}), says(kLoad, 2, "Try to load"),
+                        says(kLoad, 2, "sqlite3_column_bytes: " + sizes, {4, 4}),
+                        says(kLoad, 4, "sqlite3_total_changes: 3", {4})}));
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull, kPackEtc, kPackFull} + kUnpack));
   EXPECT_EQ(gateway(), restored(before));
   EXPECT_EQ(rows(),
@@ -1159,8 +1164,8 @@ TEST_F(AppLoad, ANameThatIsNotStoredEndsAsAnUnknownError) {
             kReckless + "Loading configuration 'nobody'.\n" + "Unknown error: 0.\n");
   EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kSelectNobody}));
   EXPECT_EQ(records(),
-            (LogRecords{kTryTables, kTablesMade, load_says(2, "Try to load"),
-                        load_says(2, "Configuration is not found: name=nobody, version=0", {8})}));
+            (LogRecords{kTryTables, kTablesMade, says(kLoad, 2, "Try to load"),
+                        says(kLoad, 2, "Configuration is not found: name=nobody, version=0", {8})}));
 }
 
 TEST_F(AppLoad, ANameOfAnotherVersionIsNotFound) {
@@ -1230,9 +1235,9 @@ TEST_F(AppLoad, StorageThatCannotBeOpenedSaysSavedAndEndsAsAnUnknownError) {
   EXPECT_EQ(
       records(),
       (LogRecords{
-          kCannotOpen, load_says(2, "Try to load"),
-          load_says(2, "SQL error: out of memory. Query: " + kSelectWeekly + " (return code: 21)", {4}),
-          load_says(1, "SQL error: out of memory. Query: " + kSelectWeekly)}));
+          kCannotOpen, says(kLoad, 2, "Try to load"),
+          says(kLoad, 2, "SQL error: out of memory. Query: " + kSelectWeekly + " (return code: 21)", {4}),
+          says(kLoad, 1, "SQL error: out of memory. Query: " + kSelectWeekly)}));
   EXPECT_EQ(commands(), Texts());
   EXPECT_EQ(gateway(), before);
 }
@@ -1358,8 +1363,9 @@ TEST_F(AppLoad, AFailedTarOfTheSavingIsToldAndAborts) {
             "Name for the current configuration: ‹before›\n"
             "'tar' returned non-zero exit status.\n"
             "Aborted.\n");
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
-                                   pack_says(1, "failed to create tar archive with error code: 2", {4})}));
+  EXPECT_EQ(records(),
+            (LogRecords{kTryTables, kTablesMade,
+                        says(kPack, 1, "failed to create tar archive with error code: 2", {4})}));
 }
 
 TEST_F(AppLoad, AStatusIsWrittenWithoutDigitGroups) {

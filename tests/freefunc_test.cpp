@@ -44,15 +44,16 @@ using ConfSave::Storage;
 using ConfSave::XConstraint;
 using ConfSave::XExternalFailure;
 using ConfSave::XNotFound;
-using test::create_says;
-using test::delete_says;
-using test::exists_says;
-using test::find_says;
 using test::GroupedDigits;
 using test::kCannotOpen;
 using test::kChooseLayout;
+using test::kCreate;
 using test::kCreateTable;
 using test::kCurrent;
+using test::kDelete;
+using test::kExists;
+using test::kFindMatching;
+using test::kList;
 using test::kPackCorlu;
 using test::kPackEtc;
 using test::kPackFull;
@@ -60,10 +61,10 @@ using test::kPackPart;
 using test::kSelectAll;
 using test::kTablesMade;
 using test::kTryTables;
-using test::list_says;
 using test::LogRecord;
 using test::LogRecords;
 using test::Rows;
+using test::says;
 using test::Texts;
 using test::Widths;
 using test::operator+;
@@ -118,9 +119,9 @@ const LogRecord kUnknownException{
 
 /// The records of the saving of a free name, the change of this number on its connection.
 LogRecords saved_as(const std::string& name, int change) {
-  return {delete_says(4, "config name '" + name + "'"),
-          create_says(2, "Try to save configuration '" + name + "' (version 17264017408)", {8}),
-          create_says(4, "sqlite3_total_changes: " + std::to_string(change), {4}),
+  return {says(kDelete, 4, "config name '" + name + "'"),
+          says(kCreate, 2, "Try to save configuration '" + name + "' (version 17264017408)", {8}),
+          says(kCreate, 4, "sqlite3_total_changes: " + std::to_string(change), {4}),
           unique_says("config '" + name + "' (version 4.5.4) successfully saved")};
 }
 
@@ -161,7 +162,7 @@ class Housekeeping : public test::Gateway {
       EXPECT_EQ(console.transcript(), "");
       EXPECT_EQ(console.unread(), "not read\n");
     }
-    EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(temp_files(), Texts());
     EXPECT_EQ(open_files(), Texts());
     if (damaged || !test::exists(database())) return;
     EXPECT_TRUE(test::lock_is_free(database()));
@@ -429,9 +430,9 @@ TEST_F(SaveIfUnique, AFreeNameIsStored) {
                           }));
   EXPECT_EQ(records(),
             (LogRecords{
-                delete_says(4, "config name 'weekly'"),
-                create_says(2, "Try to save configuration 'weekly' (version 17264017408)", {8}),
-                create_says(4, "sqlite3_total_changes: 1", {4}),
+                says(kDelete, 4, "config name 'weekly'"),
+                says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017408)", {8}),
+                says(kCreate, 4, "sqlite3_total_changes: 1", {4}),
                 {4,
                  "bool ConfSave::save_if_unique(ConfSave::Storage&, const string&, ConfSave::conftype)",
                  "save_if_unique",
@@ -487,11 +488,10 @@ TEST_F(SaveIfUnique, ATableThatCannotBeReadHoldsTheName) {
     saved = save_if_unique(storage, "weekly", conf_full);
   });
   EXPECT_FALSE(saved);
-  EXPECT_EQ(
-      records(),
-      (LogRecords{exists_says(
-          2, "SQL error: no such table: Config. Query: " + count_statement("weekly") + " (return code: 1)",
-          {4})}));
+  EXPECT_EQ(records(), (LogRecords{says(kExists, 2,
+                                        "SQL error: no such table: Config. Query: " +
+                                            count_statement("weekly") + " (return code: 1)",
+                                        {4})}));
   EXPECT_EQ(commands(), Texts());
 }
 
@@ -509,16 +509,17 @@ TEST_F(SaveIfUnique, ARefusedInsertCountsAsSaved) {
   sql("drop trigger no");
   sql("alter table Config rename column type to kind");
   EXPECT_TRUE(save_unique("weekly"));
-  EXPECT_EQ(records(), (LogRecords{
-                           delete_says(4, "config name 'weekly'"),
-                           create_says(2, "Try to save configuration 'weekly' (version 17264017408)", {8}),
-                           create_says(2,
-                                       "SQL error: table Config has no column named type. Query: " +
-                                           insert_statement("weekly") + " (return code: 1)",
-                                       {4}),
-                           create_says(1, "Error: sqlite3_stmt *plineInfo == NULL"),
-                           unique_says("config 'weekly' (version 4.5.4) successfully saved"),
-                       }));
+  EXPECT_EQ(records(),
+            (LogRecords{
+                says(kDelete, 4, "config name 'weekly'"),
+                says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017408)", {8}),
+                says(kCreate, 2,
+                     "SQL error: table Config has no column named type. Query: " +
+                         insert_statement("weekly") + " (return code: 1)",
+                     {4}),
+                says(kCreate, 1, "Error: sqlite3_stmt *plineInfo == NULL"),
+                unique_says("config 'weekly' (version 4.5.4) successfully saved"),
+            }));
 }
 
 TEST_F(SaveIfUnique, AFailedTarLeaves) {
@@ -585,7 +586,7 @@ TEST_F(Cleaning, AtTheLimitTheFirstIsDeleted) {
   EXPECT_EQ(statements(), (Texts{kFindAutosaves,
                                  "delete from 'Config' where name='autosave-1' and version=17264017408"}));
   EXPECT_EQ(records(), (LogRecords{clean_says(4, "maxautosaves = 3, find autosaves = 3", {4, 8}),
-                                   delete_says(4, "config name 'autosave-1'")}));
+                                   says(kDelete, 4, "config name 'autosave-1'")}));
   EXPECT_EQ(system_log(), (SystemLog{{6, "Deleted old confsave 'autosave-1' (version 4.5.4)"}}));
   EXPECT_EQ(names(), (Texts{"autosave-2", "autosave-3"}));
 }
@@ -603,9 +604,9 @@ TEST_F(Cleaning, ALimitOf1DeletesAll) {
   put_names(three);
   clean(1);
   EXPECT_EQ(records(), (LogRecords{clean_says(4, "maxautosaves = 1, find autosaves = 3", {4, 8}),
-                                   delete_says(4, "config name 'autosave-1'"),
-                                   delete_says(4, "config name 'autosave-2'"),
-                                   delete_says(4, "config name 'autosave-3'")}));
+                                   says(kDelete, 4, "config name 'autosave-1'"),
+                                   says(kDelete, 4, "config name 'autosave-2'"),
+                                   says(kDelete, 4, "config name 'autosave-3'")}));
   EXPECT_EQ(names(), Texts());
 }
 
@@ -615,9 +616,9 @@ TEST_F(Cleaning, ALimitOf0DeletesAll) {
   EXPECT_EQ(statements(), (Texts{kFindAutosaves, delete_statement("autosave-1"),
                                  delete_statement("autosave-2"), delete_statement("autosave-3")}));
   EXPECT_EQ(records(), (LogRecords{clean_says(4, "maxautosaves = 0, find autosaves = 3", {4, 8}),
-                                   delete_says(4, "config name 'autosave-1'"),
-                                   delete_says(4, "config name 'autosave-2'"),
-                                   delete_says(4, "config name 'autosave-3'")}));
+                                   says(kDelete, 4, "config name 'autosave-1'"),
+                                   says(kDelete, 4, "config name 'autosave-2'"),
+                                   says(kDelete, 4, "config name 'autosave-3'")}));
   EXPECT_EQ(
       system_log(),
       (SystemLog{{6, deleted("autosave-1")}, {6, deleted("autosave-2")}, {6, deleted("autosave-3")}}));
@@ -695,7 +696,7 @@ TEST_F(Cleaning, OneNameInSeveralVersionsIsSeveralAutosaves) {
   put({"autosave-1", 3});
   clean(3);
   EXPECT_EQ(records(), (LogRecords{clean_says(4, "maxautosaves = 3, find autosaves = 3", {4, 8}),
-                                   delete_says(4, "config name 'autosave-1'")}));
+                                   says(kDelete, 4, "config name 'autosave-1'")}));
   EXPECT_EQ(rows(),
             (Rows{{"autosave-1", "2", "1", "1000", "NULL"}, {"autosave-1", "3", "1", "1000", "NULL"}}));
 }
@@ -715,9 +716,9 @@ TEST_F(Cleaning, ARefusedDeleteIsToldAsADeletion) {
       records(),
       (LogRecords{
           clean_says(4, "maxautosaves = 3, find autosaves = 3", {4, 8}),
-          delete_says(4, "config name 'autosave-1'"),
-          delete_says(2, "SQL error: kept. Query: " + delete_statement("autosave-1") + " (return code: 19)",
-                      {4})}));
+          says(kDelete, 4, "config name 'autosave-1'"),
+          says(kDelete, 2,
+               "SQL error: kept. Query: " + delete_statement("autosave-1") + " (return code: 19)", {4})}));
   EXPECT_EQ(system_log(), (SystemLog{{6, deleted("autosave-1")}}));
   EXPECT_EQ(names(), three);
 }
@@ -740,11 +741,11 @@ TEST_F(Cleaning, ASystemLogThatThrowsIsToldAndTheLoopGoesOn) {
   clean(1);
   EXPECT_EQ(records(),
             (LogRecords{clean_says(4, "maxautosaves = 1, find autosaves = 3", {4, 8}),
-                        delete_says(4, "config name 'autosave-1'"),
+                        says(kDelete, 4, "config name 'autosave-1'"),
                         clean_says(1, "Failed to delete old confsave 'autosave-1' (version 4.5.4)"),
-                        delete_says(4, "config name 'autosave-2'"),
+                        says(kDelete, 4, "config name 'autosave-2'"),
                         clean_says(1, "Failed to delete old confsave 'autosave-2' (version )"),
-                        delete_says(4, "config name 'autosave-3'"),
+                        says(kDelete, 4, "config name 'autosave-3'"),
                         clean_says(1, "Failed to delete old confsave 'autosave-3' (version 4.3.2)")}));
   EXPECT_EQ(system_log(), (SystemLog{{6, "Deleted old confsave 'autosave-1' (version 4.5.4)"},
                                      {6, "Deleted old confsave 'autosave-2' (version )"},
@@ -785,7 +786,7 @@ TEST_F(Cleaning, ADeleteThatThrowsIsToldAndTheLoopGoesOn) {
     EXPECT_EQ(records(),
               (LogRecords{clean_says(4, "maxautosaves = 2, find autosaves = 3", {4, 8}),
                           clean_says(1, "Failed to delete old confsave 'autosave-1' (version 4.5.4)"),
-                          delete_says(4, "config name 'autosave-2'")}));
+                          says(kDelete, 4, "config name 'autosave-2'")}));
     EXPECT_EQ(statements(), (Texts{kFindAutosaves, delete_statement("autosave-2")}));
     EXPECT_EQ(system_log(), (SystemLog{{6, deleted("autosave-2")}}));
     EXPECT_EQ(names(), (Texts{"autosave-1", "autosave-3"}));
@@ -797,12 +798,11 @@ TEST_F(Cleaning, ADeleteThatThrowsIsToldAndTheLoopGoesOn) {
 TEST_F(Cleaning, ATableThatCannotBeReadHoldsNoAutosave) {
   make_foreign_table();
   clean(1);
-  EXPECT_EQ(
-      records(),
-      (LogRecords{
-          find_says(2, "SQL error: no such column: id. Query: " + kFindAutosaves + " (return code: 1)",
-                    {4}),
-          clean_says(4, "maxautosaves = 1, find autosaves = 0", {4, 8})}));
+  EXPECT_EQ(records(),
+            (LogRecords{
+                says(kFindMatching, 2,
+                     "SQL error: no such column: id. Query: " + kFindAutosaves + " (return code: 1)", {4}),
+                clean_says(4, "maxautosaves = 1, find autosaves = 0", {4, 8})}));
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -821,9 +821,9 @@ TEST_F(Autosaving, TheFirstIsStoredUnderTheTime) {
   EXPECT_EQ(
       records(),
       (LogRecords{kTryTables, kTablesMade, clean_says(4, "maxautosaves = 5, find autosaves = 0", {4, 8}),
-                  delete_says(4, "config name 'autosave-<now>'"),
-                  create_says(2, "Try to save configuration 'autosave-<now>' (version 17264017408)", {8}),
-                  create_says(4, "sqlite3_total_changes: 1", {4}),
+                  says(kDelete, 4, "config name 'autosave-<now>'"),
+                  says(kCreate, 2, "Try to save configuration 'autosave-<now>' (version 17264017408)", {8}),
+                  says(kCreate, 4, "sqlite3_total_changes: 1", {4}),
                   unique_says("config 'autosave-<now>' (version 4.5.4) successfully saved")}));
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull}));
   EXPECT_EQ(system_log(), SystemLog());
@@ -851,7 +851,7 @@ TEST_F(Autosaving, AtTheLimitTheFirstMakesRoom) {
             (Texts{kFindAutosaves, delete_statement("autosave-1")} + saving("autosave-<now>")));
   EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
                                    clean_says(4, "maxautosaves = 3, find autosaves = 3", {4, 8}),
-                                   delete_says(4, "config name 'autosave-1'")} +
+                                   says(kDelete, 4, "config name 'autosave-1'")} +
                         saved_as("autosave-<now>", 2)));
   EXPECT_EQ(system_log(), (SystemLog{{6, deleted("autosave-1")}}));
   EXPECT_EQ(names(), (Texts{"autosave-2", "autosave-3", "autosave-<now>"}));
@@ -1062,9 +1062,9 @@ TEST_F(Autosaving, AFailedTarLeavesAndTheSurplusIsGone) {
   EXPECT_EQ(records(), (LogRecords{kTryTables,
                                    kTablesMade,
                                    clean_says(4, "maxautosaves = 2, find autosaves = 3", {4, 8}),
-                                   delete_says(4, "config name 'autosave-1'"),
-                                   delete_says(4, "config name 'autosave-2'"),
-                                   delete_says(4, "config name 'autosave-<now>'"),
+                                   says(kDelete, 4, "config name 'autosave-1'"),
+                                   says(kDelete, 4, "config name 'autosave-2'"),
+                                   says(kDelete, 4, "config name 'autosave-<now>'"),
                                    {1,
                                     "void ConfSave::pack(const string&, const string&, const string&)",
                                     "pack",
@@ -1153,17 +1153,17 @@ TEST_F(Autosaving, ATableThatCannotBeReadStoresNothingSilently) {
   host.log_level = 4;
   autosave(2);
   const auto unread = [](const std::string& name) {
-    return exists_says(
-        2, "SQL error: no such column: name. Query: " + count_statement(name) + " (return code: 1)", {4});
+    return says(kExists, 2,
+                "SQL error: no such column: name. Query: " + count_statement(name) + " (return code: 1)",
+                {4});
   };
-  EXPECT_EQ(
-      records(),
-      (LogRecords{
-          kTryTables, kTablesMade,
-          find_says(2, "SQL error: no such column: id. Query: " + kFindAutosaves + " (return code: 1)",
-                    {4}),
-          clean_says(4, "maxautosaves = 2, find autosaves = 0", {4, 8}), unread("autosave-<now>"),
-          unread("autosave-<now>-0"), unread("autosave-<now>-1")}));
+  EXPECT_EQ(records(),
+            (LogRecords{
+                kTryTables, kTablesMade,
+                says(kFindMatching, 2,
+                     "SQL error: no such column: id. Query: " + kFindAutosaves + " (return code: 1)", {4}),
+                clean_says(4, "maxautosaves = 2, find autosaves = 0", {4, 8}), unread("autosave-<now>"),
+                unread("autosave-<now>-0"), unread("autosave-<now>-1")}));
   EXPECT_EQ(commands(), Texts());
   EXPECT_EQ(system_log(), SystemLog());
 }
@@ -1180,10 +1180,11 @@ TEST_F(Autosaving, StorageThatCannotBeOpenedIsToldAsASuccess) {
   make_storage_unopenable();
   autosave(5);
   EXPECT_EQ(records(),
-            (LogRecords{kCannotOpen,
-                        find_says(2, "SQL error: . Query: " + kFindAutosaves + " (return code: 21)", {4}),
-                        clean_says(4, "maxautosaves = 5, find autosaves = 0", {4, 8}),
-                        unique_says("config 'autosave-<now>' (version 4.5.4) successfully saved")}));
+            (LogRecords{
+                kCannotOpen,
+                says(kFindMatching, 2, "SQL error: . Query: " + kFindAutosaves + " (return code: 21)", {4}),
+                clean_says(4, "maxautosaves = 5, find autosaves = 0", {4, 8}),
+                unique_says("config 'autosave-<now>' (version 4.5.4) successfully saved")}));
   EXPECT_EQ(commands(), Texts());
 }
 
@@ -1262,7 +1263,7 @@ TEST_F(OldCheck, AnEmptyStorageHasNone) {
   EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kSelectAll}));
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade,
-                        list_says(2, "Requested configuration list is empty (version=0)", {8})}));
+                        says(kList, 2, "Requested configuration list is empty (version=0)", {8})}));
 }
 
 TEST_F(OldCheck, AnOldAutosaveIsFoundAndNothingChanges) {
@@ -1320,7 +1321,7 @@ TEST_F(OldCheck, ThePacketFiltersOwnRecordIsNeverLookedAt) {
   EXPECT_FALSE(check_old());
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade,
-                        list_says(2, "Requested configuration list is empty (version=0)", {8})}));
+                        says(kList, 2, "Requested configuration list is empty (version=0)", {8})}));
 }
 
 TEST_F(OldCheck, AnOldOneAmongOthersIsFound) {
@@ -1357,8 +1358,8 @@ TEST_F(OldCheck, ATableThatCannotBeReadHasNone) {
   EXPECT_EQ(records(),
             (LogRecords{
                 kTryTables, kTablesMade,
-                list_says(2, "SQL error: no such column: name. Query: " + kSelectAll + " (return code: 1)",
-                          {4})}));
+                says(kList, 2,
+                     "SQL error: no such column: name. Query: " + kSelectAll + " (return code: 1)", {4})}));
 }
 
 TEST_F(OldCheck, AnExceptionOfTheListingIsToldAndMeansNone) {

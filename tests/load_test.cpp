@@ -49,7 +49,7 @@ class LoadTest : public test::Gateway {
     if (test::exists(database())) {
       EXPECT_TRUE(test::lock_is_free(database()));
     }
-    EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(temp_files(), Texts());
     EXPECT_EQ(open_files(), Texts());
   }
 
@@ -243,7 +243,7 @@ TEST_F(LoadMatching, NothingThatMatchesIsTold) {
 TEST_F(LoadMatching, TheStorageIsClosedBeforeAFailureIsTold) {
   Console console;
   Texts open{"not told"};
-  const test::WhenSaid told(std::cerr, "No such config.\n", [&] { open = open_files(); });
+  const test::WatchedOutput told(std::cerr, "No such config.\n", [&] { open = open_files(); });
   load("nosuch", nullptr, 0, true);
   EXPECT_EQ(open, Texts());
 }
@@ -315,7 +315,7 @@ TEST_F(LoadFailure, EachExceptionHasItsMessage) {
     };
     load_with("", "«" + message + "»", "weekly", 0, true);
     EXPECT_TRUE(test::lock_is_free(database()));
-    EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(temp_files(), Texts());
   }
   EXPECT_TRUE(untouched());
 }

@@ -44,7 +44,7 @@ class SaveTest : public test::Gateway {
       EXPECT_TRUE(test::lock_is_free(database()));
       EXPECT_EQ(test::Database(database()).value("pragma integrity_check"), "ok");
     }
-    EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(temp_files(), Texts());
     EXPECT_EQ(open_files(), Texts());
   }
 
@@ -105,7 +105,7 @@ TEST_F(SaveName, OneOf80CharactersIsAcceptedAndOneOf81IsNot) {
 TEST_F(SaveName, EachLineIsFlushed) {
   Console console;
   std::cerr << std::nounitbuf;
-  const test::WhenSaid stream(std::cerr, "", nullptr);
+  const test::WatchedOutput stream(std::cerr, "", nullptr);
   save("", conf_full, 0, true);
   EXPECT_EQ(stream.flushes(), 1);
   save(std::string(81, 'a'), conf_full, 0, true);
@@ -158,9 +158,9 @@ TEST_F(SaveNew, OfNoVersionIsStoredUnderTheRunningVersionSilently) {
   EXPECT_EQ(statements, (Texts{kCount0, kCountCurrent, "begin exclusive", kDelete0, kDeleteCurrent,
                                insert_of("17264017408"), "commit"}));
   EXPECT_EQ(rows(), (Rows{{"weekly", "17264017408", "1", "1"}}));
-  EXPECT_EQ(
-      host.records_up_to(2),
-      LogRecords{test::create_says(2, "Try to save configuration 'weekly' (version 17264017408)", {8})});
+  EXPECT_EQ(host.records_up_to(2),
+            LogRecords{test::says(test::kCreate, 2,
+                                  "Try to save configuration 'weekly' (version 17264017408)", {8})});
 }
 
 TEST_F(SaveNew, OfAVersionIsStoredUnderIt) {
@@ -185,8 +185,8 @@ TEST_F(SaveOver, ItIsToldWhenItIsCommitted) {
   put({"weekly", kCurrent});
   Console console;
   bool committed = false;
-  const test::WhenSaid told(std::cout, "Config is overwritten.\n",
-                            [&] { committed = test::lock_is_free(database()); });
+  const test::WatchedOutput told(std::cout, "Config is overwritten.\n",
+                                 [&] { committed = test::lock_is_free(database()); });
   EXPECT_TRUE(save("weekly", conf_full, 0, true));
   EXPECT_TRUE(committed);
 }
@@ -197,9 +197,9 @@ TEST_F(SaveOver, TheRunningVersionIsAskedAndUpdated) {
   EXPECT_EQ(statements, (Texts{kCount0, kCountCurrent, "begin exclusive", kDeleteCurrent,
                                insert_of("17264017408"), "commit"}));
   EXPECT_EQ(rows(), (Rows{{"weekly", "17264017408", "1", "1"}}));
-  EXPECT_EQ(
-      host.records_up_to(2),
-      LogRecords{test::update_says(2, "Try to update configuration 'weekly' (version 17264017408)", {8})});
+  EXPECT_EQ(host.records_up_to(2),
+            LogRecords{test::says(test::kUpdate, 2,
+                                  "Try to update configuration 'weekly' (version 17264017408)", {8})});
 }
 
 TEST_F(SaveOver, AGivenVersionIsAskedAndUpdated) {
@@ -218,9 +218,9 @@ TEST_F(SaveOver, ARowOfNoVersionGivesWayToTheRunningVersion) {
   put({"weekly", 0});
   EXPECT_TRUE(save_with("y\n", kQuestionNoVersion + "‹y›\nConfig is overwritten.\n"));
   EXPECT_EQ(statements, (Texts{kCount0, "begin exclusive", kDelete0, insert_of("17264017408"), "commit"}));
-  EXPECT_EQ(
-      host.records_up_to(2),
-      LogRecords{test::create_says(2, "Try to save configuration 'weekly' (version 17264017408)", {8})});
+  EXPECT_EQ(host.records_up_to(2),
+            LogRecords{test::says(test::kCreate, 2,
+                                  "Try to save configuration 'weekly' (version 17264017408)", {8})});
   EXPECT_EQ(rows(), (Rows{{"weekly", "17264017408", "1", "1"}}));
 }
 
@@ -315,8 +315,8 @@ TEST_F(SaveFailure, TheStorageIsClosedAfterAFailureIsTold) {
   host.on_command = test::fail_commands("cd ", 1);
   Console console;
   Texts open;
-  const test::WhenSaid told(std::cerr, "'tar' returned non-zero exit status.\n",
-                            [&] { open = open_files(); });
+  const test::WatchedOutput told(std::cerr, "'tar' returned non-zero exit status.\n",
+                                 [&] { open = open_files(); });
   EXPECT_FALSE(save("weekly", conf_full, 0, false));
   EXPECT_EQ(open, Texts{database()});
 }
@@ -357,14 +357,14 @@ TEST_F(SaveFailure, EachExceptionHasItsMessage) {
     EXPECT_FALSE(save_with("", "«" + message + "»", 5));
     EXPECT_EQ(rows(), (Rows{{"weekly", "17264017408", "1", "0"}}));
     EXPECT_TRUE(test::lock_is_free(database()));
-    EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(temp_files(), Texts());
   }
 }
 
 TEST_F(SaveFailure, ATemporaryFileThatCannotBeMadeIsToldByItsStatus) {
-  std::filesystem::remove(scratch_dir());
+  std::filesystem::remove(temp_dir());
   EXPECT_FALSE(save_with("", "«Unknown error: 17.\n»"));
-  std::filesystem::create_directory(scratch_dir());
+  std::filesystem::create_directory(temp_dir());
 }
 
 TEST_F(SaveFailure, ARefusedInsertIsNotTold) {

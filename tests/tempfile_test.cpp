@@ -39,7 +39,7 @@ TEST_F(TempFileTest, ANewObjectHasNoFile) {
   expect_status(36, "", [&] { file.fd(); });
   expect_status(36, "", [&] { file.size(); });
   expect_status(36, "", [&] { file.rewind(); });
-  EXPECT_EQ(scratch_files(), test::Texts());
+  EXPECT_EQ(temp_files(), test::Texts());
 }
 
 TEST_F(TempFileTest, AskingForTheFileAsksForItsDirectory) {
@@ -54,8 +54,8 @@ TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheDirectoryForTemporaryFiles) {
   TempFile file;
   file.create();
   EXPECT_TRUE(file.is_open());
-  EXPECT_EQ(file.name().substr(0, scratch_dir().size() + 1), scratch_dir() + "/");
-  EXPECT_EQ(file.name().size(), scratch_dir().size() + 7);
+  EXPECT_EQ(file.name().substr(0, temp_dir().size() + 1), temp_dir() + "/");
+  EXPECT_EQ(file.name().size(), temp_dir().size() + 7);
   EXPECT_NE(file.name().substr(file.name().size() - 6), "XXXXXX");
   EXPECT_EQ(file.size(), 0);
   EXPECT_TRUE(test::exists(file.name()));
@@ -69,7 +69,7 @@ TEST_F(TempFileTest, CreatingTwiceMakesOneFile) {
   file.create();
   EXPECT_EQ(file.name(), name);
   EXPECT_EQ(file.fd(), fd);
-  EXPECT_EQ(scratch_files().size(), 1U);
+  EXPECT_EQ(temp_files().size(), 1U);
 }
 
 TEST_F(TempFileTest, TheModeIs0600UnderAnyUmask) {
@@ -101,7 +101,7 @@ TEST_F(TempFileTest, RemoveDeletesTheFileAndMayBeRepeated) {
   EXPECT_EQ(file.name(), "");
   EXPECT_FALSE(file.is_open());
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-  EXPECT_EQ(scratch_files(), test::Texts());
+  EXPECT_EQ(temp_files(), test::Texts());
   file.remove();
   EXPECT_EQ(host.records, LogRecords());
 }
@@ -111,7 +111,7 @@ TEST_F(TempFileTest, TheDestructorDeletesTheFile) {
     TempFile file;
     file.create();
   }
-  EXPECT_EQ(scratch_files(), test::Texts());
+  EXPECT_EQ(temp_files(), test::Texts());
 }
 
 TEST_F(TempFileTest, AfterRemoveAnotherFileCanBeMade) {
@@ -125,12 +125,12 @@ TEST_F(TempFileTest, AfterRemoveAnotherFileCanBeMade) {
 }
 
 TEST_F(TempFileTest, AMissingDirectoryIsStatus17) {
-  std::filesystem::remove(scratch_dir());
+  std::filesystem::remove(temp_dir());
   TempFile file;
   expect_status(17, "No such file or directory", [&] { file.create(); });
   EXPECT_EQ(file.name(), "");
   EXPECT_FALSE(file.is_open());
-  std::filesystem::create_directory(scratch_dir());
+  std::filesystem::create_directory(temp_dir());
 }
 
 TEST_F(TempFileTest, AClosedDescriptorIsStatus45And54) {

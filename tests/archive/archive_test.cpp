@@ -68,8 +68,7 @@ class ArchiveTest : public test::Gateway {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
       std::error_code gone;
       const std::string file = std::filesystem::read_symlink(entry.path(), gone).string();
-      if (file.rfind(scratch_dir() + "/", 0) == 0)
-        files[file] = std::stoi(entry.path().filename().string());
+      if (file.rfind(temp_dir() + "/", 0) == 0) files[file] = std::stoi(entry.path().filename().string());
     }
     return files;
   }
@@ -138,7 +137,7 @@ TEST_F(ArchiveCreate, AFailedTarLeavesNoTemporaryFile) {
     host.on_command = test::fail_commands(dir, 1);
     EXPECT_EQ(
         test::thrown_by<XExternalFailure>([&] { Archive(conf_full, config_dir()).Create(); }).Status(), 36);
-    EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(temp_files(), Texts());
   }
 }
 
@@ -173,7 +172,7 @@ TEST_F(ArchiveFetch, WhatWasPutInComesOut) {
   const Bytes second{'b'};
   Archive archive(conf_full, config_dir());
   archive.Create(first, second);
-  EXPECT_EQ(scratch_files().size(), 2U);
+  EXPECT_EQ(temp_files().size(), 2U);
   Bytes etc;
   Bytes keybase;
   archive.Fetch(etc, keybase);
@@ -184,7 +183,7 @@ TEST_F(ArchiveFetch, WhatWasPutInComesOut) {
 TEST_F(ArchiveFetch, EmptyVectorsMakeEmptyFiles) {
   Archive archive(conf_corlu, config_dir());
   archive.Create(Bytes(), Bytes());
-  EXPECT_EQ(scratch_files().size(), 2U);
+  EXPECT_EQ(temp_files().size(), 2U);
   Bytes etc(1);
   Bytes keybase(1);
   archive.Fetch(etc, keybase);
@@ -226,7 +225,7 @@ class ArchiveFromBytes : public ArchiveTest {
     ASSERT_EQ(host.records.size(), 1U);
     LogRecord record = host.records[0];
     record.text =
-        std::regex_replace(record.text, std::regex("^" + scratch_dir() + "/[A-Za-z0-9]{6}"), "<file>");
+        std::regex_replace(record.text, std::regex("^" + temp_dir() + "/[A-Za-z0-9]{6}"), "<file>");
     EXPECT_EQ(
         record,
         (LogRecord{1,
@@ -249,11 +248,11 @@ TEST_F(ArchiveFromBytes, ARefusedWriteIsStatus6) {
 }
 
 TEST_F(ArchiveFromBytes, WithoutADirectoryForTemporaryFilesItIsStatus17) {
-  std::filesystem::remove(scratch_dir());
+  std::filesystem::remove(temp_dir());
   Archive archive(conf_full, config_dir());
   EXPECT_EQ(test::thrown_by<XTOOStatus>([&] { archive.Create(Bytes(), Bytes()); }).Status(), 17);
   EXPECT_EQ(test::thrown_by<XTOOStatus>([&] { archive.Create(); }).Status(), 17);
-  std::filesystem::create_directory(scratch_dir());
+  std::filesystem::create_directory(temp_dir());
 }
 
 TEST_F(ArchiveFromBytes, TheFilesStandAtTheirBeginning) {
@@ -268,7 +267,7 @@ TEST_F(ArchiveFromBytes, EtcIsWrittenFirst) {
   Archive archive(conf_full, config_dir());
   const FileSizeLimit full(10);
   EXPECT_THROW(archive.Create(Bytes(5, 'e'), Bytes(11, 'k')), XTOOStatus);
-  EXPECT_EQ(scratch_files().size(), 2U);
+  EXPECT_EQ(temp_files().size(), 2U);
 }
 
 TEST_F(ArchiveFetch, EtcIsReadFirst) {
@@ -458,7 +457,7 @@ TEST_F(ArchiveExtract, WhatTheHostThrowsLeavesNothingBehind) {
       return std::nullopt;
     };
     EXPECT_THROW(restore(conf_full, etc, keybase), std::runtime_error) << failing;
-    EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(temp_files(), Texts());
   }
 }
 

@@ -35,11 +35,12 @@ using ConfSave::XExternalFailure;
 using ConfSave::XNotFound;
 using test::GroupedDigits;
 using test::kCurrent;
-using test::load_says;
+using test::kLoad;
 using test::LogRecord;
 using test::LogRecords;
 using test::refusal;
 using test::Rows;
+using test::says;
 using test::Texts;
 using test::Widths;
 
@@ -241,7 +242,7 @@ class StorageLoad : public test::OpenedStorage {
   void keep_archives() {
     host.on_command = [this](const std::string&) -> std::optional<int> {
       if (host.commands.size() == 1) {
-        for (const auto& file : test::tree(scratch_dir())) unpacked.insert(file.second);
+        for (const auto& file : test::tree(temp_dir())) unpacked.insert(file.second);
       }
       return 0;
     };
@@ -253,8 +254,8 @@ class StorageLoad : public test::OpenedStorage {
 
   /// The record of the two sizes.
   static LogRecord sizes(std::size_t keybase_size, std::size_t etc_size) {
-    return load_says(
-        2,
+    return says(
+        kLoad, 2,
         "sqlite3_column_bytes: sz0=" + std::to_string(keybase_size) + ", sz1=" + std::to_string(etc_size),
         {4, 4});
   }
@@ -289,11 +290,11 @@ const std::string kSelectWeekly =
     "version=17264017408";
 const std::string kStampFirst = "update 'Config' set load_time=<now> where id=1";
 
-const LogRecord kTryToLoad = load_says(2, "Try to load");
-const LogRecord kOneChange = load_says(4, "sqlite3_total_changes: 1", {4});
-const LogRecord kNoChange = load_says(4, "sqlite3_total_changes: 0", {4});
+const LogRecord kTryToLoad = says(kLoad, 2, "Try to load");
+const LogRecord kOneChange = says(kLoad, 4, "sqlite3_total_changes: 1", {4});
+const LogRecord kNoChange = says(kLoad, 4, "sqlite3_total_changes: 0", {4});
 const LogRecord kNotFound =
-    load_says(2, "Configuration is not found: name=weekly, version=17264017408", {8});
+    says(kLoad, 2, "Configuration is not found: name=weekly, version=17264017408", {8});
 
 const Texts kUnpackEtc{"tar xzf <archive> --exclude corlu.serv -C /mnt/main/etc//<scratch> 2>/dev/null",
                        "cp -alf /mnt/main/etc//<scratch>/* /mnt/main/etc//. 2>/dev/null",
@@ -368,7 +369,7 @@ TEST_F(StorageLoad, EachLevelLogsItsShare) {
   EXPECT_EQ(logged_at(2, call), (LogRecords{kTryToLoad, sizes(keybase.size(), etc.size())}));
   EXPECT_EQ(logged_at(3, call), (LogRecords{kTryToLoad, sizes(keybase.size(), etc.size())}));
   EXPECT_EQ(logged_at(4, call), (LogRecords{kTryToLoad, sizes(keybase.size(), etc.size()),
-                                            load_says(4, "sqlite3_total_changes: 5", {4})}));
+                                            says(kLoad, 4, "sqlite3_total_changes: 5", {4})}));
 }
 
 TEST_F(StorageLoad, OnlyTheLoadedRowIsStamped) {
@@ -484,8 +485,8 @@ TEST_F(StorageLoad, AnotherVersionIsNotFoundEvenIfItPrintsAlike) {
   EXPECT_EQ(
       records(),
       (LogRecords{kTryToLoad,
-                  load_says(2, "Configuration is not found: name=weekly, version=17264017409", {8}),
-                  kTryToLoad, load_says(2, "Configuration is not found: name=weekly, version=0", {8})}));
+                  says(kLoad, 2, "Configuration is not found: name=weekly, version=17264017409", {8}),
+                  kTryToLoad, says(kLoad, 2, "Configuration is not found: name=weekly, version=0", {8})}));
   EXPECT_EQ(stamps(), (Rows{{"1", "NULL"}}));
 }
 
@@ -505,10 +506,10 @@ TEST_F(StorageLoad, TheCorluConfigurationIsSkippedOnRequest) {
   EXPECT_EQ(statements(),
             (Texts{"select keybase, etc, type, id from 'Config' where name!='corlu-config' and "
                    "name='corlu-config' and version=17264017408"}));
-  EXPECT_EQ(records(), (LogRecords{kTryToLoad, load_says(2,
-                                                         "Configuration is not found: name=corlu-config, "
-                                                         "version=17264017408",
-                                                         {8})}));
+  EXPECT_EQ(records(), (LogRecords{kTryToLoad, says(kLoad, 2,
+                                                    "Configuration is not found: name=corlu-config, "
+                                                    "version=17264017408",
+                                                    {8})}));
   EXPECT_EQ(stamps(), (Rows{{"1", "NULL"}}));
 }
 
@@ -537,8 +538,8 @@ TEST_F(StorageLoad, AMissingTableCountsAsNotFound) {
   sqlite3_exec(connection, "select * from sqlite_schema", nullptr, nullptr, nullptr);  // It takes note.
   forget();
   const std::string text = "SQL error: no such table: Config. Query: " + kSelectWeekly;
-  const LogRecord report = load_says(2, text + " (return code: 1)", {4});
-  const LogRecord failure = load_says(1, text);
+  const LogRecord report = says(kLoad, 2, text + " (return code: 1)", {4});
+  const LogRecord failure = says(kLoad, 1, text);
   const auto call = [this] { expect_not_found([this] { load(); }); };
   EXPECT_EQ(logged_at(4, call), (LogRecords{kTryToLoad, report, failure}));
   EXPECT_EQ(logged_at(2, call), (LogRecords{kTryToLoad, report, failure}));
@@ -551,8 +552,8 @@ TEST_F(StorageLoad, ATableOfAnotherShapeCountsAsNotFound) {
   rearrange("drop table Config; create table Config (name text, version integer)");
   expect_not_found([this] { load(); });
   const std::string text = "SQL error: no such column: keybase. Query: " + kSelectWeekly;
-  EXPECT_EQ(records(),
-            (LogRecords{kTryToLoad, load_says(2, text + " (return code: 1)", {4}), load_says(1, text)}));
+  EXPECT_EQ(records(), (LogRecords{kTryToLoad, says(kLoad, 2, text + " (return code: 1)", {4}),
+                                   says(kLoad, 1, text)}));
 }
 
 TEST_F(StorageLoad, ANameWithAQuoteCountsAsNotFound) {
@@ -563,8 +564,8 @@ TEST_F(StorageLoad, ANameWithAQuoteCountsAsNotFound) {
   const std::string text =
       "SQL error: near \"hare\": syntax error. Query: select keybase, etc, type, id from 'Config' where "
       "name='o'hare' and version=17264017408";
-  EXPECT_EQ(records(),
-            (LogRecords{kTryToLoad, load_says(2, text + " (return code: 1)", {4}), load_says(1, text)}));
+  EXPECT_EQ(records(), (LogRecords{kTryToLoad, says(kLoad, 2, text + " (return code: 1)", {4}),
+                                   says(kLoad, 1, text)}));
 }
 
 TEST_F(StorageLoad, TheNameIsPastedAsItIs) {
@@ -827,7 +828,7 @@ TEST_F(StorageLoad, AStepThatFailsAfterARowLeavesThatRow) {
 TEST_F(StorageLoad, AStampThatIsRefusedIsOnlyLogged) {
   put(row(1));
   rearrange("create trigger frozen before update on Config begin select raise(fail, 'frozen'); end");
-  const LogRecord report = load_says(2, refusal("frozen", kStampFirst, 19), {4});
+  const LogRecord report = says(kLoad, 2, refusal("frozen", kStampFirst, 19), {4});
   const LogRecord found = sizes(keybase.size(), etc.size());
   const auto call = [this] { load(); };
   EXPECT_EQ(logged_at(4, call), (LogRecords{kTryToLoad, found, report, kNoChange}));
@@ -851,7 +852,7 @@ TEST_F(StorageLoad, AViewIsLoadedThoughItCannotBeStamped) {
   EXPECT_EQ(
       records(),
       (LogRecords{kTryToLoad, sizes(keybase.size(), etc.size()),
-                  load_says(2, refusal("cannot modify Config because it is a view", kStampFirst, 1), {4}),
+                  says(kLoad, 2, refusal("cannot modify Config because it is a view", kStampFirst, 1), {4}),
                   kNoChange}));
   EXPECT_EQ(files_below(etc_dir()), etc_files);
 }
@@ -911,12 +912,12 @@ TEST_F(StorageLoad, ADatabaseFileThatCannotBeDeletedFailsAfterTheStamp) {
 TEST_F(StorageLoad, WhatTheHostThrowsWhileUnpackingPassesThrough) {
   put(row(1));
   host.on_command = [this](const std::string&) -> std::optional<int> {
-    EXPECT_EQ(scratch_files().size(), 2U);
+    EXPECT_EQ(temp_files().size(), 2U);
     throw std::runtime_error("the host has enough");
   };
   const auto error = test::thrown_by<std::runtime_error>([this] { load(); });
   EXPECT_EQ(error.what(), std::string("the host has enough"));
-  EXPECT_EQ(scratch_files(), Texts());
+  EXPECT_EQ(temp_files(), Texts());
   EXPECT_EQ(test::names_in(etc_dir()), Texts());
   EXPECT_EQ(stamps(), (Rows{{"1", "<now>"}}));
 }
@@ -978,8 +979,8 @@ TEST_F(UnopenedLoad, FindsNothing) {
   const std::string text =
       "SQL error: out of memory. Query: select keybase, etc, type, id from 'Config' where "
       "name!='corlu-config' and name='weekly' and version=17264017408";
-  EXPECT_EQ(host.records,
-            (LogRecords{kTryToLoad, load_says(2, text + " (return code: 21)", {4}), load_says(1, text)}));
+  EXPECT_EQ(host.records, (LogRecords{kTryToLoad, says(kLoad, 2, text + " (return code: 21)", {4}),
+                                      says(kLoad, 1, text)}));
   EXPECT_EQ(host.commands, Texts());
   EXPECT_FALSE(test::exists(root() + "/missing"));
 }

@@ -33,21 +33,22 @@ using ConfSave::conftype;
 using ConfSave::int64;
 using ConfSave::XConstraint;
 using ConfSave::XExternalFailure;
-using test::create_says;
-using test::delete_says;
-using test::exists_says;
 using test::GroupedDigits;
+using test::kCreate;
 using test::kCurrent;
+using test::kDelete;
+using test::kExists;
 using test::kPackCorlu;
 using test::kPackEtc;
 using test::kPackFull;
 using test::kPackPart;
+using test::kUpdate;
 using test::LogRecord;
 using test::LogRecords;
 using test::refusal;
 using test::Rows;
+using test::says;
 using test::Texts;
-using test::update_says;
 
 using Bytes = std::vector<char>;
 const LogRecord kTarFailed{1,
@@ -125,7 +126,7 @@ class OpenedStorage : public test::OpenedStorage {
   void keep_archives() {
     host.on_command = [this](const std::string& command) -> std::optional<int> {
       std::smatch archive;
-      std::regex_search(command, archive, std::regex(scratch_dir() + "/[A-Za-z0-9]{6}"));
+      std::regex_search(command, archive, std::regex(temp_dir() + "/[A-Za-z0-9]{6}"));
       const int result = test::shell(command);
       const std::string bytes = test::read_file(archive.str());
       written.emplace_back(bytes.begin(), bytes.end());
@@ -144,7 +145,7 @@ class OpenedStorage : public test::OpenedStorage {
   /// The record that announces the saving is written between the packing and the fetching.
   void close_archives_before_they_are_fetched() {
     host.on_recorded = [this] {
-      for (const int descriptor : descriptors_below(scratch_dir())) close(descriptor);
+      for (const int descriptor : descriptors_below(temp_dir())) close(descriptor);
     };
   }
 
@@ -237,23 +238,24 @@ TEST_F(StorageExists, AMissingTableCountsAsHoldingIt) {
   drop_table();
   EXPECT_TRUE(storage->Exists("weekly", kCurrent));
   EXPECT_EQ(records(),
-            (LogRecords{exists_says(2, refusal("no such table: Config", kCountWeekly, 1), {4})}));
+            (LogRecords{says(kExists, 2, refusal("no such table: Config", kCountWeekly, 1), {4})}));
 }
 
 TEST_F(StorageExists, ATableOfAnotherShapeCountsAsHoldingIt) {
   rearrange("drop table Config; create table Config (colour text)");
   EXPECT_TRUE(storage->Exists("weekly", kCurrent));
-  EXPECT_EQ(records(), (LogRecords{exists_says(2, refusal("no such column: name", kCountWeekly, 1), {4})}));
+  EXPECT_EQ(records(),
+            (LogRecords{says(kExists, 2, refusal("no such column: name", kCountWeekly, 1), {4})}));
   EXPECT_EQ(statements(), Texts());
 }
 
 TEST_F(StorageExists, ANameWithAQuoteCountsAsExisting) {
   EXPECT_TRUE(storage->Exists("o'hare", 0));
   EXPECT_EQ(records(),
-            (LogRecords{exists_says(2,
-                                    "SQL error: near \"hare\": syntax error. Query: select count(*) from "
-                                    "'Config' where name='o'hare' and version=0 (return code: 1)",
-                                    {4})}));
+            (LogRecords{says(kExists, 2,
+                             "SQL error: near \"hare\": syntax error. Query: select count(*) from "
+                             "'Config' where name='o'hare' and version=0 (return code: 1)",
+                             {4})}));
 }
 
 TEST_F(StorageExists, TheNameIsPastedAsItIs) {
@@ -265,7 +267,7 @@ TEST_F(StorageExists, TheNameIsPastedAsItIs) {
 TEST_F(StorageExists, ARefusalIsReportedFromLevel2) {
   rearrange("drop table Config; create table Config (colour text)");
   const auto call = [this] { EXPECT_TRUE(storage->Exists("weekly", kCurrent)); };
-  const LogRecords report{exists_says(2, refusal("no such column: name", kCountWeekly, 1), {4})};
+  const LogRecords report{says(kExists, 2, refusal("no such column: name", kCountWeekly, 1), {4})};
   EXPECT_EQ(logged_at(0, call), LogRecords());
   EXPECT_EQ(logged_at(1, call), LogRecords());
   EXPECT_EQ(logged_at(2, call), report);
@@ -287,7 +289,7 @@ TEST_F(StorageExists, AFailureAfterTheCountLeavesTheCount) {
   answer_count_with(connection, "0");
   sqlite3_trace_v2(connection, SQLITE_TRACE_ROW, interrupt, connection);
   EXPECT_FALSE(storage->Exists("weekly", kCurrent));
-  EXPECT_EQ(records(), (LogRecords{exists_says(2, refusal("interrupted", kCountWeekly, 9), {4})}));
+  EXPECT_EQ(records(), (LogRecords{says(kExists, 2, refusal("interrupted", kCountWeekly, 9), {4})}));
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -301,7 +303,7 @@ TEST_F(StorageDelete, TheRowIsGone) {
   put({"weekly", kCurrent});
   storage->Delete("weekly", kCurrent);
   EXPECT_EQ(statements(), Texts{kDeleteWeekly});
-  EXPECT_EQ(records(), LogRecords{delete_says(4, "config name 'weekly'")});
+  EXPECT_EQ(records(), LogRecords{says(kDelete, 4, "config name 'weekly'")});
   EXPECT_EQ(commands(), Texts());
   EXPECT_EQ(rows(), Rows());
 }
@@ -321,7 +323,7 @@ TEST_F(StorageDelete, AMissingRowIsNoError) {
   put({"daily", kCurrent});
   storage->Delete("weekly", kCurrent);
   EXPECT_EQ(statements(), Texts{kDeleteWeekly});
-  EXPECT_EQ(records(), LogRecords{delete_says(4, "config name 'weekly'")});
+  EXPECT_EQ(records(), LogRecords{says(kDelete, 4, "config name 'weekly'")});
   EXPECT_EQ(rows(), (Rows{{"1", "daily", "17264017408", "1", "1000", "NULL"}}));
 }
 
@@ -351,11 +353,11 @@ TEST_F(StorageDelete, ANameWithAQuoteIsRefused) {
   put({"o''hare", 0});
   storage->Delete("o'hare", 0);
   EXPECT_EQ(records(),
-            (LogRecords{delete_says(4, "config name 'o'hare'"),
-                        delete_says(2,
-                                    "SQL error: near \"hare\": syntax error. Query: delete from 'Config' "
-                                    "where name='o'hare' and version=0 (return code: 1)",
-                                    {4})}));
+            (LogRecords{says(kDelete, 4, "config name 'o'hare'"),
+                        says(kDelete, 2,
+                             "SQL error: near \"hare\": syntax error. Query: delete from 'Config' "
+                             "where name='o'hare' and version=0 (return code: 1)",
+                             {4})}));
   EXPECT_EQ(rows(), (Rows{{"1", "o'hare", "0", "1", "1000", "NULL"}}));
 }
 
@@ -371,8 +373,8 @@ TEST_F(StorageDelete, ARefusalIsReportedFromLevel2) {
   rearrange("create trigger keep before delete on Config begin select raise(abort, 'kept'); end");
   put({"weekly", kCurrent});
   const auto call = [this] { storage->Delete("weekly", kCurrent); };
-  const LogRecord name = delete_says(4, "config name 'weekly'");
-  const LogRecord report = delete_says(2, refusal("kept", kDeleteWeekly, 19), {4});
+  const LogRecord name = says(kDelete, 4, "config name 'weekly'");
+  const LogRecord report = says(kDelete, 2, refusal("kept", kDeleteWeekly, 19), {4});
   EXPECT_EQ(logged_at(0, call), LogRecords());
   EXPECT_EQ(logged_at(1, call), LogRecords());
   EXPECT_EQ(logged_at(2, call), LogRecords{report});
@@ -385,8 +387,8 @@ TEST_F(StorageDelete, AMissingTableIsReported) {
   drop_table();
   storage->Delete("weekly", kCurrent);
   EXPECT_EQ(records(),
-            (LogRecords{delete_says(4, "config name 'weekly'"),
-                        delete_says(2, refusal("no such table: Config", kDeleteWeekly, 1), {4})}));
+            (LogRecords{says(kDelete, 4, "config name 'weekly'"),
+                        says(kDelete, 2, refusal("no such table: Config", kDeleteWeekly, 1), {4})}));
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -398,16 +400,16 @@ const std::string kInsertWeekly =
     "insert into 'Config' (name,keybase,etc,version, save_time, type) values "
     "('weekly',?,?,17264017408,<now>,1)";
 const LogRecord kTryToSave =
-    create_says(2, "Try to save configuration 'weekly' (version 17264017408)", {8});
-const LogRecord kTaken = create_says(
-    2, refusal("UNIQUE constraint failed: Config.name, Config.version", kInsertWeekly, 19), {4});
-const LogRecord kFinalizedTaken = create_says(1, "sqlite3_finalize() return code 19", {4});
+    says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017408)", {8});
+const LogRecord kTaken = says(
+    kCreate, 2, refusal("UNIQUE constraint failed: Config.name, Config.version", kInsertWeekly, 19), {4});
+const LogRecord kFinalizedTaken = says(kCreate, 1, "sqlite3_finalize() return code 19", {4});
 
 TEST_F(StorageCreate, TheConfigurationIsPackedAndStored) {
   create();
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull}));
   EXPECT_EQ(statements(), Texts{kInsertWeekly});
-  EXPECT_EQ(records(), (LogRecords{kTryToSave, create_says(4, "sqlite3_total_changes: 1", {4})}));
+  EXPECT_EQ(records(), (LogRecords{kTryToSave, says(kCreate, 4, "sqlite3_total_changes: 1", {4})}));
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", "17264017408", "1", "<now>", "NULL"}}));
 }
 
@@ -416,13 +418,15 @@ TEST_F(StorageCreate, EachLevelLogsItsShare) {
   const auto call = [&] { storage->Create("weekly", conf_full, kCurrent + number++); };
   EXPECT_EQ(logged_at(0, call), LogRecords());
   EXPECT_EQ(logged_at(1, call), LogRecords());
-  EXPECT_EQ(logged_at(2, call),
-            (LogRecords{create_says(2, "Try to save configuration 'weekly' (version 17264017410)", {8})}));
-  EXPECT_EQ(logged_at(3, call),
-            (LogRecords{create_says(2, "Try to save configuration 'weekly' (version 17264017411)", {8})}));
+  EXPECT_EQ(
+      logged_at(2, call),
+      (LogRecords{says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017410)", {8})}));
+  EXPECT_EQ(
+      logged_at(3, call),
+      (LogRecords{says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017411)", {8})}));
   EXPECT_EQ(logged_at(4, call),
-            (LogRecords{create_says(2, "Try to save configuration 'weekly' (version 17264017412)", {8}),
-                        create_says(4, "sqlite3_total_changes: 5", {4})}));
+            (LogRecords{says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017412)", {8}),
+                        says(kCreate, 4, "sqlite3_total_changes: 5", {4})}));
 }
 
 TEST_F(StorageCreate, TheTypeIsStoredAndDecidesWhatIsPacked) {
@@ -485,7 +489,7 @@ TEST_F(StorageCreate, EmptyArchivesAreStoredAsNull) {
   create();
   EXPECT_EQ(query("select name, typeof(keybase), typeof(etc) from Config"),
             (Rows{{"weekly", "null", "null"}}));
-  EXPECT_EQ(records(), (LogRecords{kTryToSave, create_says(4, "sqlite3_total_changes: 1", {4})}));
+  EXPECT_EQ(records(), (LogRecords{kTryToSave, says(kCreate, 4, "sqlite3_total_changes: 1", {4})}));
 }
 
 TEST_F(StorageCreate, AnotherVersionIsASecondRow) {
@@ -493,11 +497,11 @@ TEST_F(StorageCreate, AnotherVersionIsASecondRow) {
   storage->Create("weekly", conf_part, kCurrent + 1);
   storage->Create("weekly", conf_corlu, 0);
   EXPECT_EQ(records(),
-            (LogRecords{kTryToSave, create_says(4, "sqlite3_total_changes: 1", {4}),
-                        create_says(2, "Try to save configuration 'weekly' (version 17264017409)", {8}),
-                        create_says(4, "sqlite3_total_changes: 2", {4}),
-                        create_says(2, "Try to save configuration 'weekly' (version 0)", {8}),
-                        create_says(4, "sqlite3_total_changes: 3", {4})}));
+            (LogRecords{kTryToSave, says(kCreate, 4, "sqlite3_total_changes: 1", {4}),
+                        says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017409)", {8}),
+                        says(kCreate, 4, "sqlite3_total_changes: 2", {4}),
+                        says(kCreate, 2, "Try to save configuration 'weekly' (version 0)", {8}),
+                        says(kCreate, 4, "sqlite3_total_changes: 3", {4})}));
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", "17264017408", "1", "<now>", "NULL"},
                           {"2", "weekly", "17264017409", "2", "<now>", "NULL"},
                           {"3", "weekly", "0", "3", "<now>", "NULL"}}));
@@ -562,7 +566,7 @@ TEST_F(StorageCreate, EveryConstraintCountsAsATakenName) {
   const auto error = test::thrown_by<XConstraint>([this] { create(); });
   EXPECT_EQ(error.Status(), 0);
   EXPECT_EQ(error.ErrorMessage(), std::string("Configuration 'weekly' (version 4.5.4) already exists"));
-  EXPECT_EQ(records(), (LogRecords{kTryToSave, create_says(2, refusal("no room", kInsertWeekly, 19), {4}),
+  EXPECT_EQ(records(), (LogRecords{kTryToSave, says(kCreate, 2, refusal("no room", kInsertWeekly, 19), {4}),
                                    kFinalizedTaken}));
   EXPECT_EQ(rows(), Rows());
 }
@@ -573,11 +577,11 @@ TEST_F(StorageCreate, AnotherRefusalIsOnlyLogged) {
   ConfSave::sql::guard(connection);
   forget();
   const LogRecord report =
-      create_says(2, refusal("attempt to write a readonly database", kInsertWeekly, 8), {4});
-  const LogRecord finalized = create_says(1, "sqlite3_finalize() return code 8", {4});
+      says(kCreate, 2, refusal("attempt to write a readonly database", kInsertWeekly, 8), {4});
+  const LogRecord finalized = says(kCreate, 1, "sqlite3_finalize() return code 8", {4});
   const auto call = [this] { create(); };
   EXPECT_EQ(logged_at(4, call),
-            (LogRecords{kTryToSave, report, finalized, create_says(4, "sqlite3_total_changes: 0", {4})}));
+            (LogRecords{kTryToSave, report, finalized, says(kCreate, 4, "sqlite3_total_changes: 0", {4})}));
   EXPECT_EQ(logged_at(2, call), (LogRecords{kTryToSave, report, finalized}));
   EXPECT_EQ(logged_at(1, call), LogRecords{finalized});
   EXPECT_EQ(logged_at(0, call), LogRecords());
@@ -586,8 +590,8 @@ TEST_F(StorageCreate, AnotherRefusalIsOnlyLogged) {
 
 TEST_F(StorageCreate, AMissingTableStoresNothing) {
   drop_table();
-  const LogRecord report = create_says(2, refusal("no such table: Config", kInsertWeekly, 1), {4});
-  const LogRecord none = create_says(1, "Error: sqlite3_stmt *plineInfo == NULL");
+  const LogRecord report = says(kCreate, 2, refusal("no such table: Config", kInsertWeekly, 1), {4});
+  const LogRecord none = says(kCreate, 1, "Error: sqlite3_stmt *plineInfo == NULL");
   const auto call = [this] { create(); };
   EXPECT_EQ(logged_at(4, call), (LogRecords{kTryToSave, report, none}));
   EXPECT_EQ(logged_at(2, call), (LogRecords{kTryToSave, report, none}));
@@ -600,20 +604,21 @@ TEST_F(StorageCreate, ATableThatGoesWhileItIsPackedIsMissedByTheStep) {
   test::Database(database()).run("drop table Config");
   forget();
   create();
-  EXPECT_EQ(records(),
-            (LogRecords{kTryToSave, create_says(2, refusal("no such table: Config", kInsertWeekly, 1), {4}),
-                        create_says(1, "sqlite3_finalize() return code 1", {4}),
-                        create_says(4, "sqlite3_total_changes: 0", {4})}));
+  EXPECT_EQ(
+      records(),
+      (LogRecords{kTryToSave, says(kCreate, 2, refusal("no such table: Config", kInsertWeekly, 1), {4}),
+                  says(kCreate, 1, "sqlite3_finalize() return code 1", {4}),
+                  says(kCreate, 4, "sqlite3_total_changes: 0", {4})}));
 }
 
 TEST_F(StorageCreate, ATableOfAnotherShapeStoresNothing) {
   rearrange("drop table Config; create table Config (name text, version integer)");
   create();
   EXPECT_EQ(records(),
-            (LogRecords{
-                kTryToSave,
-                create_says(2, refusal("table Config has no column named keybase", kInsertWeekly, 1), {4}),
-                create_says(1, "Error: sqlite3_stmt *plineInfo == NULL")}));
+            (LogRecords{kTryToSave,
+                        says(kCreate, 2,
+                             refusal("table Config has no column named keybase", kInsertWeekly, 1), {4}),
+                        says(kCreate, 1, "Error: sqlite3_stmt *plineInfo == NULL")}));
   EXPECT_EQ(query("select * from Config"), Rows());
 }
 
@@ -622,13 +627,13 @@ TEST_F(StorageCreate, ANameWithAQuoteStoresNothing) {
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull}));
   EXPECT_EQ(statements(), Texts());
   EXPECT_EQ(records(),
-            (LogRecords{create_says(2, "Try to save configuration 'o'hare' (version 0)", {8}),
-                        create_says(2,
-                                    "SQL error: near \"hare\": syntax error. Query: insert into 'Config' "
-                                    "(name,keybase,etc,version, save_time, type) values "
-                                    "('o'hare',?,?,0,<now>,1) (return code: 1)",
-                                    {4}),
-                        create_says(1, "Error: sqlite3_stmt *plineInfo == NULL")}));
+            (LogRecords{says(kCreate, 2, "Try to save configuration 'o'hare' (version 0)", {8}),
+                        says(kCreate, 2,
+                             "SQL error: near \"hare\": syntax error. Query: insert into 'Config' "
+                             "(name,keybase,etc,version, save_time, type) values "
+                             "('o'hare',?,?,0,<now>,1) (return code: 1)",
+                             {4}),
+                        says(kCreate, 1, "Error: sqlite3_stmt *plineInfo == NULL")}));
   EXPECT_EQ(rows(), Rows());
 }
 
@@ -641,8 +646,8 @@ TEST_F(StorageCreate, ANameThatLeavesNoParameterDecidesTheRow) {
   storage->Create("a',null,null,1,2,3)--", conf_full, 0);
   EXPECT_EQ(
       records(),
-      (LogRecords{create_says(2, "Try to save configuration 'a',null,null,1,2,3)--' (version 0)", {8}),
-                  create_says(4, "sqlite3_total_changes: 1", {4})}));
+      (LogRecords{says(kCreate, 2, "Try to save configuration 'a',null,null,1,2,3)--' (version 0)", {8}),
+                  says(kCreate, 4, "sqlite3_total_changes: 1", {4})}));
   EXPECT_EQ(query("select name, keybase, etc, version, save_time, type from Config"),
             (Rows{{"a", "NULL", "NULL", "1", "2", "3"}}));
 }
@@ -654,8 +659,8 @@ TEST_F(StorageCreate, AnOversizedKeybaseStoresNothing) {
   EXPECT_EQ(statements(), Texts());
   EXPECT_EQ(
       records(),
-      (LogRecords{kTryToSave, create_says(2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
-                  create_says(4, "sqlite3_total_changes: 0", {4})}));
+      (LogRecords{kTryToSave, says(kCreate, 2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
+                  says(kCreate, 4, "sqlite3_total_changes: 0", {4})}));
   EXPECT_EQ(rows(), Rows());
 }
 
@@ -666,8 +671,8 @@ TEST_F(StorageCreate, AnOversizedEtcStoresNothing) {
   EXPECT_EQ(statements(), Texts());
   EXPECT_EQ(
       records(),
-      (LogRecords{kTryToSave, create_says(2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
-                  create_says(4, "sqlite3_total_changes: 0", {4})}));
+      (LogRecords{kTryToSave, says(kCreate, 2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
+                  says(kCreate, 4, "sqlite3_total_changes: 0", {4})}));
   EXPECT_EQ(rows(), Rows());
 }
 
@@ -679,9 +684,9 @@ TEST_F(StorageCreate, ARowThatIsTooLargeAsAWholeStoresNothing) {
   EXPECT_EQ(statements(), Texts{kInsertWeekly});
   EXPECT_EQ(
       records(),
-      (LogRecords{kTryToSave, create_says(2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
-                  create_says(1, "sqlite3_finalize() return code 18", {4}),
-                  create_says(4, "sqlite3_total_changes: 0", {4})}));
+      (LogRecords{kTryToSave, says(kCreate, 2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
+                  says(kCreate, 1, "sqlite3_finalize() return code 18", {4}),
+                  says(kCreate, 4, "sqlite3_total_changes: 0", {4})}));
   EXPECT_EQ(rows(), Rows());
 }
 
@@ -748,12 +753,12 @@ TEST_F(StorageCreate, ArchivesThatCannotBeFetchedAreAnnouncedAndNotStored) {
 TEST_F(StorageCreate, WhatTheHostThrowsWhilePackingPassesThrough) {
   host.on_command = [this](const std::string& command) -> std::optional<int> {
     if (command.compare(0, 17, "cd /mnt/main/etc/") == 0) return std::nullopt;
-    EXPECT_EQ(scratch_files().size(), 2U);
+    EXPECT_EQ(temp_files().size(), 2U);
     throw std::runtime_error("the host has enough");
   };
   const auto error = test::thrown_by<std::runtime_error>([this] { create(); });
   EXPECT_EQ(error.what(), std::string("the host has enough"));
-  EXPECT_EQ(scratch_files(), Texts());
+  EXPECT_EQ(temp_files(), Texts());
   EXPECT_EQ(records(), LogRecords());
   EXPECT_EQ(statements(), Texts());
   EXPECT_EQ(rows(), Rows());
@@ -780,7 +785,7 @@ TEST_F(StorageCreate, TheArchivesLiveUntilTheRowIsWritten) {
       &files);
   create();
   EXPECT_EQ(files, 2U);
-  EXPECT_EQ(scratch_files(), Texts());
+  EXPECT_EQ(temp_files(), Texts());
 }
 
 TEST_F(StorageCreate, DigitGroupsOfTheLocaleStayOutOfTheStatement) {
@@ -808,13 +813,13 @@ TEST_F(StorageCreate, InATransactionTheRowTakesEffectAtTheCommit) {
 using StorageUpdate = OpenedStorage;
 
 const LogRecord kTryToUpdate =
-    update_says(2, "Try to update configuration 'weekly' (version 17264017408)", {8});
+    says(kUpdate, 2, "Try to update configuration 'weekly' (version 17264017408)", {8});
 
 TEST_F(StorageUpdate, WhatIsNotThereIsInserted) {
   update();
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull}));
   EXPECT_EQ(statements(), (Texts{kDeleteWeekly, kInsertWeekly}));
-  EXPECT_EQ(records(), (LogRecords{kTryToUpdate, update_says(4, "sqlite3_total_changes: 1", {4})}));
+  EXPECT_EQ(records(), (LogRecords{kTryToUpdate, says(kUpdate, 4, "sqlite3_total_changes: 1", {4})}));
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", "17264017408", "1", "<now>", "NULL"}}));
 }
 
@@ -827,7 +832,7 @@ TEST_F(StorageUpdate, TheOldRowIsReplaced) {
   EXPECT_EQ(statements(), (Texts{kDeleteWeekly,
                                  "insert into 'Config' (name,keybase,etc,version, save_time, type) values "
                                  "('weekly',?,?,17264017408,<now>,2)"}));
-  EXPECT_EQ(records(), (LogRecords{kTryToUpdate, update_says(4, "sqlite3_total_changes: 2", {4})}));
+  EXPECT_EQ(records(), (LogRecords{kTryToUpdate, says(kUpdate, 4, "sqlite3_total_changes: 2", {4})}));
   EXPECT_EQ(rows(), (Rows{{"2", "weekly", "0", "1", "1000", "2000"},
                           {"3", "daily", "17264017408", "1", "1000", "2000"},
                           {"4", "weekly", "17264017408", "2", "<now>", "NULL"}}));
@@ -853,7 +858,7 @@ TEST_F(StorageUpdate, EachLevelLogsItsShare) {
   EXPECT_EQ(logged_at(2, call), LogRecords{kTryToUpdate});
   EXPECT_EQ(logged_at(3, call), LogRecords{kTryToUpdate});
   EXPECT_EQ(logged_at(4, call),
-            (LogRecords{kTryToUpdate, update_says(4, "sqlite3_total_changes: 9", {4})}));
+            (LogRecords{kTryToUpdate, says(kUpdate, 4, "sqlite3_total_changes: 9", {4})}));
 }
 
 TEST_F(StorageUpdate, TheBlobsAreWhatTarWrote) {
@@ -888,10 +893,10 @@ TEST_F(StorageUpdate, AnInsertThatAConstraintRefusesIsOnlyReported) {
   put({"daily", kCurrent, 1});
   put({"weekly", kCurrent, 2});
   const LogRecord report =
-      update_says(2, refusal("UNIQUE constraint failed: Config.type", kInsertWeekly, 19), {4});
+      says(kUpdate, 2, refusal("UNIQUE constraint failed: Config.type", kInsertWeekly, 19), {4});
   const auto call = [this] { update(); };
   EXPECT_EQ(logged_at(4, call),
-            (LogRecords{kTryToUpdate, report, update_says(4, "sqlite3_total_changes: 1", {4})}));
+            (LogRecords{kTryToUpdate, report, says(kUpdate, 4, "sqlite3_total_changes: 1", {4})}));
   EXPECT_EQ(statements(), (Texts{kDeleteWeekly, kInsertWeekly}));
   EXPECT_EQ(rows(), (Rows{{"1", "daily", "17264017408", "1", "1000", "NULL"}}));
   EXPECT_EQ(logged_at(2, call), (LogRecords{kTryToUpdate, report}));
@@ -902,11 +907,11 @@ TEST_F(StorageUpdate, ADeleteThatIsRefusedIsReportedAndTheInsertIsTried) {
   rearrange("create trigger keep before delete on Config begin select raise(abort, 'kept'); end");
   put({"weekly", kCurrent});
   const auto call = [this] { update(); };
-  const LogRecord kept = update_says(2, refusal("kept", kDeleteWeekly, 19), {4});
-  const LogRecord taken = update_says(
-      2, refusal("UNIQUE constraint failed: Config.name, Config.version", kInsertWeekly, 19), {4});
+  const LogRecord kept = says(kUpdate, 2, refusal("kept", kDeleteWeekly, 19), {4});
+  const LogRecord taken = says(
+      kUpdate, 2, refusal("UNIQUE constraint failed: Config.name, Config.version", kInsertWeekly, 19), {4});
   EXPECT_EQ(logged_at(4, call),
-            (LogRecords{kTryToUpdate, kept, taken, update_says(4, "sqlite3_total_changes: 0", {4})}));
+            (LogRecords{kTryToUpdate, kept, taken, says(kUpdate, 4, "sqlite3_total_changes: 0", {4})}));
   EXPECT_EQ(logged_at(1, call), LogRecords());
   EXPECT_EQ(logged_at(0, call), LogRecords());
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", "17264017408", "1", "1000", "NULL"}}));
@@ -917,17 +922,17 @@ TEST_F(StorageUpdate, ADeleteThatIsRefusedDoesNotKeepTheInsertFromSucceeding) {
             "; create trigger keep before delete on Config begin select raise(abort, 'kept'); end");
   put({"weekly", kCurrent});
   update();
-  EXPECT_EQ(records(), (LogRecords{kTryToUpdate, update_says(2, refusal("kept", kDeleteWeekly, 19), {4}),
-                                   update_says(4, "sqlite3_total_changes: 1", {4})}));
+  EXPECT_EQ(records(), (LogRecords{kTryToUpdate, says(kUpdate, 2, refusal("kept", kDeleteWeekly, 19), {4}),
+                                   says(kUpdate, 4, "sqlite3_total_changes: 1", {4})}));
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", "17264017408", "1", "1000", "NULL"},
                           {"2", "weekly", "17264017408", "1", "<now>", "NULL"}}));
 }
 
 TEST_F(StorageUpdate, AMissingTableIsReportedForBothStatements) {
   drop_table();
-  const LogRecord no_delete = update_says(2, refusal("no such table: Config", kDeleteWeekly, 1), {4});
-  const LogRecord no_insert = update_says(2, refusal("no such table: Config", kInsertWeekly, 1), {4});
-  const LogRecord none = update_says(1, "Error: sqlite3_stmt *plineInfo == NULL");
+  const LogRecord no_delete = says(kUpdate, 2, refusal("no such table: Config", kDeleteWeekly, 1), {4});
+  const LogRecord no_insert = says(kUpdate, 2, refusal("no such table: Config", kInsertWeekly, 1), {4});
+  const LogRecord none = says(kUpdate, 1, "Error: sqlite3_stmt *plineInfo == NULL");
   const auto call = [this] { update(); };
   EXPECT_EQ(logged_at(4, call), (LogRecords{kTryToUpdate, no_delete, no_insert, none}));
   EXPECT_EQ(logged_at(2, call), (LogRecords{kTryToUpdate, no_delete, no_insert, none}));
@@ -941,10 +946,10 @@ TEST_F(StorageUpdate, ATableOfAnotherShapeLosesTheRowAndGetsNone) {
       "insert into Config values ('weekly', 17264017408), ('daily', 0)");
   update();
   EXPECT_EQ(records(),
-            (LogRecords{
-                kTryToUpdate,
-                update_says(2, refusal("table Config has no column named keybase", kInsertWeekly, 1), {4}),
-                update_says(1, "Error: sqlite3_stmt *plineInfo == NULL")}));
+            (LogRecords{kTryToUpdate,
+                        says(kUpdate, 2,
+                             refusal("table Config has no column named keybase", kInsertWeekly, 1), {4}),
+                        says(kUpdate, 1, "Error: sqlite3_stmt *plineInfo == NULL")}));
   EXPECT_EQ(query("select * from Config"), (Rows{{"daily", "0"}}));
 }
 
@@ -953,17 +958,17 @@ TEST_F(StorageUpdate, ANameWithAQuoteChangesNothing) {
   storage->Update("o'hare", conf_full, 0);
   EXPECT_EQ(statements(), Texts());
   EXPECT_EQ(records(),
-            (LogRecords{update_says(2, "Try to update configuration 'o'hare' (version 0)", {8}),
-                        update_says(2,
-                                    "SQL error: near \"hare\": syntax error. Query: delete from 'Config' "
-                                    "where name='o'hare' and version=0 (return code: 1)",
-                                    {4}),
-                        update_says(2,
-                                    "SQL error: near \"hare\": syntax error. Query: insert into 'Config' "
-                                    "(name,keybase,etc,version, save_time, type) values "
-                                    "('o'hare',?,?,0,<now>,1) (return code: 1)",
-                                    {4}),
-                        update_says(1, "Error: sqlite3_stmt *plineInfo == NULL")}));
+            (LogRecords{says(kUpdate, 2, "Try to update configuration 'o'hare' (version 0)", {8}),
+                        says(kUpdate, 2,
+                             "SQL error: near \"hare\": syntax error. Query: delete from 'Config' "
+                             "where name='o'hare' and version=0 (return code: 1)",
+                             {4}),
+                        says(kUpdate, 2,
+                             "SQL error: near \"hare\": syntax error. Query: insert into 'Config' "
+                             "(name,keybase,etc,version, save_time, type) values "
+                             "('o'hare',?,?,0,<now>,1) (return code: 1)",
+                             {4}),
+                        says(kUpdate, 1, "Error: sqlite3_stmt *plineInfo == NULL")}));
   EXPECT_EQ(rows(), (Rows{{"1", "o'hare", "0", "1", "1000", "NULL"}}));
 }
 
@@ -975,8 +980,8 @@ TEST_F(StorageUpdate, AnOversizedArchiveStoresNothing) {
   EXPECT_EQ(statements(), Texts{kDeleteWeekly});
   EXPECT_EQ(
       records(),
-      (LogRecords{kTryToUpdate, update_says(2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
-                  update_says(4, "sqlite3_total_changes: 1", {4})}));
+      (LogRecords{kTryToUpdate, says(kUpdate, 2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
+                  says(kUpdate, 4, "sqlite3_total_changes: 1", {4})}));
   EXPECT_EQ(rows(), Rows());
 }
 
@@ -1009,7 +1014,7 @@ TEST_F(StorageUpdate, WhatTheHostThrowsWhilePackingPassesThrough) {
   };
   const auto error = test::thrown_by<std::runtime_error>([this] { update(); });
   EXPECT_EQ(error.what(), std::string("the host has enough"));
-  EXPECT_EQ(scratch_files(), Texts());
+  EXPECT_EQ(temp_files(), Texts());
   EXPECT_EQ(statements(), Texts());
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", "17264017408", "1", "1000", "NULL"}}));
 }

@@ -5,7 +5,7 @@
 namespace test {
 
 struct Console::State {
-  /// Holds back what is written until it is flushed.
+  /// Holds output back until it is flushed.
   class Output : public std::streambuf {
    public:
     explicit Output(State& state) : state_(state) {}
@@ -30,7 +30,7 @@ struct Console::State {
     std::string pending_;
   };
 
-  /// Standard error is never held back.
+  /// Standard error is unbuffered.
   class Errors : public std::streambuf {
    public:
     explicit Errors(State& state) : state_(state) {}
@@ -46,7 +46,7 @@ struct Console::State {
     std::streamsize xsputn(const char* text, std::streamsize length) override {
       const std::string piece(text, static_cast<std::size_t>(length));
       state_.err += piece;
-      // What is written in pieces reads as one.
+      // Consecutive pieces share one pair of marks.
       static const std::string kClose = "»";
       std::string& shown = state_.transcript;
       if (shown.size() >= kClose.size() &&
@@ -63,7 +63,7 @@ struct Console::State {
     State& state_;
   };
 
-  /// Gives out one line at a time, as a terminal does.
+  /// Delivers one line at a time, as a terminal does.
   class Input : public std::streambuf {
    public:
     explicit Input(State& state) : state_(state) {}
@@ -123,5 +123,19 @@ std::string Console::out() { return state_->out; }
 std::string Console::err() { return state_->err; }
 
 std::string Console::unread() const { return state_->input; }
+
+WatchedInput::int_type WatchedInput::underflow() {
+  if (ended_) return traits_type::eof();
+  look_();
+  line_.clear();
+  while (!ended_ && (line_.empty() || line_.back() != '\n')) {
+    const int_type letter = below_->sbumpc();
+    ended_ = traits_type::eq_int_type(letter, traits_type::eof());
+    if (!ended_) line_ += traits_type::to_char_type(letter);
+  }
+  if (line_.empty()) return traits_type::eof();
+  setg(line_.data(), line_.data(), line_.data() + line_.size());
+  return traits_type::to_int_type(line_.front());
+}
 
 }  // namespace test

@@ -1,6 +1,6 @@
 #pragma once
 
-// The console of a test: what is typed is fixed beforehand, what is shown is noted as one transcript.
+// The console of a test: the input is fixed beforehand, the output is recorded as one transcript.
 
 #include <functional>
 #include <iostream>
@@ -14,26 +14,25 @@ namespace test {
 
 /// Replaces std::cin, std::cout and std::cerr while it lives.
 ///
-/// The transcript is what a person would have seen and typed, in order. Output is in it as it is,
-/// errors in «», each answer in ‹› at the place where it was waited for, the end of input as ‹EOF›.
-/// Standard output is in it only from the moment it was flushed, so a prompt that was not flushed before
-/// the answer was read stands behind the answer.
+/// The transcript shows what a person would have seen and typed, in order: standard output as it is,
+/// standard error in «», each answer in ‹› where the library read it, the end of input as ‹EOF›. Standard
+/// output appears when it is flushed, so a prompt that was not flushed in time follows its answer.
 class Console {
  public:
-  /// `input` is what is typed: lines, each with its line feed, then the end of input.
+  /// `input` holds the lines that a person types, each with its line feed; then the input ends.
   explicit Console(std::string input = "");
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
   ~Console();
 
-  /// All so far, what is not flushed included.
+  /// Everything so far, unflushed output included.
   std::string transcript();
 
-  /// What went to standard output, flushed or not, and to standard error.
+  /// The texts written to standard output, flushed or not, and to standard error.
   std::string out();
   std::string err();
 
-  /// What was typed and not read.
+  /// The input that was not read.
   std::string unread() const;
 
  private:
@@ -41,17 +40,35 @@ class Console {
   std::unique_ptr<State> state_;
 };
 
-/// While it lives, calls `look` whenever `text` is written to the stream in one piece, before it gets
-/// there.
-class WhenSaid : public std::streambuf {
+/// While it lives, calls `look` each time the library is about to read a line of standard input.
+class WatchedInput : public std::streambuf {
  public:
-  WhenSaid(std::ostream& stream, std::string text, std::function<void()> look)
-      : stream_(stream), text_(std::move(text)), look_(std::move(look)), below_(stream.rdbuf(this)) {}
-  WhenSaid(const WhenSaid&) = delete;
-  WhenSaid& operator=(const WhenSaid&) = delete;
-  ~WhenSaid() override { stream_.rdbuf(below_); }
+  explicit WatchedInput(std::function<void()> look)
+      : look_(std::move(look)), below_(std::cin.rdbuf(this)) {}
+  WatchedInput(const WatchedInput&) = delete;
+  WatchedInput& operator=(const WatchedInput&) = delete;
+  ~WatchedInput() override { std::cin.rdbuf(below_); }
 
-  /// How often the stream was flushed.
+ protected:
+  int_type underflow() override;
+
+ private:
+  std::function<void()> look_;
+  std::streambuf* below_;
+  std::string line_;
+  bool ended_ = false;
+};
+
+/// While it lives, calls `look` each time `text` is written to the stream in one piece, just before.
+class WatchedOutput : public std::streambuf {
+ public:
+  WatchedOutput(std::ostream& stream, std::string text, std::function<void()> look)
+      : stream_(stream), text_(std::move(text)), look_(std::move(look)), below_(stream.rdbuf(this)) {}
+  WatchedOutput(const WatchedOutput&) = delete;
+  WatchedOutput& operator=(const WatchedOutput&) = delete;
+  ~WatchedOutput() override { stream_.rdbuf(below_); }
+
+  /// The number of times the stream was flushed.
   int flushes() const { return flushes_; }
 
  protected:

@@ -1,10 +1,11 @@
 #pragma once
 
-// What the library runs and logs, written out, for the tests of more than one source.
+// Statements, commands and log records of the library, written out, for the tests of more than one source.
 
 #include <string>
 #include <vector>
 
+#include "confsave.h"
 #include "support/test_host.h"
 
 namespace test {
@@ -13,7 +14,11 @@ using Texts = std::vector<std::string>;
 using Rows = std::vector<Texts>;
 using Widths = std::vector<unsigned>;
 
-/// Before the table, and only in a file that is new.
+/// 4.5.4 as a number, written out so that the tests do not depend on the library's constant.
+constexpr ConfSave::int64 kCurrent = 17264017408;
+inline const std::string kCurrentText = "17264017408";
+
+/// Runs before the table is made, and only in a new file.
 inline const std::string kChooseLayout = "pragma auto_vacuum=incremental";
 
 inline const std::string kCreateTable =
@@ -21,11 +26,11 @@ inline const std::string kCreateTable =
     "integer not null, keybase blob, etc blob, type integer, save_time timestamp, load_time timestamp, "
     "unique (name, version) )";
 
-/// Every configuration but the packet filter's.
+/// Every configuration except the packet filter's.
 inline const std::string kSelectAll =
     "select name, version, type, save_time, load_time from 'Config' where name!='corlu-config'";
 
-// Command lines, with "<archive>" for a temporary file and "<root>" for the test's own directory.
+// Command lines, with "<archive>" for a temporary file and "<root>" for the gateway's directory.
 
 inline const std::string kPackEtc =
     "cd /mnt/main/etc/ && tar czf <archive> --ignore-failed-read  failover.ini failover.ini.crg "
@@ -47,64 +52,50 @@ inline const std::string kPackCorlu =
     "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx "
     "user/upgrade.conf user/corlucfg-config.crg 2>/dev/null";
 
-// Log records, one function for each function of the library that writes some.
+// Log records.
 
-inline LogRecord storage_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level, "ConfSave::Storage::Storage()", "Storage", "source/storage", text, widths};
+/// A function of the library that writes log records.
+struct Function {
+  std::string signature;
+  std::string name;
+  std::string source;
+};
+
+inline const Function kStorage{"ConfSave::Storage::Storage()", "Storage", "source/storage"};
+inline const Function kExists{"bool ConfSave::Storage::Exists(const string&, int64)", "Exists",
+                              "source/storage"};
+inline const Function kDelete{"void ConfSave::Storage::Delete(const string&, int64)", "Delete",
+                              "source/storage"};
+inline const Function kCreate{"void ConfSave::Storage::Create(const string&, ConfSave::conftype, int64)",
+                              "Create", "source/storage"};
+inline const Function kUpdate{"void ConfSave::Storage::Update(const string&, ConfSave::conftype, int64)",
+                              "Update", "source/storage"};
+inline const Function kLoad{"void ConfSave::Storage::Load(const string&, const char*, int64, bool)", "Load",
+                            "source/storage"};
+inline const Function kList{"Configs ConfSave::Storage::List(int64, const string&, bool)", "List",
+                            "source/storage"};
+inline const Function kFindMatching{"Configs ConfSave::Storage::FindMatching(const string&, int64, bool)",
+                                    "FindMatching", "source/storage"};
+inline const Function kCheckColumnType{
+    "void ConfSave::checkColumnType(const string&, int64, sqlite3_stmt*, const char*, int, int, bool)",
+    "checkColumnType", "source/storage"};
+inline const Function kPack{"void ConfSave::pack(const string&, const string&, const string&)", "pack",
+                            "source/archive"};
+inline const Function kUnpack{"void ConfSave::unpack(const string&, const string&)", "unpack",
+                              "source/archive"};
+
+/// The record that `function` writes.
+inline LogRecord says(const Function& function, int level, const std::string& text,
+                      const Widths& widths = {}) {
+  return {level, function.signature, function.name, function.source, text, widths};
 }
 
-inline LogRecord exists_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level, "bool ConfSave::Storage::Exists(const string&, int64)", "Exists", "source/storage", text,
-          widths};
-}
-
-inline LogRecord delete_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level, "void ConfSave::Storage::Delete(const string&, int64)", "Delete", "source/storage", text,
-          widths};
-}
-
-inline LogRecord create_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,    "void ConfSave::Storage::Create(const string&, ConfSave::conftype, int64)",
-          "Create", "source/storage",
-          text,     widths};
-}
-
-inline LogRecord update_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,    "void ConfSave::Storage::Update(const string&, ConfSave::conftype, int64)",
-          "Update", "source/storage",
-          text,     widths};
-}
-
-inline LogRecord load_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,  "void ConfSave::Storage::Load(const string&, const char*, int64, bool)",
-          "Load", "source/storage",
-          text,   widths};
-}
-
-inline LogRecord list_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,  "Configs ConfSave::Storage::List(int64, const string&, bool)",
-          "List", "source/storage",
-          text,   widths};
-}
-
-inline LogRecord find_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,          "Configs ConfSave::Storage::FindMatching(const string&, int64, bool)",
-          "FindMatching", "source/storage",
-          text,           widths};
-}
-
-inline LogRecord pack_says(int level, const std::string& text, const Widths& widths = {}) {
-  return {level,  "void ConfSave::pack(const string&, const string&, const string&)",
-          "pack", "source/archive",
-          text,   widths};
-}
-
-inline const LogRecord kTryTables = storage_says(4, "Try create storage tables");
-inline const LogRecord kTablesMade = storage_says(4, "storage tables successfully created");
+inline const LogRecord kTryTables = says(kStorage, 4, "Try create storage tables");
+inline const LogRecord kTablesMade = says(kStorage, 4, "storage tables successfully created");
 inline const LogRecord kCannotOpen =
-    storage_says(1, "Can't open database: unable to open database file (return code: 14)\n", {4});
+    says(kStorage, 1, "Can't open database: unable to open database file (return code: 14)\n", {4});
 
-/// The report of a refused statement.
+/// The text that reports a refused statement.
 inline std::string refusal(const std::string& error, const std::string& statement, int code) {
   return "SQL error: " + error + ". Query: " + statement + " (return code: " + std::to_string(code) + ")";
 }

@@ -1,29 +1,22 @@
 #include "support/gateway.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
-
-#include "kelmor/system.h"
+#include <utility>
 
 namespace fs = std::filesystem;
 
 namespace test {
 namespace {
 
-/// The gateway's own files. Content tells the path, so that no two are alike.
+/// The gateway's own files. Each file contains its path, so that no two are alike.
 const char* const kConfigFiles[] = {
     "user/gateway.conf",
     "user/gateway.key",
@@ -58,7 +51,7 @@ const char* const kConfigFiles[] = {
 };
 const char* const kEtcFiles[] = {"failover.ini", "failover.ini.crg", "failoverd-config.crg"};
 
-/// A sandbox is what keeps the machine's own failover directory out of the tests' reach.
+/// Outside a sandbox the tests would overwrite the machine's own failover directory.
 void require_sandbox() {
   if (std::getenv("CONFSAVE_SANDBOX") != nullptr) return;
   std::fprintf(stderr, "These tests fill /mnt/main/etc. Run them by ctest, or by script/lib/sandbox.\n");
@@ -74,38 +67,6 @@ void empty_directory(const std::string& dir) {
   for (const auto& entry : fs::directory_iterator(dir)) fs::remove_all(entry.path());
 }
 
-std::vector<std::string> recorded;
-sqlite3* last_connection = nullptr;
-
-int note_statement(unsigned, void*, void*, void* text) {
-  recorded.emplace_back(static_cast<const char*>(text));
-  return 0;
-}
-
-int watch_connection(sqlite3* db, const char**, const sqlite3_api_routines*) {
-  last_connection = db;
-  return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, note_statement, nullptr);
-}
-
-using Extension = void (*)();
-const auto kExtension = reinterpret_cast<Extension>(watch_connection);
-
-/// Runs the lock-holding program; its standard output becomes `out` when that is not -1.
-int spawn_locker(const std::string& database, int milliseconds, int out) {
-  std::string program = CONFSAVE_LOCKER;
-  std::string file = database;
-  std::string time = std::to_string(milliseconds);
-  char* const arguments[] = {program.data(), file.data(), time.data(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (out != -1) posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-  pid_t pid = -1;
-  const int error = posix_spawn(&pid, program.c_str(), &actions, nullptr, arguments, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (error != 0) throw std::runtime_error("cannot start " + program);
-  return pid;
-}
-
 }  // namespace
 
 Gateway::Gateway() {
@@ -114,20 +75,20 @@ Gateway::Gateway() {
   char name[] = "/tmp/confsave-test-XXXXXX";
   if (mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp");
   root_ = name;
-  for (const std::string& dir : {config_dir() + "user", state_dir(), scratch_dir()}) {
+  for (const std::string& dir : {config_dir() + "user", state_dir(), temp_dir()}) {
     fs::create_directories(dir);
   }
   empty_directory(etc_dir());
   setenv("KELMOR_CONFIG_PATH", config_dir().c_str(), 1);
   setenv("KELMOR_DYNAMIC_DIR", state_dir().c_str(), 1);
-  setenv("KELMOR_TEMP_DIR", scratch_dir().c_str(), 1);
+  setenv("KELMOR_TEMP_DIR", temp_dir().c_str(), 1);
   setenv("TZ", "UTC", 1);
   tzset();
 }
 
 Gateway::~Gateway() {
   host.reset();
-  for (const std::string& dir : {scratch_dir(), config_dir(), etc_dir()}) {
+  for (const std::string& dir : {temp_dir(), config_dir(), etc_dir()}) {
     if (!exists(dir)) continue;
     for (const std::string& name : names_in(dir)) {
       // mkstemp and mkdtemp names: six letters and digits, and no file of a gateway looks like that.
@@ -154,16 +115,44 @@ void Gateway::make_configuration() {
   for (const char* name : kEtcFiles) make(etc_dir(), name);
 }
 
-Texts Gateway::scratch_files() const { return names_in(scratch_dir()); }
+Texts Gateway::temp_files() const { return names_in(temp_dir()); }
 
 Texts Gateway::open_files() const {
   Texts found;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    const std::string file = fs::read_symlink(entry.path(), gone).string();
-    if (file.compare(0, root_.size(), root_) == 0) found.push_back(file);
-  }
+  for (const auto& [file, descriptor] : open_below(root_)) found.push_back(file);
   return found;
+}
+
+void Gateway::make_storage_unopenable() const {
+  setenv("KELMOR_DYNAMIC_DIR", (root_ + "/missing").c_str(), 1);
+}
+
+void Gateway::damage_database() {
+  write_file(database(), std::string(4096, 'x'));
+  damaged_ = true;
+}
+
+void Gateway::put(const RowSpec& row) const {
+  if (!exists(database())) make_table();
+  insert_row(database(), row);
+}
+
+void Gateway::keep_all_rows() const {
+  Database(database())
+      .run("create trigger keep before delete on Config begin select raise(abort, 'kept'); end");
+}
+
+void Gateway::fail_in_log(const std::string& function, Raise raise) {
+  host.on_record = [function, raise = std::move(raise)](const std::string& name) mutable {
+    if (name == function && raise) std::exchange(raise, nullptr)();
+  };
+}
+
+void Gateway::expect_nothing_held() const {
+  EXPECT_EQ(temp_files(), Texts());
+  if (damaged_ || !exists(database())) return;
+  EXPECT_TRUE(lock_is_free(database()));
+  EXPECT_EQ(query("pragma integrity_check"), Rows{{"ok"}});
 }
 
 LogRecords Gateway::records() const {
@@ -175,7 +164,7 @@ LogRecords Gateway::records() const {
 Texts Gateway::commands() const {
   Texts texts;
   for (std::string text : host.commands) {
-    text = std::regex_replace(text, std::regex(scratch_dir() + "/[A-Za-z0-9]{6}"), "<archive>");
+    text = std::regex_replace(text, std::regex(temp_dir() + "/[A-Za-z0-9]{6}"), "<archive>");
     text = std::regex_replace(text, std::regex("//[A-Za-z0-9]{6}"), "//<scratch>");
     texts.push_back(std::regex_replace(text, std::regex(root_), "<root>"));
   }
@@ -202,145 +191,6 @@ std::string Gateway::without_now(std::string text) const {
 Texts Gateway::without_now(Texts texts) const {
   for (std::string& text : texts) text = without_now(text);
   return texts;
-}
-
-void write_file(const std::string& path, const std::string& content) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << content;
-  file.close();
-  if (!file) throw std::runtime_error("cannot write " + path);
-}
-
-std::string read_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream content;
-  content << file.rdbuf();
-  if (!file) throw std::runtime_error("cannot read " + path);
-  return content.str();
-}
-
-bool exists(const std::string& path) { return fs::exists(fs::symlink_status(path)); }
-
-std::map<std::string, std::string> tree(const std::string& dir) {
-  std::map<std::string, std::string> files;
-  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
-    if (entry.is_regular_file()) {
-      files[fs::relative(entry.path(), dir).string()] = read_file(entry.path().string());
-    }
-  }
-  return files;
-}
-
-Texts names_in(const std::string& dir) {
-  Texts names;
-  for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-Texts members(const std::vector<char>& archive) {
-  const std::string file = "/tmp/confsave-members-" + std::to_string(getpid());
-  write_file(file, std::string(archive.begin(), archive.end()));
-  const int code = shell("tar tzf " + file + " > " + file + ".list");
-  std::istringstream list(read_file(file + ".list"));
-  fs::remove(file);
-  fs::remove(file + ".list");
-  if (code != 0) throw std::runtime_error("not a gzip tar archive");
-  Texts names;
-  for (std::string name; std::getline(list, name);) names.push_back(name);
-  return names;
-}
-
-std::vector<char> make_archive(const std::string& dir, const std::string& names) {
-  const std::string file = "/tmp/confsave-archive-" + std::to_string(getpid());
-  if (shell("cd " + dir + " && tar czf " + file + " " + names) != 0) throw std::runtime_error("tar");
-  const std::string bytes = read_file(file);
-  fs::remove(file);
-  return {bytes.begin(), bytes.end()};
-}
-
-int shell(const std::string& command) {
-  static const auto real = reinterpret_cast<int (*)(const char*, ...)>(dlsym(RTLD_NEXT, "my_system"));
-  return real("%s", command.c_str());
-}
-
-Database::Database(const std::string& file) {
-  sqlite3* const watched = last_connection;
-  const int code = sqlite3_open(file.c_str(), &db_);
-  last_connection = watched;
-  if (code == SQLITE_OK) {
-    sqlite3_trace_v2(db_, 0, nullptr, nullptr);
-    return;
-  }
-  sqlite3_close(db_);
-  throw std::runtime_error("cannot open " + file);
-}
-
-Database::~Database() { sqlite3_close(db_); }
-
-Rows Database::query(const std::string& sql) const {
-  Rows rows;
-  const auto append = [](void* context, int columns, char** values, char**) {
-    Texts row;
-    for (int i = 0; i < columns; ++i) row.emplace_back(values[i] != nullptr ? values[i] : "NULL");
-    static_cast<Rows*>(context)->push_back(row);
-    return 0;
-  };
-  char* message = nullptr;
-  if (sqlite3_exec(db_, sql.c_str(), append, &rows, &message) != SQLITE_OK) {
-    const std::string text = message != nullptr ? message : "unknown";
-    sqlite3_free(message);
-    throw std::runtime_error(sql + ": " + text);
-  }
-  return rows;
-}
-
-std::string Database::value(const std::string& sql) const { return query(sql).at(0).at(0); }
-
-void insert_row(const std::string& database, const RowSpec& row) {
-  Database(database).run(
-      "insert into 'Config' (name,version,keybase,etc,type,save_time,load_time) values ('" + row.name +
-      "'," + std::to_string(row.version) + "," + row.keybase + "," + row.etc + "," +
-      std::to_string(row.type) + "," + row.save_time + "," + row.load_time + ")");
-}
-
-StatementRecorder::StatementRecorder() {
-  recorded.clear();
-  sqlite3_auto_extension(kExtension);
-}
-
-StatementRecorder::~StatementRecorder() {
-  sqlite3_cancel_auto_extension(kExtension);
-  last_connection = nullptr;
-}
-
-const Texts& StatementRecorder::statements() const { return recorded; }
-
-void StatementRecorder::clear() { recorded.clear(); }
-
-sqlite3* StatementRecorder::connection() const { return last_connection; }
-
-bool lock_is_free(const std::string& database) {
-  const int pid = spawn_locker(database, 0, -1);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-LockHolder::LockHolder(const std::string& database, int milliseconds) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-  pid_ = spawn_locker(database, milliseconds, ends[1]);
-  close(ends[1]);
-  char ready = 0;
-  const bool held = read(ends[0], &ready, 1) == 1;
-  close(ends[0]);
-  if (!held) throw std::runtime_error("the lock is not free");
-}
-
-LockHolder::~LockHolder() {
-  kill(pid_, SIGTERM);
-  waitpid(pid_, nullptr, 0);
 }
 
 }  // namespace test

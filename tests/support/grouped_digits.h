@@ -6,8 +6,8 @@
 
 namespace test {
 
-/// As a host may have it: while it lives, numbers have their digits in groups of three, in every stream
-/// made meanwhile, or in the one given.
+/// A host's locale that groups digits in threes, while it lives: for every stream made meanwhile, or for
+/// one given stream.
 class GroupedDigits {
  public:
   GroupedDigits() : before_(std::locale::global(grouping())) {}

@@ -1,8 +1,8 @@
-// Takes the exclusive lock of a database at once or fails, says so on standard output, and holds it:
+// Takes the exclusive lock of a database at once or fails. Prints a letter when it holds the lock:
 //
 //   locker FILE MILLISECONDS
 //
-// A program of its own, because locks that a fork shares are no test of locks.
+// A separate program, because a forked child shares the locks of its parent.
 
 #include <sqlite3.h>
 #include <unistd.h>

@@ -11,18 +11,18 @@
 
 namespace test {
 
-/// A gateway whose storage is open. What its making ran and logged is forgotten.
+/// A gateway whose storage is open. Statements and log records of the opening are forgotten.
 class OpenedStorage : public Gateway {
  protected:
   OpenedStorage() { open(); }
 
-  /// Whatever happened, no statement is open, no lock held, no file left.
+  /// No test may leave an open statement, a held lock or a temporary file.
   void TearDown() override {
     if (storage) {
       EXPECT_EQ(sqlite3_next_stmt(connection, nullptr), nullptr);
     }
     EXPECT_TRUE(lock_is_free(database()));
-    EXPECT_EQ(scratch_files(), Texts());
+    EXPECT_EQ(temp_files(), Texts());
   }
 
   void open() {
@@ -38,14 +38,12 @@ class OpenedStorage : public Gateway {
     host.commands.clear();
   }
 
-  /// Runs `sql` past the library, which then finds the table so when it opens it.
+  /// Runs `sql` without the library, then opens the storage again.
   void rearrange(const std::string& sql) {
     storage.reset();
     Database(database()).run(sql);
     open();
   }
-
-  void put(const RowSpec& row) { insert_row(database(), row); }
 
   Texts statements() const { return without_now(recorder.statements()); }
 

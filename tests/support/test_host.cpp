@@ -113,12 +113,12 @@ int my_system(const char* pattern, ...) {
   va_end(arguments);
 
   auto& host = test::TestHost::instance();
-  // The format text itself: with the command as an argument it would be another call.
+  // The pattern itself: the library must pass the command as the format.
   host.commands.emplace_back(pattern);
   if (host.on_command) {
     if (const std::optional<int> result = host.on_command(command)) return *result;
   }
-  // The platform's own, which this one comes before.
+  // The platform's own, which this definition hides.
   static const auto real = reinterpret_cast<int (*)(const char*, ...)>(dlsym(RTLD_NEXT, "my_system"));
   return real("%s", command.c_str());
 }
@@ -139,7 +139,7 @@ void slput(int priority, const char* pattern, ...) {
   if (host.on_system_log) host.on_system_log();
 }
 
-/// Only listens.
+/// Records the name and passes the call on.
 char* secure_getenv(const char* name) noexcept {
   static const auto real = reinterpret_cast<char* (*)(const char*)>(dlsym(RTLD_NEXT, "secure_getenv"));
   const std::string variable = name;

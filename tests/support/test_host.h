@@ -1,8 +1,8 @@
 #pragma once
 
-// The host process of the tests: it defines my_system, the log getter and slput itself, notes what it is
-// told, and can answer in another way than a gateway would. Commands run for real unless a test says
-// otherwise. Everything else in a test is the real thing.
+// The host process of the tests. It defines my_system, the log getter and slput, records every call, and
+// can answer as no gateway would. Commands run for real unless a test decides otherwise. Everything else in
+// a test is real.
 
 #include <functional>
 #include <iosfwd>
@@ -15,7 +15,7 @@
 
 namespace test {
 
-/// One log record, integers as decimal digits in the text and their byte widths beside it, in order.
+/// One log record. The text shows integers in decimal; `widths` holds their widths in bytes, in order.
 struct LogRecord {
   int level = 0;
   std::string signature;
@@ -33,37 +33,37 @@ using LogRecords = std::vector<LogRecord>;
 
 class TestHost {
  public:
-  /// The one of this process.
+  /// The host of this process.
   static TestHost& instance();
 
-  /// As a new process would have it: log level 4, all entry points, commands run for real.
+  /// Restores the state of a new process: log level 4, all entry points, commands run for real.
   void reset();
 
   int log_level = 0;
 
-  /// The entry points that the library is given. Set one to null to leave it out.
+  /// The entry points of the log. A null entry point is missing.
   KorvLogProps entry_points = {};
 
-  /// Give the library no log properties at all.
+  /// Makes the log getter return null.
   bool no_log = false;
 
-  /// Asked before each command. A number is the command's result, and it is not run. May throw.
+  /// Called before each command. A number becomes the result of the command, which does not run. May throw.
   std::function<std::optional<int>(const std::string& command)> on_command;
 
-  /// Called when a record of a function begins, before it is noted. May throw.
+  /// Called with the function's name when a log record begins. May throw.
   std::function<void(const std::string& function)> on_record;
 
-  /// Called when a record is over and noted. Must not throw.
+  /// Called after each log record. Must not throw.
   std::function<void()> on_recorded;
 
-  /// Called for each slput, after it was noted. May throw.
+  /// Called after each slput. May throw.
   std::function<void()> on_system_log;
 
   LogRecords records;
   std::vector<int> lines;  ///< the line number of each record
   std::vector<std::string> commands;
   std::vector<std::pair<int, std::string>> system_log;
-  std::vector<std::string> paths;  ///< the variables in which the platform looked for a directory
+  std::vector<std::string> paths;  ///< the variables that the platform read to find a directory
 
   /// The records of this level and below.
   LogRecords records_up_to(int level) const;
