@@ -9,12 +9,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
+#include <utility>
 
 namespace {
 
 const ClUnilogFname kFunction{"void f(int)", "f"};
+const std::string kLineBegins = "level=2 source=source/x:12 function=\"void f(int)\" name=f text=opening ";
 
 class LogSink : public testing::Test {
  protected:
@@ -28,16 +30,11 @@ class LogSink : public testing::Test {
     unsetenv("KELMOR_LOG_LEVEL");
   }
 
-  static int level_for(const char* value) {
-    setenv("KELMOR_LOG_LEVEL", value, 1);
-    return KorvLog_GetProps_cl_module(0)->level;
-  }
+  static int level() { return KorvLog_GetProps_cl_module(0)->level; }
 
   std::string written() const {
     std::ifstream stream(file);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(stream), {}};
   }
 
   static void write_record(const std::string& text) {
@@ -51,53 +48,53 @@ class LogSink : public testing::Test {
   const std::string file = "/tmp/confsave-log-" + std::to_string(getpid());
 };
 
-TEST_F(LogSink, TheLevelIsThatOfTheEnvironment) {
-  for (int level = 0; level <= 4; ++level) EXPECT_EQ(level_for(std::to_string(level).c_str()), level);
-}
-
-TEST_F(LogSink, AnyOtherLevelIsFailuresOnly) {
-  for (const char* value : {"", "5", "-1", "x", "22", "1 "}) EXPECT_EQ(level_for(value), 1) << value;
-  unsetenv("KELMOR_LOG_LEVEL");
-  EXPECT_EQ(KorvLog_GetProps_cl_module(0)->level, 1);
+TEST_F(LogSink, TheLevelIsADigitOfTheEnvironmentAndOtherwise1) {
+  EXPECT_EQ(level(), 1);
+  for (const auto& [value, expected] : {std::pair("0", 0),
+                                        {"1", 1},
+                                        {"2", 2},
+                                        {"3", 3},
+                                        {"4", 4},
+                                        {"", 1},
+                                        {"5", 1},
+                                        {"-1", 1},
+                                        {"x", 1},
+                                        {"22", 1},
+                                        {"1 ", 1}}) {
+    setenv("KELMOR_LOG_LEVEL", value, 1);
+    EXPECT_EQ(level(), expected) << value;
+  }
 }
 
 TEST_F(LogSink, ARecordIsOneWholeLine) {
   write_record("text");
   write_record("more");
-  EXPECT_EQ(written(),
-            "level=2 source=source/x:12 function=\"void f(int)\" name=f text=opening text\n"
-            "level=2 source=source/x:12 function=\"void f(int)\" name=f text=opening more\n");
+  EXPECT_EQ(written(), kLineBegins + "text\n" + kLineBegins + "more\n");
 }
 
-TEST_F(LogSink, ItsOwnLineEndIsDroppedAndControlCharactersAreShown) {
+TEST_F(LogSink, ALineFeedAtTheEndIsDroppedAndControlCharactersAreEscaped) {
   write_record("a\nb\tc\x7f\x1b[0m\n");
-  EXPECT_EQ(written(),
-            "level=2 source=source/x:12 function=\"void f(int)\" name=f "
-            "text=opening a\\x0ab\\x09c\\x7f\\x1b[0m\n");
+  EXPECT_EQ(written(), kLineBegins + "a\\x0ab\\x09c\\x7f\\x1b[0m\n");
 }
 
-TEST_F(LogSink, IntegersOfEveryWidthAreShown) {
+TEST_F(LogSink, IntegersOfEveryWidthAreWritten) {
   const KorvLogProps* log = KorvLog_GetProps_cl_module(0);
   const std::int8_t one = -1;
   const std::int16_t two = -300;
   const std::int32_t four = -70000;
   const std::int64_t eight = -17264017408;
   log->begin(1, kFunction, "s", 1);
-  log->integer(&one, 1);
-  log->text(" ");
-  log->integer(&two, 2);
-  log->text(" ");
-  log->integer(&four, 4);
-  log->text(" ");
-  log->integer(&eight, 8);
-  log->text(" ");
-  log->integer(&eight, 3);
+  for (const auto& [value, width] :
+       {std::pair<const void*, unsigned>(&one, 1), {&two, 2}, {&four, 4}, {&eight, 8}, {&eight, 3}}) {
+    log->integer(value, width);
+    log->text(" ");
+  }
   log->end();
   EXPECT_EQ(written(),
-            "level=1 source=s:1 function=\"void f(int)\" name=f text=-1 -300 -70000 -17264017408 ?\n");
+            "level=1 source=s:1 function=\"void f(int)\" name=f text=-1 -300 -70000 -17264017408 ? \n");
 }
 
-TEST_F(LogSink, TheFileIsTheOwnersAlone) {
+TEST_F(LogSink, OnlyTheOwnerMayReadTheFile) {
   const mode_t before = umask(0);
   write_record("text");
   umask(before);
@@ -106,7 +103,7 @@ TEST_F(LogSink, TheFileIsTheOwnersAlone) {
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
-TEST_F(LogSink, AFileThatCannotBeWrittenIsNoFailure) {
+TEST_F(LogSink, AFileThatCannotBeWrittenIsIgnored) {
   setenv("KELMOR_LOG_FILE", "/missing/log", 1);
   write_record("text");
   EXPECT_FALSE(std::filesystem::exists("/missing"));
@@ -125,10 +122,7 @@ TEST_F(LogSink, RecordsOfSeveralProcessesDoNotMix) {
   std::ifstream stream(file);
   int lines = 0;
   for (std::string line; std::getline(stream, line); ++lines) {
-    const std::string expected =
-        "level=2 source=source/x:12 function=\"void f(int)\" name=f text=opening " +
-        std::string(500, line.back());
-    ASSERT_EQ(line, expected);
+    ASSERT_EQ(line, kLineBegins + std::string(500, line.back()));
   }
   EXPECT_EQ(lines, kProcesses * kRecords);
 }

@@ -5,72 +5,66 @@
 #include <cstdlib>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace {
 
 using toolsunix::FileId;
-using toolsunix::path::DirectoryId;
-using toolsunix::path::DynamicDirectoryId;
+using Texts = std::vector<std::string>;
+
+constexpr const char* kVariables[] = {"KELMOR_CONFIG_PATH", "KELMOR_DYNAMIC_DIR", "KELMOR_TEMP_DIR"};
 
 class Paths : public testing::Test {
  protected:
   ~Paths() override {
-    for (const char* name : {"KELMOR_CONFIG_PATH", "KELMOR_DYNAMIC_DIR", "KELMOR_TEMP_DIR"}) unsetenv(name);
+    for (const char* name : kVariables) unsetenv(name);
   }
 
   static void set(const char* value) {
-    for (const char* name : {"KELMOR_CONFIG_PATH", "KELMOR_DYNAMIC_DIR", "KELMOR_TEMP_DIR"}) {
-      setenv(name, value, 1);
-    }
+    for (const char* name : kVariables) setenv(name, value, 1);
+  }
+
+  /// The directories of the configuration, of the state and of temporary files.
+  Texts directories() const {
+    return {paths.GetKelmorConfigPath(),
+            paths.GetFullDynamicDirName(toolsunix::path::DynamicDirectoryId{1}),
+            paths.GetFullDirName(toolsunix::path::DirectoryId{1})};
   }
 
   const toolsunix::FilenameConvertor& paths = toolsunix::FilenameConvertor::Instance();
 };
 
-TEST_F(Paths, TheDefaultsAreThoseOfAnInstalledSystem) {
-  for (const bool empty : {false, true}) {
-    if (empty) set("");
-    EXPECT_EQ(paths.GetKelmorConfigPath(), "/etc/kelmor/");
-    EXPECT_EQ(paths.GetFullDynamicDirName(DynamicDirectoryId{1}), "/var/lib/kelmor");
-    EXPECT_EQ(paths.GetFullDirName(DirectoryId{1}), "/var/lib/kelmor/scratch");
-  }
+TEST_F(Paths, UnsetOrEmptyVariablesMeanTheDirectoriesOfAnInstalledSystem) {
+  const Texts installed{"/etc/kelmor/", "/var/lib/kelmor", "/var/lib/kelmor/scratch"};
+  EXPECT_EQ(directories(), installed);
+  set("");
+  EXPECT_EQ(directories(), installed);
 }
 
 TEST_F(Paths, TheEnvironmentIsReadAtEveryCall) {
   setenv("KELMOR_CONFIG_PATH", "/a", 1);
   setenv("KELMOR_DYNAMIC_DIR", "/b", 1);
   setenv("KELMOR_TEMP_DIR", "/c", 1);
-  EXPECT_EQ(paths.GetKelmorConfigPath(), "/a/");
-  EXPECT_EQ(paths.GetFullDynamicDirName(DynamicDirectoryId{1}), "/b");
-  EXPECT_EQ(paths.GetFullDirName(DirectoryId{1}), "/c");
+  EXPECT_EQ(directories(), (Texts{"/a/", "/b", "/c"}));
   set("/d");
-  EXPECT_EQ(paths.GetKelmorConfigPath(), "/d/");
-  EXPECT_EQ(paths.GetFullDynamicDirName(DynamicDirectoryId{1}), "/d");
-  EXPECT_EQ(paths.GetFullDirName(DirectoryId{1}), "/d");
+  EXPECT_EQ(directories(), (Texts{"/d/", "/d", "/d"}));
 }
 
 TEST_F(Paths, OnlyTheConfigurationDirectoryEndsInASlash) {
   set("/a/b//");
-  EXPECT_EQ(paths.GetKelmorConfigPath(), "/a/b//");
-  EXPECT_EQ(paths.GetFullDynamicDirName(DynamicDirectoryId{1}), "/a/b");
-  EXPECT_EQ(paths.GetFullDirName(DirectoryId{1}), "/a/b");
+  EXPECT_EQ(directories(), (Texts{"/a/b//", "/a/b", "/a/b"}));
   set("/");
-  EXPECT_EQ(paths.GetKelmorConfigPath(), "/");
-  EXPECT_EQ(paths.GetFullDirName(DirectoryId{1}), "/");
+  EXPECT_EQ(directories(), (Texts{"/", "/", "/"}));
 }
 
 TEST_F(Paths, EveryFileHasANameOfItsOwn) {
-  std::set<std::string> names;
-  int number = 0;
+  std::set<std::string> names{""};
   for (const int id : {1, 4, 9, 10, 11, 12, 17, 18, 19, 20, 29, 30, 31}) {
-    names.insert(paths.GetShortFilename(FileId{id}));
-    ++number;
+    EXPECT_TRUE(names.insert(paths.GetShortFilename(FileId{id})).second) << id;
   }
-  EXPECT_EQ(names.size(), static_cast<std::size_t>(number));
-  EXPECT_EQ(names.count(""), 0U);
 }
 
-TEST_F(Paths, AnUnknownFileHasANameThatIsNotEmpty) {
+TEST_F(Paths, AnUnknownFileIsNamedByItsNumber) {
   EXPECT_EQ(paths.GetShortFilename(FileId{2}), "unassigned-2");
   EXPECT_EQ(paths.GetShortFilename(FileId{-1}), "unassigned--1");
 }

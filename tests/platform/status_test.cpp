@@ -4,42 +4,39 @@
 
 namespace {
 
+void expect_status(const XTOOStatus& actual, int status, const char* text, bool is_error = true) {
+  EXPECT_EQ(actual.Status(), status);
+  EXPECT_STREQ(actual.ErrorMessage(), text);
+  EXPECT_EQ(actual.IsError(), is_error);
+}
+
 TEST(PlatformStatus, WithoutATextTheMessageIsEmpty) {
-  const XTOOStatus status(36, true);
-  EXPECT_EQ(status.Status(), 36);
-  EXPECT_STREQ(status.ErrorMessage(), "");
-  EXPECT_TRUE(status.IsError());
+  expect_status(XTOOStatus(36, true), 36, "");
+  expect_status(XTOOStatus(1, nullptr, false), 1, "");
 }
 
 TEST(PlatformStatus, ATextIsCopied) {
   char text[] = "text";
   const XTOOStatus status(0, text, false);
   text[0] = 'n';
-  EXPECT_STREQ(status.ErrorMessage(), "text");
-  EXPECT_EQ(status.Status(), 0);
-  EXPECT_TRUE(status.IsError());
+  expect_status(status, 0, "text");
 }
 
-TEST(PlatformStatus, ANullTextIsEmpty) { EXPECT_STREQ(XTOOStatus(1, nullptr, false).ErrorMessage(), ""); }
-
-TEST(PlatformStatus, ACopyIsAsTheOriginal) {
+TEST(PlatformStatus, ACopyEqualsTheOriginal) {
   const XTOOStatus status(5, "text", false);
   XTOOStatus copy(1, true);
   copy = status;
-  EXPECT_EQ(copy.Status(), 5);
-  EXPECT_STREQ(copy.ErrorMessage(), "text");
-  EXPECT_STREQ(XTOOStatus(copy).ErrorMessage(), "text");
+  expect_status(copy, 5, "text");
+  expect_status(XTOOStatus(copy), 5, "text");
 }
 
 TEST(PlatformStatus, ClearMakesItNoError) {
   XTOOStatus status(5, "text", false);
   status.Clear();
-  EXPECT_EQ(status.Status(), 0);
-  EXPECT_STREQ(status.ErrorMessage(), "");
-  EXPECT_FALSE(status.IsError());
+  expect_status(status, 0, "", false);
 }
 
-TEST(PlatformStatus, ItIsCaughtAsAMessage) {
+TEST(PlatformStatus, CanBeCaughtAsAMessage) {
   try {
     throw XTOOStatus(5, "text", false);
   } catch (const XTOOMsg& message) {
