@@ -9,126 +9,117 @@
 
 namespace {
 
-using namespace ConfSave;
-using test::LogRecord;
-using test::LogRecords;
+namespace fs = std::filesystem;
 
-class Files : public test::Gateway {
+using namespace ConfSave;
+using namespace test;
+
+const Function kIsFileExist{"bool ConfSave::IsFileExist(const char*)", "IsFileExist", "source/archive"};
+const Function kRemoveFileIfExists{"void ConfSave::RemoveFileIfExists(const char*)", "RemoveFileIfExists",
+                                   "source/archive"};
+
+class FileTest : public Gateway {
  protected:
   std::string user(const std::string& name) const { return config_dir() + "user/" + name; }
-  void touch(const std::string& name) const { test::write_file(user(name), name); }
 
-  LogRecord exist_says(const std::string& path, int error) const {
-    return {1,
-            "bool ConfSave::IsFileExist(const char*)",
-            "IsFileExist",
-            "source/archive",
-            "access() for '" + path + "' failed (code " + std::to_string(error) + ")",
-            {4}};
+  void touch(const Texts& names) const {
+    for (const std::string& name : names) write_file(user(name), name);
   }
-  LogRecord remove_says(const std::string& path, int error) const {
-    return {1,
-            "void ConfSave::RemoveFileIfExists(const char*)",
-            "RemoveFileIfExists",
-            "source/archive",
-            "unlink() for '" + path + "' failed (code " + std::to_string(error) + ")",
-            {4}};
+
+  /// Checks what `call` throws and that it logs `record`, except at level 0.
+  void expect_failure(const std::string& expected, const LogRecord& record,
+                      const std::function<void()>& call) {
+    host.records.clear();
+    EXPECT_EQ(thrown(call), expected);
+    EXPECT_EQ(host.records, LogRecords{record});
+    host.records.clear();
+    host.log_level = 0;
+    EXPECT_EQ(thrown(call), expected);
+    EXPECT_EQ(host.records, LogRecords());
+    host.log_level = 4;
+  }
+
+  /// The record of a file that `unlink` refuses to delete because it is a directory.
+  static LogRecord directory_record(const std::string& path) {
+    return says(kRemoveFileIfExists, 1, "unlink() for '" + path + "' failed (code 21)", {4});
   }
 };
 
-void expect_failure(int status, const std::function<void()>& call) {
-  const auto error = test::thrown_by<XExternalFailure>(call);
-  EXPECT_EQ(error.Status(), status);
-  EXPECT_STREQ(error.ErrorMessage(), "");
-}
-
-using IsFileExistTest = Files;
-
-TEST_F(IsFileExistTest, AFileAndADirectoryExist) {
-  touch("a");
+TEST_F(FileTest, AFileAndADirectoryExist) {
+  touch({"a"});
   EXPECT_TRUE(IsFileExist(user("a").c_str()));
   EXPECT_TRUE(IsFileExist(config_dir().c_str()));
   EXPECT_FALSE(IsFileExist(user("b").c_str()));
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(IsFileExistTest, WhatCannotBeFoundOutIsAFailure) {
-  touch("a");
-  expect_failure(19, [this] { IsFileExist(user("a/b").c_str()); });
-  EXPECT_EQ(host.records, LogRecords{exist_says(user("a/b"), 20)});
-  host.reset();
-  host.log_level = 0;
-  expect_failure(19, [this] { IsFileExist(user("a/b").c_str()); });
-  EXPECT_EQ(host.records, LogRecords());
+TEST_F(FileTest, AFailedAccessIsStatus19) {
+  touch({"a"});
+  expect_failure("ConfSave::XExternalFailure 19: ",
+                 says(kIsFileExist, 1, "access() for '" + user("a/b") + "' failed (code 20)", {4}),
+                 [this] { IsFileExist(user("a/b").c_str()); });
 }
 
-using RemoveFile = Files;
-
-TEST_F(RemoveFile, ItIsGoneAndMayBeMissing) {
-  touch("a");
+TEST_F(FileTest, ARemovedFileIsGoneAndMayBeMissing) {
+  touch({"a"});
   RemoveFileIfExists(user("a").c_str());
-  EXPECT_FALSE(test::exists(user("a")));
+  EXPECT_FALSE(exists(user("a")));
   RemoveFileIfExists(user("a").c_str());
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(RemoveFile, WhatCannotBeDeletedIsAFailure) {
-  expect_failure(43, [this] { RemoveFileIfExists(user("").c_str()); });
-  EXPECT_EQ(host.records, LogRecords{remove_says(user(""), 21)});
-  host.reset();
-  host.log_level = 0;
-  expect_failure(43, [this] { RemoveFileIfExists(user("").c_str()); });
-  EXPECT_EQ(host.records, LogRecords());
+TEST_F(FileTest, AFailedUnlinkIsStatus43) {
+  expect_failure("ConfSave::XExternalFailure 43: ", directory_record(user("")),
+                 [this] { RemoveFileIfExists(user("").c_str()); });
 }
 
-using ConfigDb = Files;
+using ConfigDb = FileTest;
 
-TEST_F(ConfigDb, ItExistsWhenFiles30And31Do) {
+TEST_F(ConfigDb, ExistsIfFiles30And31Do) {
   EXPECT_FALSE(IsConfigDbExist(config_dir().c_str()));
-  touch("config.idx");
+  touch({"config.idx"});
   EXPECT_FALSE(IsConfigDbExist(config_dir().c_str()));
-  touch("config.db");
+  touch({"config.db"});
   EXPECT_TRUE(IsConfigDbExist(config_dir().c_str()));
-  std::filesystem::remove(user("config.idx"));
+  fs::remove(user("config.idx"));
   EXPECT_FALSE(IsConfigDbExist(config_dir().c_str()));
 }
 
-TEST_F(ConfigDb, File29IsNotAsked) {
-  touch("config.db-journal");
+TEST_F(ConfigDb, ExistsWithoutRegardToFile29) {
+  touch({"config.db-journal"});
   EXPECT_FALSE(IsConfigDbExist(config_dir().c_str()));
 }
 
-TEST_F(ConfigDb, File31IsNotTestedWhenFile30IsMissing) {
-  // A loop of links would be a failure if it were looked at.
-  std::filesystem::create_symlink(user("config.idx"), user("config.idx"));
+TEST_F(ConfigDb, File31IsNotTestedIfFile30IsMissing) {
+  // A test of a loop of links is a failure.
+  fs::create_symlink(user("config.idx"), user("config.idx"));
   EXPECT_FALSE(IsConfigDbExist(config_dir().c_str()));
-  touch("config.db");
-  expect_failure(19, [this] { IsConfigDbExist(config_dir().c_str()); });
+  touch({"config.db"});
+  EXPECT_EQ(thrown([this] { IsConfigDbExist(config_dir().c_str()); }), "ConfSave::XExternalFailure 19: ");
 }
 
 TEST_F(ConfigDb, AllThreeFilesAreRemovedAndNoOther) {
-  for (const char* name : {"config.db-journal", "config.db", "config.idx", "gateway.conf"}) touch(name);
+  touch({"config.db-journal", "config.db", "config.idx", "gateway.conf"});
   RemoveConfigDb(config_dir().c_str());
-  EXPECT_EQ(test::names_in(user("")), std::vector<std::string>{"gateway.conf"});
+  EXPECT_EQ(names_in(user("")), Texts{"gateway.conf"});
   RemoveConfigDb(config_dir().c_str());
   EXPECT_EQ(host.records, LogRecords());
 }
 
 TEST_F(ConfigDb, TheFirstFailureStopsTheRemoval) {
-  touch("config.db-journal");
-  std::filesystem::create_directory(user("config.db"));
-  touch("config.idx");
-  expect_failure(43, [this] { RemoveConfigDb(config_dir().c_str()); });
-  EXPECT_EQ(test::names_in(user("")), (std::vector<std::string>{"config.db", "config.idx"}));
-  EXPECT_EQ(host.records, LogRecords{remove_says(user("config.db"), 21)});
+  touch({"config.db-journal", "config.idx"});
+  fs::create_directory(user("config.db"));
+  expect_failure("ConfSave::XExternalFailure 43: ", directory_record(user("config.db")),
+                 [this] { RemoveConfigDb(config_dir().c_str()); });
+  EXPECT_EQ(names_in(user("")), (Texts{"config.db", "config.idx"}));
 }
 
-TEST_F(ConfigDb, TheDirectoryBringsItsOwnSlash) {
-  std::filesystem::create_directory(root() + "/cfguser");
-  for (const char* name : {"config.db", "config.idx"}) test::write_file(root() + "/cfguser/" + name, "");
+TEST_F(ConfigDb, TheDirectoryIsAPrefix) {
+  fs::create_directory(root() + "/cfguser");
+  for (const char* name : {"config.db", "config.idx"}) write_file(root() + "/cfguser/" + name, "");
   EXPECT_TRUE(IsConfigDbExist((root() + "/cfg").c_str()));
   RemoveConfigDb((root() + "/cfg").c_str());
-  EXPECT_EQ(test::names_in(root() + "/cfguser"), std::vector<std::string>());
+  EXPECT_EQ(names_in(root() + "/cfguser"), Texts());
 }
 
 }  // namespace

@@ -16,9 +16,7 @@
 namespace {
 
 using namespace ConfSave;
-using test::LogRecord;
-using test::LogRecords;
-using Texts = std::vector<std::string>;
+using namespace test;
 
 TEST(CommandLine, Pack) {
   EXPECT_EQ(
@@ -38,280 +36,252 @@ TEST(CommandLine, Move) {
 
 TEST(CommandLine, Remove) { EXPECT_EQ(remove_command("/cfg//x"), "rm -rf /cfg//x 2>/dev/null"); }
 
-LogRecord pack_says(const std::string& text) {
-  return {1,      "void ConfSave::pack(const string&, const string&, const string&)",
-          "pack", "source/archive",
-          text,   {4}};
-}
+constexpr const char* kFailure = "ConfSave::XExternalFailure 36: ";
 
-LogRecord unpack_says(const std::string& text, const std::vector<unsigned>& widths = {4}) {
-  return {1,     "void ConfSave::unpack(const string&, const string&)", "unpack", "source/archive", text,
-          widths};
-}
-
-void expect_external_failure(const std::function<void()>& call) {
-  const auto error = test::thrown_by<XExternalFailure>(call);
-  EXPECT_EQ(error.Status(), 36);
-  EXPECT_STREQ(error.ErrorMessage(), "");
-}
-
-class Packing : public test::Gateway {
+class Packing : public Gateway {
  protected:
+  Packing() {
+    std::filesystem::create_directory(dest());
+    write_file(config_dir() + "a", "content of a");
+    write_file(config_dir() + "b", "content of b");
+  }
+
   std::string archive() const { return root() + "/archive"; }
   /// Ends in "/".
   std::string dest() const { return root() + "/dest/"; }
-  Packing() {
-    std::filesystem::create_directory(dest());
-    test::write_file(config_dir() + "a", "content of a");
-    test::write_file(config_dir() + "b", "content of b");
-  }
 
   void pack_both() {
     pack(archive(), config_dir(), " a b");
     host.commands.clear();
-    host.records.clear();
   }
 
-  /// The commands with the scratch directory's name replaced.
+  Texts packed() const {
+    const std::string bytes = read_file(archive());
+    return members({bytes.begin(), bytes.end()});
+  }
+
+  /// The commands with "<archive>" and "<scratch>" for the names of the two.
   Texts commands() const {
     Texts texts;
     for (const std::string& command : host.commands) {
-      texts.push_back(std::regex_replace(command, std::regex("dest//[A-Za-z0-9]{6}"), "dest//<scratch>"));
+      texts.push_back(std::regex_replace(
+          std::regex_replace(command, std::regex("dest//[A-Za-z0-9]{6}"), "dest//<scratch>"),
+          std::regex(archive()), "<archive>"));
     }
     return texts;
   }
 
-  std::string tar() const {
-    return "tar xzf " + archive() + " --exclude corlu.serv -C " + dest() + "/<scratch> 2>/dev/null";
+  /// Checks that `call` fails with status 36 and logs these texts at level 1.
+  void expect_failure(const Function& function, const Texts& texts, const std::function<void()>& call) {
+    LogRecords expected;
+    for (const std::string& text : texts) expected.push_back(says(function, 1, text, {4}));
+    host.records.clear();
+    EXPECT_EQ(thrown(call), kFailure);
+    EXPECT_EQ(host.records, expected);
   }
-  std::string cp() const { return "cp -alf " + dest() + "/<scratch>/* " + dest() + "/. 2>/dev/null"; }
-  std::string rm() const { return "rm -rf " + dest() + "/<scratch> 2>/dev/null"; }
 };
 
 using Pack = Packing;
 
 TEST_F(Pack, TheFilesAreInTheArchive) {
   pack(archive(), config_dir(), " a b");
-  EXPECT_EQ(host.commands, Texts{"cd " + config_dir() + " && tar czf " + archive() +
-                                 " --ignore-failed-read  a b 2>/dev/null"});
-  const std::string bytes = test::read_file(archive());
-  EXPECT_EQ(test::members({bytes.begin(), bytes.end()}), (Texts{"a", "b"}));
+  EXPECT_EQ(commands(),
+            Texts{"cd " + config_dir() + " && tar czf <archive> --ignore-failed-read  a b 2>/dev/null"});
+  EXPECT_EQ(packed(), (Texts{"a", "b"}));
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(Pack, MissingFilesAreNoFailure) {
+TEST_F(Pack, MissingFilesAreIgnored) {
   pack(archive(), config_dir(), " a missing none*");
-  const std::string bytes = test::read_file(archive());
-  EXPECT_EQ(test::members({bytes.begin(), bytes.end()}), Texts{"a"});
+  EXPECT_EQ(packed(), Texts{"a"});
 }
 
 TEST_F(Pack, AnEmptyArgumentIsAFailureAndRunsNothing) {
-  expect_external_failure([this] { pack("", config_dir(), " a"); });
-  expect_external_failure([this] { pack(archive(), "", " a"); });
-  expect_external_failure([this] { pack(archive(), config_dir(), ""); });
+  expect_failure(kPack, {}, [this] { pack("", config_dir(), " a"); });
+  expect_failure(kPack, {}, [this] { pack(archive(), "", " a"); });
+  expect_failure(kPack, {}, [this] { pack(archive(), config_dir(), ""); });
   EXPECT_EQ(host.commands, Texts());
-  EXPECT_EQ(host.records, LogRecords());
 }
 
 TEST_F(Pack, AFailedTarIsLoggedWithItsResult) {
-  host.on_command = test::fail_commands("cd ", 77);
-  expect_external_failure([this] { pack(archive(), config_dir(), " a"); });
-  EXPECT_EQ(host.records, LogRecords{pack_says("failed to create tar archive with error code: 77")});
-  host.records.clear();
+  host.on_command = fail_commands("cd ", 77);
+  const auto call = [this] { pack(archive(), config_dir(), " a"); };
+  expect_failure(kPack, {"failed to create tar archive with error code: 77"}, call);
   host.log_level = 0;
-  expect_external_failure([this] { pack(archive(), config_dir(), " a"); });
-  EXPECT_EQ(host.records, LogRecords());
+  expect_failure(kPack, {}, call);
 }
 
 TEST_F(Pack, AMissingDirectoryIsAFailure) {
-  expect_external_failure([this] { pack(archive(), root() + "/missing", " a"); });
-  EXPECT_EQ(host.records, LogRecords{pack_says("failed to create tar archive with error code: 2")});
+  expect_failure(kPack, {"failed to create tar archive with error code: 2"},
+                 [this] { pack(archive(), root() + "/missing", " a"); });
 }
 
-using Unpack = Packing;
+class Unpack : public Packing {
+ protected:
+  void unpack_it() { unpack(archive(), dest()); }
+
+  /// Gives these commands these results. Checks what runs, what is logged and which files are left.
+  void expect_failed_command(const std::map<std::string, int>& results, const Texts& run,
+                             const Texts& logged, const Texts& left) {
+    pack_both();
+    host.on_command = [&](const std::string& command) -> std::optional<int> {
+      const auto found = results.find(command.substr(0, command.find(' ')));
+      return found != results.end() ? std::optional(found->second) : std::nullopt;
+    };
+    expect_failure(kUnpack, logged, [this] { unpack_it(); });
+    EXPECT_EQ(commands(), run);
+    EXPECT_EQ(names_in(dest()), left);
+    host.log_level = 0;
+    expect_failure(kUnpack, {}, [this] { unpack_it(); });
+  }
+
+  const Texts all_commands = unpack_into(dest());
+};
 
 TEST_F(Unpack, FilesAreLinkedIntoTheDestination) {
   pack_both();
-  test::write_file(dest() + "a", "old");
-  test::write_file(dest() + "other", "stays");
-  unpack(archive(), dest());
-  EXPECT_EQ(commands(), (Texts{tar(), cp(), rm()}));
-  EXPECT_EQ(test::tree(dest()), (std::map<std::string, std::string>{
-                                    {"a", "content of a"}, {"b", "content of b"}, {"other", "stays"}}));
+  write_file(dest() + "a", "old");
+  write_file(dest() + "other", "stays");
+  unpack_it();
+  EXPECT_EQ(commands(), all_commands);
+  EXPECT_EQ(tree(dest()), (std::map<std::string, std::string>{
+                              {"a", "content of a"}, {"b", "content of b"}, {"other", "stays"}}));
   EXPECT_EQ(host.records, LogRecords());
 }
 
 TEST_F(Unpack, AnEmptyArgumentIsAFailureAndRunsNothing) {
-  expect_external_failure([this] { unpack("", dest()); });
-  expect_external_failure([this] { unpack(archive(), ""); });
+  expect_failure(kUnpack, {}, [this] { unpack("", dest()); });
+  expect_failure(kUnpack, {}, [this] { unpack(archive(), ""); });
   EXPECT_EQ(host.commands, Texts());
-  EXPECT_EQ(host.records, LogRecords());
-  EXPECT_EQ(test::names_in(dest()), Texts());
+  EXPECT_EQ(names_in(dest()), Texts());
 }
 
 TEST_F(Unpack, WithoutAScratchDirectoryNothingRuns) {
   const std::string missing = root() + "/missing";
-  const auto error = test::thrown_by<XTOOStatus>([&] { unpack(archive(), missing); });
-  EXPECT_EQ(error.Status(), 3);
-  EXPECT_STREQ(error.ErrorMessage(), "No such file or directory");
-  // The name is the one that was tried last.
+  const auto call = [&] { unpack(archive(), missing); };
+  EXPECT_EQ(thrown(call), "XTOOStatus 3: No such file or directory");
+  // The name is the last one that mkdtemp tried.
   ASSERT_EQ(host.records.size(), 1U);
   LogRecord record = host.records[0];
   record.text =
       std::regex_replace(record.text, std::regex("^" + missing + "/[A-Za-z0-9]{6}:"), "<scratch>:");
   EXPECT_EQ(record,
-            unpack_says("<scratch>: failed to create temporary directory: No such file or directory", {}));
+            says(kUnpack, 1, "<scratch>: failed to create temporary directory: No such file or directory"));
   EXPECT_EQ(host.commands, Texts());
+  host.records.clear();
+  host.log_level = 0;
+  EXPECT_EQ(thrown(call), "XTOOStatus 3: No such file or directory");
+  EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(Unpack, TheScratchDirectoryIsOursAloneUnderAnyUmask) {
+TEST_F(Unpack, OnlyTheOwnerMayUseTheScratchDirectoryUnderAnyUmask) {
   pack_both();
   mode_t mode = 0;
   host.on_command = [&](const std::string&) -> std::optional<int> {
-    const Texts names = test::names_in(dest());
+    const Texts names = names_in(dest());
     struct stat status = {};
     if (mode == 0 && stat((dest() + names.at(0)).c_str(), &status) == 0) mode = status.st_mode & 07777U;
     return std::nullopt;
   };
   const mode_t before = umask(0777);
-  unpack(archive(), dest());
+  unpack_it();
   umask(before);
   EXPECT_EQ(mode, 0700U);
 }
 
-TEST_F(Unpack, AFailedTarSkipsTheCopyAndIsLogged) {
-  pack_both();
-  host.on_command = test::fail_commands("tar xzf", 5);
-  expect_external_failure([this] { unpack(archive(), dest()); });
-  EXPECT_EQ(commands(), (Texts{tar(), rm()}));
-  EXPECT_EQ(host.records, LogRecords{unpack_says("failed to extract files with error code: 5")});
-  EXPECT_EQ(test::names_in(dest()), Texts());
+TEST_F(Unpack, AFailedTarSkipsCp) {
+  expect_failed_command({{"tar", 5}}, {all_commands[0], all_commands[2]},
+                        {"failed to extract files with error code: 5"}, {});
 }
 
-TEST_F(Unpack, WhatIsNoArchiveFailsInTar) {
-  test::write_file(archive(), "no archive");
-  expect_external_failure([this] { unpack(archive(), dest()); });
-  EXPECT_EQ(host.records, LogRecords{unpack_says("failed to extract files with error code: 2")});
+TEST_F(Unpack, AFailedCpIsLogged) {
+  expect_failed_command({{"cp", 6}}, all_commands, {"failed to move files with error code: 6"}, {});
 }
 
-TEST_F(Unpack, AFailedCopyIsLogged) {
-  pack_both();
-  host.on_command = test::fail_commands("cp ", 6);
-  expect_external_failure([this] { unpack(archive(), dest()); });
-  EXPECT_EQ(commands(), (Texts{tar(), cp(), rm()}));
-  EXPECT_EQ(host.records, LogRecords{unpack_says("failed to move files with error code: 6")});
-  EXPECT_EQ(test::names_in(dest()), Texts());
+TEST_F(Unpack, AFailedRmIsLoggedWithTheResultOfCp) {
+  expect_failed_command({{"rm", 9}}, all_commands,
+                        {"failed to remove temporary directory with error code: 0"}, {"a", "b"});
 }
 
-TEST_F(Unpack, AnArchiveThatHoldsNothingFailsInTheCopy) {
+TEST_F(Unpack, AFailedRmIsLoggedWithTheResultOfAFailedTar) {
+  expect_failed_command({{"tar", 4}, {"rm", 9}}, {all_commands[0], all_commands[2]},
+                        {"failed to extract files with error code: 4",
+                         "failed to remove temporary directory with error code: 4"},
+                        {});
+}
+
+TEST_F(Unpack, AFileThatIsNotAnArchiveFailsInTar) {
+  write_file(archive(), "no archive");
+  expect_failure(kUnpack, {"failed to extract files with error code: 2"}, [this] { unpack_it(); });
+}
+
+TEST_F(Unpack, AnArchiveWithoutFilesFailsInCp) {
   pack(archive(), config_dir(), " missing");
-  host.records.clear();
-  expect_external_failure([this] { unpack(archive(), dest()); });
-  EXPECT_EQ(host.records, LogRecords{unpack_says("failed to move files with error code: 1")});
+  expect_failure(kUnpack, {"failed to move files with error code: 1"}, [this] { unpack_it(); });
 }
 
-TEST_F(Unpack, AFailedRemovalAloneIsLoggedWithTheResultOfBefore) {
-  pack_both();
-  host.on_command = test::fail_commands("rm ", 9);
-  expect_external_failure([this] { unpack(archive(), dest()); });
-  EXPECT_EQ(host.records,
-            LogRecords{unpack_says("failed to remove temporary directory with error code: 0")});
-  EXPECT_EQ(test::names_in(dest()), (Texts{"a", "b"}));
-}
-
-TEST_F(Unpack, AFailedRemovalAfterAFailedTarRepeatsTheResultOfTar) {
-  host.on_command = [](const std::string& command) -> std::optional<int> {
-    return command.compare(0, 3, "tar") == 0 ? 4 : 9;
-  };
-  expect_external_failure([this] { unpack(archive(), dest()); });
-  EXPECT_EQ(host.records,
-            (LogRecords{unpack_says("failed to extract files with error code: 4"),
-                        unpack_says("failed to remove temporary directory with error code: 4")}));
-  EXPECT_EQ(test::names_in(dest()), Texts());
-}
-
-TEST_F(Unpack, BelowLevel1NothingIsLogged) {
-  host.log_level = 0;
-  host.on_command = [](const std::string&) -> std::optional<int> { return 1; };
-  expect_external_failure([this] { unpack(archive(), dest()); });
-  EXPECT_THROW(unpack(archive(), root() + "/missing"), XTOOStatus);
-  EXPECT_EQ(host.records, LogRecords());
-}
-
-TEST_F(Unpack, WhatTheHostThrowsLeavesNoScratchDirectory) {
+TEST_F(Unpack, AnExceptionOfTheHostLeavesNoScratchDirectory) {
   pack_both();
   for (const std::string prefix : {"tar", "cp", "rm"}) {
     host.on_command = [&](const std::string& command) -> std::optional<int> {
       if (command.compare(0, prefix.size(), prefix) == 0) throw std::runtime_error(prefix);
       return std::nullopt;
     };
-    EXPECT_THROW(unpack(archive(), dest()), std::runtime_error);
+    EXPECT_EQ(thrown([this] { unpack_it(); }), "std::runtime_error: " + prefix);
   }
-  EXPECT_EQ(test::names_in(dest()), (Texts{"a", "b"}));
+  EXPECT_EQ(names_in(dest()), (Texts{"a", "b"}));
 }
 
-using ReadArchive = Packing;
+class ReadArchive : public Packing {
+ protected:
+  /// Opens another file in place of the temporary file, whose read must then fail with this text.
+  void expect_status_5(const char* path, int flags, const std::string& error) {
+    const int other = open(path, flags | O_CLOEXEC);
+    ASSERT_NE(other, -1);
+    dup2(other, file.fd());
+    close(other);
+    errno = ENOENT;
+    EXPECT_EQ(thrown([this] { TempFile_to_BinObj(file, bytes); }), "XTOOStatus 5: " + error);
+    EXPECT_EQ(
+        host.records,
+        (LogRecords{{1,
+                     "void ConfSave::TempFile_to_BinObj(const ConfSave::TempFile&, std::vector<char>&)",
+                     "TempFile_to_BinObj",
+                     "source/archive",
+                     file.name() + ": failed to read from archive file: " + error,
+                     {}}}));
+  }
+
+  TempFile file;
+  Bytes bytes = Bytes(10, 'x');
+};
 
 TEST_F(ReadArchive, AFileIsReadFromItsStart) {
-  TempFile file;
   file.create();
   ASSERT_EQ(write(file.fd(), "a\0b", 3), 3);
-  std::vector<char> bytes(10, 'x');
   TempFile_to_BinObj(file, bytes);
-  EXPECT_EQ(bytes, (std::vector<char>{'a', '\0', 'b'}));
+  EXPECT_EQ(bytes, (Bytes{'a', '\0', 'b'}));
 }
 
 TEST_F(ReadArchive, AnEmptyFileAndNoFileAreEmpty) {
-  TempFile file;
-  std::vector<char> bytes(10, 'x');
   TempFile_to_BinObj(file, bytes);
-  EXPECT_TRUE(bytes.empty());
+  EXPECT_EQ(bytes, Bytes());
   bytes.resize(3);
   file.create();
   TempFile_to_BinObj(file, bytes);
-  EXPECT_TRUE(bytes.empty());
+  EXPECT_EQ(bytes, Bytes());
 }
 
-TEST_F(ReadArchive, WhatCannotBeReadIsStatus5) {
-  TempFile file;
+TEST_F(ReadArchive, ARefusedReadIsStatus5) {
   file.create();
   ASSERT_EQ(write(file.fd(), "abc", 3), 3);
-  const int write_only = open(file.name().c_str(), O_WRONLY | O_CLOEXEC);
-  dup2(write_only, file.fd());
-  close(write_only);
-  std::vector<char> bytes;
-  const auto error = test::thrown_by<XTOOStatus>([&] { TempFile_to_BinObj(file, bytes); });
-  EXPECT_EQ(error.Status(), 5);
-  EXPECT_STREQ(error.ErrorMessage(), "Bad file descriptor");
-  EXPECT_EQ(host.records,
-            (LogRecords{{1,
-                         "void ConfSave::TempFile_to_BinObj(const ConfSave::TempFile&, std::vector<char>&)",
-                         "TempFile_to_BinObj",
-                         "source/archive",
-                         file.name() + ": failed to read from archive file: Bad file descriptor",
-                         {}}}));
+  expect_status_5(file.name().c_str(), O_WRONLY, "Bad file descriptor");
 }
 
 TEST_F(ReadArchive, AShortReadIsStatus5) {
-  TempFile file;
   file.create();
-  // Its size is given as a page, and it holds a few digits.
-  const int shorter_than_it_says = open("/sys/kernel/uevent_seqnum", O_RDONLY | O_CLOEXEC);
-  ASSERT_NE(shorter_than_it_says, -1);
-  dup2(shorter_than_it_says, file.fd());
-  close(shorter_than_it_says);
-  std::vector<char> bytes;
-  errno = ENOENT;
-  const auto error = test::thrown_by<XTOOStatus>([&] { TempFile_to_BinObj(file, bytes); });
-  EXPECT_EQ(error.Status(), 5);
-  EXPECT_STREQ(error.ErrorMessage(), "Success");
-  EXPECT_EQ(host.records,
-            (LogRecords{{1,
-                         "void ConfSave::TempFile_to_BinObj(const ConfSave::TempFile&, std::vector<char>&)",
-                         "TempFile_to_BinObj",
-                         "source/archive",
-                         file.name() + ": failed to read from archive file: Success",
-                         {}}}));
+  // This file reports the size of a page and contains a few digits.
+  expect_status_5("/sys/kernel/uevent_seqnum", O_RDONLY, "Success");
 }
 
 }  // namespace

@@ -52,6 +52,13 @@ inline const std::string kPackCorlu =
     "user/users.conf user/schedule.conf user/notify.conf user/config.db user/config.idx "
     "user/upgrade.conf user/corlucfg-config.crg 2>/dev/null";
 
+/// The commands that unpack one archive into `dir`.
+inline Texts unpack_into(const std::string& dir) {
+  return {"tar xzf <archive> --exclude corlu.serv -C " + dir + "/<scratch> 2>/dev/null",
+          "cp -alf " + dir + "/<scratch>/* " + dir + "/. 2>/dev/null",
+          "rm -rf " + dir + "/<scratch> 2>/dev/null"};
+}
+
 // Log records.
 
 /// A function of the library that writes log records.

@@ -1,5 +1,6 @@
 #include "support/files.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,6 +38,20 @@ std::map<std::string, std::string> tree(const std::string& dir) {
     if (entry.is_regular_file()) {
       files[fs::relative(entry.path(), dir).string()] = read_file(entry.path().string());
     }
+  }
+  return files;
+}
+
+void empty_directory(const std::string& dir) {
+  for (const auto& entry : fs::directory_iterator(dir)) fs::remove_all(entry.path());
+}
+
+Files files_below(const std::string& dir) {
+  Files files;
+  for (const auto& [name, content] : tree(dir)) {
+    struct stat status = {};
+    if (stat((dir + name).c_str(), &status) != 0) throw std::runtime_error("stat " + dir + name);
+    files[name] = {content, status.st_mode & 07777U, status.st_mtime};
   }
   return files;
 }

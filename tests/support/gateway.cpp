@@ -63,10 +63,6 @@ void set_times(const std::string& path, std::time_t seconds) {
   if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) throw std::runtime_error("utimensat " + path);
 }
 
-void empty_directory(const std::string& dir) {
-  for (const auto& entry : fs::directory_iterator(dir)) fs::remove_all(entry.path());
-}
-
 }  // namespace
 
 Gateway::Gateway() {

@@ -47,6 +47,18 @@ class OpenedStorage : public Gateway {
 
   Texts statements() const { return without_now(recorder.statements()); }
 
+  /// Checks that `call` logs `expected` at level 4, and at each lower level those records that belong to
+  /// it.
+  void expect_logged(const LogRecords& expected, const std::function<void()>& call) {
+    for (int level = 4; level >= 0; --level) {
+      LogRecords share;
+      for (const LogRecord& record : expected) {
+        if (record.level <= level) share.push_back(record);
+      }
+      EXPECT_EQ(logged_at(level, call), share) << "at level " << level;
+    }
+  }
+
   LogRecords logged_at(int level, const std::function<void()>& call) {
     host.log_level = level;
     host.records.clear();
