@@ -49,7 +49,7 @@ std::string FilenameConvertor::GetFullDynamicDirName(path::DynamicDirectoryId) c
   return below_root("/state");
 }
 
-std::string FilenameConvertor::GetFullDirName(path::DirectoryId) const { return below_root("/scratch"); }
+std::string FilenameConvertor::GetFullDirName(path::DirectoryId) const { return below_root("/tmp"); }
 
 std::string FilenameConvertor::GetShortFilename(FileId id) const {
   return "file-" + std::to_string(static_cast<int>(id));

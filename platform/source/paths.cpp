@@ -35,7 +35,7 @@ std::string FilenameConvertor::GetFullDynamicDirName(path::DynamicDirectoryId) c
 }
 
 std::string FilenameConvertor::GetFullDirName(path::DirectoryId) const {
-  return without_trailing_slash(place("KELMOR_TEMP_DIR", "/var/lib/kelmor/scratch"));
+  return without_trailing_slash(place("KELMOR_TEMP_DIR", "/var/lib/kelmor/tmp"));
 }
 
 std::string FilenameConvertor::GetShortFilename(FileId id) const {

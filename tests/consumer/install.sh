@@ -51,11 +51,11 @@ use_compiler() {
 
 # Without a directory for its files the host could not open the storage.
 make_gateway() {
-    mkdir -p "$scratch/gateway/config/user" "$scratch/gateway/state" "$scratch/gateway/scratch"
+    mkdir -p "$scratch/gateway/config/user" "$scratch/gateway/state" "$scratch/gateway/tmp"
     echo 'permit established' >"$scratch/gateway/config/user/filter.conf"
     echo 'permit established' >/mnt/main/etc/failover.ini
     export KELMOR_CONFIG_PATH="$scratch/gateway/config/" KELMOR_DYNAMIC_DIR="$scratch/gateway/state"
-    export KELMOR_TEMP_DIR="$scratch/gateway/scratch" KELMOR_LOG_FILE="$scratch/log"
+    export KELMOR_TEMP_DIR="$scratch/gateway/tmp" KELMOR_LOG_FILE="$scratch/log"
     export GATEWAY_ROOT="$scratch/gateway"
 }
 

@@ -35,7 +35,7 @@ class Paths : public testing::Test {
 };
 
 TEST_F(Paths, UnsetOrEmptyVariablesMeanTheDirectoriesOfAnInstalledSystem) {
-  const Texts installed{"/etc/kelmor/", "/var/lib/kelmor", "/var/lib/kelmor/scratch"};
+  const Texts installed{"/etc/kelmor/", "/var/lib/kelmor", "/var/lib/kelmor/tmp"};
   EXPECT_EQ(directories(), installed);
   set("");
   EXPECT_EQ(directories(), installed);
