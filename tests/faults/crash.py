@@ -3,17 +3,19 @@
 
     crash.py OPERATE [--full] [--seed=N]
 
-The system calls of one overwrite on the state directory are recorded. A state after a power cut is what a
-prefix of them leaves: whatever a sync covered is there, and of the rest an arbitrary part, a write maybe
-torn at a sector. In each state the database must be sound, and the row the old one or the new one.
+The system calls of one overwrite on the state directory are recorded, of a small snapshot and of one that
+SQLite's cache does not hold. A state after a power cut is what a prefix of them leaves: whatever a sync
+covered is there, and of the rest an arbitrary part, a write maybe torn at a sector. In each state the
+library lists and loads first, then the program, each from a copy of its own: both find the old snapshot or
+both the new one, whole. Only then the database itself is looked at.
 """
 
 import hashlib
 import re
 import shutil
-import sqlite3
 
-from gateway import Gateway, main, require
+from gateway import Gateway, has_hot_journal, main, require
+from stored import require_stored
 
 CALLS = "openat,pwrite64,write,fsync,fdatasync,unlink,ftruncate,close"
 SECTOR = 512
@@ -68,9 +70,10 @@ def record(gateway):
 class Disk:
     """What has been asked for, and how much of it a power cut may take back."""
 
-    def __init__(self, files, directory):
-        self.durable = dict(files)
-        self.directory = directory
+    def __init__(self, state):
+        self.durable = {str(path): bytearray(path.read_bytes()) for path in state.iterdir()}
+        self.directory = str(state)
+        self.nameless = {}  # contents that were synced before the directory that has the name
         self.pending = []
 
     def call(self, call):
@@ -90,109 +93,110 @@ class Disk:
 
     def sync(self, name):
         """A file's sync takes its contents down, the directory's its names."""
-        covered = [c for c in self.pending
-                   if (c[0] in ("create", "unlink") if name == self.directory
-                       else c[1] == name and c[0] in ("write", "truncate"))]
-        if name != self.directory:
-            created = [c for c in self.pending if c == ("create", name)]
-            # The contents are on the disk; the name may not be. They meet when the directory is synced.
-            self.hidden(name, covered, bool(created))
+        if name == self.directory:
+            covered = [call for call in self.pending if call[0] in ("create", "unlink")]
+            files = self.durable
         else:
-            for call in covered:
-                self.apply(self.durable, call)
-        self.pending = [c for c in self.pending if c not in covered]
-
-    def hidden(self, name, covered, unnamed):
-        contents = bytearray(self.durable.get(name, b"") if not unnamed else self.store.get(name, b""))
-        files = {name: bytes(contents)}
+            covered = [call for call in self.pending
+                       if call[1] == name and call[0] in ("write", "truncate")]
+            files = self.nameless if ("create", name) in self.pending else self.durable
+            files.setdefault(name, bytearray())
         for call in covered:
             self.apply(files, call)
-        if unnamed:
-            self.store[name] = files[name]
-        else:
-            self.durable[name] = files[name]
-
-    @property
-    def store(self):
-        return self.__dict__.setdefault("_store", {})
+        done = set(map(id, covered))
+        self.pending = [call for call in self.pending if id(call) not in done]
 
     def apply(self, files, call, source=None):
         kind, name = call[0], call[1]
         if kind == "create":
-            files.setdefault(name, self.store.get(name, b""))
+            files.setdefault(name, bytearray(self.nameless.get(name, b"")))
         elif kind == "unlink":
             files.pop(name, None)
         elif name in files:
-            contents = bytearray(files[name])
+            contents = files[name]
             if kind == "truncate":
-                contents = contents[:call[2]].ljust(call[2], b"\0")
-            else:
-                offset, data = call[2], call[3]
-                if source is not None and source.random() < 0.2:
-                    data = data[:source.randrange(0, len(data) + 1, SECTOR)]
-                contents = contents.ljust(offset + len(data), b"\0")
-                contents[offset:offset + len(data)] = data
-            files[name] = bytes(contents)
+                contents[:] = contents[:call[2]].ljust(call[2], b"\0")
+                return
+            offset, data = call[2], call[3]
+            if source is not None and source.random() < 0.2:
+                data = data[:source.randrange(0, len(data) + 1, SECTOR)]
+            if len(contents) < offset:
+                contents.extend(bytes(offset - len(contents)))
+            contents[offset:offset + len(data)] = data
 
     def after_power_cut(self, source, chance):
         """One of the states that may be found afterwards: each pending call done with this chance."""
-        files = dict(self.durable)
+        files = {name: bytearray(contents) for name, contents in self.durable.items()}
         for call in self.pending:
             if source.random() < chance:
                 self.apply(files, call, source if 0 < chance < 1 else None)
         return files
 
 
-def row(database):
-    connection = sqlite3.connect(database)
-    try:
-        integrity = connection.execute("pragma integrity_check").fetchall()
-        rows = connection.execute("select name, keybase, etc from Config where name in ('weekly', 'kept') "
-                                  "order by name").fetchall()
-    finally:
-        connection.close()
-    return integrity, [(r[0], *(hashlib.sha256(b).hexdigest() for b in r[1:])) for r in rows]
+class Overwrite:
+    """The power cuts in one overwrite."""
 
-
-def campaign(program, full, source):
-    with Gateway(program) as gateway:
+    def __init__(self, gateway, size):
         gateway.write_configuration("old", 8000)
         gateway.do("save", "kept")
         gateway.do("save", "weekly")
-        before = {str(path): path.read_bytes() for path in gateway.state.iterdir()}
-        old = row(gateway.database)
-        gateway.write_configuration("new", 12000)
-        calls = record(gateway)
-        new = row(gateway.database)
-        require(old != new and old[0] == new[0] == [("ok",)], "the overwrite did nothing")
-        require(any(c[0] == "sync" for c in calls), "nothing was synced")
+        self.gateway = gateway
+        self.disk = Disk(gateway.state)
+        old, new = gateway.expected_files("old", 8000), gateway.expected_files("new", size)
+        self.expected = {"kept": [old], "weekly": [old, new]}
+        gateway.write_configuration("new", size)
+        self.calls = record(gateway)
+        require(any(call[0] == "sync" for call in self.calls), "nothing was synced")
+        self.seen, self.states, self.found, self.hot = set(), 0, [0, 0], 0
 
-        state = gateway.root / "after"
-        seen, states, both = set(), 0, [0, 0]
-        wanted = 6000 if full else 400
-        while states < wanted:
-            disk = Disk(before, str(gateway.state))
-            for position in range(len(calls) + 1):
-                for chance in (0.0, 1.0) if states == 0 else (source.choice([0.2, 0.5, 0.8, 0.95]),):
-                    files = disk.after_power_cut(source, chance)
-                    states += 1
-                    key = hashlib.sha256(repr(sorted(files.items())).encode()).digest()
-                    if key in seen:
-                        continue
-                    seen.add(key)
-                    shutil.rmtree(state, ignore_errors=True)
-                    state.mkdir()
-                    for name, contents in files.items():
-                        (state / name.rsplit("/", 1)[1]).write_bytes(contents)
-                    found = row(state / "storage.db")
-                    require(found in (old, new), "after call", position, "of", len(calls), "the row is",
-                            found)
-                    both[found == new] += 1
-                if position < len(calls):
-                    disk.call(calls[position])
-    require(min(both) > 0, "old and new were not both seen:", both)
-    return (f"{len(calls)} calls, {states} states of which {len(seen)} differ: "
-            f"{both[0]} with the old row, {both[1]} with the new one")
+    def states_along(self, source, chances, share):
+        """Cuts the power after this share of the calls."""
+        disk = Disk(self.gateway.state)
+        disk.durable = {name: bytearray(contents) for name, contents in self.disk.durable.items()}
+        for position in range(len(self.calls) + 1):
+            if position in (0, len(self.calls)) or source.random() < share:
+                for chance in chances:
+                    self.cut(disk.after_power_cut(source, chance), position)
+            if position < len(self.calls):
+                disk.call(self.calls[position])
+
+    def cut(self, files, position):
+        self.states += 1
+        key = hashlib.sha256(repr(sorted(files.items())).encode()).digest()
+        if key in self.seen:
+            return
+        self.seen.add(key)
+        state = self.gateway.root / "after"
+        shutil.rmtree(state, ignore_errors=True)
+        state.mkdir()
+        for name, contents in files.items():
+            (state / name.rsplit("/", 1)[1]).write_bytes(contents)
+        self.hot += has_hot_journal(state)
+        try:
+            stored = require_stored(self.gateway, self.expected, ["weekly"], state=state)
+        except Exception as failure:
+            raise type(failure)(f"after call {position} of {len(self.calls)}: {failure}") from failure
+        self.found[self.expected["weekly"].index(stored["weekly"])] += 1
+
+    def figures(self):
+        require(self.hot > 0, "no state had a hot journal")
+        require(min(self.found) > 0, "old and new were not both seen:", self.found)
+        return (f"{len(self.calls)} calls, {self.states} states of which {len(self.seen)} differ and "
+                f"{self.hot} have a hot journal: {self.found[0]} with the old snapshot, "
+                f"{self.found[1]} with the new one")
+
+
+def campaign(program, full, source):
+    figures = []
+    for size, wanted, share in ((12000, 6000 if full else 200, 1.0 if full else 0.2),
+                                (300000, 300 if full else 12, 0.02 if full else 0.002)):
+        with Gateway(program) as gateway:
+            overwrite = Overwrite(gateway, size)
+            overwrite.states_along(source, (0.0, 1.0), share)
+            while overwrite.states < wanted:
+                overwrite.states_along(source, (source.choice([0.2, 0.5, 0.8, 0.95]),), share)
+            figures.append(f"{size * 12 // 1000} kB: {overwrite.figures()}")
+    return "; ".join(figures)
 
 
 main(campaign)

@@ -40,11 +40,30 @@ def remove(path):
         path.unlink()
 
 
+def files(directory):
+    return {str(path.relative_to(directory)): path.read_bytes()
+            for path in directory.rglob("*") if path.is_file()}
+
+
+def shortened(found):
+    """Files with as much of their contents as a person reads."""
+    if isinstance(found, str):
+        return found
+    return {name: (contents[:20], len(contents)) for name, contents in found.items()}
+
+
+def has_hot_journal(state):
+    """Whether whoever opens the storage next has to undo something."""
+    journal = state / "storage.db-journal"
+    return journal.exists() and any(journal.read_bytes()[:28])
+
+
 class Gateway:
     def __init__(self, program, parent=None):
         if os.environ.get("CONFSAVE_SANDBOX") != "1":
             sys.exit("These tests fill /mnt/main/etc. Run them by script/faults or ctest.")
         self.program = os.path.realpath(program)
+        self.confsave = pathlib.Path(self.program).parent.parent / "console" / "confsave"
         # The sandbox's own file system: in memory, and gone with it.
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="confsave-faults-", dir=parent or "/mnt"))
         self.config, self.state = self.root / "config", self.root / "state"
@@ -53,11 +72,15 @@ class Gateway:
             directory.mkdir(parents=True)
         self.database = self.state / "storage.db"
         self.targets = 0
+        self.inspector = None
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
+        if self.inspector is not None:
+            self.inspector.stdin.close()
+            self.inspector.wait()
         for path in ETC.iterdir():
             remove(path)
         shutil.rmtree(self.root, ignore_errors=True)
@@ -142,6 +165,10 @@ class Gateway:
         return [path for directory in (self.config, ETC, self.scratch) for path in directory.iterdir()
                 if len(path.name) == 6 and path.name.isalnum()]
 
+    def remove_temporary_files(self):
+        for path in self.scratch.iterdir():
+            remove(path)
+
     def remove_scratch_directories(self):
         for path in self.scratch_directories():
             remove(path)
@@ -164,8 +191,17 @@ class Gateway:
     def restore_state(self):
         shutil.rmtree(self.state)
         shutil.copytree(self.root / "kept", self.state)
-        for path in self.scratch.iterdir():
-            remove(path)
+        self.remove_temporary_files()
+
+    def require_whole_files(self, *contents, size=0):
+        """The live configuration: each file is there and is one of those; the database may be gone."""
+        now = self.configuration()
+        for directory, names in ((self.config, CONFIG + DATABASE), (ETC, FAILOVER)):
+            for name in names:
+                path = str(directory / name)
+                require(path in now or name in DATABASE, name, "is gone")
+                allowed = [self.expected_files(content, size)[name] for content in contents]
+                require(path not in now or now[path] in allowed, name, "is neither of", contents)
 
     def loaded(self, name, verb="load"):
         """The files of a snapshot, or None where there is no such snapshot."""
@@ -176,19 +212,18 @@ class Gateway:
         if status != 0:
             require(output == "status 0 \n", name, "does not load:", output)
             return None
-        files = {str(path.relative_to(target)): path.read_bytes()
-                 for path in target.rglob("*") if path.is_file()}
+        found = files(target)
         shutil.rmtree(target)
-        return files
+        return found
 
     def require_loads(self, name, *contents, verb="load", may_be_missing=False, size=0):
         """The snapshot is whole, and is that of one of the contents."""
-        files = self.loaded(name, verb)
-        if files is None and may_be_missing:
+        found = self.loaded(name, verb)
+        if found is None and may_be_missing:
             return
-        require(files is not None, name, "is lost")
+        require(found is not None, name, "is lost")
         expected = [self.expected_files(content, size) for content in contents]
-        require(files in expected, name, "is not whole:", files)
+        require(found in expected, name, "is not whole:", shortened(found))
 
 
 def main(campaign):
@@ -200,6 +235,6 @@ def main(campaign):
     start = time.monotonic()
     try:
         figures = campaign(program, full, random.Random(seed))
-    except Failure as failure:
+    except (Failure, sqlite3.Error) as failure:
         sys.exit(f"{os.path.basename(sys.argv[0])}: {failure}")
     print(f"{figures}; {time.monotonic() - start:.0f} s, seed {seed}")

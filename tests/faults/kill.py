@@ -3,14 +3,17 @@
 
     kill.py OPERATE [--full] [--seed=N]
 
-Whatever it did, every row that was there loads, whole, and the next save works.
+It is killed at its steps, at the system calls by which SQLite writes, and at random times. Whatever it did,
+the library and then the program list and load every row that was there, whole, before anybody else opens
+the file; the live configuration is whole, and the next save works.
 """
 
 import os
 import signal
 import time
 
-from gateway import Gateway, main, require
+from gateway import Gateway, has_hot_journal, main, require
+from stored import require_stored
 
 # Verb, its arguments, what is typed, and whether the row that it overwrites has a window without one.
 OPERATIONS = [
@@ -25,41 +28,51 @@ OPERATIONS = [
 ]
 
 
+# So that a snapshot takes some pages of the database.
+SIZE = 3000
+
+
 def prepare(gateway):
-    gateway.write_configuration("old")
+    gateway.write_configuration("old", SIZE)
     for name in ("kept", "weekly"):
         gateway.do("save", name)
     for name in ("daily", "steady"):
         gateway.do("app-save", name)
     gateway.do("autosave", "9")
-    gateway.write_configuration("new")
+    gateway.write_configuration("new", SIZE)
     gateway.keep_state()
 
 
 def check(gateway, window):
-    gateway.require_integrity()
-    gateway.require_loads("kept", "old")
-    gateway.require_loads("weekly", "old", "new")
-    gateway.require_loads("steady", "old", verb="app-load-row")
-    gateway.require_loads("daily", "old", "new", verb="app-load-row", may_be_missing=window)
+    old, new = gateway.expected_files("old", SIZE), gateway.expected_files("new", SIZE)
+    require_stored(gateway, {"kept": [old], "weekly": [old, new], "steady": [old], "daily": [old, new],
+                            "fresh": [new], "before": [new], "autosave*": [old, new]},
+                           names=["weekly"],
+                           may_be_missing=["fresh", "before"] + (["daily"] if window else []))
     rows = gateway.query("select count(*) from Config where name like 'autosave%'")
     require(rows[0][0] >= 1, "an autosave is lost")
     gateway.do("save", "next")
-    gateway.require_loads("next", "new", "old")
+    gateway.require_loads("next", "new", size=SIZE)
 
 
 def strike(gateway, operation, process, window):
+    """Returns whether the storage was left in the middle of something."""
     process.wait()
     process.stdout.close()
     gateway.wait_for_group(process)
-    missing = [name for name in gateway.expected if name not in gateway.configuration()]
-    require(all("/config." in name for name in missing), operation, "lost", missing)
-    # What a killed restore leaves has links to files in place; to a cp that replaces those, and is killed
-    # in its turn, they make a difference.
-    gateway.remove_scratch_directories()
-    gateway.write_configuration("new")
-    check(gateway, window)
+    hot = has_hot_journal(gateway.state)
+    try:
+        gateway.require_whole_files("old", "new", size=SIZE)
+        # What a killed restore leaves has links to files in place; to a cp that replaces those, and is
+        # killed in its turn, they make a difference.
+        gateway.remove_scratch_directories()
+        gateway.remove_temporary_files()
+        gateway.write_configuration("new", SIZE)
+        check(gateway, window)
+    except Exception as failure:
+        raise type(failure)(f"{operation}: {failure}") from failure
     gateway.restore_state()
+    return hot
 
 
 def at_steps(gateway, full, source):
@@ -67,9 +80,9 @@ def at_steps(gateway, full, source):
     for verb, words, typed, window in OPERATIONS:
         steps = gateway.steps_of(verb, *words, typed=typed)
         gateway.restore_state()
-        gateway.write_configuration("new")
+        gateway.write_configuration("new", SIZE)
         require(steps > 5, verb, "has no steps")
-        chosen = range(1, steps + 1) if full else source.sample(range(1, steps + 1), 4)
+        chosen = range(1, steps + 1) if full else source.sample(range(1, steps + 1), 2)
         for step in chosen:
             for victim in ("group", "host") if full else (source.choice(["group", "host"]),):
                 process = gateway.start(verb, *words, typed=typed, KILL_AT=step, KILL=victim)
@@ -77,6 +90,25 @@ def at_steps(gateway, full, source):
                 require(process.returncode == -signal.SIGKILL, verb, "step", step, "came to nothing")
                 kills += 1
     return kills
+
+
+def at_system_calls(gateway, full, source):
+    """The host alone, just before one of the calls by which SQLite writes. Kills, and hot journals."""
+    kills = hot = 0
+    for verb, words, typed, window in OPERATIONS if full else OPERATIONS[1:2]:
+        for call in ("pwrite64", "fdatasync", "unlink"):
+            number = 0
+            while True:
+                number += 1 if full else source.randrange(4, 14) if call == "pwrite64" else 1
+                tracer = ["strace", "-qq", "-o", gateway.root / "trace", "-e", f"trace={call}",
+                          "-e", f"inject={call}:signal=KILL:when={number}"]
+                process = gateway.start(verb, *words, typed=typed, prefix=tracer)
+                hot += strike(gateway, (verb, words, call, number), process, window)
+                if process.returncode != -signal.SIGKILL:
+                    break
+                kills += 1
+    require(hot > 0, "no strike left a hot journal")
+    return kills, hot
 
 
 def durations(gateway):
@@ -88,7 +120,7 @@ def durations(gateway):
         gateway.do(verb, *words, typed=typed)
         result[str(operation)] = time.monotonic() - start
         gateway.restore_state()
-    gateway.write_configuration("new")
+    gateway.write_configuration("new", SIZE)
     return result
 
 
@@ -114,10 +146,11 @@ def at_random_times(gateway, count, source):
 def campaign(program, full, source):
     with Gateway(program) as gateway:
         prepare(gateway)
-        gateway.expected = gateway.configuration()
         steps = at_steps(gateway, full, source)
-        times = at_random_times(gateway, 1000 if full else 20, source)
-    return f"{steps} kills at steps, {times} at random times, nothing lost"
+        calls, hot = at_system_calls(gateway, full, source)
+        times = at_random_times(gateway, 500 if full else 8, source)
+    return (f"{steps} kills at steps, {calls} at system calls with {hot} hot journals, "
+            f"{times} at random times, nothing lost")
 
 
 main(campaign)

@@ -6,12 +6,19 @@
 //   FAULT_KILL=host    … alone, its commands live on
 //   FAULT_COUNT=FILE   writes the number of its steps there when it ends
 //   FAULT_FSIZE=N      no command can write a file of more than N bytes
-//   FAULT_COMMAND=TEXT FAULT_FSIZE and FAULT_SIGNAL are for commands that begin so
-//   FAULT_SIGNAL=N     gets signal N, with its whole process group, 20 ms after a command began
+//   FAULT_COMMAND=TEXT FAULT_FSIZE, FAULT_SIGNAL and FAULT_BEFORE are for commands that begin so
+//   FAULT_SIGNAL=N     gets signal N, with its whole process group, while a command runs
+//   FAULT_SIGNAL_TO=commands  … the command alone gets it, with all its children
+//   FAULT_DELAY=N      milliseconds from the beginning of the command to the signal, 20 by default
+//   FAULT_BEFORE=LINE  is run before the command
 //
 // A step is the beginning and the end of each command, statement and log record.
 //
 // Prints "done" or what went wrong; exits with 0 or 1.
+//
+// `operate inspect` reads lines "STATE TARGET [NAME...]". For each it opens the storage of that state
+// directory, lists it, loads the named rows, or all, into directories below TARGET, and lists it again. It
+// prints a line for each row and a last one with a dot.
 
 #include <confsave.h>
 #include <dlfcn.h>
@@ -21,16 +28,21 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <map>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -89,17 +101,34 @@ int run_by_platform(const std::string& command) {
   return run("%s", command.c_str());
 }
 
+/// Kills leaves first, so that nobody is left who could start another one.
+void signal_children(const std::string& task, int signal_number) {
+  std::ifstream children("/proc/" + task + "/children");
+  for (std::string child; children >> child;) {
+    signal_children(child + "/task/" + child, signal_number);
+    kill(std::stoi(child), signal_number);
+  }
+}
+
+void send_signal(long signal_number, const std::string& spawner) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(number("FAULT_DELAY", 20)));
+  if (setting("FAULT_SIGNAL_TO") == "commands") {
+    signal_children(spawner, static_cast<int>(signal_number));
+  } else {
+    kill(0, static_cast<int>(signal_number));
+  }
+}
+
 int run_with_faults(const std::string& command) {
   if (command.rfind(setting("FAULT_COMMAND"), 0) != 0) return run_by_platform(command);
+  if (const std::string line = setting("FAULT_BEFORE"); !line.empty()) run_by_platform(line);
   if (const long limit = number("FAULT_FSIZE", -1); limit >= 0) {
     const FileLimit guard(limit);
     return run_by_platform(command);
   }
   if (const long signal_number = number("FAULT_SIGNAL", 0); signal_number != 0) {
-    std::thread sender([signal_number] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      kill(0, static_cast<int>(signal_number));
-    });
+    const std::string pid = std::to_string(getpid());
+    std::thread sender(send_signal, signal_number, pid + "/task/" + pid);
     const int result = run_by_platform(command);
     sender.join();
     return result;
@@ -116,6 +145,57 @@ void demand_row(const std::string& name, int64 version) {
   Storage storage;
   const Configs found = storage.FindMatching(name, version, false);
   if (found.empty()) throw std::runtime_error("the row is not there");
+}
+
+/// What loading the row ended in, as perform() says it.
+std::string outcome_of(const std::function<void()>& operation) {
+  try {
+    operation();
+    return "done";
+  } catch (const XTOOStatus& error) {
+    return "status " + std::to_string(error.Status()) + " " + error.ErrorMessage();
+  } catch (const std::exception& error) {
+    return std::string("exception ") + error.what();
+  }
+}
+
+bool is_asked_for(const Arguments& names, const std::string& name) {
+  return names.empty() || std::find(names.begin(), names.end(), name) != names.end();
+}
+
+void inspect(const std::string& state, const std::string& target, const Arguments& names) {
+  setenv("KELMOR_DYNAMIC_DIR", state.c_str(), 1);
+  const Configs before = Storage().List(0, "name", false);
+  for (const Config& config : before) {
+    std::string outcome = "listed";
+    if (is_asked_for(names, config.name)) {
+      const std::string place = target + "/" + config.name + "-" + std::to_string(config.vers) + "/";
+      std::filesystem::create_directories(place);
+      outcome = outcome_of([&] { Storage().Load(config.name, place.c_str(), config.vers, false); });
+    }
+    std::cout << config.name << '\t' << config.vers << '\t' << config.type << '\t' << outcome << '\n';
+  }
+  const Configs after = Storage().List(0, "name", false);
+  std::cout << (after.size() == before.size() ? "." : ". a row is gone") << std::endl;
+}
+
+void inspect_all() {
+  for (std::string line; std::getline(std::cin, line);) {
+    std::istringstream words(line);
+    std::string state;
+    std::string target;
+    words >> state >> target;
+    inspect(state, target, {std::istream_iterator<std::string>(words), {}});
+  }
+}
+
+/// Looks for a row that others overwrite all the time, and must never be without.
+void demand_always(const std::string& name, int count) {
+  for (int i = 0; i < count; ++i) demand_row(name, CURRENT_VERSION);
+}
+
+void repeat(const Arguments& arguments, const std::function<void(const std::string&)>& operation) {
+  for (int i = 0, count = std::stoi(arguments.at(1)); i < count; ++i) operation(std::to_string(i));
 }
 
 const std::map<std::string, std::function<void(const Arguments&)>> kVerbs{
@@ -146,27 +226,24 @@ const std::map<std::string, std::function<void(const Arguments&)>> kVerbs{
     {"ask-load", [](const Arguments& a) { load(a.at(0), nullptr, 0, false); }},
     {"save-many",
      [](const Arguments& a) {
-       const int count = std::stoi(a.at(1));
-       for (int i = 0; i < count; ++i) answer(save(a.at(0) + std::to_string(i), conf_corlu, 0, true));
+       repeat(a, [&](const std::string& i) { answer(save(a[0] + i, conf_full, 0, true)); });
      }},
     {"save-again",
      [](const Arguments& a) {
-       const int count = std::stoi(a.at(1));
-       for (int i = 0; i < count; ++i) answer(save(a.at(0), conf_corlu, 0, true));
+       repeat(a, [&](const std::string&) { answer(save(a[0], conf_full, 0, true)); });
      }},
+    {"app-save-many",
+     [](const Arguments& a) {
+       repeat(a, [&](const std::string& i) { answer(App::save(a[0] + i, conf_full)); });
+     }},
+    {"find-always", [](const Arguments& a) { demand_always(a.at(0), std::stoi(a.at(1))); }},
+    {"inspect", [](const Arguments&) { inspect_all(); }},
 };
 
 int perform(const Arguments& words) {
-  try {
-    kVerbs.at(words.at(0))({words.begin() + 1, words.end()});
-    std::cout << "done\n";
-    return 0;
-  } catch (const XTOOStatus& error) {
-    std::cout << "status " << error.Status() << " " << error.ErrorMessage() << "\n";
-  } catch (const std::exception& error) {
-    std::cout << "exception " << error.what() << "\n";
-  }
-  return 1;
+  const std::string outcome = outcome_of([&] { kVerbs.at(words.at(0))({words.begin() + 1, words.end()}); });
+  std::cout << outcome << "\n";
+  return outcome == "done" ? 0 : 1;
 }
 
 }  // namespace

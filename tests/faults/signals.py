@@ -3,7 +3,9 @@
 
     signals.py OPERATE [--full] [--seed=N]
 
-The stated message or the default death; the database whole, and every row.
+Signals go to the host with its commands, and to the commands alone. It ends with the stated message or the
+default death; every row is there, whole, the new one only where the operation may have come so far, and
+each file of the live configuration is the old or the stored one.
 """
 
 import os
@@ -12,39 +14,72 @@ import subprocess
 import time
 
 from gateway import Gateway, main, require
+from stored import require_stored
 
 SIGNALS = [signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGHUP]
 
 
-def check(gateway, *where):
-    gateway.require_integrity()
-    rows = gateway.query("select name from Config where version != 0 order by name")
-    require(rows == [("kept",), ("weekly",)], where, "rows:", rows)
+SIZE = 100000
+
+
+def check(gateway, where, weekly=("old", "new"), names=("weekly",)):
+    """What the library and the program find; then everything is as before."""
+    old, new = gateway.expected_files("old", SIZE), gateway.expected_files("new", SIZE)
+    gateway.remove_temporary_files()
+    try:
+        require_stored(gateway, {"kept": [old], "shell": [old, new], "autosave*": [old, new],
+                                "weekly": [gateway.expected_files(content, SIZE) for content in weekly]},
+                               names=names, may_be_missing=["shell"])
+        gateway.require_whole_files("old", "new", size=SIZE)
+    except Exception as failure:
+        raise type(failure)(f"{where}: {failure}") from failure
     gateway.restore_state()
-    gateway.write_configuration("new", 200000)
+    gateway.remove_scratch_directories()
+    gateway.write_configuration("new", SIZE)
+
+
+def strike_command(gateway, verb, words, command, number, **options):
+    """Returns whether the operation failed of it."""
+    where = (verb, command, number, options)
+    status, output = gateway.run(verb, *words, SIGNAL=int(number), COMMAND=command, **options)
+    done = output.endswith("done\n")
+    failed = output in ("'tar' returned non-zero exit status.\n", "status 36 \n")
+    require(status == -number or done or failed, *where, "ended with", status, output)
+    require(status == -number or not list(gateway.scratch.iterdir()), *where, "left a temporary file")
+    weekly = ("old", "new") if status == -number else ("new",) if verb == "save" and done else ("old",)
+    check(gateway, where, weekly)
+    return not done
+
+
+CASES = [("save", ["weekly"], "cd "), ("load", ["weekly"], "tar "), ("load", ["weekly"], "cp ")]
 
 
 def during_commands(gateway):
-    count = 0
-    cases = [("save", ["weekly"], "cd "), ("load", ["weekly"], "tar "), ("load", ["weekly"], "cp ")]
-    for verb, words, command in cases:
-        for number in SIGNALS:
-            status, output = gateway.run(verb, *words, SIGNAL=int(number), COMMAND=command)
-            said = output.endswith("done\n") or output in ("'tar' returned non-zero exit status.\n",
-                                                           "status 36 \n")
-            require(status == -number or said, verb, command, number, "ended with", status, output)
-            check(gateway, verb, command, number)
-            count += 1
-    return count
+    failed = [strike_command(gateway, verb, words, command, number)
+              for verb, words, command in CASES for number in SIGNALS]
+    require(any(failed), "no signal came in time")
+    return len(failed)
+
+
+def to_commands_alone(gateway, count, source):
+    """The shell and its children are killed, and the host is not."""
+    failed = 0
+    for _ in range(count):
+        verb, words, command = source.choice(CASES)
+        number = source.choice([signal.SIGKILL, signal.SIGTERM])
+        failed += strike_command(gateway, verb, words, command, number,
+                                 SIGNAL_TO="commands", DELAY=source.randrange(1, 25))
+    require(failed > 0, "no command was killed in time")
+    return count, failed
 
 
 def at_random_times(gateway, count, source):
     for _ in range(count):
         verb, words, typed = source.choice([("save", ["weekly"], ""), ("load", ["weekly"], ""),
-                                            ("app-save", ["weekly"], "y\n"), ("list", [], "")])
+                                            ("app-save", ["shell"], "y\n"), ("list", [], "")])
         number = source.choice(SIGNALS)
         process = gateway.start(verb, *words, typed=typed)
-        time.sleep(source.uniform(0, 0.15))
+        time.sleep(source.uniform(0, 0.1))
         try:
             os.killpg(process.pid, number)
         except ProcessLookupError:
@@ -54,7 +89,7 @@ def at_random_times(gateway, count, source):
         process.stdout.close()
         gateway.wait_for_group(process)
         require(status in (0, 1, -number), verb, number, "ended with", status, output)
-        check(gateway, verb, number)
+        check(gateway, (verb, number))
     return count
 
 
@@ -62,30 +97,28 @@ def without_streams(gateway):
     """Closed from the start, or a pipe that nobody reads."""
     count = 0
     for closing in ("<&-", ">&-", "2>&-", "<&- >&- 2>&-", "| true", "2>&1 | true", "</dev/full >/dev/full"):
-        for words in ("save weekly", "load weekly", "app-save weekly", "list", "autosave 9"):
+        for words in ("save weekly", "load weekly", "app-save shell", "list", "autosave 9"):
             line = f"{gateway.program} {words} {closing}"
             status = subprocess.run(["bash", "-c", line], env=gateway.environment(), check=False,
                                     stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                     stderr=subprocess.DEVNULL, timeout=60).returncode
             require(status in (0, 1, 141), line, "ended with", status)
-            gateway.require_integrity()
-            rows = {row[0] for row in gateway.query("select name from Config where version != 0")}
-            require({"kept", "weekly"} <= rows, line, rows)
-            gateway.restore_state()
+            check(gateway, line, names=())
             count += 1
     return count
 
 
 def campaign(program, full, source):
     with Gateway(program) as gateway:
-        gateway.write_configuration("old", 200000)
+        gateway.write_configuration("old", SIZE)
         gateway.do("save", "kept")
         gateway.do("save", "weekly")
         gateway.keep_state()
-        gateway.write_configuration("new", 200000)
-        figures = (during_commands(gateway), at_random_times(gateway, 400 if full else 10, source),
-                   without_streams(gateway))
-    return "%d signals to commands, %d at random times, %d calls without a stream, nothing lost" % figures
+        gateway.write_configuration("new", SIZE)
+        figures = (during_commands(gateway), *to_commands_alone(gateway, 200 if full else 8, source),
+                   at_random_times(gateway, 300 if full else 6, source), without_streams(gateway))
+    return ("%d signals to the host and its commands, %d to commands alone of which %d came in time, "
+            "%d at random times, %d calls without a stream, nothing lost" % figures)
 
 
 main(campaign)
