@@ -37,14 +37,15 @@ holds() {
 }
 
 # Such a snapshot could not be restored.
-nothing='The configuration could not be kept. Nothing was run.[1]'
+nothing='The configuration could not be saved. The command was not run.[1]'
 try "$nothing" "touch '$scratch/ran'"
 echo 'peer 192.0.2.1' >/mnt/main/etc/failover.ini
 
 try '[0]' "echo 'permit any' >'$filter'"
 holds 'permit any'
 try 'Config is overwritten.
-The change failed and was taken back.[1]' "echo 'deny any' >'$filter'; rm /mnt/main/etc/failover.ini; false"
+The command failed. The configuration is restored.[1]' \
+    "echo 'deny any' >'$filter'; rm /mnt/main/etc/failover.ini; false"
 holds 'permit any'
 [ "$(cat /mnt/main/etc/failover.ini)" = 'peer 192.0.2.1' ] || fail 'the failover settings are lost'
 
@@ -52,7 +53,8 @@ holds 'permit any'
 blank=' '
 try "Config is overwritten.
 status 0:$blank
-The change failed and STAYS.[1]" "sqlite3 '$scratch/state/storage.db' 'delete from Config'; false"
+The command failed. The configuration is NOT restored.[1]" \
+    "sqlite3 '$scratch/state/storage.db' 'delete from Config'; false"
 
 # SQLite refuses the row, and save() says nothing of it.
 sqlite3 "$scratch/state/storage.db" \
