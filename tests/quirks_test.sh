@@ -12,7 +12,10 @@ complain() {
     failed=1
 }
 
-tests=$("$1" --gtest_list_tests | awk '/^[^ ]/ { suite = $1; next } { print suite $1 }')
+# A test of a table is cited without the names of the table and of the row.
+tests=$("$1" --gtest_list_tests | awk '
+    /^[^ ]/ { suite = $1; sub("^[^/]*/", "", suite); next }
+    { sub("/.*", "", $1); print suite $1 }')
 described=$(sed -n 's/^### \(Q[0-9]*\) .*/\1/p' docs/quirks.md)
 cited=$(grep -rhoE 'Quirk Q[0-9]+(, Q[0-9]+)*' include source platform console | grep -oE 'Q[0-9]+')
 # shellcheck disable=SC2016 # the back quotes are those of the page

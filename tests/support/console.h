@@ -5,6 +5,7 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <streambuf>
 #include <string>
 #include <utility>
@@ -88,6 +89,57 @@ class WatchedOutput : public std::streambuf {
   std::function<void()> look_;
   std::streambuf* below_;
   int flushes_ = 0;
+};
+
+/// While it lives, standard output fails after so many letters, in a host that enables exceptions. Standard
+/// error is untied, so that it does not meet the failure.
+class BreakingOutput : public std::streambuf {
+ public:
+  explicit BreakingOutput(std::size_t letters)
+      : letters_(letters), below_(std::cout.rdbuf(this)), tied_(std::cerr.tie(nullptr)) {
+    std::cout.exceptions(std::ios::badbit);
+  }
+  BreakingOutput(const BreakingOutput&) = delete;
+  BreakingOutput& operator=(const BreakingOutput&) = delete;
+  ~BreakingOutput() override {
+    std::cout.exceptions(std::ios::goodbit);
+    std::cout.rdbuf(below_);
+    std::cerr.tie(tied_);
+  }
+
+ protected:
+  int_type overflow(int_type letter) override {
+    if (letters_ == 0) throw std::runtime_error("the terminal is gone");
+    below_->sputc(traits_type::to_char_type(letter));
+    if (--letters_ == 0) below_->pubsync();
+    return letter;
+  }
+
+ private:
+  std::size_t letters_;
+  std::streambuf* below_;
+  std::ostream* tied_;
+};
+
+/// A host that enables exceptions at the end of its input.
+class ThrowingAtEndOfInput {
+ public:
+  ThrowingAtEndOfInput() { std::cin.exceptions(std::ios::eofbit); }
+  ThrowingAtEndOfInput(const ThrowingAtEndOfInput&) = delete;
+  ThrowingAtEndOfInput& operator=(const ThrowingAtEndOfInput&) = delete;
+  ~ThrowingAtEndOfInput() { std::cin.exceptions(std::ios::goodbit); }
+};
+
+/// A host that unties its input from its output.
+class Untied {
+ public:
+  Untied() : before_(std::cin.tie(nullptr)) {}
+  Untied(const Untied&) = delete;
+  Untied& operator=(const Untied&) = delete;
+  ~Untied() { std::cin.tie(before_); }
+
+ private:
+  std::ostream* before_;
 };
 
 }  // namespace test

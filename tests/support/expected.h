@@ -30,6 +30,35 @@ inline const std::string kCreateTable =
 inline const std::string kSelectAll =
     "select name, version, type, save_time, load_time from 'Config' where name!='corlu-config'";
 
+// Statements about one row, with "<now>" for the time.
+
+inline std::string where(const std::string& name, const std::string& version) {
+  return "name='" + name + "' and version=" + version;
+}
+
+inline std::string count_of(const std::string& name, const std::string& version = kCurrentText) {
+  return "select count(*) from 'Config' where " + where(name, version);
+}
+
+inline std::string delete_of(const std::string& name, const std::string& version = kCurrentText) {
+  return "delete from 'Config' where " + where(name, version);
+}
+
+inline std::string insert_of(const std::string& name, const std::string& version = kCurrentText,
+                             const std::string& type = "1") {
+  return "insert into 'Config' (name,keybase,etc,version, save_time, type) values ('" + name + "',?,?," +
+         version + ",<now>," + type + ")";
+}
+
+inline std::string select_of(const std::string& name, const std::string& version = kCurrentText) {
+  return "select keybase, etc, type, id from 'Config' where name!='corlu-config' and " +
+         where(name, version);
+}
+
+inline std::string stamp_of(const std::string& id) {
+  return "update 'Config' set load_time=<now> where id=" + id;
+}
+
 // Command lines, with "<archive>" for a temporary file and "<root>" for the gateway's directory.
 
 inline const std::string kPackEtc =

@@ -2,18 +2,14 @@
 
 // Exceptions: how the tests' doubles throw them, and how a test catches them.
 
-#include <cxxabi.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <exception>
 #include <functional>
-#include <memory>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <typeinfo>
-
-#include "kelmor/status.h"
+#include <vector>
 
 namespace test {
 
@@ -38,25 +34,23 @@ Exception thrown_by(Call call) {
   throw std::runtime_error(std::string("nothing of type ") + typeid(Exception).name() + " was thrown");
 }
 
-inline std::string type_name(const std::type_info& type) {
-  const std::unique_ptr<char, void (*)(void*)> name(
-      abi::__cxa_demangle(type.name(), nullptr, nullptr, nullptr), std::free);
-  return name.get();
-}
+/// Calls `call`. Returns what it throws, as "type status: text", or "type: text" for any other exception.
+/// Every status must be an error.
+std::string thrown(const std::function<void()>& call);
 
-/// Calls `call`. Returns what it throws, as "type status: text", or "type: text" for an exception of the
-/// standard library. Every status must be an error.
-template <class Call>
-std::string thrown(Call call) {
-  try {
-    call();
-  } catch (const XTOOStatus& error) {
-    EXPECT_TRUE(error.IsError());
-    return type_name(typeid(error)) + " " + std::to_string(error.Status()) + ": " + error.ErrorMessage();
-  } catch (const std::exception& error) {
-    return type_name(typeid(error)) + ": " + error.what();
-  }
-  return "nothing";
-}
+/// A row of a table of exceptions: a name, the exception, and a text that the test expects.
+struct Thrown {
+  std::string name;
+  Raise raise;
+  std::string text;
+};
+
+inline void PrintTo(const Thrown& row, std::ostream* out) { *out << row.name; }
+
+/// One exception of each kind, with its thrown(), for the tests that exceptions propagate.
+std::vector<Thrown> every_exception();
+
+/// Names the tests of a table after its rows.
+constexpr auto by_name = [](const auto& row) { return row.param.name; };
 
 }  // namespace test
