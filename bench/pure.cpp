@@ -12,7 +12,7 @@
 #include <sstream>
 #include <string>
 
-#include "storage/sql.h"
+#include "storage/statements.h"
 
 namespace {
 

@@ -128,12 +128,25 @@ CONFSAVE_API std::ostream& operator<<(std::ostream& out, const Config& config);
 // ---------------------------------------------------------------------------------------------------
 // Exceptions
 //
-// Each carries status 0 unless said otherwise. All can be caught as XTOOStatus or XTOOMsg, across the
-// edge of the library too. A plain XTOOStatus with the system's text is thrown for: 3 no scratch
-// directory, 5 reading an archive file, 6 writing a temporary file, 17 making one, 45 asking for its
-// size, 54 rewinding it; with status 36 and no text for the use of a temporary file that is not there.
+// All derive from XTOOStatus, and can be caught as XTOOStatus or XTOOMsg in the host, too. The classes
+// below carry status_none unless their comment says otherwise.
 
-/// An external command (status 36) or a system call (19 access, 43 unlink) failed.
+/// What Status() of an exception can be. Those without a class of their own are a plain XTOOStatus, with
+/// the system's text except where noted.
+enum status_code : int {
+  status_none = 0,      ///< the class of the exception says what happened
+  status_mkdtemp = 3,   ///< a scratch directory cannot be made in the destination
+  status_read = 5,      ///< an archive cannot be read back from its temporary file
+  status_write = 6,     ///< an archive cannot be written to its temporary file
+  status_mkstemp = 17,  ///< a temporary file cannot be made
+  status_access = 19,   ///< XExternalFailure: it cannot be found out whether a file exists
+  status_command = 36,  ///< XExternalFailure: tar, cp or rm failed; XTOOStatus: no temporary file; no text
+  status_unlink = 43,   ///< XExternalFailure: a file cannot be deleted
+  status_fstat = 45,    ///< the size of a temporary file is not known
+  status_lseek = 54,    ///< a temporary file cannot be rewound
+};
+
+/// A command (status_command) or a system call (status_access, status_unlink) failed.
 class CONFSAVE_API XExternalFailure : public XTOOStatus {
  public:
   using XTOOStatus::XTOOStatus;

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "kelmor/paths.h"
 #include "log.h"
+#include "places.h"
 #include "throw.h"
 
 namespace ConfSave {
@@ -17,20 +17,18 @@ namespace {
 constexpr const char* kSource = "source/tempfile";
 const ClUnilogFname kRemove{"void ConfSave::TempFile::remove()", "remove"};
 
-std::string temporary_directory() {
-  return toolsunix::FilenameConvertor::Instance().GetFullDirName(toolsunix::path::DirectoryId{1});
+[[noreturn]] void throw_system_error(status_code number) {
+  throw_text<XTOOStatus>(number, std::strerror(errno));
 }
 
-[[noreturn]] void throw_system_error(int status) { throw_text<XTOOStatus>(status, std::strerror(errno)); }
-
-/// In a destructor as well, where what the beginning of a record throws would end the process.
+/// Called by a destructor, from which an exception of the host's log would end the process.
 void log_failed_removal(const std::string& name, int error) noexcept {
   try {
     if (KovrLogHelper record{1, kRemove, kSource, ""}) {
       record << name << ": failed to remove temporary file: " << std::strerror(error);
     }
   } catch (...) {
-    // Nobody is left to tell.
+    // There is no other place to report it.
   }
 }
 
@@ -44,21 +42,20 @@ void TempFile::create() {
   if (tmp_fd != -1) return;
   std::string path = temporary_directory() + "/XXXXXX";
   tmp_fd = mkstemp(path.data());
-  if (tmp_fd == -1) throw_system_error(17);
+  if (tmp_fd == -1) throw_system_error(status_mkstemp);
   tmp_name = std::move(path);
-  // A tight umask would take away what tar, which opens the file by name, needs. The file is ours and
-  // empty, so nothing is lost where a file system refuses.
+  // tar opens the file by name, which a tight umask could forbid. Failure is ignored: tar reports it.
   fchmod(tmp_fd, S_IRUSR | S_IWUSR);
 }
 
 bool TempFile::is_open() const {
-  // Asking the platform is part of the answer, though its word does not change it. // Quirk Q23
+  // Hosts count on being asked, although the answer is not used. // Quirk Q23
   temporary_directory();
   return tmp_fd != -1;
 }
 
 int TempFile::fd() const {
-  if (tmp_fd == -1) throw_status<XTOOStatus>(36);
+  if (tmp_fd == -1) throw_status<XTOOStatus>(status_command);
   return tmp_fd;
 }
 
@@ -66,15 +63,15 @@ const std::string& TempFile::name() const { return tmp_name; }
 
 int64 TempFile::size() const {
   struct stat status = {};
-  if (fstat(fd(), &status) == -1) throw_system_error(45);
+  if (fstat(fd(), &status) == -1) throw_system_error(status_fstat);
   return status.st_size;
 }
 
 void TempFile::rewind() const {
-  if (lseek(fd(), 0, SEEK_SET) == -1) throw_system_error(54);
+  if (lseek(fd(), 0, SEEK_SET) == -1) throw_system_error(status_lseek);
 }
 
-// Whatever happens, the file is forgotten. // Quirk Q24
+// Forgets the file even when it cannot be deleted. // Quirk Q24
 void TempFile::remove() {
   if (tmp_fd == -1) return;
   close(tmp_fd);

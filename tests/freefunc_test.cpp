@@ -1,4 +1,4 @@
-#include "freefunc.h"
+#include "autosave.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>

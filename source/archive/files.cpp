@@ -2,10 +2,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <string>
+#include <vector>
 
 #include "archive/pack.h"
-#include "kelmor/paths.h"
+#include "contents.h"
 #include "log.h"
 #include "throw.h"
 
@@ -23,12 +26,6 @@ void log_failure(const ClUnilogFname& function, const char* call, const char* pa
   }
 }
 
-/// File `id` of the configuration database. `dir` is a prefix: it brings its own "/". // Quirk Q34
-std::string database_file(const char* dir, int id) {
-  return std::string(dir) + "user/" +
-         toolsunix::FilenameConvertor::Instance().GetShortFilename(toolsunix::FileId{id});
-}
-
 }  // namespace
 
 bool IsFileExist(const char* path) {
@@ -36,7 +33,7 @@ bool IsFileExist(const char* path) {
   const int error = errno;
   if (error == ENOENT) return false;
   log_failure(kIsFileExist, "access() for '", path, error);
-  throw_status<XExternalFailure>(19);
+  throw_status<XExternalFailure>(status_access);
 }
 
 void RemoveFileIfExists(const char* path) {
@@ -44,15 +41,17 @@ void RemoveFileIfExists(const char* path) {
   const int error = errno;
   if (error == ENOENT) return;
   log_failure(kRemoveFileIfExists, "unlink() for '", path, error);
-  throw_status<XExternalFailure>(43);
+  throw_status<XExternalFailure>(status_unlink);
 }
 
 bool IsConfigDbExist(const char* dir) {
-  return IsFileExist(database_file(dir, 30).c_str()) && IsFileExist(database_file(dir, 31).c_str());
+  const std::vector<std::string> files = packed_database_files(dir);
+  return std::all_of(files.begin(), files.end(),
+                     [](const std::string& file) { return IsFileExist(file.c_str()); });
 }
 
 void RemoveConfigDb(const char* dir) {
-  for (const int id : {29, 30, 31}) RemoveFileIfExists(database_file(dir, id).c_str());
+  for (const std::string& file : database_files(dir)) RemoveFileIfExists(file.c_str());
 }
 
 }  // namespace ConfSave

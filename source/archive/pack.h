@@ -1,18 +1,22 @@
 #pragma once
 
-// The external commands that pack and unpack, and what happens when one fails.
+// The commands that pack and unpack, and what happens when one fails.
 
 #include <string>
 #include <vector>
 
 #include "confsave.h"
+#include "kelmor/log.h"
 
 namespace ConfSave {
 
-/// What every log record of the archive names as its source.
+/// The source that every log record of the archive names.
 constexpr const char* kArchiveSource = "source/archive";
 
-// Command lines. Paths go into them as they are.
+/// The function that log records about unpacking name.
+extern const ClUnilogFname kUnpackTag;
+
+// Command lines. Paths are pasted into them unchanged.
 
 /// `files` is a list in which every entry is preceded by a blank.
 std::string pack_command(const std::string& archive, const std::string& dir, const std::string& files);
@@ -28,8 +32,8 @@ void pack(const std::string& archive, const std::string& dir, const std::string&
 /// Throws XTOOStatus 3 when there is no scratch directory, XExternalFailure 36 when a command fails.
 void unpack(const std::string& archive, const std::string& dir);
 
-/// Reads a whole file into `out`, which comes back empty when there is no file.
-/// Throws XTOOStatus 5, and what TempFile throws.
+/// Reads a whole file into `out`, which becomes empty when there is no file.
+/// Throws XTOOStatus 5; exceptions of TempFile propagate.
 void TempFile_to_BinObj(const TempFile& file, std::vector<char>& out);
 
 }  // namespace ConfSave

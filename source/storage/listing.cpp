@@ -10,7 +10,8 @@
 
 #include "integers.h"
 #include "log.h"
-#include "storage/sql.h"
+#include "storage/sqlite.h"
+#include "storage/statements.h"
 
 namespace ConfSave {
 namespace {
@@ -25,8 +26,8 @@ std::string name_from(const char* text) {
   return text;
 }
 
-// The two listings read a row each in their own way: typed columns here, texts below, and other values
-// for NULL. Times are 32-bit in both. // Quirk Q18, Q19
+// List() reads typed columns, FindMatching() texts, and they differ in what NULL means. Times are 32-bit
+// in both. // Quirk Q18, Q19
 
 Config read_row(sqlite3_stmt* statement) {
   Config config(sqlite3_column_int64(statement, 1));
@@ -37,7 +38,7 @@ Config read_row(sqlite3_stmt* statement) {
   return config;
 }
 
-/// An error ends the rows as their end does. // Quirk Q20
+/// An error ends the list like the end of the rows. // Quirk Q20
 Configs read_rows(sql::Statement statement, int64 version) {
   Configs result;
   while (sqlite3_step(statement.get()) == SQLITE_ROW) result.push_back(read_row(statement.get()));
@@ -72,7 +73,7 @@ struct Matches {
   std::exception_ptr out_of_memory;
 };
 
-/// SQLite is C: whatever goes wrong here stops the query, which SQLite then reports as aborted.
+/// No exception may cross SQLite. A failure stops the query, which SQLite then reports as aborted.
 int append_row(void* context, int columns, char** values, char**) noexcept {
   constexpr int kColumns = 6;
   if (columns < kColumns) return 1;
@@ -83,7 +84,7 @@ int append_row(void* context, int columns, char** values, char**) noexcept {
   } catch (const std::bad_alloc&) {
     matches.out_of_memory = std::current_exception();
   } catch (const std::exception&) {
-    // A row that is none: the report is all that is told.
+    // Invalid row: only SQLite's abort is logged.
   }
   return 1;
 }
@@ -102,11 +103,11 @@ Configs Storage::List(int64 version, const std::string& order_by, bool skip_corl
   return {};
 }
 
-// Without a look at `opened`: without a connection SQLite refuses the statement. // Quirk Q21
+// Does not look at `opened`: without a connection SQLite refuses the statement. // Quirk Q21
 Configs Storage::FindMatching(const std::string& pattern, int64 version, bool skip_corlu) {
   Matches found;
   sql::execute(db, sql::find_rows(pattern, version, skip_corlu), kFindMatching, append_row, &found);
-  // With rows missing, one match might pass for the only one, and be restored.
+  // If rows were missing, one of several matches could pass for the only one and be restored.
   if (found.out_of_memory) std::rethrow_exception(found.out_of_memory);
   return std::move(found.rows);
 }

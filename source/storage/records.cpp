@@ -8,7 +8,8 @@
 
 #include "integers.h"
 #include "log.h"
-#include "storage/sql.h"
+#include "storage/sqlite.h"
+#include "storage/statements.h"
 #include "throw.h"
 
 namespace ConfSave {
@@ -35,42 +36,39 @@ int take_count(void* context, int, char** values, char**) {
   return 0;
 }
 
-/// Results that are no refusal.
+/// Codes that are not a refusal.
 bool is_fine(int code) { return code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE; }
 
-/// SQLite does not copy the bytes, so they must outlive the statement. An empty archive becomes NULL
-/// and not an empty blob, whatever its vector points to. // Quirk Q14
-/// One read() fetched the archive, which is why its size fits into an int.
-int bind_archive(sqlite3_stmt* statement, int index, const std::vector<char>& archive) {
-  return sqlite3_bind_blob(statement, index, archive.empty() ? nullptr : archive.data(),
-                           static_cast<int>(archive.size()), SQLITE_STATIC);
+/// SQLite does not copy the bytes, so they must outlive the statement. Their size fits into an int: one
+/// read() fetched them. An empty archive becomes NULL, not an empty blob; so does one that SQLite refuses,
+/// which nothing reports. // Quirk Q14, Q62
+void bind_archive(sqlite3_stmt* statement, int index, const std::vector<char>& archive) {
+  sqlite3_bind_blob(statement, index, archive.empty() ? nullptr : archive.data(),
+                    static_cast<int>(archive.size()), SQLITE_STATIC);
 }
 
-/// A row whose archive SQLite would not take, for its size, could not be restored: it is not stored. That
-/// a name left no parameter to bind to is the name's doing.
-bool is_lost(int code) { return code != SQLITE_OK && code != SQLITE_RANGE; }
+/// SQLite's codes for an insert. Without a statement nothing ran.
+struct Insertion {
+  bool ran = false;
+  int stepped = SQLITE_OK;
+  int finalized = SQLITE_OK;
+};
 
-int bind_and_step(sqlite3_stmt* statement, const Packed& packed) {
-  const int keybase = bind_archive(statement, 1, packed.keybase);
-  if (is_lost(keybase)) return keybase;
-  const int etc = bind_archive(statement, 2, packed.etc);
-  if (is_lost(etc)) return etc;
-  return sqlite3_step(statement);
-}
-
-/// Prepares `text` into `statement` and runs it, reporting what SQLite refuses. Returns the result of
-/// the step; without a statement there was none.
-int insert(sqlite3* db, const std::string& text, const Packed& packed, const ClUnilogFname& function,
-           sql::Statement& statement) {
+/// Runs `text` and reports what SQLite refuses.
+Insertion insert(sqlite3* db, const std::string& text, const Packed& packed,
+                 const ClUnilogFname& function) {
+  sql::Statement statement;
   const int prepared = sql::prepare(db, text, statement);
   if (!is_fine(prepared)) sql::report_error(function, sqlite3_errmsg(db), text, prepared);
   if (statement == nullptr) {
     log_text(1, function, sql::kSource, "Error: sqlite3_stmt *plineInfo == NULL");
-    return prepared;
+    return {};
   }
-  const int stepped = bind_and_step(statement.get(), packed);
+  bind_archive(statement.get(), 1, packed.keybase);
+  bind_archive(statement.get(), 2, packed.etc);
+  const int stepped = sqlite3_step(statement.get());
   if (!is_fine(stepped)) sql::report_error(function, sqlite3_errmsg(db), text, stepped);
-  return stepped;
+  return {true, stepped, sqlite3_finalize(statement.release())};
 }
 
 void log_total_changes(sqlite3* db, const ClUnilogFname& function) {
@@ -83,7 +81,7 @@ void log_total_changes(sqlite3* db, const ClUnilogFname& function) {
 
 bool Storage::Exists(const std::string& name, int64 version) {
   if (!opened) return false;
-  // Stays when the query fails, and then counts as "exists". // Quirk Q12
+  // Unchanged when the query fails, and then the row counts as existing. // Quirk Q12
   int count = -1;
   sql::execute(db, sql::count_rows(name, version), kExists, take_count, &count);
   return count != 0;
@@ -105,19 +103,17 @@ void Storage::Create(const std::string& name, conftype type, int64 version) {
   const Packed packed(archive);
   const std::string text = sql::insert_row(name, version, std::time(nullptr), type);
 
-  sql::Statement statement;
-  const int stepped = insert(db, text, packed, kCreate, statement);
-  if (statement == nullptr) return;
-  const int finalized = sqlite3_finalize(statement.release());
-  if (finalized != SQLITE_OK) {
+  const Insertion insertion = insert(db, text, packed, kCreate);
+  if (!insertion.ran) return;
+  if (insertion.finalized != SQLITE_OK) {
     if (KovrLogHelper record{1, kCreate, sql::kSource, "sqlite3_finalize() return code "}) {
-      record << finalized;
+      record << insertion.finalized;
     }
   }
-  if (stepped == SQLITE_CONSTRAINT) {
+  if (insertion.stepped == SQLITE_CONSTRAINT) {
     const std::string message =
         "Configuration '" + name + "' (version " + Config::version(version) + ") already exists";
-    throw_text<XConstraint>(0, message.c_str());
+    throw_text<XConstraint>(status_none, message.c_str());
   }
   log_total_changes(db, kCreate);
 }
@@ -133,12 +129,8 @@ void Storage::Update(const std::string& name, conftype type, int64 version) {
   sql::execute(db, sql::delete_row(name, version), kUpdate);
   const std::string text = sql::insert_row(name, version, std::time(nullptr), type);
 
-  // A refused insert is reported and no more, a taken name included. // Quirk Q13
-  sql::Statement statement;
-  insert(db, text, packed, kUpdate, statement);
-  if (statement == nullptr) return;
-  statement.reset();
-  log_total_changes(db, kUpdate);
+  // A refusal is only logged, even of a taken name. // Quirk Q13
+  if (insert(db, text, packed, kUpdate).ran) log_total_changes(db, kUpdate);
 }
 
 }  // namespace ConfSave

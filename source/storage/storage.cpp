@@ -5,12 +5,12 @@
 
 #include <climits>
 #include <cstring>
-#include <memory>
 
-#include "kelmor/paths.h"
 #include "log.h"
-#include "storage/guard.h"
-#include "storage/sql.h"
+#include "places.h"
+#include "storage/authorizer.h"
+#include "storage/sqlite.h"
+#include "storage/statements.h"
 
 namespace ConfSave {
 namespace {
@@ -19,37 +19,15 @@ const ClUnilogFname kStorage{"ConfSave::Storage::Storage()", "Storage"};
 const ClUnilogFname kBegin{"void ConfSave::Storage::Begin()", "Begin"};
 const ClUnilogFname kCommit{"void ConfSave::Storage::Commit()", "Commit"};
 
-std::string database_file() {
-  const auto& paths = toolsunix::FilenameConvertor::Instance();
-  return paths.GetFullDynamicDirName(toolsunix::path::DynamicDirectoryId{1}) + "/storage.db";
-}
-
-struct CloseDatabase {
-  void operator()(sqlite3* db) const { sqlite3_close(db); }
-};
-using Database = std::unique_ptr<sqlite3, CloseDatabase>;
-
-/// Where nothing is stored yet, asks for the layout in which SQLite knows where each page belongs: it then
-/// skips the archives of the rows that it lists, instead of following them page by page. On a file with
-/// pages the same question would be a write. Never told: without it everything works, only slower.
-void choose_layout(sqlite3* db, const std::string& file) {
-  struct stat status = {};
-  if (stat(file.c_str(), &status) != 0 || status.st_size != 0) return;
-  sqlite3_exec(db, "pragma auto_vacuum=incremental", nullptr, nullptr, nullptr);
-}
-
-/// Null when the file cannot be opened. A competing process is waited for, practically without end.
-/// The record ends in a line feed. // Quirk Q9, Q11
-Database open_database() {
-  const std::string file = database_file();
+/// Null when the file cannot be opened. Waits for a competing process, practically without end. The log
+/// record ends in a line feed. // Quirk Q9, Q11
+sql::Database open_database(const std::string& file) {
   sqlite3* opened = nullptr;
   const int code = sqlite3_open(file.c_str(), &opened);
-  // SQLite hands out a connection even when it fails, to ask it for the message.
-  Database db(opened);
+  // SQLite returns a connection even when it fails, which has the message.
+  sql::Database db(opened);
   if (code == SQLITE_OK) {
     sqlite3_busy_timeout(db.get(), INT_MAX);
-    choose_layout(db.get(), file);
-    sql::guard(db.get());
     return db;
   }
   if (KovrLogHelper record{1, kStorage, sql::kSource, "Can't open database: "}) {
@@ -58,10 +36,22 @@ Database open_database() {
   return nullptr;
 }
 
-/// Makes the table. That it is there already is the normal case, told by SQLite's message, and the last
-/// record is written in any case. // Quirk Q7, Q8
-void create_table(sqlite3* db) {
+/// Asks for the layout in which SQLite knows where each page belongs: a listing then skips the archives
+/// instead of following them page by page. Only in an empty file: elsewhere the pragma would be a write.
+/// Failure is ignored: only speed depends on it.
+void choose_layout(sqlite3* db, const std::string& file) {
+  struct stat status = {};
+  if (stat(file.c_str(), &status) != 0 || status.st_size != 0) return;
+  sqlite3_exec(db, "pragma auto_vacuum=incremental", nullptr, nullptr, nullptr);
+}
+
+/// Makes the table. It normally exists already, which only SQLite's message says. The last record is
+/// written in any case. // Quirk Q7, Q8
+void create_table(sqlite3* db, const std::string& file) {
+  // Before anything that can wait for a lock.
   log_text(4, kStorage, sql::kSource, "Try create storage tables");
+  choose_layout(db, file);
+  sql::install_authorizer(db);
   const std::string statement = sql::create_table();
   sql::ErrorText error;
   const int code = sql::run(db, statement, nullptr, nullptr, error);
@@ -74,13 +64,11 @@ void create_table(sqlite3* db) {
 
 }  // namespace
 
-Storage::Storage()
-    : opened(false),
-      config_path(toolsunix::FilenameConvertor::Instance().GetKelmorConfigPath()),
-      db(nullptr) {
-  Database connection = open_database();
+Storage::Storage() : opened(false), config_path(config_directory()), db(nullptr) {
+  const std::string file = storage_file();
+  sql::Database connection = open_database(file);
   if (connection == nullptr) return;
-  create_table(connection.get());
+  create_table(connection.get(), file);
   db = connection.release();
   opened = true;
 }

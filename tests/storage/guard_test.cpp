@@ -1,4 +1,4 @@
-#include "storage/guard.h"
+#include "storage/authorizer.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -29,36 +29,40 @@ TEST_F(Guard, WhatIsNotTheStoragesBusinessIsRefused) {
   test::Database(database())
       .run("create view v as select 1; create index i on Config(type); create table other (x)");
   open();
-  for (const char* statement : {"attach 'x' as x",
-                                "attach ':memory:' as x",
-                                "detach main",
-                                "pragma user_version",
-                                "pragma user_version=1",
-                                "pragma journal_mode=off",
-                                "pragma writable_schema=on",
-                                "select * from pragma_table_info('Config')",
-                                "alter table Config rename to x",
-                                "alter table Config add column x",
-                                "drop table Config",
-                                "drop view v",
-                                "drop index i",
-                                "reindex",
-                                "analyze",
-                                "create table x (y)",
-                                "create temp table x (y)",
-                                "create table x as select 1",
-                                "create index x on Config(name)",
-                                "create view x as select 1",
-                                "create temp view x as select 1",
-                                "create trigger x after insert on Config begin select 1; end",
-                                "create temp trigger x after insert on Config begin select 1; end",
-                                "create virtual table x using fts5(y)",
-                                "select load_extension('x')",
-                                "update Config set name='x'",
-                                "update Config set keybase=null",
-                                "update Config set load_time=1, id=2",
-                                "update other set x=1",
-                                "vacuum into 'x'"}) {
+  for (const char* statement :
+       {"attach 'x' as x",
+        "attach ':memory:' as x",
+        "detach main",
+        "pragma user_version",
+        "pragma user_version=1",
+        "pragma journal_mode=off",
+        "pragma writable_schema=on",
+        "select * from pragma_table_info('Config')",
+        "alter table Config rename to x",
+        "alter table Config add column x",
+        "drop table Config",
+        "drop view v",
+        "drop index i",
+        "reindex",
+        "analyze",
+        "create table x (y)",
+        "create temp table x (y)",
+        "create table x as select 1",
+        "create index x on Config(name)",
+        "create view x as select 1",
+        "create temp view x as select 1",
+        "create trigger x after insert on Config begin select 1; end",
+        "create temp trigger x after insert on Config begin select 1; end",
+        "create virtual table x using fts5(y)",
+        "pragma page_size=512",
+        "select load_extension('x')",
+        "select LOAD_EXTENSION('x')",
+        "select 1 from Config order by (select name from PRAGMA_table_info('Config'))",
+        "update Config set name='x'",
+        "update Config set keybase=null",
+        "update Config set load_time=1, id=2",
+        "update other set x=1",
+        "vacuum into 'x'"}) {
     const int code = code_of(statement);
     EXPECT_TRUE(code == SQLITE_AUTH || code == SQLITE_ERROR) << statement << ": " << code;
     EXPECT_NE(code_of(statement), SQLITE_OK) << statement;
@@ -110,6 +114,51 @@ TEST_F(Guard, ATriggerOfTheDatabaseDoesWhatItDoes) {
   EXPECT_EQ(code_of("insert into Config (name, version) values ('x', 1)"), SQLITE_OK);
   EXPECT_EQ(query("select count from seen"), Rows{{"1"}});
   EXPECT_EQ(query("select save_time from Config"), Rows{{"7"}});
+}
+
+TEST_F(Guard, NamesAreComparedWithoutCase) {
+  storage.reset();
+  test::write_file(database(), "");
+  rearrange("create table CONFIG (ID integer primary key, NAME, VERSION, LOAD_TIME)");
+  EXPECT_EQ(code_of("insert into Config (name, version) values ('x', 1)"), SQLITE_OK);
+  EXPECT_EQ(code_of("update 'Config' set load_time=5 where id=1"), SQLITE_OK);
+  EXPECT_EQ(query("select load_time from Config"), Rows{{"5"}});
+}
+
+TEST_F(Guard, ATriggerMayFeedAVirtualTable) {
+  for (const char* module : {"fts4(name)", "fts5(name)", "rtree(name, low, high)"}) {
+    rearrange(
+        "drop table if exists seen; drop trigger if exists added; drop trigger if exists gone; "
+        "create virtual table seen using " +
+        std::string(module) +
+        "; create trigger added after insert on Config begin insert into seen (rowid, name) values "
+        "(new.id, new.id); end; create trigger gone after delete on Config begin delete from seen "
+        "where rowid=old.id; end");
+    EXPECT_EQ(code_of("insert into Config (name, version) values ('x', 1)"), SQLITE_OK)
+        << module << ": " << sqlite3_errmsg(connection);
+    EXPECT_EQ(query("select count(*) from seen"), Rows{{"1"}}) << module;
+    EXPECT_EQ(code_of("delete from Config"), SQLITE_OK) << module << ": " << sqlite3_errmsg(connection);
+    EXPECT_EQ(query("select count(*) from seen"), Rows{{"0"}}) << module;
+  }
+  // Virtual tables keep statements open until the connection is closed.
+  storage.reset();
+}
+
+TEST_F(Guard, AVirtualTableMayUpdateItsOwnTables) {
+  std::string sql = "create virtual table seen using fts3(name)";
+  for (int i = 0; i < 40; ++i) sql += "; insert into seen(name) values('w" + std::to_string(i) + "')";
+  rearrange(
+      sql +
+      "; create trigger added after insert on Config begin insert into seen(seen) values('merge=2,2'); "
+      "end");
+  const Rows segments = query("select count(*) from seen_segdir");
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(code_of("insert into Config (name, version) values ('x', " + std::to_string(i) + ")"),
+              SQLITE_OK)
+        << sqlite3_errmsg(connection);
+  }
+  EXPECT_NE(query("select count(*) from seen_segdir"), segments);
+  storage.reset();
 }
 
 // ---------------------------------------------------------------------------------------------------

@@ -112,6 +112,19 @@ TEST_F(StorageList, AnOrderIsFollowed) {
   EXPECT_EQ(list(0, "name desc", true), (Texts{kWeekly, kDaily}));
 }
 
+TEST_F(StorageList, APragmaFunctionInTheOrderIsReported) {
+  put({"weekly"});
+  EXPECT_EQ(list(0, "(select name from pragma_table_info('Config'))", false), Texts());
+  EXPECT_EQ(records(),
+            (LogRecords{test::says(
+                test::kList, 2,
+                test::refusal("access to pragma_table_info.name is prohibited",
+                              "select name, version, type, save_time, load_time from 'Config' order by "
+                              "(select name from pragma_table_info('Config'))",
+                              23),
+                {4})}));
+}
+
 TEST_F(StorageList, AnUnknownColumnInTheOrderIsReported) {
   put_three();
   EXPECT_EQ(list(0, "nonsense", true), Texts());

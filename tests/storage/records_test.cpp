@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "storage/guard.h"
+#include "storage/authorizer.h"
 #include "support/grouped_digits.h"
 #include "support/opened_storage.h"
 
@@ -574,7 +574,7 @@ TEST_F(StorageCreate, EveryConstraintCountsAsATakenName) {
 TEST_F(StorageCreate, AnotherRefusalIsOnlyLogged) {
   sqlite3_set_authorizer(connection, nullptr, nullptr);  // It refuses what sets this up.
   sqlite3_exec(connection, "pragma query_only=on", nullptr, nullptr, nullptr);
-  ConfSave::sql::guard(connection);
+  ConfSave::sql::install_authorizer(connection);
   forget();
   const LogRecord report =
       says(kCreate, 2, refusal("attempt to write a readonly database", kInsertWeekly, 8), {4});
@@ -652,28 +652,20 @@ TEST_F(StorageCreate, ANameThatLeavesNoParameterDecidesTheRow) {
             (Rows{{"a", "NULL", "NULL", "1", "2", "3"}}));
 }
 
-TEST_F(StorageCreate, AnOversizedKeybaseStoresNothing) {
-  make_large(config_dir() + "user/gateway.conf");
-  limit_values(10000);
-  create();
-  EXPECT_EQ(statements(), Texts());
-  EXPECT_EQ(
-      records(),
-      (LogRecords{kTryToSave, says(kCreate, 2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
-                  says(kCreate, 4, "sqlite3_total_changes: 0", {4})}));
-  EXPECT_EQ(rows(), Rows());
-}
-
-TEST_F(StorageCreate, AnOversizedEtcStoresNothing) {
-  make_large(etc_dir() + "failover.ini");
-  limit_values(10000);
-  create();
-  EXPECT_EQ(statements(), Texts());
-  EXPECT_EQ(
-      records(),
-      (LogRecords{kTryToSave, says(kCreate, 2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
-                  says(kCreate, 4, "sqlite3_total_changes: 0", {4})}));
-  EXPECT_EQ(rows(), Rows());
+TEST_F(StorageCreate, AnArchiveThatSqliteRefusesBecomesNull) {
+  for (const auto& [large, stored] : {std::pair{config_dir() + "user/gateway.conf", Texts{"null", "blob"}},
+                                      std::pair{etc_dir() + "failover.ini", Texts{"blob", "null"}}}) {
+    make_large(large);
+    limit_values(10000);
+    forget();
+    create();
+    EXPECT_EQ(statements(), Texts{kInsertWeekly});
+    EXPECT_EQ(records(), (LogRecords{kTryToSave, says(kCreate, 4, "sqlite3_total_changes: 1", {4})}));
+    EXPECT_EQ(query("select typeof(keybase), typeof(etc) from Config"), Rows{stored});
+    test::write_file(large, "small");
+    test::Database(database()).run("delete from Config");
+    open();
+  }
 }
 
 TEST_F(StorageCreate, ARowThatIsTooLargeAsAWholeStoresNothing) {
@@ -972,17 +964,14 @@ TEST_F(StorageUpdate, ANameWithAQuoteChangesNothing) {
   EXPECT_EQ(rows(), (Rows{{"1", "o'hare", "0", "1", "1000", "NULL"}}));
 }
 
-TEST_F(StorageUpdate, AnOversizedArchiveStoresNothing) {
+TEST_F(StorageUpdate, AnArchiveThatSqliteRefusesBecomesNull) {
   make_large(etc_dir() + "failover.ini");
   limit_values(10000);
   put({"weekly", kCurrent});
   update();
-  EXPECT_EQ(statements(), Texts{kDeleteWeekly});
-  EXPECT_EQ(
-      records(),
-      (LogRecords{kTryToUpdate, says(kUpdate, 2, refusal("string or blob too big", kInsertWeekly, 18), {4}),
-                  says(kUpdate, 4, "sqlite3_total_changes: 1", {4})}));
-  EXPECT_EQ(rows(), Rows());
+  EXPECT_EQ(statements(), (Texts{kDeleteWeekly, kInsertWeekly}));
+  EXPECT_EQ(records(), (LogRecords{kTryToUpdate, says(kUpdate, 4, "sqlite3_total_changes: 2", {4})}));
+  EXPECT_EQ(query("select id, typeof(keybase), typeof(etc) from Config"), (Rows{{"2", "blob", "null"}}));
 }
 
 TEST_F(StorageUpdate, ATarThatFailsLeavesTheOldRow) {

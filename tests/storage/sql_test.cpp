@@ -1,4 +1,5 @@
-#include "storage/sql.h"
+#include "storage/statements.h"
+#include "storage/sqlite.h"
 
 #include <gtest/gtest.h>
 

@@ -44,6 +44,16 @@ TEST_F(StorageOpen, ANewFileGetsTheTable) {
   EXPECT_TRUE(test::lock_is_free(database()));
 }
 
+TEST_F(StorageOpen, TheRecordComesBeforeAnythingThatCanWait) {
+  Texts before_first_record = {"not recorded"};
+  host.on_recorded = [&] {
+    if (host.records.size() == 1) before_first_record = recorder.statements();
+  };
+  const Storage storage;
+  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
+  EXPECT_EQ(before_first_record, Texts());
+}
+
 TEST_F(StorageOpen, ANewFileHasTheLayoutThatListsFast) {
   { const Storage storage; }
   EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "2");

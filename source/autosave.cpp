@@ -1,4 +1,4 @@
-#include "freefunc.h"
+#include "autosave.h"
 
 #include <algorithm>
 
@@ -19,8 +19,7 @@ const ClUnilogFname kCheckOld{"bool ConfSave::CheckOld()", "CheckOld"};
 constexpr int kInformation = 6;
 constexpr int64 kOldAfter = int64{31} * 86400;
 
-/// One that cannot be deleted is told and left, so that it does not keep the others. A delete that SQLite
-/// refuses does not show. // Quirk Q57
+/// A failure is logged and the loop goes on. A refused delete does not show. // Quirk Q57
 void delete_autosave(Storage& storage, const Config& config) {
   try {
     storage.Delete(config.name, config.vers);
@@ -33,12 +32,12 @@ void delete_autosave(Storage& storage, const Config& config) {
   }
 }
 
-/// The host's log may be what threw, and throw again.
+/// The exception may have come from the host's log, which may throw again.
 void log_unknown_exception() noexcept {
   try {
     log_text(1, kCheckOld, kSource, "unknown exception raised!");
   } catch (...) {
-    // Then it stays unsaid.
+    // There is no other place to report it.
   }
 }
 
@@ -47,7 +46,7 @@ void log_unknown_exception() noexcept {
 std::string autosave_name(std::time_t now) {
   char name[44] = {};
   const std::tm* local = std::localtime(&now);
-  // A time without a calendar date still makes a name that counts as an autosave.
+  // Without a calendar date the name still counts as an autosave.
   if (local == nullptr) return "autosave-" + std::to_string(now);
   return {name, std::strftime(name, sizeof name, "autosave-%Y-%m-%d-%H-%M-%S", local)};
 }
@@ -58,7 +57,7 @@ bool is_old_autosave(const Config& config, int64 now) {
 
 bool save_if_unique(Storage& storage, const std::string& name, conftype type) {
   if (storage.Exists(name, CURRENT_VERSION)) return false;
-  // Deletes what was just found absent. // Quirk Q52
+  // The row was just found absent; the delete is redundant. // Quirk Q52
   storage.Delete(name, CURRENT_VERSION);
   storage.Create(name, type, CURRENT_VERSION);
   if (KovrLogHelper record{4, kSaveIfUnique, kSource, "config '"}) {
@@ -74,14 +73,14 @@ void CleanAutosaves(Storage& storage, unsigned maxautosaves) {
     record << maxautosaves << ", find autosaves = " << count;
   }
   if (maxautosaves > count) return;
-  // In the order of names, which is that of time for names made of it; one more must fit in. For a limit
-  // of 0 that is more than there are. // Quirk Q50, Q53, Q60
+  // Names made of the time sort by time. One more must fit in; for a limit of 0 that exceeds the number of
+  // rows. // Quirk Q50, Q53, Q60
   const std::uint64_t surplus = std::min(count + 1 - maxautosaves, count);
   for (std::uint64_t i = 0; i < surplus; ++i) delete_autosave(storage, found[i]);
 }
 
-// The name comes from the clock; the parameter is there for callers that pass one. What is too many goes
-// first, and the count ends at the limit. // Quirk Q48, Q49, Q51
+// The name comes from the clock; the parameter stays for callers that pass one. Surplus autosaves are
+// deleted first, and at most `maxautosaves` names are tried. // Quirk Q48, Q49, Q51
 void AutoSave(const std::string&, conftype type, unsigned maxautosaves) {
   const std::string name = autosave_name(std::time(nullptr));
   Storage storage;
@@ -92,7 +91,7 @@ void AutoSave(const std::string&, conftype type, unsigned maxautosaves) {
   }
 }
 
-// Whatever goes wrong means no. // Quirk Q58
+// Every failure means no. // Quirk Q58
 bool CheckOld() {
   try {
     Storage storage;

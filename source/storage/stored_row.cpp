@@ -7,7 +7,8 @@
 #include <vector>
 
 #include "log.h"
-#include "storage/sql.h"
+#include "storage/sqlite.h"
+#include "storage/statements.h"
 #include "throw.h"
 
 namespace ConfSave {
@@ -25,28 +26,52 @@ struct StoredRow {
   std::vector<char> etc;
 };
 
-/// One query for one row, with what its messages need.
+/// Column numbers of the query.
+enum Column { kKeybase, kEtc, kType, kId };
+
+/// A column whose type is not the expected one, as messages name it.
+struct Mismatch {
+  const std::string& name;
+  int64 version;
+  const char* column;
+  int actual;
+  int expected;
+};
+
+/// The message has marks of its own, and the version as a number. // Quirk Q55
+[[noreturn]] void reject(const Mismatch& mismatch) {
+  const std::string message = "Stored configuration ``" + mismatch.name + "'' (version " +
+                              std::to_string(mismatch.version) + ") is broken or invalid. column ``" +
+                              mismatch.column + "'' type is " + std::to_string(mismatch.actual) +
+                              " (expected " + std::to_string(mismatch.expected) + ")";
+  throw_text<XConstraint>(status_none, message.c_str());
+}
+
+void log_ignored(const Mismatch& mismatch) {
+  if (KovrLogHelper record{4, kCheckColumnType, sql::kSource, "Configuration ``"}) {
+    record << mismatch.name << "'' (version " << mismatch.version << ") contains column ``"
+           << mismatch.column << "'' with type " << mismatch.actual << " (expected " << mismatch.expected
+           << "). ignoring difference";
+  }
+}
+
+/// One query for one row, with the name and version that its messages need.
 struct Query {
   const std::string& name;
   int64 version;
   sql::Statement statement;
 
-  /// Column numbers of the query.
-  enum Column { kKeybase, kEtc, kType, kId };
-
-  void require(const char* column, Column index, int expected) {
-    // A refusal finalizes the statement before it throws, so the statement is lent out for the call.
-    sqlite3_stmt* lent = statement.release();
-    checkColumnType(name, version, lent, column, index, expected, true);
-    statement.reset(lent);
-  }
-
-  void expect(const char* column, Column index, int expected) {
-    checkColumnType(name, version, statement.get(), column, index, expected, false);
+  /// Throws XConstraint, or only logs, unless the column has the expected type.
+  void check(const char* column, Column index, int expected, bool strict = true) const {
+    const int actual = sqlite3_column_type(statement.get(), index);
+    if (actual == expected) return;
+    const Mismatch mismatch = {name, version, column, actual, expected};
+    if (strict) reject(mismatch);
+    log_ignored(mismatch);
   }
 };
 
-/// SQLite answers null for an empty blob, and for one that it has no memory for.
+/// SQLite returns null for an empty blob, and for one that it has no memory for.
 void copy_blob(sqlite3_stmt* statement, int column, int size, std::vector<char>& out) {
   const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement, column));
   if (bytes == nullptr && size != 0) throw std::bad_alloc();
@@ -54,30 +79,26 @@ void copy_blob(sqlite3_stmt* statement, int column, int size, std::vector<char>&
   if (size != 0) out.assign(bytes, bytes + size);
 }
 
-void read_row(Query& query, StoredRow& row) {
-  query.require("keybase", Query::kKeybase, SQLITE_BLOB);
-  query.require("type", Query::kType, SQLITE_INTEGER);
-  query.require("id", Query::kId, SQLITE_INTEGER);
-  row.type = static_cast<conftype>(sqlite3_column_int(query.statement.get(), Query::kType));
-  row.id = sqlite3_column_int64(query.statement.get(), Query::kId);
-  const bool has_etc = row.type != conf_corlu;  // Quirk Q17
-  if (has_etc) {
-    query.require("etc", Query::kEtc, SQLITE_BLOB);
-  } else {
-    query.expect("etc", Query::kEtc, SQLITE_BLOB);
-  }
-
+void read_row(const Query& query, StoredRow& row) {
   sqlite3_stmt* statement = query.statement.get();
-  const int keybase_size = sqlite3_column_bytes(statement, Query::kKeybase);
-  const int etc_size = sqlite3_column_bytes(statement, Query::kEtc);
-  copy_blob(statement, Query::kKeybase, keybase_size, row.keybase);
-  if (has_etc) copy_blob(statement, Query::kEtc, etc_size, row.etc);
+  query.check("keybase", kKeybase, SQLITE_BLOB);
+  query.check("type", kType, SQLITE_INTEGER);
+  query.check("id", kId, SQLITE_INTEGER);
+  row.type = static_cast<conftype>(sqlite3_column_int(statement, kType));
+  row.id = sqlite3_column_int64(statement, kId);
+  const bool has_etc = row.type != conf_corlu;  // Quirk Q17
+  query.check("etc", kEtc, SQLITE_BLOB, has_etc);
+
+  const int keybase_size = sqlite3_column_bytes(statement, kKeybase);
+  const int etc_size = sqlite3_column_bytes(statement, kEtc);
+  copy_blob(statement, kKeybase, keybase_size, row.keybase);
+  if (has_etc) copy_blob(statement, kEtc, etc_size, row.etc);
   if (KovrLogHelper record{2, kLoad, sql::kSource, "sqlite3_column_bytes: sz0="}) {
     record << keybase_size << ", sz1=" << etc_size;
   }
 }
 
-/// A query that cannot be prepared counts as a configuration that is not there. // Quirk Q15
+/// A query that cannot be prepared counts as a missing configuration. // Quirk Q15
 sql::Statement prepare_query(sqlite3* db, const std::string& text) {
   sql::Statement statement;
   const int code = sql::prepare(db, text, statement);
@@ -88,7 +109,7 @@ sql::Statement prepare_query(sqlite3* db, const std::string& text) {
   throw_status<XNotFound>();
 }
 
-/// The row of this name and version; of several, which only a foreign table can hold, the last.
+/// The row of this name and version; the last if there are several, as only a foreign table can have.
 StoredRow fetch_row(sqlite3* db, const std::string& name, int64 version, bool skip_corlu) {
   Query query{name, version, prepare_query(db, sql::select_row(name, version, skip_corlu))};
   StoredRow row;
@@ -107,30 +128,21 @@ StoredRow fetch_row(sqlite3* db, const std::string& name, int64 version, bool sk
 
 }  // namespace
 
-// Its messages have marks of their own, and the version as a number. // Quirk Q55
 void checkColumnType(const std::string& name, int64 version, sqlite3_stmt* stmt, const char* column,
                      int index, int expected, bool strict) {
   const int actual = sqlite3_column_type(stmt, index);
   if (actual == expected) return;
-  if (strict) {
-    const sql::Statement finalized(stmt);
-    const std::string message = "Stored configuration ``" + name + "'' (version " +
-                                std::to_string(version) + ") is broken or invalid. column ``" + column +
-                                "'' type is " + std::to_string(actual) + " (expected " +
-                                std::to_string(expected) + ")";
-    throw_text<XConstraint>(0, message.c_str());
-  }
-  if (KovrLogHelper record{4, kCheckColumnType, sql::kSource, "Configuration ``"}) {
-    record << name << "'' (version " << version << ") contains column ``" << column << "'' with type "
-           << actual << " (expected " << expected << "). ignoring difference";
-  }
+  const Mismatch mismatch = {name, version, column, actual, expected};
+  if (!strict) return log_ignored(mismatch);
+  const sql::Statement finalized(stmt);
+  reject(mismatch);
 }
 
 void Storage::Load(const std::string& name, const char* target, int64 version, bool skip_corlu) {
   log_text(2, kLoad, sql::kSource, "Try to load");
   const StoredRow row = fetch_row(db, name, version, skip_corlu);
 
-  // Stamped before it is unpacked: an attempt counts as a load. // Quirk Q16
+  // The stamp comes before the unpacking: an attempt counts as a load. // Quirk Q16
   sql::execute(db, sql::stamp_load_time(row.id, std::time(nullptr)), kLoad);
   if (KovrLogHelper record{4, kLoad, sql::kSource, "sqlite3_total_changes: "}) {
     record << sqlite3_total_changes(db);
