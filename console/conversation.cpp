@@ -2,10 +2,12 @@
 
 #include <confsave.h>
 
+#include <cstdio>
 #include <iostream>
 #include <streambuf>
 #include <utility>
 
+#include "interrupt.h"
 #include "names.h"
 
 namespace console {
@@ -18,17 +20,17 @@ bool ends_with(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-/// Passes on what is written, and notes it. That the terminal is gone is kept from the library, which
-/// would take its own success for a failure.
-class Noting : public std::streambuf {
+/// Passes on and records what is written. Hides from the library that the terminal is gone, because the
+/// library reports that as a failed operation.
+class Recorder : public std::streambuf {
  public:
-  explicit Noting(std::ostream& stream) : stream_(stream), below_(stream.rdbuf(this)) {}
-  Noting(const Noting&) = delete;
-  Noting& operator=(const Noting&) = delete;
-  ~Noting() override { stream_.rdbuf(below_); }
+  explicit Recorder(std::ostream& stream) : stream_(stream), below_(stream.rdbuf(this)) {}
+  Recorder(const Recorder&) = delete;
+  Recorder& operator=(const Recorder&) = delete;
+  ~Recorder() override { stream_.rdbuf(below_); }
 
   const std::string& text() const { return text_; }
-  /// Forgets what was noted after the first `size` letters.
+  /// Forgets what was recorded after the first `size` letters.
   void keep(std::size_t size) { text_.resize(size); }
   std::streambuf& below() { return *below_; }
 
@@ -42,7 +44,7 @@ class Noting : public std::streambuf {
   std::streamsize xsputn(const char* text, std::streamsize length) override {
     text_.append(text, static_cast<std::size_t>(length));
     below_->sputn(text, length);
-    noted();
+    recorded();
     return length;
   }
 
@@ -51,8 +53,8 @@ class Noting : public std::streambuf {
     return 0;
   }
 
-  /// Called when something was noted. What it throws gets to whoever writes.
-  virtual void noted() {}
+  /// Called after each write. Its exceptions propagate to the writer.
+  virtual void recorded() {}
 
  private:
   std::ostream& stream_;
@@ -60,17 +62,17 @@ class Noting : public std::streambuf {
   std::string text_;
 };
 
-/// Makes a stream hand on the exceptions of its buffer instead of swallowing them.
-class HandingOn {
+/// Makes a stream propagate the exceptions of its buffer.
+class Propagation {
  public:
-  explicit HandingOn(std::ios& stream) : stream_(stream), before_(stream.exceptions()) {
-    // What went wrong before is not to be thrown now.
+  explicit Propagation(std::ios& stream) : stream_(stream), before_(stream.exceptions()) {
+    // An earlier failure must not throw now.
     stream_.clear(stream_.rdstate() & ~std::ios::badbit);
     stream_.exceptions(std::ios::badbit);
   }
-  HandingOn(const HandingOn&) = delete;
-  HandingOn& operator=(const HandingOn&) = delete;
-  ~HandingOn() {
+  Propagation(const Propagation&) = delete;
+  Propagation& operator=(const Propagation&) = delete;
+  ~Propagation() {
     stream_.clear(stream_.rdstate() & ~std::ios::badbit);
     stream_.exceptions(before_);
   }
@@ -83,13 +85,13 @@ class HandingOn {
 }  // namespace
 
 struct Conversation::Streams {
-  /// Standard output, whose claims are not taken on trust.
-  class Output : public Noting {
+  /// Standard output. The report that the current configuration was saved is checked.
+  class Output : public Recorder {
    public:
-    explicit Output(Streams& streams) : Noting(std::cout), streams_(streams) {}
+    explicit Output(Streams& streams) : Recorder(std::cout), streams_(streams) {}
 
    protected:
-    void noted() override {
+    void recorded() override {
       if (ends_with(text(), kSavedClaim)) streams_.demand_proof();
     }
 
@@ -105,12 +107,12 @@ struct Conversation::Streams {
     Input& operator=(const Input&) = delete;
     ~Input() override { std::cin.rdbuf(below_); }
 
-    /// False at the end of input.
+    /// False at the end of input, and after an interrupt.
     bool read_line(std::string& line) {
       line.clear();
       for (;;) {
-        const int_type letter = below_->sbumpc();
-        if (traits_type::eq_int_type(letter, traits_type::eof())) return !line.empty();
+        const int_type letter = interrupted() ? traits_type::eof() : below_->sbumpc();
+        if (traits_type::eq_int_type(letter, traits_type::eof())) return !line.empty() && !interrupted();
         line += traits_type::to_char_type(letter);
         if (line.back() == '\n') return true;
       }
@@ -132,7 +134,7 @@ struct Conversation::Streams {
   explicit Streams(Proof proof)
       : was_saved(std::move(proof)), output(*this), errors(std::cerr), input(*this) {}
 
-  /// The next answer, with its line feed. False at the end of input.
+  /// Reads the next answer, with its line feed. False at the end of input.
   bool answer(std::string& line) {
     const bool at_name = ends_with(output.text(), kNameQuestion);
     for (;;) {
@@ -140,14 +142,18 @@ struct Conversation::Streams {
       if (!at_name) return true;
       name = line.substr(0, line.find('\n'));
       asked = std::time(nullptr);
-      const std::size_t said_by_library = errors.text().size();
+      const std::size_t printed_by_library = errors.text().size();
       if (check_name(name)) return true;
-      errors.keep(said_by_library);
+      errors.keep(printed_by_library);
       std::cout << kNameQuestion << std::flush;
     }
   }
 
   bool end_of_input() const {
+    if (interrupted()) {
+      std::clearerr(stdin);
+      std::cout << std::endl;
+    }
     if (was_saved) throw ConfSave::XCancel(0, true);
     return false;
   }
@@ -156,8 +162,8 @@ struct Conversation::Streams {
     if (!was_saved || was_saved(name, asked)) return;
     disproved = true;
     output.below().pubsync();
-    std::cerr << "confsave: '" << name << "' was not stored; nothing is restored over a configuration that "
-              << "is not kept.\n";
+    std::cerr << "confsave: '" << name << "' was not stored. Nothing is restored over a configuration that "
+              << "is not saved.\n";
     throw ConfSave::XCancel(0, true);
   }
 
@@ -166,10 +172,10 @@ struct Conversation::Streams {
   std::string name;
   std::time_t asked = 0;
   Output output;
-  Noting errors;
+  Recorder errors;
   Input input;
-  HandingOn output_exceptions{std::cout};
-  HandingOn input_exceptions{std::cin};
+  Propagation output_exceptions{std::cout};
+  Propagation input_exceptions{std::cin};
 };
 
 Conversation::Conversation(Proof was_saved) : streams_(std::make_unique<Streams>(std::move(was_saved))) {}
@@ -180,7 +186,7 @@ const std::string& Conversation::output() const { return streams_->output.text()
 
 const std::string& Conversation::errors() const { return streams_->errors.text(); }
 
-bool Conversation::said(const std::string& text) const {
+bool Conversation::printed(const std::string& text) const {
   return output().find(text) != std::string::npos || errors().find(text) != std::string::npos;
 }
 

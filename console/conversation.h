@@ -7,16 +7,15 @@
 
 namespace console {
 
-/// Stands between the library and the person while it lives: passes on what is said, notes it, and steps
-/// in where the library would take a name that cannot be stored.
+/// While it lives, stands between the library and the standard streams: passes on and records what is
+/// printed and typed.
 ///
-/// To the question for the current configuration's name only a valid name gets through; after any other it
-/// is asked again. With `was_saved` it protects a restore as well: the end of input is no answer to any
-/// question, and that the current configuration was saved is not taken on the library's word. Either throws
-/// ConfSave::XCancel into the library, before anything is overwritten.
+/// The question for the current configuration's name is repeated until the answer is a valid name. With
+/// `was_saved` it protects a restore as well: at the end of input, and when the library reports a save that
+/// did not happen, it throws ConfSave::XCancel into the library before anything is overwritten.
 class Conversation {
  public:
-  /// `was_saved(name, since)`: whether a configuration of that name was stored since then.
+  /// `was_saved(name, since)`: whether a snapshot of that name was stored since then.
   using Proof = std::function<bool(const std::string& name, std::time_t since)>;
 
   explicit Conversation(Proof was_saved = nullptr);
@@ -24,13 +23,13 @@ class Conversation {
   Conversation& operator=(const Conversation&) = delete;
   ~Conversation();
 
-  /// What the library said so far.
+  /// What the library printed so far.
   const std::string& output() const;
   const std::string& errors() const;
 
-  bool said(const std::string& text) const;
+  bool printed(const std::string& text) const;
 
-  /// Whether the library said that it saved what it did not.
+  /// Whether the library reported a save that did not happen.
   bool disproved() const;
 
  private:

@@ -8,12 +8,12 @@
 #include <iostream>
 #include <memory>
 
-#include "shell.h"
+#include "shell_completion.h"
 
 namespace console {
 namespace {
 
-/// Hands out one match after the other, each a copy that the library of the line editor frees.
+/// Returns one match after the other, each a copy that the line editor frees.
 char* next_match(const char* text, int number) {
   static Arguments matches;
   static std::size_t next = 0;
@@ -25,7 +25,7 @@ char* next_match(const char* text, int number) {
 }
 
 char** complete(const char* text, int, int) {
-  rl_attempted_completion_over = 1;  // No file of this directory is a name.
+  rl_attempted_completion_over = 1;  // Never complete names of files.
   return rl_completion_matches(text, next_match);
 }
 

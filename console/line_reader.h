@@ -4,9 +4,8 @@
 
 namespace console {
 
-/// Reads the lines of the interactive shell. At a terminal they can be edited, completed with the tab key
-/// and had back; what was typed is remembered in memory only and written nowhere. Otherwise they are read
-/// as they come.
+/// Reads the lines of the interactive shell. At a terminal a line can be edited and completed with the tab
+/// key, and earlier lines recalled; they are kept in memory only.
 class LineReader {
  public:
   LineReader();

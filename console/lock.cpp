@@ -1,7 +1,6 @@
 #include "lock.h"
 
 #include <fcntl.h>
-#include <kelmor/paths.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -12,21 +11,18 @@
 #include <thread>
 
 #include "exit_status.h"
-#include "names.h"
+#include "interrupt.h"
+#include "places.h"
+#include "text.h"
 
 namespace console {
 namespace {
-
-std::string state_directory() {
-  return toolsunix::FilenameConvertor::Instance().GetFullDynamicDirName(
-      toolsunix::path::DynamicDirectoryId{1});
-}
 
 /// What the holder wrote about itself.
 std::string holder(int descriptor) {
   char text[200];
   const ssize_t length = pread(descriptor, text, sizeof text, 0);
-  if (length <= 0) return "it did not say what it does";
+  if (length <= 0) return "it does not say what it does";
   const std::string whole(text, static_cast<std::size_t>(length));
   return printable(whole.substr(0, whole.find('\n')));
 }
@@ -36,15 +32,15 @@ bool lock_within(int descriptor, std::chrono::seconds time) {
   for (;;) {
     if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return true;
     if (errno != EWOULDBLOCK && errno != EINTR) return false;
-    if (std::chrono::steady_clock::now() >= end) {
-      errno = EWOULDBLOCK;
+    if (interrupted() || std::chrono::steady_clock::now() >= end) {
+      errno = interrupted() ? EINTR : EWOULDBLOCK;
       return false;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
 
-/// For people only: that it cannot be written is no reason to stop.
+/// For people only, so a failure is ignored.
 void write_holder(int descriptor, const std::string& purpose) {
   const std::string text = "process " + std::to_string(getpid()) + ", " + purpose + "\n";
   if (ftruncate(descriptor, 0) != 0 || pwrite(descriptor, text.data(), text.size(), 0) < 0) return;
@@ -54,7 +50,7 @@ void write_holder(int descriptor, const std::string& purpose) {
 
 OperationLock::~OperationLock() {
   if (descriptor_ == -1) return;
-  // Before the lock is given back: who comes next is not to be told of this one.
+  // While the lock is held, so that the next holder's text is not erased.
   if (held_ && ftruncate(descriptor_, 0) != 0) errno = 0;
   close(descriptor_);
 }
@@ -64,7 +60,8 @@ int OperationLock::take(const std::string& purpose, unsigned seconds) {
   descriptor_ = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor_ == -1) {
     std::cerr << "confsave: cannot open '" << printable(file) << "': " << std::strerror(errno)
-              << ". The state directory must exist and be yours to write; KELMOR_DYNAMIC_DIR names it.\n";
+              << ". The state directory must exist, and you must be allowed to write to it. "
+              << "KELMOR_DYNAMIC_DIR sets another one.\n";
     return kNoStorage;
   }
   if (lock_within(descriptor_, std::chrono::seconds(seconds))) {
@@ -72,12 +69,17 @@ int OperationLock::take(const std::string& purpose, unsigned seconds) {
     write_holder(descriptor_, purpose);
     return kDone;
   }
+  if (errno == EINTR) {
+    std::cerr << "confsave: interrupted; nothing was done.\n";
+    return kFailed;
+  }
   if (errno == EWOULDBLOCK) {
     std::cerr << "confsave: another confsave is at work (" << holder(descriptor_)
-              << "). Try again when it is done, or wait longer with --wait.\n";
+              << "). Try again later, or wait longer with --wait.\n";
     return kBusy;
   }
-  std::cerr << "confsave: cannot lock '" << printable(file) << "': " << std::strerror(errno) << ".\n";
+  std::cerr << "confsave: cannot lock '" << printable(file) << "': " << std::strerror(errno)
+            << ". The state directory must be on a file system with locks.\n";
   return kFailed;
 }
 

@@ -4,8 +4,8 @@
 
 namespace console {
 
-/// What keeps the savers and loaders of this host apart: a lock on the file "confsave.lock" in the state
-/// directory. The system gives it back whatever becomes of the process.
+/// Keeps the savers and loaders of this host apart: a lock on the file "confsave.lock" in the state
+/// directory. The system releases it however the process ends.
 class OperationLock {
  public:
   OperationLock() = default;
@@ -13,8 +13,8 @@ class OperationLock {
   OperationLock& operator=(const OperationLock&) = delete;
   ~OperationLock();
 
-  /// Waits for up to so many seconds. `purpose` is what others are told while it is held. Returns kDone,
-  /// or what the program is to exit with, after having told why.
+  /// Waits for up to `seconds`. `purpose` is what a confsave that waits in vain prints. Returns kDone, or
+  /// prints the reason and returns the exit status.
   int take(const std::string& purpose, unsigned seconds);
 
  private:

@@ -4,25 +4,19 @@
 #include <iostream>
 
 #include "exit_status.h"
-#include "names.h"
 #include "process.h"
+#include "text.h"
 #include "verbs.h"
 
 namespace {
-
-/// An exception's text, or its number where it has none.
-std::string text_of(const XTOOStatus& error) {
-  const std::string text = error.ErrorMessage();
-  return text.empty() ? "status " + std::to_string(error.Status()) : text;
-}
 
 int run(const console::Arguments& arguments) {
   try {
     return console::run(arguments);
   } catch (const XTOOStatus& error) {
-    std::cerr << "confsave: failed: " << console::printable(text_of(error)) << '\n';
+    std::cerr << "confsave: failed: " << console::reason(error) << ".\n";
   } catch (const std::exception& error) {
-    std::cerr << "confsave: failed: " << console::printable(error.what()) << '\n';
+    std::cerr << "confsave: failed: " << console::printable(error.what()) << ".\n";
   }
   return console::kFailed;
 }
@@ -34,6 +28,6 @@ int main(int argc, char** argv) {
   const int status = run({argv + (argc > 0 ? 1 : 0), argv + argc});
   std::cout.flush();
   if (std::cout || status != console::kDone) return status;
-  std::cerr << "confsave: the output could not be written.\n";
+  std::cerr << "confsave: standard output could not be written.\n";
   return console::kFailed;
 }

@@ -6,12 +6,12 @@
 
 namespace console {
 
-/// What a verb was called with. Each verb reads what its row of the table offers.
+/// The parsed arguments of a verb. A verb reads the options that its row of the table lists.
 struct Options {
   std::string name;  ///< a name, or a pattern where the verb takes one
   ConfSave::conftype type = ConfSave::conf_full;
-  ConfSave::int64 version = 0;  ///< 0: none was given
-  bool no_version = false;      ///< asked for the one that has no version
+  ConfSave::int64 version = 0;  ///< 0: not given
+  bool no_version = false;      ///< --version none: the snapshot that has no version
   std::string target;
   ConfSave::int64 upto = 0;
   std::string sort;

@@ -1,12 +1,12 @@
 #include "parents.h"
 
-#include <kelmor/paths.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <iostream>
 
-#include "names.h"
+#include "places.h"
+#include "text.h"
 
 namespace console {
 namespace {
@@ -17,7 +17,7 @@ bool is_same(const struct stat& a, const struct stat& b) {
   return a.st_mode == b.st_mode && a.st_uid == b.st_uid && a.st_gid == b.st_gid;
 }
 
-/// The owner first: another one takes the special bits of the mode away.
+/// The owner first: a change of the owner clears the special bits of the mode.
 bool put_back(const std::string& path, const struct stat& before) {
   struct stat now = {};
   if (lstat(path.c_str(), &now) != 0 || !S_ISDIR(now.st_mode)) return false;
@@ -28,7 +28,7 @@ bool put_back(const std::string& path, const struct stat& before) {
 
 }  // namespace
 
-/// The text is made before, so that the destructor need not.
+/// The text is made early, so that the destructor allocates nothing.
 struct ParentDirectories::Kept {
   std::string path;
   std::string printable_path;
@@ -36,8 +36,7 @@ struct ParentDirectories::Kept {
 };
 
 ParentDirectories::ParentDirectories(const std::string& destination) {
-  const std::string directory =
-      destination.empty() ? toolsunix::FilenameConvertor::Instance().GetKelmorConfigPath() : destination;
+  const std::string directory = destination.empty() ? configuration_directory() : destination;
   for (const char* name : {"user", "hub"}) {
     Kept kept = {directory + name, printable(directory + name), {}};
     if (lstat(kept.path.c_str(), &kept.status) == 0 && S_ISDIR(kept.status.st_mode)) {
@@ -49,7 +48,8 @@ ParentDirectories::ParentDirectories(const std::string& destination) {
 ParentDirectories::~ParentDirectories() {
   for (const Kept& kept : kept_) {
     if (put_back(kept.path, kept.status)) continue;
-    std::cerr << "confsave: the mode and owner of '" << kept.printable_path << "' could not be put back.\n";
+    std::cerr << "confsave: '" << kept.printable_path
+              << "' could not be given the mode and owner that it had. Compare and set them by hand.\n";
   }
 }
 

@@ -5,8 +5,8 @@
 
 namespace console {
 
-/// The directories that no archive has an entry for: a restore gives them the mode of the umask and the
-/// owner of this process. This one puts back what they had before. // Quirk Q61
+/// Keeps the mode and owner of the directories that no archive has an entry for, and sets them again at its
+/// end: a restore gives them the mode of the umask and the owner of this process. // Quirk Q61
 class ParentDirectories {
  public:
   /// `destination` ends in "/"; empty for the configuration directory.
@@ -14,7 +14,7 @@ class ParentDirectories {
   ParentDirectories(const ParentDirectories&) = delete;
   ParentDirectories& operator=(const ParentDirectories&) = delete;
 
-  /// Tells what cannot be put back.
+  /// Prints what cannot be set again.
   ~ParentDirectories();
 
  private:

@@ -9,7 +9,7 @@
 namespace console {
 
 void prepare_process() {
-  // A descriptor that is closed now would be the next file's, and an error message would end up in
+  // Otherwise the next file that is opened gets the closed descriptor, and an error message ends up in
   // that file.
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
     if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) open("/dev/null", O_RDWR);

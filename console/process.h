@@ -2,8 +2,8 @@
 
 namespace console {
 
-/// Makes this process one that the library can work in, whoever started it: descriptors 0 to 2 are open,
-/// new files are the owner's alone, and the ends of child processes are told.
+/// Sets up what the library relies on, whoever started the process: descriptors 0 to 2 are open, new files
+/// are readable by their owner only, and SIGCHLD is delivered.
 void prepare_process();
 
 }  // namespace console

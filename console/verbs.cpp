@@ -3,18 +3,21 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <csignal>
 #include <iostream>
 #include <limits>
 #include <sstream>
 
-#include "commands.h"
 #include "exit_status.h"
+#include "interrupt.h"
 #include "names.h"
+#include "text.h"
+#include "verb_functions.h"
 
 namespace console {
 namespace {
 
-/// A verb's argument.
+/// What stands behind a verb.
 enum class Operand { kNone, kName, kPattern };
 
 struct Verb {
@@ -23,38 +26,41 @@ struct Verb {
   const char* options;  ///< names from kOptions, each followed by a blank
   const char* required;
   const char* effect;
+  bool catches_interrupts;  ///< prints what an interrupt left behind, and then ends by it
   int (*run)(const Options& options);
 };
 
 constexpr Verb kVerbs[] = {
-    {"list", Operand::kNone, "--upto --sort --all --json --long ", "", "show what is stored", list},
+    {"list", Operand::kNone, "--upto --sort --all --json --long ", "", "list the snapshots", false, list},
     {"save", Operand::kName, "--type --version --force --wait ", "", "store the configuration as it is now",
-     save},
-    {"load", Operand::kPattern, "--version --target --yes --force --wait ", "",
-     "restore a stored configuration", load},
-    {"delete", Operand::kName, "--version ", "", "delete a stored configuration", remove},
+     true, save},
+    {"load", Operand::kPattern, "--version --target --yes --force --wait ", "", "restore a snapshot", true,
+     load},
+    {"delete", Operand::kName, "--version ", "", "delete a snapshot", false, remove},
     {"autosave", Operand::kNone, "--max --type --wait ", "--max ",
-     "store the configuration under a name made of the time", autosave},
-    {"check-old", Operand::kNone, "", "", "tell whether an autosave is older than 31 days", check_old},
-    {"shell", Operand::kNone, "--wait ", "", "the commands of the gateway's shell", shell},
-    {"version", Operand::kNone, "", "", "show the versions of this program and of the gateway", version},
+     "store the configuration under a name made from the time", true, autosave},
+    {"check-old", Operand::kNone, "", "", "say whether an autosave is older than 31 days", false,
+     check_old},
+    {"shell", Operand::kNone, "--wait ", "", "read verbs as the gateway's shell does", false, shell},
+    {"version", Operand::kNone, "", "", "show the versions of this program and of the gateway", false,
+     version},
 };
 
 ConfSave::int64 parse_version(const std::string& text) {
   ConfSave::int64 number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (error == std::errc() && end == text.data() + text.size() && number > 0) return number;
-  // Much converts that no version is written as: only what reads the same again is one.
+  // The library converts many other texts, too. A version is printed as it was written.
   ConfSave::Config config(0);
   if (config.vers_convert(text) && config.vers > 0 && config.version() == text) return config.vers;
-  throw CLI::ValidationError("'" + text + "' is no version; write it as 4.5.4, or as a packed number");
+  throw CLI::ValidationError("'" + text + "' is not a version; write it as 4.5.4, or as a packed number");
 }
 
 unsigned parse_number(const std::string& text, unsigned least) {
   unsigned number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (error == std::errc() && end == text.data() + text.size() && number >= least) return number;
-  throw CLI::ValidationError("'" + text + "' is no number from " + std::to_string(least) + " to " +
+  throw CLI::ValidationError("'" + text + "' is not a number from " + std::to_string(least) + " to " +
                              std::to_string(std::numeric_limits<unsigned>::max()));
 }
 
@@ -62,14 +68,14 @@ ConfSave::conftype parse_type(const std::string& text) {
   if (text == "full") return ConfSave::conf_full;
   if (text == "part") return ConfSave::conf_part;
   if (text == "corlu") return ConfSave::conf_corlu;
-  throw CLI::ValidationError("'" + text + "' is none of full, part, corlu");
+  throw CLI::ValidationError("'" + text + "' is not one of full, part, corlu");
 }
 
 std::string parse_sort(const std::string& text) {
   for (const char* key : {"name", "saved", "loaded", "version"}) {
     if (text == key) return text;
   }
-  throw CLI::ValidationError("'" + text + "' is none of name, saved, loaded, version");
+  throw CLI::ValidationError("'" + text + "' is not one of name, saved, loaded, version");
 }
 
 void set_version(const std::string& text, Options& options) {
@@ -79,33 +85,33 @@ void set_version(const std::string& text, Options& options) {
 
 struct Option {
   const char* name;
-  const char* value;   ///< what it takes; empty for a flag
-  const char* values;  ///< what can be offered, each followed by a blank
+  const char* value;   ///< the name of its value; empty for a flag
+  const char* values;  ///< the values that completion offers, each followed by a blank
   const char* effect;
   void (*set)(const std::string& value, Options& options);
 };
 
 constexpr Option kOptions[] = {
-    {"--type", "TYPE", "full part corlu ", "what to store: full, part or corlu (full)",
+    {"--type", "TYPE", "full part corlu ", "full, part or corlu; default: full",
      [](const std::string& value, Options& options) { options.type = parse_type(value); }},
-    {"--version", "VERSION", "", "the version of the configuration, as 4.5.4", set_version},
-    {"--upto", "VERSION", "", "only up to this version",
+    {"--version", "VERSION", "", "the version of the snapshot, as 4.5.4", set_version},
+    {"--upto", "VERSION", "", "only snapshots up to this version",
      [](const std::string& value, Options& options) { options.upto = parse_version(value); }},
-    {"--sort", "KEY", "name saved loaded version ", "in the order of name, saved, loaded or version",
+    {"--sort", "KEY", "name saved loaded version ", "sort by name, saved, loaded or version",
      [](const std::string& value, Options& options) { options.sort = parse_sort(value); }},
-    {"--target", "DIR", "", "restore into this directory instead",
+    {"--target", "DIR", "", "restore everything into this directory",
      [](const std::string& value, Options& options) { options.target = value; }},
-    {"--max", "N", "", "keep at most so many autosaves",
+    {"--max", "N", "", "keep at most N autosaves",
      [](const std::string& value, Options& options) { options.max = parse_number(value, 1); }},
-    {"--wait", "SECONDS", "", "how long to wait for another confsave (30)",
+    {"--wait", "SECONDS", "", "how long to wait for another confsave; default: 30",
      [](const std::string& value, Options& options) { options.wait = parse_number(value, 0); }},
-    {"--force", "", "", "go on where the program would ask or refuse",
+    {"--force", "", "", "neither ask before overwriting nor refuse",
      [](const std::string&, Options& options) { options.force = true; }},
-    {"--yes", "", "", "ask nothing", [](const std::string&, Options& options) { options.yes = true; }},
-    {"--all", "", "", "the packet filter's own record as well",
+    {"--yes", "", "", "ask no question", [](const std::string&, Options& options) { options.yes = true; }},
+    {"--all", "", "", "list the packet filter's own snapshot, too",
      [](const std::string&, Options& options) { options.all = true; }},
-    {"--json", "", "", "as JSON", [](const std::string&, Options& options) { options.json = true; }},
-    {"--long", "", "", "as a table", [](const std::string&, Options& options) { options.table = true; }},
+    {"--json", "", "", "print JSON", [](const std::string&, Options& options) { options.json = true; }},
+    {"--long", "", "", "print a table", [](const std::string&, Options& options) { options.table = true; }},
 };
 
 bool lists(const char* list, const std::string& word) {
@@ -131,13 +137,13 @@ const Option* find_option(const std::string& name) {
   return option != std::end(kOptions) ? option : nullptr;
 }
 
-void add_option(CLI::App& command, const Verb& verb, const Option& option, Options& options) {
+void add_option(CLI::App& parser, const Verb& verb, const Option& option, Options& options) {
   if (option.value[0] == '\0') {
-    command.add_flag_callback(
+    parser.add_flag_callback(
         option.name, [&option, &options] { option.set("", options); }, option.effect);
     return;
   }
-  command
+  parser
       .add_option_function<std::string>(
           option.name, [&option, &options](const std::string& value) { option.set(value, options); },
           option.effect)
@@ -146,15 +152,15 @@ void add_option(CLI::App& command, const Verb& verb, const Option& option, Optio
 }
 
 void add_verb(CLI::App& program, const Verb& verb, Options& options) {
-  CLI::App* command = program.add_subcommand(verb.name, verb.effect);
+  CLI::App* parser = program.add_subcommand(verb.name, verb.effect);
   if (verb.operand != Operand::kNone) {
     const bool pattern = verb.operand == Operand::kPattern;
-    command->add_option("NAME", options.name, pattern ? "its name, or a pattern of * ? [ ]" : "its name")
+    parser->add_option("NAME", options.name, pattern ? "a name, or a pattern with * ? [ ]" : "a name")
         ->type_name("")
         ->required();
   }
   for (const Option& option : kOptions) {
-    if (lists(verb.options, option.name)) add_option(*command, verb, option, options);
+    if (lists(verb.options, option.name)) add_option(*parser, verb, option, options);
   }
 }
 
@@ -163,11 +169,24 @@ int refuse(const std::string& problem, const std::string& help) {
   return kUsage;
 }
 
-/// What no table can say: options that exclude each other or belong to one verb alone.
+/// What the table cannot express: options that exclude each other, values that belong to one verb.
 std::string contradiction(const Verb& verb, const Options& options) {
-  if (options.json && options.table) return "--json and --long exclude each other";
-  if (options.no_version && verb.run != remove) return "only delete takes --version none";
+  if (options.json && options.table) return "--json and --long cannot be combined";
+  if (options.no_version && verb.run != remove) return "--version none is for delete only";
   return "";
+}
+
+int run_verb(const Verb& verb, const Options& options) {
+  if (!verb.catches_interrupts) return verb.run(options);
+  const int status = [&] {
+    const InterruptCatcher catcher;
+    return verb.run(options);
+  }();
+  if (interrupted() && status != kDone) {
+    std::cout.flush();
+    raise(SIGINT);  // The caller sees what ended the program.
+  }
+  return status;
 }
 
 int parse_and_run(const Verb& verb, const Arguments& arguments) {
@@ -181,16 +200,16 @@ int parse_and_run(const Verb& verb, const Arguments& arguments) {
     std::cout << program.help();
     return kDone;
   } catch (const CLI::ParseError& error) {
-    // A word that is not known says more than the one that is missing.
+    // An unknown word is a better hint than a missing one.
     const Arguments unknown = program.remaining(true);
     return refuse(unknown.empty() ? error.what() : "'" + unknown.front() + "' was not expected", help);
   }
   const std::string problem = contradiction(verb, options);
-  return problem.empty() ? verb.run(options) : refuse(problem, help);
+  return problem.empty() ? run_verb(verb, options) : refuse(problem, help);
 }
 
 int print_help(std::ostream& out, int status) {
-  out << "Keeps named snapshots of this gateway's configuration.\n\nconfsave VERB [OPTION...]\n\n";
+  out << "Keep named snapshots of this gateway's configuration.\n\nconfsave VERB [OPTION...]\n\n";
   for (const Verb& verb : kVerbs) {
     std::string call = std::string("  ") + verb.name;
     if (verb.operand != Operand::kNone) call += " NAME";
@@ -200,11 +219,11 @@ int print_help(std::ostream& out, int status) {
     call.resize(std::max<std::size_t>(call.size() + 2, 22), ' ');
     out << call << verb.effect << '\n';
   }
-  out << "\nconfsave VERB --help shows the options of a verb, man confsave everything.\n";
+  out << "\n'confsave VERB --help' lists the options of a verb; 'man confsave' is the manual.\n";
   return status;
 }
 
-/// For the shell's completion: what comes after the words that follow.
+/// For the completion of a command line in bash.
 int print_candidates(const Arguments& arguments) {
   for (const std::string& candidate : candidates({arguments.begin() + 1, arguments.end()})) {
     std::cout << candidate << '\n';

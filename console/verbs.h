@@ -1,7 +1,6 @@
 #pragma once
 
-// The one table of what the program can be asked for. The command line, the help and the completion are
-// made of it.
+// The table of verbs. The command line, the help and the completion are made from it.
 
 #include <string>
 #include <vector>
@@ -10,14 +9,14 @@ namespace console {
 
 using Arguments = std::vector<std::string>;
 
-/// Runs what `arguments` ask for, and returns what the program exits with.
+/// Runs the verb that `arguments` begin with. Returns the exit status.
 int run(const Arguments& arguments);
 
-/// What can come next after `words`, which begin with a verb or are empty: verbs, options, values of
-/// options, names of stored configurations.
+/// What can follow `words`, which begin with a verb or are empty: verbs, options, values of options, names
+/// of stored snapshots.
 Arguments candidates(const Arguments& words);
 
-/// The names of stored configurations that may be typed, each once.
+/// The names of stored snapshots that can be typed, each once.
 Arguments stored_names();
 
 }  // namespace console

@@ -1,20 +1,28 @@
 #include <iostream>
 
-#include "commands.h"
+#include "advice.h"
 #include "conversation.h"
+#include "directories.h"
 #include "exit_status.h"
-#include "gateway.h"
+#include "interrupt.h"
 #include "lock.h"
 #include "names.h"
+#include "snapshots.h"
+#include "verb_functions.h"
 
 namespace console {
 namespace {
 
 int failure(const Conversation& conversation) {
-  if (conversation.said("Config is not overwritten.\n") || conversation.said("Operation aborted!\n")) {
+  if (interrupted()) {
+    std::cerr << "confsave: interrupted; nothing was stored.\n";
+    return kFailed;
+  }
+  if (conversation.printed("Config is not overwritten.\n") ||
+      conversation.printed("Operation aborted!\n")) {
     return kDeclined;
   }
-  tell_what_to_look_at();
+  print_next_step();
   return kFailed;
 }
 
@@ -39,7 +47,7 @@ int save(const Options& options) {
   }
   if (was_saved(options.name, stored_as, start)) return kDone;
   std::cerr << "confsave: '" << options.name << "' was not stored.\n";
-  tell_what_to_look_at();
+  print_next_step();
   return kFailed;
 }
 

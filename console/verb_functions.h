@@ -1,7 +1,7 @@
 #pragma once
 
-// One function for each verb. Each returns what the program exits with, and has told why on standard
-// error when that is not kDone.
+// One function for each verb. Each returns the exit status, and prints the reason on standard error when
+// that is not kDone.
 
 #include "options.h"
 

@@ -2,30 +2,36 @@
 
 #include <iostream>
 
-#include "commands.h"
+#include "advice.h"
 #include "conversation.h"
+#include "directories.h"
 #include "exit_status.h"
-#include "gateway.h"
+#include "interrupt.h"
 #include "lock.h"
 #include "names.h"
 #include "parents.h"
+#include "places.h"
+#include "snapshots.h"
+#include "text.h"
+#include "verb_functions.h"
 
 namespace console {
 namespace {
 
-/// The one configuration that is meant. Tells when there is none, or more than one, or one that cannot be
-/// handed on, and sets `status`.
+/// The one snapshot that matches. Otherwise prints the reason and sets `status`.
 std::optional<ConfSave::Config> find_only(const Options& options, int& status) {
   ConfSave::Storage storage;
   const ConfSave::Configs found = storage.FindMatching(options.name, options.version, true);
   if (found.empty()) {
-    std::cerr << "confsave: nothing is stored as '" << options.name << "'; confsave list shows what is.\n";
+    std::cerr << "confsave: nothing is stored as '" << options.name
+              << "'. 'confsave list' lists what is.\n";
     status = kNotFound;
     return std::nullopt;
   }
   if (found.size() > 1) {
-    std::cerr << "confsave: '" << options.name << "' matches more than one; say more of the name, or give "
-              << "--version:\n";
+    std::cerr << "confsave: '" << options.name
+              << "' matches more than one snapshot. Type more of the name, "
+              << "or give --version:\n";
     for (ConfSave::Config config : found) {
       config.name = printable(config.name);
       std::cerr << config << '\n';
@@ -35,7 +41,8 @@ std::optional<ConfSave::Config> find_only(const Options& options, int& status) {
   }
   if (!is_name(found.front().name)) {
     std::cerr << "confsave: the stored name '" << printable(found.front().name)
-              << "' has characters that no name may have; it is left alone.\n";
+              << "' has characters that a name must not have. Rename the row with sqlite3 in '"
+              << printable(storage_file()) << "'.\n";
     status = kFailed;
     return std::nullopt;
   }
@@ -46,17 +53,18 @@ bool is_refused_as_newer(const ConfSave::Config& config, const Options& options)
   if (config.vers <= ConfSave::CURRENT_VERSION || !options.yes || options.force) return false;
   std::cerr << "confsave: '" << config.name << "' is of version " << config.version()
             << ", newer than the running " << ConfSave::Config::version(ConfSave::CURRENT_VERSION)
-            << "; --force restores it all the same.\n";
+            << ". Give --force to restore it all the same.\n";
   return true;
 }
 
 int failure(const Conversation& conversation) {
   if (conversation.disproved()) return kFailed;
-  if (conversation.said("Operation aborted!\n")) return kDeclined;
-  if (conversation.said("No such config.\n")) return kNotFound;
-  std::cerr
-      << "confsave: the configuration may be restored in part. Load again, or load another snapshot.\n";
-  tell_what_to_look_at();
+  if (conversation.printed("Operation aborted!\n")) {
+    if (interrupted()) std::cerr << "confsave: interrupted; nothing was restored.\n";
+    return interrupted() ? kFailed : kDeclined;
+  }
+  if (conversation.printed("No such config.\n")) return kNotFound;
+  print_partial_restore();
   return kFailed;
 }
 
@@ -72,8 +80,7 @@ int restore(const ConfSave::Config& config, const Options& options) {
     if (!conversation.errors().empty()) return failure(conversation);
   }
   if (was_loaded(config.name, config.vers, start)) return kDone;
-  std::cerr << "confsave: that '" << config.name << "' was loaded could not be noted in the storage.\n";
-  tell_what_to_look_at();
+  print_missing_stamp(config.name);
   return kFailed;
 }
 
@@ -84,7 +91,8 @@ int load(const Options& options) {
   if (!check_pattern(checked.name)) return kUsage;
   if (!checked.target.empty() && !check_target(checked.target)) return kUsage;
   if (!checked.yes && isatty(STDIN_FILENO) == 0) {
-    std::cerr << "confsave: load asks questions, and standard input is no terminal; --yes answers them.\n";
+    std::cerr << "confsave: load asks questions, but standard input is not a terminal. Give --yes to be "
+                 "asked none.\n";
     return kUsage;
   }
   if (!check_directories()) return kFailed;
@@ -97,7 +105,7 @@ int load(const Options& options) {
   if (!config) return status;
   if (is_refused_as_newer(*config, checked)) return kNewer;
   if (!checked.force && !can_be_restored(*config)) {
-    std::cerr << "confsave: nothing was touched; --force tries it all the same.\n";
+    if (!interrupted()) std::cerr << "confsave: nothing was restored. --force skips this rehearsal.\n";
     return kFailed;
   }
   return restore(*config, checked);

@@ -6,10 +6,10 @@
 #include <sstream>
 #include <string_view>
 
-#include "commands.h"
 #include "exit_status.h"
-#include "gateway.h"
-#include "names.h"
+#include "snapshots.h"
+#include "text.h"
+#include "verb_functions.h"
 
 namespace console {
 namespace {
@@ -17,7 +17,7 @@ namespace {
 using ConfSave::Config;
 using ConfSave::Configs;
 
-/// What the rows are in the order of. The names are those of the storage's columns.
+/// The column to sort by.
 std::string order_of(const std::string& sort) {
   if (sort == "saved") return "save_time";
   if (sort == "loaded") return "load_time";
@@ -31,7 +31,7 @@ std::string text_of(const Value& value) {
   return text.str();
 }
 
-/// A name may come from elsewhere, and hold what a terminal would obey.
+/// A foreign row may have a name with control characters, which a terminal would obey.
 void print_lines(const Configs& configs) {
   for (Config config : configs) {
     config.name = printable(config.name);

@@ -1,11 +1,15 @@
 #include <algorithm>
 #include <iostream>
 
-#include "commands.h"
+#include "advice.h"
+#include "directories.h"
 #include "exit_status.h"
-#include "gateway.h"
+#include "interrupt.h"
 #include "lock.h"
 #include "names.h"
+#include "snapshots.h"
+#include "text.h"
+#include "verb_functions.h"
 
 namespace console {
 namespace {
@@ -33,19 +37,20 @@ int remove(const Options& options) {
     found.erase(std::remove_if(found.begin(), found.end(), has_version), found.end());
   }
   if (found.empty()) {
-    std::cerr << "confsave: nothing is stored as '" << options.name << "'; confsave list shows what is.\n";
+    std::cerr << "confsave: nothing is stored as '" << options.name
+              << "'. 'confsave list' lists what is.\n";
     return kNotFound;
   }
   if (found.size() > 1) {
-    std::cerr << "confsave: there are several versions of '" << options.name
-              << "'; give --version, or --version none:\n";
+    std::cerr << "confsave: several versions of '" << options.name
+              << "' are stored. Give --version, or --version none:\n";
     for (const ConfSave::Config& config : found) std::cerr << config << '\n';
     return kAmbiguous;
   }
   storage.Delete(options.name, found.front().vers);
   if (!storage.Exists(options.name, found.front().vers)) return kDone;
   std::cerr << "confsave: '" << options.name << "' could not be deleted.\n";
-  tell_what_to_look_at();
+  print_next_step();
   return kFailed;
 }
 
@@ -60,16 +65,19 @@ int autosave(const Options& options) {
   try {
     ConfSave::AutoSave("", options.type, options.max);
   } catch (const XTOOStatus& error) {
-    const std::string text = error.ErrorMessage();
-    std::cerr << "confsave: the autosave failed" << (text.empty() ? "" : ": " + printable(text)) << ".\n";
-    tell_what_to_look_at();
+    if (interrupted()) {
+      std::cerr << "confsave: interrupted; nothing was stored.\n";
+    } else {
+      std::cerr << "confsave: the autosave failed: " << reason(error) << ".\n";
+      print_next_step();
+    }
     return kFailed;
   }
   const ConfSave::Configs stored = autosaves_of_this_version();
   const auto is_new = [&](const ConfSave::Config& config) { return is_since(config.save_time, start); };
   if (std::any_of(stored.begin(), stored.end(), is_new)) return kDone;
   std::cerr << "confsave: no autosave was stored.\n";
-  tell_what_to_look_at();
+  print_next_step();
   return kFailed;
 }
 

@@ -1,5 +1,3 @@
-#include "shell.h"
-
 #include <confsave.h>
 #include <unistd.h>
 
@@ -7,40 +5,50 @@
 #include <iostream>
 #include <sstream>
 
-#include "commands.h"
+#include "advice.h"
+#include "command_runner.h"
 #include "conversation.h"
+#include "directories.h"
 #include "exit_status.h"
-#include "gateway.h"
+#include "interrupt.h"
 #include "line_reader.h"
 #include "lock.h"
 #include "names.h"
 #include "parents.h"
+#include "shell_completion.h"
+#include "snapshots.h"
+#include "text.h"
+#include "verb_functions.h"
 
 namespace console {
 namespace {
 
-/// These commands work on configurations of no version.
+/// The shell's verbs work on snapshots that have no version.
 constexpr ConfSave::int64 kNoVersion = 0;
 
 bool was_saved_here(const std::string& name, std::time_t since) {
   return was_saved(name, kNoVersion, since);
 }
 
-/// Not App::lst(), which would print whatever stands in a name.
+/// Not App::lst(), which prints the control characters in a foreign name.
 void list_all(const std::string&) { list({}); }
 
 void save_as(const std::string& name) {
   warn_without_failover_files(ConfSave::conf_full);
   const auto old = find_exactly(name, kNoVersion);
   const std::time_t start = later_than(old ? old->save_time : 0);
-  bool said_so = false;
+  bool reported = false;
   {
     const Conversation conversation;
-    said_so = ConfSave::App::save(name, ConfSave::conf_full);
+    reported = ConfSave::App::save(name, ConfSave::conf_full);
   }
-  if (said_so && !was_saved_here(name, start)) {
+  if (interrupted()) {
+    std::cerr << "confsave: interrupted; '" << name << "' was not stored.\n";
+  } else if (reported && !was_saved_here(name, start)) {
     std::cerr << "confsave: '" << name << "' was not stored.\n";
-    tell_what_to_look_at();
+    print_next_step();
+  } else if (!reported && failed_command()) {
+    print_next_step();
   }
 }
 
@@ -52,10 +60,10 @@ void delete_named(const std::string& name) {
   ConfSave::App::del(name);
   if (!find_exactly(name, kNoVersion)) return;
   std::cerr << "confsave: '" << name << "' could not be deleted.\n";
-  tell_what_to_look_at();
+  print_next_step();
 }
 
-/// True when the library ended with its word that it loads, and without another one.
+/// True when the last message of the library is that it loads.
 bool claims_to_have_loaded(const Conversation& conversation, const std::string& name) {
   const std::string claim = "Loading configuration '" + name + "'.\n";
   const std::string& output = conversation.output();
@@ -65,9 +73,8 @@ bool claims_to_have_loaded(const Conversation& conversation, const std::string& 
 
 void load_named(const std::string& name) {
   if (isatty(STDIN_FILENO) == 0) {
-    std::cerr
-        << "confsave: load asks questions, and standard input is no terminal; confsave load --yes asks "
-           "none.\n";
+    std::cerr << "confsave: load asks questions, but standard input is not a terminal. "
+              << "'confsave load --yes' asks none.\n";
     return;
   }
   const auto config = find_exactly(name, kNoVersion);
@@ -80,15 +87,18 @@ void load_named(const std::string& name) {
   const ParentDirectories parents("");
   const Conversation conversation(was_saved_here);
   ConfSave::App::load(name);
-  if (claims_to_have_loaded(conversation, name) && !was_loaded(name, kNoVersion, start)) {
-    std::cerr << "confsave: that '" << name << "' was loaded could not be noted in the storage.\n";
-    tell_what_to_look_at();
+  if (conversation.printed("Aborted.\n")) {
+    if (interrupted()) std::cerr << "confsave: interrupted; nothing was restored.\n";
+  } else if (!claims_to_have_loaded(conversation, name)) {
+    print_partial_restore();
+  } else if (!was_loaded(name, kNoVersion, start)) {
+    print_missing_stamp(name);
   }
 }
 
 void show_help(const std::string&);
 
-struct Command {
+struct ShellVerb {
   const char* name;
   bool takes_name;
   bool is_exclusive;
@@ -96,26 +106,26 @@ struct Command {
   void (*run)(const std::string& name);
 };
 
-constexpr Command kCommands[] = {
-    {"list", false, false, "show what is stored", list_all},
+constexpr ShellVerb kShellVerbs[] = {
+    {"list", false, false, "list the snapshots", list_all},
     {"save", true, true, "store the configuration as it is now", save_as},
-    {"delete", true, false, "delete a stored configuration", delete_named},
-    {"load", true, true, "restore a stored configuration", load_named},
-    {"help", false, false, "show this", show_help},
-    {"exit", false, false, "leave", nullptr},
+    {"delete", true, false, "delete a snapshot", delete_named},
+    {"load", true, true, "restore a snapshot", load_named},
+    {"help", false, false, "print this list", show_help},
+    {"exit", false, false, "leave the shell", nullptr},
 };
 
 void show_help(const std::string&) {
-  for (const Command& command : kCommands) {
-    std::string call = std::string(command.name) + (command.takes_name ? " NAME" : "");
+  for (const ShellVerb& verb : kShellVerbs) {
+    std::string call = std::string(verb.name) + (verb.takes_name ? " NAME" : "");
     call.resize(13, ' ');
-    std::cout << call << command.effect << '\n';
+    std::cout << call << verb.effect << '\n';
   }
 }
 
-const Command* find_command(const std::string& name) {
-  for (const Command& command : kCommands) {
-    if (command.name == name) return &command;
+const ShellVerb* find_shell_verb(const std::string& name) {
+  for (const ShellVerb& verb : kShellVerbs) {
+    if (verb.name == name) return &verb;
   }
   return nullptr;
 }
@@ -127,28 +137,37 @@ Arguments words_of(const std::string& line) {
   return words;
 }
 
-void run_command(const Command& command, const std::string& name, const Options& options) {
-  if (command.takes_name && !check_name(name)) return;
+void run_shell_verb(const ShellVerb& verb, const std::string& name, const Options& options) {
+  if (verb.takes_name && !check_name(name)) return;
+  forget_failed_command();
+  const InterruptCatcher catcher;
   OperationLock lock;
-  if (command.is_exclusive && lock.take(command.name + (" " + name), options.wait) != kDone) return;
-  if (command.run == show_help || check_storage()) command.run(name);
+  if (verb.is_exclusive && lock.take(verb.name + (" " + name), options.wait) != kDone) return;
+  if (verb.run == show_help || check_storage()) verb.run(name);
 }
 
-/// False when there is nothing more to do.
+/// What is wrong with the words of a line, or an empty text.
+std::string flaw_of(const ShellVerb* verb, const Arguments& words) {
+  if (verb == nullptr) return "there is no verb '" + printable(words.front()) + "'";
+  const std::size_t expected = verb->takes_name ? 2 : 1;
+  if (words.size() > expected) return "'" + printable(words[expected]) + "' was not expected";
+  return words.size() < expected ? std::string(verb->name) + " takes a name" : "";
+}
+
+/// False after the verb that leaves the shell.
 bool follow(const Arguments& words, const Options& options) {
   if (words.empty()) return true;
-  const Command* command = find_command(words.front());
-  if (command == nullptr || words.size() != (command->takes_name ? 2U : 1U)) {
-    std::cout << "Type help to see the commands.\n";
+  const ShellVerb* verb = find_shell_verb(words.front());
+  if (const std::string flaw = flaw_of(verb, words); !flaw.empty()) {
+    std::cerr << "confsave: " << flaw << ". Type help for the list of verbs.\n";
     return true;
   }
-  if (command->run == nullptr) return false;
-  run_command(*command, words.back(), options);
+  if (verb->run == nullptr) return false;
+  run_shell_verb(*verb, words.back(), options);
   return true;
 }
 
-/// An end of input typed at a question ends that question only. The C stream below the C++ one remembers
-/// it too.
+/// The end of input typed at a question ends that question only. The C stream remembers it, too.
 void forget_end_of_input() {
   if (std::feof(stdin) == 0) return;
   std::cout << '\n';
@@ -162,9 +181,9 @@ Arguments shell_candidates(const std::string& line, const std::string& begun) {
   const Arguments before = words_of(line.substr(0, line.size() - begun.size()));
   Arguments all;
   if (before.empty()) {
-    for (const Command& command : kCommands) all.emplace_back(command.name);
-  } else if (const Command* command = find_command(before.front());
-             before.size() == 1 && command != nullptr && command->takes_name) {
+    for (const ShellVerb& verb : kShellVerbs) all.emplace_back(verb.name);
+  } else if (const ShellVerb* verb = find_shell_verb(before.front());
+             before.size() == 1 && verb != nullptr && verb->takes_name) {
     all = stored_names();
   }
   Arguments matching;

@@ -4,7 +4,7 @@
 
 namespace console {
 
-/// What can be typed in the shell for the word that begins with `begun` at the end of `line`.
+/// The words that complete `begun`, the last word of `line`, in the shell.
 Arguments shell_candidates(const std::string& line, const std::string& begun);
 
 }  // namespace console

@@ -1,0 +1,67 @@
+#include "advice.h"
+
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include "command_runner.h"
+#include "interrupt.h"
+#include "places.h"
+#include "text.h"
+
+namespace console {
+namespace {
+
+bool is_full(const std::string& directory) {
+  struct statvfs space = {};
+  return statvfs(directory.c_str(), &space) == 0 && space.f_bavail * space.f_frsize < 65536;
+}
+
+}  // namespace
+
+std::string obstacle(const std::string& directory) {
+  const int error = access(directory.c_str(), W_OK | X_OK) != 0 ? errno : is_full(directory) ? ENOSPC : 0;
+  return error != 0 ? "'" + printable(directory) + "': " + std::strerror(error) : "";
+}
+
+void print_next_step() {
+  const auto& failed = failed_command();
+  if (failed) std::cerr << "confsave: " << failed->action << " failed: " << failed->ending << ".\n";
+  if (failed && !failed->obstacle.empty()) {
+    std::cerr << "confsave: " << failed->obstacle << ". Mend that and try again.\n";
+    return;
+  }
+  for (const std::string& directory : {temporary_directory(), state_directory()}) {
+    if (!is_full(directory)) continue;
+    std::cerr << "confsave: no space is left in '" << printable(directory)
+              << "'. Free some and try again.\n";
+    return;
+  }
+  std::cerr << "confsave: the log '" << printable(log_file())
+            << "' says more. With KELMOR_LOG_LEVEL=4 it has every step.\n";
+}
+
+void print_partial_restore() {
+  if (!interrupted()) print_next_step();
+  std::cerr << "confsave: " << (interrupted() ? "interrupted; " : "")
+            << "the configuration may be restored in part. Load again, or load another snapshot.\n";
+}
+
+void print_missing_stamp(const std::string& name) {
+  std::cerr << "confsave: '" << name << "' was restored, but its load time could not be stored.\n";
+  print_next_step();
+}
+
+void warn_without_failover_files(ConfSave::conftype type) {
+  if (type == ConfSave::conf_corlu) return;
+  for (const char* name : {"failover.ini", "failover.ini.crg", "failoverd-config.crg"}) {
+    if (access((kFailoverDirectory + std::string(name)).c_str(), F_OK) == 0) return;
+  }
+  std::cerr << "confsave: warning: '" << kFailoverDirectory
+            << "' has no failover file. A snapshot without one is stored, but cannot be restored.\n";
+}
+
+}  // namespace console

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <csignal>
+
+namespace console {
+
+/// While it lives, an interrupt typed at the terminal (SIGINT) does not end the process, but is noted: a
+/// question counts as not answered, and no further command runs. Does nothing when SIGINT is ignored.
+class InterruptCatcher {
+ public:
+  InterruptCatcher();
+  InterruptCatcher(const InterruptCatcher&) = delete;
+  InterruptCatcher& operator=(const InterruptCatcher&) = delete;
+  ~InterruptCatcher();
+
+ private:
+  struct sigaction before_;
+};
+
+/// Whether an interrupt came since the last InterruptCatcher was made.
+bool interrupted();
+
+/// Notes the interrupt that ended a command: the process itself ignores it meanwhile.
+void note_interrupt();
+
+}  // namespace console
