@@ -1,5 +1,5 @@
-// A platform in small: everything that the contract declares. As a library of its own or as a part of the
-// host, it takes the place of the stand-in. This one keeps all that it has below one directory.
+// A small but complete platform. It replaces the stand-in, either as a library or as a part of the host.
+// All its directories are below one directory.
 
 #include <kelmor/log.h>
 #include <kelmor/paths.h>
@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-// Defined here and nowhere else in a process: exceptions are caught by what these make of their types.
+// A process must define these only once: exceptions are caught by the type information that they generate.
 XTOOMsg::~XTOOMsg() = default;
 XTOOStatus::~XTOOStatus() = default;
 
@@ -57,7 +57,7 @@ std::string FilenameConvertor::GetShortFilename(FileId id) const {
 
 }  // namespace toolsunix
 
-// The answer is the shell's exit code, and not a wait status; a killed command has failed too.
+// Returns the shell's exit code, not a wait status. A command that was killed has failed, too.
 int my_system(const char* format, ...) {
   std::vector<char> command(1 << 16);
   std::va_list arguments;
@@ -70,7 +70,7 @@ int my_system(const char* format, ...) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// No log at all.
+// There is no log.
 const KorvLogProps* KorvLog_GetProps_cl_module(int) { return nullptr; }
 
 void slput(int priority, const char* format, ...) {

@@ -1,8 +1,8 @@
-// The `gzip` that the command runner puts first on a command's path: it runs the one that KELMOR_GZIP
-// names, or igzip, which writes the same format several times faster, or else the system's gzip.
+// The command runner puts this `gzip` first on a command's path. It runs the program that KELMOR_GZIP
+// names. The default is igzip, which writes the same format several times faster, or the system's gzip.
 //
-// igzip does not notice when what it wrote last does not fit on the disk, and an archive without its end
-// would pass for a whole one. So what is packed is written here, where every write is looked at.
+// igzip ignores a failure of its last write: on a full disk a truncated archive would count as complete.
+// This program therefore writes igzip's output itself, and checks every write.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,7 +26,7 @@ const char* chosen_program() {
   return access(kFast, X_OK) == 0 ? kFast : kPlain[0];
 }
 
-/// The system's gzip looks at its writes itself.
+/// The system's gzip checks its own writes.
 bool is_plain(const char* program) {
   return std::strcmp(program, kPlain[0]) == 0 || std::strcmp(program, kPlain[1]) == 0;
 }
@@ -48,7 +48,7 @@ bool write_all(const char* bytes, std::size_t length) {
   return true;
 }
 
-/// Hands on everything, and says whether all of it was written.
+/// Copies `source` to standard output. Returns false if a read or a write fails.
 bool hand_on(int source) {
   static char buffer[1 << 16];
   for (;;) {

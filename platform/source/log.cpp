@@ -16,12 +16,11 @@ namespace {
 constexpr int kDefaultLevel = 1;
 constexpr const char* kDefaultFile = "/var/log/kelmor.log";
 
-/// The record under construction. One thread writes one record at a time.
+/// The record under construction. A thread writes one record at a time.
 thread_local std::string record_head;
 thread_local std::string record_text;
 
-/// Nothing that a log record does may throw into the library: a record that does not fit into memory
-/// is cut short.
+/// A log record must not throw into the library. If memory runs out, the record is truncated.
 template <class Piece>
 void append(std::string& record, const Piece& piece) noexcept {
   try {
@@ -44,7 +43,7 @@ void text(const char* piece) noexcept {
   if (piece != nullptr) append(record_text, piece);
 }
 
-/// Widths other than the four that a machine has are shown as what they are: unreadable.
+/// An integer of any other width cannot be read, and is shown as "?".
 void integer(const void* value, unsigned width) noexcept {
   std::int64_t number = 0;
   switch (width) {
@@ -79,7 +78,7 @@ void integer(const void* value, unsigned width) noexcept {
   }
 }
 
-/// A record is one line: its own line end is dropped, every other control character is shown as \xNN.
+/// A record is one line. Drops a final line feed, and shows every other control character as \xNN.
 std::string one_line(const std::string& text) {
   static constexpr char kHex[] = "0123456789abcdef";
   const std::size_t length = !text.empty() && text.back() == '\n' ? text.size() - 1 : text.size();
@@ -95,7 +94,7 @@ std::string one_line(const std::string& text) {
   return line;
 }
 
-/// One write to a file opened for appending, so that records of several processes do not mix.
+/// Appends the record with a single write, so that records of several processes do not mix.
 void end() noexcept {
   try {
     const std::string line = record_head + "text=" + one_line(record_text) + "\n";
@@ -103,7 +102,7 @@ void end() noexcept {
     if (file == nullptr || *file == '\0') file = kDefaultFile;
     const int fd = open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
     if (fd == -1) return;
-    // A log that cannot be written must not stop a restore.
+    // Failure is ignored: a log that cannot be written must not stop a restore.
     [[maybe_unused]] const ssize_t written = write(fd, line.data(), line.size());
     close(fd);
   } catch (const std::exception&) {

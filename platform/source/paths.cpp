@@ -5,13 +5,13 @@
 namespace toolsunix {
 namespace {
 
-/// The environment's word for a place, or ours. Read at every call: a host may change its mind.
+/// The variable's value, or `fallback` if it is unset or empty. Read at every call: a host may change it.
 std::string place(const char* variable, const char* fallback) {
   const char* value = secure_getenv(variable);
   return value != nullptr && *value != '\0' ? value : fallback;
 }
 
-/// "/" itself is a directory name, so it stays.
+/// Keeps "/" itself.
 std::string without_trailing_slash(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
@@ -67,7 +67,7 @@ std::string FilenameConvertor::GetShortFilename(FileId id) const {
     case 31:
       return "config.idx";
     default:
-      // Never empty: an empty name would stand for the whole of "user/".
+      // Never empty: with an empty name all of "user/" would be packed.
       return "unassigned-" + std::to_string(static_cast<int>(id));
   }
 }

@@ -20,7 +20,7 @@
 
 namespace {
 
-/// What a shell answers when it cannot run a command at all.
+/// The exit code of a shell that cannot run a command.
 constexpr int kCannotRun = 127;
 
 bool begins_with(std::string_view text, std::string_view prefix) {
@@ -39,7 +39,7 @@ bool is_unsafe(std::string_view entry) {
   return begins_with(entry, "LD_") || begins_with(entry, "BASH_FUNC_");
 }
 
-/// Where this library keeps the programs that commands find first; empty when they are not there.
+/// The directory beside this library that holds the `gzip` for commands. Empty if it is not installed.
 std::string program_directory() {
   Dl_info library = {};
   if (dladdr(reinterpret_cast<const void*>(&is_unsafe), &library) == 0) return "";
@@ -48,7 +48,7 @@ std::string program_directory() {
   return access((directory + "/gzip").c_str(), X_OK) == 0 ? directory : "";
 }
 
-/// What a command gets: the host's environment without what is unsafe, and a path of its own.
+/// The environment of a command: the host's, without unsafe variables, and with `gzip` first on the path.
 class Environment {
  public:
   Environment() {
@@ -73,7 +73,7 @@ class Environment {
   std::vector<char*> entries_;
 };
 
-/// Nothing when the format cannot be followed, for example for a text that the locale cannot hold.
+/// Empty if the text cannot be formatted, for example because the locale cannot represent it.
 std::optional<std::string> format_command(const char* format, std::va_list arguments) {
   std::va_list again;
   va_copy(again, arguments);
@@ -86,11 +86,11 @@ std::optional<std::string> format_command(const char* format, std::va_list argum
   return command;
 }
 
-/// While a command runs the host sits still for an interrupt typed at the terminal (the command gets
-/// it), and can learn how its child ended even where it ignores SIGCHLD or reaps in a handler.
-class SignalGuard {
+/// While a command runs, an interrupt from the terminal ends the command and not the host. The host can
+/// wait for its child even if it ignores SIGCHLD or has a handler that waits.
+class CommandSignals {
  public:
-  SignalGuard() {
+  CommandSignals() {
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
     sigemptyset(&ignore.sa_mask);
@@ -111,21 +111,21 @@ class SignalGuard {
     }
   }
 
-  SignalGuard(const SignalGuard&) = delete;
-  SignalGuard& operator=(const SignalGuard&) = delete;
+  CommandSignals(const CommandSignals&) = delete;
+  CommandSignals& operator=(const CommandSignals&) = delete;
 
-  ~SignalGuard() {
+  ~CommandSignals() {
     if (forgets_children(child_)) sigaction(SIGCHLD, &child_, nullptr);
     sigaction(SIGINT, &interrupt_, nullptr);
     sigaction(SIGQUIT, &quit_, nullptr);
     pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
   }
 
-  /// The mask that the host had, which the command gets too.
+  /// The host's signal mask, which the command inherits.
   const sigset_t& mask() const { return mask_; }
 
-  /// What the command must have back: a signal that the host ignores stays ignored, but for SIGCHLD,
-  /// without which a shell cannot wait for its own children.
+  /// The signals with the default action in the command. A signal that the host ignores stays ignored,
+  /// except SIGCHLD: without it a shell cannot wait for its own children.
   sigset_t defaults() const {
     sigset_t set;
     sigemptyset(&set);
@@ -148,7 +148,7 @@ class SignalGuard {
 
 class SpawnAttributes {
  public:
-  explicit SpawnAttributes(const SignalGuard& signals) {
+  explicit SpawnAttributes(const CommandSignals& signals) {
     posix_spawnattr_init(&attributes_);
     const sigset_t defaults = signals.defaults();
     posix_spawnattr_setsigdefault(&attributes_, &defaults);
@@ -165,14 +165,14 @@ class SpawnAttributes {
   posix_spawnattr_t attributes_ = {};
 };
 
-/// Spawned, not forked: the host's page tables are never copied, however large it is.
+/// Uses posix_spawn(), because fork() copies the page tables of the host, however large it is.
 int run(std::string command) {
   char shell[] = "sh";
   char option[] = "-c";
   char* const arguments[] = {shell, option, command.data(), nullptr};
   const Environment environment;
 
-  const SignalGuard signals;
+  const CommandSignals signals;
   const SpawnAttributes attributes(signals);
   pid_t child = -1;
   if (posix_spawn(&child, "/bin/sh", nullptr, attributes.get(), arguments, environment.get()) != 0) {
@@ -197,7 +197,7 @@ int my_system(const char* format, ...) {
   try {
     if (auto command = format_command(format, arguments)) result = run(std::move(*command));
   } catch (const std::exception&) {
-    // Out of memory before anything ran; C callers get the answer of a shell that cannot start.
+    // Memory ran out before anything ran. A C caller gets the exit code of a shell that cannot start.
   }
   va_end(arguments);
   return result;

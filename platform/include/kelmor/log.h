@@ -2,7 +2,7 @@
 
 #include "kelmor/status.h"
 
-/// Names the function that a log record speaks of.
+/// Names the function that writes a log record.
 class KELMOR_API ClUnilogFname {
  public:
   /// Keeps the pointers: pass literals.
@@ -19,29 +19,29 @@ class KELMOR_API ClUnilogFname {
   const char* name_;
 };
 
-/// The log of one module. A record is begin, any number of pieces, end. Any entry point may be null;
-/// what it would have done is then left out.
+/// The log of one module. A record consists of begin, any number of texts and integers, and end. Any entry
+/// point may be null, and is then skipped.
 struct KorvLogProps {
-  /// Records of this level and below are wanted: 1 failures, 2 progress, 4 detail; 0 is silence.
+  /// Records up to this level are logged: 0 none, 1 failures, 2 progress, 4 details.
   int level;
-  /// A record begins. It is made in `line` of `source`, by `function`.
+  /// Begins a record that `function` writes in line `line` of `source`.
   void (*begin)(int level, const ClUnilogFname& function, const char* source, int line);
-  /// The record's opening text.
+  /// The first text of the record.
   void (*text)(const char*);
-  /// A text that the record builder appends.
+  /// A text that is appended.
   void (*builder_text)(const char*);
   /// A signed or unsigned integer of `width` bytes at `value`.
   void (*integer)(const void* value, unsigned width);
-  /// Must not throw: a record ends on every way out.
+  /// Ends the record. Must not throw, because it also runs while an exception propagates.
   void (*end)();
 };
 
 extern "C" {
 
-/// The log properties of this module; the number is reserved and 0. Null means no log at all.
-/// The result is valid until the next call. A host may define its own.
+/// The log of this module, or null for no log. The argument is reserved and is 0. The result is valid until
+/// the next call. A host may define this function itself.
 KELMOR_API const KorvLogProps* KorvLog_GetProps_cl_module(int);
 
-/// Writes one line, formed as printf forms it, to the system log. A host may define its own.
+/// Writes one line, formatted as by printf(), to the system log. A host may define this function itself.
 KELMOR_API void slput(int priority, const char* format, ...);
 }

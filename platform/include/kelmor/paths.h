@@ -1,6 +1,6 @@
 #pragma once
 
-/// Where the gateway keeps its files. The numbers are fixed; the paths are the platform's business.
+/// Where the gateway keeps its files. The identifiers are fixed; the platform chooses the paths.
 
 #include <string>
 
@@ -13,18 +13,18 @@ enum FileId : int {};
 
 namespace path {
 
-/// A directory for variable data; 1 holds "storage.db".
+/// A directory for variable data. 1 is the state directory, which holds "storage.db".
 enum DynamicDirectoryId : int {};
 
-/// A fixed directory; 1 is for temporary files.
+/// A fixed directory. 1 is the temporary directory.
 enum DirectoryId : int {};
 
 }  // namespace path
 
-/// Tells where things are. A host may let the answers change from call to call.
+/// Returns paths. The results may change from call to call.
 class KELMOR_API FilenameConvertor {
  public:
-  /// The one resolver of the process.
+  /// The only object of this class in the process.
   static FilenameConvertor& Instance();
 
   FilenameConvertor(const FilenameConvertor&) = delete;

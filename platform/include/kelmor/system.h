@@ -4,7 +4,7 @@
 
 extern "C" {
 
-/// Runs one shell command line, formed as printf forms it, and waits for it to end.
-/// Returns 0 for success, else the command's exit code. A host may define its own.
+/// Runs one shell command line, formatted as by printf(), and waits for it. Returns 0 for success, and the
+/// exit code of the command otherwise. A host may define this function itself.
 KELMOR_API int my_system(const char* format, ...);
 }
