@@ -1,67 +1,36 @@
 #!/bin/sh
-# docs/man/confsave.3 names only what the headers have, and its program compiles; docs/testing.md names only
-# what exists.
+# confsave(3) names only what the headers have, and its example compiles; docs/testing.md names only what
+# exists.
 #
 #   tests/pages_test.sh INCLUDE_DIRECTORY...
 set -eu
 
-for directory in "$@"; do
-    shift
-    set -- "$@" "$(realpath "$directory")"
-done
-cd "$(dirname "$0")/.."
+# shellcheck source=tests/support/check.sh
+. "$(dirname "$0")/support/check.sh"
+CPATH=$(realpath "$@" | paste -sd :)
+export CPATH LC_ALL=C
+cd "$tree"
 page=docs/man/confsave.3
 testing=docs/testing.md
-export LC_ALL=C
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
-failed=0
-complain() {
-    echo "pages: $1" >&2
-    failed=1
-}
-CPATH=$(IFS=: && echo "$*")
-export CPATH
 
-# Standard input, by each compiler that is here.
-compiles() {
-    cat >"$scratch/program.cpp"
-    compiled=0
-    for compiler in g++ clang++; do
-        command -v "$compiler" >/dev/null || continue
-        "$compiler" -std=c++17 -Wall -Wextra -Werror -fsyntax-only "$scratch/program.cpp" ||
-            return 1
-        compiled=$((compiled + 1))
-    done
-    [ "$compiled" -ge 1 ]
-}
-
-# Names that a macro marks: Fn of functions, Vt of classes.
-marked() {
-    grep '^\.' "$page" | grep -oE "[[:space:]]$1 [^[:space:]]+" | awk '{ print $2 }' | sort -u
-}
-names=$(marked Fn; marked Vt)
-[ "$(echo "$names" | wc -l)" -ge 10 ] || complain 'too few names'
+mandoc -Tlint -W warning "$page" || complain "$page: mandoc warns"
+grep -qx '\.In confsave\.h' "$page" || complain "$page does not name the header"
+# The names that a macro marks as functions or classes.
+names=$(grep '^\.' "$page" | grep -oE '[[:space:]](Fn|Vt) [^[:space:]]+' | awk '{ print $2 }' | sort -u)
+[ "$(echo "$names" | wc -l)" -ge 10 ] || complain "$page names fewer than 10 functions and classes"
 for name in $names; do
     grep -qw "$name" include/confsave.h platform/include/kelmor/status.h ||
         complain "$page names $name, which no header has"
 done
-
-mandoc -Tlint -W warning "$page" || complain 'mandoc finds fault'
-
-# The examples, each a program.
 awk -v scratch="$scratch" '
     /^\.Sh/ { examples = /EXAMPLES/ }
     examples && /^\.Ed/ { program = "" }
     program { gsub(/\\e/, "\\"); print > program }
     examples && /^\.Bd -literal/ { program = scratch "/example" ++count }' "$page"
-if [ -s "$scratch/example1" ]; then
-    for example in "$scratch"/example*; do
-        compiles <"$example" || complain 'an example does not compile'
-    done
-else
-    complain 'no example'
-fi
+[ -s "$scratch/example1" ] || fail "$page has no example"
+for example in "$scratch"/example*; do
+    compiles -pedantic <"$example" || complain "$page: an example does not compile"
+done
 
 # Each word of docs/testing.md that is set as code, in a line or in a block.
 words=$(awk '
@@ -69,22 +38,13 @@ words=$(awk '
     block { print; next }
     { for (n = split($0, part, "`"); n > 1; n--) if (n % 2 == 0) print part[n] }' "$testing" |
     tr ' ' '\n' | sed 's/[,;:)]*$//; s/^(//' | sort -u)
-exists() {
-    [ -e "$1" ]
-}
-paths=0
-for word in $words; do
-    case $word in
-        */.* | *//* | build/*) continue ;;
-        script/* | tests/* | source/* | include/* | docs/* | bench/* | platform/* | console/*) ;;
-        *) continue ;;
-    esac
-    paths=$((paths + 1))
-    # A pattern stands for what it matches.
-    # shellcheck disable=SC2086
-    exists $word || complain "$testing names $word, which is not there"
+paths=$(echo "$words" | grep -E '^(script|tests|source|include|docs|bench|platform|console)/' |
+    grep -vE '/\.|//')
+[ "$(echo "$paths" | wc -l)" -ge 20 ] || complain "$testing names fewer than 20 paths"
+for path in $paths; do
+    # shellcheck disable=SC2086 # A pattern stands for what it matches.
+    [ -n "$(find $path -maxdepth 0 2>/dev/null)" ] || complain "$testing names $path, which does not exist"
 done
-[ "$paths" -ge 20 ] || complain 'too few paths'
 
 sources=$(find tests -name '*_test.cpp' -exec cat {} + | tr -s '\n ' '  ')
 for word in $(echo "$words" | grep -E '^[A-Z][A-Za-z]*[a-z][A-Za-z]*(\.[A-Za-z0-9-]+)?$'); do
@@ -103,11 +63,10 @@ for word in $(echo "$words" | grep -E '^[A-Z][A-Za-z]*[a-z][A-Za-z]*(\.[A-Za-z0-
 done
 
 # The campaigns: what script/faults describes, what it runs, and what the table has.
-described=$(sed -nE 's/^# \| ([a-z]+) +\|.*/\1/p' script/faults | grep -vx campaign | sort)
 run=$(sed -n "s/.*campaigns='\([a-z ]*\)'$/\1/p" script/faults | tr ' ' '\n' | sort)
+[ "$(echo "$run" | wc -l)" -ge 9 ] || complain 'script/faults runs fewer than 9 campaigns'
+sed -nE 's/^# \| ([a-z]+) +\|.*/\1/p' script/faults | grep -vx campaign | sort |
+    same 'script/faults does not run the campaigns that it describes' "$run"
 # shellcheck disable=SC2016 # the back quotes are those of the page
-tabled=$(sed -nE 's/^\| `([a-z]+)` \|.*/\1/p' "$testing" | sort)
-[ "$(echo "$run" | wc -w)" -ge 9 ] || complain 'no campaigns'
-[ "$described" = "$run" ] || complain "script/faults describes: $described; it runs: $run"
-[ "$tabled" = "$run" ] || complain "script/faults runs: $run; $testing has: $tabled"
-exit "$failed"
+sed -nE 's/^\| `([a-z]+)` \|.*/\1/p' "$testing" | sort |
+    same "script/faults does not run the campaigns of $testing" "$run"

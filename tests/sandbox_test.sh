@@ -1,45 +1,40 @@
 #!/bin/sh
-# The sandbox gives a command a "/mnt/main/etc/" of its own and passes on how it ended.
+# The sandbox gives a command a "/mnt/main/etc/" of its own and returns its exit status.
 #
 #   tests/sandbox_test.sh SANDBOX
 #
-# The inner shell expands what its commands say.
-# shellcheck disable=SC2016
+# shellcheck disable=SC2016 # The inner shell expands.
 set -eu
 
+# shellcheck source=tests/support/check.sh
+. "$(dirname "$0")/support/check.sh"
 sandbox=$1
-fail() {
-    echo "$1" >&2
-    exit 1
-}
 status_of() {
     status=0
-    "$@" || status=$?
+    "$@" 2>/dev/null || status=$?
     echo "$status"
 }
 
-"$sandbox" sh -c '[ -z "$(ls -A /mnt/main/etc)" ]' || fail 'not empty'
+"$sandbox" sh -c '[ -z "$(ls -A /mnt/main/etc)" ]' || complain 'the directory is not empty'
 marker=/mnt/main/etc/confsave-sandbox-$$
-"$sandbox" touch "$marker" || fail 'not writable'
-[ ! -e "$marker" ] || fail 'the machine saw it'
-"$sandbox" sh -c '[ ! -e "$1" ]' sh "$marker" || fail 'it outlived its command'
+"$sandbox" touch "$marker" || complain 'the directory is not writable'
+[ ! -e "$marker" ] || complain 'a file is seen outside'
+"$sandbox" sh -c '[ ! -e "$1" ]' sh "$marker" || complain 'a file outlives its command'
 
-[ "$(status_of "$sandbox" sh -c 'exit 7')" = 7 ] || fail 'exit status'
-[ "$(status_of "$sandbox" sh -c 'kill -KILL $$' 2>/dev/null)" = 137 ] || fail 'status of a killed command'
-[ "$(status_of "$sandbox" 2>/dev/null)" = 2 ] || fail 'status without a command'
-[ "$("$sandbox" printf '%s|' a 'b c' '')" = 'a|b c||' ] || fail 'arguments'
-options=$(TAR_OPTIONS=x GZIP=x "$sandbox" sh -c 'echo "${TAR_OPTIONS-unset} ${GZIP-unset}"')
-[ "$options" = 'unset unset' ] || fail 'environment'
+expect 'exit status' 7 "$(status_of "$sandbox" sh -c 'exit 7')"
+expect 'status of a killed command' 137 "$(status_of "$sandbox" sh -c 'kill -KILL $$')"
+expect 'status without a command' 2 "$(status_of "$sandbox")"
+expect 'arguments' 'a b|c||' "$("$sandbox" printf '%s|' 'a b' c '')"
+expect 'environment' 'unset unset' \
+    "$(TAR_OPTIONS=x GZIP=x "$sandbox" sh -c 'echo "${TAR_OPTIONS-unset} ${GZIP-unset}"')"
 
-# Under an ordinary user as well, as far as this machine has one that may.
-if [ "$(id -u)" -eq 0 ] &&
-    setpriv --reuid=65534 --clear-groups unshare --user --map-root-user true 2>/dev/null; then
-    copy=$(mktemp)
-    trap 'rm -f "$copy"' EXIT
-    cp "$sandbox" "$copy"
-    chmod 0755 "$copy"
-    setpriv --reuid=65534 --clear-groups "$copy" sh -c 'touch /mnt/main/etc/x && [ "$(id -u)" -eq 0 ]' ||
-        fail 'as an ordinary user'
+# As an ordinary user too, where this machine allows one namespaces. nobody may not read the tree.
+ordinary='setpriv --reuid=65534 --clear-groups'
+if [ "$(id -u)" -eq 0 ] && $ordinary unshare --user --map-root-user true 2>/dev/null; then
+    cp "$sandbox" "$scratch/sandbox"
+    chmod 0755 "$scratch" "$scratch/sandbox"
+    $ordinary "$scratch/sandbox" sh -c 'touch /mnt/main/etc/x && [ "$(id -u)" -eq 0 ]' ||
+        complain 'it fails as an ordinary user'
     echo 'root and an ordinary user'
 else
     echo "user $(id -u) alone"

@@ -1,63 +1,45 @@
 #!/bin/sh
-# The complete host of the page on embedding is the example, and does what the page says.
+# The complete host on the page on embedding is the example, and does what the page says.
 #
-#   tests/consumer/example_test.sh EXAMPLE PAGE SOURCE
+#   tests/consumer/example_test.sh EXAMPLE
 set -eu
 
-[ "${CONFSAVE_SANDBOX-}" = 1 ] || { echo 'run this by script/lib/sandbox' >&2; exit 125; }
-example=$1
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
-fail() {
-    echo "example: $1" >&2
-    exit 1
-}
-
-"$(dirname "$0")/../support/block" "$2" cpp 2 | diff - "$3" || fail 'the page shows another program'
-
-mkdir -p "$scratch/config/user" "$scratch/state" "$scratch/tmp"
-export KELMOR_CONFIG_PATH="$scratch/config/" KELMOR_DYNAMIC_DIR="$scratch/state"
-export KELMOR_TEMP_DIR="$scratch/tmp" KELMOR_LOG_FILE="$scratch/log"
+# shellcheck source=tests/support/check.sh
+. "$(dirname "$0")/../support/check.sh"
+in_sandbox
+make_gateway "$1"
 filter=$scratch/config/user/filter.conf
+failover=/mnt/main/etc/failover.ini
 echo 'permit established' >"$filter"
 
-# Runs the example with a command; `expected` is what it is to print and to answer.
+block embedding cpp 2 | same 'the page shows another program' "$(cat "$tree/examples/gateway_shell.cpp")"
+
+# try COMMAND EXPECTED: what the example prints, and its exit status.
 try() {
-    expected=$1
-    command=$2
-    set +e
-    printed=$("$example" "$command" 2>&1)
-    status=$?
-    set -e
-    seen="${printed}[$status]"
-    [ "$seen" = "$expected" ] || fail "'$command': $seen, not $expected"
-}
-holds() {
-    [ "$(cat "$filter")" = "$1" ] || fail "the configuration is '$(cat "$filter")', not '$1'"
+    status=0
+    printed=$(confsave "$1" 2>&1) || status=$?
+    expect "'$1'" "$2" "${printed}[$status]"
 }
 
-# Such a snapshot could not be restored.
+# Without failover files the snapshot could not be restored.
 nothing='The configuration could not be saved. The command was not run.[1]'
-try "$nothing" "touch '$scratch/ran'"
-echo 'peer 192.0.2.1' >/mnt/main/etc/failover.ini
+try "touch '$scratch/ran'" "$nothing"
+echo 'peer 192.0.2.1' >"$failover"
 
-try '[0]' "echo 'permit any' >'$filter'"
-holds 'permit any'
-try 'Config is overwritten.
-The command failed. The configuration is restored.[1]' \
-    "echo 'deny any' >'$filter'; rm /mnt/main/etc/failover.ini; false"
-holds 'permit any'
-[ "$(cat /mnt/main/etc/failover.ini)" = 'peer 192.0.2.1' ] || fail 'the failover settings are lost'
+try "echo 'permit any' >'$filter'" '[0]'
+expect 'the changed file' 'permit any' "$(cat "$filter")"
+try "echo 'deny any' >'$filter'; rm $failover; false" 'Config is overwritten.
+The command failed. The configuration is restored.[1]'
+expect 'the restored files' 'permit any peer 192.0.2.1' "$(cat "$filter" "$failover" | xargs)"
 
-# The snapshot goes while the command runs.
+# The snapshot disappears while the command runs.
 blank=' '
-try "Config is overwritten.
+try "sqlite3 '$scratch/state/storage.db' 'delete from Config'; false" "Config is overwritten.
 status 0:$blank
-The command failed. The configuration is NOT restored.[1]" \
-    "sqlite3 '$scratch/state/storage.db' 'delete from Config'; false"
+The command failed. The configuration is NOT restored.[1]"
 
-# SQLite refuses the row, and save() says nothing of it.
+# SQLite refuses the row, and save() does not report it.
 sqlite3 "$scratch/state/storage.db" \
     'alter table Config rename to Stored; create view Config as select * from Stored'
-try "$nothing" "touch '$scratch/ran'"
-[ ! -e "$scratch/ran" ] || fail 'the command was run without a snapshot'
+try "touch '$scratch/ran'" "$nothing"
+[ ! -e "$scratch/ran" ] || complain 'the command was run without a snapshot'

@@ -1,24 +1,17 @@
 #!/bin/sh
-# A shared library exports what is written down and nothing else, and leaves to the host what the host may
-# bring.
+# A shared library exports what is listed and nothing else, and leaves undefined what the host may bring.
 #
 #   tests/symbols/test.sh LIBRARY SONAME EXPORTED [FROM_THE_HOST]
 set -eu
 
-library=$1
-soname=$2
-exported=$3
-from_the_host=${4-}
-
+# shellcheck source=tests/support/check.sh
+. "$(dirname "$0")/../support/check.sh"
 export LC_ALL=C
-nm --dynamic --defined-only --demangle "$library" | cut -d ' ' -f 3- | sort -u | diff "$exported" -
-if [ -n "$from_the_host" ]; then
-    nm --dynamic --undefined-only "$library" | awk '{ print $2 }' |
-        grep -E '^(my_system|slput|KorvLog_.*)$' | sort | diff "$from_the_host" -
-fi
-dynamic=$(readelf --dynamic "$library")
-echo "$dynamic" | grep -qF "Library soname: [$soname]" || { echo 'wrong SONAME' >&2; exit 1; }
-if echo "$dynamic" | grep -q SYMBOLIC; then
-    echo 'bound to itself: a host could not come first' >&2
-    exit 1
-fi
+nm --dynamic --defined-only --demangle "$1" | cut -d ' ' -f 3- | sort -u |
+    same "$1 does not export what $3 lists" "$(cat "$3")"
+[ $# -lt 4 ] || nm --dynamic --undefined-only "$1" | awk '{ print $2 }' |
+    grep -E '^(my_system|slput|KorvLog_.*)$' | sort |
+    same "$1 does not leave undefined what $4 lists" "$(cat "$4")"
+dynamic=$(readelf --dynamic "$1")
+echo "$dynamic" | grep -qF "Library soname: [$2]" || complain "$1 has another SONAME than $2"
+! echo "$dynamic" | grep -q SYMBOLIC || complain "$1 is bound to itself: a host could not come first"
