@@ -13,8 +13,7 @@ cleanup() { :; }
 finish() {
     status=$?
     [ ! -e "$scratch/complaints" ] || status=1
-    cleanup
-    rm -rf "$scratch"
+    cleanup && rm -rf --one-file-system "$scratch"
     exit "$status"
 }
 trap finish EXIT
