@@ -8,11 +8,11 @@
 namespace ConfSave {
 namespace {
 
-// The commands store, delete and restore under no version, take a storage that is not opened for one, and
-// each question has its own idea of yes. // Quirk Q43, Q45, Q46
+// These functions use version 0 only and do not look at `opened`, and each of their questions accepts
+// another answer as yes. // Quirk Q43, Q45, Q46
 
-/// Tells the person and returns false when the configuration could not be packed, or when the name is
-/// taken and is to stay so. Exceptions of the second try are the caller's.
+/// Returns false, with a message, when packing fails; and when the name is taken and the person declines to
+/// overwrite it. Exceptions of the second attempt propagate.
 bool store(Storage& storage, const std::string& name, conftype type) {
   try {
     storage.Create(name, type, 0);
@@ -21,7 +21,7 @@ bool store(Storage& storage, const std::string& name, conftype type) {
     std::cout << "Config '" << name << "' exists. Overwrite? ";
     const std::string answer = read_line();
     if (answer != "y" && answer != "Y") return false;
-    // No transaction: the old row is gone before the new one is packed. // Quirk Q44
+    // Without a transaction, the old row is deleted before the new one is packed. // Quirk Q44
     storage.Delete(name, 0);
     storage.Create(name, type, 0);
     return true;
@@ -33,7 +33,7 @@ bool store(Storage& storage, const std::string& name, conftype type) {
   return false;
 }
 
-/// Throws XCancel unless the current configuration is saved or may be lost.
+/// Throws XCancel unless the current configuration is saved, or the person agrees to lose it.
 void protect_current(Storage& storage) {
   std::cout << "Save current configuration [Y/n]? ";
   const std::string answer = read_line();
@@ -87,7 +87,7 @@ void App::load(const std::string& name) {
     std::cout << "External command failed\n";
   } catch (const XCancel&) {
     std::cout << "Aborted.\n";
-  } catch (const XTOOStatus& error) {  // A name that is not stored, too. // Quirk Q56
+  } catch (const XTOOStatus& error) {  // Also a name that is not stored. // Quirk Q56
     std::cout << "Unknown error: " + std::to_string(error.Status()) + ".\n";
   } catch (...) {
     std::cout << "Unknown error while restoring configuration.\n";

@@ -17,8 +17,8 @@ void Config::update_save_time() { save_time = std::time(nullptr); }
 
 void Config::update_load_time() { load_time = std::time(nullptr); }
 
-// std::to_string and not a stream: a host's locale must not put digit groups into a version. The low
-// 16 bits do not show. // Quirk Q1
+// Not a stream: a host's locale must not group the digits of a version. The text omits the low
+// 16 bits. // Quirk Q1
 std::string Config::version(int64 v) {
   if (v == 0) return {};  // Quirk Q2
   const auto bits = static_cast<std::uint64_t>(v);
@@ -32,7 +32,7 @@ std::string Config::version() const { return version(vers); }
 std::string time_format(int64 t) {
   const std::time_t time = t;
   const std::tm* local = std::localtime(&time);
-  // Years that do not fit into an int have no local time.
+  // The year does not fit into an int.
   if (local == nullptr) return {};
   char text[100] = {};
   return {text, std::strftime(text, sizeof text, "%d.%m.%Y at %H:%M", local)};

@@ -29,7 +29,7 @@ void warn_of_newer_version() {
   if (!ask_user_yesno(YES_NO_SUFFIX, false)) throw_status<XCancel>();
 }
 
-/// Throws XCancel unless the person wants to go on.
+/// Throws XCancel unless the person agrees.
 void confirm(const Config& config) {
   if (ask_user_yesno("Save current configuration? [Yes/No] ", false)) {
     save_current();

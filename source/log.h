@@ -11,7 +11,7 @@ namespace ConfSave {
 ///
 ///   if (KovrLogHelper record{2, kBegin, kSource, "SQL error: "}) record << text << code;
 ///
-/// Below its level a record is false, and nothing of it is computed or written.
+/// Below its level a record is false, and nothing is computed or written.
 class KovrLogHelper {
  public:
   KovrLogHelper(int level, const ClUnilogFname& function, const char* source, const char* opening,
@@ -39,7 +39,7 @@ class KovrLogHelper {
 
   KovrLogHelper& operator<<(const std::string& text) { return *this << text.c_str(); }
 
-  /// The host's log gets the number itself, by address and width, and chooses how to show it.
+  /// Passes the number by address and width; the host's log formats it.
   template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>
   KovrLogHelper& operator<<(Integer number) {
     if (props_->integer != nullptr) props_->integer(&number, sizeof number);
@@ -50,7 +50,7 @@ class KovrLogHelper {
   const KorvLogProps* props_;
 };
 
-/// A record that is one text.
+/// Logs a record that is one text.
 inline void log_text(int level, const ClUnilogFname& function, const char* source, const char* text,
                      int line = __builtin_LINE()) {
   const KovrLogHelper record{level, function, source, text, line};

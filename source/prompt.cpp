@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* kPhrase = "Yes, do as I say";
 
-/// As the host's locale has it, character by character.
+/// Under the host's locale, character by character.
 void to_upper(std::string& text) {
   const std::locale locale;
   const auto& letters = std::use_facet<std::ctype<char>>(locale);
@@ -20,7 +20,7 @@ void to_upper(std::string& text) {
 
 }  // namespace
 
-// At the end of input, and after it, an empty line. // Quirk Q42
+// The end of input reads as an empty line, every time. // Quirk Q42
 std::string read_line() {
   std::string line;
   std::cout.flush();

@@ -1,23 +1,23 @@
 #pragma once
 
-// What the guarded operations and the commands say and ask alike.
+// The questions that the checked operations and the App functions share.
 
 #include <string>
 
 namespace ConfSave {
 
-/// What the user knows the gateway as.
+/// The name of the gateway in messages.
 constexpr const char* kProduct = "Kelmor";
 
-/// One line of the input, without its line feed; empty at the end of input. What was asked is flushed
-/// first, so that it is on the screen in any host.
+/// Reads one line of standard input, without its line feed; empty at the end of input. Flushes standard
+/// output first, so that the question is visible in any host.
 std::string read_line();
 
-/// Asks under which name the current configuration is to be saved.
+/// Asks for a name under which the current configuration will be saved.
 std::string ask_name_for_current();
 
-/// Demands the phrase that says that the current configuration may be lost. Throws XCancel unless it is
-/// typed to the letter.
+/// Asks for the phrase that permits overwriting the current configuration. Throws XCancel unless the answer
+/// matches exactly.
 void demand_phrase();
 
 }  // namespace ConfSave

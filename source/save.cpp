@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::size_t kLongestName = 80;
 
-/// Tells the first thing that is wrong with the name.
+/// Prints the first fault of the name.
 bool is_valid_name(const std::string& name) {
   if (name.empty()) {
     std::cerr << "The configuration name is empty." << std::endl;
@@ -24,8 +24,8 @@ bool is_valid_name(const std::string& name) {
   return false;
 }
 
-/// A name saved without a version stands for the running one, and takes the place of a row that was
-/// stored under no version. The packing is part of the transaction. // Quirk Q37, Q39
+/// Version 0 stands for the running version, and replaces a row of version 0. Packing is part of the
+/// transaction. // Quirk Q37, Q39
 void create(Storage& storage, const std::string& name, conftype type, int64 version) {
   storage.Begin();
   storage.Delete(name, version);
@@ -82,7 +82,7 @@ bool save(const std::string& name, conftype type, int64 version, bool force) {
     std::cerr << "Open configuration storage error\n";
     return false;
   }
-  // On every failure the storage is destroyed without Commit(), which undoes what was begun.
+  // After a failure the storage is destroyed without Commit(), and SQLite rolls back.
   try {
     return create_or_overwrite(storage, name, type, version, force);
   } catch (const XNotFound&) {

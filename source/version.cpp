@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-// Boost has a newer separator, which splits in another way.
+// Boost's newer separator splits differently.
 #define BOOST_ALLOW_DEPRECATED_HEADERS
 #include <boost/lexical_cast.hpp>
 #include <boost/token_functions.hpp>
@@ -19,8 +19,8 @@ using TokenIterator = boost::token_iterator<Separator, const Byte*, std::string>
 
 constexpr std::size_t kComponents = 3;
 
-/// The runs of characters that are neither white space nor punctuation; no more than one too many.
-/// A sign only separates. // Quirk Q5
+/// The runs of characters that are neither white space nor punctuation. Stops at the first one too many.
+/// A sign is a separator. // Quirk Q5
 std::vector<std::string> tokens(const std::string& text) {
   const auto* begin = reinterpret_cast<const Byte*>(text.data());
   const auto* end = begin + text.size();
@@ -32,15 +32,15 @@ std::vector<std::string> tokens(const std::string& text) {
   return result;
 }
 
-/// Digits and nothing else, also where a host's locale would let lexical_cast group them.
+/// Accepts digits only. Under some locales lexical_cast would accept grouped digits.
 std::uint32_t component(const std::string& token) {
   const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
   if (!std::all_of(token.begin(), token.end(), is_digit)) throw boost::bad_lexical_cast();
   return boost::lexical_cast<std::uint32_t>(token);
 }
 
-/// A component of 2^31 or more counts as negative, then carries into the next like any other. Unsigned,
-/// because what is added may leave the range of the result and come back.
+/// A component of 2^31 or more counts as negative, then carries into the next like any other. Unsigned
+/// arithmetic: a partial sum may leave the range of the result.
 std::uint64_t signed_shift(std::uint32_t component, unsigned bits) {
   const std::uint64_t sign = component >= 0x80000000U ? 0xffffffff00000000U : 0;
   return (sign | component) << bits;
@@ -53,9 +53,8 @@ int64 as_signed(std::uint64_t bits) {
 
 }  // namespace
 
-// There is no check that a component fits into its 8 bits: 4.256.0 is 5.0.0. And 0.0.0 is no
-// version. // Quirk Q3, Q59
-// By value is how hosts call it. NOLINTNEXTLINE(performance-unnecessary-value-param)
+// Components are not limited to their 8 bits: 4.256.0 is 5.0.0. And 0.0.0 means no version. // Quirk Q3,
+// Q59 Hosts pass the text by value. NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool Config::vers_convert(std::string text) {
   vers = 0;  // Quirk Q4
   const std::vector<std::string> parts = tokens(text);

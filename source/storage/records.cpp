@@ -22,7 +22,7 @@ const ClUnilogFname kUpdate{"void ConfSave::Storage::Update(const string&, ConfS
                             "Update"};
 const ClUnilogFname kDelete{"void ConfSave::Storage::Delete(const string&, int64)", "Delete"};
 
-/// The two archives of one configuration, for as long as a statement needs their bytes.
+/// Owns the bytes of the two archives while a statement uses them.
 struct Packed {
   explicit Packed(const Archive& archive) { archive.Fetch(etc, keybase); }
 
@@ -39,9 +39,8 @@ int take_count(void* context, int, char** values, char**) {
 /// Codes that are not a refusal.
 bool is_fine(int code) { return code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE; }
 
-/// SQLite does not copy the bytes, so they must outlive the statement. Their size fits into an int: one
-/// read() fetched them. An empty archive becomes NULL, not an empty blob; so does one that SQLite refuses,
-/// which nothing reports. // Quirk Q14, Q62
+/// The bytes must outlive the statement. One read() fetched them, so that their size fits into an int. An
+/// empty archive is stored as NULL; so is one that SQLite refuses, unreported. // Quirk Q14, Q62
 void bind_archive(sqlite3_stmt* statement, int index, const std::vector<char>& archive) {
   sqlite3_bind_blob(statement, index, archive.empty() ? nullptr : archive.data(),
                     static_cast<int>(archive.size()), SQLITE_STATIC);
