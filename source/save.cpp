@@ -56,7 +56,7 @@ void overwrite(Storage& storage, const std::string& name, conftype type, int64 v
     storage.Create(name, type, CURRENT_VERSION);
   }
   storage.Commit();
-  std::cout << "Config is overwritten.\n";  // Quirk Q38
+  std::cout << "Config is overwritten.\n";  // Quirk Q38, Q64
 }
 
 bool create_or_overwrite(Storage& storage, const std::string& name, conftype type, int64 version,

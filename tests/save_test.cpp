@@ -241,6 +241,13 @@ TEST_F(SaveOver, ForceAsksNothingAndStillTells) {
   EXPECT_EQ(console.transcript(), "Config is overwritten.\n");
 }
 
+TEST_F(SaveOver, ARefusedInsertLosesTheRowAndStillTells) {
+  put({"weekly", kCurrent});
+  query("create trigger refuse before insert on Config begin select raise(fail, 'full'); end");
+  EXPECT_TRUE(save_with("", "Config is overwritten.\n", 0, true));
+  EXPECT_EQ(rows(), Rows());
+}
+
 TEST_F(SaveOver, NoLeavesTheRowAndRunsNothing) {
   put({"weekly", kCurrent});
   EXPECT_FALSE(save_with("no\n", kQuestion + "‹no›\nConfig is not overwritten.\n"));

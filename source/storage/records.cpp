@@ -128,7 +128,7 @@ void Storage::Update(const std::string& name, conftype type, int64 version) {
   sql::execute(db, sql::delete_row(name, version), kUpdate);
   const std::string text = sql::insert_row(name, version, std::time(nullptr), type);
 
-  // A refusal is only logged, even of a taken name. // Quirk Q13
+  // A refusal is only logged, even of a taken name. // Quirk Q13, Q64
   if (insert(db, text, packed, kUpdate).ran) log_total_changes(db, kUpdate);
 }
 

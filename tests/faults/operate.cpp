@@ -101,19 +101,25 @@ int run_by_platform(const std::string& command) {
   return run("%s", command.c_str());
 }
 
-/// Kills leaves first, so that nobody is left who could start another one.
-void signal_children(const std::string& task, int signal_number) {
-  std::ifstream children("/proc/" + task + "/children");
-  for (std::string child; children >> child;) {
-    signal_children(child + "/task/" + child, signal_number);
-    kill(std::stoi(child), signal_number);
-  }
+std::vector<std::string> children_of(const std::string& process) {
+  std::ifstream stream("/proc/" + process + "/task/" + process + "/children");
+  return {std::istream_iterator<std::string>(stream), {}};
 }
 
-void send_signal(long signal_number, const std::string& spawner) {
+/// The shell that runs the command, and everybody below it.
+void signal_children(const std::string& process, int signal_number) {
+  std::vector<std::string> found = children_of(process);
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    const std::vector<std::string> below = children_of(found[i]);
+    found.insert(found.end(), below.begin(), below.end());
+  }
+  for (const std::string& child : found) kill(std::stoi(child), signal_number);
+}
+
+void send_signal(long signal_number) {
   std::this_thread::sleep_for(std::chrono::milliseconds(number("FAULT_DELAY", 20)));
   if (setting("FAULT_SIGNAL_TO") == "commands") {
-    signal_children(spawner, static_cast<int>(signal_number));
+    signal_children(std::to_string(getpid()), static_cast<int>(signal_number));
   } else {
     kill(0, static_cast<int>(signal_number));
   }
@@ -127,8 +133,7 @@ int run_with_faults(const std::string& command) {
     return run_by_platform(command);
   }
   if (const long signal_number = number("FAULT_SIGNAL", 0); signal_number != 0) {
-    const std::string pid = std::to_string(getpid());
-    std::thread sender(send_signal, signal_number, pid + "/task/" + pid);
+    std::thread sender(send_signal, signal_number);
     const int result = run_by_platform(command);
     sender.join();
     return result;
