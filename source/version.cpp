@@ -53,8 +53,9 @@ int64 as_signed(std::uint64_t bits) {
 
 }  // namespace
 
-// Components are not limited to their 8 bits: 4.256.0 is 5.0.0. And 0.0.0 means no version. // Quirk Q3,
-// Q59 Hosts pass the text by value. NOLINTNEXTLINE(performance-unnecessary-value-param)
+// Components are not limited to their 8 bits: 4.256.0 is 5.0.0. And 0.0.0 means no version.
+// Quirk Q3, Q59
+// Hosts pass the text by value. NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool Config::vers_convert(std::string text) {
   vers = 0;  // Quirk Q4
   const std::vector<std::string> parts = tokens(text);
