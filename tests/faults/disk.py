@@ -4,14 +4,18 @@
     disk.py OPERATE [--full] [--seed=N]
 
 No archive is stored that is not whole, no row is lost, and the database stays sound. When packing alone
-fails, the save says so; a statement that SQLite refuses is in the log only.
+fails, the save says so; a statement that SQLite refuses is in the log only. Each system call of the host on
+a file of the gateway fails once, and each of tar and gzip. A run that hits no file of some sort fails.
 """
 
+import collections
+import re
 import subprocess
 
-from gateway import Gateway, main, require
+from gateway import ETC, Gateway, main, require
+from stored import require_stored
 
-CALLS = "write,pwrite64,fsync,fdatasync,openat,ftruncate,unlink"
+CALLS = ["openat", "read", "write", "pread64", "pwrite64", "fsync", "fdatasync", "ftruncate", "unlink"]
 
 
 def prepare(gateway):
@@ -75,30 +79,116 @@ def sizes(gateway, full, source):
     return len(chosen)
 
 
+SORTS = ["storage.db", "journal", "archive", "configuration"]
+
+
+def sort_of(gateway, line):
+    """Which file a traced call is about."""
+    for sort, path in (("journal", f"{gateway.database}-journal"), ("storage.db", gateway.database),
+                       ("archive", f"{gateway.scratch}/"), ("configuration", f"{gateway.config}"),
+                       ("configuration", f"{ETC}")):
+        if str(path) in line.split(" = ")[0]:
+            return sort
+    return None
+
+
+def tracer(gateway, *words):
+    return ["strace", "-y", "-qq", "-o", str(gateway.root / "trace"), *words]
+
+
+def calls_on_files(gateway, words, prefix):
+    """(sort of file, call, its number among the calls of that name) of an undisturbed operation."""
+    gateway.do(*words, prefix=prefix("-e", "trace=" + ",".join(CALLS)))
+    gateway.restore_state()
+    gateway.write_configuration("new")
+    found, counts = [], collections.Counter()
+    for line in (gateway.root / "trace").read_text("latin-1").splitlines():
+        match = re.match(r"(?:(\d+) +)?(\w+)\(", line)
+        if match:
+            counts[match.groups()] += 1
+            sort = sort_of(gateway, line)
+            if sort is not None:
+                found.append((sort, match.group(2), counts[match.groups()]))
+    return sorted(set(found))
+
+
+def wrap_tar(gateway):
+    """A tar that can be traced without the host: only its own calls, and those of gzip, fail."""
+    directory = gateway.root / "bin"
+    directory.mkdir()
+    (directory / "tar").write_text('#!/bin/sh\nexec ${TRACER-} /usr/bin/tar "$@"\n')
+    (directory / "tar").chmod(0o755)
+    return directory
+
+
+def may_hold(gateway, hit):
+    """The contents that may be found. What tar cannot open is left out, as quirk Q31 says; what it cannot
+    read is zeros, or cut."""
+    new = gateway.expected_files("new")
+    allowed = [gateway.expected_files("old"), new]
+    for name, contents in new.items():
+        if any(name in line for line in hit):
+            allowed.append({other: text for other, text in new.items() if other != name})
+            allowed.append({**new, name: bytes(len(contents))})
+    return allowed
+
+
+def strike(gateway, words, call, number, error, prefix):
+    """Lets one call fail. The sorts of files that were hit, and whether a snapshot lacks a file of it."""
+    injection = f"inject={call}:error={error}:when={number}"
+    gateway.run(*words, prefix=prefix("-e", f"trace={call}", "-e", injection))
+    trace = (gateway.root / "trace").read_text("latin-1")
+    hit = [line for line in trace.splitlines() if "INJECTED" in line]
+    gateway.remove_temporary_files()
+    gateway.remove_scratch_directories()
+    try:
+        allowed = may_hold(gateway, hit if words[0] == "save" else [])
+        found = require_stored(gateway, {"kept": allowed[:1], "weekly": allowed})
+        gateway.require_whole_files("old", "new")
+    except Exception as failure:
+        raise type(failure)(f"{words} {call} {number} {error}: {failure}; {hit}") from failure
+    gateway.restore_state()
+    gateway.write_configuration("new")
+    return [sort_of(gateway, line) for line in hit], found["weekly"] not in allowed[:2]
+
+
 def system_calls(gateway, full, source):
-    """Every so many-th system call of the host and its commands fails."""
-    total = 0
-    for error in ("ENOSPC", "EIO"):
-        numbers = range(1, 400) if full else sorted(source.sample(range(1, 80), 8))
-        for number in numbers:
-            trace = gateway.root / "trace"
-            gateway.run("save", "weekly",
-                        prefix=["strace", "-f", "-qq", "-o", str(trace), "-e", f"trace={CALLS}", "-e",
-                                f"inject={CALLS}:error={error}:when={number}"])
-            check(gateway, "old", "new")
-            gateway.restore_state()
-            total += 1
-            if "INJECTED" not in trace.read_text("latin-1"):
-                break
-    return total
+    """How often each sort of file was hit."""
+    hits, incomplete = collections.Counter(), 0
+    path = wrap_tar(gateway)
+
+    def of_host(*words):
+        return tracer(gateway, *words)
+
+    def of_tar(*words):
+        traced = " ".join(tracer(gateway, "-f", *words))
+        return ["env", f"PATH={path}:/usr/bin:/bin", f"TRACER={traced}"]
+
+    save, load = ["save", "weekly"], ["load", "weekly"]
+    for words, prefix in ((save, of_host), (save, of_tar), (load, of_host)):
+        calls = calls_on_files(gateway, words, prefix)
+        require(calls, words, "has no calls on files")
+        if not full:
+            source.shuffle(calls)
+            firsts = {sort: (sort, call, number) for sort, call, number in calls}
+            calls = [*firsts.values(), *calls[:2]]
+        for _, call, number in calls:
+            for error in ("ENOSPC", "EIO") if full else (source.choice(["ENOSPC", "EIO"]),):
+                struck, lacks = strike(gateway, words, call, number, error, prefix)
+                hits.update(struck)
+                incomplete += lacks
+    for sort in SORTS:
+        require(hits[sort] > 0, "no failed call on a file of sort", sort, hits)
+    return ", ".join(f"{hits[sort]} on {sort}" for sort in SORTS), incomplete
 
 
 def campaign(program, full, source):
     with Gateway(program) as gateway:
         prepare(gateway)
-        figures = (packing(gateway, full, source), sizes(gateway, full, source),
-                   system_calls(gateway, full, source))
-    return "%d packing limits, %d file system sizes, %d failed system calls, nothing lost" % figures
+        limits, room = packing(gateway, full, source), sizes(gateway, full, source)
+        hits, incomplete = system_calls(gateway, full, source)
+    return (f"{limits} packing limits, {room} file system sizes, failed system calls: {hits}; "
+            f"nothing lost, {incomplete} snapshots lack a file that tar could not read")
 
 
 main(campaign)

@@ -3,20 +3,83 @@
 
     processes.py OPERATE [--full] [--seed=N]
 
-Every row is there, a name and version is there once, waits end, and nobody is waited for who is being
-asked.
+Each has a configuration of its own. Every row is there with the contents of who stored it, a name and
+version is there once and never missing while it is overwritten, the lock is held while an overwrite packs,
+waits end, and nobody is waited for who is being asked.
 """
 
+import io
+import pathlib
 import subprocess
+import tarfile
 import threading
 import time
 
-from gateway import Gateway, main, require
+from gateway import CONFIG, DATABASE, Gateway, main, require
+from stored import found_by_library, found_by_program
+
+
+def make_configurations(gateway):
+    """One for each process; only the failover files are common to all."""
+    gateway.write_configuration("new", SIZE)
+    for number in range(8):
+        directory = gateway.root / f"config{number}"
+        for name, contents in expected_files(gateway, number).items():
+            (directory / name).parent.mkdir(parents=True, exist_ok=True)
+            (directory / name).write_bytes(contents)
+
+
+# So that packing takes a while.
+SIZE = 3000
+
+
+def expected_files(gateway, number):
+    files = gateway.expected_files(f"of process {number}", SIZE)
+    return {name: files[name] for name in CONFIG + DATABASE}
+
+
+def unpacked(archive):
+    with tarfile.open(fileobj=io.BytesIO(archive), mode="r:gz") as members:
+        return {member.name: members.extractfile(member).read() for member in members if member.isfile()}
+
+
+def require_contents(gateway, pattern, writers):
+    """Each row that matches has the configuration of one of its writers, whole. `writers` makes their
+    numbers from the name. The number of rows."""
+    failover = {name: contents for name, contents in gateway.expected_files("new", SIZE).items()
+                if name not in CONFIG + DATABASE}
+    rows = gateway.query(f"select name, keybase, etc from Config where name glob '{pattern}'")
+    for name, keybase, etc in rows:
+        try:
+            found, found_failover = unpacked(keybase), unpacked(etc)
+        except (tarfile.TarError, EOFError, OSError, TypeError) as failure:
+            require(False, name, "does not unpack:", failure)
+        allowed = [expected_files(gateway, number) for number in writers(name)]
+        require(found in allowed, name, "is of others, or not whole")
+        require(found_failover == failover, name, "has other failover files")
+    return len(rows)
+
+
+def of_number(name):
+    return [int(name[1])]
+
+
+def of_anybody(_):
+    return range(8)
+
+
+def require_loads(gateway, *names):
+    """The library and the program load them as well."""
+    for who in (found_by_library, found_by_program):
+        for (name, _), found in who(gateway, *names).items():
+            loads = isinstance(found, dict) and found
+            require(name not in names or loads, name, "does not load:", who.__name__)
 
 
 def together(gateway, *calls):
-    """Runs all at once; their statuses and outputs."""
-    processes = [gateway.start(*words) for words in calls]
+    """Runs all at once, each with its own configuration; their statuses and outputs."""
+    processes = [gateway.start(*words, prefix=["env", f"KELMOR_CONFIG_PATH={gateway.root}/config{number}/"])
+                 for number, words in enumerate(calls)]
     results = []
     for process in processes:
         output = process.stdout.read().decode()
@@ -31,14 +94,39 @@ def distinct_saves(gateway, count):
     names = {row[0] for row in gateway.query("select name from Config")}
     missing = [f"p{i}-{n}" for i in range(8) for n in range(count) if f"p{i}-{n}" not in names]
     require(not missing, "lost:", missing[:5], len(missing))
+    require(require_contents(gateway, "p*", of_number) == 8 * count, "more rows than were stored")
+    require_loads(gateway, "p0-0", "p7-0")
+    return 8 * count
+
+
+def unlocked_saves(gateway, count):
+    """The gateway's shell packs without a lock: only the names of temporary files keep the archives of
+    several processes apart."""
+    for status, output in together(gateway, *[("app-save-many", f"s{i}-", count) for i in range(8)]):
+        require(status == 0, "a saver ended with", status, output)
+    require(require_contents(gateway, "s*", of_number) == 8 * count, "a row is lost")
     return 8 * count
 
 
 def one_name(gateway, count):
-    for status, output in together(gateway, *[("save-again", "same", count) for _ in range(8)]):
-        require(status == 0, "a saver ended with", status, output)
-    require(gateway.query("select count(*) from Config where name='same'") == [(1,)], "not one row")
-    return 8 * count
+    """All overwrite one row, which a reader finds at any time."""
+    gateway.do("save", "same")
+    calls = [("save-again", "same", count) for _ in range(7)] + [("find-always", "same", 20 * count)]
+    for status, output in together(gateway, *calls):
+        require(status == 0, "a saver or reader ended with", status, output)
+    require(require_contents(gateway, "same", of_anybody) == 1, "not one row")
+    require_loads(gateway, "same")
+    return 7 * count
+
+
+def locked_while_packing(gateway, locker):
+    """Before each tar of an overwrite another program tries the lock. How often it was held."""
+    witness = gateway.root / "witness"
+    gateway.do("save", "same", COMMAND="cd ",
+               BEFORE=f"{locker} {gateway.database} 0 && echo free >>{witness} || echo held >>{witness}")
+    seen = witness.read_text().split()
+    require(seen == ["held"] * 2, "while an overwrite packs, the lock is", seen)
+    return len(seen)
 
 
 def autosaves(gateway, rounds):
@@ -52,6 +140,7 @@ def autosaves(gateway, rounds):
         stored = gateway.query("select count(*) from Config where name like 'autosave%'")[0][0] - before
         done = sum(status == 0 for status, _ in results)
         require(stored == done, done, "said done,", stored, "are there")
+    require_contents(gateway, "autosave*", of_anybody)
     twice = gateway.query("select name from Config group by name, version having count(*) > 1")
     require(not twice, "twice:", twice)
     return 8 * rounds
@@ -64,7 +153,7 @@ def creation(gateway, rounds):
         for status, output in together(gateway, *[("save-many", f"p{i}-", 1) for i in range(8)]):
             require(status == 0, "a creator ended with", status, output)
         gateway.require_integrity()
-        require(gateway.query("select count(*) from Config") == [(8,)], "a row is lost")
+        require(require_contents(gateway, "*", of_number) == 8, "a row is lost")
         require(gateway.query("pragma auto_vacuum") == [(2,)], "another layout")
     return 8 * rounds
 
@@ -138,17 +227,17 @@ def questions(gateway):
 
 
 def campaign(program, full, source):
-    locker = str(__import__("pathlib").Path(program).resolve().parent / "locker")
+    locker = str(pathlib.Path(program).resolve().parent / "locker")
     with Gateway(program) as gateway:
-        gateway.write_configuration("new")
-        created = creation(gateway, 50 if full else 3)
-        figures = (created, distinct_saves(gateway, 200 if full else 6),
-                   one_name(gateway, 50 if full else 4), autosaves(gateway, 10 if full else 2),
+        make_configurations(gateway)
+        figures = (creation(gateway, 50 if full else 2), distinct_saves(gateway, 100 if full else 4),
+                   unlocked_saves(gateway, 100 if full else 4), one_name(gateway, 50 if full else 4),
+                   locked_while_packing(gateway, locker), autosaves(gateway, 10 if full else 2),
                    questions(gateway))
         waiting(gateway, locker, 3 if full else 1)
         gateway.require_integrity()
-    return ("%d creators of a file, %d saves by eight, %d of one name, %d autosaves, "
-            "a writer at %d questions, a lock waited for" % figures)
+    return ("%d creators of a file, %d saves by eight, %d without a lock, %d of one name, "
+            "%d archives packed under the lock, %d autosaves, a writer at %d questions, a lock waited for" % figures)
 
 
 main(campaign)

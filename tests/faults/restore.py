@@ -4,10 +4,14 @@
     restore.py OPERATE [--full] [--seed=N]
 
 It ends in the stated failure, leaves no scratch directory where rm worked, and no file of the configuration
-is gone that was there, except those of the configuration database.
+is gone that was there, except those of the configuration database. Every row stays as it was, except its
+stamp, and loads afterwards.
 """
 
 from gateway import Gateway, main, require
+from stored import found_by_library, found_by_program
+
+ROWS = "select name, version, keybase, etc, type, save_time from Config order by name, version"
 
 
 def strace(gateway, *injection):
@@ -29,6 +33,7 @@ def strike(gateway, expected, *, rm_works=True, **options):
     if rm_works:
         require(not gateway.scratch_directories(), options, "left", gateway.scratch_directories())
     gateway.require_integrity()
+    require(gateway.query(ROWS) == gateway.rows, options, "the rows are others now")
     gateway.restore_state()
     gateway.remove_scratch_directories()
     gateway.write_configuration("new", 300)
@@ -74,16 +79,29 @@ def links(gateway, full, source):
     return count
 
 
+def still_loads(gateway):
+    """After a restore that failed, by the library and by the program."""
+    gateway.run("load", "weekly", FSIZE=100, COMMAND="tar ")
+    gateway.remove_scratch_directories()
+    expected = gateway.expected_files("old", 300)
+    for found in (found_by_library(gateway), found_by_program(gateway, "weekly")):
+        require(list(found.values()) == [expected], "does not load after a failed restore")
+    gateway.restore_state()
+    gateway.write_configuration("new", 300)
+
+
 def campaign(program, full, source):
     with Gateway(program) as gateway:
         gateway.write_configuration("old", 300)
         gateway.stored = gateway.configuration()
         gateway.do("save", "weekly")
         gateway.keep_state()
+        gateway.rows = gateway.query(ROWS)
         gateway.write_configuration("new", 300)
         limits = byte_limits(gateway, full, source)
         writes = temporary_files(gateway, full, source)
         linked = links(gateway, full, source)
+        still_loads(gateway)
         strike(gateway, [EXTERNAL], rm_works=False, prefix=strace(gateway, "unlinkat", "error=EBUSY"))
     return f"{limits} byte limits, {writes} of the archives, {linked} links refused or killed, rm refused"
 
