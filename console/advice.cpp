@@ -1,15 +1,17 @@
 #include "advice.h"
 
+#include <contents.h>
+#include <places.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
 #include "command_runner.h"
 #include "interrupt.h"
-#include "places.h"
 #include "text.h"
 
 namespace console {
@@ -21,6 +23,11 @@ bool is_full(const std::string& directory) {
 }
 
 }  // namespace
+
+std::string log_file() {
+  const char* file = secure_getenv("KELMOR_LOG_FILE");
+  return file != nullptr && *file != '\0' ? file : "/var/log/kelmor.log";
+}
 
 std::string obstacle(const std::string& directory) {
   const int error = access(directory.c_str(), W_OK | X_OK) != 0 ? errno : is_full(directory) ? ENOSPC : 0;
@@ -34,7 +41,7 @@ void print_next_step() {
     std::cerr << "confsave: " << failed->obstacle << ". Mend that and try again.\n";
     return;
   }
-  for (const std::string& directory : {temporary_directory(), state_directory()}) {
+  for (const std::string& directory : {ConfSave::temporary_directory(), ConfSave::state_directory()}) {
     if (!is_full(directory)) continue;
     std::cerr << "confsave: no space is left in '" << printable(directory)
               << "'. Free some and try again.\n";
@@ -57,10 +64,11 @@ void print_missing_stamp(const std::string& name) {
 
 void warn_without_failover_files(ConfSave::conftype type) {
   if (type == ConfSave::conf_corlu) return;
-  for (const char* name : {"failover.ini", "failover.ini.crg", "failoverd-config.crg"}) {
-    if (access((kFailoverDirectory + std::string(name)).c_str(), F_OK) == 0) return;
+  for (const ConfSave::ContentsEntry& entry : ConfSave::contents()) {
+    const bool is_failover = entry.base == ConfSave::Base::failover;
+    if (is_failover && access((ConfSave::kFailoverDirectory + entry.path).c_str(), F_OK) == 0) return;
   }
-  std::cerr << "confsave: warning: '" << kFailoverDirectory
+  std::cerr << "confsave: warning: '" << ConfSave::kFailoverDirectory
             << "' has no failover file. A snapshot without one is stored, but cannot be restored.\n";
 }
 

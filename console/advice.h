@@ -12,6 +12,9 @@ namespace console {
 /// Empty when it can be written to.
 std::string obstacle(const std::string& directory);
 
+/// Where the platform's stand-in writes the log.
+std::string log_file();
+
 /// After a failure: which command failed and why, and what to do next.
 void print_next_step();
 

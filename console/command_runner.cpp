@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <kelmor/system.h>
+#include <places.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -13,7 +14,6 @@
 
 #include "advice.h"
 #include "interrupt.h"
-#include "places.h"
 #include "progress_line.h"
 #include "text.h"
 
@@ -57,19 +57,20 @@ std::string parent(const std::string& path) {
 
 /// The directory of a rehearsal is gone by the time that a person reads its name.
 std::string known(const std::string& directory) {
-  return directory.rfind(temporary_directory() + "/", 0) == 0 ? temporary_directory() : directory;
+  return directory.rfind(ConfSave::temporary_directory() + "/", 0) == 0 ? ConfSave::temporary_directory()
+                                                                        : directory;
 }
 
 Command parse(const std::string& line) {
   const auto begins = [&](const char* text) { return line.rfind(text, 0) == 0; };
   if (begins("cd ")) {
     const std::string place = between(line, "cd ", " ");
-    const bool failover = place == kFailoverDirectory;
+    const bool failover = place == ConfSave::kFailoverDirectory;
     return {"tar",
             failover ? "packing the failover settings" : "packing the configuration",
             "packing",
             place,
-            temporary_directory(),
+            ConfSave::temporary_directory(),
             ""};
   }
   if (begins("tar ")) {

@@ -1,5 +1,6 @@
 #include "directories.h"
 
+#include <places.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -7,7 +8,6 @@
 #include <iostream>
 #include <string_view>
 
-#include "places.h"
 #include "text.h"
 
 namespace console {
@@ -60,9 +60,9 @@ bool check_target(std::string& target) {
 }
 
 bool check_directories() {
-  return check_directory("the configuration directory", configuration_directory(),
+  return check_directory("the configuration directory", ConfSave::config_directory(),
                          "set KELMOR_CONFIG_PATH to another one") &&
-         check_directory("the temporary directory", temporary_directory(),
+         check_directory("the temporary directory", ConfSave::temporary_directory(),
                          "set KELMOR_TEMP_DIR to another one");
 }
 

@@ -1,6 +1,7 @@
 #include "lock.h"
 
 #include <fcntl.h>
+#include <places.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -12,7 +13,6 @@
 
 #include "exit_status.h"
 #include "interrupt.h"
-#include "places.h"
 #include "text.h"
 
 namespace console {
@@ -56,7 +56,7 @@ OperationLock::~OperationLock() {
 }
 
 int OperationLock::take(const std::string& purpose, unsigned seconds) {
-  const std::string file = state_directory() + "/confsave.lock";
+  const std::string file = ConfSave::state_directory() + "/confsave.lock";
   descriptor_ = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor_ == -1) {
     std::cerr << "confsave: cannot open '" << printable(file) << "': " << std::strerror(errno)

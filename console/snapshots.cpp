@@ -1,5 +1,6 @@
 #include "snapshots.h"
 
+#include <places.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,24 +14,24 @@
 #include <system_error>
 #include <thread>
 
+#include "advice.h"
 #include "command_runner.h"
 #include "interrupt.h"
-#include "places.h"
 #include "text.h"
 
 namespace console {
 namespace {
 
 void print_why_not_opened() {
-  const std::string directory = state_directory();
-  std::cerr << "confsave: the storage '" << printable(storage_file()) << "' cannot be opened: ";
+  const std::string directory = ConfSave::state_directory();
+  std::cerr << "confsave: the storage '" << printable(ConfSave::storage_file()) << "' cannot be opened: ";
   struct stat status = {};
   if (stat(directory.c_str(), &status) != 0) {
     std::cerr << std::strerror(errno)
               << ". Make the directory, or set KELMOR_DYNAMIC_DIR to another one.\n";
   } else if (access(directory.c_str(), R_OK | W_OK | X_OK) != 0) {
     std::cerr << std::strerror(errno) << ". Run confsave as the directory's owner.\n";
-  } else if (access(storage_file().c_str(), R_OK | W_OK) != 0) {
+  } else if (access(ConfSave::storage_file().c_str(), R_OK | W_OK) != 0) {
     std::cerr << std::strerror(errno) << ". Run confsave as the file's owner.\n";
   } else {
     std::cerr << "it is no regular file, or cannot be read. The log '" << printable(log_file())
@@ -46,9 +47,9 @@ bool is_readable(ConfSave::Storage& storage) {
 /// A directory of its own in the temporary directory, for one rehearsal.
 class RehearsalDirectory {
  public:
-  RehearsalDirectory() : path_(temporary_directory() + "/XXXXXX") {
+  RehearsalDirectory() : path_(ConfSave::temporary_directory() + "/XXXXXX") {
     if (mkdtemp(path_.data()) == nullptr) {
-      throw std::system_error(errno, std::generic_category(), temporary_directory());
+      throw std::system_error(errno, std::generic_category(), ConfSave::temporary_directory());
     }
   }
   RehearsalDirectory(const RehearsalDirectory&) = delete;
@@ -93,7 +94,7 @@ bool check_storage() {
     return false;
   }
   if (is_readable(storage)) return true;
-  std::cerr << "confsave: " << quoted(storage_file())
+  std::cerr << "confsave: " << quoted(ConfSave::storage_file())
             << " is damaged, or not a storage of ConfSave. Nothing was changed. The log "
             << quoted(log_file()) << " says more.\n";
   return false;
@@ -138,7 +139,7 @@ bool can_be_restored(const ConfSave::Config& config) {
     rehearse(config);
     return true;
   } catch (const ConfSave::XNotFound&) {
-    why = "its row in " + quoted(storage_file()) +
+    why = "its row in " + quoted(ConfSave::storage_file()) +
           " cannot be read. Check the file with sqlite3: pragma "
           "integrity_check";
   } catch (const ConfSave::XExternalFailure&) {
@@ -146,7 +147,7 @@ bool can_be_restored(const ConfSave::Config& config) {
   } catch (const ConfSave::XConstraint& error) {
     why = reason(error);
   } catch (const XTOOStatus& error) {
-    why = quoted(temporary_directory()) + ": " + reason(error) +
+    why = quoted(ConfSave::temporary_directory()) + ": " + reason(error) +
           ". Free some space there, or lift the limit on the size of files (ulimit -f)";
   } catch (const std::system_error& error) {
     why = printable(error.what());

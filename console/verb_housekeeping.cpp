@@ -2,11 +2,13 @@
 #include <iostream>
 
 #include "advice.h"
+#include "destination.h"
 #include "directories.h"
 #include "exit_status.h"
 #include "interrupt.h"
 #include "lock.h"
 #include "names.h"
+#include "permissions.h"
 #include "snapshots.h"
 #include "text.h"
 #include "verb_functions.h"
@@ -60,6 +62,7 @@ int autosave(const Options& options) {
   if (const int status = lock.take("an autosave", options.wait); status != kDone) return status;
   if (!check_storage()) return kNoStorage;
   warn_without_failover_files(options.type);
+  warn_of_acls(Destination(""));
 
   const std::time_t start = later_than(newest(autosaves_of_this_version()));
   try {

@@ -1,16 +1,17 @@
+#include <places.h>
 #include <unistd.h>
 
 #include <iostream>
 
 #include "advice.h"
 #include "conversation.h"
+#include "destination.h"
 #include "directories.h"
 #include "exit_status.h"
 #include "interrupt.h"
 #include "lock.h"
 #include "names.h"
-#include "parents.h"
-#include "places.h"
+#include "permissions.h"
 #include "snapshots.h"
 #include "text.h"
 #include "verb_functions.h"
@@ -42,7 +43,7 @@ std::optional<ConfSave::Config> find_only(const Options& options, int& status) {
   if (!is_name(found.front().name)) {
     std::cerr << "confsave: the stored name '" << printable(found.front().name)
               << "' has characters that a name must not have. Rename the row with sqlite3 in '"
-              << printable(storage_file()) << "'.\n";
+              << printable(ConfSave::storage_file()) << "'.\n";
     status = kFailed;
     return std::nullopt;
   }
@@ -68,10 +69,10 @@ int failure(const Conversation& conversation) {
   return kFailed;
 }
 
-int restore(const ConfSave::Config& config, const Options& options) {
+int restore(const ConfSave::Config& config, const Options& options, const Destination& destination) {
   const std::time_t start = later_than(config.load_time);
   {
-    const ParentDirectories parents(options.target);
+    const KeptPermissions permissions(destination);
     const Conversation conversation([](const std::string& name, std::time_t since) {
       return was_saved(name, ConfSave::CURRENT_VERSION, since);
     });
@@ -104,11 +105,13 @@ int load(const Options& options) {
   const auto config = find_only(checked, status);
   if (!config) return status;
   if (is_refused_as_newer(*config, checked)) return kNewer;
+  const Destination destination(checked.target);
+  if (!destination.is_safe()) return kFailed;
   if (!checked.force && !can_be_restored(*config)) {
     if (!interrupted()) std::cerr << "confsave: nothing was restored. --force skips this rehearsal.\n";
     return kFailed;
   }
-  return restore(*config, checked);
+  return restore(*config, checked, destination);
 }
 
 }  // namespace console

@@ -2,11 +2,13 @@
 
 #include "advice.h"
 #include "conversation.h"
+#include "destination.h"
 #include "directories.h"
 #include "exit_status.h"
 #include "interrupt.h"
 #include "lock.h"
 #include "names.h"
+#include "permissions.h"
 #include "snapshots.h"
 #include "verb_functions.h"
 
@@ -35,6 +37,7 @@ int save(const Options& options) {
   if (const int status = lock.take("saving " + options.name, options.wait); status != kDone) return status;
   if (!check_storage()) return kNoStorage;
   warn_without_failover_files(options.type);
+  warn_of_acls(Destination(""));
 
   const ConfSave::int64 stored_as = options.version != 0 ? options.version : ConfSave::CURRENT_VERSION;
   const auto old = find_exactly(options.name, stored_as);

@@ -8,13 +8,14 @@
 #include "advice.h"
 #include "command_runner.h"
 #include "conversation.h"
+#include "destination.h"
 #include "directories.h"
 #include "exit_status.h"
 #include "interrupt.h"
 #include "line_reader.h"
 #include "lock.h"
 #include "names.h"
-#include "parents.h"
+#include "permissions.h"
 #include "shell_completion.h"
 #include "snapshots.h"
 #include "text.h"
@@ -35,6 +36,7 @@ void list_all(const std::string&) { list({}); }
 
 void save_as(const std::string& name) {
   warn_without_failover_files(ConfSave::conf_full);
+  warn_of_acls(Destination(""));
   const auto old = find_exactly(name, kNoVersion);
   const std::time_t start = later_than(old ? old->save_time : 0);
   bool reported = false;
@@ -82,11 +84,14 @@ void load_named(const std::string& name) {
     std::cerr << "confsave: nothing is stored as '" << name << "' without a version.\n";
     return;
   }
-  if (!can_be_restored(*config)) return;
+  const Destination destination("");
+  if (!destination.is_safe() || !can_be_restored(*config)) return;
   const std::time_t start = later_than(config->load_time);
-  const ParentDirectories parents("");
   const Conversation conversation(was_saved_here);
-  ConfSave::App::load(name);
+  {
+    const KeptPermissions permissions(destination);
+    ConfSave::App::load(name);
+  }
   if (conversation.printed("Aborted.\n")) {
     if (interrupted()) std::cerr << "confsave: interrupted; nothing was restored.\n";
   } else if (!claims_to_have_loaded(conversation, name)) {

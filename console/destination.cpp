@@ -1,0 +1,117 @@
+#include "destination.h"
+
+#include <contents.h>
+#include <glob.h>
+#include <places.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <set>
+#include <system_error>
+#include <utility>
+
+#include "text.h"
+
+namespace console {
+namespace {
+
+using Paths = std::vector<std::string>;
+
+/// The existing files that match. The checks of directories leave no pattern in the directory's own path.
+Paths matches(const std::string& pattern) {
+  glob_t found = {};
+  Paths paths;
+  if (glob(pattern.c_str(), GLOB_NOSORT, nullptr, &found) == 0) {
+    paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+  }
+  globfree(&found);
+  return paths;
+}
+
+std::string without_slash(const std::string& path) {
+  return path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path;
+}
+
+/// Links to directories count as directories here.
+bool is_directory(const std::string& path) {
+  struct stat status = {};
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/// Why others could lead a restore elsewhere, and what to do about it; empty when they cannot.
+std::string flaw_of(const std::string& directory) {
+  struct stat status = {};
+  if (lstat(directory.c_str(), &status) != 0) return std::string("cannot be examined: ") + strerror(errno);
+  if (S_ISLNK(status.st_mode)) return "is a symbolic link. Put a directory in its place";
+  if (status.st_uid != geteuid() && status.st_uid != 0) {
+    return "belongs to user " + std::to_string(status.st_uid) + ". Change its owner to user " +
+           std::to_string(geteuid());
+  }
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return "can be written to by others. Run: chmod go-w " + directory;
+  }
+  return "";
+}
+
+}  // namespace
+
+Destination::Destination(std::string target) {
+  if (target.empty()) {
+    tops_ = {ConfSave::config_directory(), ConfSave::kFailoverDirectory};
+  } else {
+    tops_ = {std::move(target)};
+  }
+}
+
+Paths Destination::parents() const {
+  std::set<std::string> paths;
+  for (const ConfSave::ContentsEntry& entry : ConfSave::contents()) {
+    const std::size_t slash = entry.path.find('/');
+    if (slash == std::string::npos) continue;
+    const std::string path = tops_.front() + entry.path.substr(0, slash);
+    if (is_directory(path)) paths.insert(path);
+  }
+  return {paths.begin(), paths.end()};
+}
+
+Paths Destination::members() const {
+  Paths paths;
+  for (const ConfSave::ContentsEntry& entry : ConfSave::contents()) {
+    const bool is_failover = entry.base == ConfSave::Base::failover;
+    for (const std::string& path : matches((is_failover ? tops_.back() : tops_.front()) + entry.path)) {
+      paths.push_back(path);
+      std::error_code ignored;
+      for (const auto& below : std::filesystem::recursive_directory_iterator(path, ignored)) {
+        paths.push_back(below.path().string());
+      }
+    }
+  }
+  return paths;
+}
+
+Paths Destination::directories() const {
+  Paths paths;
+  for (const std::string& top : tops_) paths.push_back(without_slash(top));
+  for (const std::string& path : parents()) paths.push_back(path);
+  for (const std::string& path : members()) {
+    if (is_directory(path)) paths.push_back(path);
+  }
+  return paths;
+}
+
+bool Destination::is_safe() const {
+  for (const std::string& directory : directories()) {
+    const std::string flaw = flaw_of(directory);
+    if (flaw.empty()) continue;
+    std::cerr << "confsave: nothing was restored, because others could lead files elsewhere: '"
+              << printable(directory) << "' " << printable(flaw) << ".\n";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace console
