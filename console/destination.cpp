@@ -1,11 +1,13 @@
 #include "destination.h"
 
 #include <contents.h>
+#include <fcntl.h>
 #include <glob.h>
 #include <places.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -55,6 +57,17 @@ std::string flaw_of(const std::string& directory) {
     return "can be written to by others. Run: chmod go-w " + directory;
   }
   return "";
+}
+
+bool sync_file_system(const std::string& directory) {
+  const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const bool synced = descriptor != -1 && syncfs(descriptor) == 0;
+  const int error = errno;
+  if (descriptor != -1) close(descriptor);
+  if (synced) return true;
+  std::cerr << "confsave: '" << printable(directory) << "' cannot be synced: " << std::strerror(error)
+            << ". The files are restored, but may not survive a power cut. Mend the disk and load again.\n";
+  return false;
 }
 
 }  // namespace
@@ -112,6 +125,16 @@ bool Destination::is_safe() const {
     return false;
   }
   return true;
+}
+
+bool Destination::sync() const {
+  std::set<dev_t> synced;
+  const Paths paths = directories();
+  return std::all_of(paths.begin(), paths.end(), [&](const std::string& path) {
+    struct stat status = {};
+    const bool is_new = stat(path.c_str(), &status) != 0 || synced.insert(status.st_dev).second;
+    return !is_new || sync_file_system(path);
+  });
 }
 
 }  // namespace console

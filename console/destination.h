@@ -19,6 +19,9 @@ class Destination {
   /// symbolic link: otherwise a restore can be led elsewhere. Prints what is wrong.
   bool is_safe() const;
 
+  /// Writes to disk what the restore wrote. Prints what cannot be written.
+  bool sync() const;
+
   /// The top directories, each ending in "/".
   const std::vector<std::string>& tops() const { return tops_; }
 

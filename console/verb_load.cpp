@@ -80,6 +80,7 @@ int restore(const ConfSave::Config& config, const Options& options, const Destin
                    options.yes);
     if (!conversation.errors().empty()) return failure(conversation);
   }
+  if (!destination.sync()) return kFailed;
   if (was_loaded(config.name, config.vers, start)) return kDone;
   print_missing_stamp(config.name);
   return kFailed;

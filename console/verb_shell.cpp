@@ -96,7 +96,7 @@ void load_named(const std::string& name) {
     if (interrupted()) std::cerr << "confsave: interrupted; nothing was restored.\n";
   } else if (!claims_to_have_loaded(conversation, name)) {
     print_partial_restore();
-  } else if (!was_loaded(name, kNoVersion, start)) {
+  } else if (destination.sync() && !was_loaded(name, kNoVersion, start)) {
     print_missing_stamp(name);
   }
 }
