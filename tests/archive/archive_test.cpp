@@ -83,7 +83,7 @@ TEST_F(ArchiveCreate, EachTypeHasItsOwnCommands) {
   }
 }
 
-TEST_F(ArchiveCreate, TheDatabaseIsPackedOnlyIfBothFilesExist) {
+TEST_F(ArchiveCreate, DatabaseIsPackedOnlyIfBothFilesExist) {
   for (const Texts& files : {Texts{}, Texts{"config.db"}, Texts{"config.idx"}}) {
     empty_directory(config_dir() + "user");
     write_user_files(files);
@@ -97,7 +97,7 @@ TEST_F(ArchiveCreate, TheDatabaseIsPackedOnlyIfBothFilesExist) {
   }
 }
 
-TEST_F(ArchiveCreate, AFailedAccessToTheDatabaseRunsNoCommand) {
+TEST_F(ArchiveCreate, FailedAccessToTheDatabaseRunsNoCommand) {
   fs::remove_all(config_dir() + "user");
   write_file(config_dir() + "user", "a file");
   EXPECT_EQ(thrown([this] { Archive(conf_full, config_dir()).Create(); }),
@@ -105,7 +105,7 @@ TEST_F(ArchiveCreate, AFailedAccessToTheDatabaseRunsNoCommand) {
   EXPECT_EQ(host.commands, Texts());
 }
 
-TEST_F(ArchiveCreate, AFailedTarLeavesNoTemporaryFile) {
+TEST_F(ArchiveCreate, FailedTarLeavesNoTemporaryFile) {
   for (const std::string& dir : {std::string("cd /mnt"), "cd " + config_dir()}) {
     host.on_command = fail_commands(dir, 1);
     EXPECT_EQ(thrown([this] { Archive(conf_full, config_dir()).Create(); }),
@@ -127,7 +127,7 @@ TEST_F(ArchiveFetch, BothArchivesAreWhatTarWrote) {
   EXPECT_EQ(members(keybase).back(), "hub/key");
 }
 
-TEST_F(ArchiveFetch, TheCorluTypeHasNoEtcArchive) {
+TEST_F(ArchiveFetch, CorluTypeHasNoEtcArchive) {
   make_configuration();
   Archive archive(conf_corlu, config_dir());
   archive.Create();
@@ -162,7 +162,7 @@ TEST_F(ArchiveFetch, EtcIsReadFirst) {
   EXPECT_EQ(host.records[0].text, etc_file + ": failed to read from archive file: Bad file descriptor");
 }
 
-TEST_F(ArchiveFetch, AFileThatCannotBeRewoundIsStatus54) {
+TEST_F(ArchiveFetch, FileThatCannotBeRewoundIsStatus54) {
   host.on_command = [this](const std::string&) {
     for (const auto& [name, fd] : open_below(temp_dir())) close(fd);
     return 0;
@@ -172,7 +172,7 @@ TEST_F(ArchiveFetch, AFileThatCannotBeRewoundIsStatus54) {
   EXPECT_EQ(host.commands.size(), 1U);
 }
 
-TEST_F(ArchiveFetch, TheKeybaseFileIsRemovedBeforeTheEtcFile) {
+TEST_F(ArchiveFetch, KeybaseFileIsRemovedBeforeTheEtcFile) {
   Texts expected;
   {
     Archive archive(conf_full, config_dir());
@@ -214,7 +214,7 @@ class FileSizeLimit {
 
 using ArchiveFromBytes = ArchiveTest;
 
-TEST_F(ArchiveFromBytes, AShortOrRefusedWriteIsStatus6) {
+TEST_F(ArchiveFromBytes, ShortOrRefusedWriteIsStatus6) {
   struct Write {
     rlim_t limit;
     std::size_t etc;
@@ -245,14 +245,14 @@ TEST_F(ArchiveFromBytes, AShortOrRefusedWriteIsStatus6) {
   }
 }
 
-TEST_F(ArchiveFromBytes, AMissingTemporaryDirectoryIsStatus17) {
+TEST_F(ArchiveFromBytes, MissingTemporaryDirectoryIsStatus17) {
   fs::remove(temp_dir());
   Archive archive(conf_full, config_dir());
   EXPECT_EQ(thrown([&] { archive.Create(Bytes(), Bytes()); }), "XTOOStatus 17: No such file or directory");
   EXPECT_EQ(thrown([&] { archive.Create(); }), "XTOOStatus 17: No such file or directory");
 }
 
-TEST_F(ArchiveFromBytes, TheFilesAreRewound) {
+TEST_F(ArchiveFromBytes, FilesAreRewound) {
   Archive archive(conf_full, config_dir());
   archive.Create(Bytes(5, 'e'), Bytes(6, 'k'));
   const auto descriptors = open_below(temp_dir());
@@ -279,7 +279,7 @@ TEST_F(ArchiveExtract, WithoutATargetEachArchiveIsUnpackedInItsPlace) {
   EXPECT_EQ(tree(config_dir()), (Contents{{"user/gateway.conf", "g"}}));
 }
 
-TEST_F(ArchiveExtract, ATargetReceivesBoth) {
+TEST_F(ArchiveExtract, TargetReceivesBoth) {
   const std::string target = make_target();
   restore_both(conf_full, target.c_str());
   EXPECT_EQ(commands(), unpack_into("<root>/target/") + unpack_into("<root>/target/"));
@@ -292,7 +292,7 @@ TEST_F(ArchiveExtract, OfTheCorluTypeEtcIsNotUnpacked) {
   EXPECT_EQ(commands(), unpack_into("<root>/config/"));
 }
 
-TEST_F(ArchiveExtract, TheDatabaseIsDeletedBeforeTheFirstCommand) {
+TEST_F(ArchiveExtract, DatabaseIsDeletedBeforeTheFirstCommand) {
   write_user_files({"config.db-journal", "config.db", "config.idx"});
   Texts seen;
   host.on_command = [&](const std::string&) -> std::optional<int> {
@@ -312,7 +312,7 @@ TEST_F(ArchiveExtract, WithATargetTheDatabaseOfTheTargetIsDeleted) {
   EXPECT_TRUE(exists(config_dir() + "user/config.db"));
 }
 
-TEST_F(ArchiveExtract, ADatabaseFileThatCannotBeDeletedRunsNoCommand) {
+TEST_F(ArchiveExtract, DatabaseFileThatCannotBeDeletedRunsNoCommand) {
   fs::create_directory(config_dir() + "user/config.db");
   EXPECT_EQ(thrown([this] { restore(conf_full, Bytes(), Bytes()); }), "ConfSave::XExternalFailure 43: ");
   EXPECT_EQ(host.commands, Texts());
@@ -337,12 +337,12 @@ TEST_F(ArchiveExtract, TopLevelNamesWithADotAreNotMoved) {
   EXPECT_EQ(tree(config_dir()), (Contents{{"plain", "p"}, {"user/.kept", "k"}}));
 }
 
-TEST_F(ArchiveExtract, AnArchiveWithoutFilesIsAFailure) {
+TEST_F(ArchiveExtract, ArchiveWithoutFilesIsAFailure) {
   const Bytes nothing = make_archive(root(), "-T /dev/null");
   EXPECT_EQ(thrown([&] { restore(conf_corlu, Bytes(), nothing); }), "ConfSave::XExternalFailure 36: ");
 }
 
-TEST_F(ArchiveExtract, AFailedEtcStopsTheRestoreAndNothingIsRolledBack) {
+TEST_F(ArchiveExtract, FailedEtcStopsTheRestoreAndNothingIsRolledBack) {
   write_user_files({"config.db"});
   EXPECT_EQ(thrown([&] {
               restore(conf_full, Bytes(), archive_of({{"a", "x"}}));
@@ -382,7 +382,7 @@ TEST_F(ArchiveExtract, DirectoriesWithoutAnEntryGetTheModeOfTheUmask) {
   EXPECT_EQ(mode_of("station"), stored_mode);
 }
 
-TEST_F(ArchiveExtract, AnExceptionOfTheHostLeavesNoFileBehind) {
+TEST_F(ArchiveExtract, ExceptionOfTheHostLeavesNoFileBehind) {
   const Bytes etc = archive_of({{"failover.ini", "f"}});
   const Bytes keybase = archive_of({{"a", "x"}});
   for (std::size_t failing = 1; failing <= 6; ++failing) {

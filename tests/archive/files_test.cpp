@@ -45,7 +45,7 @@ class FileTest : public Gateway {
   }
 };
 
-TEST_F(FileTest, AFileAndADirectoryExist) {
+TEST_F(FileTest, FileAndADirectoryExist) {
   touch({"a"});
   EXPECT_TRUE(IsFileExist(user("a").c_str()));
   EXPECT_TRUE(IsFileExist(config_dir().c_str()));
@@ -53,14 +53,14 @@ TEST_F(FileTest, AFileAndADirectoryExist) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(FileTest, AFailedAccessIsStatus19) {
+TEST_F(FileTest, FailedAccessIsStatus19) {
   touch({"a"});
   expect_failure("ConfSave::XExternalFailure 19: ",
                  says(kIsFileExist, 1, "access() for '" + user("a/b") + "' failed (code 20)", {4}),
                  [this] { IsFileExist(user("a/b").c_str()); });
 }
 
-TEST_F(FileTest, ARemovedFileIsGoneAndMayBeMissing) {
+TEST_F(FileTest, RemovedFileIsGoneAndMayBeMissing) {
   touch({"a"});
   RemoveFileIfExists(user("a").c_str());
   EXPECT_FALSE(exists(user("a")));
@@ -68,7 +68,7 @@ TEST_F(FileTest, ARemovedFileIsGoneAndMayBeMissing) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(FileTest, AFailedUnlinkIsStatus43) {
+TEST_F(FileTest, FailedUnlinkIsStatus43) {
   expect_failure("ConfSave::XExternalFailure 43: ", directory_record(user("")),
                  [this] { RemoveFileIfExists(user("").c_str()); });
 }
@@ -106,7 +106,7 @@ TEST_F(ConfigDb, AllThreeFilesAreRemovedAndNoOther) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(ConfigDb, TheFirstFailureStopsTheRemoval) {
+TEST_F(ConfigDb, FirstFailureStopsTheRemoval) {
   touch({"config.db-journal", "config.idx"});
   fs::create_directory(user("config.db"));
   expect_failure("ConfSave::XExternalFailure 43: ", directory_record(user("config.db")),
@@ -114,7 +114,7 @@ TEST_F(ConfigDb, TheFirstFailureStopsTheRemoval) {
   EXPECT_EQ(names_in(user("")), (Texts{"config.db", "config.idx"}));
 }
 
-TEST_F(ConfigDb, TheDirectoryIsAPrefix) {
+TEST_F(ConfigDb, DirectoryIsAPrefix) {
   fs::create_directory(root() + "/cfguser");
   for (const char* name : {"config.db", "config.idx"}) write_file(root() + "/cfguser/" + name, "");
   EXPECT_TRUE(IsConfigDbExist((root() + "/cfg").c_str()));

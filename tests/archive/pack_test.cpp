@@ -83,7 +83,7 @@ class Packing : public Gateway {
 
 using Pack = Packing;
 
-TEST_F(Pack, TheFilesAreInTheArchive) {
+TEST_F(Pack, FilesAreInTheArchive) {
   pack(archive(), config_dir(), " a b");
   EXPECT_EQ(commands(),
             Texts{"cd " + config_dir() + " && tar czf <archive> --ignore-failed-read  a b 2>/dev/null"});
@@ -96,14 +96,14 @@ TEST_F(Pack, MissingFilesAreIgnored) {
   EXPECT_EQ(packed(), Texts{"a"});
 }
 
-TEST_F(Pack, AnEmptyArgumentIsAFailureAndRunsNothing) {
+TEST_F(Pack, EmptyArgumentIsAFailureAndRunsNothing) {
   expect_failure(kPack, {}, [this] { pack("", config_dir(), " a"); });
   expect_failure(kPack, {}, [this] { pack(archive(), "", " a"); });
   expect_failure(kPack, {}, [this] { pack(archive(), config_dir(), ""); });
   EXPECT_EQ(host.commands, Texts());
 }
 
-TEST_F(Pack, AFailedTarIsLoggedWithItsResult) {
+TEST_F(Pack, FailedTarIsLoggedWithItsResult) {
   host.on_command = fail_commands("cd ", 77);
   const auto call = [this] { pack(archive(), config_dir(), " a"); };
   expect_failure(kPack, {"failed to create tar archive with error code: 77"}, call);
@@ -111,7 +111,7 @@ TEST_F(Pack, AFailedTarIsLoggedWithItsResult) {
   expect_failure(kPack, {}, call);
 }
 
-TEST_F(Pack, AMissingDirectoryIsAFailure) {
+TEST_F(Pack, MissingDirectoryIsAFailure) {
   expect_failure(kPack, {"failed to create tar archive with error code: 2"},
                  [this] { pack(archive(), root() + "/missing", " a"); });
 }
@@ -149,7 +149,7 @@ TEST_F(Unpack, FilesAreLinkedIntoTheDestination) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(Unpack, AnEmptyArgumentIsAFailureAndRunsNothing) {
+TEST_F(Unpack, EmptyArgumentIsAFailureAndRunsNothing) {
   expect_failure(kUnpack, {}, [this] { unpack("", dest()); });
   expect_failure(kUnpack, {}, [this] { unpack(archive(), ""); });
   EXPECT_EQ(host.commands, Texts());
@@ -189,38 +189,38 @@ TEST_F(Unpack, OnlyTheOwnerMayUseTheScratchDirectoryUnderAnyUmask) {
   EXPECT_EQ(mode, 0700U);
 }
 
-TEST_F(Unpack, AFailedTarSkipsCp) {
+TEST_F(Unpack, FailedTarSkipsCp) {
   expect_failed_command({{"tar", 5}}, {all_commands[0], all_commands[2]},
                         {"failed to extract files with error code: 5"}, {});
 }
 
-TEST_F(Unpack, AFailedCpIsLogged) {
+TEST_F(Unpack, FailedCpIsLogged) {
   expect_failed_command({{"cp", 6}}, all_commands, {"failed to move files with error code: 6"}, {});
 }
 
-TEST_F(Unpack, AFailedRmIsLoggedWithTheResultOfCp) {
+TEST_F(Unpack, FailedRmIsLoggedWithTheResultOfCp) {
   expect_failed_command({{"rm", 9}}, all_commands,
                         {"failed to remove temporary directory with error code: 0"}, {"a", "b"});
 }
 
-TEST_F(Unpack, AFailedRmIsLoggedWithTheResultOfAFailedTar) {
+TEST_F(Unpack, FailedRmIsLoggedWithTheResultOfAFailedTar) {
   expect_failed_command({{"tar", 4}, {"rm", 9}}, {all_commands[0], all_commands[2]},
                         {"failed to extract files with error code: 4",
                          "failed to remove temporary directory with error code: 4"},
                         {});
 }
 
-TEST_F(Unpack, AFileThatIsNotAnArchiveFailsInTar) {
+TEST_F(Unpack, FileThatIsNotAnArchiveFailsInTar) {
   write_file(archive(), "no archive");
   expect_failure(kUnpack, {"failed to extract files with error code: 2"}, [this] { unpack_it(); });
 }
 
-TEST_F(Unpack, AnArchiveWithoutFilesFailsInCp) {
+TEST_F(Unpack, ArchiveWithoutFilesFailsInCp) {
   pack(archive(), config_dir(), " missing");
   expect_failure(kUnpack, {"failed to move files with error code: 1"}, [this] { unpack_it(); });
 }
 
-TEST_F(Unpack, AnExceptionOfTheHostLeavesNoScratchDirectory) {
+TEST_F(Unpack, ExceptionOfTheHostLeavesNoScratchDirectory) {
   pack_both();
   for (const std::string prefix : {"tar", "cp", "rm"}) {
     host.on_command = [&](const std::string& command) -> std::optional<int> {
@@ -256,14 +256,14 @@ class ReadArchive : public Packing {
   Bytes bytes = Bytes(10, 'x');
 };
 
-TEST_F(ReadArchive, AFileIsReadFromItsStart) {
+TEST_F(ReadArchive, FileIsReadFromItsStart) {
   file.create();
   ASSERT_EQ(write(file.fd(), "a\0b", 3), 3);
   TempFile_to_BinObj(file, bytes);
   EXPECT_EQ(bytes, (Bytes{'a', '\0', 'b'}));
 }
 
-TEST_F(ReadArchive, AnEmptyFileAndNoFileAreEmpty) {
+TEST_F(ReadArchive, EmptyFileAndNoFileAreEmpty) {
   TempFile_to_BinObj(file, bytes);
   EXPECT_EQ(bytes, Bytes());
   bytes.resize(3);
@@ -272,13 +272,13 @@ TEST_F(ReadArchive, AnEmptyFileAndNoFileAreEmpty) {
   EXPECT_EQ(bytes, Bytes());
 }
 
-TEST_F(ReadArchive, ARefusedReadIsStatus5) {
+TEST_F(ReadArchive, RefusedReadIsStatus5) {
   file.create();
   ASSERT_EQ(write(file.fd(), "abc", 3), 3);
   expect_status_5(file.name().c_str(), O_WRONLY, "Bad file descriptor");
 }
 
-TEST_F(ReadArchive, AShortReadIsStatus5) {
+TEST_F(ReadArchive, ShortReadIsStatus5) {
   file.create();
   // This file reports the size of a page and contains a few digits.
   expect_status_5("/sys/kernel/uevent_seqnum", O_RDONLY, "Success");

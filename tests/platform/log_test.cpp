@@ -48,7 +48,7 @@ class LogSink : public testing::Test {
   const std::string file = "/tmp/confsave-log-" + std::to_string(getpid());
 };
 
-TEST_F(LogSink, TheLevelIsADigitOfTheEnvironmentAndOtherwise1) {
+TEST_F(LogSink, LevelIsADigitOfTheEnvironmentAndOtherwise1) {
   EXPECT_EQ(level(), 1);
   for (const auto& [value, expected] : {std::pair("0", 0),
                                         {"1", 1},
@@ -66,13 +66,13 @@ TEST_F(LogSink, TheLevelIsADigitOfTheEnvironmentAndOtherwise1) {
   }
 }
 
-TEST_F(LogSink, ARecordIsOneWholeLine) {
+TEST_F(LogSink, RecordIsOneWholeLine) {
   write_record("text");
   write_record("more");
   EXPECT_EQ(written(), kLineBegins + "text\n" + kLineBegins + "more\n");
 }
 
-TEST_F(LogSink, ALineFeedAtTheEndIsDroppedAndControlCharactersAreEscaped) {
+TEST_F(LogSink, LineFeedAtTheEndIsDroppedAndControlCharactersAreEscaped) {
   write_record("a\nb\tc\x7f\x1b[0m\n");
   EXPECT_EQ(written(), kLineBegins + "a\\x0ab\\x09c\\x7f\\x1b[0m\n");
 }
@@ -103,7 +103,7 @@ TEST_F(LogSink, OnlyTheOwnerMayReadTheFile) {
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
-TEST_F(LogSink, AFileThatCannotBeWrittenIsIgnored) {
+TEST_F(LogSink, FileThatCannotBeWrittenIsIgnored) {
   setenv("KELMOR_LOG_FILE", "/missing/log", 1);
   write_record("text");
   EXPECT_FALSE(std::filesystem::exists("/missing"));

@@ -41,7 +41,7 @@ TEST_F(Paths, UnsetOrEmptyVariablesMeanTheDirectoriesOfAnInstalledSystem) {
   EXPECT_EQ(directories(), installed);
 }
 
-TEST_F(Paths, TheEnvironmentIsReadAtEveryCall) {
+TEST_F(Paths, EnvironmentIsReadAtEveryCall) {
   setenv("KELMOR_CONFIG_PATH", "/a", 1);
   setenv("KELMOR_DYNAMIC_DIR", "/b", 1);
   setenv("KELMOR_TEMP_DIR", "/c", 1);
@@ -64,7 +64,7 @@ TEST_F(Paths, EveryFileHasANameOfItsOwn) {
   }
 }
 
-TEST_F(Paths, AnUnknownFileIsNamedByItsNumber) {
+TEST_F(Paths, UnknownFileIsNamedByItsNumber) {
   EXPECT_EQ(paths.GetShortFilename(FileId{2}), "unassigned-2");
   EXPECT_EQ(paths.GetShortFilename(FileId{-1}), "unassigned--1");
 }

@@ -139,13 +139,13 @@ TEST_F(CommandRunner, LeavesTheHostsSignalsAsTheyWere) {
   }
 }
 
-TEST_F(CommandRunner, AnInterruptEndsTheCommandAndNotTheHost) {
+TEST_F(CommandRunner, InterruptEndsTheCommandAndNotTheHost) {
   // To the whole foreground group, as a terminal sends it.
   EXPECT_EQ(my_system("kill -INT %d; kill -INT $$", getpid()), 128 + SIGINT);
   EXPECT_EQ(my_system("kill -QUIT %d; kill -QUIT $$", getpid()), 128 + SIGQUIT);
 }
 
-TEST_F(CommandRunner, ASignalThatTheHostIgnoresStaysIgnored) {
+TEST_F(CommandRunner, SignalThatTheHostIgnoresStaysIgnored) {
   const Disposition ignoring(SIGINT, handled_by(SIG_IGN));
   EXPECT_EQ(my_system("kill -INT $$; exit 5"), 5);
 }
@@ -210,7 +210,7 @@ TEST_F(Gzip, BrokenStreamsFailWithEither) {
   }
 }
 
-TEST_F(Gzip, AFullDiskFailsWithEither) {
+TEST_F(Gzip, FullDiskFailsWithEither) {
   for (const char* writer : kGzips) {
     setenv("KELMOR_GZIP", writer, 1);
     for (const char* what : {"data", "-T /dev/null"}) {
@@ -220,7 +220,7 @@ TEST_F(Gzip, AFullDiskFailsWithEither) {
   }
 }
 
-TEST_F(Gzip, TheOneInTheEnvironmentIsRun) {
+TEST_F(Gzip, OneInTheEnvironmentIsRun) {
   std::ofstream(dir + "/mine") << "#!/bin/sh\ntouch " << dir << "/called\nexec /usr/bin/gzip \"$@\"\n";
   std::filesystem::permissions(dir + "/mine", std::filesystem::perms::owner_all);
   setenv("KELMOR_GZIP", (dir + "/mine").c_str(), 1);
@@ -228,7 +228,7 @@ TEST_F(Gzip, TheOneInTheEnvironmentIsRun) {
   EXPECT_TRUE(std::filesystem::exists(dir + "/called"));
 }
 
-TEST_F(Gzip, AMissingOneFails) {
+TEST_F(Gzip, MissingOneFails) {
   setenv("KELMOR_GZIP", "/missing/gzip", 1);
   EXPECT_NE(my_system("cd %s/in && tar czf ../archive data 2>/dev/null", dir.c_str()), 0);
 }
@@ -242,7 +242,7 @@ TEST_F(Gzip, IgzipIsTheDefault) {
   EXPECT_EQ(output_of(program), "gzip\n");
 }
 
-TEST_F(Gzip, TheRestOfThePathIsThatOfTheHost) {
+TEST_F(Gzip, RestOfThePathIsThatOfTheHost) {
   EXPECT_EQ(output_of("echo ${PATH#*:}"), std::string(std::getenv("PATH")) + "\n");
 }
 

@@ -72,7 +72,7 @@ TEST_F(Guard, WhatIsNotTheStoragesBusinessIsRefused) {
   EXPECT_EQ(query("pragma user_version"), Rows{{"0"}});
 }
 
-TEST_F(Guard, TheSchemaCannotBeWrittenTo) {
+TEST_F(Guard, SchemaCannotBeWrittenTo) {
   EXPECT_NE(code_of("update sqlite_master set sql='x'"), SQLITE_OK);
   EXPECT_NE(code_of("delete from sqlite_master"), SQLITE_OK);
   EXPECT_EQ(query("pragma integrity_check"), Rows{{"ok"}});
@@ -91,7 +91,7 @@ TEST_F(Guard, WhatTheStorageDoesIsAllowed) {
 
 TEST_F(Guard, NothingCanBeAttached) { EXPECT_EQ(sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, -1), 0); }
 
-TEST_F(Guard, TheDatabaseIsDefended) {
+TEST_F(Guard, DatabaseIsDefended) {
   int on = 0;
   EXPECT_EQ(sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, -1, &on), SQLITE_OK);
   EXPECT_EQ(on, 1);
@@ -107,7 +107,7 @@ TEST_F(Guard, TriggersAndLengthsAreLeftAlone) {
   }
 }
 
-TEST_F(Guard, ATriggerOfTheDatabaseDoesWhatItDoes) {
+TEST_F(Guard, TriggerOfTheDatabaseDoesWhatItDoes) {
   rearrange(
       "create table seen (name, count); insert into seen values ('x', 0); create trigger t after insert on "
       "Config begin update seen set count=count+1; update Config set save_time=7 where id=new.id; end");
@@ -125,7 +125,7 @@ TEST_F(Guard, NamesAreComparedWithoutCase) {
   EXPECT_EQ(query("select load_time from Config"), Rows{{"5"}});
 }
 
-TEST_F(Guard, ATriggerMayFeedAVirtualTable) {
+TEST_F(Guard, TriggerMayFeedAVirtualTable) {
   for (const char* module : {"fts4(name)", "fts5(name)", "rtree(name, low, high)"}) {
     rearrange(
         "drop table if exists seen; drop trigger if exists added; drop trigger if exists gone; "
@@ -144,7 +144,7 @@ TEST_F(Guard, ATriggerMayFeedAVirtualTable) {
   storage.reset();
 }
 
-TEST_F(Guard, AVirtualTableMayUpdateItsOwnTables) {
+TEST_F(Guard, VirtualTableMayUpdateItsOwnTables) {
   std::string sql = "create virtual table seen using fts3(name)";
   for (int i = 0; i < 40; ++i) sql += "; insert into seen(name) values('w" + std::to_string(i) + "')";
   rearrange(
@@ -268,7 +268,7 @@ const Scenario kHostile[] = {
     {"create view y as select 1", "", [] { App::del("x'; create view y as select 1; --"); }},
 };
 
-TEST_F(GuardTranscript, AHostileNameIsARefusedStatement) {
+TEST_F(GuardTranscript, HostileNameIsARefusedStatement) {
   const Transcript untouched = play({"", "", [] { const Storage storage; }}, true);
   for (const Scenario& scenario : kHostile) {
     const Transcript guarded = play(scenario, true);

@@ -93,12 +93,12 @@ TEST_F(StorageList, EveryRowIsListedInOrder) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(StorageList, TheCorluConfigurationIsLeftOutOnRequest) {
+TEST_F(StorageList, CorluConfigurationIsLeftOutOnRequest) {
   put_three();
   EXPECT_EQ(list(0, "", true), (Texts{kWeekly, kDaily}));
 }
 
-TEST_F(StorageList, AVersionIsAnUpperBound) {
+TEST_F(StorageList, VersionIsAnUpperBound) {
   put_three();
   EXPECT_EQ(list(5, "", false), (Texts{kCorlu, kDaily}));
   EXPECT_EQ(list(4, "", false), Texts{kDaily});
@@ -106,13 +106,13 @@ TEST_F(StorageList, AVersionIsAnUpperBound) {
   EXPECT_EQ(list(kCurrent - 1, "", true), Texts{kDaily});
 }
 
-TEST_F(StorageList, AnOrderIsFollowed) {
+TEST_F(StorageList, OrderIsFollowed) {
   put_three();
   EXPECT_EQ(list(0, "save_time", false), (Texts{kDaily, kCorlu, kWeekly}));
   EXPECT_EQ(list(0, "name desc", true), (Texts{kWeekly, kDaily}));
 }
 
-TEST_F(StorageList, APragmaFunctionInTheOrderIsReported) {
+TEST_F(StorageList, PragmaFunctionInTheOrderIsReported) {
   put({"weekly"});
   EXPECT_EQ(list(0, "(select name from pragma_table_info('Config'))", false), Texts());
   EXPECT_EQ(records(),
@@ -125,7 +125,7 @@ TEST_F(StorageList, APragmaFunctionInTheOrderIsReported) {
                 {4})}));
 }
 
-TEST_F(StorageList, AnUnknownColumnInTheOrderIsReported) {
+TEST_F(StorageList, UnknownColumnInTheOrderIsReported) {
   put_three();
   EXPECT_EQ(list(0, "nonsense", true), Texts());
   EXPECT_EQ(host.records,
@@ -135,7 +135,7 @@ TEST_F(StorageList, AnUnknownColumnInTheOrderIsReported) {
                                  4)});
 }
 
-TEST_F(StorageList, AnEmptyTableIsLogged) {
+TEST_F(StorageList, EmptyTableIsLogged) {
   EXPECT_EQ(list(0, "", true), Texts());
   EXPECT_EQ(list(kCurrent, "", true), Texts());
   EXPECT_EQ(host.records,
@@ -147,7 +147,7 @@ TEST_F(StorageList, AnEmptyTableIsLogged) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(StorageList, TheStatementIsGoneBeforeItIsToldThatTheListIsEmpty) {
+TEST_F(StorageList, StatementIsGoneBeforeItIsToldThatTheListIsEmpty) {
   const test::StatementRecorder recorder;
   ConfSave::Storage traced;
   sqlite3_stmt* open = nullptr;
@@ -171,12 +171,12 @@ TEST_F(StorageList, NullsReadAsZero) {
   EXPECT_EQ(list(0, "", true), Texts{"x|0|0|0|0"});
 }
 
-TEST_F(StorageList, ARowWithoutANameIsALogicError) {
+TEST_F(StorageList, RowWithoutANameIsALogicError) {
   rearrange(kForeignTable + "; insert into Config (version) values (1)");
   EXPECT_THROW(storage->List(0, "", false), std::logic_error);
 }
 
-TEST_F(StorageList, AnErrorWhileSteppingEndsItSilently) {
+TEST_F(StorageList, ErrorWhileSteppingEndsItSilently) {
   rearrange(
       "drop table Config; create view Config as select 'a' name, 1 version, 1 type, 2 save_time, 3 "
       "load_time "
@@ -185,7 +185,7 @@ TEST_F(StorageList, AnErrorWhileSteppingEndsItSilently) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(StorageList, AnUnopenedStorageListsNothingSilently) {
+TEST_F(StorageList, UnopenedStorageListsNothingSilently) {
   storage->opened = false;
   test::StatementRecorder recorder;
   EXPECT_EQ(list(0, "", true), Texts());
@@ -194,13 +194,13 @@ TEST_F(StorageList, AnUnopenedStorageListsNothingSilently) {
 
 using StorageFindMatching = Listing;
 
-TEST_F(StorageFindMatching, AStarMatchesEveryRow) {
+TEST_F(StorageFindMatching, StarMatchesEveryRow) {
   put_three();
   EXPECT_EQ(find("*", 0, false), (Texts{kWeekly, kCorlu, kDaily}));
   EXPECT_EQ(find("*", 0, true), (Texts{kWeekly, kDaily}));
 }
 
-TEST_F(StorageFindMatching, AVersionIsMatchedExactly) {
+TEST_F(StorageFindMatching, VersionIsMatchedExactly) {
   put_three();
   EXPECT_EQ(find("*", kCurrent, true), Texts{kWeekly});
   EXPECT_EQ(find("*", kCurrent + 1, true), Texts());
@@ -230,7 +230,7 @@ TEST_F(StorageFindMatching, NullsHaveTheirOwnValues) {
   EXPECT_EQ(find("x", 0, true), Texts{"x|-1|-1|0|0"});
 }
 
-TEST_F(StorageFindMatching, ARowWithoutANameStopsTheQuery) {
+TEST_F(StorageFindMatching, RowWithoutANameStopsTheQuery) {
   rearrange(
       "drop table Config; create view Config as select 1 id, 'a' name, 1 type, 1 version, 2 save_time, 3 "
       "load_time union all select 2, null, 1, 1, 2, 3");
@@ -241,14 +241,14 @@ TEST_F(StorageFindMatching, ARowWithoutANameStopsTheQuery) {
                               "(return code: 4)")});
 }
 
-TEST_F(StorageFindMatching, ARowOfTooFewColumnsStopsTheQuery) {
+TEST_F(StorageFindMatching, RowOfTooFewColumnsStopsTheQuery) {
   EXPECT_EQ(find("x'; select '1", 0, false), Texts());
   EXPECT_EQ(host.records, LogRecords{find_says(
                               "SQL error: query aborted. Query: select id, name, type, version, save_time, "
                               "load_time from 'Config' where name glob 'x'; select '1' (return code: 4)")});
 }
 
-TEST_F(StorageFindMatching, AMalformedPatternIsReported) {
+TEST_F(StorageFindMatching, MalformedPatternIsReported) {
   EXPECT_EQ(find("o'hare", 0, true), Texts());
   EXPECT_EQ(
       host.records,

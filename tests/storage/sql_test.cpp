@@ -115,7 +115,7 @@ TEST_F(SqlErrorReport, IsARecordOfLevel2) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(SqlErrorReport, AMissingErrorTextIsLeftOut) {
+TEST_F(SqlErrorReport, MissingErrorTextIsLeftOut) {
   sql::report_error(kFunction, nullptr, "commit", 21);
   EXPECT_EQ(
       host.records,
@@ -123,7 +123,7 @@ TEST_F(SqlErrorReport, AMissingErrorTextIsLeftOut) {
           {2, "void f(int)", "f", "source/storage", "SQL error: . Query: commit (return code: 21)", {4}}}));
 }
 
-TEST_F(SqlErrorReport, AConnectionThatIsNoneIsReported) {
+TEST_F(SqlErrorReport, ConnectionThatIsNoneIsReported) {
   sql::execute(nullptr, "commit", kFunction);
   EXPECT_EQ(
       host.records,

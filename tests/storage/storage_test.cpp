@@ -34,7 +34,7 @@ class StorageOpen : public test::Gateway {
   test::StatementRecorder recorder;
 };
 
-TEST_F(StorageOpen, ANewFileGetsTheTable) {
+TEST_F(StorageOpen, NewFileGetsTheTable) {
   const Storage storage;
   EXPECT_TRUE(storage.opened);
   EXPECT_EQ(recorder.statements(), (Texts{test::kChooseLayout, kCreateTable}));
@@ -44,7 +44,7 @@ TEST_F(StorageOpen, ANewFileGetsTheTable) {
   EXPECT_TRUE(test::lock_is_free(database()));
 }
 
-TEST_F(StorageOpen, TheRecordComesBeforeAnythingThatCanWait) {
+TEST_F(StorageOpen, RecordComesBeforeAnythingThatCanWait) {
   Texts before_first_record = {"not recorded"};
   host.on_recorded = [&] {
     if (host.records.size() == 1) before_first_record = recorder.statements();
@@ -54,18 +54,18 @@ TEST_F(StorageOpen, TheRecordComesBeforeAnythingThatCanWait) {
   EXPECT_EQ(before_first_record, Texts());
 }
 
-TEST_F(StorageOpen, ANewFileHasTheLayoutThatListsFast) {
+TEST_F(StorageOpen, NewFileHasTheLayoutThatListsFast) {
   { const Storage storage; }
   EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "2");
 }
 
-TEST_F(StorageOpen, AnEmptyFileIsANewOne) {
+TEST_F(StorageOpen, EmptyFileIsANewOne) {
   test::write_file(database(), "");
   { const Storage storage; }
   EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "2");
 }
 
-TEST_F(StorageOpen, AFileOfAnotherLayoutKeepsIt) {
+TEST_F(StorageOpen, FileOfAnotherLayoutKeepsIt) {
   test::Database(database()).run(kCreateTable);
   {
     const Storage storage;
@@ -74,7 +74,7 @@ TEST_F(StorageOpen, AFileOfAnotherLayoutKeepsIt) {
   EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "0");
 }
 
-TEST_F(StorageOpen, ASecondOpeningWritesNothing) {
+TEST_F(StorageOpen, SecondOpeningWritesNothing) {
   { const Storage storage; }
   test::insert_row(database(), {"weekly"});
   const std::string before = test::read_file(database());
@@ -88,7 +88,7 @@ TEST_F(StorageOpen, ASecondOpeningWritesNothing) {
   EXPECT_EQ(test::names_in(state_dir()), Texts{"storage.db"});
 }
 
-TEST_F(StorageOpen, AFileThatCannotBeWrittenToIsListed) {
+TEST_F(StorageOpen, FileThatCannotBeWrittenToIsListed) {
   { const Storage storage; }
   test::insert_row(database(), {"weekly"});
   ASSERT_EQ(test::shell("mount --bind " + state_dir() + " " + state_dir() +
@@ -104,7 +104,7 @@ TEST_F(StorageOpen, AFileThatCannotBeWrittenToIsListed) {
   EXPECT_EQ(test::shell("umount " + state_dir()), 0);
 }
 
-TEST_F(StorageOpen, AnExistingTableIsTheNormalCase) {
+TEST_F(StorageOpen, ExistingTableIsTheNormalCase) {
   { const Storage first; }
   host.records.clear();
   const Storage storage;
@@ -112,7 +112,7 @@ TEST_F(StorageOpen, AnExistingTableIsTheNormalCase) {
   EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
 }
 
-TEST_F(StorageOpen, ATableOfAnotherShapeIsTakenForOurs) {
+TEST_F(StorageOpen, TableOfAnotherShapeIsTakenForOurs) {
   test::Database(database()).run("create table Config (a)");
   Storage storage;
   EXPECT_TRUE(storage.opened);
@@ -129,7 +129,7 @@ TEST_F(StorageOpen, ATableOfAnotherShapeIsTakenForOurs) {
                          {4}}}));
 }
 
-TEST_F(StorageOpen, AMissingDirectoryLeavesItClosed) {
+TEST_F(StorageOpen, MissingDirectoryLeavesItClosed) {
   std::filesystem::remove(state_dir());
   const Storage storage;
   EXPECT_FALSE(storage.opened);
@@ -138,7 +138,7 @@ TEST_F(StorageOpen, AMissingDirectoryLeavesItClosed) {
                 1, "Can't open database: unable to open database file (return code: 14)\n", {4})}));
 }
 
-TEST_F(StorageOpen, ADirectoryInPlaceOfTheFileLeavesItClosed) {
+TEST_F(StorageOpen, DirectoryInPlaceOfTheFileLeavesItClosed) {
   std::filesystem::create_directory(database());
   host.log_level = 0;
   EXPECT_FALSE(Storage().opened);
@@ -150,7 +150,7 @@ TEST_F(StorageOpen, ADirectoryInPlaceOfTheFileLeavesItClosed) {
                 1, "Can't open database: unable to open database file (return code: 14)\n", {4})}));
 }
 
-TEST_F(StorageOpen, ALogThatThrowsLeavesNoConnectionBehind) {
+TEST_F(StorageOpen, LogThatThrowsLeavesNoConnectionBehind) {
   std::filesystem::create_directory(database());
   host.entry_points.begin = [](int, const ClUnilogFname&, const char*, int) {
     throw std::runtime_error("log");
@@ -160,7 +160,7 @@ TEST_F(StorageOpen, ALogThatThrowsLeavesNoConnectionBehind) {
   EXPECT_EQ(sqlite3_memory_used(), before);
 }
 
-TEST_F(StorageOpen, AFileThatIsNoDatabaseIsReportedAndOpened) {
+TEST_F(StorageOpen, FileThatIsNoDatabaseIsReportedAndOpened) {
   test::write_file(database(), std::string(2000, 'x'));
   const Storage storage;
   EXPECT_TRUE(storage.opened);
@@ -173,7 +173,7 @@ TEST_F(StorageOpen, AFileThatIsNoDatabaseIsReportedAndOpened) {
           kDone}));
 }
 
-TEST_F(StorageOpen, TheBusyTimeOutIsAsLongAsCanBe) {
+TEST_F(StorageOpen, BusyTimeOutIsAsLongAsCanBe) {
   const Storage storage;
   std::string timeout;
   sqlite3_set_authorizer(recorder.connection(), nullptr, nullptr);  // It refuses the question.
@@ -259,7 +259,7 @@ TEST_F(StorageTransaction, AnotherProcessIsWaitedFor) {
   EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
 }
 
-TEST_F(StorageTransaction, AnUnopenedStorageReportsAndGoesOn) {
+TEST_F(StorageTransaction, UnopenedStorageReportsAndGoesOn) {
   std::filesystem::remove(state_dir());
   Storage storage;
   forget();

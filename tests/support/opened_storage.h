@@ -45,7 +45,21 @@ class OpenedStorage : public Gateway {
     open();
   }
 
+  /// Runs `sql` without the library while the storage stays open and reads the schema again.
+  void change_schema(const std::string& sql) {
+    Database(database()).run(sql);
+    sqlite3_exec(connection, "select * from sqlite_schema", nullptr, nullptr, nullptr);
+    forget();
+  }
+
   Texts statements() const { return without_now(recorder.statements()); }
+
+  /// Checks all that the library ran and logged since the latest forget().
+  void expect_effects(const Texts& run, const Texts& executed, const LogRecords& logged) const {
+    EXPECT_EQ(commands(), run);
+    EXPECT_EQ(statements(), executed);
+    EXPECT_EQ(records(), logged);
+  }
 
   /// Checks that `call` logs `expected` at level 4, and at each lower level those records that belong to
   /// it.
