@@ -9,6 +9,7 @@ a file of the gateway fails once, and each of tar and gzip. A run that hits no f
 """
 
 import collections
+import itertools
 import re
 import subprocess
 
@@ -93,11 +94,13 @@ def sort_of(gateway, line):
 
 
 def tracer(gateway, *words):
-    return ["strace", "-y", "-qq", "-o", str(gateway.root / "trace"), *words]
+    """Appends, for there are two tars to a snapshot."""
+    return ["strace", "-A", "-y", "-qq", "-o", str(gateway.root / "trace"), *words]
 
 
 def calls_on_files(gateway, words, prefix):
     """(sort of file, call, its number among the calls of that name) of an undisturbed operation."""
+    (gateway.root / "trace").unlink(missing_ok=True)
     gateway.do(*words, prefix=prefix("-e", "trace=" + ",".join(CALLS)))
     gateway.restore_state()
     gateway.write_configuration("new")
@@ -126,16 +129,17 @@ def may_hold(gateway, hit):
     read is zeros, or cut."""
     new = gateway.expected_files("new")
     allowed = [gateway.expected_files("old"), new]
-    for name, contents in new.items():
-        if any(name in line for line in hit):
-            allowed.append({other: text for other, text in new.items() if other != name})
-            allowed.append({**new, name: bytes(len(contents))})
+    struck = [name for name in new if any(name in line for line in hit)]
+    for lost in itertools.product(*[(None, bytes(len(new[name]))) for name in struck]):
+        found = {**new, **dict(zip(struck, lost))}
+        allowed.append({name: contents for name, contents in found.items() if contents is not None})
     return allowed
 
 
 def strike(gateway, words, call, number, error, prefix):
     """Lets one call fail. The sorts of files that were hit, and whether a snapshot lacks a file of it."""
     injection = f"inject={call}:error={error}:when={number}"
+    (gateway.root / "trace").unlink()
     gateway.run(*words, prefix=prefix("-e", f"trace={call}", "-e", injection))
     trace = (gateway.root / "trace").read_text("latin-1")
     hit = [line for line in trace.splitlines() if "INJECTED" in line]

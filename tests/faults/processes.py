@@ -237,7 +237,8 @@ def campaign(program, full, source):
         waiting(gateway, locker, 3 if full else 1)
         gateway.require_integrity()
     return ("%d creators of a file, %d saves by eight, %d without a lock, %d of one name, "
-            "%d archives packed under the lock, %d autosaves, a writer at %d questions, a lock waited for" % figures)
+            "%d archives packed under the lock, %d autosaves, a writer at %d questions, "
+            "a lock waited for" % figures)
 
 
 main(campaign)
