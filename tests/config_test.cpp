@@ -45,7 +45,7 @@ Config weekly() {
   return config;
 }
 
-TEST(Constants, AreWhatTheyAre) {
+TEST(Constants, HaveTheirValues) {
   EXPECT_EQ(CURRENT_VERSION, 17264017408);
   EXPECT_EQ(VALID_NAME_CHARS, "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-_");
   EXPECT_EQ(YES_NO_SUFFIX, " [Yes/No] ");
@@ -56,7 +56,7 @@ TEST(Constants, AreWhatTheyAre) {
   EXPECT_EQ(static_cast<int>(conf_corlu), 3);
 }
 
-TEST(ConfigRecord, ANewOneIsSavedNowAndNeverLoaded) {
+TEST(ConfigRecord, NewOneIsSavedNowAndNeverLoaded) {
   const std::time_t before = std::time(nullptr);
   const Config config(-7);
   EXPECT_EQ(config.name, "");
@@ -67,7 +67,7 @@ TEST(ConfigRecord, ANewOneIsSavedNowAndNeverLoaded) {
   EXPECT_EQ(config.load_time, 0);
 }
 
-TEST(ConfigRecord, EachTimeIsUpdatedByItself) {
+TEST(ConfigRecord, EachTimeIsUpdatedSeparately) {
   Config config(0);
   config.save_time = 1;
   const std::time_t before = std::time(nullptr);
@@ -85,7 +85,7 @@ TEST(VersionText, ZeroIsEmpty) {
   EXPECT_EQ(Config(0).version(), "");
 }
 
-TEST(VersionText, TheComponentsAreDecimal) {
+TEST(VersionText, ComponentsAreDecimal) {
   EXPECT_EQ(Config::version(4294967296), "1.0.0");
   EXPECT_EQ(Config::version(17179869184), "4.0.0");
   EXPECT_EQ(Config::version(17230331904), "4.3.2");
@@ -95,13 +95,13 @@ TEST(VersionText, TheComponentsAreDecimal) {
   EXPECT_EQ(Config(17264017408).version(), "4.5.4");
 }
 
-TEST(VersionText, TheLow16BitsDoNotShow) {
+TEST(VersionText, Low16BitsAreNotPrinted) {
   EXPECT_EQ(Config::version(17230397439), "4.3.2");
   EXPECT_EQ(Config::version(1), "0.0.0");
   EXPECT_EQ(Config::version(0xffff), "0.0.0");
 }
 
-TEST(VersionText, ANegativeNumberHasANegativeMajor) {
+TEST(VersionText, NegativeNumberHasANegativeMajor) {
   EXPECT_EQ(Config::version(-1), "-1.255.255");
   EXPECT_EQ(Config::version(INT64_MIN), "-2147483648.0.0");
   EXPECT_EQ(Config::version(INT64_MAX), "2147483647.255.255");
@@ -112,7 +112,7 @@ struct ThreeDigits : std::numpunct<char> {
   char do_thousands_sep() const override { return '.'; }
 };
 
-TEST(VersionText, DigitGroupsOfTheLocaleStayOut) {
+TEST(VersionText, HasNoDigitGroups) {
   const std::locale before = std::locale::global(std::locale(std::locale::classic(), new ThreeDigits));
   EXPECT_EQ(Config::version(int64{123456} << 32), "123456.0.0");
   std::locale::global(before);
@@ -139,14 +139,14 @@ TEST(TimeText, IsLocalTime) {
   EXPECT_EQ(time_format(0), "01.01.1970 at 03:00");
 }
 
-TEST(TimeText, AFarAwayTimeIsEmpty) {
+TEST(TimeText, TimeWithoutACalendarDateIsEmpty) {
   EXPECT_EQ(time_format(INT64_MAX), "");
   EXPECT_EQ(time_format(INT64_MIN), "");
   const Zone utc("UTC");
   EXPECT_EQ(time_format(253402300800), "01.01.10000 at 00:00");
 }
 
-TEST(TypeText, EachKindHasItsWord) {
+TEST(TypeText, EachTypeHasItsWord) {
   EXPECT_EQ(shown(conf_none), "");
   EXPECT_EQ(shown(conf_full), "full");
   EXPECT_EQ(shown(conf_part), "part");
@@ -155,13 +155,13 @@ TEST(TypeText, EachKindHasItsWord) {
   EXPECT_EQ(shown(static_cast<conftype>(-1)), "");
 }
 
-TEST(RecordText, ARecordIsOneLineWithoutAnEnd) {
+TEST(RecordText, IsOneLineWithoutALineFeed) {
   const Zone utc("UTC");
   EXPECT_EQ(shown(weekly()),
             "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, never loaded");
 }
 
-TEST(RecordText, ALoadedRecordTellsWhen) {
+TEST(RecordText, LoadTimeIsPrinted) {
   const Zone utc("UTC");
   Config config = weekly();
   config.load_time = 1488447000;
@@ -174,14 +174,14 @@ TEST(RecordText, ALoadedRecordTellsWhen) {
       "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, loaded at 31.12.1969 at 23:59");
 }
 
-TEST(RecordText, NoVersionHasNoClause) {
+TEST(RecordText, VersionZeroIsNotPrinted) {
   const Zone utc("UTC");
   Config config = weekly();
   config.vers = 0;
   EXPECT_EQ(shown(config), "\"weekly\",\tfull, saved on 01.03.2017 at 14:05, never loaded");
 }
 
-TEST(RecordText, AnUnknownTypeIsNothing) {
+TEST(RecordText, UnknownTypeIsNotPrinted) {
   const Zone utc("UTC");
   for (const int type : {0, 7}) {
     Config config = weekly();
@@ -192,7 +192,7 @@ TEST(RecordText, AnUnknownTypeIsNothing) {
   }
 }
 
-TEST(FailedStream, IsLeftUntouched) {
+TEST(FailedStream, StaysUnchanged) {
   for (const auto state : {std::ios::eofbit, std::ios::failbit, std::ios::badbit}) {
     std::ostringstream out;
     out.setstate(state);
@@ -215,7 +215,7 @@ void expect_status_class() {
   EXPECT_STREQ(told.ErrorMessage(), "text");
 }
 
-TEST(Exceptions, AreStatusesOfTheirOwn) {
+TEST(Exceptions, HaveStatusAndText) {
   expect_status_class<XExternalFailure>();
   expect_status_class<XCancel>();
   expect_status_class<XNotFound>();

@@ -53,7 +53,7 @@ class LogRecordBuilder : public test::Gateway {
                   "end"};
 };
 
-TEST_F(LogRecordBuilder, TheOpeningIsTextAndTheRestIsTheBuilders) {
+TEST_F(LogRecordBuilder, OpeningGoesToTextAndTheRestToBuilderText) {
   write();
   EXPECT_EQ(calls, all);
 }
@@ -81,14 +81,14 @@ TEST_F(LogRecordBuilder, EachMissingEntryPointIsSkipped) {
   without({6});
 }
 
-TEST_F(LogRecordBuilder, WithoutPropertiesNothingIsWritten) {
+TEST_F(LogRecordBuilder, NothingIsWrittenWithoutProperties) {
   host.no_log = true;
   write();
   log_text(1, kFunction, "source/x", "text");
   EXPECT_EQ(calls, Texts());
 }
 
-TEST_F(LogRecordBuilder, BelowItsLevelNothingIsComputed) {
+TEST_F(LogRecordBuilder, NothingIsComputedBelowTheLevel) {
   bool computed = false;
   const auto piece = [&computed] {
     computed = true;
@@ -103,13 +103,13 @@ TEST_F(LogRecordBuilder, BelowItsLevelNothingIsComputed) {
   EXPECT_TRUE(computed);
 }
 
-TEST_F(LogRecordBuilder, ANullTextIsNothing) {
+TEST_F(LogRecordBuilder, NullTextIsSkipped) {
   if (KovrLogHelper record{1, kFunction, "source/x", "opening"})
     record << static_cast<const char*>(nullptr);
   EXPECT_EQ(calls, (Texts{"begin 1 void f(int) f source/x", "text opening", "end"}));
 }
 
-TEST_F(LogRecordBuilder, IntegersHaveTheirValueAndWidth) {
+TEST_F(LogRecordBuilder, IntegersHaveValueAndWidth) {
   host.reset();
   if (KovrLogHelper record{1, kFunction, "source/x", "<"}) {
     record << -1 << " " << std::uint32_t{7} << " " << std::int64_t{-17264017408} << ">";
@@ -118,7 +118,7 @@ TEST_F(LogRecordBuilder, IntegersHaveTheirValueAndWidth) {
             (LogRecords{{1, "void f(int)", "f", "source/x", "<-1 7 -17264017408>", {4, 4, 8}}}));
 }
 
-TEST_F(LogRecordBuilder, TheLineIsThatOfTheRecord) {
+TEST_F(LogRecordBuilder, LineIsThatOfTheRecord) {
   host.reset();
   log_text(1, kFunction, "source/x", "text");
   const int line = __LINE__ - 1;

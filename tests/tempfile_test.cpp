@@ -32,7 +32,7 @@ class TempFileTest : public test::Gateway {
   }
 };
 
-TEST_F(TempFileTest, ANewObjectHasNoFile) {
+TEST_F(TempFileTest, NewObjectHasNoFile) {
   const TempFile file;
   EXPECT_EQ(file.name(), "");
   EXPECT_FALSE(file.is_open());
@@ -42,7 +42,7 @@ TEST_F(TempFileTest, ANewObjectHasNoFile) {
   EXPECT_EQ(temp_files(), test::Texts());
 }
 
-TEST_F(TempFileTest, AskingForTheFileAsksForItsDirectory) {
+TEST_F(TempFileTest, IsOpenReadsTheDirectory) {
   TempFile file;
   file.create();
   host.paths.clear();
@@ -50,7 +50,7 @@ TEST_F(TempFileTest, AskingForTheFileAsksForItsDirectory) {
   EXPECT_EQ(host.paths, test::Texts{"KELMOR_TEMP_DIR"});
 }
 
-TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheDirectoryForTemporaryFiles) {
+TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheTemporaryDirectory) {
   TempFile file;
   file.create();
   EXPECT_TRUE(file.is_open());
@@ -61,7 +61,7 @@ TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheDirectoryForTemporaryFiles) {
   EXPECT_TRUE(test::exists(file.name()));
 }
 
-TEST_F(TempFileTest, CreatingTwiceMakesOneFile) {
+TEST_F(TempFileTest, SecondCreateDoesNothing) {
   TempFile file;
   file.create();
   const std::string name = file.name();
@@ -72,7 +72,7 @@ TEST_F(TempFileTest, CreatingTwiceMakesOneFile) {
   EXPECT_EQ(temp_files().size(), 1U);
 }
 
-TEST_F(TempFileTest, TheModeIs0600UnderAnyUmask) {
+TEST_F(TempFileTest, ModeIs0600UnderAnyUmask) {
   for (const mode_t mask : {0777U, 0U, 0277U}) {
     const mode_t before = umask(mask);
     TempFile file;
@@ -82,7 +82,7 @@ TEST_F(TempFileTest, TheModeIs0600UnderAnyUmask) {
   }
 }
 
-TEST_F(TempFileTest, WhatIsWrittenIsReadBackAfterRewind) {
+TEST_F(TempFileTest, RewindReturnsToTheFirstByte) {
   TempFile file;
   file.create();
   EXPECT_EQ(write(file.fd(), "abc", 3), 3);
@@ -93,7 +93,7 @@ TEST_F(TempFileTest, WhatIsWrittenIsReadBackAfterRewind) {
   EXPECT_STREQ(text, "abc");
 }
 
-TEST_F(TempFileTest, RemoveDeletesTheFileAndMayBeRepeated) {
+TEST_F(TempFileTest, RemoveDeletesTheFileAndCanBeRepeated) {
   TempFile file;
   file.create();
   const int fd = file.fd();
@@ -106,7 +106,7 @@ TEST_F(TempFileTest, RemoveDeletesTheFileAndMayBeRepeated) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(TempFileTest, TheDestructorDeletesTheFile) {
+TEST_F(TempFileTest, DestructorDeletesTheFile) {
   {
     TempFile file;
     file.create();
@@ -114,7 +114,7 @@ TEST_F(TempFileTest, TheDestructorDeletesTheFile) {
   EXPECT_EQ(temp_files(), test::Texts());
 }
 
-TEST_F(TempFileTest, AfterRemoveAnotherFileCanBeMade) {
+TEST_F(TempFileTest, CreateMakesAnotherFileAfterRemove) {
   TempFile file;
   file.create();
   const std::string name = file.name();
@@ -124,7 +124,7 @@ TEST_F(TempFileTest, AfterRemoveAnotherFileCanBeMade) {
   EXPECT_NE(file.name(), name);
 }
 
-TEST_F(TempFileTest, AMissingDirectoryIsStatus17) {
+TEST_F(TempFileTest, MissingDirectoryIsStatus17) {
   std::filesystem::remove(temp_dir());
   TempFile file;
   expect_status(17, "No such file or directory", [&] { file.create(); });
@@ -133,7 +133,7 @@ TEST_F(TempFileTest, AMissingDirectoryIsStatus17) {
   std::filesystem::create_directory(temp_dir());
 }
 
-TEST_F(TempFileTest, AClosedDescriptorIsStatus45And54) {
+TEST_F(TempFileTest, ClosedDescriptorIsStatus45And54) {
   TempFile file;
   file.create();
   close(file.fd());
@@ -141,7 +141,7 @@ TEST_F(TempFileTest, AClosedDescriptorIsStatus45And54) {
   expect_status(54, "Bad file descriptor", [&] { file.rewind(); });
 }
 
-TEST_F(TempFileTest, ItIsClosedBeforeItIsDeleted) {
+TEST_F(TempFileTest, FileIsClosedBeforeItIsDeleted) {
   TempFile file;
   file.create();
   std::filesystem::remove(file.name());
@@ -151,7 +151,7 @@ TEST_F(TempFileTest, ItIsClosedBeforeItIsDeleted) {
   EXPECT_TRUE(closed);
 }
 
-TEST_F(TempFileTest, ALogThatThrowsDoesNotKeepItFromForgetting) {
+TEST_F(TempFileTest, FileIsForgottenWhenTheLogThrows) {
   {
     TempFile file;
     file.create();
@@ -166,7 +166,7 @@ TEST_F(TempFileTest, ALogThatThrowsDoesNotKeepItFromForgetting) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(TempFileTest, AFileThatIsGoneIsLoggedAndForgotten) {
+TEST_F(TempFileTest, MissingFileIsLoggedAndForgotten) {
   TempFile file;
   file.create();
   const std::string name = file.name();
@@ -183,7 +183,7 @@ TEST_F(TempFileTest, AFileThatIsGoneIsLoggedAndForgotten) {
   EXPECT_FALSE(file.is_open());
 }
 
-TEST_F(TempFileTest, BelowLevel1NothingIsLogged) {
+TEST_F(TempFileTest, NothingIsLoggedBelowLevel1) {
   host.log_level = 0;
   TempFile file;
   file.create();

@@ -43,7 +43,7 @@ void expect_refused(const std::vector<std::string>& texts) {
   for (const std::string& text : texts) EXPECT_EQ(convert(text), std::nullopt) << text;
 }
 
-TEST(VersionConversion, ThreeNumbersArePacked) {
+TEST(VersionConversion, PacksThreeNumbers) {
   expect_conversions({{"4.5.4", 17264017408, "4.5.4"},
                       {"1.0.0", 4294967296, "1.0.0"},
                       {"0.0.1", 65536, "0.0.1"},
@@ -59,42 +59,42 @@ TEST(VersionConversion, SeparatorsMayBeMixedAndRepeated) {
                       {"\t4\n5\v4\f\r", 17264017408, "4.5.4"}});
 }
 
-TEST(VersionConversion, ATrailingSeparatorIsIgnored) {
+TEST(VersionConversion, IgnoresATrailingSeparator) {
   expect_conversions({{"4.5.4.", 17264017408, "4.5.4"}});
 }
 
-TEST(VersionConversion, LeadingZerosAreAllowed) {
+TEST(VersionConversion, AllowsLeadingZeros) {
   expect_conversions(
       {{"04.005.4", 17264017408, "4.5.4"}, {"4.5.00000000000000000004", 17264017408, "4.5.4"}});
 }
 
-TEST(VersionConversion, ASignIsASeparator) {
+TEST(VersionConversion, SignIsASeparator) {
   expect_conversions({{"-4.5.4", 17264017408, "4.5.4"}, {"+4.-5.+4", 17264017408, "4.5.4"}});
 }
 
-TEST(VersionConversion, AMinorAbove255CarriesIntoTheMajor) {
+TEST(VersionConversion, MinorAbove255CarriesIntoTheMajor) {
   expect_conversions({{"4.256.0", 21474836480, "5.0.0"}});
   EXPECT_EQ(convert("4.256.0"), convert("5.0.0"));
 }
 
-TEST(VersionConversion, ABuildAbove255CarriesIntoTheMinor) {
+TEST(VersionConversion, BuildAbove255CarriesIntoTheMinor) {
   expect_conversions({{"4.5.300", 17283416064, "4.6.44"}});
 }
 
-TEST(VersionConversion, AMajorOf2To31AndMoreIsNegative) {
+TEST(VersionConversion, MajorFrom2To31IsNegative) {
   expect_conversions({{"2147483648.0.0", INT64_MIN, "-2147483648.0.0"},
                       {"4294967295.0.0", -4294967296, "-1.0.0"},
                       {"2147483647.255.255", 9223372036854710272, "2147483647.255.255"}});
 }
 
-TEST(VersionConversion, AMinorOrBuildOf2To31AndMoreCountsAsNegative) {
+TEST(VersionConversion, MinorAndBuildFrom2To31AreNegative) {
   expect_conversions({{"0.4294967295.0", -16777216, "-1.255.0"},
                       {"0.0.4294967295", -65536, "-1.255.255"},
                       {"1.0.4294967295", 4294901760, "0.255.255"},
                       {"0.2147483648.0", -36028797018963968, "-8388608.0.0"}});
 }
 
-TEST(VersionConversion, ASumBeyondTheRangeWrapsAround) {
+TEST(VersionConversion, SumBeyondTheRangeWrapsAround) {
   // 2^31 - 1 majors and a carry out of the minor.
   expect_conversions({{"2147483647.256.0", INT64_MIN, "-2147483648.0.0"},
                       {"2147483648.4294967295.0", 9223372036837998592, "2147483647.255.0"}});
@@ -102,20 +102,20 @@ TEST(VersionConversion, ASumBeyondTheRangeWrapsAround) {
 
 TEST(VersionConversion, ThreeZerosAreNoVersion) { expect_conversions({{"0.0.0", 0, ""}}); }
 
-TEST(VersionConversion, AnotherCountOfTokensIsRefused) {
+TEST(VersionConversion, RefusesAnotherNumberOfTokens) {
   expect_refused({"", " ", "...", "4", "4.5", "4.5.4.1", "4.5.4-rc1", "1.2.3.4.5"});
 }
 
-TEST(VersionConversion, ATokenThatIsNoNumberIsRefused) {
+TEST(VersionConversion, RefusesATokenThatIsNoNumber) {
   expect_refused({"4.5.4b", "v4.5.4", "4.x.4", "0x4.5.4", "4.5.1e3"});
 }
 
-TEST(VersionConversion, AComponentAbove32BitsIsRefused) {
+TEST(VersionConversion, RefusesAComponentAbove32Bits) {
   expect_conversions({{"4.5.4294967295", 17263689728, "4.4.255"}});
   expect_refused({"4.5.4294967296", "4294967296.5.4", "4.4294967296.4", "4.5.99999999999999999999999"});
 }
 
-TEST(VersionConversion, AFailureLeavesNoVersionAndNothingElseChanged) {
+TEST(VersionConversion, FailureSetsOnlyTheVersionToZero) {
   Config config(17264017408);
   config.name = "weekly";
   config.type = ConfSave::conf_part;
@@ -129,7 +129,7 @@ TEST(VersionConversion, AFailureLeavesNoVersionAndNothingElseChanged) {
   EXPECT_EQ(config.load_time, 12);
 }
 
-TEST(VersionConversion, BytesThatAreNoCharactersBelongToTokens) {
+TEST(VersionConversion, BytesOutsideAsciiBelongToTokens) {
   expect_refused({std::string("4\0.5.4", 6), std::string("4.5.4\0", 6), "4.5.4\xff", "4\x80.5.4",
                   "\xa0.5.4", "4.\xe2\x80\xa2.4"});
   EXPECT_EQ(convert(std::string("4.5.4.\0", 7)), std::nullopt);
@@ -141,14 +141,14 @@ struct LetterGrouping : std::numpunct<char> {
   char do_thousands_sep() const override { return 'x'; }
 };
 
-TEST(VersionConversion, AGroupingLocaleOfTheHostMakesNoDifference) {
+TEST(VersionConversion, GroupingLocaleHasNoEffect) {
   const std::locale before = std::locale::global(std::locale(std::locale::classic(), new LetterGrouping));
   EXPECT_EQ(convert("1000.5.4"), std::optional<int64>(4295051444224));
   EXPECT_EQ(convert("1x000.5.4"), std::nullopt);
   std::locale::global(before);
 }
 
-TEST(VersionConversion, EveryVersionInRangeComesBack) {
+TEST(VersionConversion, EveryVersionInRangeIsPrintedAsItWasRead) {
   std::mt19937_64 random(20170301);
   for (int i = 0; i < 100000; ++i) {
     const std::uint64_t bits = random();
@@ -280,7 +280,7 @@ class TextGenerator {
   const std::string separators_ = all_separators();
 };
 
-TEST(VersionConversion, AMillionTextsConvertAsAnOracleSays) {
+TEST(VersionConversion, AMillionTextsAgreeWithAnOracle) {
   constexpr std::uint64_t kSeed = 4541;
   TextGenerator generator(kSeed);
   int accepted = 0;
