@@ -2,13 +2,14 @@
 # docs/formats.md is true: its commands, run as they stand on the page, list, check, copy, unpack and
 # restore what the program stores, and print what the page shows. storage.db(5) has the same columns.
 #
-#   tests/formats_test.sh PROGRAM
+#   tests/formats_test.sh PROGRAM PRINT_CONTENTS
 set -u
 
 # shellcheck source=tests/support/check.sh
 . "$(dirname "$0")/support/check.sh"
 in_sandbox
 make_gateway "$1"
+contents=$("$2")
 cd "$scratch" || exit 1
 mkdir expected
 export TZ=CET-1
@@ -154,6 +155,11 @@ test_table() {
     table Column | cut -d'|' -f1,2 | same 'columns on the page' "$columns"
     manual_part 'The table' 's/^\.It Va \([a-z_]*\) Pq \([a-z0-9()]*\).*/\1|\2/p' |
         same 'columns on the manual page' "$columns"
+}
+
+test_contents() {
+    echo "$contents" | awk -F'\t' '$3 != "-" { gsub(",", " ", $3); print $1 "|" $3 }' |
+        same 'the table of the sources' "$(table Member | awk -F'|' '{ print $1 "|" $(NF - 1) }')"
 }
 
 # What tar finds when it is asked for the members that the page names is what the program packed.
@@ -370,7 +376,7 @@ manifest config >expected/config
 manifest "$etc" >expected/etc
 add_strangers
 make_storage
-for name in table members versions row snapshot nothing_to_unpack apostrophe corlu no_failover no_database \
+for name in table contents members versions row snapshot nothing_to_unpack apostrophe corlu no_failover no_database \
     onto_gateway back broken_archives check copy lock; do
     "test_$name"
 done
