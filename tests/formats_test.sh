@@ -376,7 +376,7 @@ manifest config >expected/config
 manifest "$etc" >expected/etc
 add_strangers
 make_storage
-for name in table contents members versions row snapshot nothing_to_unpack apostrophe corlu no_failover no_database \
-    onto_gateway back broken_archives check copy lock; do
+for name in table contents members versions row snapshot nothing_to_unpack apostrophe corlu no_failover \
+    no_database onto_gateway back broken_archives check copy lock; do
     "test_$name"
 done
