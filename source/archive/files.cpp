@@ -50,6 +50,7 @@ bool IsConfigDbExist(const char* dir) {
                      [](const std::string& file) { return IsFileExist(file.c_str()); });
 }
 
+// Follows a link in the place of "user/". // Quirk Q66
 void RemoveConfigDb(const char* dir) {
   for (const std::string& file : database_files(dir)) RemoveFileIfExists(file.c_str());
 }

@@ -52,7 +52,8 @@ std::string unpack_command(const std::string& archive, const std::string& scratc
 }
 
 // The shell's "*" skips names with a dot in front; when it matches nothing, cp fails. cp gives existing
-// directories the mode and owner of those in the scratch directory. // Quirk Q29, Q30, Q61
+// directories the mode and owner of those in the scratch directory. Nothing is synced.
+// Quirk Q29, Q30, Q61, Q65
 std::string move_command(const std::string& scratch, const std::string& dir) {
   return "cp -alf " + scratch + "/* " + dir + "/. 2>/dev/null";
 }

@@ -106,6 +106,15 @@ TEST_F(ConfigDb, AllThreeFilesAreRemovedAndNoOther) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
+TEST_F(ConfigDb, IsRemovedBehindALinkInThePlaceOfUser) {
+  const std::string elsewhere = root() + "/elsewhere/";
+  fs::rename(user(""), elsewhere);
+  fs::create_directory_symlink(elsewhere, config_dir() + "user");
+  write_file(elsewhere + "config.db", "");
+  RemoveConfigDb(config_dir().c_str());
+  EXPECT_EQ(names_in(elsewhere), Texts());
+}
+
 TEST_F(ConfigDb, FirstFailureStopsTheRemoval) {
   touch({"config.db-journal", "config.idx"});
   fs::create_directory(user("config.db"));
