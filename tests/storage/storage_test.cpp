@@ -11,37 +11,24 @@
 
 namespace {
 
-using ConfSave::Storage;
-using test::LogRecord;
-using test::LogRecords;
-using Texts = std::vector<std::string>;
+using namespace ConfSave;
+using namespace test;
 
-const std::string kCreateTable =
-    "create table 'Config' (id integer primary key autoincrement, name varchar(80) not null, version "
-    "integer "
-    "not null, keybase blob, etc blob, type integer, save_time timestamp, load_time timestamp, unique "
-    "(name, "
-    "version) )";
+const LogRecords kOpened{kTryTables, kTablesMade};
 
-LogRecord storage_says(int level, const std::string& text, const std::vector<unsigned>& widths = {}) {
-  return {level, "ConfSave::Storage::Storage()", "Storage", "source/storage", text, widths};
-}
-const LogRecord kTry = storage_says(4, "Try create storage tables");
-const LogRecord kDone = storage_says(4, "storage tables successfully created");
-
-class StorageOpen : public test::Gateway {
+class StorageOpen : public Gateway {
  protected:
-  test::StatementRecorder recorder;
+  StatementRecorder recorder;
 };
 
 TEST_F(StorageOpen, NewFileGetsTheTable) {
   const Storage storage;
   EXPECT_TRUE(storage.opened);
-  EXPECT_EQ(recorder.statements(), (Texts{test::kChooseLayout, kCreateTable}));
-  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
-  EXPECT_EQ(test::Database(database()).value("select sql from sqlite_schema where name='Config'"),
+  EXPECT_EQ(recorder.statements(), (Texts{kChooseLayout, kCreateTable}));
+  EXPECT_EQ(host.records, kOpened);
+  EXPECT_EQ(Database(database()).value("select sql from sqlite_schema where name='Config'"),
             "CREATE TABLE 'Config' " + kCreateTable.substr(22));
-  EXPECT_TRUE(test::lock_is_free(database()));
+  EXPECT_TRUE(lock_is_free(database()));
 }
 
 TEST_F(StorageOpen, RecordComesBeforeAnythingThatCanWait) {
@@ -50,49 +37,48 @@ TEST_F(StorageOpen, RecordComesBeforeAnythingThatCanWait) {
     if (host.records.size() == 1) before_first_record = recorder.statements();
   };
   const Storage storage;
-  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
+  EXPECT_EQ(host.records, kOpened);
   EXPECT_EQ(before_first_record, Texts());
 }
 
-TEST_F(StorageOpen, NewFileHasTheLayoutThatListsFast) {
+TEST_F(StorageOpen, NewOrEmptyFileGetsTheLayoutThatListsFast) {
   { const Storage storage; }
-  EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "2");
-}
-
-TEST_F(StorageOpen, EmptyFileIsANewOne) {
-  test::write_file(database(), "");
+  EXPECT_EQ(Database(database()).value("pragma auto_vacuum"), "2");
+  write_file(database(), "");
   { const Storage storage; }
-  EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "2");
+  EXPECT_EQ(Database(database()).value("pragma auto_vacuum"), "2");
 }
 
 TEST_F(StorageOpen, FileOfAnotherLayoutKeepsIt) {
-  test::Database(database()).run(kCreateTable);
+  Database(database()).run(kCreateTable);
   {
     const Storage storage;
     EXPECT_EQ(recorder.statements(), Texts());
   }
-  EXPECT_EQ(test::Database(database()).value("pragma auto_vacuum"), "0");
+  EXPECT_EQ(Database(database()).value("pragma auto_vacuum"), "0");
 }
 
-TEST_F(StorageOpen, SecondOpeningWritesNothing) {
+TEST_F(StorageOpen, ExistingTableIsTheNormalCaseAndNothingIsWritten) {
   { const Storage storage; }
-  test::insert_row(database(), {"weekly"});
-  const std::string before = test::read_file(database());
+  insert_row(database(), {"weekly"});
+  const std::string before = read_file(database());
   const auto time = std::filesystem::last_write_time(database());
   recorder.clear();
+  host.records.clear();
   const Storage storage;
   EXPECT_TRUE(storage.opened);
   EXPECT_EQ(recorder.statements(), Texts());
-  EXPECT_EQ(test::read_file(database()), before);
+  EXPECT_EQ(host.records, kOpened);
+  EXPECT_EQ(read_file(database()), before);
   EXPECT_EQ(std::filesystem::last_write_time(database()), time);
-  EXPECT_EQ(test::names_in(state_dir()), Texts{"storage.db"});
+  EXPECT_EQ(names_in(state_dir()), Texts{"storage.db"});
 }
 
-TEST_F(StorageOpen, FileThatCannotBeWrittenToIsListed) {
+TEST_F(StorageOpen, ReadOnlyFileCanBeListed) {
   { const Storage storage; }
-  test::insert_row(database(), {"weekly"});
-  ASSERT_EQ(test::shell("mount --bind " + state_dir() + " " + state_dir() +
-                        " && mount -o remount,ro,bind " + state_dir()),
+  insert_row(database(), {"weekly"});
+  ASSERT_EQ(shell("mount --bind " + state_dir() + " " + state_dir() + " && mount -o remount,ro,bind " +
+                  state_dir()),
             0);
   host.records.clear();
   {
@@ -100,42 +86,26 @@ TEST_F(StorageOpen, FileThatCannotBeWrittenToIsListed) {
     EXPECT_TRUE(storage.opened);
     EXPECT_EQ(storage.List(0, "", true).size(), 1U);
   }
-  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
-  EXPECT_EQ(test::shell("umount " + state_dir()), 0);
+  EXPECT_EQ(host.records, kOpened);
+  EXPECT_EQ(shell("umount " + state_dir()), 0);
 }
 
-TEST_F(StorageOpen, ExistingTableIsTheNormalCase) {
-  { const Storage first; }
-  host.records.clear();
-  const Storage storage;
-  EXPECT_TRUE(storage.opened);
-  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
-}
-
-TEST_F(StorageOpen, TableOfAnotherShapeIsTakenForOurs) {
-  test::Database(database()).run("create table Config (a)");
+TEST_F(StorageOpen, TableOfAnotherShapeIsAccepted) {
+  Database(database()).run("create table Config (a)");
   Storage storage;
   EXPECT_TRUE(storage.opened);
-  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
+  EXPECT_EQ(host.records, kOpened);
   host.records.clear();
   storage.Delete("x", 1);
   EXPECT_EQ(host.records_up_to(2),
-            (LogRecords{{2,
-                         "void ConfSave::Storage::Delete(const string&, int64)",
-                         "Delete",
-                         "source/storage",
-                         "SQL error: no such column: name. Query: delete from 'Config' where name='x' and "
-                         "version=1 (return code: 1)",
-                         {4}}}));
+            (LogRecords{says(kDelete, 2, refusal("no such column: name", delete_of("x", "1"), 1), {4})}));
 }
 
 TEST_F(StorageOpen, MissingDirectoryLeavesItClosed) {
   std::filesystem::remove(state_dir());
   const Storage storage;
   EXPECT_FALSE(storage.opened);
-  EXPECT_EQ(host.records,
-            (LogRecords{storage_says(
-                1, "Can't open database: unable to open database file (return code: 14)\n", {4})}));
+  EXPECT_EQ(host.records, LogRecords{kCannotOpen});
 }
 
 TEST_F(StorageOpen, DirectoryInPlaceOfTheFileLeavesItClosed) {
@@ -145,12 +115,10 @@ TEST_F(StorageOpen, DirectoryInPlaceOfTheFileLeavesItClosed) {
   EXPECT_EQ(host.records, LogRecords());
   host.log_level = 1;
   EXPECT_FALSE(Storage().opened);
-  EXPECT_EQ(host.records,
-            (LogRecords{storage_says(
-                1, "Can't open database: unable to open database file (return code: 14)\n", {4})}));
+  EXPECT_EQ(host.records, LogRecords{kCannotOpen});
 }
 
-TEST_F(StorageOpen, LogThatThrowsLeavesNoConnectionBehind) {
+TEST_F(StorageOpen, ExceptionOfTheLogClosesTheConnection) {
   std::filesystem::create_directory(database());
   host.entry_points.begin = [](int, const ClUnilogFname&, const char*, int) {
     throw std::runtime_error("log");
@@ -160,32 +128,30 @@ TEST_F(StorageOpen, LogThatThrowsLeavesNoConnectionBehind) {
   EXPECT_EQ(sqlite3_memory_used(), before);
 }
 
-TEST_F(StorageOpen, FileThatIsNoDatabaseIsReportedAndOpened) {
-  test::write_file(database(), std::string(2000, 'x'));
+TEST_F(StorageOpen, FileThatIsNotADatabaseIsReportedAndOpened) {
+  write_file(database(), std::string(2000, 'x'));
   const Storage storage;
   EXPECT_TRUE(storage.opened);
   EXPECT_EQ(
       host.records,
-      (LogRecords{
-          kTry,
-          storage_says(
-              2, "SQL error: file is not a database. Query: " + kCreateTable + " (return code: 26)", {4}),
-          kDone}));
+      (LogRecords{kTryTables, says(kStorage, 2, refusal("file is not a database", kCreateTable, 26), {4}),
+                  kTablesMade}));
 }
 
-TEST_F(StorageOpen, BusyTimeOutIsAsLongAsCanBe) {
+TEST_F(StorageOpen, BusyTimeoutIsTheLongestPossible) {
   const Storage storage;
+  sqlite3_set_authorizer(recorder.connection(), nullptr, nullptr);  // It refuses the pragma.
   std::string timeout;
-  sqlite3_set_authorizer(recorder.connection(), nullptr, nullptr);  // It refuses the question.
-  sqlite3_exec(
-      recorder.connection(), "pragma busy_timeout",
-      [](void* context, int, char** values, char**) {
-        *static_cast<std::string*>(context) = values[0];
-        return 0;
-      },
-      &timeout, nullptr);
+  const auto take = [](void* context, int, char** values, char**) {
+    *static_cast<std::string*>(context) = values[0];
+    return 0;
+  };
+  sqlite3_exec(recorder.connection(), "pragma busy_timeout", take, &timeout, nullptr);
   EXPECT_EQ(timeout, "2147483647");
 }
+
+const Function kBegin{"void ConfSave::Storage::Begin()", "Begin", "source/storage"};
+const Function kCommit{"void ConfSave::Storage::Commit()", "Commit", "source/storage"};
 
 class StorageTransaction : public StorageOpen {
  protected:
@@ -195,13 +161,13 @@ class StorageTransaction : public StorageOpen {
   }
 };
 
-TEST_F(StorageTransaction, BeginTakesTheExclusiveLockAndCommitGivesItBack) {
+TEST_F(StorageTransaction, BeginTakesTheExclusiveLockAndCommitReleasesIt) {
   Storage storage;
   forget();
   storage.Begin();
-  EXPECT_FALSE(test::lock_is_free(database()));
+  EXPECT_FALSE(lock_is_free(database()));
   storage.Commit();
-  EXPECT_TRUE(test::lock_is_free(database()));
+  EXPECT_TRUE(lock_is_free(database()));
   EXPECT_EQ(recorder.statements(), (Texts{"begin exclusive", "commit"}));
   EXPECT_EQ(host.records, LogRecords());
 }
@@ -211,72 +177,53 @@ TEST_F(StorageTransaction, BeginTwiceIsReported) {
   storage.Begin();
   forget();
   storage.Begin();
-  EXPECT_EQ(
-      host.records,
-      (LogRecords{{2,
-                   "void ConfSave::Storage::Begin()",
-                   "Begin",
-                   "source/storage",
-                   "SQL error: cannot start a transaction within a transaction. Query: begin exclusive "
-                   "(return code: 1)",
-                   {4}}}));
+  EXPECT_EQ(host.records,
+            (LogRecords{says(
+                kBegin, 2, refusal("cannot start a transaction within a transaction", "begin exclusive", 1),
+                {4})}));
 }
 
 TEST_F(StorageTransaction, CommitWithoutBeginIsReported) {
   Storage storage;
   forget();
   storage.Commit();
-  EXPECT_EQ(host.records, (LogRecords{{2,
-                                       "void ConfSave::Storage::Commit()",
-                                       "Commit",
-                                       "source/storage",
-                                       "SQL error: cannot commit - no transaction is active. Query: commit "
-                                       "(return code: 1)",
-                                       {4}}}));
+  EXPECT_EQ(host.records,
+            (LogRecords{
+                says(kCommit, 2, refusal("cannot commit - no transaction is active", "commit", 1), {4})}));
 }
 
-TEST_F(StorageTransaction, WhatIsNotCommittedIsUndone) {
+TEST_F(StorageTransaction, TransactionWithoutACommitIsUndone) {
   { const Storage storage; }
-  test::insert_row(database(), {"weekly"});
+  insert_row(database(), {"weekly"});
   {
     Storage storage;
     storage.Begin();
     storage.Delete("weekly", 0);
     EXPECT_FALSE(storage.Exists("weekly", 0));
   }
-  EXPECT_EQ(test::Database(database()).value("select count(*) from Config"), "1");
-  EXPECT_TRUE(test::lock_is_free(database()));
+  EXPECT_EQ(Database(database()).value("select count(*) from Config"), "1");
+  EXPECT_TRUE(lock_is_free(database()));
 }
 
-TEST_F(StorageTransaction, AnotherProcessIsWaitedFor) {
+TEST_F(StorageTransaction, BeginWaitsForAnotherProcess) {
   { const Storage storage; }
   forget();
-  const test::LockHolder holder(database(), 300);
+  const LockHolder holder(database(), 300);
   const auto start = std::chrono::steady_clock::now();
   Storage storage;
   storage.Begin();
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
-  EXPECT_EQ(host.records, (LogRecords{kTry, kDone}));
+  EXPECT_EQ(host.records, kOpened);
 }
 
-TEST_F(StorageTransaction, UnopenedStorageReportsAndGoesOn) {
+TEST_F(StorageTransaction, UnopenedStorageOnlyReports) {
   std::filesystem::remove(state_dir());
   Storage storage;
   forget();
   storage.Begin();
   storage.Commit();
-  EXPECT_EQ(host.records, (LogRecords{{2,
-                                       "void ConfSave::Storage::Begin()",
-                                       "Begin",
-                                       "source/storage",
-                                       "SQL error: . Query: begin exclusive (return code: 21)",
-                                       {4}},
-                                      {2,
-                                       "void ConfSave::Storage::Commit()",
-                                       "Commit",
-                                       "source/storage",
-                                       "SQL error: . Query: commit (return code: 21)",
-                                       {4}}}));
+  EXPECT_EQ(host.records, (LogRecords{says(kBegin, 2, refusal("", "begin exclusive", 21), {4}),
+                                      says(kCommit, 2, refusal("", "commit", 21), {4})}));
 }
 
 }  // namespace

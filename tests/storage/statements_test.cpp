@@ -4,15 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <locale>
+#include <functional>
+#include <string>
 
 #include "support/gateway.h"
+#include "support/grouped_digits.h"
 
 namespace {
 
 using namespace ConfSave;
-using test::kCurrent;
-using test::LogRecords;
+using namespace test;
 
 TEST(StatementText, CreateTable) {
   const std::string text =
@@ -80,55 +81,44 @@ TEST(StatementText, FindRows) {
             select + " name!='corlu-config' and name glob 'w' and version=-1");
 }
 
-struct ThreeDigits : std::numpunct<char> {
-  std::string do_grouping() const override { return "\3"; }
-  char do_thousands_sep() const override { return '.'; }
-};
-
-TEST(StatementText, DigitGroupsOfTheLocaleStayOut) {
-  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new ThreeDigits));
+TEST(StatementText, HasNoDigitGroups) {
+  const GroupedDigits grouped;
   EXPECT_EQ(
       sql::insert_row("a", 1000, 2000, static_cast<conftype>(3000)),
       "insert into 'Config' (name,keybase,etc,version, save_time, type) values ('a',?,?,1000,2000,3000)");
   EXPECT_EQ(sql::find_rows("a", 1000, false),
             "select id, name, type, version, save_time, load_time from 'Config' where name glob 'a' and "
             "version=1000");
-  std::locale::global(before);
 }
 
-using SqlErrorReport = test::Gateway;
+class SqlErrorReport : public Gateway {
+ protected:
+  /// Checks that `call` logs this text at level 2, and nothing at level 1.
+  void expect_report(const std::string& text, const std::function<void()>& call) {
+    call();
+    EXPECT_EQ(host.records, (LogRecords{{2, "void f(int)", "f", "source/storage", text, {4}}}));
+    host.records.clear();
+    host.log_level = 1;
+    call();
+    EXPECT_EQ(host.records, LogRecords());
+  }
 
-const ClUnilogFname kFunction{"void f(int)", "f"};
+  const ClUnilogFname function{"void f(int)", "f"};
+};
 
 TEST_F(SqlErrorReport, IsARecordOfLevel2) {
-  sql::report_error(kFunction, "no such table: x", "select 1 from x", 1);
-  EXPECT_EQ(host.records,
-            (LogRecords{{2,
-                         "void f(int)",
-                         "f",
-                         "source/storage",
-                         "SQL error: no such table: x. Query: select 1 from x (return code: 1)",
-                         {4}}}));
-  host.reset();
-  host.log_level = 1;
-  sql::report_error(kFunction, "no such table: x", "select 1 from x", 1);
-  EXPECT_EQ(host.records, LogRecords());
+  expect_report("SQL error: no such table: x. Query: select 1 from x (return code: 1)",
+                [this] { sql::report_error(function, "no such table: x", "select 1 from x", 1); });
 }
 
 TEST_F(SqlErrorReport, MissingErrorTextIsLeftOut) {
-  sql::report_error(kFunction, nullptr, "commit", 21);
-  EXPECT_EQ(
-      host.records,
-      (LogRecords{
-          {2, "void f(int)", "f", "source/storage", "SQL error: . Query: commit (return code: 21)", {4}}}));
+  expect_report("SQL error: . Query: commit (return code: 21)",
+                [this] { sql::report_error(function, nullptr, "commit", 21); });
 }
 
-TEST_F(SqlErrorReport, ConnectionThatIsNoneIsReported) {
-  sql::execute(nullptr, "commit", kFunction);
-  EXPECT_EQ(
-      host.records,
-      (LogRecords{
-          {2, "void f(int)", "f", "source/storage", "SQL error: . Query: commit (return code: 21)", {4}}}));
+TEST_F(SqlErrorReport, MissingConnectionIsReported) {
+  expect_report("SQL error: . Query: commit (return code: 21)",
+                [this] { sql::execute(nullptr, "commit", function); });
 }
 
 }  // namespace

@@ -5,7 +5,8 @@
 
 #include <functional>
 #include <iostream>
-#include <sstream>
+#include <string>
+#include <tuple>
 
 #include "support/console.h"
 #include "support/opened_storage.h"
@@ -13,20 +14,18 @@
 namespace {
 
 using namespace ConfSave;
-using test::kCurrent;
-using test::Rows;
-using test::operator+;
+using namespace test;
 
-class Guard : public test::OpenedStorage {
+class Authorizer : public OpenedStorage {
  protected:
-  /// SQLite's answer to a statement on the storage's connection.
+  /// The code that SQLite returns for a statement on the storage's connection.
   int code_of(const std::string& statement) const {
     return sqlite3_exec(connection, statement.c_str(), nullptr, nullptr, nullptr);
   }
 };
 
-TEST_F(Guard, WhatIsNotTheStoragesBusinessIsRefused) {
-  test::Database(database())
+TEST_F(Authorizer, OtherStatementsAreRefused) {
+  Database(database())
       .run("create view v as select 1; create index i on Config(type); create table other (x)");
   open();
   for (const char* statement :
@@ -72,13 +71,13 @@ TEST_F(Guard, WhatIsNotTheStoragesBusinessIsRefused) {
   EXPECT_EQ(query("pragma user_version"), Rows{{"0"}});
 }
 
-TEST_F(Guard, SchemaCannotBeWrittenTo) {
+TEST_F(Authorizer, SchemaCannotBeWritten) {
   EXPECT_NE(code_of("update sqlite_master set sql='x'"), SQLITE_OK);
   EXPECT_NE(code_of("delete from sqlite_master"), SQLITE_OK);
   EXPECT_EQ(query("pragma integrity_check"), Rows{{"ok"}});
 }
 
-TEST_F(Guard, WhatTheStorageDoesIsAllowed) {
+TEST_F(Authorizer, StatementsOfTheStorageAreAllowed) {
   for (const char* statement :
        {"begin exclusive", "insert into Config (name, version) values ('x', 1)",
         "update Config set load_time=5 where id=1", "select count(*) from Config where name='x'",
@@ -89,25 +88,27 @@ TEST_F(Guard, WhatTheStorageDoesIsAllowed) {
   }
 }
 
-TEST_F(Guard, NothingCanBeAttached) { EXPECT_EQ(sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, -1), 0); }
+TEST_F(Authorizer, NothingCanBeAttached) {
+  EXPECT_EQ(sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, -1), 0);
+}
 
-TEST_F(Guard, DatabaseIsDefended) {
+TEST_F(Authorizer, DatabaseIsDefended) {
   int on = 0;
   EXPECT_EQ(sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, -1, &on), SQLITE_OK);
   EXPECT_EQ(on, 1);
 }
 
-TEST_F(Guard, TriggersAndLengthsAreLeftAlone) {
+TEST_F(Authorizer, TriggersAndLengthsAreUnchanged) {
   int on = 0;
   EXPECT_EQ(sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, -1, &on), SQLITE_OK);
   EXPECT_EQ(on, 1);
-  const test::Database plain(database());
+  const Database plain(database());
   for (const int limit : {SQLITE_LIMIT_LENGTH, SQLITE_LIMIT_SQL_LENGTH}) {
     EXPECT_EQ(sqlite3_limit(connection, limit, -1), sqlite3_limit(plain.get(), limit, -1));
   }
 }
 
-TEST_F(Guard, TriggerOfTheDatabaseDoesWhatItDoes) {
+TEST_F(Authorizer, TriggerOfTheDatabaseMayUpdateAnyTable) {
   rearrange(
       "create table seen (name, count); insert into seen values ('x', 0); create trigger t after insert on "
       "Config begin update seen set count=count+1; update Config set save_time=7 where id=new.id; end");
@@ -116,16 +117,16 @@ TEST_F(Guard, TriggerOfTheDatabaseDoesWhatItDoes) {
   EXPECT_EQ(query("select save_time from Config"), Rows{{"7"}});
 }
 
-TEST_F(Guard, NamesAreComparedWithoutCase) {
+TEST_F(Authorizer, NamesAreComparedWithoutCase) {
   storage.reset();
-  test::write_file(database(), "");
+  write_file(database(), "");
   rearrange("create table CONFIG (ID integer primary key, NAME, VERSION, LOAD_TIME)");
   EXPECT_EQ(code_of("insert into Config (name, version) values ('x', 1)"), SQLITE_OK);
   EXPECT_EQ(code_of("update 'Config' set load_time=5 where id=1"), SQLITE_OK);
   EXPECT_EQ(query("select load_time from Config"), Rows{{"5"}});
 }
 
-TEST_F(Guard, TriggerMayFeedAVirtualTable) {
+TEST_F(Authorizer, TriggerMayFeedAVirtualTable) {
   for (const char* module : {"fts4(name)", "fts5(name)", "rtree(name, low, high)"}) {
     rearrange(
         "drop table if exists seen; drop trigger if exists added; drop trigger if exists gone; "
@@ -144,7 +145,7 @@ TEST_F(Guard, TriggerMayFeedAVirtualTable) {
   storage.reset();
 }
 
-TEST_F(Guard, VirtualTableMayUpdateItsOwnTables) {
+TEST_F(Authorizer, VirtualTableMayUpdateItsOwnTables) {
   std::string sql = "create virtual table seen using fts3(name)";
   for (int i = 0; i < 40; ++i) sql += "; insert into seen(name) values('w" + std::to_string(i) + "')";
   rearrange(
@@ -162,24 +163,10 @@ TEST_F(Guard, VirtualTableMayUpdateItsOwnTables) {
 }
 
 // ---------------------------------------------------------------------------------------------------
-// Whole scenarios, with the guard and without
+// Whole scenarios, with the authorizer and without
 
-/// What a person, the log and the table have of an operation.
-struct Transcript {
-  std::string console;
-  test::LogRecords records;
-  Rows rows;
-
-  bool operator==(const Transcript& other) const {
-    return console == other.console && records == other.records && rows == other.rows;
-  }
-};
-
-std::ostream& operator<<(std::ostream& out, const Transcript& transcript) {
-  return out << testing::PrintToString(transcript.console) << "\n"
-             << testing::PrintToString(transcript.records) << "\n"
-             << testing::PrintToString(transcript.rows);
-}
+/// What an operation prints, what it logs, and the database afterwards.
+using Transcript = std::tuple<std::string, LogRecords, Rows>;
 
 struct Scenario {
   const char* title;
@@ -187,27 +174,27 @@ struct Scenario {
   std::function<void()> run;
 };
 
-class GuardTranscript : public test::Gateway {
+class AuthorizerTranscript : public Gateway {
  protected:
-  GuardTranscript() { make_configuration(); }
+  AuthorizerTranscript() { make_configuration(); }
 
-  Transcript play(const Scenario& scenario, bool guarded) {
-    test::shell("rm -f " + database());
-    test::Database(database()).run(test::kCreateTable);
+  Transcript play(const Scenario& scenario, bool restricted) {
+    shell("rm -f " + database());
+    Database(database()).run(kCreateTable);
     for (const char* name : {"weekly", "autosave-1", "corlu-config"}) {
-      test::insert_row(database(), {name, 0});
-      test::insert_row(database(), {name, kCurrent});
+      insert_row(database(), {name, 0});
+      insert_row(database(), {name, kCurrent});
     }
     host.reset();
-    // The record of the table's making is the first after the guard was set.
-    host.on_record = [this, guarded](const std::string& function) {
-      if (guarded || function != "Storage") return;
+    // The authorizer is installed when the constructor writes its last record.
+    host.on_record = [this, restricted](const std::string& function) {
+      if (restricted || function != "Storage") return;
       sqlite3* const db = recorder.connection();
       sqlite3_set_authorizer(db, nullptr, nullptr);
       sqlite3_limit(db, SQLITE_LIMIT_ATTACHED, 10);
       sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 0, nullptr);
     };
-    test::Console console(scenario.typed);
+    Console console(scenario.typed);
     scenario.run();
     return {console.transcript(), records(), dump()};
   }
@@ -220,7 +207,7 @@ class GuardTranscript : public test::Gateway {
            query("select id, name, version, type, save_time, load_time, length(keybase) > 0 from Config");
   }
 
-  test::StatementRecorder recorder;
+  StatementRecorder recorder;
 };
 
 void answer(bool result) { std::cout << result << '\n'; }
@@ -234,10 +221,10 @@ const Scenario kHarmless[] = {
     {"load of several", "", [] { load("*", nullptr, 0, true); }},
     {"autosave", "", [] { AutoSave("", conf_full, 1); }},
     {"stale check", "", [] { answer(CheckOld()); }},
-    {"command list", "", [] { App::lst(); }},
-    {"command save", "y\n", [] { answer(App::save("weekly", conf_corlu)); }},
-    {"command delete", "", [] { App::del("weekly"); }},
-    {"command load", "n\nYes, do as I say\n", [] { App::load("weekly"); }},
+    {"App::lst", "", [] { App::lst(); }},
+    {"App::save", "y\n", [] { answer(App::save("weekly", conf_corlu)); }},
+    {"App::del", "", [] { App::del("weekly"); }},
+    {"App::load", "n\nYes, do as I say\n", [] { App::load("weekly"); }},
     {"list in an order of functions", "",
      [] {
        Storage storage;
@@ -247,37 +234,31 @@ const Scenario kHarmless[] = {
      }},
     {"a name with an apostrophe", "", [] { App::del("o'hare"); }},
     {"a name that is half a statement", "", [] { App::del("x' or name='weekly"); }},
-    {"a pattern that is none", "", [] { load("x' or '1'='1", nullptr, 0, true); }},
+    {"a pattern with an apostrophe", "", [] { load("x' or '1'='1", nullptr, 0, true); }},
 };
 
-TEST_F(GuardTranscript, NothingThatWorkedChanges) {
+TEST_F(AuthorizerTranscript, HarmlessScenariosAreUnchanged) {
   for (const Scenario& scenario : kHarmless) {
     // A row that is written in the next second is the same row: its time is not in the transcript.
-    const Transcript unguarded = play(scenario, false);
-    EXPECT_EQ(play(scenario, true), unguarded) << scenario.title;
-    EXPECT_FALSE(unguarded.records.empty()) << scenario.title;
+    const Transcript unrestricted = play(scenario, false);
+    EXPECT_EQ(play(scenario, true), unrestricted) << scenario.title;
+    EXPECT_FALSE(std::get<LogRecords>(unrestricted).empty()) << scenario.title;
   }
 }
 
-const Scenario kHostile[] = {
-    {"drop table Config", "", [] { App::del("x'; drop table Config; --"); }},
-    {"update 'Config' set name='y'", "", [] { App::del("x'; update 'Config' set name='y'; --"); }},
-    {"attach ':memory:' as y", "", [] { App::del("x'; attach ':memory:' as y; --"); }},
-    {"pragma user_version=7", "", [] { App::del("x'; pragma user_version=7; --"); }},
-    {"create table y (z)", "", [] { App::del("x'; create table y (z); --"); }},
-    {"create view y as select 1", "", [] { App::del("x'; create view y as select 1; --"); }},
-};
-
-TEST_F(GuardTranscript, HostileNameIsARefusedStatement) {
-  const Transcript untouched = play({"", "", [] { const Storage storage; }}, true);
-  for (const Scenario& scenario : kHostile) {
-    const Transcript guarded = play(scenario, true);
-    EXPECT_EQ(guarded.console, "") << scenario.title;
-    EXPECT_EQ(guarded.rows, untouched.rows) << scenario.title;
-    EXPECT_EQ(guarded.records.back().text,
-              "SQL error: not authorized. Query: delete from 'Config' where name='x'; " +
-                  std::string(scenario.title) + "; --' and version=0 (return code: 23)");
-    EXPECT_FALSE(play(scenario, false) == guarded) << scenario.title << " is harmless anyway";
+TEST_F(AuthorizerTranscript, HostileNameIsARefusedStatement) {
+  const Rows untouched = std::get<Rows>(play({"", "", [] { const Storage storage; }}, true));
+  for (const std::string statement :
+       {"drop table Config", "update 'Config' set name='y'", "attach ':memory:' as y",
+        "pragma user_version=7", "create table y (z)", "create view y as select 1"}) {
+    const Scenario scenario{"", "", [&] { App::del("x'; " + statement + "; --"); }};
+    const Transcript restricted = play(scenario, true);
+    const auto& [console, log, rows] = restricted;
+    EXPECT_EQ(console, "") << statement;
+    EXPECT_EQ(rows, untouched) << statement;
+    EXPECT_EQ(log.back().text, "SQL error: not authorized. Query: delete from 'Config' where name='x'; " +
+                                   statement + "; --' and version=0 (return code: 23)");
+    EXPECT_NE(play(scenario, false), restricted) << statement << " is harmless without the authorizer";
   }
 }
 
