@@ -12,6 +12,7 @@
 
 #include "command_runner.h"
 #include "interrupt.h"
+#include "storage_wait.h"
 #include "text.h"
 
 namespace console {
@@ -35,6 +36,7 @@ std::string obstacle(const std::string& directory) {
 }
 
 void print_next_step() {
+  if (storage_wait_expired()) return print_storage_wait_expired();
   const auto& failed = failed_command();
   if (failed) std::cerr << "confsave: " << failed->action << " failed: " << failed->ending << ".\n";
   if (failed && !failed->obstacle.empty()) {
@@ -49,6 +51,11 @@ void print_next_step() {
   }
   std::cerr << "confsave: the log '" << printable(log_file())
             << "' says more. With KELMOR_LOG_LEVEL=4 it has every step.\n";
+}
+
+void print_not_found(const std::string& name) {
+  if (storage_wait_expired()) return;
+  std::cerr << "confsave: nothing is stored as '" << name << "'. 'confsave list' lists what is.\n";
 }
 
 void print_partial_restore() {

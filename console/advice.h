@@ -18,6 +18,9 @@ std::string log_file();
 /// After a failure: which command failed and why, and what to do next.
 void print_next_step();
 
+/// Nothing is stored under this name or pattern, unless the storage was not read to its end.
+void print_not_found(const std::string& name);
+
 /// After a restore that failed midway.
 void print_partial_restore();
 

@@ -12,7 +12,7 @@ enum ExitStatus : int {
   kDeclined = 5,   ///< a person answered no
   kNoStorage = 6,  ///< the storage cannot be opened or read
   kNewer = 7,      ///< refused: the snapshot is newer than the running version
-  kBusy = 8,       ///< another confsave is at work
+  kBusy = 8,       ///< another confsave is at work, or another program keeps the storage locked
 };
 
 }  // namespace console

@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -13,6 +14,7 @@
 
 #include "exit_status.h"
 #include "interrupt.h"
+#include "storage_wait.h"
 #include "text.h"
 
 namespace console {
@@ -27,12 +29,13 @@ std::string holder(int descriptor) {
   return printable(whole.substr(0, whole.find('\n')));
 }
 
-bool lock_within(int descriptor, std::chrono::seconds time) {
-  const auto end = std::chrono::steady_clock::now() + time;
+using Clock = std::chrono::steady_clock;
+
+bool lock_until(int descriptor, Clock::time_point end) {
   for (;;) {
     if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return true;
     if (errno != EWOULDBLOCK && errno != EINTR) return false;
-    if (interrupted() || std::chrono::steady_clock::now() >= end) {
+    if (interrupted() || Clock::now() >= end) {
       errno = interrupted() ? EINTR : EWOULDBLOCK;
       return false;
     }
@@ -64,8 +67,12 @@ int OperationLock::take(const std::string& purpose, unsigned seconds) {
               << "KELMOR_DYNAMIC_DIR sets another one.\n";
     return kNoStorage;
   }
-  if (lock_within(descriptor_, std::chrono::seconds(seconds))) {
+  const auto end = Clock::now() + std::chrono::seconds(seconds);
+  if (lock_until(descriptor_, end)) {
     held_ = true;
+    // What is left of the time; a moment in any case, because readers come and go.
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    limit_storage_wait(std::max<std::chrono::milliseconds>(left, std::chrono::seconds(1)));
     write_holder(descriptor_, purpose);
     return kDone;
   }

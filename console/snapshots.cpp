@@ -16,7 +16,9 @@
 
 #include "advice.h"
 #include "command_runner.h"
+#include "exit_status.h"
 #include "interrupt.h"
+#include "storage_wait.h"
 #include "text.h"
 
 namespace console {
@@ -87,17 +89,25 @@ std::string reason_of_failed_command() {
 
 }  // namespace
 
-bool check_storage() {
+int check_storage() {
   ConfSave::Storage storage;
   if (!storage.opened) {
     print_why_not_opened();
-    return false;
+    return kNoStorage;
   }
-  if (is_readable(storage)) return true;
+  if (is_readable(storage)) return kDone;
+  if (interrupted()) {
+    std::cerr << "confsave: interrupted; nothing was done.\n";
+    return kFailed;
+  }
+  if (storage_wait_expired()) {
+    print_storage_wait_expired();
+    return kBusy;
+  }
   std::cerr << "confsave: " << quoted(ConfSave::storage_file())
-            << " is damaged, or not a storage of ConfSave. Nothing was changed. The log "
+            << " is damaged, not a storage of ConfSave, or its disk fails. Nothing was changed. The log "
             << quoted(log_file()) << " says more.\n";
-  return false;
+  return kNoStorage;
 }
 
 std::optional<ConfSave::Config> find_exactly(const std::string& name, ConfSave::int64 version) {

@@ -10,8 +10,9 @@
 
 namespace console {
 
-/// True if the storage can be opened and its table read. Otherwise prints the reason and the next step.
-bool check_storage();
+/// Returns kDone if the storage can be opened and its table read. Otherwise prints the reason and the next
+/// step, and returns the exit status.
+int check_storage();
 
 /// The record of exactly this name and version, which may be 0.
 std::optional<ConfSave::Config> find_exactly(const std::string& name, ConfSave::int64 version);

@@ -31,7 +31,7 @@ ConfSave::int64 newest(const ConfSave::Configs& configs) {
 
 int remove(const Options& options) {
   if (!check_name(options.name)) return kUsage;
-  if (!check_storage()) return kNoStorage;
+  if (const int status = check_storage(); status != kDone) return status;
   ConfSave::Storage storage;
   ConfSave::Configs found = storage.FindMatching(options.name, options.version, false);
   if (options.no_version) {
@@ -39,8 +39,7 @@ int remove(const Options& options) {
     found.erase(std::remove_if(found.begin(), found.end(), has_version), found.end());
   }
   if (found.empty()) {
-    std::cerr << "confsave: nothing is stored as '" << options.name
-              << "'. 'confsave list' lists what is.\n";
+    print_not_found(options.name);
     return kNotFound;
   }
   if (found.size() > 1) {
@@ -60,7 +59,7 @@ int autosave(const Options& options) {
   if (!check_directories()) return kFailed;
   OperationLock lock;
   if (const int status = lock.take("an autosave", options.wait); status != kDone) return status;
-  if (!check_storage()) return kNoStorage;
+  if (const int status = check_storage(); status != kDone) return status;
   warn_without_failover_files(options.type);
   warn_of_acls(Destination(""));
 
@@ -85,7 +84,7 @@ int autosave(const Options& options) {
 }
 
 int check_old(const Options&) {
-  if (!check_storage()) return kNoStorage;
+  if (const int status = check_storage(); status != kDone) return status;
   std::cout << (ConfSave::CheckOld() ? "An autosave older than 31 days is stored.\n"
                                      : "No autosave older than 31 days is stored.\n");
   return kDone;

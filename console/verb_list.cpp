@@ -98,7 +98,7 @@ void print_table(const Configs& configs) {
 }  // namespace
 
 int list(const Options& options) {
-  if (!check_storage()) return kNoStorage;
+  if (const int status = check_storage(); status != kDone) return status;
   ConfSave::Storage storage;
   const Configs configs = storage.List(options.upto, order_of(options.sort), !options.all);
   if (options.json) {

@@ -24,8 +24,7 @@ std::optional<ConfSave::Config> find_only(const Options& options, int& status) {
   ConfSave::Storage storage;
   const ConfSave::Configs found = storage.FindMatching(options.name, options.version, true);
   if (found.empty()) {
-    std::cerr << "confsave: nothing is stored as '" << options.name
-              << "'. 'confsave list' lists what is.\n";
+    print_not_found(options.name);
     status = kNotFound;
     return std::nullopt;
   }
@@ -100,7 +99,7 @@ int load(const Options& options) {
   if (!check_directories()) return kFailed;
   OperationLock lock;
   if (const int status = lock.take("loading " + checked.name, checked.wait); status != kDone) return status;
-  if (!check_storage()) return kNoStorage;
+  if (const int status = check_storage(); status != kDone) return status;
 
   int status = kDone;
   const auto config = find_only(checked, status);

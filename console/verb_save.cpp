@@ -35,7 +35,7 @@ int save(const Options& options) {
   if (!check_directories()) return kFailed;
   OperationLock lock;
   if (const int status = lock.take("saving " + options.name, options.wait); status != kDone) return status;
-  if (!check_storage()) return kNoStorage;
+  if (const int status = check_storage(); status != kDone) return status;
   warn_without_failover_files(options.type);
   warn_of_acls(Destination(""));
 

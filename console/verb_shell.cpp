@@ -1,6 +1,7 @@
 #include <confsave.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <iostream>
 #include <sstream>
@@ -18,6 +19,7 @@
 #include "permissions.h"
 #include "shell_completion.h"
 #include "snapshots.h"
+#include "storage_wait.h"
 #include "text.h"
 #include "verb_functions.h"
 
@@ -145,10 +147,14 @@ Arguments words_of(const std::string& line) {
 void run_shell_verb(const ShellVerb& verb, const std::string& name, const Options& options) {
   if (verb.takes_name && !check_name(name)) return;
   forget_failed_command();
+  limit_storage_wait(std::chrono::seconds(options.wait));
   const InterruptCatcher catcher;
   OperationLock lock;
   if (verb.is_exclusive && lock.take(verb.name + (" " + name), options.wait) != kDone) return;
-  if (verb.run == show_help || check_storage()) verb.run(name);
+  if (verb.run == show_help) return verb.run(name);
+  if (check_storage() != kDone) return;
+  verb.run(name);
+  if (storage_wait_expired()) print_storage_wait_expired();
 }
 
 /// What is wrong with the words of a line, or an empty text.

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <iostream>
 #include <limits>
@@ -12,6 +13,7 @@
 #include "interrupt.h"
 #include "names.h"
 #include "text.h"
+#include "storage_wait.h"
 #include "verb_functions.h"
 
 namespace console {
@@ -31,15 +33,16 @@ struct Verb {
 };
 
 constexpr Verb kVerbs[] = {
-    {"list", Operand::kNone, "--upto --sort --all --json --long ", "", "list the snapshots", false, list},
+    {"list", Operand::kNone, "--upto --sort --all --json --long --wait ", "", "list the snapshots", false,
+     list},
     {"save", Operand::kName, "--type --version --force --wait ", "", "store the configuration as it is now",
      true, save},
     {"load", Operand::kPattern, "--version --target --yes --force --wait ", "", "restore a snapshot", true,
      load},
-    {"delete", Operand::kName, "--version ", "", "delete a snapshot", false, remove},
+    {"delete", Operand::kName, "--version --wait ", "", "delete a snapshot", false, remove},
     {"autosave", Operand::kNone, "--max --type --wait ", "--max ",
      "store the configuration under a name made from the time", true, autosave},
-    {"check-old", Operand::kNone, "", "", "say whether an autosave is older than 31 days", false,
+    {"check-old", Operand::kNone, "--wait ", "", "say whether an autosave is older than 31 days", false,
      check_old},
     {"shell", Operand::kNone, "--wait ", "", "read verbs as the gateway's shell does", false, shell},
     {"version", Operand::kNone, "", "", "show the versions of this program and of the gateway", false,
@@ -103,7 +106,7 @@ constexpr Option kOptions[] = {
      [](const std::string& value, Options& options) { options.target = value; }},
     {"--max", "N", "", "keep at most N autosaves",
      [](const std::string& value, Options& options) { options.max = parse_number(value, 1); }},
-    {"--wait", "SECONDS", "", "how long to wait for another confsave; default: 30",
+    {"--wait", "SECONDS", "", "how long to wait for other programs; default: 30",
      [](const std::string& value, Options& options) { options.wait = parse_number(value, 0); }},
     {"--force", "", "", "neither ask before overwriting nor refuse",
      [](const std::string&, Options& options) { options.force = true; }},
@@ -176,11 +179,20 @@ std::string contradiction(const Verb& verb, const Options& options) {
   return "";
 }
 
+/// A verb that ran out of time may have missed rows, or not done all that it was asked to do.
+int run_in_time(const Verb& verb, const Options& options) {
+  limit_storage_wait(std::chrono::seconds(options.wait));
+  const int status = verb.run(options);
+  if (!storage_wait_expired() || verb.run == shell) return status;
+  print_storage_wait_expired();
+  return kBusy;
+}
+
 int run_verb(const Verb& verb, const Options& options) {
-  if (!verb.catches_interrupts) return verb.run(options);
+  if (!verb.catches_interrupts) return run_in_time(verb, options);
   const int status = [&] {
     const InterruptCatcher catcher;
-    return verb.run(options);
+    return run_in_time(verb, options);
   }();
   if (interrupted() && status != kDone) {
     std::cout.flush();
@@ -225,6 +237,7 @@ int print_help(std::ostream& out, int status) {
 
 /// For the completion of a command line in bash.
 int print_candidates(const Arguments& arguments) {
+  limit_storage_wait(std::chrono::seconds(1));  // A person waits for the completion.
   for (const std::string& candidate : candidates({arguments.begin() + 1, arguments.end()})) {
     std::cout << candidate << '\n';
   }

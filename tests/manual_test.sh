@@ -52,7 +52,7 @@ for name in weekly working daily; do confsave save --type corlu "$name"; done
 completes "$(echo "$verbs" | xargs)" ''
 completes 'save shell' s
 completes 'weekly working' load w
-completes 'daily weekly working --version' delete ''
+completes 'daily weekly working --version --wait' delete ''
 completes '--type' save --t
 completes 'full part corlu' save --type ''
 completes 'saved' list --sort s

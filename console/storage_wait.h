@@ -1,0 +1,17 @@
+#pragma once
+
+#include <chrono>
+
+namespace console {
+
+/// Limits how long SQLite waits in all for locks of the storage, from now on. When the time is over, or
+/// after an interrupt, a lock that is not free fails: the library itself waits 24.8 days.
+void limit_storage_wait(std::chrono::milliseconds limit);
+
+/// Whether the limit was reached.
+bool storage_wait_expired();
+
+/// What a person can do then. Prints it once.
+void print_storage_wait_expired();
+
+}  // namespace console
