@@ -1,14 +1,14 @@
-# Gives the name kelmor::platform to what a gateway's maker supplies in a directory: the contract in
-# include/kelmor/ and libkelmor-platform.so in lib/. Without the library the host process itself is to
-# bring everything that the contract declares. What is wrong with the directory is put into `flaw`.
+# Defines kelmor::platform from a directory of a gateway's maker: the contract's headers in include/kelmor/,
+# and libkelmor-platform.so in lib/. Without the library the host process must supply everything that the
+# headers declare. `flaw` receives a message when the directory cannot be used.
 function(confsave_import_platform directory flaw)
   set(${flaw} "" PARENT_SCOPE)
   if(NOT IS_ABSOLUTE "${directory}" OR directory MATCHES " ")
-    set(${flaw} "'${directory}' is to be an absolute path without a blank." PARENT_SCOPE)
+    set(${flaw} "'${directory}' must be an absolute path without a blank." PARENT_SCOPE)
     return()
   endif()
   if(NOT EXISTS "${directory}/include/kelmor/status.h")
-    set(${flaw} "${directory} holds no platform: there is no include/kelmor/status.h in it." PARENT_SCOPE)
+    set(${flaw} "${directory} is no platform: it has no include/kelmor/status.h." PARENT_SCOPE)
     return()
   endif()
 

@@ -47,9 +47,9 @@ refuses() {
     tr -s '\n ' ' ' <"$scratch/said" | grep -qF "CONFSAVE_PLATFORM: $2" ||
         complain "CMake does not say what is wrong with '$1'"
 }
-refuses ./maker "'./maker' is to be an absolute path without a blank."
-refuses "$scratch/the maker" "'$scratch/the maker' is to be an absolute path without a blank."
-refuses "$scratch" "$scratch holds no platform: there is no include/kelmor/status.h in it."
+refuses ./maker "'./maker' must be an absolute path without a blank."
+refuses "$scratch/the maker" "'$scratch/the maker' must be an absolute path without a blank."
+refuses "$scratch" "$scratch is no platform: it has no include/kelmor/status.h."
 
 block platform cpp 1 | c++ -std=c++17 -I"$tree/platform/include" -Wall -Wextra -Werror -fsyntax-only \
     -x c++ - || complain 'the log on the page does not compile'
