@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <locale>
 #include <sstream>
 #include <type_traits>
 
 #include "integers.h"
+#include "support/grouped_digits.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ std::string shown(const Value& value) {
   return out.str();
 }
 
-/// Local time is that of a zone while it lives.
+/// Sets the time zone while it lives.
 class Zone {
  public:
   explicit Zone(const char* name) {
@@ -37,12 +37,14 @@ class Zone {
   }
 };
 
-Config weekly() {
-  Config config(CURRENT_VERSION);
+std::string line(int64 version, conftype type, int64 load_time = 0) {
+  const Zone utc("UTC");
+  Config config(version);
   config.name = "weekly";
-  config.type = conf_full;
+  config.type = type;
   config.save_time = 1488377100;
-  return config;
+  config.load_time = load_time;
+  return shown(config);
 }
 
 TEST(Constants, HaveTheirValues) {
@@ -107,15 +109,9 @@ TEST(VersionText, NegativeNumberHasANegativeMajor) {
   EXPECT_EQ(Config::version(INT64_MAX), "2147483647.255.255");
 }
 
-struct ThreeDigits : std::numpunct<char> {
-  std::string do_grouping() const override { return "\3"; }
-  char do_thousands_sep() const override { return '.'; }
-};
-
 TEST(VersionText, HasNoDigitGroups) {
-  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new ThreeDigits));
+  const test::GroupedDigits grouped;
   EXPECT_EQ(Config::version(int64{123456} << 32), "123456.0.0");
-  std::locale::global(before);
 }
 
 TEST(LowAndHighHalves, AreSignedForAnyValue) {
@@ -156,39 +152,25 @@ TEST(TypeText, EachTypeHasItsWord) {
 }
 
 TEST(RecordText, IsOneLineWithoutALineFeed) {
-  const Zone utc("UTC");
-  EXPECT_EQ(shown(weekly()),
+  EXPECT_EQ(line(CURRENT_VERSION, conf_full),
             "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, never loaded");
 }
 
 TEST(RecordText, LoadTimeIsPrinted) {
-  const Zone utc("UTC");
-  Config config = weekly();
-  config.load_time = 1488447000;
-  EXPECT_EQ(
-      shown(config),
-      "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, loaded at 02.03.2017 at 09:30");
-  config.load_time = -1;
-  EXPECT_EQ(
-      shown(config),
-      "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, loaded at 31.12.1969 at 23:59");
+  const std::string loaded = "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, loaded at ";
+  EXPECT_EQ(line(CURRENT_VERSION, conf_full, 1488447000), loaded + "02.03.2017 at 09:30");
+  EXPECT_EQ(line(CURRENT_VERSION, conf_full, -1), loaded + "31.12.1969 at 23:59");
 }
 
 TEST(RecordText, VersionZeroIsNotPrinted) {
-  const Zone utc("UTC");
-  Config config = weekly();
-  config.vers = 0;
-  EXPECT_EQ(shown(config), "\"weekly\",\tfull, saved on 01.03.2017 at 14:05, never loaded");
+  EXPECT_EQ(line(0, conf_full), "\"weekly\",\tfull, saved on 01.03.2017 at 14:05, never loaded");
 }
 
 TEST(RecordText, UnknownTypeIsNotPrinted) {
-  const Zone utc("UTC");
-  for (const int type : {0, 7}) {
-    Config config = weekly();
-    config.type = static_cast<conftype>(type);
-    EXPECT_EQ(shown(config), "\"weekly\",\tversion 4.5.4,\t, saved on 01.03.2017 at 14:05, never loaded");
-    config.vers = 0;
-    EXPECT_EQ(shown(config), "\"weekly\",\t, saved on 01.03.2017 at 14:05, never loaded");
+  for (const auto type : {conf_none, static_cast<conftype>(7)}) {
+    EXPECT_EQ(line(CURRENT_VERSION, type),
+              "\"weekly\",\tversion 4.5.4,\t, saved on 01.03.2017 at 14:05, never loaded");
+    EXPECT_EQ(line(0, type), "\"weekly\",\t, saved on 01.03.2017 at 14:05, never loaded");
   }
 }
 
@@ -196,7 +178,7 @@ TEST(FailedStream, StaysUnchanged) {
   for (const auto state : {std::ios::eofbit, std::ios::failbit, std::ios::badbit}) {
     std::ostringstream out;
     out.setstate(state);
-    EXPECT_EQ(&(out << weekly()), &out);
+    EXPECT_EQ(&(out << Config(CURRENT_VERSION)), &out);
     EXPECT_EQ(&(out << conf_full), &out);
     EXPECT_EQ(out.rdstate(), state);
     out.clear();
@@ -210,9 +192,9 @@ void expect_status_class() {
   const Exception bare(36, true);
   EXPECT_EQ(bare.Status(), 36);
   EXPECT_STREQ(bare.ErrorMessage(), "");
-  const Exception told(0, "text", false);
-  EXPECT_EQ(told.Status(), 0);
-  EXPECT_STREQ(told.ErrorMessage(), "text");
+  const Exception with_text(0, "text", false);
+  EXPECT_EQ(with_text.Status(), 0);
+  EXPECT_STREQ(with_text.ErrorMessage(), "text");
 }
 
 TEST(Exceptions, HaveStatusAndText) {
@@ -226,9 +208,9 @@ TEST(Exceptions, HaveStatusAndText) {
 TEST(Exceptions, XChdirIsAnExternalFailureWithADirectory) {
   static_assert(std::is_base_of_v<XExternalFailure, XChdir>);
   EXPECT_EQ(XChdir(2, true, "/a").Directory(), "/a");
-  const XChdir told(0, "text", false, "/b");
-  EXPECT_EQ(told.Directory(), "/b");
-  EXPECT_STREQ(told.ErrorMessage(), "text");
+  const XChdir with_text(0, "text", false, "/b");
+  EXPECT_EQ(with_text.Directory(), "/b");
+  EXPECT_STREQ(with_text.ErrorMessage(), "text");
 }
 
 }  // namespace

@@ -10,17 +10,17 @@
 
 namespace {
 
+using namespace test;
+
 using ConfSave::KovrLogHelper;
 using ConfSave::log_text;
-using test::LogRecords;
-using Texts = std::vector<std::string>;
 
 const ClUnilogFname kFunction{"void f(int)", "f"};
 
 Texts calls;
 
-/// Entry points that note which of them was called, with what.
-const KorvLogProps kNoting = {
+/// Entry points that record each call and its arguments.
+const KorvLogProps kRecording = {
     0,
     [](int level, const ClUnilogFname& function, const char* source, int) {
       calls.push_back("begin " + std::to_string(level) + " " + function.Signature() + " " +
@@ -31,11 +31,11 @@ const KorvLogProps kNoting = {
     [](const void*, unsigned width) { calls.push_back("integer " + std::to_string(width)); },
     [] { calls.emplace_back("end"); }};
 
-class LogRecordBuilder : public test::Gateway {
+class LogRecordBuilder : public Gateway {
  protected:
   LogRecordBuilder() {
     calls.clear();
-    host.entry_points = kNoting;
+    host.entry_points = kRecording;
   }
 
   static void write() {
@@ -67,7 +67,7 @@ TEST_F(LogRecordBuilder, EachMissingEntryPointIsSkipped) {
     calls.clear();
     write();
     EXPECT_EQ(calls, rest);
-    host.entry_points = kNoting;
+    host.entry_points = kRecording;
   };
   host.entry_points.begin = nullptr;
   without({0});

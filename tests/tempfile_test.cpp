@@ -6,25 +6,18 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
-#include <optional>
 #include <stdexcept>
 
 #include "support/gateway.h"
 
 namespace {
 
+using namespace test;
+
 using ConfSave::TempFile;
-using test::LogRecords;
 
-class TempFileTest : public test::Gateway {
+class TempFileTest : public Gateway {
  protected:
-  static void expect_status(int status, const char* text, const std::function<void()>& call) {
-    const auto error = test::thrown_by<XTOOStatus>(call);
-    EXPECT_EQ(error.Status(), status);
-    EXPECT_STREQ(error.ErrorMessage(), text);
-  }
-
   static mode_t mode_of(const std::string& path) {
     struct stat status = {};
     EXPECT_EQ(stat(path.c_str(), &status), 0);
@@ -36,10 +29,10 @@ TEST_F(TempFileTest, NewObjectHasNoFile) {
   const TempFile file;
   EXPECT_EQ(file.name(), "");
   EXPECT_FALSE(file.is_open());
-  expect_status(36, "", [&] { file.fd(); });
-  expect_status(36, "", [&] { file.size(); });
-  expect_status(36, "", [&] { file.rewind(); });
-  EXPECT_EQ(temp_files(), test::Texts());
+  EXPECT_EQ(thrown([&] { file.fd(); }), "XTOOStatus 36: ");
+  EXPECT_EQ(thrown([&] { file.size(); }), "XTOOStatus 36: ");
+  EXPECT_EQ(thrown([&] { file.rewind(); }), "XTOOStatus 36: ");
+  EXPECT_EQ(temp_files(), Texts());
 }
 
 TEST_F(TempFileTest, IsOpenReadsTheDirectory) {
@@ -47,7 +40,7 @@ TEST_F(TempFileTest, IsOpenReadsTheDirectory) {
   file.create();
   host.paths.clear();
   EXPECT_TRUE(file.is_open());
-  EXPECT_EQ(host.paths, test::Texts{"KELMOR_TEMP_DIR"});
+  EXPECT_EQ(host.paths, Texts{"KELMOR_TEMP_DIR"});
 }
 
 TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheTemporaryDirectory) {
@@ -58,7 +51,7 @@ TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheTemporaryDirectory) {
   EXPECT_EQ(file.name().size(), temp_dir().size() + 7);
   EXPECT_NE(file.name().substr(file.name().size() - 6), "XXXXXX");
   EXPECT_EQ(file.size(), 0);
-  EXPECT_TRUE(test::exists(file.name()));
+  EXPECT_TRUE(exists(file.name()));
 }
 
 TEST_F(TempFileTest, SecondCreateDoesNothing) {
@@ -101,7 +94,7 @@ TEST_F(TempFileTest, RemoveDeletesTheFileAndCanBeRepeated) {
   EXPECT_EQ(file.name(), "");
   EXPECT_FALSE(file.is_open());
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-  EXPECT_EQ(temp_files(), test::Texts());
+  EXPECT_EQ(temp_files(), Texts());
   file.remove();
   EXPECT_EQ(host.records, LogRecords());
 }
@@ -111,7 +104,7 @@ TEST_F(TempFileTest, DestructorDeletesTheFile) {
     TempFile file;
     file.create();
   }
-  EXPECT_EQ(temp_files(), test::Texts());
+  EXPECT_EQ(temp_files(), Texts());
 }
 
 TEST_F(TempFileTest, CreateMakesAnotherFileAfterRemove) {
@@ -127,7 +120,7 @@ TEST_F(TempFileTest, CreateMakesAnotherFileAfterRemove) {
 TEST_F(TempFileTest, MissingDirectoryIsStatus17) {
   std::filesystem::remove(temp_dir());
   TempFile file;
-  expect_status(17, "No such file or directory", [&] { file.create(); });
+  EXPECT_EQ(thrown([&] { file.create(); }), "XTOOStatus 17: No such file or directory");
   EXPECT_EQ(file.name(), "");
   EXPECT_FALSE(file.is_open());
   std::filesystem::create_directory(temp_dir());
@@ -137,8 +130,8 @@ TEST_F(TempFileTest, ClosedDescriptorIsStatus45And54) {
   TempFile file;
   file.create();
   close(file.fd());
-  expect_status(45, "Bad file descriptor", [&] { file.size(); });
-  expect_status(54, "Bad file descriptor", [&] { file.rewind(); });
+  EXPECT_EQ(thrown([&] { file.size(); }), "XTOOStatus 45: Bad file descriptor");
+  EXPECT_EQ(thrown([&] { file.rewind(); }), "XTOOStatus 54: Bad file descriptor");
 }
 
 TEST_F(TempFileTest, FileIsClosedBeforeItIsDeleted) {
@@ -154,13 +147,13 @@ TEST_F(TempFileTest, FileIsClosedBeforeItIsDeleted) {
 TEST_F(TempFileTest, FileIsForgottenWhenTheLogThrows) {
   {
     TempFile file;
+    host.on_record = [](const std::string&) { throw std::runtime_error("log"); };
     file.create();
     std::filesystem::remove(file.name());
-    host.on_record = [](const std::string&) { throw std::runtime_error("log"); };
     file.remove();
     EXPECT_FALSE(file.is_open());
     EXPECT_EQ(file.name(), "");
-    file.create();
+    file.create();  // For the destructor.
     std::filesystem::remove(file.name());
   }
   EXPECT_EQ(host.records, LogRecords());

@@ -18,7 +18,7 @@ namespace {
 using ConfSave::Config;
 using ConfSave::int64;
 
-/// The number that a text converts to; nothing when it is refused, which must leave 0 behind.
+/// The number that a text converts to; nothing if it is refused, which must set the version to 0.
 std::optional<int64> convert(const std::string& text) {
   Config config(17264017408);
   if (config.vers_convert(text)) return config.vers;
@@ -135,7 +135,7 @@ TEST(VersionConversion, BytesOutsideAsciiBelongToTokens) {
   EXPECT_EQ(convert(std::string("4.5.4.\0", 7)), std::nullopt);
 }
 
-/// Groups every three digits, and with a letter at that.
+/// Groups three digits, with a letter.
 struct LetterGrouping : std::numpunct<char> {
   std::string do_grouping() const override { return "\3"; }
   char do_thousands_sep() const override { return 'x'; }
@@ -161,7 +161,7 @@ TEST(VersionConversion, EveryVersionInRangeIsPrintedAsItWasRead) {
   }
 }
 
-// An oracle of its own: characters by table, numbers digit by digit, the sum in 128 bits.
+// An independent oracle: characters by table, numbers digit by digit, the sum in 128 bits.
 
 bool is_separator(unsigned char byte) {
   static const std::string kSeparators = " \t\n\v\f\r!\"#$%&'()*+,-./:;<=>?@[\\]^_`{|}~";
@@ -292,7 +292,7 @@ TEST(VersionConversion, AMillionTextsAgreeWithAnOracle) {
     ASSERT_EQ(config.vers, expected.value_or(0)) << "text " << i << ": " << text;
     if (expected) ++accepted;
   }
-  // Neither side is a rarity among the texts.
+  // Both results are frequent among the texts.
   EXPECT_GT(accepted, 100000);
   EXPECT_LT(accepted, 900000);
 }

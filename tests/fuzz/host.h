@@ -1,6 +1,6 @@
 #pragma once
 
-// What the fuzz targets share: a gateway of their own, and a command runner that runs nothing.
+// Shared by the fuzz targets: a gateway of their own, and a command runner that runs nothing.
 
 #include <confsave.h>
 #include <kelmor/log.h>
@@ -20,15 +20,15 @@ namespace fuzz {
 inline std::string make_gateway() {
   char name[] = "/tmp/confsave-fuzz-XXXXXX";
   std::string root = mkdtemp(name);
-  for (const char* directory : {"/config/user", "/state", "/scratch"}) {
+  for (const char* directory : {"/config/user", "/state", "/temp"}) {
     std::filesystem::create_directories(root + directory);
   }
   setenv("KELMOR_CONFIG_PATH", (root + "/config").c_str(), 1);
   setenv("KELMOR_DYNAMIC_DIR", (root + "/state").c_str(), 1);
-  setenv("KELMOR_TEMP_DIR", (root + "/scratch").c_str(), 1);
+  setenv("KELMOR_TEMP_DIR", (root + "/temp").c_str(), 1);
   setenv("KELMOR_LOG_LEVEL", "0", 1);
-  std::atexit([] { std::filesystem::remove_all(std::getenv("KELMOR_SCRATCH_ROOT")); });
-  setenv("KELMOR_SCRATCH_ROOT", root.c_str(), 1);
+  std::atexit([] { std::filesystem::remove_all(std::getenv("CONFSAVE_FUZZ_ROOT")); });
+  setenv("CONFSAVE_FUZZ_ROOT", root.c_str(), 1);
   std::cout.setstate(std::ios::badbit);
   std::cerr.setstate(std::ios::badbit);
   return root;
@@ -42,13 +42,13 @@ inline const std::string& root() {
 
 inline std::string database() { return root() + "/state/storage.db"; }
 
-/// Runs `call`, which may end in any of the library's exceptions.
+/// Runs `call`, which may throw any documented exception, and no other.
 template <class Call>
 void expect_stated_end(Call call) {
   try {
     call();
   } catch (const XTOOStatus&) {
-    // Stated.
+    // A documented exception.
   }
 }
 

@@ -1,4 +1,4 @@
-// Names, patterns and orders that go into statements as they are. They may reach the rows, and nothing
+// Names, patterns and orders become parts of statements unchanged. They may reach the rows, and nothing
 // else.
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace {
 
-/// All that is not a row.
+/// Everything in the database except the rows.
 std::string picture() {
   sqlite3* db = nullptr;
   sqlite3_open(fuzz::database().c_str(), &db);
@@ -38,7 +38,7 @@ void make_rows() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  // A statement may take as long as it says.
+  // Skip recursive statements, which may run for any time.
   if (text.find("recursive") != std::string::npos || text.find("RECURSIVE") != std::string::npos) return 0;
   make_rows();
   const std::string before = picture();

@@ -1,4 +1,4 @@
-// A row of any types and values in each column, listed, matched and loaded.
+// Rows with any type and value in each column are listed, matched, loaded and cleaned.
 
 #include <cstdint>
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-/// Hands out the input piece by piece.
+/// Returns the input piece by piece.
 class Pieces {
  public:
   Pieces(const std::uint8_t* data, std::size_t size) : data_(data), left_(size) {}

@@ -1,4 +1,4 @@
-// Texts of versions and numbers of versions and times, any of them.
+// Any text as a version, and any number as a version and a time.
 
 #include <cstdint>
 #include <cstring>
@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool converted = config.vers_convert(text);
   if (!converted && config.vers != 0) std::abort();
 
-  // What three bytes can say comes back.
+  // A version in range is printed as it was read.
   ConfSave::Config again(0);
   const auto in_range = [](ConfSave::int64 v) { return v > 0 && v < (ConfSave::int64{1} << 62U); };
   if (converted && in_range(config.vers) &&
