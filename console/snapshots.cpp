@@ -119,6 +119,15 @@ std::optional<ConfSave::Config> find_exactly(const std::string& name, ConfSave::
   return std::nullopt;
 }
 
+bool has_plain_name(const ConfSave::Config& config) {
+  ConfSave::Storage storage;
+  if (storage.Exists(config.name, config.vers)) return true;
+  std::cerr << "confsave: the stored name that begins with '" << printable(config.name)
+            << "' goes on after a NUL byte. Rename or delete its row with sqlite3 in "
+            << quoted(ConfSave::storage_file()) << ".\n";
+  return false;
+}
+
 bool is_since(ConfSave::int64 stored_time, std::time_t since) {
   const auto elapsed = static_cast<std::uint32_t>(stored_time) - static_cast<std::uint32_t>(since);
   return elapsed < 0x80000000U;
