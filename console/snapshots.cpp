@@ -18,6 +18,7 @@
 #include "command_runner.h"
 #include "exit_status.h"
 #include "interrupt.h"
+#include "storage_schema.h"
 #include "storage_wait.h"
 #include "text.h"
 
@@ -90,6 +91,11 @@ std::string reason_of_failed_command() {
 }  // namespace
 
 int check_storage() {
+  if (has_foreign_config()) {
+    std::cerr << "confsave: " << quoted(ConfSave::storage_file())
+              << " is not a storage of ConfSave: 'Config' in it is not a table. Move the file away.\n";
+    return kNoStorage;
+  }
   ConfSave::Storage storage;
   if (!storage.opened) {
     print_why_not_opened();
