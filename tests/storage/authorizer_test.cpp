@@ -162,7 +162,6 @@ TEST_F(Authorizer, VirtualTableMayUpdateItsOwnTables) {
   storage.reset();
 }
 
-// ---------------------------------------------------------------------------------------------------
 // Whole scenarios, with the authorizer and without
 
 /// What an operation prints, what it logs, and the database afterwards.
