@@ -351,6 +351,15 @@ INSTANTIATE_TEST_SUITE_P(, StorageWriteRefused,
                            return std::get<0>(test.param).name + std::get<1>(test.param).name;
                          });
 
+TEST_P(StorageWrite, TableOfAnotherShapeGetsNoRow) {
+  rearrange(
+      "drop table Config; create table Config (name text, version integer); "
+      "insert into Config values ('weekly', 17264017408), ('daily', 0)");
+  write();
+  EXPECT_EQ(query("select name from Config"),
+            creates() ? (Rows{{"weekly"}, {"daily"}}) : (Rows{{"daily"}}));
+}
+
 TEST_P(StorageWrite, ReadOnlyConnectionIsReported) {
   sqlite3_set_authorizer(connection, nullptr, nullptr);  // It refuses the pragma.
   sqlite3_exec(connection, "pragma query_only=on", nullptr, nullptr, nullptr);
