@@ -57,12 +57,10 @@ void save_as(const std::string& name) {
 }
 
 void delete_named(const std::string& name) {
-  const auto config = find_exactly(name, kNoVersion);
-  if (!config) {
+  if (!find_exactly(name, kNoVersion)) {
     std::cerr << "confsave: nothing is stored as '" << name << "' without a version.\n";
     return;
   }
-  if (!has_plain_name(*config)) return;
   ConfSave::App::del(name);
   if (!find_exactly(name, kNoVersion)) return;
   std::cerr << "confsave: '" << name << "' could not be deleted.\n";
@@ -88,7 +86,6 @@ void load_named(const std::string& name) {
     std::cerr << "confsave: nothing is stored as '" << name << "' without a version.\n";
     return;
   }
-  if (!has_plain_name(*config)) return;
   const Destination destination("");
   if (!destination.is_safe() || !can_be_restored(*config)) return;
   const std::time_t start = later_than(config->load_time);

@@ -1,0 +1,174 @@
+#pragma once
+
+// Typed access to the snapshots of ConfSave: what is stored, what is in it, and whether it can be restored.
+//
+//   #include <confsave/snapshots.h>
+//
+//   namespace cs = ConfSave::snapshots;
+//
+//   // Every snapshot, the oldest first.
+//   auto all = cs::list();
+//   if (!all) return fail(all.error());
+//   for (const cs::Snapshot& snapshot : *all) std::cout << snapshot.config.name << '\n';
+//
+//   // The files of one.
+//   auto members = cs::members({"weekly"});
+//   if (!members) return fail(members.error());   // for example Code::not_found, Code::damaged
+//   for (const cs::Member& member : *members) std::cout << member.path << ' ' << member.size << '\n';
+//
+// Results. Every function returns a Result: a value, or an Error with a code, the path that it is about,
+// the system's error number, and a sentence. Nothing is printed, nothing is asked, and no exception but
+// std::bad_alloc leaves a function.
+//
+// Waiting. No call waits longer than the `wait` of its options, also for a lock of SQLite; it then returns
+// Code::busy.
+//
+// Memory. Archives are read as streams: memory does not grow with the size of a snapshot.
+//
+// Times are seconds since the epoch, of 64 bits. Versions are packed, see <confsave.h>. Paths of members
+// are absolute: where a restore puts them.
+//
+// Threads. Functions have no state in common; different threads may call them at the same time.
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "confsave.h"
+
+namespace ConfSave::snapshots {
+
+// ---------------------------------------------------------------------------------------------------
+// Results
+
+/// Why a function did not do what it was asked to.
+enum class Code {
+  ok,
+  bad_argument,  ///< the call is wrong; nothing was done
+  not_found,     ///< no snapshot matches, or a snapshot has no such member
+  ambiguous,     ///< more than one snapshot matches
+  busy,          ///< another process holds a lock, and the wait is over
+  damaged,       ///< an archive cannot be decoded to its end, or a row has values of the wrong type
+  unsafe,        ///< an archive has a member that a restore must not follow
+  denied,        ///< permission, or a file system that is read-only
+  no_storage,    ///< "storage.db" cannot be opened, or is not a storage
+  failed,        ///< a system call failed; `number` says how
+};
+
+/// A failure.
+struct Error {
+  Code code = Code::ok;
+  int number = 0;  ///< errno, or SQLite's extended code for a file that SQLite could not use; 0 if neither
+  std::string path;  ///< the file or member that it is about; may be empty
+  std::string text;  ///< one sentence without the path, without a line end
+};
+
+/// Either a Value or an Error.
+template <class Value>
+class [[nodiscard]] Result {
+ public:
+  Result(Value value) : content_(std::move(value)) {}
+  Result(Error error) : content_(std::move(error)) {}
+
+  /// True if there is a value.
+  explicit operator bool() const { return std::holds_alternative<Value>(content_); }
+
+  /// The value. Only if there is one.
+  Value& operator*() { return *std::get_if<Value>(&content_); }
+  const Value& operator*() const { return *std::get_if<Value>(&content_); }
+  Value* operator->() { return std::get_if<Value>(&content_); }
+  const Value* operator->() const { return std::get_if<Value>(&content_); }
+
+  /// The error. Only if there is no value.
+  const Error& error() const { return *std::get_if<Error>(&content_); }
+
+ private:
+  std::variant<Value, Error> content_;
+};
+
+// ---------------------------------------------------------------------------------------------------
+// Snapshots
+
+/// Names exactly one row. Version 0 means the row that was stored without a version.
+struct Id {
+  std::string name;
+  int64 version = CURRENT_VERSION;
+};
+
+/// One row, without its archives.
+struct Snapshot {
+  int64 id = 0;      ///< of the row; never used twice in one storage
+  Config config{0};  ///< times of 64 bits; a load time of 0 means never
+  int64 size = 0;    ///< bytes of both archives, packed
+};
+using Snapshots = std::vector<Snapshot>;
+
+/// Which rows, in which order.
+struct Query {
+  enum class Order { id, name, version, saved, loaded };
+
+  std::string pattern = "*";          ///< of the name: * ? [ ] as SQLite's glob has them
+  std::optional<int64> version = {};  ///< exactly this one
+  std::optional<int64> up_to = {};    ///< this one or lower
+  bool corlu_config = false;          ///< also the record of the packet filter itself
+  Order order = Order::id;            ///< then by id
+  std::chrono::milliseconds wait{1000};
+};
+
+/// What sort of file a member is.
+enum class Kind { file, directory, symlink, hardlink };
+
+using Digest = std::array<std::uint8_t, 32>;
+
+/// One file in a snapshot.
+struct Member {
+  std::string path;  ///< absolute
+  Kind kind = Kind::file;
+  std::uint32_t mode = 0;  ///< permission bits, set-uid, set-gid and sticky included
+  std::uint32_t uid = 0;
+  std::uint32_t gid = 0;
+  int64 size = 0;       ///< bytes; of a hard link those of its file; 0 for a directory or symbolic link
+  int64 time = 0;       ///< of the last modification
+  Digest sha256{};      ///< of the content; of a symbolic link that of its target; zeros for a directory
+  std::string target;   ///< of a symbolic link, as stored; of a hard link the absolute path of its file
+  bool secret = false;  ///< holds keys: do not show its content
+};
+using Members = std::vector<Member>;
+
+/// Whether a snapshot can be restored.
+struct Verdict {
+  enum class State {
+    intact,   ///< both archives can be decoded to the end, and every member can be restored
+    damaged,  ///< no: a row with values of the wrong type, an archive that ends early or fails its checksum
+    unsafe,   ///< no: a member that a restore must not follow
+  };
+
+  Snapshot snapshot;
+  State state = State::intact;
+  std::vector<std::string> problems;  ///< a sentence each; empty if intact
+};
+
+/// For calls that only read.
+struct ReadOptions {
+  std::chrono::milliseconds wait{1000};
+};
+
+/// The rows that match. A storage that does not exist yet has none. Reads no archive.
+CONFSAVE_API Result<Snapshots> list(const Query& query = {});
+
+/// The only row that matches; else Code::not_found or Code::ambiguous.
+CONFSAVE_API Result<Snapshot> find(const Query& query);
+
+/// The members in the order of their paths; of a path that an archive has twice, the later one. Decodes
+/// both archives to the end. Code::damaged and Code::unsafe say which member, in `path`.
+CONFSAVE_API Result<Members> members(const Id& id, const ReadOptions& options = {});
+
+/// Decodes both archives to the end and checks every member. Repairs nothing.
+CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {});
+
+}  // namespace ConfSave::snapshots

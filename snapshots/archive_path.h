@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include "snapshots/limits.h"
+
+namespace ConfSave::snapshots {
+
+/// Brings the path of an archive's entry into its one form: "./a//b/" becomes "a/b", "." becomes empty.
+/// Code::unsafe for a path that leaves the destination or exceeds a limit.
+Error normalize(const std::string& stored, const Limits& limits, std::string& path);
+
+/// The text with control characters escaped, for a message.
+std::string printable(const std::string& text);
+
+}  // namespace ConfSave::snapshots

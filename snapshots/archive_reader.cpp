@@ -1,0 +1,267 @@
+#include "snapshots/archive_reader.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <algorithm>
+#include <clocale>
+#include <exception>
+#include <memory>
+#include <new>
+#include <unordered_map>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/gunzip.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+/// While it lives, names of this thread are UTF-8: under other locales libarchive refuses names.
+class Utf8Names {
+ public:
+  Utf8Names() : utf8_(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr)), before_(uselocale(utf8_)) {}
+  Utf8Names(const Utf8Names&) = delete;
+  Utf8Names& operator=(const Utf8Names&) = delete;
+  ~Utf8Names() {
+    uselocale(before_);
+    if (utf8_ != nullptr) freelocale(utf8_);
+  }
+
+ private:
+  locale_t utf8_;
+  locale_t before_;
+};
+
+struct FreeArchive {
+  void operator()(struct archive* reader) const { archive_read_free(reader); }
+};
+using Reader = std::unique_ptr<struct archive, FreeArchive>;
+
+/// What libarchive's callback reads from, and what went wrong in it.
+struct Input {
+  Source& source;
+  Error error;
+  std::exception_ptr thrown;
+
+  Result<std::string_view> next() {
+    Result<std::string_view> piece = source.next();
+    if (!piece) error = piece.error();
+    return piece;
+  }
+};
+
+/// No exception may cross libarchive.
+la_ssize_t read_input(struct archive*, void* context, const void** bytes) noexcept {
+  auto& input = *static_cast<Input*>(context);
+  try {
+    const Result<std::string_view> piece = input.next();
+    if (!piece) return ARCHIVE_FATAL;
+    *bytes = piece->data();
+    return static_cast<la_ssize_t>(piece->size());
+  } catch (...) {
+    input.thrown = std::current_exception();
+    return ARCHIVE_FATAL;
+  }
+}
+
+std::string text_of(const char* text) { return text != nullptr ? text : ""; }
+
+/// Remembers what is in the archive so far, so that nothing is put through a link of it.
+class Paths {
+ public:
+  /// Code::unsafe when `entry` cannot be put where it belongs without following a link.
+  Error add(const Entry& entry) {
+    for (std::size_t end = entry.path.find('/'); end != std::string::npos;
+         end = entry.path.find('/', end + 1)) {
+      const auto parent = kinds_.find(entry.path.substr(0, end));
+      if (parent != kinds_.end() && parent->second == Kind::symlink) {
+        return unsafe(entry, "a member is below a symbolic link of the same archive");
+      }
+      if (parent != kinds_.end() && parent->second != Kind::directory) {
+        return unsafe(entry, "a member is below a file of the same archive");
+      }
+      kinds_.emplace(entry.path.substr(0, end), Kind::directory);
+    }
+    const auto before = kinds_.find(entry.path);
+    const bool was_directory = before != kinds_.end() && before->second == Kind::directory;
+    if (was_directory && entry.kind != Kind::directory) {
+      return unsafe(entry, "a member takes the place of a directory of the same archive");
+    }
+    if (entry.kind == Kind::hardlink) {
+      const auto file = kinds_.find(entry.target);
+      if (file == kinds_.end() || file->second == Kind::directory || file->second == Kind::symlink) {
+        return unsafe(entry, "a hard link points to no earlier file of the archive");
+      }
+    }
+    kinds_[entry.path] = entry.kind;
+    return {};
+  }
+
+ private:
+  static Error unsafe(const Entry& entry, const char* text) {
+    return {Code::unsafe, 0, printable(entry.path), text};
+  }
+
+  std::unordered_map<std::string, Kind> kinds_;
+};
+
+class ArchiveReading {
+ public:
+  ArchiveReading(Source& packed, const Limits& limits, const EntryHandler& handler)
+      : limits_(limits), handler_(handler), gunzip_(packed, limits), input_{gunzip_, {}, nullptr} {}
+
+  Error run() {
+    Error error = open();
+    bool more = error.code == Code::ok;
+    while (more) error = read_entry(more);
+    if (error.code == Code::ok) error = drain();
+    return error;
+  }
+
+ private:
+  Error open() {
+    reader_.reset(archive_read_new());
+    if (reader_ == nullptr) throw std::bad_alloc();
+    archive_read_support_format_tar(reader_.get());
+    archive_read_support_format_empty(reader_.get());
+    // Names are bytes: no locale may change or refuse them.
+    archive_read_set_format_option(reader_.get(), "tar", "hdrcharset", "BINARY");
+    return archive_read_open(reader_.get(), &input_, nullptr, read_input, nullptr) == ARCHIVE_OK
+               ? Error{}
+               : failure();
+  }
+
+  /// What ended the reading: the input's own error, else libarchive's.
+  Error failure() const {
+    if (input_.thrown) std::rethrow_exception(input_.thrown);
+    if (input_.error.code != Code::ok) return input_.error;
+    const std::string text = text_of(archive_error_string(reader_.get()));
+    return {Code::damaged, 0, printable(current_.path), "the tar archive is damaged: " + printable(text)};
+  }
+
+  Error read_entry(bool& more) {
+    struct archive_entry* entry = nullptr;
+    const int code = archive_read_next_header(reader_.get(), &entry);
+    more = false;
+    if (code == ARCHIVE_EOF) return {};
+    // A warning is about a name that is not UTF-8, of which the bytes count.
+    if (code != ARCHIVE_OK && code != ARCHIVE_WARN) return failure();
+    if (++count_ > limits_.members) {
+      return {Code::unsafe, 0, "",
+              "the archive has more than " + std::to_string(limits_.members) + " members"};
+    }
+    Error error = convert(entry);
+    // The destination itself, as "." is, stays as it is.
+    if (error.code == Code::ok && !current_.path.empty()) error = deliver();
+    more = error.code == Code::ok;
+    return error;
+  }
+
+  Error convert(struct archive_entry* entry) {
+    const std::string stored = text_of(archive_entry_pathname(entry));
+    current_ = {};
+    if (Error error = normalize(stored, limits_, current_.path); error.code != Code::ok) return error;
+    current_.mode = archive_entry_perm(entry);
+    current_.uid = static_cast<std::uint32_t>(archive_entry_uid(entry));
+    current_.gid = static_cast<std::uint32_t>(archive_entry_gid(entry));
+    current_.user = text_of(archive_entry_uname(entry));
+    current_.group = text_of(archive_entry_gname(entry));
+    current_.time = archive_entry_mtime(entry);
+    if (const char* link = archive_entry_hardlink(entry); link != nullptr) {
+      current_.kind = Kind::hardlink;
+      return normalize(link, limits_, current_.target);
+    }
+    return convert_type(entry);
+  }
+
+  Error convert_type(struct archive_entry* entry) {
+    switch (archive_entry_filetype(entry)) {
+      case AE_IFREG:
+        current_.size = archive_entry_size(entry);
+        return {};
+      case AE_IFDIR:
+        current_.kind = Kind::directory;
+        return {};
+      case AE_IFLNK:
+        current_.kind = Kind::symlink;
+        current_.target = text_of(archive_entry_symlink(entry));
+        return {};
+      default:
+        return {Code::unsafe, 0, printable(current_.path), "a member is a device, a FIFO or a socket"};
+    }
+  }
+
+  Error deliver() {
+    if (Error error = paths_.add(current_); error.code != Code::ok) return error;
+    if (Error error = handler_.begin(current_); error.code != Code::ok) return error;
+    if (current_.kind == Kind::file) {
+      if (Error error = deliver_content(); error.code != Code::ok) return error;
+    }
+    return handler_.end();
+  }
+
+  Error deliver_content() {
+    delivered_ = 0;
+    for (;;) {
+      const void* bytes = nullptr;
+      std::size_t size = 0;
+      la_int64_t offset = 0;
+      const int code = archive_read_data_block(reader_.get(), &bytes, &size, &offset);
+      if (code == ARCHIVE_EOF) return deliver_zeros_up_to(current_.size);
+      if (code != ARCHIVE_OK) return failure();
+      if (Error error = deliver_zeros_up_to(offset); error.code != Code::ok) return error;
+      if (Error error = deliver_piece({static_cast<const char*>(bytes), size}); error.code != Code::ok)
+        return error;
+    }
+  }
+
+  /// The holes of a sparse file are not in the packed bytes.
+  Error deliver_zeros_up_to(int64 offset) {
+    static const std::string zeros(64 << 10, '\0');
+    while (delivered_ < offset) {
+      const auto size = std::min(offset - delivered_, static_cast<int64>(zeros.size()));
+      Error error = deliver_piece({zeros.data(), static_cast<std::size_t>(size)});
+      if (error.code != Code::ok) return error;
+    }
+    return {};
+  }
+
+  Error deliver_piece(std::string_view piece) {
+    delivered_ += static_cast<int64>(piece.size());
+    content_size_ += static_cast<int64>(piece.size());
+    if (content_size_ > limits_.unpacked) {
+      return {Code::unsafe, 0, printable(current_.path),
+              "the archive unpacks to more than " + std::to_string(limits_.unpacked) + " bytes"};
+    }
+    return piece.empty() ? Error{} : handler_.content(piece);
+  }
+
+  /// What follows the end of the tar archive is ignored, but must unpack: the checksum comes last.
+  Error drain() {
+    for (;;) {
+      const Result<std::string_view> piece = gunzip_.next();
+      if (!piece) return piece.error();
+      if (piece->empty()) return {};
+    }
+  }
+
+  const Limits& limits_;
+  const EntryHandler& handler_;
+  Gunzip gunzip_;
+  Input input_;
+  Reader reader_;
+  Paths paths_;
+  Entry current_;
+  int64 delivered_ = 0;  ///< bytes of the current file
+  int64 count_ = 0;
+  int64 content_size_ = 0;
+};
+
+}  // namespace
+
+Error read_archive(Source& packed, const Limits& limits, const EntryHandler& handler) {
+  const Utf8Names names;
+  return ArchiveReading(packed, limits, handler).run();
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <exception>
+#include <new>
+
+#include "confsave/snapshots.h"
+
+namespace ConfSave::snapshots {
+
+/// Calls what a public function does. std::bad_alloc passes; any other exception, which only the host's
+/// platform can throw, becomes an error.
+template <class Call>
+auto at_boundary(Call call) -> decltype(call()) {
+  try {
+    return call();
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception& error) {
+    return Error{Code::failed, 0, "", error.what()};
+  } catch (...) {
+    return Error{Code::failed, 0, "", "the platform threw an exception"};
+  }
+}
+
+}  // namespace ConfSave::snapshots

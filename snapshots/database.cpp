@@ -1,0 +1,117 @@
+#include "snapshots/database.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <new>
+
+namespace ConfSave::snapshots {
+namespace {
+
+Code code_of(int code) {
+  switch (code & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      return Code::busy;
+    case SQLITE_PERM:
+    case SQLITE_READONLY:
+    case SQLITE_AUTH:
+      return Code::denied;
+    case SQLITE_CANTOPEN:
+    case SQLITE_NOTADB:
+    case SQLITE_CORRUPT:
+    case SQLITE_ERROR:
+      return Code::no_storage;
+    default:
+      return Code::failed;
+  }
+}
+
+/// Memory is the one thing whose end is thrown.
+void require_memory(int code) {
+  if ((code & 0xff) == SQLITE_NOMEM) throw std::bad_alloc();
+}
+
+}  // namespace
+
+Statement& Statement::bind(int64 number) {
+  require_memory(sqlite3_bind_int64(statement_.get(), ++bound_, number));
+  return *this;
+}
+
+Statement& Statement::bind(const std::string& text) {
+  require_memory(sqlite3_bind_text64(statement_.get(), ++bound_, text.data(), text.size(), SQLITE_TRANSIENT,
+                                     SQLITE_UTF8));
+  return *this;
+}
+
+std::string Statement::text(int column) const {
+  const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_.get(), column));
+  const int size = sqlite3_column_bytes(statement_.get(), column);
+  return bytes != nullptr ? std::string(bytes, static_cast<std::size_t>(size)) : std::string();
+}
+
+Result<Database> Database::open(const std::string& file, std::chrono::milliseconds wait) {
+  struct stat status = {};
+  if (stat(file.c_str(), &status) != 0) return Error{Code::no_storage, errno, file, std::strerror(errno)};
+  if (!S_ISREG(status.st_mode)) return Error{Code::no_storage, 0, file, "this is not a regular file"};
+
+  Database database(file);
+  sqlite3* opened = nullptr;
+  // SQLite falls back to reading only where it may not write.
+  const int code =
+      sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+  database.db_.reset(opened);
+  if (opened == nullptr) throw std::bad_alloc();
+  sqlite3_extended_result_codes(opened, 1);
+  if (code != SQLITE_OK) return database.error();
+  sqlite3_busy_timeout(
+      opened, static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(wait.count(), 0, INT_MAX)));
+  sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+  sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+  sqlite3_limit(opened, SQLITE_LIMIT_ATTACHED, 0);
+  return database;
+}
+
+Result<Statement> Database::prepare(const std::string& text) {
+  sqlite3_stmt* statement = nullptr;
+  const int code = sqlite3_prepare_v2(db_.get(), text.c_str(), -1, &statement, nullptr);
+  if (code != SQLITE_OK) return error();
+  return Statement(statement);
+}
+
+Error Database::error() const {
+  const int code = sqlite3_extended_errcode(db_.get());
+  require_memory(code);
+  return {code_of(code), code, file_, sqlite3_errmsg(db_.get())};
+}
+
+Result<std::unique_ptr<BlobSource>> BlobSource::open(Database& database, const char* column, int64 id) {
+  std::unique_ptr<BlobSource> source(new BlobSource(database));
+  sqlite3_blob* blob = nullptr;
+  const int code = sqlite3_blob_open(database.get(), "main", "Config", column, id, 0, &blob);
+  source->blob_.reset(blob);
+  if (code != SQLITE_OK) return database.error();
+  return source;
+}
+
+Result<std::string_view> BlobSource::next() {
+  const int left = sqlite3_blob_bytes(blob_.get()) - offset_;
+  const int size = std::min(left, static_cast<int>(buffer_.size()));
+  if (size <= 0) return std::string_view();
+  if (sqlite3_blob_read(blob_.get(), buffer_.data(), size, offset_) != SQLITE_OK) {
+    Error error = database_.error();
+    // A page of this archive, and not the storage as a whole.
+    if (error.code == Code::no_storage) error = {Code::damaged, error.number, "", error.text};
+    return error;
+  }
+  offset_ += size;
+  return std::string_view(buffer_.data(), static_cast<std::size_t>(size));
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "confsave/snapshots.h"
+#include "snapshots/source.h"
+
+namespace ConfSave::snapshots {
+
+struct FinalizeStatement {
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+
+/// A prepared statement, with its parameters bound by value.
+class Statement {
+ public:
+  explicit Statement(sqlite3_stmt* statement) : statement_(statement) {}
+
+  Statement& bind(int64 number);
+  Statement& bind(const std::string& text);
+
+  /// SQLITE_ROW, SQLITE_DONE, or SQLite's error.
+  int step() { return sqlite3_step(statement_.get()); }
+
+  int type(int column) const { return sqlite3_column_type(statement_.get(), column); }
+  int64 number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+  /// Bytes behind a NUL included.
+  std::string text(int column) const;
+
+ private:
+  std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement_;
+  int bound_ = 0;
+};
+
+/// A connection of our own to an SQLite file that nobody vouches for: its schema may not run functions with
+/// side effects, cannot be damaged by a statement, and no lock is waited for longer than `wait`.
+class Database {
+ public:
+  /// Opens an existing file for reading; writes only to roll back what a killed process left. The error of
+  /// a missing file has the number ENOENT.
+  static Result<Database> open(const std::string& file, std::chrono::milliseconds wait);
+
+  Result<Statement> prepare(const std::string& text);
+
+  /// The error of the last call that failed.
+  Error error() const;
+
+  sqlite3* get() const { return db_.get(); }
+  const std::string& file() const { return file_; }
+
+ private:
+  struct Close {
+    void operator()(sqlite3* db) const { sqlite3_close(db); }
+  };
+
+  explicit Database(std::string file) : file_(std::move(file)) {}
+
+  std::string file_;
+  std::unique_ptr<sqlite3, Close> db_;
+};
+
+/// The bytes of a blob, read piece by piece.
+class BlobSource : public Source {
+ public:
+  /// Column `column` of the row `id` of 'Config'. The database must outlive this object.
+  static Result<std::unique_ptr<BlobSource>> open(Database& database, const char* column, int64 id);
+
+  Result<std::string_view> next() override;
+
+ private:
+  struct Close {
+    void operator()(sqlite3_blob* blob) const { sqlite3_blob_close(blob); }
+  };
+
+  explicit BlobSource(Database& database) : database_(database), buffer_(64 << 10, '\0') {}
+
+  Database& database_;
+  std::unique_ptr<sqlite3_blob, Close> blob_;
+  std::string buffer_;
+  int offset_ = 0;
+};
+
+}  // namespace ConfSave::snapshots

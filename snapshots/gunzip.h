@@ -1,0 +1,47 @@
+#pragma once
+
+#include <isa-l/igzip_lib.h>
+
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "snapshots/limits.h"
+#include "snapshots/source.h"
+
+namespace ConfSave::snapshots {
+
+/// Unpacks gzip: one member, or several in a row. What follows the last one is ignored, as gzip does. An
+/// end in the middle, and a wrong checksum or length, are Code::damaged; too many bytes for the packed ones
+/// are Code::unsafe. Errors have no path.
+class Gunzip : public Source {
+ public:
+  /// `packed` must outlive this object.
+  Gunzip(Source& packed, const Limits& limits);
+
+  Result<std::string_view> next() override;
+
+ private:
+  enum class Position { before_member, in_header, in_data, after_member, at_end };
+
+  /// Makes sure that there is input, unless the source has ended.
+  Error refill();
+  void enter_header();
+  Error read_header(bool has_input);
+  /// Unpacks into the buffer; `size` is how much.
+  Error inflate(std::size_t& size);
+  Error check_size(std::size_t more);
+
+  Source& packed_;
+  Limits limits_;
+  std::unique_ptr<inflate_state> state_;
+  isal_gzip_header header_ = {};
+  std::vector<char> buffer_;
+  Position position_ = Position::before_member;
+  bool is_first_ = true;
+  bool source_ended_ = false;
+  int64 packed_size_ = 0;
+  int64 unpacked_size_ = 0;
+};
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,84 @@
+#include "snapshots/member_collector.h"
+
+#include <algorithm>
+
+#include "places.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+bool begins_with(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+}  // namespace
+
+std::string directory_of(Base base) {
+  return base == Base::failover ? kFailoverDirectory : config_directory();
+}
+
+Secrets::Secrets(Base base) {
+  for (const ContentsEntry& entry : contents()) {
+    if (entry.base != base || entry.holds != Holds::keys) continue;
+    if (entry.path.back() == '*') {
+      prefixes_.push_back(entry.path.substr(0, entry.path.size() - 1));
+    } else {
+      paths_.push_back(entry.path);
+    }
+  }
+}
+
+bool Secrets::contains(const std::string& path) const {
+  return std::any_of(prefixes_.begin(), prefixes_.end(),
+                     [&path](const std::string& prefix) { return begins_with(path, prefix); }) ||
+         std::any_of(paths_.begin(), paths_.end(), [&path](const std::string& secret) {
+           return path == secret || begins_with(path, secret + "/");
+         });
+}
+
+EntryHandler MemberCollector::handler() {
+  return {[this](const Entry& entry) {
+            begin(entry);
+            return Error{};
+          },
+          [this](std::string_view piece) {
+            sha256_.add(piece.data(), piece.size());
+            return Error{};
+          },
+          [this] {
+            end();
+            return Error{};
+          }};
+}
+
+void MemberCollector::begin(const Entry& entry) {
+  current_ = {};
+  current_.path = directory_ + entry.path;
+  current_.kind = entry.kind;
+  current_.mode = entry.mode;
+  current_.uid = entry.uid;
+  current_.gid = entry.gid;
+  current_.size = entry.size;
+  current_.time = entry.time;
+  current_.secret = secrets_.contains(entry.path);
+  if (entry.kind == Kind::symlink) {
+    current_.target = entry.target;
+    sha256_.add(entry.target.data(), entry.target.size());
+  }
+  if (entry.kind == Kind::hardlink) current_.target = directory_ + entry.target;
+}
+
+void MemberCollector::end() {
+  const Digest digest = sha256_.finish();
+  if (current_.kind == Kind::file || current_.kind == Kind::symlink) current_.sha256 = digest;
+  if (current_.kind == Kind::hardlink) {
+    // The reader has seen to it that the file comes before its links.
+    const Member& file = members_.at(current_.target);
+    current_.size = file.size;
+    current_.sha256 = file.sha256;
+    current_.secret = current_.secret || file.secret;
+  }
+  members_[current_.path] = current_;
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,178 @@
+// list, find, members, verify: what only reads.
+
+#include <algorithm>
+#include <utility>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/boundary.h"
+#include "snapshots/member_collector.h"
+#include "snapshots/storage_reader.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+/// One of the two archives of a row.
+struct Column {
+  const char* name;
+  Base base;
+};
+
+std::vector<Column> columns_of(conftype type) {
+  if (type == conf_corlu) return {{"keybase", Base::configuration}};
+  return {{"keybase", Base::configuration}, {"etc", Base::failover}};
+}
+
+Error not_found(const std::string& name) {
+  return {Code::not_found, 0, "", "there is no snapshot '" + printable(name) + "'"};
+}
+
+/// The row `id` and the connection that found it, in one read transaction, so that its archives are of the
+/// same moment.
+struct OpenRow {
+  StorageReader reader;
+  Snapshot snapshot;
+};
+
+/// A pattern that matches one name only.
+std::string literally(const std::string& name) {
+  std::string pattern;
+  for (const char letter : name) {
+    const bool special = letter == '*' || letter == '?' || letter == '[';
+    pattern += special ? std::string("[") + letter + "]" : std::string(1, letter);
+  }
+  return pattern;
+}
+
+Result<OpenRow> open_row(const Id& id, std::chrono::milliseconds wait) {
+  Result<std::optional<StorageReader>> reader = StorageReader::open(wait);
+  if (!reader) return reader.error();
+  if (!*reader) return not_found(id.name);
+  OpenRow row{std::move(**reader), {}};
+  if (Error error = row.reader.begin(); error.code != Code::ok) return error;
+  Query query;
+  query.pattern = literally(id.name);
+  query.version = id.version;
+  query.corlu_config = true;
+  bool found = false;
+  const Error error = row.reader.for_each(query, [&](Snapshot snapshot) {
+    row.snapshot = std::move(snapshot);
+    found = true;
+    return Error{};
+  });
+  if (error.code != Code::ok) return error;
+  if (!found) return not_found(id.name);
+  return row;
+}
+
+/// Code::damaged unless column `name` holds a value of `type`.
+Error check_type(OpenRow& row, const char* name, const std::string& type) {
+  Result<Statement> statement =
+      row.reader.database().prepare("select typeof(" + std::string(name) + ") from Config where id = ?");
+  if (!statement) return statement.error();
+  statement->bind(row.snapshot.id);
+  if (statement->step() != SQLITE_ROW) return row.reader.database().error();
+  const std::string actual = statement->text(0);
+  if (actual == type) return {};
+  return {Code::damaged, 0, name, "the column holds a value of type " + actual + ", not " + type};
+}
+
+Error collect(OpenRow& row, const Column& column, std::map<std::string, Member>& members) {
+  if (Error error = check_type(row, column.name, "blob"); error.code != Code::ok) return error;
+  Result<std::unique_ptr<BlobSource>> blob =
+      BlobSource::open(row.reader.database(), column.name, row.snapshot.id);
+  if (!blob) return blob.error();
+  MemberCollector collector(column.base);
+  Error error = read_archive(**blob, Limits{}, collector.handler());
+  if (error.path.empty()) error.path = column.name;
+  if (error.code != Code::ok) return error;
+  for (const auto& [path, member] : collector.members()) members[path] = member;
+  return {};
+}
+
+bool is_about_the_archive(const Error& error) {
+  return error.code == Code::damaged || error.code == Code::unsafe;
+}
+
+void judge(Verdict& verdict, const Error& error) {
+  const bool unsafe = error.code == Code::unsafe;
+  if (verdict.state != Verdict::State::damaged) {
+    verdict.state = unsafe ? Verdict::State::unsafe : Verdict::State::damaged;
+  }
+  verdict.problems.push_back(error.path + ": " + error.text);
+}
+
+Result<Snapshots> list_rows(const Query& query) {
+  Result<std::optional<StorageReader>> reader = StorageReader::open(query.wait);
+  if (!reader) return reader.error();
+  Snapshots snapshots;
+  if (!*reader) return snapshots;
+  const Error error = (*reader)->for_each(query, [&snapshots](Snapshot snapshot) {
+    snapshots.push_back(std::move(snapshot));
+    return Error{};
+  });
+  if (error.code != Code::ok) return error;
+  return snapshots;
+}
+
+Result<Snapshot> find_row(const Query& query) {
+  Result<Snapshots> found = list_rows(query);
+  if (!found) return found.error();
+  if (found->empty()) return not_found(query.pattern);
+  if (found->size() > 1) {
+    return Error{Code::ambiguous, 0, "",
+                 std::to_string(found->size()) + " snapshots match '" + printable(query.pattern) + "'"};
+  }
+  return std::move(found->front());
+}
+
+Result<Members> read_members(const Id& id, const ReadOptions& options) {
+  Result<OpenRow> row = open_row(id, options.wait);
+  if (!row) return row.error();
+  std::map<std::string, Member> found;
+  for (const Column& column : columns_of(row->snapshot.config.type)) {
+    if (Error error = collect(*row, column, found); error.code != Code::ok) return error;
+  }
+  Members members;
+  members.reserve(found.size());
+  for (auto& [path, member] : found) members.push_back(std::move(member));
+  return members;
+}
+
+Result<Verdict> check_row(const Id& id, const ReadOptions& options) {
+  Result<OpenRow> row = open_row(id, options.wait);
+  if (!row) return row.error();
+  Verdict verdict;
+  verdict.snapshot = row->snapshot;
+  if (const Error error = check_type(*row, "type", "integer"); error.code != Code::ok) {
+    if (!is_about_the_archive(error)) return error;
+    judge(verdict, error);
+  }
+  std::map<std::string, Member> ignored;
+  for (const Column& column : columns_of(row->snapshot.config.type)) {
+    const Error error = collect(*row, column, ignored);
+    if (error.code == Code::ok) continue;
+    if (!is_about_the_archive(error)) return error;
+    judge(verdict, error);
+  }
+  return verdict;
+}
+
+}  // namespace
+
+Result<Snapshots> list(const Query& query) {
+  return at_boundary([&] { return list_rows(query); });
+}
+
+Result<Snapshot> find(const Query& query) {
+  return at_boundary([&] { return find_row(query); });
+}
+
+Result<Members> members(const Id& id, const ReadOptions& options) {
+  return at_boundary([&] { return read_members(id, options); });
+}
+
+Result<Verdict> verify(const Id& id, const ReadOptions& options) {
+  return at_boundary([&] { return check_row(id, options); });
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,98 @@
+#include "snapshots/storage_reader.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "places.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+const char* order_of(Query::Order order) {
+  switch (order) {
+    case Query::Order::name:
+      return "name, id";
+    case Query::Order::version:
+      return "version, id";
+    case Query::Order::saved:
+      return "save_time, id";
+    case Query::Order::loaded:
+      return "load_time, id";
+    case Query::Order::id:
+      break;
+  }
+  return "id";
+}
+
+std::string text_of(const Query& query) {
+  std::string text =
+      "select id, name, version, type, save_time, load_time, "
+      "ifnull(length(keybase), 0) + ifnull(length(etc), 0) from Config where name glob ?";
+  if (query.version) text += " and version = ?";
+  if (query.up_to) text += " and version <= ?";
+  if (!query.corlu_config) text += " and name <> 'corlu-config'";
+  return text + " order by " + order_of(query.order);
+}
+
+Snapshot read_row(const Statement& statement) {
+  Snapshot snapshot;
+  snapshot.id = statement.number(0);
+  snapshot.config.name = statement.text(1);
+  snapshot.config.vers = statement.number(2);
+  snapshot.config.type = static_cast<conftype>(statement.number(3));
+  snapshot.config.save_time = statement.number(4);
+  snapshot.config.load_time = statement.number(5);
+  snapshot.size = statement.number(6);
+  return snapshot;
+}
+
+}  // namespace
+
+Result<std::optional<StorageReader>> StorageReader::open(std::chrono::milliseconds wait) {
+  Result<Database> database = Database::open(storage_file(), wait);
+  if (!database) {
+    // A directory that is not there is another matter than a file that nobody has made.
+    const bool is_new = database.error().number == ENOENT && access(state_directory().c_str(), F_OK) == 0;
+    if (is_new) return std::optional<StorageReader>();
+    return database.error();
+  }
+  StorageReader reader(std::move(*database));
+  Result<bool> has_table = reader.look_for_table();
+  if (!has_table) return has_table.error();
+  if (!*has_table) return std::optional<StorageReader>();
+  return std::optional<StorageReader>(std::move(reader));
+}
+
+Result<bool> StorageReader::look_for_table() {
+  Result<Statement> statement = database_.prepare(
+      "select count(*), ifnull(sum(name = 'Config' collate nocase and type = 'table' and rootpage > 0), 0) "
+      "from sqlite_schema");
+  if (!statement) return statement.error();
+  if (statement->step() != SQLITE_ROW) return database_.error();
+  if (statement->number(1) == 1) return true;
+  // The file is there before its table.
+  if (statement->number(0) == 0) return false;
+  return Error{Code::no_storage, 0, database_.file(), "it has no table 'Config'"};
+}
+
+Error StorageReader::begin() {
+  return sqlite3_exec(database_.get(), "begin", nullptr, nullptr, nullptr) == SQLITE_OK ? Error{}
+                                                                                        : database_.error();
+}
+
+Error StorageReader::for_each(const Query& query, const std::function<Error(Snapshot)>& row) {
+  Result<Statement> statement = database_.prepare(text_of(query));
+  if (!statement) return statement.error();
+  statement->bind(query.pattern);
+  if (query.version) statement->bind(*query.version);
+  if (query.up_to) statement->bind(*query.up_to);
+  for (;;) {
+    const int code = statement->step();
+    if (code == SQLITE_DONE) return {};
+    if (code != SQLITE_ROW) return database_.error();
+    if (Error error = row(read_row(*statement)); error.code != Code::ok) return error;
+  }
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+
+#include "snapshots/database.h"
+
+namespace ConfSave::snapshots {
+
+/// Reads "storage.db" of the platform. Waits for a lock no longer than it was told to.
+class StorageReader {
+ public:
+  /// No value if there is no file, or no table in it, yet.
+  static Result<std::optional<StorageReader>> open(std::chrono::milliseconds wait);
+
+  /// Starts a read transaction: everything that follows is of the same moment.
+  Error begin();
+
+  /// Calls `row` for each row that matches.
+  Error for_each(const Query& query, const std::function<Error(Snapshot)>& row);
+
+  Database& database() { return database_; }
+
+ private:
+  explicit StorageReader(Database database) : database_(std::move(database)) {}
+
+  /// Whether 'Config' is an ordinary table; false in a database that is still empty. A view or a virtual
+  /// table in its place is Code::no_storage: reading one runs what the file says.
+  Result<bool> look_for_table();
+
+  Database database_;
+};
+
+}  // namespace ConfSave::snapshots
