@@ -96,6 +96,18 @@ TEST_F(AppLoad, YOverwritesATakenName) {
             (Rows{{"1", "weekly", "0", "1", "1000", "<now>"}, {"3", "before", "0", "1", "<now>", "NULL"}}));
 }
 
+TEST_F(AppLoad, CapitalYOverwritesATakenName) {
+  put({"before", 0, 2, "1000", "2000"});
+  EXPECT_EQ(load("y\nbefore\nY\n", "nobody"),
+            "Save current configuration [Y/n]? ‹y›\n"
+            "Name for the current configuration: ‹before›\n"
+            "Config 'before' exists. Overwrite? ‹Y›\n"
+            "Kelmor configuration saved.\n"
+            "Loading configuration 'nobody'.\n"
+            "Unknown error: 0.\n");
+  EXPECT_EQ(rows(), (Rows{{"2", "before", "0", "1", "<now>", "NULL"}}));
+}
+
 TEST_F(AppLoad, AnyOtherAnswerToTheOverwriteQuestionAborts) {
   put_snapshot();
   put({"before", 0, 2, "1000", "2000"});

@@ -1,17 +1,20 @@
 #include "support/dialogue.h"
 
 #include <filesystem>
+#include <iostream>
 #include <optional>
 
 namespace test {
 
 std::string Dialogue::dialogue(const std::string& typed, const std::function<void()>& call) {
   forget();
+  const std::ostream* const tied = std::cin.tie();
   Console console(typed);
   {
     const WatchedInput watched([this] { expect_nothing_held(); });
     call();
   }
+  EXPECT_EQ(std::cin.tie(), tied);
   EXPECT_EQ(console.unread(), "");
   expect_nothing_held();
   EXPECT_EQ(open_files(), Texts());

@@ -1,8 +1,11 @@
 #include "support/throwing.h"
 
 #include <cxxabi.h>
+#include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <stdexcept>
+#include <typeinfo>
 
 #include "confsave.h"
 

@@ -2,13 +2,9 @@
 
 // Exceptions: how the tests' doubles throw them, and how a test catches them.
 
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <ostream>
-#include <stdexcept>
 #include <string>
-#include <typeinfo>
 #include <vector>
 
 namespace test {
@@ -19,19 +15,6 @@ using Raise = std::function<void()>;
 template <class Exception>
 Raise throwing(Exception exception) {
   return [exception] { throw exception; };
-}
-
-/// Calls `call`, which must throw exactly an `Exception`, not a class derived from it. Returns the
-/// exception.
-template <class Exception, class Call>
-Exception thrown_by(Call call) {
-  try {
-    call();
-  } catch (const Exception& error) {
-    EXPECT_EQ(typeid(error), typeid(Exception)) << typeid(error).name();
-    return error;
-  }
-  throw std::runtime_error(std::string("nothing of type ") + typeid(Exception).name() + " was thrown");
 }
 
 /// Calls `call`. Returns what it throws, as "type status: text", or "type: text" for any other exception.
