@@ -1,50 +1,81 @@
 #include "line_reader.h"
 
-#include <editline/readline.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <algorithm>
+#include <cstdio>
 #include <iostream>
-#include <memory>
 
 #include "shell_completion.h"
 
 namespace console {
 namespace {
 
-/// Returns one match after the other, each a copy that the line editor frees.
-char* next_match(const char* text, int number) {
-  static Arguments matches;
-  static std::size_t next = 0;
-  if (number == 0) {
-    matches = shell_candidates(std::string(rl_line_buffer, static_cast<std::size_t>(rl_point)), text);
-    next = 0;
+constexpr int kRemembered = 200;
+
+/// What all words begin with. There is at least one.
+std::string common_beginning(const Arguments& words) {
+  std::string common = words.front();
+  for (const std::string& word : words) {
+    common.erase(std::mismatch(common.begin(), common.end(), word.begin(), word.end()).first, common.end());
   }
-  return next < matches.size() ? strdup(matches[next++].c_str()) : nullptr;
+  return common;
 }
 
-char** complete(const char* text, int, int) {
-  rl_attempted_completion_over = 1;  // Never complete names of files.
-  return rl_completion_matches(text, next_match);
+/// The tab key: completes the word as far as it is clear, and lists the candidates when it is not.
+unsigned char complete(EditLine* editor, int) {
+  const LineInfo* info = el_line(editor);
+  const std::string line(info->buffer, info->cursor);
+  const std::string begun = line.substr(line.find_last_of(" \t") + 1);
+  const Arguments words = shell_candidates(line, begun);
+  if (words.empty()) return CC_ERROR;
+  const std::string end = common_beginning(words).substr(begun.size()) + (words.size() == 1 ? " " : "");
+  if (!end.empty()) return el_insertstr(editor, end.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
+  std::cout << '\n';
+  for (const std::string& word : words) std::cout << word << '\n';
+  std::cout.flush();
+  return CC_REDISPLAY;
+}
+
+const char* current_prompt = "";
+
+char* prompt_of(EditLine*) { return const_cast<char*>(current_prompt); }
+
+/// The keys that ask for a command of the line editor, some of which start other programs.
+void unbind_commands(EditLine* editor) {
+  for (const char* key : {"^[x", "^[X", "\\330", "\\370"}) {
+    el_set(editor, EL_BIND, key, "ed-unassigned", nullptr);
+  }
 }
 
 }  // namespace
 
-LineReader::LineReader() : terminal_(isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1) {
-  if (!terminal_) return;
-  constexpr int kRemembered = 200;
-  using_history();
-  stifle_history(kRemembered);
-  rl_attempted_completion_function = complete;
+LineReader::LineReader() {
+  if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) return;
+  HistEvent event = {};
+  history_.reset(history_init());
+  history(history_.get(), &event, H_SETSIZE, kRemembered);
+  editor_.reset(el_init("confsave", stdin, stdout, stderr));
+  if (editor_ == nullptr) return;
+  el_set(editor_.get(), EL_PROMPT, prompt_of);
+  el_set(editor_.get(), EL_EDITOR, "emacs");
+  el_set(editor_.get(), EL_SIGNAL, 1);
+  el_set(editor_.get(), EL_HIST, history, history_.get());
+  el_set(editor_.get(), EL_ADDFN, "complete", "Complete the word", complete);
+  el_set(editor_.get(), EL_BIND, "^I", "complete", nullptr);
+  unbind_commands(editor_.get());
 }
 
-bool LineReader::read(const std::string& prompt, std::string& line) const {
-  if (!terminal_) return static_cast<bool>(std::getline(std::cin, line));
-  const std::unique_ptr<char, decltype(&std::free)> typed(readline(prompt.c_str()), std::free);
-  if (typed == nullptr) return false;
-  line = typed.get();
-  if (!line.empty()) add_history(typed.get());
+bool LineReader::read(const char* prompt, std::string& line) {
+  if (!at_terminal()) return static_cast<bool>(std::getline(std::cin, line));
+  current_prompt = prompt;
+  int length = 0;
+  const char* typed = el_gets(editor_.get(), &length);
+  if (typed == nullptr || length <= 0) return false;
+  line.assign(typed, static_cast<std::size_t>(length));
+  if (line.back() == '\n') line.pop_back();
+  HistEvent event = {};
+  if (!line.empty()) history(history_.get(), &event, H_ENTER, line.c_str());
   return true;
 }
 
