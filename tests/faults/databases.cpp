@@ -112,12 +112,13 @@ std::string any_value() {
   return values[below(values.size())];
 }
 
-void forge(const fs::path& file) {
+/// The shapes in turn, each with rows and values that are drawn.
+void forge(const fs::path& file, std::size_t number) {
   sqlite3* db = nullptr;
   sqlite3_open(file.c_str(), &db);
   static const std::vector<std::string> shapes{
       "drop table Config; create table Config (id, name, version, keybase, etc, type, save_time, "
-      "load_time)",
+      "load_time); insert into Config (version) values (1)",
       "drop table Config; create view Config as select 1 as id, 'weekly' as name, 0 as version, x'00' as "
       "keybase, x'00' as etc, 1 as type, 1 as save_time, 1 as load_time",
       "create trigger t before insert on Config begin select raise(fail, 'no'); end",
@@ -129,7 +130,7 @@ void forge(const fs::path& file) {
       "create index i on Config (save_time)",
       "pragma journal_mode=wal",
       "select 1"};
-  std::string sql = shapes[below(shapes.size())] + ";";
+  std::string sql = shapes[number % shapes.size()] + ";";
   for (std::size_t i = 0, count = below(4); i < count; ++i) {
     sql += "insert into Config (name, version, keybase, etc, type, save_time, load_time) values (" +
            any_value() + "," + any_value() + "," + any_value() + "," + any_value() + "," + any_value() +
@@ -274,7 +275,7 @@ std::string damaged(const std::string& sound, std::size_t number) {
   std::string file = sound;
   if (number % 3 == 0) {
     write(root / "forged.db", sound);
-    forge(root / "forged.db");
+    forge(root / "forged.db", number / 3);
     file = read(root / "forged.db");
   }
   if (number % 3 != 0 || below(4) == 0) damages[below(std::size(damages))](file);

@@ -148,7 +148,7 @@ struct Entry {
   const char* message;  ///< what it says of any other end
   std::function<void()> run;
   unsigned change = kNothing;
-  const char* row = "";   ///< how the names of the rows that change begin
+  const char* row = "";   ///< how the names and versions of the rows that change begin
   const char* loss = "";  ///< the quirk by which one may be lost, or loaded for another
   bool loads_into_place =
       false;  ///< it loads into the live configuration; else, if it stamps, into the target
@@ -182,10 +182,10 @@ const std::vector<Entry>& entries() {
       {"App::save", false, "Failed to save configuration 'fresh'.\n", [] { App::save("fresh", conf_full); },
        kAdds, "fresh"},
       {"App::save over a row", false, "Failed to save configuration 'weekly'.\n",
-       [] { App::save("weekly", conf_full); }, kReplaces | kLoses, "weekly", "Q44", false, "y\n"},
-      {"App::del", true, "", [] { App::del("weekly"); }, kLoses, "weekly"},
+       [] { App::save("weekly", conf_full); }, kReplaces | kLoses, "weekly 0", "Q44", false, "y\n"},
+      {"App::del", true, "", [] { App::del("weekly"); }, kLoses, "weekly 0"},
       {"App::load", true, "Unknown error while restoring configuration.\n", [] { App::load("weekly"); },
-       kStamps, "weekly", "", true},
+       kStamps, "weekly 0", "", true},
       {"AutoSave", true, "", [] { AutoSave("", conf_full, 2); }, kAdds | kLoses, "autosave-", "", false, "",
        true},
       {"CheckOld", false, "", [] { found = CheckOld() ? 1 : 0; }},
@@ -335,7 +335,8 @@ void check_rows(const Entry& entry, const char* kind, long number) {
   Rows rows = gateway->rows();
   const Rows& before = gateway->stored();
   const auto may = [&](const Key& key, Change change) {
-    return (entry.change & change) != 0 && key.first.rfind(entry.row, 0) == 0;
+    const std::string row = key.first + " " + std::to_string(key.second);
+    return (entry.change & change) != 0 && row.rfind(entry.row, 0) == 0;
   };
   for (const auto& [key, old] : before) {
     const auto found_row = rows.find(key);

@@ -4,9 +4,9 @@
     seeded.py [--short] [BUG...]
 
 Each tests/faults/seeded/BUG.patch is applied to a copy of the tree, alone; it is built, and the
-campaigns that its first line names run in their short forms. Each must fail. First all of these must pass
-without a bug. Prints a line for each bug, and the table bug x campaign. --short: all patches apply, and
-the bugs of SHORT are noticed.
+campaigns that its first line names run in their short forms, one with ":full" behind it in full. Each must
+fail. First all of these must pass without a bug. Prints a line for each bug, and the table bug x campaign.
+--short: all patches apply, and the bugs of SHORT are noticed.
 """
 
 import os
@@ -54,11 +54,14 @@ def patch(tree, bug, *options):
 
 
 def run(tree, campaign):
-    """The status of its short form, and its last line."""
+    """The status, and the last line of the output."""
+    campaign, _, form = campaign.partition(":")
     if campaign in PROGRAMS:
         command = [tree / "build/tests" / campaign]
     else:
         command = [tree / f"tests/faults/{campaign}.py", tree / "build/tests/operate"]
+    if form:
+        command.append(f"--{form}")
     result = subprocess.run([tree / "script/lib/sandbox", *command], check=False, text=True,
                             errors="replace", stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return result.returncode, (result.stdout.strip().split("\n") or [""])[-1]
@@ -111,7 +114,8 @@ def main():
                 sys.exit(f"seeded: {bug.name} does not apply: make it anew")
         configure(tree)
         build(tree)
-        for campaign in sorted({campaign for bug in chosen for campaign in campaigns_of(bug)}):
+        named = {campaign.split(":")[0] for bug in chosen for campaign in campaigns_of(bug)}
+        for campaign in sorted(named):
             status, line = run(tree, campaign)
             if status not in (0, SKIPPED):
                 sys.exit(f"seeded: {campaign} fails without a bug: {line}")
