@@ -188,7 +188,7 @@ class Overwrite:
 
 def campaign(program, full, source):
     figures = []
-    for size, wanted, share in ((12000, 6000 if full else 200, 1.0 if full else 0.2),
+    for size, wanted, share in ((12000, 6000 if full else 150, 1.0 if full else 0.2),
                                 (300000, 300 if full else 12, 0.02 if full else 0.002)):
         with Gateway(program) as gateway:
             overwrite = Overwrite(gateway, size)

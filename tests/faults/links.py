@@ -95,6 +95,15 @@ def require_refusal(gateway, path, why):
     require(before == after, why, "was refused, and files changed")
 
 
+def outcomes(attack, operation, tries):
+    """Whether files got out, in so many tries; in ten times as many where the other user is too slow."""
+    out = []
+    while len(out) < tries or (not any(out) and len(out) < 10 * tries):
+        out.append(attack.gets_out(operation))
+    require(any(out), "nothing was exchanged in time in", attack.opened)
+    return out
+
+
 def refusals(gateway, attacks):
     """What the program says to each of the directories that others can lead elsewhere."""
     count = 0
@@ -136,14 +145,13 @@ def campaign(program, full, source):
         gateway.do("save", "weekly")
         gateway.keep_state()
         attacks = [Attack(gateway, ".", REPLACER), Attack(gateway, "user", EXCHANGER, "key_set")]
-        tries = 20 if full else 4
-        out = [sum(attack.gets_out(lambda: gateway.run("load", "weekly")) for _ in range(tries))
-               for attack in attacks]
-        require(sum(out) > 0, "no directory was exchanged in time")
+        first, second = (outcomes(attack, lambda: gateway.run("load", "weekly"), 20 if full else 4)
+                         for attack in attacks)
         require(len(found_by_library(gateway)) == 1, "the snapshot is lost")
         count = refusals(gateway, attacks)
-    return (f"by the library files got out in {out[0]} of {tries} tries with the configuration directory "
-            f"open and in {out[1]} of {tries} with user/ open; the program refused in {count} cases")
+    return (f"by the library files got out in {sum(first)} of {len(first)} tries with the configuration "
+            f"directory open and in {sum(second)} of {len(second)} with user/ open; "
+            f"the program refused in {count} cases")
 
 
 main(campaign)
