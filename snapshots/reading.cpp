@@ -1,12 +1,14 @@
-// list, find, members, verify: what only reads.
+// list, find, members, compare, verify: what only reads.
 
 #include <algorithm>
 #include <utility>
 
 #include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
+#include "snapshots/differences.h"
 #include "snapshots/member_collector.h"
 #include "snapshots/storage_reader.h"
+#include "snapshots/tree.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -125,17 +127,45 @@ Result<Snapshot> find_row(const Query& query) {
   return std::move(found->front());
 }
 
-Result<Members> read_members(const Id& id, const ReadOptions& options) {
-  Result<OpenRow> row = open_row(id, options.wait);
+/// The members of a row by path, and its type.
+struct Contents {
+  conftype type = conf_none;
+  std::map<std::string, Member> members;
+};
+
+Result<Contents> read_contents(const Id& id, std::chrono::milliseconds wait) {
+  Result<OpenRow> row = open_row(id, wait);
   if (!row) return row.error();
-  std::map<std::string, Member> found;
-  for (const Column& column : columns_of(row->snapshot.config.type)) {
-    if (Error error = collect(*row, column, found); error.code != Code::ok) return error;
+  Contents contents{row->snapshot.config.type, {}};
+  for (const Column& column : columns_of(contents.type)) {
+    if (Error error = collect(*row, column, contents.members); error.code != Code::ok) return error;
   }
+  return contents;
+}
+
+Result<Members> read_members(const Id& id, const ReadOptions& options) {
+  Result<Contents> contents = read_contents(id, options.wait);
+  if (!contents) return contents.error();
   Members members;
-  members.reserve(found.size());
-  for (auto& [path, member] : found) members.push_back(std::move(member));
+  members.reserve(contents->members.size());
+  for (auto& [path, member] : contents->members) members.push_back(std::move(member));
   return members;
+}
+
+Result<Differences> compare_with_live(const Id& older, const ReadOptions& options) {
+  const Result<Contents> stored = read_contents(older, options.wait);
+  if (!stored) return stored.error();
+  const Result<std::map<std::string, Member>> live = read_tree(stored->type);
+  if (!live) return live.error();
+  return differences(stored->members, *live);
+}
+
+Result<Differences> compare_rows(const Id& older, const Id& newer, const ReadOptions& options) {
+  const Result<Contents> before = read_contents(older, options.wait);
+  if (!before) return before.error();
+  const Result<Contents> after = read_contents(newer, options.wait);
+  if (!after) return after.error();
+  return differences(before->members, after->members);
 }
 
 Result<Verdict> check_row(const Id& id, const ReadOptions& options) {
@@ -169,6 +199,14 @@ Result<Snapshot> find(const Query& query) {
 
 Result<Members> members(const Id& id, const ReadOptions& options) {
   return at_boundary([&] { return read_members(id, options); });
+}
+
+Result<Differences> compare(const Id& older, Live, const ReadOptions& options) {
+  return at_boundary([&] { return compare_with_live(older, options); });
+}
+
+Result<Differences> compare(const Id& older, const Id& newer, const ReadOptions& options) {
+  return at_boundary([&] { return compare_rows(older, newer, options); });
 }
 
 Result<Verdict> verify(const Id& id, const ReadOptions& options) {

@@ -49,15 +49,16 @@ namespace ConfSave::snapshots {
 /// Why a function did not do what it was asked to.
 enum class Code {
   ok,
-  bad_argument,  ///< the call is wrong; nothing was done
-  not_found,     ///< no snapshot matches, or a snapshot has no such member
-  ambiguous,     ///< more than one snapshot matches
-  busy,          ///< another process holds a lock, and the wait is over
-  damaged,       ///< an archive cannot be decoded to its end, or a row has values of the wrong type
-  unsafe,        ///< an archive has a member that a restore must not follow
-  denied,        ///< permission, or a file system that is read-only
-  no_storage,    ///< "storage.db" cannot be opened, or is not a storage
-  failed,        ///< a system call failed; `number` says how
+  bad_argument,       ///< the call is wrong; nothing was done
+  not_found,          ///< no snapshot matches, or a snapshot has no such member
+  ambiguous,          ///< more than one snapshot matches
+  busy,               ///< another process holds a lock, and the wait is over
+  damaged,            ///< an archive cannot be decoded to its end, or a row has values of the wrong type
+  unsafe,             ///< an archive has a member that a restore must not follow
+  changed_meanwhile,  ///< a file changed while it was read
+  denied,             ///< permission, or a file system that is read-only
+  no_storage,         ///< "storage.db" cannot be opened, or is not a storage
+  failed,             ///< a system call failed; `number` says how
 };
 
 /// A failure.
@@ -72,7 +73,10 @@ struct Error {
 template <class Value>
 class [[nodiscard]] Result {
  public:
+  // Implicit, so that a function returns either.
+  // cppcheck-suppress noExplicitConstructor
   Result(Value value) : content_(std::move(value)) {}
+  // cppcheck-suppress noExplicitConstructor
   Result(Error error) : content_(std::move(error)) {}
 
   /// True if there is a value.
@@ -140,6 +144,26 @@ struct Member {
 };
 using Members = std::vector<Member>;
 
+/// What happened to a path from the older to the newer side of a comparison.
+enum class Change { added, removed, modified };
+
+/// One path that differs.
+struct Difference {
+  std::string path;  ///< absolute
+  Change change = Change::modified;
+  // Of a modified path, what differs.
+  bool content = false;  ///< bytes, kind of file, or the target of a symbolic link
+  bool mode = false;
+  bool owner = false;
+  bool group = false;
+  bool time = false;    ///< in whole seconds; never of a directory
+  bool secret = false;  ///< holds keys: do not show its content
+};
+using Differences = std::vector<Difference>;
+
+/// Stands for the live configuration in a comparison.
+struct Live {};
+
 /// Whether a snapshot can be restored.
 struct Verdict {
   enum class State {
@@ -167,6 +191,11 @@ CONFSAVE_API Result<Snapshot> find(const Query& query);
 /// The members in the order of their paths; of a path that an archive has twice, the later one. Decodes
 /// both archives to the end. Code::damaged and Code::unsafe say which member, in `path`.
 CONFSAVE_API Result<Members> members(const Id& id, const ReadOptions& options = {});
+
+/// What differs, in the order of paths. A hard link counts as the file that it is. Against the live
+/// configuration, the files are those that belong to the type of the snapshot.
+CONFSAVE_API Result<Differences> compare(const Id& older, Live newer, const ReadOptions& options = {});
+CONFSAVE_API Result<Differences> compare(const Id& older, const Id& newer, const ReadOptions& options = {});
 
 /// Decodes both archives to the end and checks every member. Repairs nothing.
 CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {});

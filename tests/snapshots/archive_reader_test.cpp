@@ -161,6 +161,14 @@ TEST_F(ArchiveReader, DamageIsNoticed) {
   EXPECT_EQ(read(gzip(std::string(2048, 'x'))), "the tar archive is damaged: Unrecognized archive format");
 }
 
+TEST_F(ArchiveReader, DamageBehindTheEndOfTheTarIsNoticed) {
+  // So much that the reader of the tar does not get there by itself.
+  const std::string whole = gzip(tar_member({"a"}) + tar_end() + std::string(3 << 20, '\0'));
+  EXPECT_EQ(read(whole), "");
+  EXPECT_EQ(read(whole.substr(0, whole.size() - 8)), "the archive ends in the middle");
+  EXPECT_EQ(seen, Texts{"file 0644 a"});
+}
+
 TEST_F(ArchiveReader, TheHandlersErrorEndsIt) {
   const std::string packed = gzip(tar_member({"a", '0', "x"}) + tar_end());
   MemorySource source(packed);

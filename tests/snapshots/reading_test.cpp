@@ -7,6 +7,7 @@
 
 #include "confsave/snapshots.h"
 #include "snapshots/boundary.h"
+#include "snapshots/member_collector.h"
 #include "support/gateway.h"
 
 namespace {
@@ -225,6 +226,18 @@ TEST_F(Reading, AJournalOfAKilledProcessIsRolledBack) {
             0);
   EXPECT_EQ(names(), Texts{"weekly"});
   EXPECT_FALSE(exists(database() + "-journal"));
+}
+
+TEST(Secrets, AreWhatTheContentsSayAndAllBelow) {
+  const Secrets secrets(ConfSave::Base::configuration);
+  for (const char* path : {"user/gateway.key", "user/gateway.key.old", "user/gateway.key.d/x",
+                           "user/key_set", "user/key_set/a/b", "hub/key"}) {
+    EXPECT_TRUE(secrets.contains(path)) << path;
+  }
+  for (const char* path : {"user/gateway.conf", "user/key_set2", "hub", "hub/keys", "gw1"}) {
+    EXPECT_FALSE(secrets.contains(path)) << path;
+  }
+  EXPECT_FALSE(Secrets(ConfSave::Base::failover).contains("user/key_set"));
 }
 
 TEST(Boundary, OnlyTheEndOfMemoryLeavesIt) {

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <memory>
+#include <utility>
+
+namespace ConfSave::snapshots {
+
+/// Owns a file descriptor, or none.
+class Descriptor {
+ public:
+  explicit Descriptor(int number = -1) : number_(number) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(number_, other.number_);
+    return *this;
+  }
+  ~Descriptor() {
+    if (number_ != -1) close(number_);
+  }
+
+  int get() const { return number_; }
+  explicit operator bool() const { return number_ != -1; }
+
+ private:
+  int number_;
+};
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, CloseDirectory>;
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,256 @@
+#include "snapshots/tree.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <optional>
+#include <vector>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/descriptor.h"
+#include "snapshots/digest.h"
+#include "snapshots/member_collector.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+constexpr int kAttempts = 3;
+constexpr std::size_t kPiece = 128 << 10;
+
+bool is_same_moment(const struct stat& a, const struct stat& b) {
+  return a.st_size == b.st_size && a.st_ino == b.st_ino && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+         a.st_mtim.tv_nsec == b.st_mtim.tv_nsec && a.st_ctim.tv_sec == b.st_ctim.tv_sec &&
+         a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+/// Reads what belongs to one of the two directories.
+class TreeReading {
+ public:
+  TreeReading(Base base, const Limits& limits, std::map<std::string, Member>& members)
+      : base_(directory_of(base)), secrets_(base), limits_(limits), members_(members), buffer_(kPiece) {}
+
+  Error run(const std::vector<std::string>& paths) {
+    root_ = Descriptor(open(base_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!root_) return errno == ENOENT ? Error{} : failure("");
+    for (const std::string& path : paths) {
+      if (Error error = add_entry(path); error.code != Code::ok) return error;
+    }
+    return {};
+  }
+
+ private:
+  Error failure(const std::string& path, int number = errno) const {
+    const Code code = number == EACCES || number == EPERM ? Code::denied : Code::failed;
+    return {code, number, printable(base_ + path), std::strerror(number)};
+  }
+
+  Error unsafe(const std::string& path, const char* text) const {
+    return {Code::unsafe, 0, printable(base_ + path), text};
+  }
+
+  /// An entry of the contents: a path, or a pattern with "*" at its end.
+  Error add_entry(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string parent = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+    const std::string name = path.substr(parent.size());
+    Descriptor directory;
+    if (Error error = open_parent(parent, directory); error.code != Code::ok) return error;
+    if (!directory) return {};
+    if (name.back() != '*') return add(directory.get(), parent, name);
+    return add_matching(directory, parent, name.substr(0, name.size() - 1));
+  }
+
+  /// Opens "a/b/" component by component. No descriptor if there is none.
+  Error open_parent(const std::string& parent, Descriptor& directory) const {
+    directory = Descriptor(fcntl(root_.get(), F_DUPFD_CLOEXEC, 0));
+    if (!directory) return failure("");
+    for (std::size_t start = 0; start < parent.size();) {
+      const std::size_t end = parent.find('/', start);
+      const std::string part = parent.substr(start, end - start);
+      start = end + 1;
+      Descriptor next(
+          openat(directory.get(), part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      if (!next && errno == ENOENT) {
+        directory = Descriptor();
+        return {};
+      }
+      if (!next && (errno == ELOOP || errno == ENOTDIR)) {
+        return unsafe(parent.substr(0, end), "this is not a directory; a link is not followed");
+      }
+      if (!next) return failure(parent.substr(0, end));
+      std::swap(directory, next);
+    }
+    return {};
+  }
+
+  Error names_in(int descriptor, const std::string& path, std::vector<std::string>& names) const {
+    const int copy = openat(descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const Directory directory(copy != -1 ? fdopendir(copy) : nullptr);
+    if (directory == nullptr) return failure(path);
+    errno = 0;
+    while (const dirent* entry = readdir(directory.get())) {
+      const std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+      errno = 0;
+    }
+    return errno == 0 ? Error{} : failure(path);
+  }
+
+  Error add_matching(const Descriptor& directory, const std::string& parent, const std::string& prefix) {
+    std::vector<std::string> names;
+    if (Error error = names_in(directory.get(), parent, names); error.code != Code::ok) return error;
+    for (const std::string& name : names) {
+      if (name.compare(0, prefix.size(), prefix) != 0) continue;
+      if (Error error = add(directory.get(), parent, name); error.code != Code::ok) return error;
+    }
+    return {};
+  }
+
+  // Directories are in directories; the depth has a limit. NOLINTBEGIN(misc-no-recursion)
+
+  /// The file, link or directory with all below it, if it is there.
+  Error add(int directory, const std::string& parent, const std::string& name) {
+    const std::string path = parent + name;
+    struct stat status = {};
+    if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      return errno == ENOENT ? Error{} : failure(path);
+    }
+    if (static_cast<int64>(members_.size()) >= limits_.members) {
+      return unsafe(path, "there are too many files");
+    }
+    switch (status.st_mode & S_IFMT) {
+      case S_IFREG:
+        return add_file(directory, path, name);
+      case S_IFLNK:
+        return add_link(directory, path, name, status);
+      case S_IFDIR:
+        return add_directory(directory, path, name);
+      default:
+        return unsafe(path, "this is a device, a FIFO or a socket");
+    }
+  }
+
+  Error add_directory(int parent, const std::string& path, const std::string& name) {
+    if (++depth_ > limits_.depth) return unsafe(path, "the directories are too deep");
+    const Descriptor directory(
+        openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (!directory || fstat(directory.get(), &status) != 0) return failure(path);
+    const Member member = describe(path, Kind::directory, status);
+    members_[member.path] = member;
+    std::vector<std::string> names;
+    if (Error error = names_in(directory.get(), path, names); error.code != Code::ok) return error;
+    for (const std::string& child : names) {
+      if (Error error = add(directory.get(), path + "/", child); error.code != Code::ok) return error;
+    }
+    --depth_;
+    return {};
+  }
+
+  // NOLINTEND(misc-no-recursion)
+
+  Member describe(const std::string& path, Kind kind, const struct stat& status) const {
+    Member member;
+    member.path = base_ + path;
+    member.kind = kind;
+    member.mode = status.st_mode & 07777U;
+    member.uid = status.st_uid;
+    member.gid = status.st_gid;
+    member.time = status.st_mtim.tv_sec;
+    member.secret = secrets_.contains(path);
+    return member;
+  }
+
+  Error add_link(int directory, const std::string& path, const std::string& name,
+                 const struct stat& status) {
+    std::string target(PATH_MAX, '\0');
+    const ssize_t size = readlinkat(directory, name.c_str(), target.data(), target.size());
+    if (size < 0) return failure(path);
+    target.resize(static_cast<std::size_t>(size));
+    Member member = describe(path, Kind::symlink, status);
+    member.target = target;
+    sha256_.add(target.data(), target.size());
+    member.sha256 = sha256_.finish();
+    members_[member.path] = member;
+    return {};
+  }
+
+  Error add_file(int directory, const std::string& path, const std::string& name) {
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      const Descriptor file(
+          openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+      struct stat before = {};
+      struct stat after = {};
+      if (!file || fstat(file.get(), &before) != 0) return failure(path);
+      if (!S_ISREG(before.st_mode)) continue;
+      Member member = describe(path, Kind::file, before);
+      member.size = before.st_size;
+      int64 size = 0;
+      if (Error error = digest(file.get(), path, size); error.code != Code::ok) return error;
+      member.sha256 = sha256_.finish();
+      if (fstat(file.get(), &after) != 0) return failure(path);
+      if (!is_same_moment(before, after) || size != before.st_size) continue;
+      members_[member.path] = member;
+      return {};
+    }
+    return {Code::changed_meanwhile, 0, printable(base_ + path), "the file changes while it is read"};
+  }
+
+  Error digest(int file, const std::string& path, int64& size) {
+    for (;;) {
+      const ssize_t piece = read(file, buffer_.data(), buffer_.size());
+      if (piece < 0 && errno == EINTR) continue;
+      if (piece < 0) {
+        const int number = errno;
+        sha256_.finish();
+        return failure(path, number);
+      }
+      if (piece == 0) return {};
+      size += piece;
+      sha256_.add(buffer_.data(), static_cast<std::size_t>(piece));
+    }
+  }
+
+  std::string base_;
+  Secrets secrets_;
+  const Limits& limits_;
+  std::map<std::string, Member>& members_;
+  Descriptor root_;
+  Sha256 sha256_;
+  std::vector<char> buffer_;
+  std::size_t depth_ = 0;
+};
+
+bool has_database() {
+  const std::vector<std::string> files = packed_database_files(directory_of(Base::configuration));
+  return std::all_of(files.begin(), files.end(),
+                     [](const std::string& file) { return access(file.c_str(), F_OK) == 0; });
+}
+
+std::vector<std::string> paths_of(Base base, conftype type, bool with_database) {
+  std::vector<std::string> paths;
+  for (const ContentsEntry& entry : contents()) {
+    const bool left_out = entry.holds == Holds::database && !with_database;
+    if (entry.base == base && belongs_to(entry, type) && !left_out) paths.push_back(entry.path);
+  }
+  return paths;
+}
+
+}  // namespace
+
+Result<std::map<std::string, Member>> read_tree(conftype type, const Limits& limits) {
+  std::map<std::string, Member> members;
+  const bool with_database = has_database();
+  for (const Base base : {Base::configuration, Base::failover}) {
+    TreeReading reading(base, limits, members);
+    if (Error error = reading.run(paths_of(base, type, with_database)); error.code != Code::ok)
+      return error;
+  }
+  return members;
+}
+
+}  // namespace ConfSave::snapshots
