@@ -18,7 +18,7 @@ import sys
 import time
 
 from gateway import ETC, Gateway, main, require
-from stored import found_by_library
+from stored import found_by_library, found_by_program
 
 PLACE = pathlib.Path("/mnt/power")
 
@@ -56,7 +56,7 @@ class Disk:
 
 
 def read_after(gateway, copy):
-    """Mounts a copy. Its restored files, and what the library finds in its storage."""
+    """Mounts a copy. Its restored files, and what the library and the program find in its storage."""
     place = PLACE / "after"
     place.mkdir(exist_ok=True)
     call("mount", "-o", "loop", copy, place)
@@ -67,7 +67,9 @@ def read_after(gateway, copy):
             for directory in (root / "config", place / "etc"):
                 if (directory / name).is_file():
                     found[name] = (directory / name).read_bytes()
-        return found, found_by_library(gateway, state=root / "state")
+        stored = (found_by_library(gateway, state=root / "state"),
+                  found_by_program(gateway, "weekly", state=root / "state"))
+        return found, stored
     finally:
         call("umount", place)
         copy.unlink()
@@ -88,7 +90,8 @@ def cut_after(gateway, disk, load, delays, size):
     for copy in copies:
         found, stored = read_after(gateway, copy)
         lost.append(sum(found.get(name) != contents for name, contents in expected.items()))
-        require(list(stored.values()) == [expected], "the storage did not survive")
+        for rows in stored:
+            require(list(rows.values()) == [expected], "the storage did not survive")
     return lost
 
 
