@@ -60,7 +60,8 @@ OperationLock::~OperationLock() {
 
 int OperationLock::take(const std::string& purpose, unsigned seconds) {
   const std::string file = ConfSave::state_directory() + "/confsave.lock";
-  descriptor_ = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  // Not closed on exec: a command that outlives this process still works on the files.
+  descriptor_ = open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
   if (descriptor_ == -1) {
     std::cerr << "confsave: cannot open '" << printable(file) << "': " << std::strerror(errno)
               << ". The state directory must exist, and you must be allowed to write to it. "

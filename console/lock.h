@@ -5,7 +5,7 @@
 namespace console {
 
 /// Keeps the savers and loaders of this host apart: a lock on the file "confsave.lock" in the state
-/// directory. The system releases it however the process ends.
+/// directory. The system releases it when this process and its commands have ended, however they end.
 class OperationLock {
  public:
   OperationLock() = default;

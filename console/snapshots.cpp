@@ -18,6 +18,7 @@
 #include "command_runner.h"
 #include "exit_status.h"
 #include "interrupt.h"
+#include "storage_schema.h"
 #include "storage_wait.h"
 #include "text.h"
 
@@ -90,6 +91,11 @@ std::string reason_of_failed_command() {
 }  // namespace
 
 int check_storage() {
+  if (has_foreign_config()) {
+    std::cerr << "confsave: " << quoted(ConfSave::storage_file())
+              << " is not a storage of ConfSave: 'Config' in it is not a table. Move the file away.\n";
+    return kNoStorage;
+  }
   ConfSave::Storage storage;
   if (!storage.opened) {
     print_why_not_opened();
@@ -117,6 +123,15 @@ std::optional<ConfSave::Config> find_exactly(const std::string& name, ConfSave::
     if (config.vers == version) return config;
   }
   return std::nullopt;
+}
+
+bool has_plain_name(const ConfSave::Config& config) {
+  ConfSave::Storage storage;
+  if (storage.Exists(config.name, config.vers)) return true;
+  std::cerr << "confsave: the stored name that begins with '" << printable(config.name)
+            << "' goes on after a NUL byte. Rename or delete its row with sqlite3 in "
+            << quoted(ConfSave::storage_file()) << ".\n";
+  return false;
 }
 
 bool is_since(ConfSave::int64 stored_time, std::time_t since) {

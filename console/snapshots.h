@@ -17,6 +17,10 @@ int check_storage();
 /// The record of exactly this name and version, which may be 0.
 std::optional<ConfSave::Config> find_exactly(const std::string& name, ConfSave::int64 version);
 
+/// True if the stored name is what find_exactly() and the library's listings return. A foreign row may have
+/// a NUL byte in its name, which ends the name there. Prints what to do about it.
+bool has_plain_name(const ConfSave::Config& config);
+
 /// Stored times are 32 bits wide, and wrap.
 bool is_since(ConfSave::int64 stored_time, std::time_t since);
 

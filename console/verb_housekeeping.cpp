@@ -48,6 +48,7 @@ int remove(const Options& options) {
     for (const ConfSave::Config& config : found) std::cerr << config << '\n';
     return kAmbiguous;
   }
+  if (!has_plain_name(found.front())) return kFailed;
   storage.Delete(options.name, found.front().vers);
   if (!storage.Exists(options.name, found.front().vers)) return kDone;
   std::cerr << "confsave: '" << options.name << "' could not be deleted.\n";

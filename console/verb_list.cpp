@@ -51,23 +51,34 @@ std::string iso_utc(std::time_t time) {
   return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
+nlohmann::ordered_json json_of(const Config& config) {
+  const bool loaded = config.load_time != 0;
+  nlohmann::ordered_json object;
+  object["name"] = config.name;
+  object["type"] = json_text(text_of(config.type));
+  object["version"] = config.vers;
+  object["version_text"] = json_text(config.version());
+  object["saved"] = config.save_time;
+  object["saved_utc"] = iso_utc(config.save_time);
+  object["loaded"] = loaded ? nlohmann::ordered_json(config.load_time) : nullptr;
+  object["loaded_utc"] = loaded ? nlohmann::ordered_json(iso_utc(config.load_time)) : nullptr;
+  return object;
+}
+
+/// One object after the other: a document of all would take twenty times the memory of the records.
 void print_json(const Configs& configs) {
-  nlohmann::ordered_json array = nlohmann::ordered_json::array();
-  for (const Config& config : configs) {
-    const bool loaded = config.load_time != 0;
-    nlohmann::ordered_json object;
-    object["name"] = config.name;
-    object["type"] = json_text(text_of(config.type));
-    object["version"] = config.vers;
-    object["version_text"] = json_text(config.version());
-    object["saved"] = config.save_time;
-    object["saved_utc"] = iso_utc(config.save_time);
-    object["loaded"] = loaded ? nlohmann::ordered_json(config.load_time) : nullptr;
-    object["loaded_utc"] = loaded ? nlohmann::ordered_json(iso_utc(config.load_time)) : nullptr;
-    array.push_back(std::move(object));
-  }
   using Handler = nlohmann::ordered_json::error_handler_t;
-  std::cout << array.dump(2, ' ', true, Handler::replace) << '\n';
+  const char* separator = "[\n  ";
+  for (const Config& config : configs) {
+    std::cout << separator;
+    // No text in the object has a line feed of its own.
+    for (const char letter : json_of(config).dump(2, ' ', true, Handler::replace)) {
+      std::cout << letter;
+      if (letter == '\n') std::cout << "  ";
+    }
+    separator = ",\n  ";
+  }
+  std::cout << (configs.empty() ? "[]\n" : "\n]\n");
 }
 
 using Row = std::array<std::string, 5>;
@@ -81,18 +92,21 @@ Row row_of(const Config& config) {
 }
 
 void print_table(const Configs& configs) {
-  std::vector<Row> rows{{"NAME", "VERSION", "TYPE", "SAVED", "LOADED"}};
-  for (const Config& config : configs) rows.push_back(row_of(config));
-  std::array<std::size_t, 5> widths{};
-  for (const Row& row : rows) {
+  const Row head{"NAME", "VERSION", "TYPE", "SAVED", "LOADED"};
+  std::array<std::size_t, head.size()> widths{};
+  const auto widen = [&widths](const Row& row) {
     for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
-  }
-  for (const Row& row : rows) {
+  };
+  const auto print = [&widths](const Row& row) {
     for (std::size_t i = 0; i + 1 < row.size(); ++i) {
       std::cout << row[i] << std::string(widths[i] - row[i].size() + 2, ' ');
     }
     std::cout << row.back() << '\n';
-  }
+  };
+  widen(head);
+  for (const Config& config : configs) widen(row_of(config));
+  print(head);
+  for (const Config& config : configs) print(row_of(config));
 }
 
 }  // namespace

@@ -46,6 +46,10 @@ std::optional<ConfSave::Config> find_only(const Options& options, int& status) {
     status = kFailed;
     return std::nullopt;
   }
+  if (!has_plain_name(found.front())) {
+    status = kFailed;
+    return std::nullopt;
+  }
   return found.front();
 }
 

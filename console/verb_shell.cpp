@@ -57,10 +57,12 @@ void save_as(const std::string& name) {
 }
 
 void delete_named(const std::string& name) {
-  if (!find_exactly(name, kNoVersion)) {
+  const auto config = find_exactly(name, kNoVersion);
+  if (!config) {
     std::cerr << "confsave: nothing is stored as '" << name << "' without a version.\n";
     return;
   }
+  if (!has_plain_name(*config)) return;
   ConfSave::App::del(name);
   if (!find_exactly(name, kNoVersion)) return;
   std::cerr << "confsave: '" << name << "' could not be deleted.\n";
@@ -86,6 +88,7 @@ void load_named(const std::string& name) {
     std::cerr << "confsave: nothing is stored as '" << name << "' without a version.\n";
     return;
   }
+  if (!has_plain_name(*config)) return;
   const Destination destination("");
   if (!destination.is_safe() || !can_be_restored(*config)) return;
   const std::time_t start = later_than(config->load_time);

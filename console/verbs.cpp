@@ -13,6 +13,7 @@
 #include "interrupt.h"
 #include "names.h"
 #include "text.h"
+#include "storage_schema.h"
 #include "storage_wait.h"
 #include "verb_functions.h"
 
@@ -273,6 +274,7 @@ Arguments candidates(const Arguments& words) {
 }
 
 Arguments stored_names() {
+  if (has_foreign_config()) return {};
   ConfSave::Storage storage;
   Arguments names;
   for (const ConfSave::Config& config : storage.List(0, "name", true)) {

@@ -64,7 +64,6 @@ std::pair<Bytes, Bytes> fetch(const Archive& archive) {
   return archives;
 }
 
-// ---------------------------------------------------------------------------------------------------
 // Packing
 
 using ArchiveCreate = ArchiveTest;
@@ -189,7 +188,6 @@ TEST_F(ArchiveFetch, KeybaseFileIsRemovedBeforeTheEtcFile) {
   EXPECT_EQ(logged, expected);
 }
 
-// ---------------------------------------------------------------------------------------------------
 // Archives made of bytes
 
 /// While it lives, no file grows beyond `bytes`; writing more is an error instead of a signal.
@@ -267,7 +265,6 @@ TEST_F(ArchiveFromBytes, EtcIsWrittenFirst) {
   EXPECT_EQ(temp_files().size(), 2U);
 }
 
-// ---------------------------------------------------------------------------------------------------
 // Unpacking
 
 using ArchiveExtract = ArchiveTest;

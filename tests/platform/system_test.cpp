@@ -150,7 +150,6 @@ TEST_F(CommandRunner, SignalThatTheHostIgnoresStaysIgnored) {
   EXPECT_EQ(my_system("kill -INT $$; exit 5"), 5);
 }
 
-// ---------------------------------------------------------------------------------------------------
 // The gzip that tar finds
 
 class Gzip : public CommandRunner {

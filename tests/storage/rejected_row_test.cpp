@@ -19,7 +19,6 @@ std::string broken(const std::string& column, int type, int expected) {
          column + "'' type is " + std::to_string(type) + " (expected " + std::to_string(expected) + ")";
 }
 
-// ---------------------------------------------------------------------------------------------------
 // Not found
 
 /// A load that finds nothing, with what it logs after "Try to load". With `error` SQLite refuses the query.
@@ -116,7 +115,6 @@ TEST_F(StorageLoad, FailedFirstStepCountsAsNotFound) {
                   says(kLoad, 2, "Configuration is not found: name=weekly, version=17264017408", {8})}));
 }
 
-// ---------------------------------------------------------------------------------------------------
 // Broken rows
 
 /// A column with a value of another type than the library stores.

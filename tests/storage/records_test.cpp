@@ -110,7 +110,6 @@ TEST_F(StorageCreate, InATransactionTheRowTakesEffectAtTheCommit) {
   EXPECT_EQ(rows(), (Rows{{"2", "weekly", "17264017408", "2", "<now>", "NULL"}}));
 }
 
-// ---------------------------------------------------------------------------------------------------
 // Update only
 
 class StorageUpdate : public StorageOfConfiguration {
@@ -178,7 +177,6 @@ TEST_F(StorageUpdate, WithoutACommitTheOldRowComesBack) {
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", "17264017408", "2", "1000", "2000"}}));
 }
 
-// ---------------------------------------------------------------------------------------------------
 // A storage that is not opened
 
 TEST_F(StorageOfConfiguration, NothingIsDoneUnlessOpened) {
