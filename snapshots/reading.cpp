@@ -124,7 +124,7 @@ Result<Snapshot> find_row(const Query& query) {
     return Error{Code::ambiguous, 0, "",
                  std::to_string(found->size()) + " snapshots match '" + printable(query.pattern) + "'"};
   }
-  return std::move(found->front());
+  return found->front();
 }
 
 /// The members of a row by path, and its type.
@@ -136,19 +136,19 @@ struct Contents {
 Result<Contents> read_contents(const Id& id, std::chrono::milliseconds wait) {
   Result<OpenRow> row = open_row(id, wait);
   if (!row) return row.error();
-  Contents contents{row->snapshot.config.type, {}};
-  for (const Column& column : columns_of(contents.type)) {
-    if (Error error = collect(*row, column, contents.members); error.code != Code::ok) return error;
+  Contents stored{row->snapshot.config.type, {}};
+  for (const Column& column : columns_of(stored.type)) {
+    if (Error error = collect(*row, column, stored.members); error.code != Code::ok) return error;
   }
-  return contents;
+  return stored;
 }
 
 Result<Members> read_members(const Id& id, const ReadOptions& options) {
-  Result<Contents> contents = read_contents(id, options.wait);
-  if (!contents) return contents.error();
+  Result<Contents> stored = read_contents(id, options.wait);
+  if (!stored) return stored.error();
   Members members;
-  members.reserve(contents->members.size());
-  for (auto& [path, member] : contents->members) members.push_back(std::move(member));
+  members.reserve(stored->members.size());
+  for (auto& [path, member] : stored->members) members.push_back(std::move(member));
   return members;
 }
 
