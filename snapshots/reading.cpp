@@ -146,10 +146,10 @@ Result<Contents> read_contents(const Id& id, std::chrono::milliseconds wait) {
 Result<Members> read_members(const Id& id, const ReadOptions& options) {
   Result<Contents> stored = read_contents(id, options.wait);
   if (!stored) return stored.error();
-  Members members;
-  members.reserve(stored->members.size());
-  for (auto& [path, member] : stored->members) members.push_back(std::move(member));
-  return members;
+  Members result;
+  result.reserve(stored->members.size());
+  for (auto& [path, member] : stored->members) result.push_back(std::move(member));
+  return result;
 }
 
 Result<Differences> compare_with_live(const Id& older, const ReadOptions& options) {

@@ -7,7 +7,7 @@
 
 namespace ConfSave::snapshots {
 
-/// Reads "storage.db" of the platform. Waits for a lock no longer than it was told to.
+/// Reads "storage.db" of the platform. Waits for a lock no longer than `wait`.
 class StorageReader {
  public:
   /// No value if there is no file, or no table in it, yet.

@@ -46,7 +46,7 @@ namespace ConfSave::snapshots {
 // ---------------------------------------------------------------------------------------------------
 // Results
 
-/// Why a function did not do what it was asked to.
+/// Why a function failed.
 enum class Code {
   ok,
   bad_argument,       ///< the call is wrong; nothing was done

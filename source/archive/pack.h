@@ -25,15 +25,16 @@ std::string move_command(const std::string& scratch, const std::string& dir);
 std::string remove_command(const std::string& scratch);
 
 /// Packs `files`, relative to `dir`, into the file `archive`, an absolute path.
-/// Throws XExternalFailure 36.
+/// Throws XExternalFailure with status_command.
 void pack(const std::string& archive, const std::string& dir, const std::string& files);
 
 /// Unpacks into a scratch directory inside `dir`, then links everything into `dir`.
-/// Throws XTOOStatus 3 when there is no scratch directory, XExternalFailure 36 when a command fails.
+/// Throws XTOOStatus with status_mkdtemp when it cannot make the scratch directory, XExternalFailure with
+/// status_command when a command fails.
 void unpack(const std::string& archive, const std::string& dir);
 
 /// Reads a whole file into `out`, which becomes empty when there is no file.
-/// Throws XTOOStatus 5; exceptions of TempFile propagate.
+/// Throws XTOOStatus with status_read; exceptions of TempFile propagate.
 void TempFile_to_BinObj(const TempFile& file, std::vector<char>& out);
 
 }  // namespace ConfSave

@@ -9,7 +9,7 @@ namespace ConfSave {
 /// did not run or failed.
 class ScratchDirectory {
  public:
-  /// `parent` is the destination. Logs and throws XTOOStatus 3 when the directory cannot be made.
+  /// `parent` is the destination. Logs and throws XTOOStatus with status_mkdtemp on failure.
   explicit ScratchDirectory(const std::string& parent);
   ScratchDirectory(const ScratchDirectory&) = delete;
   ScratchDirectory& operator=(const ScratchDirectory&) = delete;
