@@ -36,14 +36,19 @@ Acl acl_of(const std::string& path) {
   return acl;
 }
 
+/// The three bits of `mode` from `shift` on.
+std::uint16_t rights_of(mode_t mode, unsigned shift) {
+  return static_cast<std::uint16_t>(mode >> shift & 7U);
+}
+
 /// Limits `acl` to the rights of `mode`, in which the group's are those of the mask.
 void limit(Acl& acl, mode_t mode) {
   for (std::size_t at = kAclHeader; at + sizeof(AclEntry) <= acl.size(); at += sizeof(AclEntry)) {
     AclEntry entry = {};
     std::memcpy(&entry, &acl[at], sizeof entry);
-    if (entry.tag == kOwner) entry.rights = mode >> 6U & 7U;
-    if (entry.tag == kMask) entry.rights &= mode >> 3U & 7U;
-    if (entry.tag == kOthers) entry.rights = mode & 7U;
+    if (entry.tag == kOwner) entry.rights = rights_of(mode, 6);
+    if (entry.tag == kMask) entry.rights &= rights_of(mode, 3);
+    if (entry.tag == kOthers) entry.rights = rights_of(mode, 0);
     std::memcpy(&acl[at], &entry, sizeof entry);
   }
 }
