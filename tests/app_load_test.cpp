@@ -4,31 +4,56 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "support/app_load.h"
+#include "support/dialogue.h"
+#include "support/grouped_digits.h"
 
 namespace {
 
 using namespace ConfSave;
 using namespace test;
 
-const Texts kUnpackAll{
-    "tar xzf <archive> --exclude corlu.serv -C /mnt/main/etc//<scratch> 2>/dev/null",
-    "cp -alf /mnt/main/etc//<scratch>/* /mnt/main/etc//. 2>/dev/null",
-    "rm -rf /mnt/main/etc//<scratch> 2>/dev/null",
-    "tar xzf <archive> --exclude corlu.serv -C <root>/config//<scratch> 2>/dev/null",
-    "cp -alf <root>/config//<scratch>/* <root>/config//. 2>/dev/null",
-    "rm -rf <root>/config//<scratch> 2>/dev/null",
-};
+const std::string kAskToSave = "Save current configuration [Y/n]? ";
+const std::string kLoadWeekly = "Loading configuration 'weekly'.\n";
+const std::string kNobody = "Loading configuration 'nobody'.\nUnknown error: 0.\n";
+const std::string kInsertBefore = insert_of("before", "0");
 
-const LogRecord kTryToSave = says(kCreate, 2, "Try to save configuration 'before' (version 0)", {8});
+/// The input that restores without saving first, and the transcript before the restore.
+const std::string kRecklessly = "n\nYes, do as I say\n";
+const std::string kReckless = kAskToSave + "‹n›\n" + kDemand + "‹Yes, do as I say›\n";
+/// The same for saving first as "before", a free name.
+const std::string kCarefully = "\nbefore\n";
+const std::string kAskBefore = kAskToSave + "‹›\n" + kAskName + "‹before›\n";
+/// The same for saving first as "before", a taken name.
+const std::string kOverBefore = "\nbefore\ny\n";
+const std::string kOverwriteBefore = kAskBefore + "Config 'before' exists. Overwrite? ‹y›\n";
 
-LogRecord changes(const Function& function, int count) {
-  return says(function, 4, "sqlite3_total_changes: " + std::to_string(count), {4});
+const LogRecord kTryToLoad = says(kLoad, 2, "Try to load");
+
+const Texts kUnloaded{"1", "weekly", "0", "1", "1000", "NULL"};
+const Texts kLoaded{"1", "weekly", "0", "1", "1000", "<now>"};
+const Texts kBefore{"2", "before", "0", "2", "1000", "2000"};
+
+/// The row of a name that was saved.
+Texts saved(const std::string& id, const std::string& name) {
+  return {id, name, "0", "1", "<now>", "NULL"};
 }
+
+class AppLoad : public Dialogue {
+ protected:
+  std::string load(const std::string& typed, const std::string& name = "weekly") {
+    return dialogue(typed, [&] { App::load(name); });
+  }
+
+  void put_before() { put({"before", 0, 2, "1000", "2000"}); }
+};
 
 TEST_F(AppLoad, PhraseRestores) {
   put_snapshot();
@@ -41,13 +66,13 @@ TEST_F(AppLoad, PhraseRestores) {
             "in response to the prompt:\n"
             ">>> ‹Yes, do as I say›\n"
             "Loading configuration 'weekly'.\n");
-  EXPECT_EQ(statements(), (Texts{"select keybase, etc, type, id from 'Config' where name!='corlu-config' "
-                                 "and name='weekly' and version=0",
-                                 "update 'Config' set load_time=<now> where id=1"}));
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, kTryToLoad, bytes(), changes(kLoad, 1)}));
-  EXPECT_EQ(commands(), kUnpackAll);
+  EXPECT_EQ(statements(), (Texts{select_of("weekly", "0"), stamp_of("1")}));
+  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, kTryToLoad,
+                                   says(kLoad, 2, "sqlite3_column_bytes: " + sizes, {4, 4}),
+                                   says(kLoad, 4, "sqlite3_total_changes: 1", {4})}));
+  EXPECT_EQ(commands(), (unpack_into("/mnt/main/etc/") + unpack_into("<root>/config/")));
   EXPECT_EQ(gateway(), restored(before));
-  EXPECT_EQ(rows(), (Rows{{"1", "weekly", "0", "1", "1000", "<now>"}}));
+  EXPECT_EQ(rows(), Rows{kLoaded});
 }
 
 TEST_F(AppLoad, SavesFirstByDefault) {
@@ -58,169 +83,121 @@ TEST_F(AppLoad, SavesFirstByDefault) {
             "Name for the current configuration: ‹before›\n"
             "Kelmor configuration saved.\n"
             "Loading configuration 'weekly'.\n");
-  EXPECT_EQ(statements(), (Texts{kInsertBefore, kSelectWeekly, stamp_of("1")}));
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, kTryToSave, changes(kCreate, 1), kTryToLoad,
-                                   bytes(), changes(kLoad, 2)}));
-  EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull} + kUnpackAll));
+  EXPECT_EQ(statements(), (Texts{kInsertBefore, select_of("weekly", "0"), stamp_of("1")}));
+  EXPECT_EQ(commands(),
+            (Texts{kPackEtc, kPackFull} + unpack_into("/mnt/main/etc/") + unpack_into("<root>/config/")));
   EXPECT_EQ(gateway(), restored(before));
-  EXPECT_EQ(rows(),
-            (Rows{{"1", "weekly", "0", "1", "1000", "<now>"}, {"2", "before", "0", "1", "<now>", "NULL"}}));
   EXPECT_EQ(load(kRecklessly, "before"), kReckless + "Loading configuration 'before'.\n");
   EXPECT_EQ(gateway(), before);
 }
 
 TEST_F(AppLoad, YOverwritesATakenName) {
   put_snapshot();
-  put({"before", 0, 2, "1000", "2000"});
-  const Tree before = gateway();
+  put_before();
   EXPECT_EQ(load("\nbefore\ny\n"),
             "Save current configuration [Y/n]? ‹›\n"
             "Name for the current configuration: ‹before›\n"
             "Config 'before' exists. Overwrite? ‹y›\n"
             "Kelmor configuration saved.\n"
             "Loading configuration 'weekly'.\n");
-  EXPECT_EQ(statements(),
-            (Texts{kInsertBefore, kDeleteBefore, kInsertBefore, kSelectWeekly, stamp_of("1")}));
-  EXPECT_EQ(
-      records(),
-      (LogRecords{
-          kTryTables, kTablesMade, kTryToSave,
-          says(kCreate, 2,
-               refusal("UNIQUE constraint failed: Config.name, Config.version", kInsertBefore, 19), {4}),
-          says(kCreate, 1, "sqlite3_finalize() return code 19", {4}),
-          says(kDelete, 4, "config name 'before'"), kTryToSave, changes(kCreate, 2), kTryToLoad, bytes(),
-          changes(kLoad, 3)}));
-  EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull, kPackEtc, kPackFull} + kUnpackAll));
-  EXPECT_EQ(gateway(), restored(before));
-  EXPECT_EQ(rows(),
-            (Rows{{"1", "weekly", "0", "1", "1000", "<now>"}, {"3", "before", "0", "1", "<now>", "NULL"}}));
+  EXPECT_EQ(statements(), (Texts{kInsertBefore, delete_of("before", "0"), kInsertBefore,
+                                 select_of("weekly", "0"), stamp_of("1")}));
+  EXPECT_EQ(rows(), (Rows{kLoaded, saved("3", "before")}));
 }
 
-TEST_F(AppLoad, CapitalYOverwritesATakenName) {
-  put({"before", 0, 2, "1000", "2000"});
-  EXPECT_EQ(load("y\nbefore\nY\n", "nobody"),
-            "Save current configuration [Y/n]? ‹y›\n"
-            "Name for the current configuration: ‹before›\n"
-            "Config 'before' exists. Overwrite? ‹Y›\n"
-            "Kelmor configuration saved.\n"
-            "Loading configuration 'nobody'.\n"
-            "Unknown error: 0.\n");
-  EXPECT_EQ(rows(), (Rows{{"2", "before", "0", "1", "<now>", "NULL"}}));
+/// A dialogue beside the rows "weekly" and "before", and the rows afterwards.
+struct Exchange {
+  std::string name;
+  std::string loads;
+  std::string typed;
+  std::string transcript;
+  Rows rows;
+};
+
+void PrintTo(const Exchange& row, std::ostream* out) { *out << row.name; }
+
+class AppLoadDialogue : public AppLoad, public testing::WithParamInterface<Exchange> {};
+
+TEST_P(AppLoadDialogue, SavesAndRestores) {
+  put_snapshot();
+  put_before();
+  const Tree before = gateway();
+  EXPECT_EQ(load(GetParam().typed, GetParam().loads), GetParam().transcript);
+  EXPECT_EQ(rows(), GetParam().rows);
+  EXPECT_EQ(gateway(), rows()[0] == kLoaded ? restored(before) : before);
 }
+
+const Rows kUnchanged{kUnloaded, kBefore};
+const std::vector<Exchange> kExchanges{
+    {"EndAtTheFirstQuestion",
+     "weekly",
+     "",
+     kAskToSave + "‹EOF›" + kAskName + kSavedCurrent + kLoadWeekly,
+     {kLoaded, kBefore, saved("3", "")}},
+    {"EndAtTheName",
+     "weekly",
+     "y\n",
+     kAskToSave + "‹y›\n" + kAskName + "‹EOF›" + kSavedCurrent + kLoadWeekly,
+     {kLoaded, kBefore, saved("3", "")}},
+    {"EndAtTheOverwriteQuestion", "weekly", kCarefully,
+     kAskBefore + "Config 'before' exists. Overwrite? ‹EOF›Aborted.\n", kUnchanged},
+    {"EndAtThePhrase", "weekly", "N\n", kAskToSave + "‹N›\n" + kDemand + "‹EOF›Aborted.\n", kUnchanged},
+    {"EndAfterThePhrase",
+     "weekly",
+     "n\nYes, do as I say",
+     kAskToSave + "‹n›\n" + kDemand + "‹Yes, do as I say›\n‹EOF›" + kLoadWeekly,
+     {kLoaded, kBefore}},
+    {"CapitalNSkipsTheSave", "nobody", "N\n" + kPhrase,
+     kAskToSave + "‹N›\n" + kDemand + "‹Yes, do as I say›\n" + kNobody, kUnchanged},
+    {"CapitalYOverwrites",
+     "nobody",
+     "y\nbefore\nY\n",
+     kAskToSave + "‹y›\n" + kAskName + "‹before›\nConfig 'before' exists. Overwrite? ‹Y›\n" +
+         kSavedCurrent + kNobody,
+     {kUnloaded, saved("3", "before")}},
+    {"RefusedStatementCountsAsSaved", "nobody", "\no'hare\n",
+     kAskToSave + "‹›\n" + kAskName + "‹o'hare›\n" + kSavedCurrent + kNobody, kUnchanged},
+    {"SavesUnderTheNameToLoad",
+     "weekly",
+     "\nweekly\ny\n",
+     kAskToSave + "‹›\n" + kAskName + "‹weekly›\nConfig 'weekly' exists. Overwrite? ‹y›\n" + kSavedCurrent +
+         kLoadWeekly,
+     {kBefore, {"3", "weekly", "0", "1", "<now>", "<now>"}}},
+    {"NameIsNoPattern", "week*", kRecklessly,
+     kReckless + "Loading configuration 'week*'.\nUnknown error: 0.\n", kUnchanged},
+};
+INSTANTIATE_TEST_SUITE_P(Each, AppLoadDialogue, testing::ValuesIn(kExchanges), by_name);
 
 TEST_F(AppLoad, AnyOtherAnswerToTheOverwriteQuestionAborts) {
-  put_snapshot();
-  put({"before", 0, 2, "1000", "2000"});
-  const Tree before = gateway();
-  for (const std::string answer :
-       {"yes", "YES", "n", "N", "no", "", " ", "y ", " y", "Y ", " Y", "yy", "y\r"}) {
+  put_before();
+  for (const std::string answer : {"yes", "YES", "n", "", " ", "y ", " y", "Y ", " Y", "yy", "y\r"}) {
     EXPECT_EQ(load("\nbefore\n" + answer + "\n"),
               kAskBefore + "Config 'before' exists. Overwrite? ‹" + answer + "›\nAborted.\n");
     EXPECT_EQ(statements(), Texts{kInsertBefore});
   }
-  EXPECT_EQ(gateway(), before);
-  EXPECT_EQ(rows(), (weekly + Rows{{"2", "before", "0", "2", "1000", "2000"}}));
-}
-
-TEST_F(AppLoad, OnlyTheLetterNSkipsTheSave) {
-  for (const std::string answer : {"n", "N"}) {
-    EXPECT_EQ(load(answer + "\nYes, do as I say\n", "nobody"),
-              kAskToSave + "‹" + answer + "›\n" + kDemand + "‹Yes, do as I say›\n" + kNobody);
-  }
-  EXPECT_EQ(rows(), Rows());
 }
 
 TEST_F(AppLoad, EveryOtherAnswerSavesFirst) {
   Rows expected;
   for (const std::string answer :
-       {"", "y", "Y", "yes", "YES", "no", "NO", "No", "nn", " n", "n ", "\tn", "n\r", " N", "N ", "q"}) {
-    const std::string number = std::to_string(expected.size() + 1);
-    EXPECT_EQ(load(answer + "\nbefore" + number + "\n", "nobody"), kAskToSave + "‹" + answer + "›\n" +
-                                                                       kAskName + "‹before" + number +
-                                                                       "›\n" + kSavedCurrent + kNobody);
-    expected.push_back({number, "before" + number, "0", "1", "<now>", "NULL"});
+       {"", "y", "Y", "yes", "no", "NO", "No", "nn", " n", "n ", "\tn", "n\r", " N", "N ", "q"}) {
+    const std::string name = " b " + std::to_string(expected.size() + 1);
+    EXPECT_EQ(load(answer + "\n" + name + "\n", "nobody"),
+              kAskToSave + "‹" + answer + "›\n" + kAskName + "‹" + name + "›\n" + kSavedCurrent + kNobody);
+    expected.push_back(saved(std::to_string(expected.size() + 1), name));
   }
   EXPECT_EQ(rows(), expected);
 }
 
-TEST_F(AppLoad, OnlyTheExactPhraseConfirms) {
+TEST_F(AppLoad, AnyOtherPhraseAborts) {
   put_snapshot();
-  const Tree before = gateway();
   for (const std::string phrase :
-       {"yes, do as i say", "YES, DO AS I SAY", "yes, do as I say", "Yes, do as i say", "Yes do as I say",
-        "Yes,do as I say", "Yes, do  as I say", "Yes, do as I say ", " Yes, do as I say",
-        "Yes, do as I say.", "Yes, do as I say\r", "Yes, do as I", ">>> Yes, do as I say", "yes", "y", "Y",
-        ""}) {
+       {"YES, DO AS I SAY", "yes, do as I say", "Yes, do as i say", "Yes do as I say", "Yes,do as I say",
+        "Yes, do as I say ", " Yes, do as I say", "Yes, do as I say.", "Yes, do as I say\r",
+        ">>> Yes, do as I say", "Y", ""}) {
     EXPECT_EQ(load("n\n" + phrase + "\n"), kAskToSave + "‹n›\n" + kDemand + "‹" + phrase + "›\nAborted.\n");
     EXPECT_EQ(statements(), Texts());
-    EXPECT_EQ(commands(), Texts());
   }
-  EXPECT_EQ(gateway(), before);
-  EXPECT_EQ(rows(), weekly);
-}
-
-TEST_F(AppLoad, EndOfInputAbortsWhenTheEmptyNameIsTaken) {
-  put_snapshot();
-  put({"", 0});
-  const Tree before = gateway();
-  EXPECT_EQ(load(""),
-            "Save current configuration [Y/n]? ‹EOF›"
-            "Name for the current configuration: "
-            "Config '' exists. Overwrite? "
-            "Aborted.\n");
-  EXPECT_EQ(gateway(), before);
-  EXPECT_EQ(rows(), (weekly + Rows{{"2", "", "0", "1", "1000", "NULL"}}));
-}
-
-TEST_F(AppLoad, QuestionsAreFlushedInAHostThatUntiesItsStreams) {
-  put({"before", 0});
-  const Untied untied;
-  EXPECT_EQ(load(kOverBefore, "nobody"), kOverwriteBefore + kSavedCurrent + kNobody);
-  EXPECT_EQ(load(kRecklessly, "nobody"), kReckless + kNobody);
-}
-
-TEST_F(AppLoad, NoLockIsHeldDuringAQuestion) {
-  put_snapshot();
-  put({"before", 0});
-  std::vector<bool> free;
-  const Console console(kOverBefore);
-  const WatchedInput watched([&] { free.push_back(lock_is_free(database())); });
-  App::load("weekly");
-  EXPECT_EQ(free, (std::vector<bool>{true, true, true}));
-}
-
-TEST_F(AppLoad, NameForTheCurrentConfigurationIsNotChecked) {
-  Rows expected;
-  for (const std::string& name :
-       Texts{"", " before ", "two words", "?", std::string(100, 'n'), "corlu-config"}) {
-    EXPECT_EQ(load("\n" + name + "\n", "nobody"),
-              kAskToSave + "‹›\n" + kAskName + "‹" + name + "›\n" + kSavedCurrent + kNobody);
-    expected.push_back({std::to_string(expected.size() + 1), name, "0", "1", "<now>", "NULL"});
-  }
-  EXPECT_EQ(rows(), expected);
-}
-
-TEST_F(AppLoad, RefusedStatementCountsAsSaved) {
-  EXPECT_EQ(load("\no'hare\n", "nobody"),
-            "Save current configuration [Y/n]? ‹›\n"
-            "Name for the current configuration: ‹o'hare›\n"
-            "Kelmor configuration saved.\n"
-            "Loading configuration 'nobody'.\n"
-            "Unknown error: 0.\n");
-  EXPECT_EQ(rows(), Rows());
-}
-
-TEST_F(AppLoad, SavingUnderTheNameToLoadRestoresWhatWasSaved) {
-  put_snapshot();
-  const Tree before = gateway();
-  EXPECT_EQ(load("\nweekly\ny\n"),
-            "Save current configuration [Y/n]? ‹›\n"
-            "Name for the current configuration: ‹weekly›\n"
-            "Config 'weekly' exists. Overwrite? ‹y›\n"
-            "Kelmor configuration saved.\n"
-            "Loading configuration 'weekly'.\n");
-  EXPECT_EQ(gateway(), before);
-  EXPECT_EQ(rows(), (Rows{{"2", "weekly", "0", "1", "<now>", "<now>"}}));
 }
 
 TEST_F(AppLoad, OtherNamesAndVersionsStayUnchanged) {
@@ -234,91 +211,140 @@ TEST_F(AppLoad, OtherNamesAndVersionsStayUnchanged) {
                           {"2", "weekly", "0", "1", "1000", "<now>"},
                           {"3", "before", kCurrentText, "1", "1000", "NULL"},
                           {"5", "Before", "0", "1", "1000", "NULL"},
-                          {"6", "before", "0", "1", "<now>", "NULL"}}));
+                          saved("6", "before")}));
 }
 
 TEST_F(AppLoad, MissingNameIsPrintedAsAnUnknownError) {
+  put_snapshot("nobody", kCurrent);
   EXPECT_EQ(load(kRecklessly, "nobody"),
             kReckless + "Loading configuration 'nobody'.\n" + "Unknown error: 0.\n");
-  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, select_of("nobody", "0")}));
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade, kTryToLoad,
                         says(kLoad, 2, "Configuration is not found: name=nobody, version=0", {8})}));
+  put_snapshot("corlu-config");
+  EXPECT_EQ(load(kRecklessly, "corlu-config"),
+            kReckless + "Loading configuration 'corlu-config'.\nUnknown error: 0.\n");
 }
 
-TEST_F(AppLoad, AnotherVersionIsNotFound) {
-  put_snapshot("weekly", kCurrent);
+using AppLoadFailure = AppLoad;
+
+TEST_F(AppLoadFailure, OfTheRestoreIsPrinted) {
+  const auto loading = [this](const std::string& name) {
+    const std::string start = kReckless + "Loading configuration '" + name + "'.\n";
+    const std::string text = load(kRecklessly, name);
+    return text.substr(0, start.size()) == start ? text.substr(start.size()) : text;
+  };
+  put({"row", 0, 1, "1000", "NULL", "NULL"});
+  put({"archive", 0});
+  put_snapshot("whole");
+  EXPECT_EQ(loading("row"), "Unknown error: 0.\n");
+  EXPECT_EQ(loading("archive"), "External command failed\n");
+  EXPECT_EQ(rows()[1], (Texts{"2", "archive", "0", "1", "1000", "<now>"}));
+  std::filesystem::remove(config_dir() + "user/config.db");
+  std::filesystem::create_directory(config_dir() + "user/config.db");
+  EXPECT_EQ(loading("whole"), "External command failed\n");
+  EXPECT_EQ(commands(), Texts());
+  std::filesystem::remove_all(config_dir());
+  EXPECT_EQ(loading("whole"), "Unknown error: 3.\n");
+  setenv("KELMOR_TEMP_DIR", (root() + "/missing").c_str(), 1);
+  EXPECT_EQ(loading("whole"), "Unknown error: 17.\n");
+}
+
+TEST_F(AppLoadFailure, UnopenableStorageCountsAsSavedAndIsPrintedAsAnUnknownError) {
+  make_storage_unopenable();
+  EXPECT_EQ(load("\nbefore\n"),
+            "Save current configuration [Y/n]? ‹›\n"
+            "Name for the current configuration: ‹before›\n"
+            "Kelmor configuration saved.\n"
+            "Loading configuration 'weekly'.\n"
+            "Unknown error: 0.\n");
+  EXPECT_EQ(commands(), Texts());
+}
+
+TEST_F(AppLoadFailure, DamagedStorageCountsAsSavedAndIsPrintedAsAnUnknownError) {
+  damage_database();
+  EXPECT_EQ(load(kCarefully), kAskBefore + kSavedCurrent + kLoadWeekly + "Unknown error: 0.\n");
+}
+
+TEST_F(AppLoadFailure, OfTheSecondTryIsPrintedAndTheOldRowIsLost) {
+  put_before();
+  end_with(2, 3);
+  EXPECT_EQ(load(kOverBefore), kOverwriteBefore + "External command failed\n");
+  EXPECT_EQ(rows(), Rows());
+}
+
+TEST_F(AppLoadFailure, NameStillTakenAtTheSecondTryIsPrintedByItsStatus) {
+  put_before();
+  keep_all_rows();
+  EXPECT_EQ(load(kOverBefore), kOverwriteBefore + "Unknown error: 0.\n");
+}
+
+TEST_F(AppLoadFailure, OfTheInputIsPrintedAsUnknown) {
+  const ThrowingAtEndOfInput end;
+  const std::string unknown = "‹EOF›Unknown error while restoring configuration.\n";
+  put_before();
+  EXPECT_EQ(load(""), kAskToSave + unknown);
+  EXPECT_EQ(load("n\n"), kAskToSave + "‹n›\n" + kDemand + unknown);
+  EXPECT_EQ(load("\n"), kAskToSave + "‹›\n" + kAskName + unknown);
+  EXPECT_EQ(load(kCarefully), kAskBefore + "Config 'before' exists. Overwrite? " + unknown);
+}
+
+TEST_F(AppLoadFailure, ExceptionOfTheOpeningPropagates) {
+  for (const Thrown& row : every_exception()) {
+    fail_in_log("Storage", row.raise);
+    std::string propagated;
+    EXPECT_EQ(dialogue("", [&] { propagated = thrown([] { App::load("weekly"); }); }), "");
+    EXPECT_EQ(propagated, row.text);
+  }
+}
+
+/// An exception, the text that reports it, and that text when the first try to save throws.
+struct Rung {
+  std::string name;
+  Raise raise;
+  std::string text;
+  std::string text_of_save;
+};
+
+void PrintTo(const Rung& row, std::ostream* out) { *out << row.name; }
+
+class AppLoadException : public AppLoad, public testing::WithParamInterface<Rung> {
+ protected:
+  AppLoadException() { put_snapshot(); }
+};
+
+TEST_P(AppLoadException, OfTheRestoreIsPrinted) {
+  fail_at(1, GetParam().raise);
+  const GroupedDigits grouped(std::cout);
+  EXPECT_EQ(load(kRecklessly), kReckless + kLoadWeekly + GetParam().text);
+  EXPECT_EQ(commands(), Texts{unpack_into("/mnt/main/etc/")[0]});
+}
+
+TEST_P(AppLoadException, OfTheFirstTryToSaveIsPrinted) {
   const Tree before = gateway();
-  EXPECT_EQ(load(kRecklessly), kReckless + kLoadWeekly + kNotFound);
+  fail_at(1, GetParam().raise);
+  EXPECT_EQ(load(kCarefully), kAskBefore + GetParam().text_of_save);
+  EXPECT_EQ(statements(), Texts());
   EXPECT_EQ(gateway(), before);
 }
 
-TEST_F(AppLoad, NameIsNoPattern) {
-  put_snapshot();
-  EXPECT_EQ(load(kRecklessly, "week*"), kReckless + "Loading configuration 'week*'.\n" + kNotFound);
-}
-
-TEST_F(AppLoad, PacketFiltersRecordIsNotFound) {
-  put_snapshot("corlu-config");
-  EXPECT_EQ(load(kRecklessly, "corlu-config"),
-            kReckless + "Loading configuration 'corlu-config'.\n" + kNotFound);
-  EXPECT_EQ(rows(), (Rows{{"1", "corlu-config", "0", "1", "1000", "NULL"}}));
-}
-
-struct Ending {
-  std::string name;
-  std::string typed;
-  std::string transcript;
-  Rows rows;
+const std::string kTarFailed = "'tar' returned non-zero exit status.\nAborted.\n";
+const std::string kUnknown = "Unknown error while restoring configuration.\n";
+const std::vector<Rung> kLadder{
+    {"XChdir", throwing(XChdir(0, true, "/srv/gateway")), "Failed to change directory to /srv/gateway\n",
+     kTarFailed},
+    {"XExternalFailure", throwing(XExternalFailure(36, true)), "External command failed\n", kTarFailed},
+    {"XCancel", throwing(XCancel(3, true)), "Aborted.\n", "Aborted.\n"},
+    {"XNotFound", throwing(XNotFound(0, true)), "Unknown error: 0.\n",
+     "Failed to execute external command.\nAborted.\n"},
+    {"XAmbiguity", throwing(XAmbiguity(1, true)), "Unknown error: 1.\n", "Unknown error: 1.\n"},
+    {"XConstraint", throwing(XConstraint(12, "quota", false)), "Unknown error: 12.\n",
+     "Config 'before' exists. Overwrite? ‹EOF›Aborted.\n"},
+    {"LeastStatus", throwing(XTOOStatus(INT_MIN, "text", false)), "Unknown error: -2147483648.\n",
+     "Unknown error: -2147483648.\n"},
+    {"RuntimeError", throwing(std::runtime_error("no")), kUnknown, kUnknown},
+    {"Number", throwing(7), kUnknown, kUnknown},
 };
-
-void PrintTo(const Ending& row, std::ostream* out) { *out << row.name; }
-
-class AppLoadEnding : public AppLoad, public testing::WithParamInterface<Ending> {};
-
-TEST_P(AppLoadEnding, OfInput) {
-  put_snapshot();
-  put({"before", 0});
-  const Tree before = gateway();
-  EXPECT_EQ(load(GetParam().typed), GetParam().transcript);
-  EXPECT_EQ(rows(), GetParam().rows);
-  EXPECT_EQ(gateway(), rows()[0][5] == "NULL" ? before : restored(before));
-}
-
-const Texts kBeforeRow{"2", "before", "0", "1", "1000", "NULL"};
-const Texts kNotLoaded{"1", "weekly", "0", "1", "1000", "NULL"};
-const Texts kLoaded{"1", "weekly", "0", "1", "1000", "<now>"};
-const std::vector<Ending> kEndings{
-    {"AtTheFirstQuestionSavesUnderAnEmptyName",
-     "",
-     "Save current configuration [Y/n]? ‹EOF›"
-     "Name for the current configuration: "
-     "Kelmor configuration saved.\n"
-     "Loading configuration 'weekly'.\n",
-     {kLoaded, kBeforeRow, {"3", "", "0", "1", "<now>", "NULL"}}},
-    {"AtTheNameSavesUnderAnEmptyName",
-     "y\n",
-     "Save current configuration [Y/n]? ‹y›\n"
-     "Name for the current configuration: ‹EOF›"
-     "Kelmor configuration saved.\n"
-     "Loading configuration 'weekly'.\n",
-     {kLoaded, kBeforeRow, {"3", "", "0", "1", "<now>", "NULL"}}},
-    {"AtTheOverwriteQuestionAborts",
-     "y\nbefore\n",
-     "Save current configuration [Y/n]? ‹y›\n"
-     "Name for the current configuration: ‹before›\n"
-     "Config 'before' exists. Overwrite? ‹EOF›"
-     "Aborted.\n",
-     {kNotLoaded, kBeforeRow}},
-    {"AtThePhraseAborts",
-     "N\n",
-     kAskToSave + "‹N›\n" + kDemand + "‹EOF›Aborted.\n",
-     {kNotLoaded, kBeforeRow}},
-    {"AfterThePhraseRestores",
-     "n\nYes, do as I say",
-     kAskToSave + "‹n›\n" + kDemand + "‹Yes, do as I say›\n‹EOF›" + kLoadWeekly,
-     {kLoaded, kBeforeRow}},
-};
-INSTANTIATE_TEST_SUITE_P(End, AppLoadEnding, testing::ValuesIn(kEndings), by_name);
+INSTANTIATE_TEST_SUITE_P(Each, AppLoadException, testing::ValuesIn(kLadder), by_name);
 
 }  // namespace

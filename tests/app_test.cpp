@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "support/dialogue.h"
 
@@ -13,12 +13,6 @@ namespace {
 
 using namespace ConfSave;
 using namespace test;
-
-const std::string kDeleteWeekly = delete_of("weekly", "0");
-const LogRecord kDeleteRecord = says(kDelete, 4, "config name 'weekly'");
-
-// ---------------------------------------------------------------------------------------------------
-// lst
 
 class AppLst : public Dialogue {
  protected:
@@ -31,11 +25,11 @@ TEST_F(AppLst, EmptyStoragePrintsNothing) {
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade,
                         says(kList, 2, "Requested configuration list is empty (version=0)", {8})}));
-  EXPECT_EQ(commands(), Texts());
 }
 
 TEST_F(AppLst, PrintsEachRowInTheOrderOfTheStorage) {
   put({"weekly", kCurrent, 1, "1488377100", "1488447000"});
+  put({"corlu-config", 0, 3});
   put({"alpha", 0, 3, "1488377100"});
   put({"monthly", 4294967296, 7, "0"});
   EXPECT_EQ(
@@ -44,7 +38,6 @@ TEST_F(AppLst, PrintsEachRowInTheOrderOfTheStorage) {
       "\"alpha\",\tcorlu, saved on 01.03.2017 at 14:05, never loaded\n"
       "\"monthly\",\tversion 1.0.0,\t, saved on 01.01.1970 at 00:00, never loaded\n");
   EXPECT_EQ(statements(), Texts{kSelectAll});
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade}));
 }
 
 TEST_F(AppLst, PrintsEveryVersionOfAName) {
@@ -55,13 +48,6 @@ TEST_F(AppLst, PrintsEveryVersionOfAName) {
             "\"weekly\",\tversion 2147483647.255.255,\tpart, saved on 01.01.1970 at 00:16, never loaded\n"
             "\"weekly\",\tpart, saved on 01.01.1970 at 00:16, never loaded\n"
             "\"weekly\",\tversion -1.255.255,\tpart, saved on 01.01.1970 at 00:16, never loaded\n");
-}
-
-TEST_F(AppLst, SkipsThePacketFiltersRecord) {
-  put({"corlu-config", 0, 3});
-  put({"weekly", 0});
-  put({"corlu-config", kCurrent, 3});
-  EXPECT_EQ(lst(), "\"weekly\",\tfull, saved on 01.01.1970 at 00:16, never loaded\n");
 }
 
 TEST_F(AppLst, SkipsARowWithoutAName) {
@@ -75,7 +61,6 @@ TEST_F(AppLst, UnopenableStoragePrintsNothing) {
   make_storage_unopenable();
   EXPECT_EQ(lst(), "");
   EXPECT_EQ(records(), LogRecords{kCannotOpen});
-  EXPECT_EQ(statements(), Texts());
 }
 
 TEST_F(AppLst, DamagedStoragePrintsNothing) {
@@ -96,27 +81,26 @@ TEST_F(AppLst, LinesWrittenBeforeAFailureRemain) {
             two_lines + "«Failed to open storage.\n»");
 }
 
-// ---------------------------------------------------------------------------------------------------
-// del
+TEST_F(AppLst, ExceptionIsPrinted) {
+  for (const Thrown& row : every_exception()) {
+    for (const char* function : {"Storage", "List"}) {
+      fail_in_log(function, row.raise);
+      EXPECT_EQ(lst(), "«Failed to open storage.\n»") << row.name << " " << function;
+    }
+  }
+}
 
 class AppDel : public Dialogue {
  protected:
-  std::string del(const std::string& name = "weekly") {
-    return dialogue("", [&] { App::del(name); });
+  /// What is printed, and the text of the exception that propagates.
+  std::pair<std::string, std::string> del(const std::string& name = "weekly") {
+    std::string propagated;
+    const std::string printed = dialogue("", [&] { propagated = thrown([&] { App::del(name); }); });
+    return {printed, propagated};
   }
 
-  const Rows weekly{{"1", "weekly", "0", "2", "1000", "2000"}};
-  const RowSpec weekly_row{"weekly", 0, 2, "1000", "2000"};
+  const std::pair<std::string, std::string> silent{"", "nothing"};
 };
-
-TEST_F(AppDel, DeletesSilently) {
-  put(weekly_row);
-  EXPECT_EQ(del(), "");
-  EXPECT_EQ(statements(), Texts{"delete from 'Config' where name='weekly' and version=0"});
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, kDeleteRecord}));
-  EXPECT_EQ(commands(), Texts());
-  EXPECT_EQ(rows(), Rows());
-}
 
 TEST_F(AppDel, DeletesOnlyTheRowWithoutAVersion) {
   put({"weekly", kCurrent});
@@ -124,7 +108,10 @@ TEST_F(AppDel, DeletesOnlyTheRowWithoutAVersion) {
   put({"weekly", 1});
   put({"Weekly", 0});
   put({"weekly2", 0});
-  EXPECT_EQ(del(), "");
+  EXPECT_EQ(del(), silent);
+  EXPECT_EQ(statements(), Texts{"delete from 'Config' where name='weekly' and version=0"});
+  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, says(kDelete, 4, "config name 'weekly'")}));
+  EXPECT_EQ(commands(), Texts());
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", kCurrentText, "1", "1000", "NULL"},
                           {"3", "weekly", "1", "1", "1000", "NULL"},
                           {"4", "Weekly", "0", "1", "1000", "NULL"},
@@ -132,83 +119,43 @@ TEST_F(AppDel, DeletesOnlyTheRowWithoutAVersion) {
 }
 
 TEST_F(AppDel, MissingNameIsSilent) {
-  EXPECT_EQ(del(), "");
-  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kDeleteWeekly}));
-}
-
-TEST_F(AppDel, NameIsNoPattern) {
-  put(weekly_row);
-  EXPECT_EQ(del("*"), "");
+  put({"weekly", 0});
+  EXPECT_EQ(del("*"), silent);
   EXPECT_EQ(statements(), Texts{delete_of("*", "0")});
-  EXPECT_EQ(rows(), weekly);
+  EXPECT_EQ(rows().size(), 1U);
 }
 
 TEST_F(AppDel, RefusedStatementIsSilent) {
-  put(weekly_row);
+  put({"weekly", 0});
   keep_all_rows();
-  EXPECT_EQ(del(), "");
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade, kDeleteRecord,
-                                   says(kDelete, 2, refusal("kept", kDeleteWeekly, 19), {4})}));
-  EXPECT_EQ(rows(), weekly);
+  EXPECT_EQ(del(), silent);
+  EXPECT_EQ(rows().size(), 1U);
 }
 
 TEST_F(AppDel, UnopenableStorageIsSilent) {
   make_storage_unopenable();
-  EXPECT_EQ(del(), "");
+  EXPECT_EQ(del(), silent);
   EXPECT_EQ(records(), LogRecords{kCannotOpen});
 }
 
 TEST_F(AppDel, WaitsForAnotherProcess) {
-  put(weekly_row);
+  put({"weekly", 0});
   const LockHolder other(database(), 300);
-  Console console;
   App::del("weekly");
-  EXPECT_EQ(console.transcript(), "");
   EXPECT_EQ(rows(), Rows());
 }
 
 TEST_F(AppDel, XNotFoundIsPrinted) {
-  put(weekly_row);
-  fail_in_log("Delete", throwing(XNotFound(0, true)));
-  EXPECT_EQ(del(), "No such config.\n");
-  EXPECT_EQ(rows(), weekly);
-}
-
-// ---------------------------------------------------------------------------------------------------
-// Exceptions
-
-class AppException : public Dialogue, public testing::WithParamInterface<Thrown> {
- protected:
-  /// What App::del prints when `function` throws, and the text of the exception that propagates.
-  std::pair<std::string, std::string> del(const std::string& function) {
-    fail_in_log(function, GetParam().raise);
-    std::string propagated;
-    const auto call = [&] { propagated = thrown([] { App::del("weekly"); }); };
-    const std::string printed = dialogue("", call);
-    return {printed, propagated};
+  put({"weekly", 0});
+  for (const Thrown& row : every_exception()) {
+    fail_in_log("Delete", row.raise);
+    EXPECT_EQ(del(),
+              (row.name == "XNotFound" ? std::pair<std::string, std::string>("No such config.\n", "nothing")
+                                       : std::pair<std::string, std::string>("", row.text)));
+    fail_in_log("Storage", row.raise);
+    EXPECT_EQ(del(), (std::pair<std::string, std::string>("", row.text)));
   }
-};
-
-TEST_P(AppException, FromListIsPrintedByLst) {
-  fail_in_log("List", GetParam().raise);
-  EXPECT_EQ(dialogue("", App::lst), "«Failed to open storage.\n»");
+  EXPECT_EQ(rows().size(), 1U);
 }
-
-TEST_P(AppException, FromOpeningIsPrintedByLst) {
-  fail_in_log("Storage", GetParam().raise);
-  EXPECT_EQ(dialogue("", App::lst), "«Failed to open storage.\n»");
-}
-
-TEST_P(AppException, FromOpeningPropagatesFromDel) {
-  EXPECT_EQ(del("Storage"), std::pair(std::string(), GetParam().text));
-}
-
-TEST_P(AppException, FromDeletePropagatesExceptXNotFound) {
-  const bool caught = GetParam().name == "XNotFound";
-  EXPECT_EQ(del("Delete"), std::pair(std::string(caught ? "No such config.\n" : ""),
-                                     caught ? std::string("nothing") : GetParam().text));
-}
-
-INSTANTIATE_TEST_SUITE_P(Each, AppException, testing::ValuesIn(every_exception()), by_name);
 
 }  // namespace

@@ -23,24 +23,23 @@ using namespace test;
 
 namespace fs = std::filesystem;
 
-// ---------------------------------------------------------------------------------------------------
-// save_if_unique
-
 class SaveIfUnique : public Autosaves {
  protected:
   /// Statements and records are those of the saving alone.
-  bool save_unique(const std::string& name, conftype type = conf_full) {
+  bool save_unique(const std::string& name) {
     bool saved = false;
     run([&] {
       Storage storage;
       forget();
-      saved = save_if_unique(storage, name, type);
+      saved = save_if_unique(storage, name, conf_full);
     });
     return saved;
   }
 };
 
 TEST_F(SaveIfUnique, FreeNameIsStored) {
+  put({"weekly", 0});
+  put({"weekly", kCurrent + 1});
   EXPECT_TRUE(save_unique("weekly"));
   EXPECT_EQ(statements(),
             (Texts{"select count(*) from 'Config' where name='weekly' and version=17264017408",
@@ -49,7 +48,9 @@ TEST_F(SaveIfUnique, FreeNameIsStored) {
                    "('weekly',?,?,17264017408,<now>,1)"}));
   EXPECT_EQ(records(), saved_as("weekly", 1));
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull}));
-  EXPECT_EQ(rows(), (Rows{{"weekly", kCurrentText, "1", "<now>", "NULL"}}));
+  EXPECT_EQ(rows(), (Rows{{"weekly", "0", "1", "1000", "NULL"},
+                          {"weekly", "17264017409", "1", "1000", "NULL"},
+                          {"weekly", kCurrentText, "1", "<now>", "NULL"}}));
 }
 
 TEST_F(SaveIfUnique, TakenNameStaysUnchanged) {
@@ -61,72 +62,11 @@ TEST_F(SaveIfUnique, TakenNameStaysUnchanged) {
   EXPECT_EQ(rows(), (Rows{{"weekly", kCurrentText, "2", "1000", "2000"}}));
 }
 
-TEST_F(SaveIfUnique, AnotherVersionDoesNotTakeTheName) {
-  put({"weekly", 0});
-  put({"weekly", kCurrent + 1});
-  EXPECT_TRUE(save_unique("weekly"));
-  EXPECT_EQ(rows(), (Rows{{"weekly", "0", "1", "1000", "NULL"},
-                          {"weekly", "17264017409", "1", "1000", "NULL"},
-                          {"weekly", kCurrentText, "1", "<now>", "NULL"}}));
-}
-
-TEST_F(SaveIfUnique, TypeSelectsTheContents) {
-  EXPECT_TRUE(save_unique("part", conf_part));
-  EXPECT_EQ(commands(), (Texts{kPackEtc, kPackPart}));
-  EXPECT_TRUE(save_unique("corlu", conf_corlu));
-  EXPECT_EQ(commands(), Texts{kPackCorlu});
-  EXPECT_EQ(rows(), (Rows{{"part", kCurrentText, "2", "<now>", "NULL"},
-                          {"corlu", kCurrentText, "3", "<now>", "NULL"}}));
-}
-
-TEST_F(SaveIfUnique, SuccessIsLoggedOnlyAtLevel4) {
-  for (const int level : {0, 1, 2, 3}) {
-    host.log_level = level;
-    EXPECT_TRUE(save_unique("level" + std::to_string(level)));
-    for (const LogRecord& record : host.records) EXPECT_EQ(record.name, "Create") << record;
-  }
-}
-
-TEST_F(SaveIfUnique, UnreadableTableCountsAsHoldingTheName) {
-  bool saved = true;
-  run([&] {
-    Storage storage;
-    sql("drop table Config");
-    forget();
-    saved = save_if_unique(storage, "weekly", conf_full);
-  });
-  EXPECT_FALSE(saved);
-  EXPECT_EQ(records(),
-            (LogRecords{says(kExists, 2, refusal("no such table: Config", count_of("weekly"), 1), {4})}));
-  EXPECT_EQ(commands(), Texts());
-}
-
 TEST_F(SaveIfUnique, UnopenableStorageCountsAsSaved) {
   make_storage_unopenable();
   EXPECT_TRUE(save_unique("weekly"));
   EXPECT_EQ(records(), LogRecords{saved("weekly")});
   EXPECT_EQ(commands(), Texts());
-}
-
-TEST_F(SaveIfUnique, RefusedInsertCountsAsSaved) {
-  make_table();
-  sql("create trigger no before insert on Config begin select raise(fail, 'full'); end");
-  EXPECT_THROW(save_unique("weekly"), XConstraint);
-  sql("drop trigger no");
-  sql("alter table Config rename column type to kind");
-  EXPECT_TRUE(save_unique("weekly"));
-  EXPECT_EQ(records(),
-            (LogRecords{deleting("weekly"),
-                        says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017408)", {8}),
-                        says(kCreate, 2,
-                             refusal("table Config has no column named type", insert_of("weekly"), 1), {4}),
-                        says(kCreate, 1, "Error: sqlite3_stmt *plineInfo == NULL"), saved("weekly")}));
-}
-
-TEST_F(SaveIfUnique, TarFailurePropagates) {
-  host.on_command = fail_commands("cd /mnt/main/etc/ ", 7);
-  EXPECT_EQ(thrown([this] { save_unique("weekly"); }), "ConfSave::XExternalFailure 36: ");
-  EXPECT_EQ(rows(), Rows());
 }
 
 TEST_F(SaveIfUnique, XConstraintPropagatesIfTheNameIsTakenMeanwhile) {
@@ -139,37 +79,12 @@ TEST_F(SaveIfUnique, XConstraintPropagatesIfTheNameIsTakenMeanwhile) {
   EXPECT_EQ(rows(), (Rows{{"weekly", kCurrentText, "2", "1000", "NULL"}}));
 }
 
-// ---------------------------------------------------------------------------------------------------
-// AutoSave
-
 using Autosaving = Autosaves;
-
-TEST_F(Autosaving, FirstOneIsStoredUnderTheTime) {
-  autosave(5);
-  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kFindAutosaves} + saving("autosave-<now>")));
-  EXPECT_EQ(records(),
-            (LogRecords{kTryTables, kTablesMade, cleaning("maxautosaves = 5, find autosaves = 0")} +
-             saved_as("autosave-<now>", 1)));
-  EXPECT_EQ(commands(), (Texts{kPackEtc, kPackFull}));
-  EXPECT_EQ(system_log(), SystemLog());
-  EXPECT_EQ(rows(), (Rows{{"autosave-<now>", kCurrentText, "1", "<now>", "NULL"}}));
-}
-
-TEST_F(Autosaving, LimitHoldsFromRunToRun) {
-  pack_nothing();
-  put_names({"autosave-1", "autosave-2"});
-  for (int run = 0; run < 12; ++run) autosave(10);
-  EXPECT_EQ(names().size(), 10U);
-}
 
 TEST_F(Autosaving, TypeSelectsTheContents) {
   autosave(5, conf_part);
   EXPECT_EQ(commands(), (Texts{kPackEtc, kPackPart}));
   EXPECT_EQ(rows(), (Rows{{"autosave-<now>", kCurrentText, "2", "<now>", "NULL"}}));
-  fs::remove(database());
-  autosave(5, conf_corlu);
-  EXPECT_EQ(commands(), Texts{kPackCorlu});
-  EXPECT_EQ(rows(), (Rows{{"autosave-<now>", kCurrentText, "3", "<now>", "NULL"}}));
 }
 
 TEST_F(Autosaving, NameIsTheLocalTime) {
@@ -202,50 +117,21 @@ TEST_F(Autosaving, FirstArgumentHasNoEffect) {
   }
 }
 
-TEST_F(Autosaving, OtherConfigurationsStayUnchanged) {
-  put_names({"weekly", "Autosave-1", "my-autosave", "corlu-config", "autosave-manual"});
-  put({"weekly", 0});
-  autosave(1);
-  EXPECT_EQ(rows(), (Rows{{"weekly", kCurrentText, "1", "1000", "NULL"},
-                          {"Autosave-1", kCurrentText, "1", "1000", "NULL"},
-                          {"my-autosave", kCurrentText, "1", "1000", "NULL"},
-                          {"corlu-config", kCurrentText, "1", "1000", "NULL"},
-                          {"weekly", "0", "1", "1000", "NULL"},
-                          {"autosave-<now>", kCurrentText, "1", "<now>", "NULL"}}));
-}
-
-TEST_F(Autosaving, WaitsForAnotherProcess) {
-  put_names({"autosave-1"});
-  const LockHolder other(database(), 300);
-  AutoSave("", conf_full, 1);
-  EXPECT_EQ(names(), Texts{"autosave-<now>"});
-}
-
-TEST_F(Autosaving, EachNumberIsTriedInTurn) {
-  in_one_second([](const std::string&) {},
-                [] {
-                  for (int i = 0; i < 3; ++i) AutoSave("", conf_full, 10);
-                });
-  EXPECT_EQ(statements(), (Texts{kFindAutosaves} + saving("autosave-<now>") +
-                           Texts{kFindAutosaves, count_of("autosave-<now>")} + saving("autosave-<now>-0") +
-                           Texts{kFindAutosaves, count_of("autosave-<now>"), count_of("autosave-<now>-0")} +
-                           saving("autosave-<now>-1")));
-  EXPECT_EQ(records().back(), saved("autosave-<now>-1"));
-  EXPECT_EQ(names(), (Texts{"autosave-<now>", "autosave-<now>-0", "autosave-<now>-1"}));
-}
-
 TEST_F(Autosaving, FirstFreeNumberIsTaken) {
   pack_nothing();
   in_one_second(
       [this](const std::string& name) {
         put_names({name, name + "-0", name + "-1", name + "-3"});
+        put({name + "-2", 0});
       },
       [] { AutoSave("", conf_full, 10); });
+  EXPECT_EQ(statements(), (Texts{kFindAutosaves, count_of("autosave-<now>"), count_of("autosave-<now>-0"),
+                                 count_of("autosave-<now>-1")} +
+                           saving("autosave-<now>-2")));
   EXPECT_EQ(records(),
-            (LogRecords{kTryTables, kTablesMade, cleaning("maxautosaves = 10, find autosaves = 4")} +
+            (LogRecords{kTryTables, kTablesMade, cleaning("maxautosaves = 10, find autosaves = 5")} +
              saved_as("autosave-<now>-2", 1)));
-  EXPECT_EQ(names(), (Texts{"autosave-<now>", "autosave-<now>-0", "autosave-<now>-1", "autosave-<now>-3",
-                            "autosave-<now>-2"}));
+  EXPECT_EQ(rows().back(), (Texts{"autosave-<now>-2", kCurrentText, "1", "<now>", "NULL"}));
 }
 
 TEST_F(Autosaving, NameIsUsedAgainAtTheLimit) {
@@ -255,17 +141,6 @@ TEST_F(Autosaving, NameIsUsedAgainAtTheLimit) {
                   for (int i = 0; i < 4; ++i) AutoSave("", conf_full, 3);
                 });
   EXPECT_EQ(names(), (Texts{"autosave-<now>-0", "autosave-<now>-1", "autosave-<now>"}));
-}
-
-TEST_F(Autosaving, NameIsUsedAgainAtLimit1) {
-  pack_nothing();
-  in_one_second([](const std::string&) {},
-                [] {
-                  AutoSave("", conf_full, 1);
-                  AutoSave("", conf_part, 1);
-                });
-  EXPECT_EQ(rows(), (Rows{{"autosave-<now>", kCurrentText, "2", "<now>", "NULL"}}));
-  EXPECT_EQ(system_log(), (SystemLog{deleted("autosave-<now>")}));
 }
 
 TEST_F(Autosaving, Limit0HasNoNumbers) {
@@ -325,30 +200,81 @@ TEST_F(Autosaving, NumbersHaveNoDigitGroups) {
   EXPECT_EQ(names().back(), "autosave-<now>-1000");
 }
 
-TEST_F(Autosaving, AnotherVersionDoesNotTakeTheName) {
-  pack_nothing();
-  in_one_second(
-      [this](const std::string& name) {
-        put({name, 0});
-        put({name, kCurrent + 1});
-      },
-      [] { AutoSave("", conf_full, 10); });
-  EXPECT_EQ(rows(), (Rows{{"autosave-<now>", "0", "1", "1000", "NULL"},
-                          {"autosave-<now>", "17264017409", "1", "1000", "NULL"},
-                          {"autosave-<now>", kCurrentText, "1", "<now>", "NULL"}}));
+class AutosavingFailure : public Autosaves {
+ protected:
+  /// The exception of an autosave, as thrown() has it.
+  std::string thrown_by_autosave(unsigned limit) {
+    std::string text;
+    run([&] { text = thrown([limit] { AutoSave("", conf_full, limit); }); });
+    return text;
+  }
+};
+
+TEST_F(AutosavingFailure, OfTarPropagatesAfterTheSurplusIsDeleted) {
+  put_names({"autosave-1", "autosave-2", "autosave-3"});
+  host.on_command = fail_commands("cd /mnt/main/etc/ ", 7);
+  EXPECT_EQ(thrown_by_autosave(2), "ConfSave::XExternalFailure 36: ");
+  EXPECT_EQ(statements(), (Texts{kFindAutosaves, delete_of("autosave-1"), delete_of("autosave-2"),
+                                 count_of("autosave-<now>"), delete_of("autosave-<now>")}));
+  EXPECT_EQ(records(),
+            (LogRecords{kTryTables, kTablesMade, cleaning("maxautosaves = 2, find autosaves = 3"),
+                        deleting("autosave-1"), deleting("autosave-2"), deleting("autosave-<now>"),
+                        says(kPack, 1, "failed to create tar archive with error code: 7", {4})}));
+  EXPECT_EQ(system_log(), (SystemLog{deleted("autosave-1"), deleted("autosave-2")}));
+  EXPECT_EQ(names(), Texts{"autosave-3"});
 }
 
-TEST_F(Autosaving, XConstraintPropagatesIfTheNameIsTakenMeanwhile) {
-  host.on_command = [this](const std::string&) -> std::optional<int> {
-    if (host.commands.size() == 2) sql("update Config set name = replace(name, 'other', 'autosave')");
-    return std::nullopt;
+TEST_F(AutosavingFailure, OfReadingTheTableIsSilentAndStoresNothing) {
+  make_foreign_table();
+  host.log_level = 1;
+  autosave(2);
+  EXPECT_EQ(records(), LogRecords());
+  host.log_level = 4;
+  autosave(2);
+  const auto unread = [](const std::string& name) {
+    return says(kExists, 2, refusal("no such column: name", count_of(name), 1), {4});
   };
-  in_one_second(
-      [this](const std::string& name) {
-        put_names({std::regex_replace(name, std::regex("autosave"), "other")});
-      },
-      [] { EXPECT_THROW(AutoSave("", conf_full, 5), XConstraint); });
-  EXPECT_EQ(rows(), (Rows{{"autosave-<now>", kCurrentText, "1", "1000", "NULL"}}));
+  EXPECT_EQ(records(),
+            (LogRecords{kTryTables, kTablesMade,
+                        says(kFindMatching, 2, refusal("no such column: id", kFindAutosaves, 1), {4}),
+                        cleaning("maxautosaves = 2, find autosaves = 0"), unread("autosave-<now>"),
+                        unread("autosave-<now>-0"), unread("autosave-<now>-1")}));
+  EXPECT_EQ(commands(), Texts());
+  EXPECT_EQ(system_log(), SystemLog());
 }
+
+TEST_F(AutosavingFailure, OfADamagedStorageIsSilentAndStoresNothing) {
+  damage_database();
+  host.log_level = 1;
+  autosave(2);
+  EXPECT_EQ(records(), LogRecords());
+  EXPECT_EQ(commands(), Texts());
+}
+
+TEST_F(AutosavingFailure, OfTheOpeningIsLoggedAsASuccess) {
+  make_storage_unopenable();
+  autosave(5);
+  EXPECT_EQ(records(),
+            (LogRecords{kCannotOpen, says(kFindMatching, 2, refusal("", kFindAutosaves, 21), {4}),
+                        cleaning("maxautosaves = 5, find autosaves = 0"), saved("autosave-<now>")}));
+  EXPECT_EQ(commands(), Texts());
+}
+
+class AutosavingException : public AutosavingFailure, public testing::WithParamInterface<Thrown> {};
+
+TEST_P(AutosavingException, Propagates) {
+  make_table();
+  for (const std::string function : {"Storage", "Delete"}) {
+    fail_in_log(function, GetParam().raise);
+    EXPECT_EQ(thrown_by_autosave(5), GetParam().text) << function;
+  }
+  EXPECT_EQ(statements(), (Texts{kFindAutosaves, count_of("autosave-<now>")}));
+  host.on_record = nullptr;
+  fail_at(1, GetParam().raise);
+  EXPECT_EQ(thrown_by_autosave(5), GetParam().text);
+  EXPECT_EQ(rows(), Rows());
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, AutosavingException, testing::ValuesIn(every_exception()), by_name);
 
 }  // namespace

@@ -88,30 +88,20 @@ TEST(VersionText, ZeroIsEmpty) {
 }
 
 TEST(VersionText, ComponentsAreDecimal) {
+  const test::GroupedDigits grouped;
   EXPECT_EQ(Config::version(4294967296), "1.0.0");
-  EXPECT_EQ(Config::version(17179869184), "4.0.0");
-  EXPECT_EQ(Config::version(17230331904), "4.3.2");
-  EXPECT_EQ(Config::version(17264017408), "4.5.4");
   EXPECT_EQ(Config::version(43135008768), "10.11.12");
   EXPECT_EQ(Config::version(65536), "0.0.1");
+  EXPECT_EQ(Config::version(int64{123456} << 32), "123456.0.0");
+  EXPECT_EQ(Config::version(-1), "-1.255.255");
+  EXPECT_EQ(Config::version(INT64_MIN), "-2147483648.0.0");
+  EXPECT_EQ(Config::version(INT64_MAX), "2147483647.255.255");
   EXPECT_EQ(Config(17264017408).version(), "4.5.4");
 }
 
 TEST(VersionText, Low16BitsAreNotPrinted) {
   EXPECT_EQ(Config::version(17230397439), "4.3.2");
   EXPECT_EQ(Config::version(1), "0.0.0");
-  EXPECT_EQ(Config::version(0xffff), "0.0.0");
-}
-
-TEST(VersionText, NegativeNumberHasANegativeMajor) {
-  EXPECT_EQ(Config::version(-1), "-1.255.255");
-  EXPECT_EQ(Config::version(INT64_MIN), "-2147483648.0.0");
-  EXPECT_EQ(Config::version(INT64_MAX), "2147483647.255.255");
-}
-
-TEST(VersionText, HasNoDigitGroups) {
-  const test::GroupedDigits grouped;
-  EXPECT_EQ(Config::version(int64{123456} << 32), "123456.0.0");
 }
 
 TEST(LowAndHighHalves, AreSignedForAnyValue) {
@@ -127,39 +117,24 @@ TEST(LowAndHighHalves, AreSignedForAnyValue) {
 }
 
 TEST(TimeText, IsLocalTime) {
-  const Zone utc("UTC");
-  EXPECT_EQ(time_format(1488377100), "01.03.2017 at 14:05");
-  EXPECT_EQ(time_format(0), "01.01.1970 at 00:00");
-  EXPECT_EQ(time_format(-1), "31.12.1969 at 23:59");
   const Zone east("XXX-3");
-  EXPECT_EQ(time_format(0), "01.01.1970 at 03:00");
-}
-
-TEST(TimeText, TimeWithoutACalendarDateIsEmpty) {
+  EXPECT_EQ(time_format(1488377100), "01.03.2017 at 17:05");
+  EXPECT_EQ(time_format(-1), "01.01.1970 at 02:59");
+  EXPECT_EQ(time_format(253402300800), "01.01.10000 at 03:00");
+  // Without a calendar date.
   EXPECT_EQ(time_format(INT64_MAX), "");
-  EXPECT_EQ(time_format(INT64_MIN), "");
-  const Zone utc("UTC");
-  EXPECT_EQ(time_format(253402300800), "01.01.10000 at 00:00");
 }
 
 TEST(TypeText, EachTypeHasItsWord) {
-  EXPECT_EQ(shown(conf_none), "");
-  EXPECT_EQ(shown(conf_full), "full");
-  EXPECT_EQ(shown(conf_part), "part");
-  EXPECT_EQ(shown(conf_corlu), "corlu");
-  EXPECT_EQ(shown(static_cast<conftype>(7)), "");
-  EXPECT_EQ(shown(static_cast<conftype>(-1)), "");
+  EXPECT_EQ(shown(conf_full) + " " + shown(conf_part) + " " + shown(conf_corlu), "full part corlu");
+  EXPECT_EQ(shown(conf_none) + shown(static_cast<conftype>(7)) + shown(static_cast<conftype>(-1)), "");
 }
 
 TEST(RecordText, IsOneLineWithoutALineFeed) {
-  EXPECT_EQ(line(CURRENT_VERSION, conf_full),
-            "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, never loaded");
-}
-
-TEST(RecordText, LoadTimeIsPrinted) {
-  const std::string loaded = "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, loaded at ";
-  EXPECT_EQ(line(CURRENT_VERSION, conf_full, 1488447000), loaded + "02.03.2017 at 09:30");
-  EXPECT_EQ(line(CURRENT_VERSION, conf_full, -1), loaded + "31.12.1969 at 23:59");
+  const std::string saved = "\"weekly\",\tversion 4.5.4,\tfull, saved on 01.03.2017 at 14:05, ";
+  EXPECT_EQ(line(CURRENT_VERSION, conf_full), saved + "never loaded");
+  EXPECT_EQ(line(CURRENT_VERSION, conf_full, 1488447000), saved + "loaded at 02.03.2017 at 09:30");
+  EXPECT_EQ(line(CURRENT_VERSION, conf_full, -1), saved + "loaded at 31.12.1969 at 23:59");
 }
 
 TEST(RecordText, VersionZeroIsNotPrinted) {
@@ -167,11 +142,7 @@ TEST(RecordText, VersionZeroIsNotPrinted) {
 }
 
 TEST(RecordText, UnknownTypeIsNotPrinted) {
-  for (const auto type : {conf_none, static_cast<conftype>(7)}) {
-    EXPECT_EQ(line(CURRENT_VERSION, type),
-              "\"weekly\",\tversion 4.5.4,\t, saved on 01.03.2017 at 14:05, never loaded");
-    EXPECT_EQ(line(0, type), "\"weekly\",\t, saved on 01.03.2017 at 14:05, never loaded");
-  }
+  EXPECT_EQ(line(0, static_cast<conftype>(7)), "\"weekly\",\t, saved on 01.03.2017 at 14:05, never loaded");
 }
 
 TEST(FailedStream, StaysUnchanged) {

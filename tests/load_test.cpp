@@ -156,11 +156,6 @@ TEST_F(LoadConfirmed, OnlyTheExactPhraseConfirms) {
   EXPECT_EQ(stamps(), "0");
 }
 
-TEST_F(LoadConfirmed, QuestionsAreFlushedInAHostThatUntiesItsStreams) {
-  const Untied untied;
-  EXPECT_EQ(load(kTyped), kConfirmed + kLoading);
-}
-
 TEST_F(LoadConfirmed, LoadingIsPrintedBeforeTheFirstCommand) {
   host.on_command = [](const std::string&) -> std::optional<int> {
     std::ostream* tied = std::cerr.tie(nullptr);
@@ -169,17 +164,6 @@ TEST_F(LoadConfirmed, LoadingIsPrintedBeforeTheFirstCommand) {
     return std::nullopt;
   };
   EXPECT_EQ(load(kTyped), kConfirmed + kLoading + "«!!!!!!»");
-}
-
-TEST_F(LoadConfirmed, NoLockIsHeldDuringAQuestion) {
-  store("before", kCurrent);
-  store("newer", kNewer);
-  std::vector<bool> free;
-  const Console console(kTyped + "yes\n" + "yes\nbefore\nyes\n");
-  const WatchedInput watched([&] { free.push_back(lock_is_free(database())); });
-  ConfSave::load("newer", nullptr, 0, false);
-  ConfSave::load("weekly", nullptr, 0, false);
-  EXPECT_EQ(free, std::vector<bool>(6, true));
 }
 
 TEST_F(LoadConfirmed, RowThatIsDeletedDuringAQuestionIsNotFound) {
@@ -259,26 +243,20 @@ TEST_F(LoadFailure, OfTheOpeningIsPrinted) {
   EXPECT_EQ(load(""), "«Open configuration storage error\n»");
 }
 
-TEST_F(LoadFailure, OfUnpackingIsPrintedAsAnExternalFailure) {
-  Database(database()).run("update Config set keybase=x'00'");
-  EXPECT_EQ(load_silently(), "«External command failed\n»");
-}
-
-TEST_F(LoadFailure, OfABrokenRowIsPrintedAsAnUnknownError) {
-  Database(database()).run("update Config set keybase=null");
-  EXPECT_EQ(load_silently(), "«Unknown error: 0.\n»");
-  EXPECT_EQ(stamps(), "0");
-}
-
-TEST_F(LoadFailure, OfAMissingDestinationIsPrintedByItsStatus) {
-  EXPECT_EQ(load("", "weekly", 0, true, "/missing/"), "«Unknown error: 3.\n»");
-}
-
 TEST_F(LoadFailure, OfTarDuringTheSaveAborts) {
   host.on_command = fail_commands("cd ", 1);
   EXPECT_EQ(load("yes\nbefore\n"),
             kNameAsked + "‹before›\n«'tar' returned non-zero exit status.\nOperation aborted!\n»");
   EXPECT_TRUE(untouched());
+}
+
+TEST_F(LoadFailure, OfTheRestoreIsPrinted) {
+  EXPECT_EQ(load("", "weekly", 0, true, "/missing/"), "«Unknown error: 3.\n»");
+  Database(database()).run("update Config set keybase=x'00', load_time=null");
+  EXPECT_EQ(load_silently(), "«External command failed\n»");
+  Database(database()).run("update Config set keybase=null, load_time=null");
+  EXPECT_EQ(load_silently(), "«Unknown error: 0.\n»");
+  EXPECT_EQ(stamps(), "0");
 }
 
 class LoadException : public LoadTest, public testing::WithParamInterface<Thrown> {};

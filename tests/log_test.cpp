@@ -53,11 +53,6 @@ class LogRecordBuilder : public Gateway {
                   "end"};
 };
 
-TEST_F(LogRecordBuilder, OpeningGoesToTextAndTheRestToBuilderText) {
-  write();
-  EXPECT_EQ(calls, all);
-}
-
 TEST_F(LogRecordBuilder, EachMissingEntryPointIsSkipped) {
   const auto without = [this](std::initializer_list<std::size_t> skipped) {
     Texts rest;
@@ -69,6 +64,7 @@ TEST_F(LogRecordBuilder, EachMissingEntryPointIsSkipped) {
     EXPECT_EQ(calls, rest);
     host.entry_points = kRecording;
   };
+  without({});
   host.entry_points.begin = nullptr;
   without({0});
   host.entry_points.text = nullptr;

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdint>
 #include <iterator>
 #include <locale>
@@ -39,15 +38,21 @@ void expect_conversions(const std::vector<Conversion>& conversions) {
   }
 }
 
-void expect_refused(const std::vector<std::string>& texts) {
-  for (const std::string& text : texts) EXPECT_EQ(convert(text), std::nullopt) << text;
-}
-
 TEST(VersionConversion, PacksThreeNumbers) {
   expect_conversions({{"4.5.4", 17264017408, "4.5.4"},
                       {"1.0.0", 4294967296, "1.0.0"},
                       {"0.0.1", 65536, "0.0.1"},
-                      {"10.11.12", 43135008768, "10.11.12"}});
+                      {"10.11.12", 43135008768, "10.11.12"},
+                      {"4.5.4.", 17264017408, "4.5.4"},
+                      {"04.005.4", 17264017408, "4.5.4"},
+                      {"4.5.00000000000000000004", 17264017408, "4.5.4"},
+                      {"4.5.4294967295", 17263689728, "4.4.255"},
+                      {"2147483648.0.0", INT64_MIN, "-2147483648.0.0"},
+                      {"4294967295.0.0", -4294967296, "-1.0.0"},
+                      {"2147483647.255.255", 9223372036854710272, "2147483647.255.255"},
+                      // 2^31 - 1 majors and a carry out of the minor.
+                      {"2147483647.256.0", INT64_MIN, "-2147483648.0.0"},
+                      {"2147483648.4294967295.0", 9223372036837998592, "2147483647.255.0"}});
 }
 
 TEST(VersionConversion, SeparatorsMayBeMixedAndRepeated) {
@@ -59,32 +64,16 @@ TEST(VersionConversion, SeparatorsMayBeMixedAndRepeated) {
                       {"\t4\n5\v4\f\r", 17264017408, "4.5.4"}});
 }
 
-TEST(VersionConversion, IgnoresATrailingSeparator) {
-  expect_conversions({{"4.5.4.", 17264017408, "4.5.4"}});
-}
-
-TEST(VersionConversion, AllowsLeadingZeros) {
-  expect_conversions(
-      {{"04.005.4", 17264017408, "4.5.4"}, {"4.5.00000000000000000004", 17264017408, "4.5.4"}});
-}
-
 TEST(VersionConversion, SignIsASeparator) {
   expect_conversions({{"-4.5.4", 17264017408, "4.5.4"}, {"+4.-5.+4", 17264017408, "4.5.4"}});
 }
 
 TEST(VersionConversion, MinorAbove255CarriesIntoTheMajor) {
   expect_conversions({{"4.256.0", 21474836480, "5.0.0"}});
-  EXPECT_EQ(convert("4.256.0"), convert("5.0.0"));
 }
 
 TEST(VersionConversion, BuildAbove255CarriesIntoTheMinor) {
   expect_conversions({{"4.5.300", 17283416064, "4.6.44"}});
-}
-
-TEST(VersionConversion, MajorFrom2To31IsNegative) {
-  expect_conversions({{"2147483648.0.0", INT64_MIN, "-2147483648.0.0"},
-                      {"4294967295.0.0", -4294967296, "-1.0.0"},
-                      {"2147483647.255.255", 9223372036854710272, "2147483647.255.255"}});
 }
 
 TEST(VersionConversion, MinorAndBuildFrom2To31AreNegative) {
@@ -94,25 +83,34 @@ TEST(VersionConversion, MinorAndBuildFrom2To31AreNegative) {
                       {"0.2147483648.0", -36028797018963968, "-8388608.0.0"}});
 }
 
-TEST(VersionConversion, SumBeyondTheRangeWrapsAround) {
-  // 2^31 - 1 majors and a carry out of the minor.
-  expect_conversions({{"2147483647.256.0", INT64_MIN, "-2147483648.0.0"},
-                      {"2147483648.4294967295.0", 9223372036837998592, "2147483647.255.0"}});
-}
-
 TEST(VersionConversion, ThreeZerosAreNoVersion) { expect_conversions({{"0.0.0", 0, ""}}); }
 
-TEST(VersionConversion, RefusesAnotherNumberOfTokens) {
-  expect_refused({"", " ", "...", "4", "4.5", "4.5.4.1", "4.5.4-rc1", "1.2.3.4.5"});
-}
-
-TEST(VersionConversion, RefusesATokenThatIsNoNumber) {
-  expect_refused({"4.5.4b", "v4.5.4", "4.x.4", "0x4.5.4", "4.5.1e3"});
-}
-
-TEST(VersionConversion, RefusesAComponentAbove32Bits) {
-  expect_conversions({{"4.5.4294967295", 17263689728, "4.4.255"}});
-  expect_refused({"4.5.4294967296", "4294967296.5.4", "4.4294967296.4", "4.5.99999999999999999999999"});
+TEST(VersionConversion, RefusesAnyOtherText) {
+  for (const std::string text : {"",
+                                 " ",
+                                 "...",
+                                 "4",
+                                 "4.5",
+                                 "4.5.4.1",
+                                 "4.5.4-rc1",
+                                 "1.2.3.4.5",
+                                 "4.5.4b",
+                                 "v4.5.4",
+                                 "4.x.4",
+                                 "0x4.5.4",
+                                 "4.5.1e3",
+                                 "4.5.4294967296",
+                                 "4294967296.5.4",
+                                 "4.4294967296.4",
+                                 "4.5.99999999999999999999999",
+                                 "4.5.4\xff",
+                                 "4\x80.5.4",
+                                 "\xa0.5.4",
+                                 "4.\xe2\x80\xa2.4"}) {
+    EXPECT_EQ(convert(text), std::nullopt) << text;
+  }
+  EXPECT_EQ(convert(std::string("4\0.5.4", 6)), std::nullopt);
+  EXPECT_EQ(convert(std::string("4.5.4.\0", 7)), std::nullopt);
 }
 
 TEST(VersionConversion, FailureSetsOnlyTheVersionToZero) {
@@ -127,12 +125,6 @@ TEST(VersionConversion, FailureSetsOnlyTheVersionToZero) {
   EXPECT_EQ(config.type, ConfSave::conf_part);
   EXPECT_EQ(config.save_time, 11);
   EXPECT_EQ(config.load_time, 12);
-}
-
-TEST(VersionConversion, BytesOutsideAsciiBelongToTokens) {
-  expect_refused({std::string("4\0.5.4", 6), std::string("4.5.4\0", 6), "4.5.4\xff", "4\x80.5.4",
-                  "\xa0.5.4", "4.\xe2\x80\xa2.4"});
-  EXPECT_EQ(convert(std::string("4.5.4.\0", 7)), std::nullopt);
 }
 
 /// Groups three digits, with a letter.
@@ -163,16 +155,13 @@ TEST(VersionConversion, EveryVersionInRangeIsPrintedAsItWasRead) {
 
 // An independent oracle: characters by table, numbers digit by digit, the sum in 128 bits.
 
-bool is_separator(unsigned char byte) {
-  static const std::string kSeparators = " \t\n\v\f\r!\"#$%&'()*+,-./:;<=>?@[\\]^_`{|}~";
-  return byte != 0 && kSeparators.find(static_cast<char>(byte)) != std::string::npos;
-}
+const std::string kSeparators = " \t\n\v\f\r!\"#$%&'()*+,-./:;<=>?@[\\]^_`{|}~";
 
 std::vector<std::string> split(const std::string& text) {
   std::vector<std::string> tokens;
   bool inside = false;
   for (const char c : text) {
-    if (is_separator(static_cast<unsigned char>(c))) {
+    if (kSeparators.find(c) != std::string::npos) {
       inside = false;
       continue;
     }
@@ -239,15 +228,7 @@ class TextGenerator {
     }
   }
 
-  char separator() { return separators_[below(separators_.size())]; }
-
-  static std::string all_separators() {
-    std::string all;
-    for (int c = 1; c < 128; ++c) {
-      if (std::isspace(c) != 0 || std::ispunct(c) != 0) all += static_cast<char>(c);
-    }
-    return all;
-  }
+  char separator() { return kSeparators[below(kSeparators.size())]; }
 
   std::string letters() {
     std::string text;
@@ -277,7 +258,6 @@ class TextGenerator {
   }
 
   std::mt19937_64 random_;
-  const std::string separators_ = all_separators();
 };
 
 TEST(VersionConversion, AMillionTextsAgreeWithAnOracle) {

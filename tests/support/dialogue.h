@@ -35,8 +35,8 @@ class Dialogue : public Gateway {
  protected:
   Dialogue() { make_configuration(); }
 
-  /// The transcript of `call`, which must read all that is typed, hold no lock while a person thinks, and
-  /// leave nothing behind.
+  /// The transcript of `call`, which must read all that is typed, flush each question, hold no lock while
+  /// a person thinks, and leave nothing behind.
   std::string dialogue(const std::string& typed, const std::function<void()>& call);
 
   /// Forgets what ran and was logged so far.
