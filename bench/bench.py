@@ -340,13 +340,13 @@ def main():
     quick = "--quick" in sys.argv
     rounds = 5 if quick else 15
     cache = (build / "CMakeCache.txt").read_text(encoding="utf-8")
-    kind = next(line.split("=")[1] for line in cache.splitlines() if "CMAKE_BUILD_TYPE:" in line)
+    build_type = next(line.split("=")[1] for line in cache.splitlines() if "CMAKE_BUILD_TYPE:" in line)
     load = round(os.getloadavg()[0], 1)
-    RESULTS["machine"] = {"rounds": rounds, "load before the run": load, "build": kind,
+    RESULTS["machine"] = {"rounds": rounds, "load before the run": load, "build": build_type,
                           "SQLite": sqlite3.sqlite_version, "igzip": bool(shutil.which("igzip")),
                           "Linux": platform.release().split("-")[0]}
     print("; ".join(f"{name} {value}" for name, value in RESULTS["machine"].items()))
-    if kind not in ("Release", "RelWithDebInfo"):
+    if build_type not in ("Release", "RelWithDebInfo"):
         sys.exit(f"bench: {build} is not optimised: its figures say nothing; build the preset release")
     bench = Bench(build)
     try:
