@@ -308,7 +308,7 @@ int main(int argc, char** argv) {
   std::size_t count = 90;
   unsigned seed = 1;
   for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--full") == 0) count = 5000;
+    if (std::strcmp(argv[i], "--full") == 0) count = 3000;
     if (std::strncmp(argv[i], "--seed=", 7) == 0) seed = static_cast<unsigned>(std::stoul(argv[i] + 7));
   }
   source.seed(seed);
