@@ -53,29 +53,29 @@ void unbind_commands(EditLine* editor) {
 LineReader::LineReader() {
   if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) return;
   HistEvent event = {};
-  history_.reset(history_init());
-  history(history_.get(), &event, H_SETSIZE, kRemembered);
-  editor_.reset(el_init("confsave", stdin, stdout, stderr));
+  history_ = history_init();
+  history(history_, &event, H_SETSIZE, kRemembered);
+  editor_ = el_init("confsave", stdin, stdout, stderr);
   if (editor_ == nullptr) return;
-  el_set(editor_.get(), EL_PROMPT, prompt_of);
-  el_set(editor_.get(), EL_EDITOR, "emacs");
-  el_set(editor_.get(), EL_SIGNAL, 1);
-  el_set(editor_.get(), EL_HIST, history, history_.get());
-  el_set(editor_.get(), EL_ADDFN, "complete", "Complete the word", complete);
-  el_set(editor_.get(), EL_BIND, "^I", "complete", nullptr);
-  unbind_commands(editor_.get());
+  el_set(editor_, EL_PROMPT, prompt_of);
+  el_set(editor_, EL_EDITOR, "emacs");
+  el_set(editor_, EL_SIGNAL, 1);
+  el_set(editor_, EL_HIST, history, history_);
+  el_set(editor_, EL_ADDFN, "complete", "Complete the word", complete);
+  el_set(editor_, EL_BIND, "^I", "complete", nullptr);
+  unbind_commands(editor_);
 }
 
 bool LineReader::read(const char* prompt, std::string& line) {
   if (!at_terminal()) return static_cast<bool>(std::getline(std::cin, line));
   current_prompt = prompt;
   int length = 0;
-  const char* typed = el_gets(editor_.get(), &length);
+  const char* typed = el_gets(editor_, &length);
   if (typed == nullptr || length <= 0) return false;
   line.assign(typed, static_cast<std::size_t>(length));
   if (line.back() == '\n') line.pop_back();
   HistEvent event = {};
-  if (!line.empty()) history(history_.get(), &event, H_ENTER, line.c_str());
+  if (!line.empty()) history(history_, &event, H_ENTER, line.c_str());
   return true;
 }
 

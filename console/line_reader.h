@@ -2,7 +2,6 @@
 
 #include <histedit.h>
 
-#include <memory>
 #include <string>
 
 namespace console {
@@ -13,6 +12,9 @@ namespace console {
 class LineReader {
  public:
   LineReader();
+  LineReader(const LineReader&) = delete;
+  LineReader& operator=(const LineReader&) = delete;
+  ~LineReader() = default;
 
   bool at_terminal() const { return editor_ != nullptr; }
 
@@ -20,13 +22,9 @@ class LineReader {
   bool read(const char* prompt, std::string& line);
 
  private:
-  struct End {
-    void operator()(EditLine* editor) const { el_end(editor); }
-    void operator()(History* history) const { history_end(history); }
-  };
-
-  std::unique_ptr<History, End> history_;
-  std::unique_ptr<EditLine, End> editor_;
+  // Neither is ended: the editor forgets what it has allocated for the tab key. There is one LineReader.
+  History* history_ = nullptr;
+  EditLine* editor_ = nullptr;
 };
 
 }  // namespace console

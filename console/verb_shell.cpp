@@ -209,7 +209,7 @@ Arguments shell_candidates(const std::string& line, const std::string& begun) {
 
 int shell(const Options& options) {
   if (!check_directories()) return kFailed;
-  LineReader reader;
+  static LineReader reader;
   std::string line;
   while (reader.read("confsave> ", line)) {
     if (!follow(words_of(line), options)) return kDone;
