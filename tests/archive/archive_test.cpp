@@ -73,22 +73,16 @@ const std::pair<int, Texts> kPacking[] = {
     {conf_full, {kPackEtc, kPackFull}}, {conf_part, {kPackEtc, kPackPart}}, {conf_corlu, {kPackCorlu}},
     {0, {kPackEtc, kPackPart}},         {7, {kPackEtc, kPackPart}},         {-1, {kPackEtc, kPackPart}}};
 
-TEST_F(ArchiveCreate, EachTypeHasItsOwnCommands) {
-  write_user_files({"config.db", "config.idx"});
-  for (const auto& [type, expected] : kPacking) {
-    host.commands.clear();
-    Archive(static_cast<conftype>(type), config_dir()).Create();
-    EXPECT_EQ(commands(), expected) << type;
-  }
-}
-
 TEST_F(ArchiveCreate, DatabaseIsPackedOnlyIfBothFilesExist) {
-  for (const Texts& files : {Texts{}, Texts{"config.db"}, Texts{"config.idx"}}) {
+  for (const Texts& files :
+       {Texts{}, Texts{"config.db"}, Texts{"config.idx"}, Texts{"config.db", "config.idx"}}) {
     empty_directory(config_dir() + "user");
     write_user_files(files);
     for (auto [type, expected] : kPacking) {
-      expected.back() =
-          std::regex_replace(expected.back(), std::regex(" user/config.db user/config.idx"), "");
+      if (files.size() < 2) {
+        expected.back() =
+            std::regex_replace(expected.back(), std::regex(" user/config.db user/config.idx"), "");
+      }
       host.commands.clear();
       Archive(static_cast<conftype>(type), config_dir()).Create();
       EXPECT_EQ(commands(), expected) << type;
@@ -114,26 +108,6 @@ TEST_F(ArchiveCreate, FailedTarLeavesNoTemporaryFile) {
 }
 
 using ArchiveFetch = ArchiveTest;
-
-TEST_F(ArchiveFetch, BothArchivesAreWhatTarWrote) {
-  make_configuration();
-  Archive archive(conf_full, config_dir());
-  archive.Create();
-  const auto [etc, keybase] = fetch(archive);
-  EXPECT_EQ(members(etc), (Texts{"failover.ini", "failover.ini.crg", "failoverd-config.crg"}));
-  EXPECT_EQ(members(keybase).size(), 30U);
-  EXPECT_EQ(members(keybase).front(), "user/gateway.conf");
-  EXPECT_EQ(members(keybase).back(), "hub/key");
-}
-
-TEST_F(ArchiveFetch, CorluTypeHasNoEtcArchive) {
-  make_configuration();
-  Archive archive(conf_corlu, config_dir());
-  archive.Create();
-  const auto [etc, keybase] = fetch(archive);
-  EXPECT_EQ(etc, Bytes());
-  EXPECT_EQ(members(keybase).size(), 15U);
-}
 
 TEST_F(ArchiveFetch, BytesComeBackAsTheyWere) {
   for (const auto& bytes : {std::pair(Bytes{'a', '\0'}, Bytes{'b'}), {Bytes(), Bytes()}}) {
@@ -229,6 +203,7 @@ TEST_F(ArchiveFromBytes, ShortOrRefusedWriteIsStatus6) {
       EXPECT_EQ(thrown([&, e = etc, k = keybase] { archive.Create(Bytes(e, 'x'), Bytes(k, 'x')); }),
                 "XTOOStatus 6: " + error);
     }
+    EXPECT_EQ(temp_files().size(), etc > limit ? 1U : 2U);
     ASSERT_EQ(host.records.size(), 1U);
     host.records[0].text = std::regex_replace(host.records[0].text,
                                               std::regex("^" + temp_dir() + "/[A-Za-z0-9]{6}"), "<file>");
@@ -258,13 +233,6 @@ TEST_F(ArchiveFromBytes, FilesAreRewound) {
   for (const auto& [name, fd] : descriptors) EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 0) << name;
 }
 
-TEST_F(ArchiveFromBytes, EtcIsWrittenFirst) {
-  Archive archive(conf_full, config_dir());
-  const FileSizeLimit full(10);
-  EXPECT_THROW(archive.Create(Bytes(5, 'e'), Bytes(11, 'k')), XTOOStatus);
-  EXPECT_EQ(temp_files().size(), 2U);
-}
-
 // Unpacking
 
 using ArchiveExtract = ArchiveTest;
@@ -274,6 +242,8 @@ TEST_F(ArchiveExtract, WithoutATargetEachArchiveIsUnpackedInItsPlace) {
   EXPECT_EQ(commands(), unpack_into("/mnt/main/etc/") + unpack_into("<root>/config/"));
   EXPECT_EQ(tree(etc_dir()), (Contents{{"failover.ini", "f"}}));
   EXPECT_EQ(tree(config_dir()), (Contents{{"user/gateway.conf", "g"}}));
+  restore_both(conf_corlu);
+  EXPECT_EQ(commands(), unpack_into("<root>/config/"));
 }
 
 TEST_F(ArchiveExtract, TargetReceivesBoth) {
@@ -282,11 +252,6 @@ TEST_F(ArchiveExtract, TargetReceivesBoth) {
   EXPECT_EQ(commands(), unpack_into("<root>/target/") + unpack_into("<root>/target/"));
   EXPECT_EQ(tree(target), (Contents{{"failover.ini", "f"}, {"user/gateway.conf", "g"}}));
   EXPECT_EQ(names_in(etc_dir()), Texts());
-}
-
-TEST_F(ArchiveExtract, OfTheCorluTypeEtcIsNotUnpacked) {
-  restore_both(conf_corlu);
-  EXPECT_EQ(commands(), unpack_into("<root>/config/"));
 }
 
 TEST_F(ArchiveExtract, DatabaseIsDeletedBeforeTheFirstCommand) {
@@ -346,18 +311,6 @@ TEST_F(ArchiveExtract, FailedEtcStopsTheRestoreAndNothingIsRolledBack) {
             }),
             "ConfSave::XExternalFailure 36: ");
   EXPECT_EQ(tree(config_dir()), Contents());
-}
-
-TEST_F(ArchiveExtract, EveryFileIsRestoredWithModeAndTime) {
-  make_configuration();
-  Archive archive(conf_full, config_dir());
-  archive.Create();
-  const auto [etc, keybase] = fetch(archive);
-  const Files before = files_below(config_dir());
-  for (const auto& [name, file] : before) write_file(config_dir() + name, "damaged");
-  fs::remove(config_dir() + "hub/key");
-  restore(conf_full, etc, keybase);
-  EXPECT_EQ(files_below(config_dir()), before);
 }
 
 TEST_F(ArchiveExtract, DirectoriesWithoutAnEntryGetTheModeOfTheUmask) {

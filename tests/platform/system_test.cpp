@@ -96,12 +96,6 @@ TEST_F(CommandRunner, KeepsUnsafeVariablesFromTheCommand) {
   EXPECT_NE(environment.find("PATH="), std::string::npos);
 }
 
-TEST_F(CommandRunner, TarIgnoresTheEnvironmentsOptions) {
-  setenv("TAR_OPTIONS", "--help", 1);
-  EXPECT_EQ(output_of("tar cf - -T /dev/null | wc -c"), "10240\n");
-  unsetenv("TAR_OPTIONS");
-}
-
 TEST_F(CommandRunner, ReturnsTheStatusInAHostThatIgnoresItsChildren) {
   for (const auto& action : {handled_by(SIG_IGN), handled_by(SIG_DFL, SA_NOCLDWAIT)}) {
     const Disposition ignoring(SIGCHLD, action);

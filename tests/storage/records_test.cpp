@@ -16,27 +16,12 @@ namespace {
 using namespace ConfSave;
 using namespace test;
 
-const std::string kDeleteWeekly = delete_of("weekly");
-const std::string kInsertWeekly = insert_of("weekly");
-
-class StorageCreate : public StorageOfConfiguration {
- protected:
-  void create(const std::string& name = "weekly", conftype type = conf_full, int64 version = kCurrent) {
-    storage->Create(name, type, version);
-  }
-
-  /// Creates, which must fail because there is such a row of this version.
-  void expect_taken(const std::string& version_text, int64 version, conftype type = conf_full) {
-    EXPECT_EQ(
-        thrown([&] { create("weekly", type, version); }),
-        "ConfSave::XConstraint 0: Configuration 'weekly' (version " + version_text + ") already exists");
-  }
-};
+using StorageCreate = StorageOfConfiguration;
 
 TEST_F(StorageCreate, AnotherVersionIsASecondRow) {
-  create();
-  create("weekly", conf_part, kCurrent + 1);
-  create("weekly", conf_corlu, 0);
+  storage->Create("weekly", conf_full, kCurrent);
+  storage->Create("weekly", conf_part, kCurrent + 1);
+  storage->Create("weekly", conf_corlu, 0);
   EXPECT_EQ(records(),
             (LogRecords{says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017408)", {8}),
                         says(kCreate, 4, "sqlite3_total_changes: 1", {4}),
@@ -53,14 +38,14 @@ TEST_F(StorageCreate, NamesAreNeitherCheckedNorCut) {
   const std::string name(300, 'x');
   for (const std::string& each :
        {name, std::string(), std::string("\xc3\xbc \"%s?"), std::string("o''hare")}) {
-    create(each, conf_corlu, 0);
+    storage->Create(each, conf_corlu, 0);
   }
   EXPECT_EQ(query("select name from Config order by id"),
             (Rows{{name}, {""}, {"\xc3\xbc \"%s?"}, {"o'hare"}}));
 }
 
 TEST_F(StorageCreate, NameThatLeavesNoParameterDecidesTheRow) {
-  create("a',null,null,1,2,3)--", conf_full, 0);
+  storage->Create("a',null,null,1,2,3)--", conf_full, 0);
   EXPECT_EQ(
       records(),
       (LogRecords{says(kCreate, 2, "Try to save configuration 'a',null,null,1,2,3)--' (version 0)", {8}),
@@ -70,52 +55,25 @@ TEST_F(StorageCreate, NameThatLeavesNoParameterDecidesTheRow) {
 }
 
 TEST_F(StorageCreate, MessageOfATakenNameHasTheVersionAsText) {
-  for (const auto& [version, text] :
-       {std::pair(std::numeric_limits<int64>::min(), "-2147483648.0.0"), {int64{0}, ""}}) {
-    create("weekly", conf_corlu, version);
-    expect_taken(text, version, conf_corlu);
-  }
-  create("weekly", conf_corlu, std::numeric_limits<int64>::max());
-  EXPECT_EQ(
-      query("select version, typeof(version) from Config order by id"),
-      (Rows{{"-9223372036854775808", "integer"}, {"0", "integer"}, {"9223372036854775807", "integer"}}));
-}
-
-TEST_F(StorageCreate, TakenNameThrowsWithoutALogAndWithDigitGroups) {
-  put({"weekly", kCurrent});
   host.no_log = true;
   const GroupedDigits grouped;
-  expect_taken("4.5.4", kCurrent);
+  for (const auto& [version, text] : {std::pair(std::numeric_limits<int64>::min(), "-2147483648.0.0"),
+                                      {int64{0}, ""},
+                                      {kCurrent, "4.5.4"}}) {
+    put({"weekly", version});
+    EXPECT_EQ(thrown([&, v = version] { storage->Create("weekly", conf_corlu, v); }),
+              std::string("ConfSave::XConstraint 0: Configuration 'weekly' (version ") + text +
+                  ") already exists");
+  }
+  EXPECT_EQ(query("select version, save_time from Config order by id"),
+            (Rows{{"-9223372036854775808", "1000"}, {"0", "1000"}, {"17264017408", "1000"}}));
   EXPECT_EQ(records(), LogRecords());
-  EXPECT_EQ(rows(), old_row);
-}
-
-TEST_F(StorageCreate, TableDroppedWhileItPacksFailsInTheStep) {
-  Database(database()).run("drop table Config");
-  create();
-  EXPECT_EQ(records(),
-            (LogRecords{says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017408)", {8}),
-                        says(kCreate, 2, refusal("no such table: Config", kInsertWeekly, 1), {4}),
-                        says(kCreate, 1, "sqlite3_finalize() return code 1", {4}),
-                        says(kCreate, 4, "sqlite3_total_changes: 0", {4})}));
-}
-
-TEST_F(StorageCreate, InATransactionTheRowTakesEffectAtTheCommit) {
-  storage->Begin();
-  create();
-  storage->Delete("weekly", kCurrent);
-  create("weekly", conf_part);
-  EXPECT_FALSE(lock_is_free(database()));
-  storage->Commit();
-  EXPECT_EQ(rows(), (Rows{{"2", "weekly", "17264017408", "2", "<now>", "NULL"}}));
 }
 
 // Update only
 
 class StorageUpdate : public StorageOfConfiguration {
  protected:
-  void update(conftype type = conf_full) { storage->Update("weekly", type, kCurrent); }
-
   static LogRecords logged(const LogRecords& refused, const char* changes) {
     return LogRecords{says(kUpdate, 2, "Try to update configuration 'weekly' (version 17264017408)", {8})} +
            refused + LogRecords{says(kUpdate, 4, std::string("sqlite3_total_changes: ") + changes, {4})};
@@ -126,8 +84,8 @@ TEST_F(StorageUpdate, OldRowIsReplaced) {
   put({"weekly", kCurrent, 1, "1000", "2000"});
   put({"weekly", 0, 1, "1000", "2000"});
   put({"daily", kCurrent, 1, "1000", "2000"});
-  update(conf_part);
-  expect_effects({kPackEtc, kPackPart}, {kDeleteWeekly, insert_of("weekly", kCurrentText, "2")},
+  storage->Update("weekly", conf_part, kCurrent);
+  expect_effects({kPackEtc, kPackPart}, {delete_of("weekly"), insert_of("weekly", kCurrentText, "2")},
                  logged({}, "2"));
   EXPECT_EQ(rows(), (Rows{{"2", "weekly", "0", "1", "1000", "2000"},
                           {"3", "daily", "17264017408", "1", "1000", "2000"},
@@ -138,21 +96,12 @@ TEST_F(StorageUpdate, RefusedInsertIsOnlyReportedAndTheOldRowIsDeleted) {
   rearrange("create unique index one_of_each on Config (type)");
   put({"weekly", kCurrent, 2});
   put({"daily", kCurrent, 1});
-  update();
-  EXPECT_EQ(
-      records(),
-      logged({says(kUpdate, 2, refusal("UNIQUE constraint failed: Config.type", kInsertWeekly, 19), {4})},
-             "1"));
+  storage->Update("weekly", conf_full, kCurrent);
+  EXPECT_EQ(records(),
+            logged({says(kUpdate, 2,
+                         refusal("UNIQUE constraint failed: Config.type", insert_of("weekly"), 19), {4})},
+                   "1"));
   EXPECT_EQ(rows(), (Rows{{"2", "daily", "17264017408", "1", "1000", "NULL"}}));
-}
-
-TEST_F(StorageUpdate, AfterARefusedDeleteTheInsertCanSucceed) {
-  rearrange(kForeignTable + "; " + kKeepTrigger);
-  put({"weekly", kCurrent});
-  update();
-  EXPECT_EQ(records(), logged({says(kUpdate, 2, refusal("kept", kDeleteWeekly, 19), {4})}, "1"));
-  EXPECT_EQ(rows(), (Rows{{"NULL", "weekly", "17264017408", "1", "1000", "NULL"},
-                          {"NULL", "weekly", "17264017408", "1", "<now>", "NULL"}}));
 }
 
 TEST_F(StorageUpdate, TimeIsTakenAfterTheDelete) {
@@ -164,31 +113,12 @@ TEST_F(StorageUpdate, TimeIsTakenAfterTheDelete) {
         if (operation == SQLITE_DELETE) *static_cast<std::time_t*>(time) = next_second();
       },
       &deleted);
-  update();
+  storage->Update("weekly", conf_full, kCurrent);
   ASSERT_NE(deleted, 0);
   EXPECT_GE(std::stoll(Database(database()).value("select save_time from Config")), deleted);
 }
 
-TEST_F(StorageUpdate, WithoutACommitTheOldRowComesBack) {
-  put({"weekly", kCurrent, 2, "1000", "2000"});
-  storage->Begin();
-  update();
-  storage.reset();
-  EXPECT_EQ(rows(), (Rows{{"1", "weekly", "17264017408", "2", "1000", "2000"}}));
-}
-
 // A storage that is not opened
-
-TEST_F(StorageOfConfiguration, NothingIsDoneUnlessOpened) {
-  put({"weekly", kCurrent});
-  storage->opened = false;
-  EXPECT_FALSE(storage->Exists("weekly", kCurrent));
-  storage->Create("daily", conf_full, kCurrent);
-  storage->Update("weekly", conf_full, kCurrent);
-  storage->Delete("weekly", kCurrent);
-  expect_effects({}, {}, {});
-  EXPECT_EQ(rows(), old_row);
-}
 
 using UnopenedRecords = Gateway;
 

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 
 #include "support/gateway.h"
@@ -15,7 +14,12 @@ namespace {
 using namespace ConfSave;
 using namespace test;
 
-TEST(StatementText, CreateTable) {
+/// No text has digit groups, whatever the host's locale is.
+class StatementText : public testing::Test {
+  const GroupedDigits grouped_;
+};
+
+TEST_F(StatementText, CreateTable) {
   const std::string text =
       "create table 'Config' (id integer primary key autoincrement, name varchar(80) not null, version "
       "integer not null, keybase blob, etc blob, type integer, save_time timestamp, load_time timestamp, "
@@ -25,20 +29,20 @@ TEST(StatementText, CreateTable) {
   EXPECT_EQ(sql::table_exists_error(), "table 'Config' already exists");
 }
 
-TEST(StatementText, CountRows) {
+TEST_F(StatementText, CountRows) {
   EXPECT_EQ(sql::count_rows("weekly", kCurrent),
             "select count(*) from 'Config' where name='weekly' and version=17264017408");
   EXPECT_EQ(sql::count_rows("o'hare", -1),
             "select count(*) from 'Config' where name='o'hare' and version=-1");
 }
 
-TEST(StatementText, DeleteRow) {
+TEST_F(StatementText, DeleteRow) {
   EXPECT_EQ(sql::delete_row("weekly", 0), "delete from 'Config' where name='weekly' and version=0");
   EXPECT_EQ(sql::delete_row("weekly", INT64_MIN),
             "delete from 'Config' where name='weekly' and version=-9223372036854775808");
 }
 
-TEST(StatementText, InsertRow) {
+TEST_F(StatementText, InsertRow) {
   EXPECT_EQ(sql::insert_row("weekly", kCurrent, 1488377100, conf_full),
             "insert into 'Config' (name,keybase,etc,version, save_time, type) values "
             "('weekly',?,?,17264017408,1488377100,1)");
@@ -47,7 +51,7 @@ TEST(StatementText, InsertRow) {
       "insert into 'Config' (name,keybase,etc,version, save_time, type) values ('weekly',?,?,-5,-6,-1)");
 }
 
-TEST(StatementText, SelectRow) {
+TEST_F(StatementText, SelectRow) {
   EXPECT_EQ(sql::select_row("weekly", kCurrent, true),
             "select keybase, etc, type, id from 'Config' where name!='corlu-config' and name='weekly' and "
             "version=17264017408");
@@ -55,11 +59,11 @@ TEST(StatementText, SelectRow) {
             "select keybase, etc, type, id from 'Config' where name='weekly' and version=17264017408");
 }
 
-TEST(StatementText, StampLoadTime) {
+TEST_F(StatementText, StampLoadTime) {
   EXPECT_EQ(sql::stamp_load_time(12, 1488377100), "update 'Config' set load_time=1488377100 where id=12");
 }
 
-TEST(StatementText, ListRows) {
+TEST_F(StatementText, ListRows) {
   const std::string select = "select name, version, type, save_time, load_time from 'Config'";
   EXPECT_EQ(sql::list_rows(0, "", false), select);
   EXPECT_EQ(sql::list_rows(0, "", true), select + " where name!='corlu-config'");
@@ -71,7 +75,7 @@ TEST(StatementText, ListRows) {
   EXPECT_EQ(sql::list_rows(0, "save_time", false), select + " order by save_time");
 }
 
-TEST(StatementText, FindRows) {
+TEST_F(StatementText, FindRows) {
   const std::string select = "select id, name, type, version, save_time, load_time from 'Config' where";
   EXPECT_EQ(sql::find_rows("autosave*", 0, true),
             select + " name!='corlu-config' and name glob 'autosave*'");
@@ -81,44 +85,23 @@ TEST(StatementText, FindRows) {
             select + " name!='corlu-config' and name glob 'w' and version=-1");
 }
 
-TEST(StatementText, HasNoDigitGroups) {
-  const GroupedDigits grouped;
-  EXPECT_EQ(
-      sql::insert_row("a", 1000, 2000, static_cast<conftype>(3000)),
-      "insert into 'Config' (name,keybase,etc,version, save_time, type) values ('a',?,?,1000,2000,3000)");
-  EXPECT_EQ(sql::find_rows("a", 1000, false),
-            "select id, name, type, version, save_time, load_time from 'Config' where name glob 'a' and "
-            "version=1000");
-}
+using SqlErrorReport = Gateway;
 
-class SqlErrorReport : public Gateway {
- protected:
-  /// Checks that `call` logs this text at level 2, and nothing at level 1.
-  void expect_report(const std::string& text, const std::function<void()>& call) {
-    call();
-    EXPECT_EQ(host.records, (LogRecords{{2, "void f(int)", "f", "source/storage", text, {4}}}));
-    host.records.clear();
-    host.log_level = 1;
-    call();
-    EXPECT_EQ(host.records, LogRecords());
-  }
-
+TEST_F(SqlErrorReport, IsARecordOfLevel2AndAMissingTextIsLeftOut) {
   const ClUnilogFname function{"void f(int)", "f"};
-};
-
-TEST_F(SqlErrorReport, IsARecordOfLevel2) {
-  expect_report("SQL error: no such table: x. Query: select 1 from x (return code: 1)",
-                [this] { sql::report_error(function, "no such table: x", "select 1 from x", 1); });
-}
-
-TEST_F(SqlErrorReport, MissingErrorTextIsLeftOut) {
-  expect_report("SQL error: . Query: commit (return code: 21)",
-                [this] { sql::report_error(function, nullptr, "commit", 21); });
-}
-
-TEST_F(SqlErrorReport, MissingConnectionIsReported) {
-  expect_report("SQL error: . Query: commit (return code: 21)",
-                [this] { sql::execute(nullptr, "commit", function); });
+  const auto report = [&] {
+    host.records.clear();
+    sql::report_error(function, "no such table: x", "select 1 from x", 1);
+    sql::execute(nullptr, "commit", function);
+  };
+  const Function logged{"void f(int)", "f", "source/storage"};
+  report();
+  EXPECT_EQ(host.records,
+            (LogRecords{says(logged, 2, refusal("no such table: x", "select 1 from x", 1), {4}),
+                        says(logged, 2, refusal("", "commit", 21), {4})}));
+  host.log_level = 1;
+  report();
+  EXPECT_EQ(host.records, LogRecords());
 }
 
 }  // namespace

@@ -100,9 +100,8 @@ class StorageLoad : public OpenedStorage {
   }
 
   /// Loads, which must fail after it stamped the row and ran these commands.
-  void expect_failure_after_the_stamp(const std::string& expected, const Texts& run,
-                                      const char* target = nullptr) {
-    EXPECT_EQ(thrown([&] { storage->Load("weekly", target, kCurrent, true); }), expected);
+  void expect_failure_after_the_stamp(const std::string& expected, const Texts& run) {
+    EXPECT_EQ(thrown([this] { load(); }), expected);
     EXPECT_EQ(commands(), run);
     EXPECT_EQ(stamps(), kStamped);
     EXPECT_EQ(temp_files(), Texts());

@@ -21,24 +21,19 @@ class StorageOpen : public Gateway {
   StatementRecorder recorder;
 };
 
-TEST_F(StorageOpen, NewFileGetsTheTable) {
-  const Storage storage;
-  EXPECT_TRUE(storage.opened);
-  EXPECT_EQ(recorder.statements(), (Texts{kChooseLayout, kCreateTable}));
-  EXPECT_EQ(host.records, kOpened);
-  EXPECT_EQ(Database(database()).value("select sql from sqlite_schema where name='Config'"),
-            "CREATE TABLE 'Config' " + kCreateTable.substr(22));
-  EXPECT_TRUE(lock_is_free(database()));
-}
-
-TEST_F(StorageOpen, RecordComesBeforeAnythingThatCanWait) {
+TEST_F(StorageOpen, NewFileGetsTheTableAndIsLoggedBeforeAnythingThatCanWait) {
   Texts before_first_record = {"not recorded"};
   host.on_recorded = [&] {
     if (host.records.size() == 1) before_first_record = recorder.statements();
   };
   const Storage storage;
-  EXPECT_EQ(host.records, kOpened);
+  EXPECT_TRUE(storage.opened);
   EXPECT_EQ(before_first_record, Texts());
+  EXPECT_EQ(recorder.statements(), (Texts{kChooseLayout, kCreateTable}));
+  EXPECT_EQ(host.records, kOpened);
+  EXPECT_EQ(query("select sql from sqlite_schema where name='Config'"),
+            Rows{{"CREATE TABLE 'Config' " + kCreateTable.substr(22)}});
+  EXPECT_TRUE(lock_is_free(database()));
 }
 
 TEST_F(StorageOpen, NewOrEmptyFileGetsTheLayoutThatListsFast) {
@@ -103,19 +98,11 @@ TEST_F(StorageOpen, TableOfAnotherShapeIsAccepted) {
 
 TEST_F(StorageOpen, MissingDirectoryLeavesItClosed) {
   std::filesystem::remove(state_dir());
-  const Storage storage;
-  EXPECT_FALSE(storage.opened);
-  EXPECT_EQ(host.records, LogRecords{kCannotOpen});
-}
-
-TEST_F(StorageOpen, DirectoryInPlaceOfTheFileLeavesItClosed) {
-  std::filesystem::create_directory(database());
-  host.log_level = 0;
-  EXPECT_FALSE(Storage().opened);
-  EXPECT_EQ(host.records, LogRecords());
-  host.log_level = 1;
-  EXPECT_FALSE(Storage().opened);
-  EXPECT_EQ(host.records, LogRecords{kCannotOpen});
+  for (const int level : {0, 1}) {
+    host.log_level = level;
+    EXPECT_FALSE(Storage().opened);
+    EXPECT_EQ(host.records, level == 0 ? LogRecords() : LogRecords{kCannotOpen});
+  }
 }
 
 TEST_F(StorageOpen, ExceptionOfTheLogClosesTheConnection) {
@@ -172,23 +159,17 @@ TEST_F(StorageTransaction, BeginTakesTheExclusiveLockAndCommitReleasesIt) {
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(StorageTransaction, BeginTwiceIsReported) {
+TEST_F(StorageTransaction, BeginTwiceAndCommitWithoutBeginAreReported) {
   Storage storage;
   storage.Begin();
   forget();
   storage.Begin();
-  EXPECT_EQ(host.records,
-            (LogRecords{says(
-                kBegin, 2, refusal("cannot start a transaction within a transaction", "begin exclusive", 1),
-                {4})}));
-}
-
-TEST_F(StorageTransaction, CommitWithoutBeginIsReported) {
-  Storage storage;
-  forget();
+  storage.Commit();
   storage.Commit();
   EXPECT_EQ(host.records,
             (LogRecords{
+                says(kBegin, 2,
+                     refusal("cannot start a transaction within a transaction", "begin exclusive", 1), {4}),
                 says(kCommit, 2, refusal("cannot commit - no transaction is active", "commit", 1), {4})}));
 }
 

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <cstdlib>
-#include <ctime>
 #include <filesystem>
-#include <limits>
 #include <stdexcept>
 #include <string>
 
@@ -20,15 +17,14 @@ using namespace test;
 
 TEST_F(StorageLoad, RowIsStampedAndUnpacked) {
   put(row(1));
-  const GroupedDigits grouped;  // Statements and records have no digit groups.
+  const GroupedDigits grouped;
   expect_logged({kLoadBegins, sizes, kOneChange}, [this] {
-    recorder.clear();
-    host.commands.clear();
+    rearrange("update Config set load_time = 2000");
     load();
-    EXPECT_EQ(statements(), (Texts{kSelectStored, kStampFirst}));
     EXPECT_EQ(commands(), kUnpackEtc + kUnpackKeybase);
+    EXPECT_EQ(statements(), (Texts{kSelectStored, kStampFirst}));
+    EXPECT_EQ(stamps(), kStamped);
   });
-  EXPECT_EQ(stamps(), kStamped);
 }
 
 TEST_F(StorageLoad, EveryFileIsRestoredAsItWas) {
@@ -44,55 +40,11 @@ TEST_F(StorageLoad, EveryFileIsRestoredAsItWas) {
   EXPECT_EQ(files_below(etc_dir()), etc_files);
 }
 
-TEST_F(StorageLoad, ExistingFilesAreReplacedAndOtherFilesStay) {
-  put(row(1));
-  write_file(config_dir() + "user/gateway.conf", "changed");
-  write_file(config_dir() + "user/config.db-journal", "stale");
-  write_file(config_dir() + "own.txt", "not in the archive");
-  write_file(etc_dir() + "failover.ini", "changed");
-  load();
-  const Files restored = files_below(config_dir());
-  EXPECT_EQ(restored.at("user/gateway.conf"), config_files.at("user/gateway.conf"));
-  EXPECT_EQ(restored.count("user/config.db-journal"), 0U);
-  EXPECT_EQ(std::get<0>(restored.at("own.txt")), "not in the archive");
-  EXPECT_EQ(files_below(etc_dir()), etc_files);
-}
-
 TEST_F(StorageLoad, TargetReceivesBothArchives) {
   put(row(1));
   fs::create_directory(root() + "/target");
-  const std::string target = root() + "/target/";
-  storage->Load("weekly", target.c_str(), kCurrent, true);
+  storage->Load("weekly", (root() + "/target/").c_str(), kCurrent, true);
   EXPECT_EQ(commands(), unpack_into("<root>/target/") + unpack_into("<root>/target/"));
-  const Files restored = files_below(target);
-  EXPECT_EQ(restored.at("user/gateway.conf"), config_files.at("user/gateway.conf"));
-  EXPECT_EQ(restored.at("failover.ini"), etc_files.at("failover.ini"));
-  EXPECT_EQ(files_below(config_dir()), Files());
-  EXPECT_EQ(files_below(etc_dir()), Files());
-  EXPECT_EQ(stamps(), kStamped);
-}
-
-// The stamp
-
-TEST_F(StorageLoad, OnlyTheLoadedRowIsStamped) {
-  put({"daily", kCurrent});
-  put(row(1));
-  put({"weekly", 0});
-  load();
-  EXPECT_EQ(statements(), (Texts{kSelectStored, stamp_of("2")}));
-  EXPECT_EQ(stamps(), (Rows{{"1", "NULL"}, {"2", "<now>"}, {"3", "NULL"}}));
-}
-
-TEST_F(StorageLoad, EarlierStampIsReplacedAndListed) {
-  RowSpec spec = row(1);
-  spec.load_time = "2000";
-  put(spec);
-  load();
-  EXPECT_EQ(stamps(), kStamped);
-  const Configs configs = storage->List(0, "", true);
-  ASSERT_EQ(configs.size(), 1U);
-  EXPECT_GE(configs[0].load_time, started);
-  EXPECT_LE(configs[0].load_time, std::time(nullptr));
 }
 
 TEST_F(StorageLoad, IdMayBeLargerThan32Bits) {
@@ -104,32 +56,6 @@ TEST_F(StorageLoad, IdMayBeLargerThan32Bits) {
   load();
   EXPECT_EQ(statements(), (Texts{kSelectStored, stamp_of("4294967297")}));
   EXPECT_EQ(stamps(), (Rows{{"1", "NULL"}, {"4294967297", "<now>"}}));
-}
-
-TEST_F(StorageLoad, EveryVersionCanBeLoaded) {
-  RowSpec spec = row(3);
-  for (const int64 version :
-       {int64{0}, std::numeric_limits<int64>::max(), std::numeric_limits<int64>::min()}) {
-    spec.version = version;
-    put(spec);
-    storage->Load("weekly", nullptr, version, true);
-  }
-  EXPECT_EQ(stamps(), (Rows{{"1", "<now>"}, {"2", "<now>"}, {"3", "<now>"}}));
-}
-
-TEST_F(StorageLoad, StampTakesEffectAtTheCommitAndIsUndoneWithoutOne) {
-  put(row(1));
-  storage->Begin();
-  load();
-  EXPECT_FALSE(lock_is_free(database()));
-  storage.reset();
-  EXPECT_EQ(stamps(), kNotStamped);
-  EXPECT_EQ(files_below(etc_dir()), etc_files);
-  open();
-  storage->Begin();
-  load();
-  storage->Commit();
-  EXPECT_EQ(stamps(), kStamped);
 }
 
 TEST_F(StorageLoad, RefusedStampIsOnlyLogged) {
@@ -145,30 +71,7 @@ TEST_F(StorageLoad, RefusedStampIsOnlyLogged) {
   EXPECT_EQ(stamps(), kNotStamped);
 }
 
-TEST_F(StorageLoad, ViewIsLoadedWithoutAStamp) {
-  rearrange("alter table Config rename to Kept; create view Config as select * from Kept");
-  Database(database())
-      .run("insert into Kept (name, version, keybase, etc, type) values ('weekly', 17264017408, " +
-           hex(keybase) + ", " + hex(etc) + ", 1)");
-  load();
-  EXPECT_EQ(
-      records(),
-      (LogRecords{kLoadBegins, sizes,
-                  says(kLoad, 2, refusal("cannot modify Config because it is a view", kStampFirst, 1), {4}),
-                  kNoChange}));
-  EXPECT_EQ(files_below(etc_dir()), etc_files);
-}
-
 // The type decides which archives are unpacked
-
-TEST_F(StorageLoad, OfTheCorluTypeOnlyKeybaseIsUnpacked) {
-  put(row(3));
-  load();
-  EXPECT_EQ(commands(), kUnpackKeybase);
-  EXPECT_EQ(records(), (LogRecords{kLoadBegins, sizes, kOneChange}));
-  EXPECT_EQ(files_below(config_dir()).at("user/gateway.conf"), config_files.at("user/gateway.conf"));
-  EXPECT_EQ(files_below(etc_dir()), Files());
-}
 
 TEST_F(StorageLoad, OfTheCorluTypeAnyEtcIsToleratedAndIgnored) {
   struct Etc {
@@ -262,37 +165,6 @@ TEST_F(StorageLoad, StampStaysWhenTheArchiveIsInvalid) {
                                    says(kUnpack, 1, "failed to extract files with error code: 7", {4})}));
 }
 
-TEST_F(StorageLoad, EmptyKeybaseFailsInTar) {
-  put(row(3, "x''", "NULL"));
-  expect_failure_after_the_stamp("ConfSave::XExternalFailure 36: ", {kUnpackKeybase[0], kUnpackKeybase[2]});
-}
-
-TEST_F(StorageLoad, InvalidKeybaseFailsAfterEtcIsRestored) {
-  put(row(1, "x'00'", hex(etc)));
-  expect_failure_after_the_stamp("ConfSave::XExternalFailure 36: ",
-                                 kUnpackEtc + Texts{kUnpackKeybase[0], kUnpackKeybase[2]});
-  EXPECT_EQ(files_below(etc_dir()), etc_files);
-  EXPECT_EQ(files_below(config_dir()), Files());
-}
-
-TEST_F(StorageLoad, MissingTargetFailsAfterTheStamp) {
-  put(row(1));
-  expect_failure_after_the_stamp("XTOOStatus 3: No such file or directory", {},
-                                 (root() + "/missing/").c_str());
-}
-
-TEST_F(StorageLoad, MissingTemporaryDirectoryFailsAfterTheStamp) {
-  put(row(1));
-  setenv("KELMOR_TEMP_DIR", (root() + "/missing").c_str(), 1);
-  expect_failure_after_the_stamp("XTOOStatus 17: No such file or directory", {});
-}
-
-TEST_F(StorageLoad, DatabaseFileThatCannotBeDeletedFailsAfterTheStamp) {
-  put(row(1));
-  fs::create_directory(config_dir() + "user/config.idx");
-  expect_failure_after_the_stamp("ConfSave::XExternalFailure 43: ", {});
-}
-
 TEST_F(StorageLoad, ExceptionOfTheHostPropagates) {
   put(row(1));
   host.on_command = [this](const std::string&) -> std::optional<int> {
@@ -301,14 +173,6 @@ TEST_F(StorageLoad, ExceptionOfTheHostPropagates) {
   };
   expect_failure_after_the_stamp("std::runtime_error: the host has enough", {kUnpackEtc[0]});
   EXPECT_EQ(names_in(etc_dir()), Texts());
-}
-
-TEST_F(StorageLoad, WithoutACommitTheStampOfAFailedLoadIsUndone) {
-  put(row(1, "x'00'", "x'00'"));
-  storage->Begin();
-  EXPECT_EQ(thrown([this] { load(); }), "ConfSave::XExternalFailure 36: ");
-  storage.reset();
-  EXPECT_EQ(stamps(), kNotStamped);
 }
 
 /// While it lives, SQLite gets little more memory than it has now.
@@ -333,15 +197,6 @@ TEST_F(StorageLoad, BlobLargerThanTheMemoryIsNotAnEmptyOne) {
     EXPECT_EQ(thrown([this] { load(); }), "std::bad_alloc: std::bad_alloc");
   }
   expect_effects({}, {kSelectStored}, {kLoadBegins});
-}
-
-// The flag, and a storage that is not opened
-
-TEST_F(StorageLoad, OpenedFlagIsIgnored) {
-  put(row(1));
-  storage->opened = false;
-  load();
-  EXPECT_EQ(stamps(), kStamped);
 }
 
 using UnopenedLoad = Gateway;
