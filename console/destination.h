@@ -3,8 +3,6 @@
 // The directories that a restore writes into: the configuration directory and the failover directory, or
 // the target; below them the directories that the contents name.
 
-#include <sys/stat.h>
-
 #include <string>
 #include <vector>
 
@@ -22,9 +20,6 @@ class Destination {
   /// Writes to disk what the restore wrote. Prints what cannot be written.
   bool sync() const;
 
-  /// The top directories, each ending in "/".
-  const std::vector<std::string>& tops() const { return tops_; }
-
   /// Every existing directory, the top ones first, and every symbolic link to one.
   std::vector<std::string> directories() const;
 
@@ -35,7 +30,7 @@ class Destination {
   std::vector<std::string> parents() const;
 
  private:
-  std::vector<std::string> tops_;
+  std::vector<std::string> tops_;  ///< each ends in "/"
 };
 
 }  // namespace console

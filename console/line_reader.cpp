@@ -37,9 +37,9 @@ unsigned char complete(EditLine* editor, int) {
   return CC_REDISPLAY;
 }
 
-const char* current_prompt = "";
+std::string current_prompt;
 
-char* prompt_of(EditLine*) { return const_cast<char*>(current_prompt); }
+char* prompt_of(EditLine*) { return current_prompt.data(); }
 
 /// The keys that ask for a command of the line editor, some of which start other programs.
 void unbind_commands(EditLine* editor) {
