@@ -29,9 +29,10 @@
 // unchanged: pass only characters of VALID_NAME_CHARS, and in patterns also * ? [ ]. The storage refuses a
 // statement that does more than read, insert or delete rows of the table and set a load time.
 //
-// Failures. The storage logs a statement that SQLite refuses, and continues; it does not throw. To be sure
-// that something was stored, look the row up. There are two exceptions to this rule: Create() throws
-// XConstraint for a name that exists, and Load() throws XNotFound for a table that it cannot read.
+// Failures. The storage logs a statement that SQLite refuses, at level 2, and continues; it does not
+// throw. To be sure that something was stored, look the row up. There are two exceptions to this rule:
+// Create() throws XConstraint for a name that exists, and Load() throws XNotFound for a table that it
+// cannot read.
 //
 // After a restore. load() syncs nothing. Call syncfs(2) on the configuration directory and on
 // "/mnt/main/etc/" before you report success: a power cut within the next half minute can otherwise leave
@@ -115,7 +116,8 @@ class CONFSAVE_API Config {
 
   /// Sets `vers` from a text such as "4.5.4": three decimal numbers below 2^32, separated and surrounded by
   /// any white space and punctuation of the process's C locale. A minor or build above 255 carries over;
-  /// one of 2^31 or more counts as negative. Returns false, with `vers` 0, for any other text.
+  /// a minor or build of 2^31 or more counts as negative. Sets `vers` to 0 and returns false for any
+  /// other text.
   bool vers_convert(std::string text);
 };
 
@@ -148,7 +150,7 @@ enum status_code : int {
   status_write = 6,     ///< cannot write an archive to its temporary file
   status_mkstemp = 17,  ///< cannot make a temporary file
   status_access = 19,   ///< XExternalFailure: cannot find out whether a file exists
-  status_command = 36,  ///< XExternalFailure: tar, cp or rm failed. XTOOStatus, no text: no temporary file
+  status_command = 36,  ///< XExternalFailure: a command failed. plain XTOOStatus: no temporary file
   status_unlink = 43,   ///< XExternalFailure: cannot delete a file
   status_fstat = 45,    ///< cannot get the size of a temporary file
   status_lseek = 54,    ///< cannot rewind a temporary file
@@ -184,8 +186,8 @@ class CONFSAVE_API XConstraint : public XTOOStatus {
   using XTOOStatus::XTOOStatus;
 };
 
-/// A directory could not be entered. The library never throws it, but prints a message for it: it is for
-/// hosts whose command runner changes directories.
+/// A directory could not be entered. The library never throws it, but catches it and prints a message: a
+/// host's command runner that changes directories may throw it.
 class CONFSAVE_API XChdir : public XExternalFailure {
  public:
   /// As XTOOStatus. The message for the person contains `directory`.
@@ -237,9 +239,10 @@ class CONFSAVE_API Storage {
   /// so that an unreadable row is never overwritten without a question.
   bool Exists(const std::string& name, int64 version);
 
-  /// Packs the configuration and inserts it as a new row. An archive that SQLite refuses, for its size, is
-  /// stored as NULL. Throws XConstraint if (name, version) exists; exceptions of Archive::Create() and
-  /// Archive::Fetch() propagate. After an exception the table is unchanged.
+  /// Packs the configuration and inserts it as a new row. An archive that SQLite refuses, because it
+  /// is too long or memory runs out, is stored as NULL. Throws XConstraint if (name, version) exists;
+  /// exceptions of Archive::Create() and Archive::Fetch() propagate. After an exception the table is
+  /// unchanged.
   void Create(const std::string& name, conftype type, int64 version);
 
   /// Packs the configuration, deletes the row (name, version) if it exists, and inserts a new one as
@@ -258,12 +261,13 @@ class CONFSAVE_API Storage {
   void Load(const std::string& name, const char* target, int64 version, bool skip_corlu);
 
   /// All rows up to and including `version`, or all rows for 0. `order_by` is an SQL column list or empty,
-  /// pasted unchanged. Times wrap at 32 bits. Throws std::logic_error for a row whose name is NULL, which
-  /// only a foreign table can contain.
+  /// pasted unchanged. Times wrap at 32 bits. If SQLite stops in the middle, returns the rows that it has
+  /// read, and logs nothing. Throws std::logic_error for a row whose name is NULL, which only a foreign
+  /// table can contain.
   Configs List(int64 version, const std::string& order_by, bool skip_corlu);
 
   /// The rows whose name matches the glob `pattern`, of exactly `version`, or of any version for 0. Times
-  /// wrap at 32 bits. If SQLite stops in the middle, the log says so and the rows so far are returned.
+  /// wrap at 32 bits. If SQLite stops in the middle, logs this and returns the rows that it has read.
   Configs FindMatching(const std::string& pattern, int64 version, bool skip_corlu);
 
  private:
@@ -348,11 +352,12 @@ class CONFSAVE_API Archive {
   /// status_fstat, status_lseek.
   void Fetch(std::vector<char>& etc, std::vector<char>& keybase) const;
 
-  /// Deletes the configuration database, then unpacks both archives: into `target`, which must end in "/",
-  /// or, if it is null, into the configuration directory and "/mnt/main/etc/". Replaces existing files;
-  /// files that no archive contains stay. Never restores files named "corlu.serv" or top-level names that
-  /// begin with a dot. An archive without files is a failure. Throws XExternalFailure with status_command
-  /// or status_unlink, XTOOStatus with status_mkdtemp. A failure rolls nothing back.
+  /// Deletes the configuration database, then unpacks both archives, of type conf_corlu only that of the
+  /// configuration directory: into `target`, which must end in "/", or, if `target` is null, into the
+  /// configuration directory and "/mnt/main/etc/". Replaces existing files; files that no archive has
+  /// stay. Never restores files named "corlu.serv" or top-level names that begin with a dot. An archive
+  /// without files is a failure. Throws XExternalFailure with status_command or status_unlink, XTOOStatus
+  /// with status_mkdtemp. A failure rolls nothing back.
   void Extract(const char* target) const;
 
  private:
@@ -393,8 +398,8 @@ CONFSAVE_API bool save(const std::string& name, conftype type, int64 version, bo
 CONFSAVE_API void load(const std::string& name, const char* target, int64 version, bool no_confirm);
 
 /// Prints `prompt` and reads one line. Returns true for y or yes, false for n or no, in upper or lower
-/// case. Any other line, and the end of input, throws XCancel; or, with `repeat`, prints the prompt again,
-/// without end once the input has ended.
+/// case. Throws XCancel for any other line and at the end of input; with `repeat`, it instead prints the
+/// prompt again, without end once the input has ended.
 CONFSAVE_API bool ask_user_yesno(const std::string& prompt, bool repeat);
 
 /// Functions for a gateway's shell. They do not check names, save and restore version 0 only, and print
@@ -407,8 +412,9 @@ class CONFSAVE_API App {
   static void lst();
 
   /// Saves the configuration. Asks before it overwrites; then deletes the old row before it packs the new
-  /// one, without a transaction. Returns false if it stored nothing. Throws nothing; prints a failure other
-  /// than that of a command on standard error.
+  /// one, without a transaction. Returns false if it stored nothing. Throws nothing. Prints the failure
+  /// of a command on standard output, unless the old row is deleted by then; every other failure on
+  /// standard error.
   static bool save(const std::string& name, conftype type);
 
   /// Deletes the snapshot, if it exists. Exceptions of the constructor of Storage and of Storage::Delete()
@@ -425,8 +431,9 @@ class CONFSAVE_API App {
 
 /// First deletes surplus autosaves, as CleanAutosaves() does, so that at most `maxautosaves` remain with
 /// the new one; pass at least 1. Then saves the configuration under CURRENT_VERSION and a name such as
-/// "autosave-2017-03-01-14-05-09", with "-0", "-1" and so on appended if that name exists. Ignores the
-/// first argument. Exceptions of Storage propagate, most likely of Storage::Create(); the surplus autosaves
+/// "autosave-2017-03-01-14-05-09", with "-0", "-1" and so on appended if that name exists. Tries at
+/// most `maxautosaves` such numbers, and saves nothing if all these names exist. Ignores the first
+/// argument. Exceptions of Storage propagate, most likely of Storage::Create(); the surplus autosaves
 /// are deleted by then.
 CONFSAVE_API void AutoSave(const std::string& name, conftype type, unsigned maxautosaves);
 

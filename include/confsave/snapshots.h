@@ -17,8 +17,8 @@
 //   for (const cs::Member& member : *members) std::cout << member.path << ' ' << member.size << '\n';
 //
 // Results. Every function returns a Result: a value, or an Error with a code, the path that it is about,
-// the system's error number, and a sentence. Nothing is printed, nothing is asked, and no exception but
-// std::bad_alloc leaves a function.
+// the system's error number, and a sentence. Nothing is printed, nothing is asked, and no exception
+// except std::bad_alloc leaves a function.
 //
 // Waiting. No call waits longer than the `wait` of its options, also for a lock of SQLite; it then returns
 // Code::busy.
@@ -119,7 +119,7 @@ struct Query {
   std::string pattern = "*";          ///< of the name: * ? [ ] as SQLite's glob has them
   std::optional<int64> version = {};  ///< exactly this one
   std::optional<int64> up_to = {};    ///< this one or lower
-  bool corlu_config = false;          ///< also the record of the packet filter itself
+  bool corlu_config = false;          ///< also the packet filter's own row, "corlu-config"
   Order order = Order::id;            ///< then by id
   std::chrono::milliseconds wait{1000};
 };
@@ -156,7 +156,7 @@ struct Difference {
   bool mode = false;
   bool owner = false;
   bool group = false;
-  bool time = false;    ///< in whole seconds; never of a directory
+  bool time = false;    ///< in whole seconds; not compared for directories
   bool secret = false;  ///< holds keys: do not show its content
 };
 using Differences = std::vector<Difference>;
@@ -188,8 +188,8 @@ CONFSAVE_API Result<Snapshots> list(const Query& query = {});
 /// The only row that matches; else Code::not_found or Code::ambiguous.
 CONFSAVE_API Result<Snapshot> find(const Query& query);
 
-/// The members in the order of their paths; of a path that an archive has twice, the later one. Decodes
-/// both archives to the end. Code::damaged and Code::unsafe say which member, in `path`.
+/// The members in the order of their paths. If an archive has a path twice, the later member counts.
+/// Decodes both archives to the end. The `path` of Code::damaged and Code::unsafe names the member.
 CONFSAVE_API Result<Members> members(const Id& id, const ReadOptions& options = {});
 
 /// What differs, in the order of paths. A hard link counts as the file that it is. Against the live

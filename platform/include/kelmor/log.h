@@ -22,7 +22,8 @@ class KELMOR_API ClUnilogFname {
 /// The log of one module. A record consists of begin, any number of texts and integers, and end. Any entry
 /// point may be null, and is then skipped.
 struct KorvLogProps {
-  /// Records up to this level are logged: 0 none, 1 failures, 2 progress, 4 details.
+  /// Records up to this level are logged: 0 none; 1 failures; 2 also progress, and statements that SQLite
+  /// refuses; 4 details.
   int level;
   /// Begins a record that `function` writes in line `line` of `source`.
   void (*begin)(int level, const ClUnilogFname& function, const char* source, int line);
