@@ -22,4 +22,15 @@ auto at_boundary(Call call) -> decltype(call()) {
   }
 }
 
+/// The same for a function without a value.
+template <class Call>
+Error error_at_boundary(Call call) {
+  const auto result = at_boundary([&]() -> Result<int> {
+    Error error = call();
+    if (error.code != Code::ok) return error;
+    return 0;
+  });
+  return result ? Error{} : result.error();
+}
+
 }  // namespace ConfSave::snapshots

@@ -16,6 +16,8 @@ Code code_of(int code) {
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
       return Code::busy;
+    case SQLITE_FULL:
+      return Code::no_space;
     case SQLITE_PERM:
     case SQLITE_READONLY:
     case SQLITE_AUTH:
@@ -83,6 +85,14 @@ Result<Statement> Database::prepare(const std::string& text) {
   const int code = sqlite3_prepare_v2(db_.get(), text.c_str(), -1, &statement, nullptr);
   if (code != SQLITE_OK) return error();
   return Statement(statement);
+}
+
+Error Database::run(const char* text) {
+  if (sqlite3_exec(db_.get(), text, nullptr, nullptr, nullptr) == SQLITE_OK) return {};
+  Error failure = error();
+  if (sqlite3_get_autocommit(db_.get()) == 0)
+    sqlite3_exec(db_.get(), "rollback", nullptr, nullptr, nullptr);
+  return failure;
 }
 
 Error Database::error() const {

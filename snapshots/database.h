@@ -46,6 +46,9 @@ class Database {
 
   Result<Statement> prepare(const std::string& text);
 
+  /// Runs statements without a result. Rolls back if one fails within a transaction that they began.
+  Error run(const char* text);
+
   /// The error of the last call that failed.
   Error error() const;
 

@@ -7,6 +7,7 @@
 #include "snapshots/boundary.h"
 #include "snapshots/differences.h"
 #include "snapshots/member_collector.h"
+#include "snapshots/notes.h"
 #include "snapshots/storage_reader.h"
 #include "snapshots/tree.h"
 
@@ -34,16 +35,6 @@ struct OpenRow {
   StorageReader reader;
   Snapshot snapshot;
 };
-
-/// A pattern that matches one name only.
-std::string literally(const std::string& name) {
-  std::string pattern;
-  for (const char letter : name) {
-    const bool special = letter == '*' || letter == '?' || letter == '[';
-    pattern += special ? std::string("[") + letter + "]" : std::string(1, letter);
-  }
-  return pattern;
-}
 
 Result<OpenRow> open_row(const Id& id, std::chrono::milliseconds wait) {
   Result<std::optional<StorageReader>> reader = StorageReader::open(wait);
@@ -103,7 +94,23 @@ void judge(Verdict& verdict, const Error& error) {
   verdict.problems.push_back(error.path + ": " + error.text);
 }
 
+/// Without notes that can be read, a snapshot has none.
+void add_notes(Snapshots& snapshots, std::chrono::milliseconds wait) {
+  Result<std::optional<Notes>> notes = Notes::open(std::max(wait, std::chrono::milliseconds(0)));
+  if (!notes || !*notes) return;
+  const Result<std::map<int64, Note>> found = (*notes)->read(snapshots);
+  if (!found) return;
+  for (Snapshot& snapshot : snapshots) {
+    const auto note = found->find(snapshot.id);
+    if (note == found->end()) continue;
+    snapshot.comment = note->second.comment;
+    snapshot.author = note->second.author;
+    snapshot.pinned = note->second.pinned;
+  }
+}
+
 Result<Snapshots> list_rows(const Query& query) {
+  const auto start = std::chrono::steady_clock::now();
   Result<std::optional<StorageReader>> reader = StorageReader::open(query.wait);
   if (!reader) return reader.error();
   Snapshots snapshots;
@@ -113,6 +120,8 @@ Result<Snapshots> list_rows(const Query& query) {
     return Error{};
   });
   if (error.code != Code::ok) return error;
+  const auto waited = std::chrono::steady_clock::now() - start;
+  add_notes(snapshots, query.wait - std::chrono::duration_cast<std::chrono::milliseconds>(waited));
   return snapshots;
 }
 

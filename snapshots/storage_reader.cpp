@@ -28,7 +28,7 @@ const char* order_of(Query::Order order) {
 std::string text_of(const Query& query) {
   std::string text =
       "select id, name, version, type, save_time, load_time, "
-      "ifnull(length(keybase), 0) + ifnull(length(etc), 0) from Config where name glob ?";
+      "ifnull(length(keybase), 0), ifnull(length(etc), 0) from Config where name glob ?";
   if (query.version) text += " and version = ?";
   if (query.up_to) text += " and version <= ?";
   if (!query.corlu_config) text += " and name <> 'corlu-config'";
@@ -43,11 +43,21 @@ Snapshot read_row(const Statement& statement) {
   snapshot.config.type = static_cast<conftype>(statement.number(3));
   snapshot.config.save_time = statement.number(4);
   snapshot.config.load_time = statement.number(5);
-  snapshot.size = statement.number(6);
+  snapshot.keybase_size = statement.number(6);
+  snapshot.etc_size = statement.number(7);
   return snapshot;
 }
 
 }  // namespace
+
+std::string literally(const std::string& name) {
+  std::string pattern;
+  for (const char letter : name) {
+    const bool special = letter == '*' || letter == '?' || letter == '[';
+    pattern += special ? std::string("[") + letter + "]" : std::string(1, letter);
+  }
+  return pattern;
+}
 
 Result<std::optional<StorageReader>> StorageReader::open(std::chrono::milliseconds wait) {
   Result<Database> database = Database::open(storage_file(), wait);
@@ -76,10 +86,7 @@ Result<bool> StorageReader::look_for_table() {
   return Error{Code::no_storage, 0, database_.file(), "it has no table 'Config'"};
 }
 
-Error StorageReader::begin() {
-  return sqlite3_exec(database_.get(), "begin", nullptr, nullptr, nullptr) == SQLITE_OK ? Error{}
-                                                                                        : database_.error();
-}
+Error StorageReader::begin() { return database_.run("begin"); }
 
 Error StorageReader::for_each(const Query& query, const std::function<Error(Snapshot)>& row) {
   Result<Statement> statement = database_.prepare(text_of(query));

@@ -2,10 +2,14 @@
 
 #include <functional>
 #include <optional>
+#include <string>
 
 #include "snapshots/database.h"
 
 namespace ConfSave::snapshots {
+
+/// A pattern that matches one name only.
+std::string literally(const std::string& name);
 
 /// Reads "storage.db" of the platform. Waits for a lock no longer than `wait`.
 class StorageReader {

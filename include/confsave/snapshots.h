@@ -57,6 +57,8 @@ enum class Code {
   unsafe,             ///< an archive has a member that a restore must not follow
   changed_meanwhile,  ///< a file changed while it was read
   denied,             ///< permission, or a file system that is read-only
+  newer,              ///< a newer version of ConfSave wrote the file
+  no_space,           ///< a file system or quota is full
   no_storage,         ///< "storage.db" cannot be opened, or is not a storage
   failed,             ///< a system call failed; `number` says how
 };
@@ -106,9 +108,14 @@ struct Id {
 
 /// One row, without its archives.
 struct Snapshot {
-  int64 id = 0;      ///< of the row; never used twice in one storage
-  Config config{0};  ///< times of 64 bits; a load time of 0 means never
-  int64 size = 0;    ///< bytes of both archives, packed
+  int64 id = 0;            ///< of the row; never used twice in one storage
+  Config config{0};        ///< times of 64 bits; a load time of 0 means never
+  int64 keybase_size = 0;  ///< bytes of the archive of the configuration directory, packed
+  int64 etc_size = 0;      ///< bytes of the archive of the failover directory, packed
+  // From the notes beside the storage; empty without them.
+  std::string comment;
+  std::string author;   ///< who saved it
+  bool pinned = false;  ///< protected from being deleted by rules
 };
 using Snapshots = std::vector<Snapshot>;
 
@@ -199,5 +206,18 @@ CONFSAVE_API Result<Differences> compare(const Id& older, const Id& newer, const
 
 /// Decodes both archives to the end and checks every member. Repairs nothing.
 CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {});
+
+/// For calls that change something.
+struct ChangeOptions {
+  std::chrono::milliseconds wait{30000};
+};
+
+/// Replaces the comment of a snapshot: UTF-8 text of at most 4,096 bytes, without control characters.
+/// Comments and pins are kept in "notes.db" beside the storage; the storage itself does not change. Durable
+/// on return.
+CONFSAVE_API Error note(const Id& id, const std::string& comment, const ChangeOptions& options = {});
+
+/// Pins a snapshot, or unpins it. Durable on return.
+CONFSAVE_API Error pin(const Id& id, bool pinned, const ChangeOptions& options = {});
 
 }  // namespace ConfSave::snapshots

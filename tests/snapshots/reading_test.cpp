@@ -83,12 +83,13 @@ TEST_F(Reading, RowsOfTheContractAreListedWithTimesOf64Bits) {
   EXPECT_EQ(found->at(0).config.load_time, 6000000000);
   EXPECT_EQ(found->at(0).config.vers, 5);
   EXPECT_EQ(found->at(0).config.type, ConfSave::conf_part);
-  EXPECT_EQ(found->at(0).size, 2);
+  EXPECT_EQ(found->at(0).keybase_size, 1);
+  EXPECT_EQ(found->at(0).etc_size, 1);
   EXPECT_EQ(found->at(1).config.name, "weekly");
   EXPECT_EQ(found->at(1).config.load_time, 0);
   EXPECT_EQ(
-      std::to_string(found->at(1).size),
-      Database(database()).value("select length(keybase) + length(etc) from Config where name='weekly'"));
+      Database(database()).query("select length(keybase), length(etc) from Config where name='weekly'"),
+      (Rows{{std::to_string(found->at(1).keybase_size), std::to_string(found->at(1).etc_size)}}));
 }
 
 TEST_F(Reading, AQueryChoosesAndOrders) {

@@ -1,0 +1,60 @@
+// note, pin: what is kept beside the storage.
+
+#include <algorithm>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/boundary.h"
+#include "snapshots/notes.h"
+#include "snapshots/storage_reader.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+constexpr std::size_t kLongestComment = 4096;
+
+/// Changes the note of one row within one transaction.
+template <class Change>
+Error change_note(const Id& id, const ChangeOptions& options, Change change) {
+  Query query;
+  query.pattern = literally(id.name);
+  query.version = id.version;
+  query.corlu_config = true;
+  query.wait = options.wait;
+  const Result<Snapshot> row = find(query);
+  if (!row) return row.error();
+  Result<Notes> notes = Notes::open_to_write(options.wait);
+  if (!notes) return notes.error();
+  return notes->change(*row, change);
+}
+
+bool is_control(char letter) {
+  const auto byte = static_cast<unsigned char>(letter);
+  return byte < 0x20 || byte == 0x7f;
+}
+
+Error check_comment(const std::string& comment) {
+  if (comment.size() > kLongestComment) {
+    return {Code::bad_argument, 0, "",
+            "a comment has at most " + std::to_string(kLongestComment) + " bytes"};
+  }
+  if (std::any_of(comment.begin(), comment.end(), is_control)) {
+    return {Code::bad_argument, 0, "", "a comment has no control characters"};
+  }
+  return {};
+}
+
+}  // namespace
+
+Error note(const Id& id, const std::string& comment, const ChangeOptions& options) {
+  return error_at_boundary([&] {
+    if (Error error = check_comment(comment); error.code != Code::ok) return error;
+    return change_note(id, options, [&](Note& note) { note.comment = comment; });
+  });
+}
+
+Error pin(const Id& id, bool pinned, const ChangeOptions& options) {
+  return error_at_boundary(
+      [&] { return change_note(id, options, [&](Note& note) { note.pinned = pinned; }); });
+}
+
+}  // namespace ConfSave::snapshots
