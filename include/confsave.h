@@ -50,7 +50,7 @@
 // Threads. Use the library from one thread at a time. It starts no thread and takes no lock of its own.
 // Processes may share "storage.db"; each waits for the others, for up to 24.8 days.
 //
-// The host supplies the platform (paths, log, command runner); see <kelmor/*.h>.
+// The gateway's maker supplies the platform (paths, log, command runner); see <kelmor/*.h>.
 
 #include <cstdint>
 #include <iosfwd>
