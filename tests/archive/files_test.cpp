@@ -1,9 +1,6 @@
 #include "confsave.h"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
-#include <functional>
 
 #include "support/gateway.h"
 

@@ -1,13 +1,11 @@
 #include "archive/pack.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
-#include <functional>
 #include <regex>
 #include <stdexcept>
 

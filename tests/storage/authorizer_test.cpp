@@ -1,13 +1,6 @@
 #include "storage/authorizer.h"
 
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
-#include <functional>
-#include <iostream>
 #include <regex>
-#include <string>
-#include <tuple>
 
 #include "support/console.h"
 #include "support/opened_storage.h"

@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
-#include "confsave.h"
 #include "support/gateway.h"
 #include "support/grouped_digits.h"
 

@@ -1,11 +1,5 @@
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
 #include <limits>
-#include <string>
-#include <utility>
 
-#include "confsave.h"
 #include "storage/rows.h"
 #include "support/grouped_digits.h"
 

@@ -1,9 +1,3 @@
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
-#include <string>
-
-#include "confsave.h"
 #include "storage/rows.h"
 
 namespace {

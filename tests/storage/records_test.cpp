@@ -1,13 +1,6 @@
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
 #include <cstdlib>
-#include <ctime>
 #include <limits>
-#include <string>
-#include <utility>
 
-#include "confsave.h"
 #include "storage/rows.h"
 #include "support/grouped_digits.h"
 

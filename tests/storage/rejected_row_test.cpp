@@ -1,10 +1,3 @@
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
-#include <ostream>
-#include <string>
-#include <utility>
-
 #include "storage/storage_load.h"
 
 namespace {

@@ -2,11 +2,7 @@
 
 // What the tests of the storage's rows share.
 
-#include <sqlite3.h>
-
 #include <chrono>
-#include <ctime>
-#include <string>
 #include <thread>
 
 #include "support/opened_storage.h"

@@ -1,10 +1,7 @@
 #include "storage/statements.h"
 #include "storage/sqlite.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
-#include <string>
 
 #include "support/gateway.h"
 #include "support/grouped_digits.h"

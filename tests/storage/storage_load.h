@@ -3,11 +3,8 @@
 // What the tests of Storage::Load share.
 
 #include <filesystem>
-#include <optional>
 #include <set>
-#include <string>
 
-#include "confsave.h"
 #include "storage/rows.h"
 
 namespace test {

@@ -1,9 +1,5 @@
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
 #include <filesystem>
 #include <stdexcept>
-#include <string>
 
 #include "storage/storage_load.h"
 #include "support/grouped_digits.h"
