@@ -268,7 +268,7 @@ TEST_F(AppLoadFailure, DamagedStorageCountsAsSavedAndIsPrintedAsAnUnknownError) 
 
 TEST_F(AppLoadFailure, OfTheSecondTryIsPrintedAndTheOldRowIsLost) {
   put_before();
-  end_with(2, 3);
+  fail_at(3, throwing(XExternalFailure(36, true)));
   EXPECT_EQ(load(kOverBefore), kOverwriteBefore + "External command failed\n");
   EXPECT_EQ(rows(), Rows());
 }

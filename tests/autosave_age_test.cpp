@@ -91,7 +91,19 @@ TEST(IsOldAutosave, IfTheNameBeginsWithAutosave) {
   }
 }
 
-using OldCheck = Autosaves;
+class OldCheck : public Autosaves {
+ protected:
+  /// The answer when the storage holds only an autosave that was saved so many seconds before.
+  bool check_old_with(int64 age) {
+    bool old = false;
+    in_one_second(
+        [&](std::time_t now, const std::string& name) {
+          put({name, kCurrent, 1, std::to_string(now - age)});
+        },
+        [&] { old = CheckOld(); });
+    return old;
+  }
+};
 
 const Function kCheckOld{"bool ConfSave::CheckOld()", "CheckOld", "source/freefunc"};
 const LogRecord kUnknownException = says(kCheckOld, 1, "unknown exception raised!");
@@ -108,10 +120,10 @@ TEST_F(OldCheck, FindsAnOldAutosaveAndChangesNothing) {
 }
 
 TEST_F(OldCheck, OldIsMoreThan31Days) {
-  EXPECT_TRUE(check_old_with({"autosave-1", kCurrent}, k31Days + 1));
-  EXPECT_FALSE(check_old_with({"autosave-1", kCurrent}, k31Days));
+  EXPECT_TRUE(check_old_with(k31Days + 1));
+  EXPECT_FALSE(check_old_with(k31Days));
   EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade}));
-  EXPECT_FALSE(check_old_with({"autosave-1", kCurrent}, -100));
+  EXPECT_FALSE(check_old_with(-100));
 }
 
 TEST_F(OldCheck, NameMustBeginWithAutosave) {

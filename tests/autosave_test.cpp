@@ -87,13 +87,6 @@ TEST_F(Autosaving, TypeSelectsTheContents) {
   EXPECT_EQ(rows(), (Rows{{"autosave-<now>", kCurrentText, "2", "<now>", "NULL"}}));
 }
 
-TEST_F(Autosaving, NameIsTheLocalTime) {
-  setenv("TZ", "<+1345>-13:45", 1);
-  zone = 13 * 3600 + 45 * 60;
-  autosave(5);
-  EXPECT_EQ(names(), Texts{"autosave-<now>"});
-}
-
 TEST_F(Autosaving, NameIsTheTimeBeforeTheOpening) {
   pack_nothing();
   host.on_record = [](const std::string& function) {
@@ -120,7 +113,7 @@ TEST_F(Autosaving, FirstArgumentHasNoEffect) {
 TEST_F(Autosaving, FirstFreeNumberIsTaken) {
   pack_nothing();
   in_one_second(
-      [this](const std::string& name) {
+      [this](std::time_t, const std::string& name) {
         put_names({name, name + "-0", name + "-1", name + "-3"});
         put({name + "-2", 0});
       },
@@ -136,7 +129,7 @@ TEST_F(Autosaving, FirstFreeNumberIsTaken) {
 
 TEST_F(Autosaving, NameIsUsedAgainAtTheLimit) {
   pack_nothing();
-  in_one_second([](const std::string&) {},
+  in_one_second([](std::time_t, const std::string&) {},
                 [] {
                   for (int i = 0; i < 4; ++i) AutoSave("", conf_full, 3);
                 });
@@ -145,7 +138,7 @@ TEST_F(Autosaving, NameIsUsedAgainAtTheLimit) {
 
 TEST_F(Autosaving, Limit0HasNoNumbers) {
   in_one_second(
-      [this](const std::string& name) {
+      [this](std::time_t, const std::string& name) {
         put_names({name});
         keep_all_rows();
       },
@@ -158,7 +151,7 @@ TEST_F(Autosaving, Limit0HasNoNumbers) {
 TEST_F(Autosaving, NumbersEndBelowTheLimit) {
   const Texts all{"autosave-<now>", "autosave-<now>-0", "autosave-<now>-1", "autosave-<now>-2"};
   in_one_second(
-      [this](const std::string& name) {
+      [this](std::time_t, const std::string& name) {
         put_names({name, name + "-0", name + "-1", name + "-2"});
         keep_all_rows();
       },
@@ -177,7 +170,7 @@ TEST_F(Autosaving, NumbersEndBelowTheLimit) {
 TEST_F(Autosaving, LastNumberIsOneLessThanTheLimit) {
   pack_nothing();
   in_one_second(
-      [this](const std::string& name) {
+      [this](std::time_t, const std::string& name) {
         put_names({name, name + "-0", name + "-1"});
         keep_all_rows();
       },
@@ -189,7 +182,7 @@ TEST_F(Autosaving, NumbersHaveNoDigitGroups) {
   pack_nothing();
   const GroupedDigits grouped;
   in_one_second(
-      [this](const std::string& name) {
+      [this](std::time_t, const std::string& name) {
         put_names({name});
         sql("with recursive n(i) as (select 0 union all select i + 1 from n where i < 999) insert into "
             "Config (name, version) select '" +

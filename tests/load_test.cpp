@@ -167,11 +167,8 @@ TEST_F(LoadConfirmed, LoadingIsPrintedBeforeTheFirstCommand) {
 }
 
 TEST_F(LoadConfirmed, RowThatIsDeletedDuringAQuestionIsNotFound) {
-  Console console(kTyped);
-  {
-    const WatchedInput watched([this] { Database(database()).run("delete from Config"); });
-    ConfSave::load("weekly", nullptr, 0, false);
-  }
+  Console console(kTyped, [this] { Database(database()).run("delete from Config"); });
+  ConfSave::load("weekly", nullptr, 0, false);
   EXPECT_EQ(console.transcript(), kConfirmed + kLoading + "«No such config.\n»");
 }
 
@@ -218,15 +215,11 @@ TEST_F(LoadMatching, FailureIsPrintedAfterTheStorageIsClosed) {
   EXPECT_EQ(open, Texts());
 }
 
-TEST_F(LoadMatching, SeveralMatchesArePrinted) {
+TEST_F(LoadMatching, VersionSelectsOneOfSeveral) {
   store("weekly", 5);
   EXPECT_EQ(load(""), "«Failed to match the only config.\n»");
   EXPECT_EQ(load("", "w*"), "«Failed to match the only config.\n»");
   EXPECT_TRUE(untouched());
-}
-
-TEST_F(LoadMatching, VersionSelectsOneOfSeveral) {
-  store("weekly", 5);
   EXPECT_EQ(load_silently("weekly", kCurrent), "");
   EXPECT_EQ(statements(),
             (Texts{"select id, name, type, version, save_time, load_time from 'Config' where "

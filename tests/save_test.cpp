@@ -108,19 +108,10 @@ TEST_F(SaveNew, WithoutAVersionTakesTheRunningVersionSilently) {
 
 TEST_F(SaveNew, VersionIsStored) {
   put({"weekly", kCurrent});
-  EXPECT_EQ(save("", 5), Outcome("", true));
+  EXPECT_EQ(save("", 5, false, static_cast<conftype>(-7)), Outcome("", true));
   EXPECT_EQ(statements(), (Texts{count_of("weekly", "5"), kBegin, delete_of("weekly", "5"),
-                                 insert_of("weekly", "5"), "commit"}));
-  EXPECT_EQ(rows(), (old_row + Rows{{"2", "weekly", "5", "1", "<now>", "NULL"}}));
-}
-
-TEST_F(SaveNew, AnyTypeIsStored) {
-  for (const int type : {0, 1, 2, 3, 7, -1}) {
-    EXPECT_EQ(save("", 10 + type, false, static_cast<conftype>(type)), Outcome("", true));
-    const Texts row = rows().back();
-    EXPECT_EQ(Texts(row.begin() + 1, row.end()),
-              (Texts{"weekly", std::to_string(10 + type), std::to_string(type), "<now>", "NULL"}));
-  }
+                                 insert_of("weekly", "5", "-7"), "commit"}));
+  EXPECT_EQ(rows(), (old_row + Rows{{"2", "weekly", "5", "-7", "<now>", "NULL"}}));
 }
 
 using SaveOver = SaveTest;
@@ -171,8 +162,10 @@ TEST_F(SaveOver, ForceAsksNothingAndPrintsTheResult) {
   put({"weekly", kCurrent});
   put({"daily", 0});
   EXPECT_EQ(save("", 0, true), Outcome("Config is overwritten.\n", true));
-  EXPECT_EQ(save("", kCurrent, true), Outcome("Config is overwritten.\n", true));
+  EXPECT_EQ(save("", kCurrent, true, conf_part), Outcome("Config is overwritten.\n", true));
   EXPECT_EQ(save("", 0, true, conf_part, "daily"), Outcome("Config is overwritten.\n", true));
+  EXPECT_EQ(rows(), (Rows{{"4", "weekly", kCurrentText, "2", "<now>", "NULL"},
+                          {"5", "daily", kCurrentText, "2", "<now>", "NULL"}}));
 }
 
 TEST_F(SaveOver, RefusedInsertLosesTheRowAndIsPrintedAsOverwritten) {

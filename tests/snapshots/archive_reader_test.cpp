@@ -5,7 +5,7 @@
 #include <map>
 
 #include "support/gateway.h"
-#include "support/tar_writer.h"
+#include "tar_writer.h"
 
 namespace {
 

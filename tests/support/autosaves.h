@@ -20,7 +20,6 @@ inline const Function kSaveIfUnique{
     "save_if_unique", "source/freefunc"};
 inline const Function kCleanAutosaves{"void ConfSave::CleanAutosaves(ConfSave::Storage&, unsigned int)",
                                       "CleanAutosaves", "source/freefunc"};
-inline const Function kCheckOld{"bool ConfSave::CheckOld()", "CheckOld", "source/freefunc"};
 
 inline const std::string kFindAutosaves =
     "select id, name, type, version, save_time, load_time from 'Config' where name!='corlu-config' and "
@@ -73,13 +72,10 @@ class Autosaves : public Dialogue {
 
   bool check_old();
 
-  /// Empties the storage, calls `prepare` with the name that an autosave has in this second, and runs
-  /// `call`. Starts again if the second ended meanwhile.
-  void in_one_second(const std::function<void(const std::string&)>& prepare,
+  /// Empties the storage, calls `prepare` with this second and the name that an autosave has in it, and
+  /// runs `call`. Starts again if the second ended meanwhile.
+  void in_one_second(const std::function<void(std::time_t, const std::string&)>& prepare,
                      const std::function<void()>& call);
-
-  /// The answer of CheckOld() when the storage holds only `row`, saved so many seconds before.
-  bool check_old_with(RowSpec row, ConfSave::int64 age);
 
   /// Inserts rows of these names and of the current version.
   void put_names(const Texts& names) {
@@ -101,16 +97,10 @@ class Autosaves : public Dialogue {
   Rows rows() const;
 
   Texts names() const;
-  Texts statements() const;
-  LogRecords records() const;
   SystemLog system_log() const;
 
-  int zone = 0;  ///< Seconds ahead of UTC.
-
- private:
-  std::string shown(std::string text) const;
-
-  std::time_t ended_ = 0;
+  using Gateway::without_now;
+  std::string without_now(std::string text) const override;
 };
 
 }  // namespace test

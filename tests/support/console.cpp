@@ -1,6 +1,6 @@
 #include "support/console.h"
 
-#include <streambuf>
+#include <regex>
 
 namespace test {
 
@@ -15,7 +15,6 @@ struct Console::State {
     int_type overflow(int_type letter) override {
       if (!traits_type::eq_int_type(letter, traits_type::eof())) {
         pending_ += traits_type::to_char_type(letter);
-        state_.out += traits_type::to_char_type(letter);
       }
       return traits_type::not_eof(letter);
     }
@@ -44,18 +43,7 @@ struct Console::State {
       return traits_type::not_eof(letter);
     }
     std::streamsize xsputn(const char* text, std::streamsize length) override {
-      const std::string piece(text, static_cast<std::size_t>(length));
-      state_.err += piece;
-      // Consecutive pieces share one pair of marks.
-      static const std::string kClose = "»";
-      std::string& shown = state_.transcript;
-      if (shown.size() >= kClose.size() &&
-          shown.compare(shown.size() - kClose.size(), kClose.size(), kClose) == 0) {
-        shown.resize(shown.size() - kClose.size());
-        shown += piece + kClose;
-      } else {
-        shown += "«" + piece + kClose;
-      }
+      state_.transcript += "«" + std::string(text, static_cast<std::size_t>(length)) + "»";
       return length;
     }
 
@@ -70,6 +58,7 @@ struct Console::State {
 
    protected:
     int_type underflow() override {
+      if (state_.look) state_.look();
       if (state_.input.empty()) {
         state_.transcript += "‹EOF›";
         return traits_type::eof();
@@ -87,13 +76,12 @@ struct Console::State {
     std::string line_;
   };
 
-  explicit State(std::string typed)
-      : input(std::move(typed)), output(*this), errors(*this), reader(*this) {}
+  State(std::string typed, std::function<void()> hook)
+      : input(std::move(typed)), look(std::move(hook)), output(*this), errors(*this), reader(*this) {}
 
   std::string input;
+  std::function<void()> look;
   std::string transcript;
-  std::string out;
-  std::string err;
   Output output;
   Errors errors;
   Input reader;
@@ -102,7 +90,8 @@ struct Console::State {
   std::streambuf* old_in = nullptr;
 };
 
-Console::Console(std::string input) : state_(std::make_unique<State>(std::move(input))) {
+Console::Console(std::string input, std::function<void()> look)
+    : state_(std::make_unique<State>(std::move(input), std::move(look))) {
   state_->old_out = std::cout.rdbuf(&state_->output);
   state_->old_err = std::cerr.rdbuf(&state_->errors);
   state_->old_in = std::cin.rdbuf(&state_->reader);
@@ -116,26 +105,11 @@ Console::~Console() {
   std::cin.clear();
 }
 
-std::string Console::transcript() { return state_->transcript + state_->output.pending(); }
-
-std::string Console::out() { return state_->out; }
-
-std::string Console::err() { return state_->err; }
+// Consecutive pieces of standard error share one pair of marks.
+std::string Console::transcript() {
+  return std::regex_replace(state_->transcript + state_->output.pending(), std::regex("»«"), "");
+}
 
 std::string Console::unread() const { return state_->input; }
-
-WatchedInput::int_type WatchedInput::underflow() {
-  if (ended_) return traits_type::eof();
-  look_();
-  line_.clear();
-  while (!ended_ && (line_.empty() || line_.back() != '\n')) {
-    const int_type letter = below_->sbumpc();
-    ended_ = traits_type::eq_int_type(letter, traits_type::eof());
-    if (!ended_) line_ += traits_type::to_char_type(letter);
-  }
-  if (line_.empty()) return traits_type::eof();
-  setg(line_.data(), line_.data(), line_.data() + line_.size());
-  return traits_type::to_int_type(line_.front());
-}
 
 }  // namespace test

@@ -20,8 +20,9 @@ namespace test {
 /// output appears when it is flushed, so a prompt that was not flushed in time follows its answer.
 class Console {
  public:
-  /// `input` holds the lines that a person types, each with its line feed; then the input ends.
-  explicit Console(std::string input = "");
+  /// `input` holds the lines that a person types, each with its line feed; then the input ends. Calls
+  /// `look` each time the library is about to read a line.
+  explicit Console(std::string input = "", std::function<void()> look = nullptr);
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
   ~Console();
@@ -29,35 +30,12 @@ class Console {
   /// Everything so far, unflushed output included.
   std::string transcript();
 
-  /// The texts written to standard output, flushed or not, and to standard error.
-  std::string out();
-  std::string err();
-
   /// The input that was not read.
   std::string unread() const;
 
  private:
   struct State;
   std::unique_ptr<State> state_;
-};
-
-/// While it lives, calls `look` each time the library is about to read a line of standard input.
-class WatchedInput : public std::streambuf {
- public:
-  explicit WatchedInput(std::function<void()> look)
-      : look_(std::move(look)), below_(std::cin.rdbuf(this)) {}
-  WatchedInput(const WatchedInput&) = delete;
-  WatchedInput& operator=(const WatchedInput&) = delete;
-  ~WatchedInput() override { std::cin.rdbuf(below_); }
-
- protected:
-  int_type underflow() override;
-
- private:
-  std::function<void()> look_;
-  std::streambuf* below_;
-  std::string line_;
-  bool ended_ = false;
 };
 
 /// While it lives, calls `look` each time `text` is written to the stream in one piece, just before.
@@ -128,18 +106,6 @@ class ThrowingAtEndOfInput {
   ThrowingAtEndOfInput(const ThrowingAtEndOfInput&) = delete;
   ThrowingAtEndOfInput& operator=(const ThrowingAtEndOfInput&) = delete;
   ~ThrowingAtEndOfInput() { std::cin.exceptions(std::ios::goodbit); }
-};
-
-/// A host that unties its input from its output.
-class Untied {
- public:
-  Untied() : before_(std::cin.tie(nullptr)) {}
-  Untied(const Untied&) = delete;
-  Untied& operator=(const Untied&) = delete;
-  ~Untied() { std::cin.tie(before_); }
-
- private:
-  std::ostream* before_;
 };
 
 }  // namespace test

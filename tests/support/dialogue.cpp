@@ -10,11 +10,8 @@ std::string Dialogue::dialogue(const std::string& typed, const std::function<voi
   forget();
   // Tied to a stream of no concern: the library itself must flush a question, and change no tie.
   std::ostream* const tied = std::cin.tie(&std::clog);
-  Console console(typed);
-  {
-    const WatchedInput watched([this] { expect_nothing_held(); });
-    call();
-  }
+  Console console(typed, [this] { expect_nothing_held(); });
+  call();
   EXPECT_EQ(std::cin.tie(tied), &std::clog);
   EXPECT_EQ(console.unread(), "");
   expect_nothing_held();
@@ -60,13 +57,6 @@ Tree Dialogue::restored(Tree files) {
 void Dialogue::fail_at(std::size_t number, const Raise& raise) {
   host.on_command = [this, number, raise](const std::string&) -> std::optional<int> {
     if (host.commands.size() == number) raise();
-    return std::nullopt;
-  };
-}
-
-void Dialogue::end_with(int result, std::size_t number) {
-  host.on_command = [this, result, number](const std::string&) -> std::optional<int> {
-    if (host.commands.size() == number) return result;
     return std::nullopt;
   };
 }

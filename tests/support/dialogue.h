@@ -39,7 +39,6 @@ class Dialogue : public Gateway {
   /// a person thinks, and leave nothing behind.
   std::string dialogue(const std::string& typed, const std::function<void()>& call);
 
-  /// Forgets what ran and was logged so far.
   void forget();
 
   /// Stores a row with one file in each archive, named as in restored().
@@ -50,7 +49,7 @@ class Dialogue : public Gateway {
 
   Texts statements() const { return without_now(recorder.statements()); }
 
-  /// Every file of the gateway.
+  /// Every file, those of the failover directory included.
   Tree gateway() const;
 
   /// The gateway `files` after the row of put_snapshot() was restored into it.
@@ -58,9 +57,6 @@ class Dialogue : public Gateway {
 
   /// Throws from the command of this number, counted from 1. The others run.
   void fail_at(std::size_t number, const Raise& raise);
-
-  /// Answers `result` instead of running the command of this number.
-  void end_with(int result, std::size_t number);
 
   StatementRecorder recorder;
   std::string sizes;  ///< of the archives of the latest put_snapshot(), as the log shows them

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -17,39 +18,14 @@ namespace test {
 namespace {
 
 /// The gateway's own files. Each file contains its path, so that no two are alike.
-const char* const kConfigFiles[] = {
-    "user/gateway.conf",
-    "user/gateway.key",
-    "user/gateway.key.pub",
-    "user/interfaces.conf",
-    "user/routes.conf",
-    "user/filter.conf",
-    "user/nat.conf",
-    "user/services.conf",
-    "user/users.conf",
-    "user/schedule.conf",
-    "user/notify.conf",
-    "user/config.db",
-    "user/config.idx",
-    "user/kwtp.conf",
-    "user/upgrade.conf",
-    "user/corlucfg-config.crg",
-    "user/kwtpd-config.crg",
-    "gw1.conf",
-    "gw2.conf",
-    "peer-north.conf",
-    "outnet1.dat",
-    "remote.txt",
-    "quelvian.re",
-    "corluadr.lst",
-    "linkmap.dat",
-    "station",
-    "user/key_set",
-    "hub/out",
-    "hub/old",
-    "hub/key",
-};
-const char* const kEtcFiles[] = {"failover.ini", "failover.ini.crg", "failoverd-config.crg"};
+constexpr const char* kConfigFiles =
+    "user/gateway.conf user/gateway.key user/gateway.key.pub user/interfaces.conf "
+    "user/routes.conf user/filter.conf user/nat.conf user/services.conf user/users.conf "
+    "user/schedule.conf user/notify.conf user/config.db user/config.idx user/kwtp.conf "
+    "user/upgrade.conf user/corlucfg-config.crg user/kwtpd-config.crg gw1.conf gw2.conf "
+    "peer-north.conf outnet1.dat remote.txt quelvian.re corluadr.lst linkmap.dat station "
+    "user/key_set hub/out hub/old hub/key";
+constexpr const char* kEtcFiles = "failover.ini failover.ini.crg failoverd-config.crg";
 
 /// Outside a sandbox the tests would overwrite the machine's own failover directory.
 void require_sandbox() {
@@ -100,15 +76,17 @@ Gateway::~Gateway() {
 
 void Gateway::make_configuration() {
   int number = 0;
-  const auto make = [&number](const std::string& dir, const std::string& name) {
-    fs::create_directories(fs::path(dir + name).parent_path());
-    write_file(dir + name, "content of " + name + "\n");
-    chmod((dir + name).c_str(), number % 2 == 0 ? 0640 : 0600);
-    set_times(dir + name, 1488377100 + number);
-    ++number;
+  const auto make = [&number](const std::string& dir, const char* list) {
+    std::istringstream names(list);
+    for (std::string name; names >> name; ++number) {
+      fs::create_directories(fs::path(dir + name).parent_path());
+      write_file(dir + name, "content of " + name + "\n");
+      chmod((dir + name).c_str(), number % 2 == 0 ? 0640 : 0600);
+      set_times(dir + name, 1488377100 + number);
+    }
   };
-  for (const char* name : kConfigFiles) make(config_dir(), name);
-  for (const char* name : kEtcFiles) make(etc_dir(), name);
+  make(config_dir(), kConfigFiles);
+  make(etc_dir(), kEtcFiles);
 }
 
 Texts Gateway::temp_files() const { return names_in(temp_dir()); }

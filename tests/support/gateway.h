@@ -77,7 +77,7 @@ class Gateway : public testing::Test {
   Rows query(const std::string& sql) const;
 
   /// The text with "<now>" for every time since the test began.
-  std::string without_now(std::string text) const;
+  virtual std::string without_now(std::string text) const;
   Texts without_now(Texts texts) const;
 
   const std::time_t started = std::time(nullptr);
