@@ -382,8 +382,8 @@ CONFSAVE_API bool IsConfigDbExist(const char* dir);
 CONFSAVE_API void RemoveConfigDb(const char* dir);
 
 // ---------------------------------------------------------------------------------------------------
-// Checked operations. They use std::cin, std::cout and std::cerr; stream exceptions that the host enables
-// propagate.
+// Checked operations. They use std::cin, std::cout and std::cerr. A stream exception that the host enables
+// counts as a failure, except in ask_user_yesno() and while a failure is printed: there it propagates.
 
 /// Saves the configuration under a name of 1 to 80 characters of VALID_NAME_CHARS. Version 0 means
 /// CURRENT_VERSION. Asks before it overwrites, unless `force`. Prints every failure on standard error.
