@@ -367,18 +367,19 @@ class CONFSAVE_API Archive {
   TempFile keybase_file;
 };
 
-/// True if `path` exists, whatever kind of file it is. Throws XExternalFailure with status_access if
-/// access(2) fails for another reason than ENOENT.
+/// True if `path` exists, whatever kind of file it is. Follows symbolic links. Throws
+/// XExternalFailure with status_access if access(2) fails for another reason than ENOENT.
 CONFSAVE_API bool IsFileExist(const char* path);
 
 /// Deletes `path` if it exists. Throws XExternalFailure with status_unlink on failure.
 CONFSAVE_API void RemoveFileIfExists(const char* path);
 
-/// True if `dir`, which must end in "/", contains the configuration database. Throws as IsFileExist() does.
+/// True if `dir`, which must end in "/", contains the two files of the configuration database that are
+/// packed. Throws as IsFileExist() does.
 CONFSAVE_API bool IsConfigDbExist(const char* dir);
 
-/// Deletes the configuration database in `dir`, which must end in "/". Stops at the first file that it
-/// cannot delete, and throws as RemoveFileIfExists() does.
+/// Deletes the three files of the configuration database in `dir`, which must end in "/". Stops at the
+/// first file that it cannot delete, and throws as RemoveFileIfExists() does.
 CONFSAVE_API void RemoveConfigDb(const char* dir);
 
 // ---------------------------------------------------------------------------------------------------
