@@ -129,8 +129,8 @@ def may_hold(gateway, hit):
     read is zeros, or cut."""
     new = gateway.expected_files("new")
     allowed = [gateway.expected_files("old"), new]
-    struck = [name for name in new if any(name in line for line in hit)]
-    for lost in itertools.product(*[(None, bytes(len(new[name]))) for name in struck]):
+    struck = [name for name in new if any(f'"{name}"' in line or f"/{name}>" in line for line in hit)]
+    for lost in itertools.product(*[(None, new[name], bytes(len(new[name]))) for name in struck]):
         found = {**new, **dict(zip(struck, lost))}
         allowed.append({name: contents for name, contents in found.items() if contents is not None})
     return allowed
