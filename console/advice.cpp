@@ -50,7 +50,7 @@ void print_next_step() {
     return;
   }
   std::cerr << "confsave: the log '" << printable(log_file())
-            << "' says more. With KELMOR_LOG_LEVEL=4 it has every step.\n";
+            << "' can say more. With KELMOR_LOG_LEVEL=4 it has every step.\n";
 }
 
 void print_not_found(const std::string& name) {

@@ -54,6 +54,8 @@ Result<Notes> Notes::open_to_write(std::chrono::milliseconds wait) {
   Result<Database> database = Database::open(notes_file(), wait);
   if (!database) return database.error();
   Notes notes(std::move(*database));
+  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
+  if (Error error = notes.database_.run("pragma synchronous=extra"); error.code != Code::ok) return error;
   if (Error error = notes.prepare_tables(); error.code != Code::ok) return error;
   return notes;
 }

@@ -20,8 +20,8 @@
 // the system's error number, and a sentence. Nothing is printed, nothing is asked, and no exception
 // except std::bad_alloc leaves a function.
 //
-// Waiting. No call waits longer than the `wait` of its options, also for a lock of SQLite; it then returns
-// Code::busy.
+// Waiting. A call waits for each lock of SQLite at most as long as the `wait` of its options says, and then
+// returns Code::busy.
 //
 // Memory. Archives are read as streams: memory does not grow with the size of a snapshot.
 //
@@ -212,7 +212,7 @@ struct ChangeOptions {
   std::chrono::milliseconds wait{30000};
 };
 
-/// Replaces the comment of a snapshot: UTF-8 text of at most 4,096 bytes, without control characters.
+/// Replaces the comment of a snapshot: at most 4,096 bytes without control characters.
 /// Comments and pins are kept in "notes.db" beside the storage; the storage itself does not change. Durable
 /// on return.
 CONFSAVE_API Error note(const Id& id, const std::string& comment, const ChangeOptions& options = {});
