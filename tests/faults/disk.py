@@ -98,6 +98,18 @@ def tracer(gateway, *words):
     return ["strace", "-A", "-y", "-qq", "-o", str(gateway.root / "trace"), *words]
 
 
+def traced_lines(gateway):
+    """The calls, each in one line although another process came in between."""
+    begun, lines = {}, []
+    for line in (gateway.root / "trace").read_text("latin-1").splitlines():
+        process = line.split(" ")[0]
+        if line.endswith(" <unfinished ...>"):
+            begun[process] = line.removesuffix(" <unfinished ...>")
+        else:
+            lines.append(re.sub(r"^\d+ +<\.\.\. \w+ resumed>", lambda _, p=process: begun.pop(p), line))
+    return lines
+
+
 def calls_on_files(gateway, words, prefix):
     """(sort of file, call, its number among the calls of that name) of an undisturbed operation."""
     (gateway.root / "trace").unlink(missing_ok=True)
@@ -105,7 +117,7 @@ def calls_on_files(gateway, words, prefix):
     gateway.restore_state()
     gateway.write_configuration("new")
     found, counts = [], collections.Counter()
-    for line in (gateway.root / "trace").read_text("latin-1").splitlines():
+    for line in traced_lines(gateway):
         match = re.match(r"(?:(\d+) +)?(\w+)\(", line)
         if match:
             counts[match.groups()] += 1
@@ -141,8 +153,7 @@ def strike(gateway, words, call, number, error, prefix):
     injection = f"inject={call}:error={error}:when={number}"
     (gateway.root / "trace").unlink()
     gateway.run(*words, prefix=prefix("-e", f"trace={call}", "-e", injection))
-    trace = (gateway.root / "trace").read_text("latin-1")
-    hit = [line for line in trace.splitlines() if "INJECTED" in line]
+    hit = [line for line in traced_lines(gateway) if "INJECTED" in line]
     gateway.remove_temporary_files()
     gateway.remove_scratch_directories()
     try:
