@@ -24,6 +24,8 @@ class Descriptor {
   }
 
   int get() const { return number_; }
+  /// Somebody else owns it from now on.
+  void release() { number_ = -1; }
   explicit operator bool() const { return number_ != -1; }
 
  private:

@@ -88,9 +88,10 @@ class TreeReading {
   }
 
   Error names_in(int descriptor, const std::string& path, std::vector<std::string>& names) const {
-    const int copy = openat(descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const Directory directory(copy != -1 ? fdopendir(copy) : nullptr);
+    Descriptor copy(openat(descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Directory directory(copy ? fdopendir(copy.get()) : nullptr);
     if (directory == nullptr) return failure(path);
+    copy.release();
     errno = 0;
     while (const dirent* entry = readdir(directory.get())) {
       const std::string name = entry->d_name;

@@ -87,7 +87,7 @@ class StorageWrite : public WriteTest, public testing::WithParamInterface<Write>
   StorageWrite() : WriteTest(GetParam()) {}
 };
 
-INSTANTIATE_TEST_SUITE_P(, StorageWrite, testing::ValuesIn(kWrites), by_name);
+INSTANTIATE_TEST_SUITE_P(Each, StorageWrite, testing::ValuesIn(kWrites), by_name);
 
 TEST_P(StorageWrite, NewConfigurationIsPackedAndStored) {
   const GroupedDigits grouped;
@@ -259,7 +259,7 @@ TEST_P(StorageWriteRefused, IsReportedAndOnlyAConstraintThrows) {
       (Rows{{"1", "1000"}}));
 }
 
-INSTANTIATE_TEST_SUITE_P(, StorageWriteRefused,
+INSTANTIATE_TEST_SUITE_P(Each, StorageWriteRefused,
                          testing::Combine(testing::ValuesIn(kWrites), testing::ValuesIn(kRefusals)),
                          [](const auto& test) {
                            return std::get<0>(test.param).name + std::get<1>(test.param).name;

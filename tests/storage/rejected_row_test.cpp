@@ -61,7 +61,7 @@ const Missing kMissing[] = {
     {"MissingTable", "drop table Config", "weekly", kCurrent, "no such table: Config"},
     {"NameWithAQuote", "", "o'hare", kCurrent, "near \"hare\": syntax error"}};
 
-INSTANTIATE_TEST_SUITE_P(, StorageLoadMissing, testing::ValuesIn(kMissing), by_name);
+INSTANTIATE_TEST_SUITE_P(Each, StorageLoadMissing, testing::ValuesIn(kMissing), by_name);
 
 TEST_F(StorageLoad, CorluConfigurationIsFoundUnlessSkipped) {
   put(named("corlu-config", row(3)));
@@ -122,7 +122,7 @@ const Broken kBroken[] = {{"keybase", "NULL", 5, 4}, {"keybase", "'text'", 3, 4}
                           {"id", "'one'", 3, 1},     {"id", "x'01'", 4, 1},       {"etc", "NULL", 5, 4}};
 constexpr const char* kTypes[] = {"", "Integer", "Float", "Text", "Blob", "Null"};
 
-INSTANTIATE_TEST_SUITE_P(, StorageLoadBroken, testing::ValuesIn(kBroken), [](const auto& broken_row) {
+INSTANTIATE_TEST_SUITE_P(Each, StorageLoadBroken, testing::ValuesIn(kBroken), [](const auto& broken_row) {
   return broken_row.param.column + std::string(kTypes[broken_row.param.type]);
 });
 
