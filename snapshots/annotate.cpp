@@ -22,6 +22,10 @@ Error change_note(const Id& id, const ChangeOptions& options, Change change) {
   query.wait = options.wait;
   const Result<Snapshot> row = find(query);
   if (!row) return row.error();
+  // SQLite's glob ends at a NUL byte.
+  if (row->config.name != id.name) {
+    return {Code::not_found, 0, "", "there is no snapshot '" + printable(id.name) + "'"};
+  }
   Result<Notes> notes = Notes::open_to_write(options.wait);
   if (!notes) return notes.error();
   return notes->change(*row, change);

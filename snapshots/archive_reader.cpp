@@ -69,8 +69,11 @@ std::string text_of(const char* text) { return text != nullptr ? text : ""; }
 /// Remembers what is in the archive so far, so that nothing is put through a link of it.
 class Paths {
  public:
+  explicit Paths(const Limits& limits) : limits_(limits) {}
+
   /// Code::unsafe when `entry` cannot be put where it belongs without following a link.
   Error add(const Entry& entry) {
+    if (!has_room_for(entry.path)) return unsafe(entry, "the names of the members are too long in all");
     for (std::size_t end = entry.path.find('/'); end != std::string::npos;
          end = entry.path.find('/', end + 1)) {
       const auto parent = kinds_.find(entry.path.substr(0, end));
@@ -83,6 +86,9 @@ class Paths {
       kinds_.emplace(entry.path.substr(0, end), Kind::directory);
     }
     const auto before = kinds_.find(entry.path);
+    if (before != kinds_.end() && before->second == Kind::symlink && entry.kind == Kind::directory) {
+      return unsafe(entry, "a directory takes the place of a symbolic link of the same archive");
+    }
     const bool was_directory = before != kinds_.end() && before->second == Kind::directory;
     if (was_directory && entry.kind != Kind::directory) {
       return unsafe(entry, "a member takes the place of a directory of the same archive");
@@ -102,13 +108,29 @@ class Paths {
     return {Code::unsafe, 0, printable(entry.path), text};
   }
 
+  /// Each directory of a path is looked up and remembered under its own path: a small archive of deep
+  /// paths would take gigabytes.
+  bool has_room_for(const std::string& path) {
+    for (std::size_t end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1)) {
+      size_ += end;
+    }
+    size_ += path.size();
+    return size_ <= limits_.paths;
+  }
+
+  const Limits& limits_;
+  std::size_t size_ = 0;
   std::unordered_map<std::string, Kind> kinds_;
 };
 
 class ArchiveReading {
  public:
   ArchiveReading(Source& packed, const Limits& limits, const EntryHandler& handler)
-      : limits_(limits), handler_(handler), gunzip_(packed, limits), input_{gunzip_, {}, nullptr} {}
+      : limits_(limits),
+        handler_(handler),
+        gunzip_(packed, limits),
+        input_{gunzip_, {}, nullptr},
+        paths_(limits) {}
 
   Error run() {
     Error error = open();

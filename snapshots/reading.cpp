@@ -34,35 +34,51 @@ Error not_found(const std::string& name) {
 struct OpenRow {
   StorageReader reader;
   Snapshot snapshot;
+  int64 rowid = 0;  ///< what SQLite opens archives by; in a foreign table not the column "id"
 };
+
+Error find_rowid(OpenRow& row) {
+  Result<Statement> statement =
+      row.reader.database().prepare("select rowid from Config where id = ? and name = ? and version = ?");
+  if (!statement) return statement.error();
+  statement->bind(row.snapshot.id).bind(row.snapshot.config.name).bind(row.snapshot.config.vers);
+  const int code = statement->step();
+  if (code == SQLITE_DONE) return not_found(row.snapshot.config.name);
+  if (code != SQLITE_ROW) return row.reader.database().error();
+  row.rowid = statement->number(0);
+  return {};
+}
 
 Result<OpenRow> open_row(const Id& id, std::chrono::milliseconds wait) {
   Result<std::optional<StorageReader>> reader = StorageReader::open(wait);
   if (!reader) return reader.error();
   if (!*reader) return not_found(id.name);
-  OpenRow row{std::move(**reader), {}};
+  OpenRow row{std::move(**reader), {}, 0};
   if (Error error = row.reader.begin(); error.code != Code::ok) return error;
   Query query;
   query.pattern = literally(id.name);
   query.version = id.version;
   query.corlu_config = true;
   bool found = false;
-  const Error error = row.reader.for_each(query, [&](Snapshot snapshot) {
+  Error error = row.reader.for_each(query, [&](Snapshot snapshot) {
+    // SQLite's glob ends at a NUL byte.
+    if (snapshot.config.name != id.name) return Error{};
     row.snapshot = std::move(snapshot);
     found = true;
     return Error{};
   });
   if (error.code != Code::ok) return error;
   if (!found) return not_found(id.name);
+  if (error = find_rowid(row); error.code != Code::ok) return error;
   return row;
 }
 
 /// Code::damaged unless column `name` holds a value of `type`.
 Error check_type(OpenRow& row, const char* name, const std::string& type) {
   Result<Statement> statement =
-      row.reader.database().prepare("select typeof(" + std::string(name) + ") from Config where id = ?");
+      row.reader.database().prepare("select typeof(" + std::string(name) + ") from Config where rowid = ?");
   if (!statement) return statement.error();
-  statement->bind(row.snapshot.id);
+  statement->bind(row.rowid);
   if (statement->step() != SQLITE_ROW) return row.reader.database().error();
   const std::string actual = statement->text(0);
   if (actual == type) return {};
@@ -72,7 +88,7 @@ Error check_type(OpenRow& row, const char* name, const std::string& type) {
 Error collect(OpenRow& row, const Column& column, std::map<std::string, Member>& members) {
   if (Error error = check_type(row, column.name, "blob"); error.code != Code::ok) return error;
   Result<std::unique_ptr<BlobSource>> blob =
-      BlobSource::open(row.reader.database(), column.name, row.snapshot.id);
+      BlobSource::open(row.reader.database(), column.name, row.rowid);
   if (!blob) return blob.error();
   MemberCollector collector(column.base);
   Error error = read_archive(**blob, Limits{}, collector.handler());

@@ -111,6 +111,8 @@ TEST_F(ArchiveReader, UnsafeMembersAreRefused) {
       {{{"s", '2', "", "/tmp"}, {"./s//a"}}, "s/a: a member is below a symbolic link of the same archive"},
       {{file, {"a/b"}}, "a/b: a member is below a file of the same archive"},
       {{{"d/f"}, {"d", '2', "", "/tmp"}}, "d: a member takes the place of a directory of the same archive"},
+      {{{"s", '2', "", "/tmp"}, {"s/", '5'}},
+       "s: a directory takes the place of a symbolic link of the same archive"},
       {{{"h", '1', "", "/etc/passwd"}}, "/etc/passwd: the name of a member is absolute"},
       {{{"h", '1', "", "../x"}}, "../x: the name of a member goes through \"..\""},
       {{{"h", '1', "", "later"}, {"later"}}, "h: a hard link points to no earlier file of the archive"},
@@ -141,6 +143,11 @@ TEST_F(ArchiveReader, LimitsAreKept) {
   EXPECT_EQ(read(deep, limits), "");
   limits.depth = 3;
   EXPECT_EQ(read(deep, limits), "1/2/3/4: a member is deeper than 3 directories");
+  limits = {};
+  limits.paths = 1 + 3 + 5 + 7;
+  EXPECT_EQ(read(deep, limits), "");
+  limits.paths -= 1;
+  EXPECT_EQ(read(deep, limits), "1/2/3/4: the names of the members are too long in all");
   limits.path = 6;
   EXPECT_EQ(read(deep, limits), "1/2/3/4...: the name of a member is longer than 6 bytes");
   limits.unpacked = 100 << 10;

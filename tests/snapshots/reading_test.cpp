@@ -203,6 +203,32 @@ TEST_F(Reading, VerifySaysWhatIsWrong) {
   EXPECT_EQ(verify({"weekly"})->state, Verdict::State::intact);
 }
 
+TEST_F(Reading, ANameThatGoesOnAfterANulByteIsAnotherName) {
+  make_configuration();
+  save("weekly");
+  Database(database())
+      .run(
+          "insert into Config (name, version, keybase, etc, type, save_time) "
+          "select name || char(0) || 'x', version, x'00', x'00', type, save_time from Config");
+  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::intact);
+  Database(database()).run("delete from Config where name = 'weekly'");
+  EXPECT_EQ(verify({"weekly"}).error().code, Code::not_found);
+  EXPECT_EQ(pin({"weekly"}, true).code, Code::not_found);
+}
+
+TEST_F(Reading, ArchivesAreThoseOfTheRowWhereTheIdIsNotItsKey) {
+  make_configuration();
+  save("weekly");
+  for (const char* sql : {"create table foreign_rows as select * from Config", "drop table Config",
+                          "alter table foreign_rows rename to Config", "update Config set id = 2",
+                          "insert into Config (id, name, version, keybase, etc, type, save_time) "
+                          "select 1, 'other', version, x'00', x'00', type, save_time from Config"}) {
+    Database(database()).run(sql);
+  }
+  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::intact);
+  EXPECT_EQ(verify({"other"})->state, Verdict::State::damaged);
+}
+
 TEST_F(Reading, ALockEndsTheWaitAndNotTheProgram) {
   put({"weekly", 1});
   const LockHolder holder(database(), 60000);
