@@ -34,8 +34,20 @@ Paths matches(const std::string& pattern) {
   return paths;
 }
 
-std::string without_slash(const std::string& path) {
-  return path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path;
+/// With a slash or a "." at its end a path would lead through a link.
+std::string plain(const std::string& path) {
+  const std::string normal = std::filesystem::path(path + "/").lexically_normal().string();
+  return normal.size() > 1 ? normal.substr(0, normal.size() - 1) : normal;
+}
+
+/// Appends what is below a directory, except what cannot be read, or is deleted meanwhile.
+void append_below(const std::string& directory, Paths& paths) {
+  std::error_code error;
+  std::filesystem::recursive_directory_iterator below(
+      directory, std::filesystem::directory_options::skip_permission_denied, error);
+  for (; !error && below != std::filesystem::end(below); below.increment(error)) {
+    paths.push_back(below->path().string());
+  }
 }
 
 /// Links to directories count as directories here.
@@ -97,10 +109,7 @@ Paths Destination::members() const {
     const bool is_failover = entry.base == ConfSave::Base::failover;
     for (const std::string& path : matches((is_failover ? tops_.back() : tops_.front()) + entry.path)) {
       paths.push_back(path);
-      std::error_code ignored;
-      for (const auto& below : std::filesystem::recursive_directory_iterator(path, ignored)) {
-        paths.push_back(below.path().string());
-      }
+      append_below(path, paths);
     }
   }
   return paths;
@@ -108,7 +117,7 @@ Paths Destination::members() const {
 
 Paths Destination::directories() const {
   Paths paths;
-  for (const std::string& top : tops_) paths.push_back(without_slash(top));
+  for (const std::string& top : tops_) paths.push_back(plain(top));
   for (const std::string& path : parents()) paths.push_back(path);
   for (const std::string& path : members()) {
     if (is_directory(path)) paths.push_back(path);
