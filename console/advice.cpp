@@ -37,6 +37,7 @@ std::string obstacle(const std::string& directory) {
 
 void print_next_step() {
   if (storage_wait_expired()) return print_storage_wait_expired();
+  if (storage_is_damaged()) return print_storage_damaged();
   const auto& failed = failed_command();
   if (failed) std::cerr << "confsave: " << failed->action << " failed: " << failed->ending << ".\n";
   if (failed && !failed->obstacle.empty()) {
@@ -54,7 +55,7 @@ void print_next_step() {
 }
 
 void print_not_found(const std::string& name) {
-  if (storage_wait_expired()) return;
+  if (storage_wait_expired() || storage_is_damaged()) return;
   std::cerr << "confsave: nothing is stored as '" << name << "'. 'confsave list' lists what is.\n";
 }
 

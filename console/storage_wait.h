@@ -14,4 +14,11 @@ bool storage_wait_expired();
 /// What a person can do then. Prints it once.
 void print_storage_wait_expired();
 
+/// Whether SQLite met a damaged page, or one that the disk does not return, since the limit was set.
+/// Snapshots may then be missing in a listing.
+bool storage_is_damaged();
+
+/// What a person can do then. Prints it once.
+void print_storage_damaged();
+
 }  // namespace console

@@ -13,6 +13,7 @@
 #include "names.h"
 #include "permissions.h"
 #include "snapshots.h"
+#include "storage_wait.h"
 #include "text.h"
 #include "verb_functions.h"
 
@@ -26,6 +27,13 @@ std::optional<ConfSave::Config> find_only(const Options& options, int& status) {
   if (found.empty()) {
     print_not_found(options.name);
     status = kNotFound;
+    return std::nullopt;
+  }
+  // Of several matches only one may have been read.
+  const bool names_one = is_name(options.name) && options.version != 0;
+  if (storage_is_damaged() && !names_one) {
+    print_storage_damaged();
+    status = kNoStorage;
     return std::nullopt;
   }
   if (found.size() > 1) {

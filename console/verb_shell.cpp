@@ -158,6 +158,7 @@ void run_shell_verb(const ShellVerb& verb, const std::string& name, const Option
   if (check_storage() != kDone) return;
   verb.run(name);
   if (storage_wait_expired()) print_storage_wait_expired();
+  if (storage_is_damaged()) print_storage_damaged();
 }
 
 /// What is wrong with the words of a line, or an empty text.

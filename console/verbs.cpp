@@ -184,9 +184,15 @@ std::string contradiction(const Verb& verb, const Options& options) {
 int run_in_time(const Verb& verb, const Options& options) {
   limit_storage_wait(std::chrono::seconds(options.wait));
   const int status = verb.run(options);
-  if (!storage_wait_expired() || verb.run == shell) return status;
-  print_storage_wait_expired();
-  return kBusy;
+  if (verb.run == shell) return status;
+  if (storage_wait_expired()) {
+    print_storage_wait_expired();
+    return kBusy;
+  }
+  const bool lists = verb.run == list || verb.run == check_old;
+  if (!storage_is_damaged() || (status != kNotFound && !(lists && status == kDone))) return status;
+  print_storage_damaged();
+  return kNoStorage;
 }
 
 int run_verb(const Verb& verb, const Options& options) {
