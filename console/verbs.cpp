@@ -26,27 +26,27 @@ enum class Operand { kNone, kName, kPattern };
 struct Verb {
   const char* name;
   Operand operand;
-  const char* options;  ///< names from kOptions, each followed by a blank
+  bool catches_interrupts;  ///< prints what an interrupt left behind, and then ends by it
+  const char* options;      ///< names from kOptions, each followed by a blank
   const char* required;
   const char* effect;
-  bool catches_interrupts;  ///< prints what an interrupt left behind, and then ends by it
   int (*run)(const Options& options);
 };
 
 constexpr Verb kVerbs[] = {
-    {"list", Operand::kNone, "--upto --sort --all --json --long --wait ", "", "list the snapshots", false,
+    {"list", Operand::kNone, false, "--upto --sort --all --json --long --wait ", "", "list the snapshots",
      list},
-    {"save", Operand::kName, "--type --version --force --wait ", "", "store the configuration as it is now",
-     true, save},
-    {"load", Operand::kPattern, "--version --target --yes --force --wait ", "", "restore a snapshot", true,
+    {"save", Operand::kName, true, "--type --version --force --wait ", "",
+     "store the configuration as it is now", save},
+    {"load", Operand::kPattern, true, "--version --target --yes --force --wait ", "", "restore a snapshot",
      load},
-    {"delete", Operand::kName, "--version --wait ", "", "delete a snapshot", false, remove},
-    {"autosave", Operand::kNone, "--max --type --wait ", "--max ",
-     "store the configuration under a name made from the time", true, autosave},
-    {"check-old", Operand::kNone, "--wait ", "", "say whether an autosave is older than 31 days", false,
+    {"delete", Operand::kName, false, "--version --wait ", "", "delete a snapshot", remove},
+    {"autosave", Operand::kNone, true, "--max --type --wait ", "--max ",
+     "store the configuration under a name made from the time", autosave},
+    {"check-old", Operand::kNone, false, "--wait ", "", "say whether an autosave is older than 31 days",
      check_old},
-    {"shell", Operand::kNone, "--wait ", "", "read verbs as the gateway's shell does", false, shell},
-    {"version", Operand::kNone, "", "", "show the versions of this program and of the gateway", false,
+    {"shell", Operand::kNone, false, "--wait ", "", "read verbs as the gateway's shell does", shell},
+    {"version", Operand::kNone, false, "", "", "show the versions of this program and of the gateway",
      version},
 };
 
@@ -203,7 +203,8 @@ int run_verb(const Verb& verb, const Options& options) {
   }();
   if (interrupted() && status != kDone) {
     std::cout.flush();
-    raise(SIGINT);  // The caller sees what ended the program.
+    // The caller sees what ended the program.
+    static_cast<void>(raise(SIGINT));
   }
   return status;
 }

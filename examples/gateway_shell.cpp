@@ -20,10 +20,10 @@ const std::string kFailoverDirectory = "/mnt/main/etc/";
 
 // Without one of these files a full snapshot can be stored but not restored.
 bool has_failover_files() {
-  for (const char* name : {"failover.ini", "failover.ini.crg", "failoverd-config.crg"}) {
-    if (ConfSave::IsFileExist((kFailoverDirectory + name).c_str())) return true;
-  }
-  return false;
+  const auto exists = [](const char* name) {
+    return ConfSave::IsFileExist((kFailoverDirectory + name).c_str());
+  };
+  return exists("failover.ini") || exists("failover.ini.crg") || exists("failoverd-config.crg");
 }
 
 // save() returns true even if SQLite refused the row, so look the row up. Listed times have 32 bits.
