@@ -91,7 +91,9 @@ bool is_running(sqlite3* db) {
 int authorize(void* db, int action, const char* first, const char* second, const char*,
               const char* trigger) noexcept {
   if (leaves_the_file(action, second)) return SQLITE_DENY;
-  const bool foreign = trigger != nullptr || is_running(static_cast<sqlite3*>(db));
+  if (is_running(static_cast<sqlite3*>(db))) return SQLITE_OK;
+  // SQLite also passes the name of a common table expression as that of a trigger; it can only read.
+  const bool foreign = trigger != nullptr && action != SQLITE_READ;
   return foreign || is_allowed(action, first, second) ? SQLITE_OK : SQLITE_DENY;
 }
 

@@ -47,6 +47,8 @@ TEST_F(Authorizer, OtherStatementsAreRefused) {
         "select load_extension('x')",
         "select LOAD_EXTENSION('x')",
         "select 1 from Config order by (select name from PRAGMA_table_info('Config'))",
+        "select 1 from Config order by (with x as (select file from pragma_database_list) select file from "
+        "x)",
         "update Config set name='x'",
         "update Config set load_time=1, id=2",
         "update other set x=1",
