@@ -189,8 +189,8 @@ int run_in_time(const Verb& verb, const Options& options) {
     print_storage_wait_expired();
     return kBusy;
   }
-  const bool lists = verb.run == list || verb.run == check_old;
-  if (!storage_is_damaged() || (status != kNotFound && !(lists && status == kDone))) return status;
+  const bool only_reads = verb.run == list || verb.run == check_old;
+  if (!storage_is_damaged() || (status != kNotFound && !(only_reads && status == kDone))) return status;
   print_storage_damaged();
   return kNoStorage;
 }
