@@ -1,6 +1,7 @@
 #include "kelmor/paths.h"
 
 #include <cstdlib>
+#include <utility>
 
 namespace toolsunix {
 namespace {
@@ -17,6 +18,11 @@ std::string without_trailing_slash(std::string path) {
   return path;
 }
 
+/// Only number 1 is in use. Another one is another directory, so that a wrong number is noticed.
+std::string numbered(std::string path, int id) {
+  return id == 1 ? path : std::move(path) + "-unassigned-" + std::to_string(id);
+}
+
 }  // namespace
 
 FilenameConvertor& FilenameConvertor::Instance() {
@@ -30,12 +36,12 @@ std::string FilenameConvertor::GetKelmorConfigPath() const {
   return path;
 }
 
-std::string FilenameConvertor::GetFullDynamicDirName(path::DynamicDirectoryId) const {
-  return without_trailing_slash(place("KELMOR_DYNAMIC_DIR", "/var/lib/kelmor"));
+std::string FilenameConvertor::GetFullDynamicDirName(path::DynamicDirectoryId id) const {
+  return numbered(without_trailing_slash(place("KELMOR_DYNAMIC_DIR", "/var/lib/kelmor")), id);
 }
 
-std::string FilenameConvertor::GetFullDirName(path::DirectoryId) const {
-  return without_trailing_slash(place("KELMOR_TEMP_DIR", "/var/lib/kelmor/tmp"));
+std::string FilenameConvertor::GetFullDirName(path::DirectoryId id) const {
+  return numbered(without_trailing_slash(place("KELMOR_TEMP_DIR", "/var/lib/kelmor/tmp")), id);
 }
 
 std::string FilenameConvertor::GetShortFilename(FileId id) const {

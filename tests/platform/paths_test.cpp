@@ -50,6 +50,12 @@ TEST_F(Paths, EnvironmentIsReadAtEveryCall) {
   EXPECT_EQ(directories(), (Texts{"/d/", "/d", "/d"}));
 }
 
+TEST_F(Paths, AnotherNumberIsAnotherDirectory) {
+  set("/a");
+  EXPECT_EQ(paths.GetFullDynamicDirName(toolsunix::path::DynamicDirectoryId{2}), "/a-unassigned-2");
+  EXPECT_EQ(paths.GetFullDirName(toolsunix::path::DirectoryId{0}), "/a-unassigned-0");
+}
+
 TEST_F(Paths, OnlyTheConfigurationDirectoryEndsInASlash) {
   set("/a/b//");
   EXPECT_EQ(directories(), (Texts{"/a/b//", "/a/b", "/a/b"}));
