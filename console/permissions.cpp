@@ -28,7 +28,7 @@ struct AclEntry {
 constexpr std::size_t kAclHeader = 4;
 enum AclTag : std::uint16_t { kOwner = 0x01, kMask = 0x10, kOthers = 0x20 };
 
-/// Empty when there is none.
+/// Empty if the file has no ACL.
 Acl acl_of(const std::string& path) {
   const ssize_t size = lgetxattr(path.c_str(), kAcl, nullptr, 0);
   Acl acl(size > 0 ? static_cast<std::size_t>(size) : 0);

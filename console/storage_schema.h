@@ -2,8 +2,8 @@
 
 namespace console {
 
-/// True if "Config" in the storage is something else than a table of its own: a view or a virtual table,
-/// which can run for ever when it is read. False when there is none, and when the storage cannot be read.
+/// True if "Config" in the storage is a view or a virtual table, which can run for ever when it is read.
+/// False if "Config" is a table or missing, and if the storage cannot be read.
 bool has_foreign_config();
 
 }  // namespace console

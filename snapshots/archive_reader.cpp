@@ -166,7 +166,7 @@ class ArchiveReading {
     const int code = archive_read_next_header(reader_.get(), &entry);
     more = false;
     if (code == ARCHIVE_EOF) return {};
-    // A warning is about a name that is not UTF-8, of which the bytes count.
+    // Most warnings are about a name that is not UTF-8, of which the bytes count.
     if (code != ARCHIVE_OK && code != ARCHIVE_WARN) return failure();
     if (++count_ > limits_.members) {
       return {Code::unsafe, 0, "",
