@@ -52,7 +52,10 @@ enum class Code {
   bad_argument,       ///< the call is wrong; nothing was done
   not_found,          ///< no snapshot matches, or a snapshot has no such member
   ambiguous,          ///< more than one snapshot matches
+  taken,              ///< a snapshot of this name and version exists
+  pinned,             ///< the snapshot is protected from being deleted
   busy,               ///< another process holds a lock, and the wait is over
+  incomplete,         ///< there is nothing to save: no file of the contents exists
   damaged,            ///< an archive cannot be decoded to its end, or a row has values of the wrong type
   unsafe,             ///< an archive has a member that a restore must not follow
   changed_meanwhile,  ///< a file changed while it was read
