@@ -1,4 +1,4 @@
-// list, find, members, compare, verify: what only reads.
+// list, find, members, read_file, compare, verify: what only reads.
 
 #include <algorithm>
 #include <utility>
@@ -85,14 +85,20 @@ Error check_type(OpenRow& row, const char* name, const std::string& type) {
   return {Code::damaged, 0, name, "the column holds a value of type " + actual + ", not " + type};
 }
 
-Error collect(OpenRow& row, const Column& column, std::map<std::string, Member>& members) {
+/// Reads one of the archives to its end.
+Error read_column(OpenRow& row, const Column& column, const EntryHandler& handler) {
   if (Error error = check_type(row, column.name, "blob"); error.code != Code::ok) return error;
   Result<std::unique_ptr<BlobSource>> blob =
       BlobSource::open(row.reader.database(), column.name, row.rowid);
   if (!blob) return blob.error();
-  MemberCollector collector(column.base);
-  Error error = read_archive(**blob, Limits{}, collector.handler());
+  Error error = read_archive(**blob, Limits{}, handler);
   if (error.path.empty()) error.path = column.name;
+  return error;
+}
+
+Error collect(OpenRow& row, const Column& column, std::map<std::string, Member>& members) {
+  MemberCollector collector(column.base);
+  Error error = read_column(row, column, collector.handler());
   if (error.code != Code::ok) return error;
   for (const auto& [path, member] : collector.members()) members[path] = member;
   return {};
@@ -212,6 +218,58 @@ Result<Verdict> check_row(const Id& id, const ReadOptions& options) {
   return verdict;
 }
 
+/// Which entry of an archive has the content of a path.
+struct Place {
+  Kind kind = Kind::file;
+  int64 entry = 0;
+};
+using Places = std::map<std::string, Place>;
+
+Error locate(OpenRow& row, const Column& column, Places& places) {
+  int64 count = 0;
+  const auto begin = [&](const Entry& entry) {
+    const Place place{entry.kind, count++};
+    // The reader has seen to it that the file comes before its links.
+    places[entry.path] = entry.kind == Kind::hardlink ? places.at(entry.target) : place;
+    return Error{};
+  };
+  return read_column(row, column,
+                     {begin, [](std::string_view) { return Error{}; }, [] { return Error{}; }});
+}
+
+Error pass_content(OpenRow& row, const Column& column, int64 wanted, const Sink& sink) {
+  int64 count = -1;
+  return read_column(row, column,
+                     {[&](const Entry&) {
+                        ++count;
+                        return Error{};
+                      },
+                      [&](std::string_view piece) { return count == wanted ? sink(piece) : Error{}; },
+                      [] { return Error{}; }});
+}
+
+Error pass_file(const Id& id, const std::string& path, const Sink& sink, const ReadOptions& options) {
+  Result<OpenRow> row = open_row(id, options.wait);
+  if (!row) return row.error();
+  std::optional<Place> place;
+  Column found{};
+  for (const Column& column : columns_of(row->snapshot.config.type)) {
+    Places places;
+    if (Error error = locate(*row, column, places); error.code != Code::ok) return error;
+    const std::string directory = directory_of(column.base);
+    if (path.compare(0, directory.size(), directory) != 0) continue;
+    const auto entry = places.find(path.substr(directory.size()));
+    if (entry == places.end()) continue;
+    place = entry->second;
+    found = column;
+  }
+  if (!place) return {Code::not_found, 0, printable(path), "the snapshot has no such file"};
+  if (place->kind != Kind::file) {
+    return {Code::bad_argument, 0, printable(path), "this is not a regular file, and has no content"};
+  }
+  return pass_content(*row, found, place->entry, sink);
+}
+
 }  // namespace
 
 Result<Snapshots> list(const Query& query) {
@@ -224,6 +282,10 @@ Result<Snapshot> find(const Query& query) {
 
 Result<Members> members(const Id& id, const ReadOptions& options) {
   return at_boundary([&] { return read_members(id, options); });
+}
+
+Error read_file(const Id& id, const std::string& path, const Sink& sink, const ReadOptions& options) {
+  return error_at_boundary([&] { return pass_file(id, path, sink, options); });
 }
 
 Result<Differences> compare(const Id& older, Live, const ReadOptions& options) {

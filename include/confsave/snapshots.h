@@ -33,8 +33,10 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -201,6 +203,15 @@ CONFSAVE_API Result<Snapshot> find(const Query& query);
 /// The members in the order of their paths. If an archive has a path twice, the later member counts.
 /// Decodes both archives to the end. The `path` of Code::damaged and Code::unsafe names the member.
 CONFSAVE_API Result<Members> members(const Id& id, const ReadOptions& options = {});
+
+/// Receives the content of a file, piece by piece. An error ends the reading, which returns it.
+using Sink = std::function<Error(std::string_view)>;
+
+/// Passes the content of the member `path`, a file or a hard link, to `sink`, after both archives were
+/// decoded to the end: a damaged snapshot gives nothing. Code::not_found: there is no such member;
+/// Code::bad_argument: it is a directory or a symbolic link.
+CONFSAVE_API Error read_file(const Id& id, const std::string& path, const Sink& sink,
+                             const ReadOptions& options = {});
 
 /// What differs, in the order of paths. A hard link counts as the file that it is. Against the live
 /// configuration, the files are those that belong to the type of the snapshot.
