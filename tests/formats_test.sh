@@ -10,14 +10,14 @@ set -u
 in_sandbox
 make_gateway "$1"
 contents=$("$2")
-cd "$scratch" || exit 1
+cd "$work" || exit 1
 mkdir expected
 export TZ=CET-1
 umask 022
 page=$tree/docs/formats.md
 manual=$tree/docs/man/storage.db.5
 etc=/mnt/main/etc
-storage=$scratch/state/storage.db
+storage=$work/state/storage.db
 
 # --- The page -------------------------------------------------------------------------------------
 
@@ -34,17 +34,17 @@ run() {
         expect "lines of commands $number that set $name" 1 "$(grep -c "^$name=" commands)"
         sed -i "s|^$name=.*|$assignment|" commands
     done
-    if grep -vF "$scratch" commands | grep -E '/(etc|mnt|var)/'; then
+    if grep -vF "$work" commands | grep -E '/(etc|mnt|var)/'; then
         complain "commands $number would work on this machine's files"
         return 1
     fi
     sh -u commands
 }
 unpack() {
-    run "$snapshot" "storage=$storage" "name=$1" "version=$2" "dir=$scratch/$3"
+    run "$snapshot" "storage=$storage" "name=$1" "version=$2" "dir=$work/$3"
 }
 on_gateway() {
-    run "$1" "config=$scratch/gateway" "etc=$scratch/failover" "kept=$scratch/kept" "${@:2}"
+    run "$1" "config=$work/gateway" "etc=$work/failover" "kept=$work/kept" "${@:2}"
 }
 
 # works WHAT COMMAND..., fails WHAT COMMAND...: what the command writes goes into the file "answer".
@@ -171,9 +171,9 @@ test_members() {
         tar tzf packed | same "members in $column of the type $type" \
             "$(cd "$where" && tar cf - $(members "$column" "$type") | tar tf -)"
     done <<END
-before-change full keybase $scratch/config
-trial part keybase $scratch/config
-corlu-config corlu keybase $scratch/config
+before-change full keybase $work/config
+trial part keybase $work/config
+corlu-config corlu keybase $work/config
 before-change full etc $etc
 trial part etc $etc
 END
@@ -249,7 +249,7 @@ test_nothing_to_unpack() {
     fails 'a snapshot was unpacked over another' unpack before-change 17264017408 out
     grep -q 'File exists' answer || complain 'an existing directory is not reported'
     fails 'a missing storage was listed' \
-        run "$snapshot" "storage=$scratch/missing.db" name=x version=1 "dir=$scratch/none"
+        run "$snapshot" "storage=$work/missing.db" name=x version=1 "dir=$work/none"
     grep -q 'unable to open database' answer || complain 'a missing storage is not reported'
     [ ! -e missing.db ] || complain 'a missing storage was made'
 }
@@ -267,7 +267,7 @@ test_corlu() {
     expect 'failover files of the type corlu' '' "$(ls corlu/etc)"
     cmp corlu/config/user/filter.conf config/user/filter.conf || complain 'the type corlu came out wrong'
     make_damaged_gateway
-    works 'the type corlu was not restored' on_gateway "$onto" "dir=$scratch/corlu"
+    works 'the type corlu was not restored' on_gateway "$onto" "dir=$work/corlu"
     is failover damaged-failover
 }
 
@@ -293,7 +293,7 @@ test_no_database() {
     [ ! -e no-database/config/user/config.db ] || complain 'half a database was packed'
     make_damaged_gateway
     touch gateway/user/config.{db,db-journal,idx}
-    works 'restoring without a database' on_gateway "$onto" "dir=$scratch/no-database"
+    works 'restoring without a database' on_gateway "$onto" "dir=$work/no-database"
     expect 'the older database' '' "$(find gateway -name 'config.*')"
     confsave delete no-database
 }
@@ -306,7 +306,7 @@ packed_manifest() {
 
 test_onto_gateway() {
     make_damaged_gateway
-    works 'nothing was restored' on_gateway "$onto" "dir=$scratch/out"
+    works 'nothing was restored' on_gateway "$onto" "dir=$work/out"
     expect 'what is in no archive, or left out' 'running stranger new' \
         "$(cd gateway && cat hub/out/corlu.serv user/other.conf user/key_set/second | xargs)"
     expect 'the mode of a directory without a member' 750 "$(stat -c %a gateway/user)"
@@ -332,10 +332,10 @@ test_broken_archives() {
         rm -rf broken
         cp -r out broken
         truncate -s -9 "broken/$archive.tar.gz"
-        fails "a broken $archive was restored" on_gateway "$onto" "dir=$scratch/broken"
+        fails "a broken $archive was restored" on_gateway "$onto" "dir=$work/broken"
         is gateway damaged
     done
-    fails 'what was kept was overwritten' on_gateway "$onto" "dir=$scratch/out"
+    fails 'what was kept was overwritten' on_gateway "$onto" "dir=$work/out"
     is gateway damaged
     truncate -s -9 kept/etc.tar.gz
     fails 'what was kept is broken, and was used' on_gateway "$back"
@@ -346,7 +346,7 @@ test_check() {
     run "$check" "storage=$storage" | same 'the check' "$(block formats text "$check_answer")"
     cp "$storage" broken.db
     dd if=/dev/urandom of=broken.db bs=4096 seek=2 count=1 conv=notrunc status=none
-    [ "$(run "$check" "storage=$scratch/broken.db" 2>&1)" != "$(block formats text "$check_answer")" ] ||
+    [ "$(run "$check" "storage=$work/broken.db" 2>&1)" != "$(block formats text "$check_answer")" ] ||
         complain 'a broken storage passes the check'
 }
 
@@ -355,11 +355,11 @@ test_copy() {
     mkfifo begun
     { echo "begin exclusive; select 'begun';" && sleep 1 && echo 'commit;'; } | sqlite3 "$storage" >begun &
     read -r _ <begun
-    works 'no copy' run "$copy" "storage=$storage" "copy=$scratch/copy.db"
+    works 'no copy' run "$copy" "storage=$storage" "copy=$work/copy.db"
     wait
     sqlite3 copy.db .dump | same 'the copy' "$(sqlite3 "$storage" .dump)"
     expect 'the mode of the copy' 600 "$(stat -c %a copy.db)"
-    fails 'a missing storage was copied' run "$copy" "storage=$scratch/missing.db" "copy=$scratch/none.db"
+    fails 'a missing storage was copied' run "$copy" "storage=$work/missing.db" "copy=$work/none.db"
 }
 
 test_lock() {

@@ -9,7 +9,7 @@ set -u
 # shellcheck source=tests/support/check.sh
 . "$(dirname "$0")/support/check.sh"
 make_gateway "$1"
-cd "$scratch" || exit 1
+cd "$work" || exit 1
 mkdir target
 echo content >config/user/gateway.conf
 
@@ -43,13 +43,13 @@ done >lines
 confsave shell <lines >answers 2>&1
 grep -q 'character' answers || complain 'the shell refused nothing'
 
-targets=('' . .. ///.. relative ./target "$scratch/missing" "$scratch/config/user/gateway.conf" //-rf /-rf
-    "$scratch/../target" "$scratch/target/.." /.. "$scratch/-target" -- -rf '~' '$HOME'
-    "$scratch/target -rf")
+targets=('' . .. ///.. relative ./target "$work/missing" "$work/config/user/gateway.conf" //-rf /-rf
+    "$work/../target" "$work/target/.." /.. "$work/-target" -- -rf '~' '$HOME'
+    "$work/target -rf")
 for letter in ' ' '"' "'" '%' ';' '&' '|' '$' '`' '\' '*' '?' '[' ']' '(' ')' '{' '}' '<' '>' '!' '#' \
     '~' '^' $'\t' $'\n' $'\r' $'\e' $'\x7f' $'\x80' $'\xff'; do
-    mkdir -p "$scratch/target${letter}x"
-    targets+=("$scratch/target${letter}x")
+    mkdir -p "$work/target${letter}x"
+    targets+=("$work/target${letter}x")
 done
 for target in "${targets[@]}"; do refuses load --yes "--target=$target" weekly; done
 

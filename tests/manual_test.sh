@@ -47,7 +47,7 @@ completes() {
     expect "the completion of '${*:2}'" "$1" "${COMPREPLY[*]}"
 }
 
-touch "$scratch/config/x"
+touch "$work/config/x"
 for name in weekly working daily; do confsave save --type corlu "$name"; done
 completes "$(echo "$verbs" | xargs)" ''
 completes 'save shell' s

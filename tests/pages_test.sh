@@ -22,13 +22,13 @@ for name in $names; do
     grep -qw "$name" include/confsave.h platform/include/kelmor/status.h ||
         complain "$page names $name, which no header has"
 done
-awk -v scratch="$scratch" '
+awk -v work="$work" '
     /^\.Sh/ { examples = /EXAMPLES/ }
     examples && /^\.Ed/ { program = "" }
     program { gsub(/\\e/, "\\"); print > program }
-    examples && /^\.Bd -literal/ { program = scratch "/example" ++count }' "$page"
-[ -s "$scratch/example1" ] || fail "$page has no example"
-for example in "$scratch"/example*; do
+    examples && /^\.Bd -literal/ { program = work "/example" ++count }' "$page"
+[ -s "$work/example1" ] || fail "$page has no example"
+for example in "$work"/example*; do
     compiles -pedantic <"$example" || complain "$page: an example does not compile"
 done
 

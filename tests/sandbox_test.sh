@@ -31,9 +31,9 @@ expect 'environment' 'unset unset' \
 # As an ordinary user too, where this machine allows one namespaces. nobody may not read the tree.
 ordinary='setpriv --reuid=65534 --clear-groups'
 if [ "$(id -u)" -eq 0 ] && $ordinary unshare --user --map-root-user true 2>/dev/null; then
-    cp "$sandbox" "$scratch/sandbox"
-    chmod 0755 "$scratch" "$scratch/sandbox"
-    $ordinary "$scratch/sandbox" sh -c 'touch /mnt/main/etc/x && [ "$(id -u)" -eq 0 ]' ||
+    cp "$sandbox" "$work/sandbox"
+    chmod 0755 "$work" "$work/sandbox"
+    $ordinary "$work/sandbox" sh -c 'touch /mnt/main/etc/x && [ "$(id -u)" -eq 0 ]' ||
         complain 'it fails as an ordinary user'
     echo 'root and an ordinary user'
 else

@@ -8,7 +8,7 @@ set -eu
 . "$(dirname "$0")/../support/check.sh"
 in_sandbox
 make_gateway "$1"
-filter=$scratch/config/user/filter.conf
+filter=$work/config/user/filter.conf
 failover=/mnt/main/etc/failover.ini
 echo 'permit established' >"$filter"
 
@@ -23,7 +23,7 @@ try() {
 
 # Without failover files the snapshot could not be restored.
 nothing='The configuration could not be saved. The command was not run.[1]'
-try "touch '$scratch/ran'" "$nothing"
+try "touch '$work/ran'" "$nothing"
 echo 'peer 192.0.2.1' >"$failover"
 
 try "echo 'permit any' >'$filter'" '[0]'
@@ -34,12 +34,12 @@ expect 'the restored files' 'permit any peer 192.0.2.1' "$(cat "$filter" "$failo
 
 # The snapshot disappears while the command runs.
 blank=' '
-try "sqlite3 '$scratch/state/storage.db' 'delete from Config'; false" "Config is overwritten.
+try "sqlite3 '$work/state/storage.db' 'delete from Config'; false" "Config is overwritten.
 status 0:$blank
 The command failed. The configuration is NOT restored.[1]"
 
 # SQLite refuses the row, and save() does not report it.
-sqlite3 "$scratch/state/storage.db" \
+sqlite3 "$work/state/storage.db" \
     'alter table Config rename to Stored; create view Config as select * from Stored'
-try "touch '$scratch/ran'" "$nothing"
-[ ! -e "$scratch/ran" ] || complain 'the command was run without a snapshot'
+try "touch '$work/ran'" "$nothing"
+[ ! -e "$work/ran" ] || complain 'the command was run without a snapshot'

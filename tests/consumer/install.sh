@@ -10,7 +10,7 @@ built=$1
 CXX=$(command -v "${CXX:-c++}")
 export CXX CXXFLAGS
 make_gateway "$built/console/confsave"
-echo 'permit established' | tee "$scratch/config/user/filter.conf" >/mnt/main/etc/failover.ini
+echo 'permit established' | tee "$work/config/user/filter.conf" >/mnt/main/etc/failover.ini
 
 # build SOURCE -B DIRECTORY [DEFINITION...]: configures and builds.
 build() {
@@ -26,5 +26,5 @@ write_project() {
 }
 
 # To the commands of a page, c++ is the compiler that the library was built with.
-printf '#!/bin/sh\nexec %s %s "$@"\n' "$CXX" "$CXXFLAGS" >"$scratch/bin/c++"
-chmod +x "$scratch/bin/c++"
+printf '#!/bin/sh\nexec %s %s "$@"\n' "$CXX" "$CXXFLAGS" >"$work/bin/c++"
+chmod +x "$work/bin/c++"

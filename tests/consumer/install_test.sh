@@ -13,9 +13,9 @@ lists() {
 }
 
 # Nothing in the tree may depend on where it was installed.
-quietly cmake --install "$built" --prefix "$scratch/first"
-prefix=$scratch/prefix
-mv "$scratch/first" "$prefix"
+quietly cmake --install "$built" --prefix "$work/first"
+prefix=$work/prefix
+mv "$work/first" "$prefix"
 (cd "$prefix" && find . -not -type d | sed -E -e 's|^\./||' -e 's/\.so\.[0-9]+(\.[0-9]+)+$/.so.RELEASE/' \
     -e 's/-(debug|relwithdebinfo|release|noconfig)\.cmake$/-CONFIG.cmake/' | LC_ALL=C sort) |
     same 'installed files' "$(cat "$tree/tests/consumer/installed.txt")"
@@ -24,11 +24,11 @@ mv "$scratch/first" "$prefix"
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name confsave.pc)")
 libraries=$(dirname "$(find "$prefix" -name libconfsave.so)")
 export CMAKE_PREFIX_PATH="$prefix" PKG_CONFIG_PATH
-write_project "$scratch/project"
-cd "$scratch/project"
+write_project "$work/project"
+cd "$work/project"
 block embedding sh 1 >commands
 quietly sh -e commands
-lists CMake <"$scratch/.written"
+lists CMake <"$work/.written"
 block embedding sh 2 >commands
 quietly sh -e commands
 LD_LIBRARY_PATH=$libraries ./host | lists pkg-config

@@ -10,53 +10,53 @@ set -eu
 
 # Only the maker's platform stores below GATEWAY_ROOT.
 unset KELMOR_CONFIG_PATH KELMOR_DYNAMIC_DIR KELMOR_TEMP_DIR
-export GATEWAY_ROOT="$scratch"
-maker=$scratch/maker
+export GATEWAY_ROOT="$work"
+maker=$work/maker
 export maker
 
 # run_host NAME: the program saves a snapshot of that name, the host lists it.
 run_host() {
-    rm -f "$scratch/state/storage.db"
-    "$scratch/$1/bin/confsave" save "$1" || fail "the program with $1"
+    rm -f "$work/state/storage.db"
+    "$work/$1/bin/confsave" save "$1" || fail "the program with $1"
     expect "the storage with $1" "$1" \
-        "$(sqlite3 "$scratch/state/storage.db" 'select group_concat(name) from Config')"
+        "$(sqlite3 "$work/state/storage.db" 'select group_concat(name) from Config')"
     lists_name "$1" "$1"
 }
 lists_name() {
-    expect "the host with $1" "$2" "$("$scratch/$1-host/build/host" | sed 's/"\([a-z-]*\)".*/\1/')"
+    expect "the host with $1" "$2" "$("$work/$1-host/build/host" | sed 's/"\([a-z-]*\)".*/\1/')"
 }
 
 build_host() {
-    build "$scratch/$1-host" -B "$scratch/$1-host/build" -DCMAKE_PREFIX_PATH="$scratch/$1;$maker"
+    build "$work/$1-host" -B "$work/$1-host/build" -DCMAKE_PREFIX_PATH="$work/$1;$maker"
 }
 
 # build_with NAME DEFINITION...: builds and installs the library, and a host.
 build_with() {
     name=$1
     shift
-    build "$tree" -B "$scratch/build" "$@"
-    quietly cmake --install "$scratch/build" --prefix "$scratch/$name"
-    [ -d "$scratch/$name-host" ] || write_project "$scratch/$name-host"
+    build "$tree" -B "$work/build" "$@"
+    quietly cmake --install "$work/build" --prefix "$work/$name"
+    [ -d "$work/$name-host" ] || write_project "$work/$name-host"
     build_host "$name"
 }
 
 refuses() {
-    if cmake -G Ninja -S "$tree" -B "$scratch/refused" -DCONFSAVE_PLATFORM="$1" >"$scratch/said" 2>&1; then
+    if cmake -G Ninja -S "$tree" -B "$work/refused" -DCONFSAVE_PLATFORM="$1" >"$work/said" 2>&1; then
         complain "CMake accepts '$1' as a platform"
     fi
-    tr -s '\n ' ' ' <"$scratch/said" | grep -qF "CONFSAVE_PLATFORM: $2" ||
+    tr -s '\n ' ' ' <"$work/said" | grep -qF "CONFSAVE_PLATFORM: $2" ||
         complain "CMake does not say what is wrong with '$1'"
 }
 refuses ./maker "'./maker' must be an absolute path without a blank."
-refuses "$scratch/the maker" "'$scratch/the maker' must be an absolute path without a blank."
-refuses "$scratch" "$scratch is no platform: it has no include/kelmor/status.h."
+refuses "$work/the maker" "'$work/the maker' must be an absolute path without a blank."
+refuses "$work" "$work is no platform: it has no include/kelmor/status.h."
 
 block platform cpp 1 | c++ -std=c++17 -I"$tree/platform/include" -Wall -Wextra -Werror -fsyntax-only \
     -x c++ - || complain 'the log on the page does not compile'
 
 # The maker's platform, as a directory and as a CMake package.
-block platform sh 2 >"$scratch/commands"
-(cd "$tree" && quietly sh -e "$scratch/commands")
+block platform sh 2 >"$work/commands"
+(cd "$tree" && quietly sh -e "$work/commands")
 mkdir -p "$maker/lib/cmake/maker"
 cat >"$maker/lib/cmake/maker/maker-config.cmake" <<'END'
 get_filename_component(root "${CMAKE_CURRENT_LIST_DIR}/../../.." ABSOLUTE)
@@ -67,15 +67,15 @@ set_target_properties(
 END
 
 # In the stand-in's place: the library is not built again.
-block platform sh 1 >"$scratch/commands"
-build=$built prefix=$scratch/replaced quietly sh -e "$scratch/commands"
+block platform sh 1 >"$work/commands"
+build=$built prefix=$work/replaced quietly sh -e "$work/commands"
 expect 'files of the stand-in' '' \
-    "$(find "$scratch/replaced" -name '*kelmor-platform*' -o -name kelmor-gzip)"
-mkdir "$scratch/replaced/lib/cmake/kelmor-platform"
+    "$(find "$work/replaced" -name '*kelmor-platform*' -o -name kelmor-gzip)"
+mkdir "$work/replaced/lib/cmake/kelmor-platform"
 cp "$maker/lib/cmake/maker/maker-config.cmake" \
-    "$scratch/replaced/lib/cmake/kelmor-platform/kelmor-platform-config.cmake"
-cp -P "$maker"/lib/libkelmor-platform.so* "$scratch/replaced/lib"
-write_project "$scratch/replaced-host"
+    "$work/replaced/lib/cmake/kelmor-platform/kelmor-platform-config.cmake"
+cp -P "$maker"/lib/libkelmor-platform.so* "$work/replaced/lib"
+write_project "$work/replaced-host"
 build_host replaced
 run_host replaced
 
@@ -86,12 +86,12 @@ run_host package
 
 # The host supplies everything: the functions that are linked into it find the storage.
 rm -r "${maker:?}/lib"
-write_project "$scratch/nothing-host"
-cp "$tree/examples/own_platform.cpp" "$scratch/nothing-host"
-sed -i 's/host\.cpp/& own_platform.cpp/' "$scratch/nothing-host/CMakeLists.txt"
+write_project "$work/nothing-host"
+cp "$tree/examples/own_platform.cpp" "$work/nothing-host"
+sed -i 's/host\.cpp/& own_platform.cpp/' "$work/nothing-host/CMakeLists.txt"
 build_with nothing -DCONFSAVE_PLATFORM="$maker"
 lists_name nothing package
-if readelf --dynamic "$scratch/nothing-host/build/host" "$scratch/nothing/lib/libconfsave.so" |
+if readelf --dynamic "$work/nothing-host/build/host" "$work/nothing/lib/libconfsave.so" |
     grep kelmor-platform; then
     complain 'the host or the library links a platform'
 fi

@@ -140,7 +140,7 @@ def strike(gateway, outside, target):
     status, output = gateway.run(*words, timeout=120)
     require(output in ("done\n", "status 36 \n"), "ended with", status, output)
     require(picture(*others) == before, "something outside changed")
-    require(not list(gateway.scratch.iterdir()), "a temporary file is left")
+    require(not list(gateway.temp.iterdir()), "a temporary file is left")
     for root in (gateway.config, ETC) if target is None else (target,):
         served = list(root.rglob("corlu.serv*"))
         require(not served, "came back:", served)

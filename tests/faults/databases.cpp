@@ -283,13 +283,13 @@ std::string damaged(const std::string& sound, std::size_t number) {
 }
 
 void make_gateway() {
-  for (const char* name : {"config/user", "state", "scratch", "target"})
+  for (const char* name : {"config/user", "state", "temp", "target"})
     fs::create_directories(root / name);
   write(root / "config/user/gateway.conf", "content\n");
   write("/mnt/main/etc/failover.ini", "content\n");
   setenv("KELMOR_CONFIG_PATH", (root / "config").c_str(), 1);
   setenv("KELMOR_DYNAMIC_DIR", (root / "state").c_str(), 1);
-  setenv("KELMOR_TEMP_DIR", (root / "scratch").c_str(), 1);
+  setenv("KELMOR_TEMP_DIR", (root / "temp").c_str(), 1);
   setenv("KELMOR_LOG_LEVEL", "0", 1);
   Storage storage;
   for (const char* name : {"weekly", "daily", "autosave-1", "autosave-2"}) {
@@ -318,7 +318,7 @@ int main(int argc, char** argv) {
   const std::string sound = read(root / "state/storage.db");
   sound_archives = weekly_archives();
   for (std::size_t i = 0; i < count; ++i) run_all(damaged(sound, i));
-  const bool left = !fs::is_empty(root / "scratch");
+  const bool left = !fs::is_empty(root / "temp");
   fs::remove_all(root);
   std::cout << count << " storages, " << operations().size() << " operations on each"
             << "; rows compared in " << compared << ", snapshots loaded whole from " << loaded

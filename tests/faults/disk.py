@@ -41,7 +41,7 @@ def packing(gateway, full, source):
     for limit in limits:
         status, _ = gateway.run("save", "weekly", FSIZE=limit, COMMAND="cd ")
         check(gateway, "new" if status == 0 else "old")
-        require(not list(gateway.scratch.iterdir()), "left behind at limit", limit)
+        require(not list(gateway.temp.iterdir()), "left behind at limit", limit)
         succeeded += status == 0
         gateway.restore_state()
     require(succeeded >= 1, "no limit was large enough")
@@ -86,7 +86,7 @@ SORTS = ["storage.db", "journal", "archive", "configuration"]
 def sort_of(gateway, line):
     """Which file a traced call is about."""
     for sort, path in (("journal", f"{gateway.database}-journal"), ("storage.db", gateway.database),
-                       ("archive", f"{gateway.scratch}/"), ("configuration", f"{gateway.config}"),
+                       ("archive", f"{gateway.temp}/"), ("configuration", f"{gateway.config}"),
                        ("configuration", f"{ETC}")):
         if str(path) in line.split(" = ")[0]:
             return sort

@@ -1,4 +1,4 @@
-"""A gateway in a scratch directory, and the program that operates on it."""
+"""A gateway in a directory of its own, and the program that operates on it."""
 
 import ctypes
 import os
@@ -67,8 +67,8 @@ class Gateway:
         # The sandbox's own file system: in memory, and gone with it.
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="confsave-faults-", dir=parent or "/mnt"))
         self.config, self.state = self.root / "config", self.root / "state"
-        self.scratch = self.root / "scratch"
-        for directory in (self.config / "user", self.config / "hub", self.state, self.scratch):
+        self.temp = self.root / "temp"
+        for directory in (self.config / "user", self.config / "hub", self.state, self.temp):
             directory.mkdir(parents=True)
         self.database = self.state / "storage.db"
         self.targets = 0
@@ -108,7 +108,7 @@ class Gateway:
     def environment(self, **faults):
         return {**os.environ,
                 "KELMOR_CONFIG_PATH": f"{self.config}/", "KELMOR_DYNAMIC_DIR": str(self.state),
-                "KELMOR_TEMP_DIR": str(self.scratch), "KELMOR_LOG_FILE": str(self.root / "log"),
+                "KELMOR_TEMP_DIR": str(self.temp), "KELMOR_LOG_FILE": str(self.root / "log"),
                 **{f"FAULT_{key}": str(value) for key, value in faults.items()}}
 
     def start(self, *words, prefix=(), typed="", **faults):
@@ -162,11 +162,11 @@ class Gateway:
         raise Failure("a child lives on")
 
     def scratch_directories(self):
-        return [path for directory in (self.config, ETC, self.scratch) for path in directory.iterdir()
+        return [path for directory in (self.config, ETC, self.temp) for path in directory.iterdir()
                 if len(path.name) == 6 and path.name.isalnum()]
 
     def remove_temporary_files(self):
-        for path in self.scratch.iterdir():
+        for path in self.temp.iterdir():
             remove(path)
 
     def remove_scratch_directories(self):

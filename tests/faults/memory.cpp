@@ -389,7 +389,7 @@ void check_host(const Entry& entry, const char* kind, long number) {
   require(gateway->open_files() == 0, entry, kind, number, "a file stays open");
   require(gateway->lock_is_free(), entry, kind, number, "the lock stays held");
   require(gateway->is_sound(), entry, kind, number, "the database is damaged");
-  require(fs::is_empty(gateway->root() / "scratch"), entry, kind, number, "a temporary file stays");
+  require(fs::is_empty(gateway->root() / "temp"), entry, kind, number, "a temporary file stays");
 }
 
 /// False when there are fewer allocations than that. Then `effect` is what the call had.

@@ -92,12 +92,12 @@ std::string flaw_of(const Tree& tree, const Tree& before, const Tree& loaded) {
 }  // namespace
 
 MemoryGateway::MemoryGateway(fs::path root) : root_(std::move(root)) {
-  for (const char* name : {"config/user", "state", "scratch", "target"}) {
+  for (const char* name : {"config/user", "state", "temp", "target"}) {
     fs::create_directories(root_ / name);
   }
   setenv("KELMOR_CONFIG_PATH", (root_ / "config").c_str(), 1);
   setenv("KELMOR_DYNAMIC_DIR", (root_ / "state").c_str(), 1);
-  setenv("KELMOR_TEMP_DIR", (root_ / "scratch").c_str(), 1);
+  setenv("KELMOR_TEMP_DIR", (root_ / "temp").c_str(), 1);
   write_live(root_ / "config", "old");
   {
     ConfSave::Storage storage;

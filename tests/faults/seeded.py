@@ -106,8 +106,8 @@ def main():
     if len(bugs) < 20:
         sys.exit(f"seeded: only {len(bugs)} bugs")
     chosen = [bug for bug in bugs if bug.stem in (names or (SHORT if short else [b.stem for b in bugs]))]
-    with tempfile.TemporaryDirectory() as scratch:
-        tree = pathlib.Path(scratch)
+    with tempfile.TemporaryDirectory() as copy:
+        tree = pathlib.Path(copy)
         copy_tree(tree)
         for bug in bugs:
             if not patch(tree, bug, "--dry-run"):

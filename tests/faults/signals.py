@@ -45,7 +45,7 @@ def strike_command(gateway, verb, words, command, number, **options):
     done = output.endswith("done\n")
     failed = output in ("'tar' returned non-zero exit status.\n", "status 36 \n")
     require(status == -number or done or failed, *where, "ended with", status, output)
-    require(status == -number or not list(gateway.scratch.iterdir()), *where, "left a temporary file")
+    require(status == -number or not list(gateway.temp.iterdir()), *where, "left a temporary file")
     weekly = ("old", "new") if status == -number else ("new",) if verb == "save" and done else ("old",)
     check(gateway, where, weekly)
     return not done

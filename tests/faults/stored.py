@@ -40,7 +40,7 @@ def found_by_library(gateway, *names, state=None):
             loaded = place / f"{name}-{version}"
             found[name, int(version)] = files(loaded) if outcome == "done" else outcome
         require(line == ".", "after loading,", line)
-        require(not list(gateway.scratch.iterdir()), "the library left a temporary file")
+        require(not list(gateway.temp.iterdir()), "the library left a temporary file")
         look(place / "state")
     return found
 

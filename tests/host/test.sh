@@ -14,9 +14,9 @@ my_system of the host
 log of the host: access() for '
 caught status 19
 opened: 1"
-[ ! -e "$scratch/log" ] || complain 'the platform logged'
+[ ! -e "$work/log" ] || complain 'the platform logged'
 
 "$2" | same 'the host without' 'caught status 19
 opened: 1'
-grep -q "name=IsFileExist text=access() for '/dev/null/x' failed (code 20)\$" "$scratch/log" ||
+grep -q "name=IsFileExist text=access() for '/dev/null/x' failed (code 20)\$" "$work/log" ||
     complain 'the platform did not log'

@@ -7,20 +7,20 @@
 check_name=$(basename "$0" _test.sh)
 # shellcheck disable=SC2034 # for the tests
 tree=$(cd "$(dirname "$0")" && while [ ! -e CMakePresets.json ]; do cd ..; done && pwd)
-scratch=$(mktemp -d)
+work=$(mktemp -d)
 
 cleanup() { :; }
 finish() {
     status=$?
-    [ ! -e "$scratch/complaints" ] || status=1
-    cleanup && rm -rf --one-file-system "$scratch"
+    [ ! -e "$work/complaints" ] || status=1
+    cleanup && rm -rf --one-file-system "$work"
     exit "$status"
 }
 trap finish EXIT
 trap 'exit 1' HUP INT TERM
 
 complain() {
-    printf '%s: %s\n' "$check_name" "$1" | tee -a "$scratch/complaints" >&2
+    printf '%s: %s\n' "$check_name" "$1" | tee -a "$work/complaints" >&2
 }
 
 fail() {
@@ -35,15 +35,15 @@ expect() {
 
 # same WHAT EXPECTED: what is seen is standard input.
 same() {
-    printf '%s\n' "$2" >"$scratch/.expected"
-    diff "$scratch/.expected" - >"$scratch/.diff" && return
-    cut -c -200 "$scratch/.diff" | head -n 40 >&2
+    printf '%s\n' "$2" >"$work/.expected"
+    diff "$work/.expected" - >"$work/.diff" && return
+    cut -c -200 "$work/.diff" | head -n 40 >&2
     complain "$1 (<: expected, >: seen)"
 }
 
 # Prints what a command wrote only if it fails.
 quietly() {
-    "$@" >"$scratch/.written" 2>&1 || { cat "$scratch/.written" >&2; fail "failed: $*"; }
+    "$@" >"$work/.written" 2>&1 || { cat "$work/.written" >&2; fail "failed: $*"; }
 }
 
 # block PAGE LANGUAGE [NUMBER]: a code block of a page, so that a test runs what a reader would.
@@ -59,23 +59,23 @@ in_sandbox() {
     [ "${CONFSAVE_SANDBOX-}" = 1 ] || fail 'this fills /mnt/main/etc: run it by ctest or script/lib/sandbox'
 }
 
-# make_gateway PROGRAM: a gateway of the test's own, in $scratch; "confsave" runs the program.
+# make_gateway PROGRAM: a gateway of the test's own, in $work; "confsave" runs the program.
 make_gateway() {
-    mkdir -p "$scratch/config/user" "$scratch/state" "$scratch/tmp" "$scratch/home" "$scratch/bin"
-    ln -s "$(realpath "$1")" "$scratch/bin/confsave"
-    export PATH="$scratch/bin:$PATH" HOME="$scratch/home"
-    export KELMOR_CONFIG_PATH="$scratch/config/" KELMOR_DYNAMIC_DIR="$scratch/state"
-    export KELMOR_TEMP_DIR="$scratch/tmp" KELMOR_LOG_FILE="$scratch/log"
+    mkdir -p "$work/config/user" "$work/state" "$work/tmp" "$work/home" "$work/bin"
+    ln -s "$(realpath "$1")" "$work/bin/confsave"
+    export PATH="$work/bin:$PATH" HOME="$work/home"
+    export KELMOR_CONFIG_PATH="$work/config/" KELMOR_DYNAMIC_DIR="$work/state"
+    export KELMOR_TEMP_DIR="$work/tmp" KELMOR_LOG_FILE="$work/log"
 }
 
 # compiles FLAG...: standard input, by each compiler that is installed.
 compiles() {
-    cat >"$scratch/.program.cpp"
+    cat >"$work/.program.cpp"
     compilers=
     for compiler in g++ clang++; do
         command -v "$compiler" >/dev/null || continue
         compilers="$compilers $compiler"
-        "$compiler" -std=c++17 -Wall -Wextra -Werror -fsyntax-only "$@" "$scratch/.program.cpp" || return 1
+        "$compiler" -std=c++17 -Wall -Wextra -Werror -fsyntax-only "$@" "$work/.program.cpp" || return 1
     done
     [ -n "$compilers" ]
 }
