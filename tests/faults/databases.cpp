@@ -283,8 +283,7 @@ std::string damaged(const std::string& sound, std::size_t number) {
 }
 
 void make_gateway() {
-  for (const char* name : {"config/user", "state", "temp", "target"})
-    fs::create_directories(root / name);
+  for (const char* name : {"config/user", "state", "temp", "target"}) fs::create_directories(root / name);
   write(root / "config/user/gateway.conf", "content\n");
   write("/mnt/main/etc/failover.ini", "content\n");
   setenv("KELMOR_CONFIG_PATH", (root / "config").c_str(), 1);
