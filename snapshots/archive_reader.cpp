@@ -229,12 +229,18 @@ class ArchiveReading {
       std::size_t size = 0;
       la_int64_t offset = 0;
       const int code = archive_read_data_block(reader_.get(), &bytes, &size, &offset);
-      if (code == ARCHIVE_EOF) return deliver_zeros_up_to(current_.size);
+      if (code == ARCHIVE_EOF) return finish_content();
       if (code != ARCHIVE_OK) return failure();
       if (Error error = deliver_zeros_up_to(offset); error.code != Code::ok) return error;
       if (Error error = deliver_piece({static_cast<const char*>(bytes), size}); error.code != Code::ok)
         return error;
     }
+  }
+
+  Error finish_content() {
+    if (delivered_ <= current_.size) return deliver_zeros_up_to(current_.size);
+    // The map of a sparse file reaches beyond its size.
+    return {Code::damaged, 0, printable(current_.path), "the content is longer than the header says"};
   }
 
   /// The holes of a sparse file are not in the packed bytes.

@@ -79,6 +79,19 @@ TEST_F(ArchiveReader, ASparseFileHasItsHoles) {
   EXPECT_TRUE(content == "file 0644 s [" + std::string(100000, '\0') + "end]");
 }
 
+TEST_F(ArchiveReader, ASparseFileIsNoLongerThanItsHeaderSays) {
+  ASSERT_EQ(
+      shell("cd " + root() + " && truncate -s 100000 s && printf end >> s && tar cSf t --format=posix s"),
+      0);
+  std::string tar = read_file(root() + "/t");
+  const std::size_t size = tar.find("realsize=100003");
+  ASSERT_NE(size, std::string::npos);
+  EXPECT_EQ(read(gzip(tar)), "");
+  EXPECT_EQ(read(gzip(tar.replace(size, 15, "realsize=000003"))),
+            "s: the content is longer than the header says");
+  EXPECT_EQ(last.code, Code::damaged);
+}
+
 TEST_F(ArchiveReader, LongAndOddNamesAreBytes) {
   const std::string name = std::string(200, 'n') + "\xff\xfe\t" + std::string(20, 'o');
   for (const char* format : {"gnu", "posix"}) {
