@@ -10,7 +10,9 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <string>
 
 inline int my_system(const char*, ...) { return 1; }
@@ -18,7 +20,8 @@ inline int my_system(const char*, ...) { return 1; }
 namespace fuzz {
 
 inline std::string make_gateway() {
-  char name[] = "/tmp/confsave-fuzz-XXXXXX";
+  // The sandbox's own file system, in memory.
+  char name[] = "/mnt/confsave-fuzz-XXXXXX";
   std::string root = mkdtemp(name);
   for (const char* directory : {"/config/user", "/state", "/temp"}) {
     std::filesystem::create_directories(root + directory);
@@ -38,6 +41,15 @@ inline std::string make_gateway() {
 inline const std::string& root() {
   static const std::string path = make_gateway();
   return path;
+}
+
+inline void write(const std::string& file, const std::string& bytes) {
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+inline std::string read(const std::string& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 inline std::string database() { return root() + "/state/storage.db"; }

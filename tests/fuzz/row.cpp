@@ -3,32 +3,11 @@
 #include <cstdint>
 
 #include "host.h"
+#include "pieces.h"
 
 namespace {
 
-/// Returns the input piece by piece.
-class Pieces {
- public:
-  Pieces(const std::uint8_t* data, std::size_t size) : data_(data), left_(size) {}
-
-  std::uint8_t byte() {
-    if (left_ == 0) return 0;
-    --left_;
-    return *data_++;
-  }
-
-  std::string text() {
-    const std::size_t length = std::min<std::size_t>(byte(), left_);
-    std::string result(reinterpret_cast<const char*>(data_), length);
-    data_ += length;
-    left_ -= length;
-    return result;
-  }
-
- private:
-  const std::uint8_t* data_;
-  std::size_t left_;
-};
+using fuzz::Pieces;
 
 void bind(sqlite3_stmt* statement, int index, Pieces& pieces) {
   const std::uint8_t kind = pieces.byte();
