@@ -110,6 +110,7 @@ struct Conversation::Streams {
     /// False at the end of input, and after an interrupt.
     bool read_line(std::string& line) {
       line.clear();
+      wait_for_typed_line();
       for (;;) {
         const int_type letter = interrupted() ? traits_type::eof() : below_->sbumpc();
         if (traits_type::eq_int_type(letter, traits_type::eof())) return !line.empty() && !interrupted();

@@ -1,5 +1,8 @@
 #include "interrupt.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 namespace console {
 namespace {
 
@@ -25,5 +28,18 @@ InterruptCatcher::~InterruptCatcher() { sigaction(SIGINT, &before_, nullptr); }
 bool interrupted() { return seen != 0; }
 
 void note_interrupt() { seen = 1; }
+
+void wait_for_typed_line() {
+  if (isatty(STDIN_FILENO) == 0) return;
+  // An interrupt between a look at the flag and the wait would be missed, so it is held back until the wait.
+  sigset_t interrupt;
+  sigset_t before;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  sigprocmask(SIG_BLOCK, &interrupt, &before);
+  pollfd input = {STDIN_FILENO, POLLIN, 0};
+  if (!interrupted()) ppoll(&input, 1, nullptr, &before);
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+}
 
 }  // namespace console

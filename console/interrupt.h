@@ -23,4 +23,8 @@ bool interrupted();
 /// Notes the interrupt that ended a command: the process itself ignores it meanwhile.
 void note_interrupt();
 
+/// Waits until a line was typed at the terminal, or an interrupt came. Returns at once if standard input is
+/// no terminal.
+void wait_for_typed_line();
+
 }  // namespace console

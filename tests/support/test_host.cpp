@@ -7,16 +7,26 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <ostream>
 #include <tuple>
+#include <utility>
 
 #include "kelmor/system.h"
 
 namespace test {
 namespace {
 
-LogRecord current;
-int current_line = 0;
+// A record belongs to the thread that writes it; what is recorded belongs to all.
+thread_local LogRecord current;
+thread_local int current_line = 0;
+std::mutex recording;
+
+template <class Value>
+void record(std::vector<Value>& values, Value value) {
+  const std::lock_guard lock(recording);
+  values.push_back(std::move(value));
+}
 
 void begin(int level, const ClUnilogFname& function, const char* source, int line) {
   if (const auto& hook = TestHost::instance().on_record) hook(function.Name());
@@ -42,8 +52,8 @@ void integer(const void* value, unsigned width) {
 }
 
 void end() {
-  TestHost::instance().records.push_back(current);
-  TestHost::instance().lines.push_back(current_line);
+  record(TestHost::instance().records, current);
+  record(TestHost::instance().lines, current_line);
   if (const auto& hook = TestHost::instance().on_recorded) hook();
 }
 
@@ -114,7 +124,7 @@ int my_system(const char* pattern, ...) {
 
   auto& host = test::TestHost::instance();
   // The pattern itself: the library must pass the command as the format.
-  host.commands.emplace_back(pattern);
+  test::record(host.commands, std::string(pattern));
   if (host.on_command) {
     if (const std::optional<int> result = host.on_command(command)) return *result;
   }
@@ -134,7 +144,7 @@ void slput(int priority, const char* pattern, ...) {
   std::va_list arguments;
   va_start(arguments, pattern);
   auto& host = test::TestHost::instance();
-  host.system_log.emplace_back(priority, test::format(pattern, arguments));
+  test::record(host.system_log, {priority, test::format(pattern, arguments)});
   va_end(arguments);
   if (host.on_system_log) host.on_system_log();
 }
@@ -144,6 +154,6 @@ char* secure_getenv(const char* name) noexcept {
   static const auto real = reinterpret_cast<char* (*)(const char*)>(dlsym(RTLD_NEXT, "secure_getenv"));
   const std::string variable = name;
   if (variable.find("KELMOR_LOG") == std::string::npos)
-    test::TestHost::instance().paths.push_back(variable);
+    test::record(test::TestHost::instance().paths, variable);
   return real(name);
 }
