@@ -76,8 +76,8 @@ Result<std::optional<StorageReader>> StorageReader::open(std::chrono::millisecon
 
 Result<bool> StorageReader::look_for_table() {
   Result<Statement> statement = database_.prepare(
-      "select count(*), ifnull(sum(name = 'Config' collate nocase and type = 'table' and rootpage > 0), 0) "
-      "from sqlite_schema");
+      "select count(*), ifnull(sum(name = 'Config' collate nocase and type = 'table' and rootpage > 0 and "
+      "not exists (select 1 from pragma_table_xinfo('Config') where hidden > 1)), 0) from sqlite_schema");
   if (!statement) return statement.error();
   if (statement->step() != SQLITE_ROW) return database_.error();
   if (statement->number(1) == 1) return true;

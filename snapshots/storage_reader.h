@@ -29,7 +29,7 @@ class StorageReader {
   explicit StorageReader(Database database) : database_(std::move(database)) {}
 
   /// Whether 'Config' is an ordinary table; false in a database that is still empty. A view or a virtual
-  /// table in its place is Code::no_storage: reading one runs what the file says.
+  /// table in its place, or a generated column, is Code::no_storage: reading one runs what the file says.
   Result<bool> look_for_table();
 
   Database database_;
