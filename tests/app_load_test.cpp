@@ -1,16 +1,6 @@
 // App::load.
 
-#include "confsave.h"
-
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <cstdlib>
-#include <filesystem>
-#include <ostream>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "support/dialogue.h"
 #include "support/grouped_digits.h"
@@ -46,8 +36,7 @@ Texts saved(const std::string& id, const std::string& name) {
   return {id, name, "0", "1", "<now>", "NULL"};
 }
 
-class AppLoad : public Dialogue {
- protected:
+struct AppLoad : Dialogue {
   std::string load(const std::string& typed, const std::string& name = "weekly") {
     return dialogue(typed, [&] { App::load(name); });
   }
@@ -116,7 +105,7 @@ struct Exchange {
 
 void PrintTo(const Exchange& row, std::ostream* out) { *out << row.name; }
 
-class AppLoadDialogue : public AppLoad, public testing::WithParamInterface<Exchange> {};
+struct AppLoadDialogue : AppLoad, testing::WithParamInterface<Exchange> {};
 
 TEST_P(AppLoadDialogue, SavesAndRestores) {
   put_snapshot();
@@ -308,8 +297,7 @@ struct Rung {
 
 void PrintTo(const Rung& row, std::ostream* out) { *out << row.name; }
 
-class AppLoadException : public AppLoad, public testing::WithParamInterface<Rung> {
- protected:
+struct AppLoadException : AppLoad, testing::WithParamInterface<Rung> {
   AppLoadException() { put_snapshot(); }
 };
 

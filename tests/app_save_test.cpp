@@ -1,14 +1,5 @@
 // App::save.
 
-#include "confsave.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 #include "support/dialogue.h"
 
 namespace {
@@ -23,8 +14,7 @@ const std::string kInsert = insert_of("weekly", "0");
 const std::string kDeleteWeekly = delete_of("weekly", "0");
 const LogRecord kTryToSave = says(kCreate, 2, "Try to save configuration 'weekly' (version 0)", {8});
 
-class AppSave : public Dialogue {
- protected:
+struct AppSave : Dialogue {
   Outcome save(const std::string& typed = "", const std::string& name = "weekly",
                conftype type = conf_full) {
     bool stored = false;
@@ -151,7 +141,7 @@ TEST_F(AppSave, OutputExceptionIsPrinted) {
   }
 }
 
-class AppSaveException : public AppSave, public testing::WithParamInterface<Thrown> {};
+struct AppSaveException : AppSave, testing::WithParamInterface<Thrown> {};
 
 TEST_P(AppSaveException, OfTheFirstTryIsPrinted) {
   make_table();

@@ -1,12 +1,5 @@
 // App::lst and App::del.
 
-#include "confsave.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <utility>
-
 #include "support/dialogue.h"
 
 namespace {
@@ -14,8 +7,7 @@ namespace {
 using namespace ConfSave;
 using namespace test;
 
-class AppLst : public Dialogue {
- protected:
+struct AppLst : Dialogue {
   std::string lst() { return dialogue("", App::lst); }
 };
 
@@ -90,8 +82,7 @@ TEST_F(AppLst, ExceptionIsPrinted) {
   }
 }
 
-class AppDel : public Dialogue {
- protected:
+struct AppDel : Dialogue {
   /// What is printed, and the text of the exception that propagates.
   std::pair<std::string, std::string> del(const std::string& name = "weekly") {
     std::string propagated;

@@ -2,15 +2,8 @@
 
 #include "autosave.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
-#include <cstdlib>
-#include <ctime>
-#include <string>
-#include <vector>
 
-#include "confsave.h"
 #include "support/autosaves.h"
 #include "support/grouped_digits.h"
 
@@ -91,8 +84,7 @@ TEST(IsOldAutosave, IfTheNameBeginsWithAutosave) {
   }
 }
 
-class OldCheck : public Autosaves {
- protected:
+struct OldCheck : Autosaves {
   /// The answer when the storage holds only an autosave that was saved so many seconds before.
   bool check_old_with(int64 age) {
     bool old = false;
@@ -169,7 +161,7 @@ TEST_F(OldCheck, ExceptionIsLoggedFromLevel1) {
   }
 }
 
-class OldCheckException : public Autosaves, public testing::WithParamInterface<Thrown> {};
+struct OldCheckException : Autosaves, testing::WithParamInterface<Thrown> {};
 
 TEST_P(OldCheckException, OfTheListIsLogged) {
   make_table();

@@ -1,15 +1,5 @@
 // CleanAutosaves(), and AutoSave() for each limit.
 
-#include "confsave.h"
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <ostream>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 #include "support/autosaves.h"
 
 namespace {
@@ -19,8 +9,7 @@ using namespace test;
 
 const Texts kThree{"autosave-1", "autosave-2", "autosave-3"};
 
-class Cleaning : public Autosaves {
- protected:
+struct Cleaning : Autosaves {
   /// Statements and records are those of the cleaning alone.
   void clean(unsigned limit) {
     run([&] {
@@ -43,7 +32,7 @@ struct Limit {
 
 void PrintTo(const Limit& row, std::ostream* out) { *out << row.name; }
 
-class AutosaveLimit : public Cleaning, public testing::WithParamInterface<Limit> {};
+struct AutosaveLimit : Cleaning, testing::WithParamInterface<Limit> {};
 
 TEST_P(AutosaveLimit, SelectsTheSurplusThatIsDeletedFirst) {
   Texts expected_statements{kFindAutosaves};

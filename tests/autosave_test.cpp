@@ -2,17 +2,8 @@
 
 #include "autosave.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <ctime>
-#include <filesystem>
-#include <optional>
 #include <regex>
-#include <stdexcept>
-#include <string>
 
-#include "confsave.h"
 #include "support/autosaves.h"
 #include "support/grouped_digits.h"
 
@@ -23,8 +14,7 @@ using namespace test;
 
 namespace fs = std::filesystem;
 
-class SaveIfUnique : public Autosaves {
- protected:
+struct SaveIfUnique : Autosaves {
   /// Statements and records are those of the saving alone.
   bool save_unique(const std::string& name) {
     bool saved = false;
@@ -193,8 +183,7 @@ TEST_F(Autosaving, NumbersHaveNoDigitGroups) {
   EXPECT_EQ(names().back(), "autosave-<now>-1000");
 }
 
-class AutosavingFailure : public Autosaves {
- protected:
+struct AutosavingFailure : Autosaves {
   /// The exception of an autosave, as thrown() has it.
   std::string thrown_by_autosave(unsigned limit) {
     std::string text;
@@ -253,7 +242,7 @@ TEST_F(AutosavingFailure, OfTheOpeningIsLoggedAsASuccess) {
   EXPECT_EQ(commands(), Texts());
 }
 
-class AutosavingException : public AutosavingFailure, public testing::WithParamInterface<Thrown> {};
+struct AutosavingException : AutosavingFailure, testing::WithParamInterface<Thrown> {};
 
 TEST_P(AutosavingException, Propagates) {
   make_table();

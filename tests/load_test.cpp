@@ -1,17 +1,5 @@
 // ConfSave::load().
 
-#include "confsave.h"
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <iostream>
-#include <optional>
-#include <ostream>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 #include "support/dialogue.h"
 
 namespace {
@@ -32,8 +20,7 @@ const std::string kAborted = "«Operation aborted!\n»";
 constexpr int64 kNewer = 17280532480;  // 4.6.0
 
 /// "weekly" is stored and one file of each archive is damaged since.
-class LoadTest : public Dialogue {
- protected:
+struct LoadTest : Dialogue {
   LoadTest() {
     whole = gateway();
     store("weekly", kCurrent);
@@ -81,7 +68,7 @@ struct Exchange {
 
 void PrintTo(const Exchange& row, std::ostream* out) { *out << row.name; }
 
-class LoadDialogue : public LoadTest, public testing::WithParamInterface<Exchange> {};
+struct LoadDialogue : LoadTest, testing::WithParamInterface<Exchange> {};
 
 TEST_P(LoadDialogue, DecidesWhetherTheRowIsLoaded) {
   store("before", kCurrent);
@@ -252,7 +239,7 @@ TEST_F(LoadFailure, OfTheRestoreIsPrinted) {
   EXPECT_EQ(stamps(), "0");
 }
 
-class LoadException : public LoadTest, public testing::WithParamInterface<Thrown> {};
+struct LoadException : LoadTest, testing::WithParamInterface<Thrown> {};
 
 TEST_P(LoadException, OfACommandIsPrinted) {
   fail_at(1, GetParam().raise);

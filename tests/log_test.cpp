@@ -1,10 +1,7 @@
 #include "log.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <initializer_list>
 
 #include "support/gateway.h"
 
@@ -31,8 +28,7 @@ const KorvLogProps kRecording = {
     [](const void*, unsigned width) { calls.push_back("integer " + std::to_string(width)); },
     [] { calls.emplace_back("end"); }};
 
-class LogRecordBuilder : public Gateway {
- protected:
+struct LogRecordBuilder : Gateway {
   LogRecordBuilder() {
     calls.clear();
     host.entry_points = kRecording;

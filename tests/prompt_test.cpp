@@ -1,12 +1,5 @@
-#include "confsave.h"
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <locale>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "support/console.h"
 #include "support/gateway.h"

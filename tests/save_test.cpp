@@ -1,15 +1,5 @@
 // ConfSave::save().
 
-#include "confsave.h"
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <iostream>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 #include "support/dialogue.h"
 
 namespace {
@@ -30,8 +20,7 @@ const std::string kInsert = insert_of("weekly");
 const std::string kBegin = "begin exclusive";
 const Texts kNewTable{kChooseLayout, kCreateTable};
 
-class SaveTest : public Dialogue {
- protected:
+struct SaveTest : Dialogue {
   Outcome save(const std::string& typed = "", int64 version = 0, bool force = false,
                conftype type = conf_full, const std::string& name = "weekly") {
     bool saved = false;
@@ -254,7 +243,7 @@ TEST_F(SaveFailure, ExceptionOfTheOpeningPropagates) {
   }
 }
 
-class SaveException : public SaveTest, public testing::WithParamInterface<Thrown> {};
+struct SaveException : SaveTest, testing::WithParamInterface<Thrown> {};
 
 TEST_P(SaveException, OfACommandIsPrintedAndNothingIsCommitted) {
   put({"weekly", kCurrent});

@@ -1,12 +1,6 @@
-#include "confsave.h"
-
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <filesystem>
-#include <stdexcept>
 
 #include "support/gateway.h"
 
@@ -16,8 +10,7 @@ using namespace test;
 
 using ConfSave::TempFile;
 
-class TempFileTest : public Gateway {
- protected:
+struct TempFileTest : Gateway {
   static mode_t mode_of(const std::string& path) {
     struct stat status = {};
     EXPECT_EQ(stat(path.c_str(), &status), 0);

@@ -1,14 +1,9 @@
-#include "confsave.h"
-
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <csignal>
-#include <filesystem>
 #include <regex>
-#include <stdexcept>
 
 #include "support/gateway.h"
 
@@ -21,8 +16,7 @@ using namespace test;
 
 using Contents = std::map<std::string, std::string>;
 
-class ArchiveTest : public Gateway {
- protected:
+struct ArchiveTest : Gateway {
   /// A gzip tar archive of these files.
   Bytes archive_of(const Contents& files) const {
     const std::string dir = root() + "/source/";

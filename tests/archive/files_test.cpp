@@ -1,7 +1,3 @@
-#include "confsave.h"
-
-#include <filesystem>
-
 #include "support/gateway.h"
 
 namespace {
@@ -15,8 +11,7 @@ const Function kIsFileExist{"bool ConfSave::IsFileExist(const char*)", "IsFileEx
 const Function kRemoveFileIfExists{"void ConfSave::RemoveFileIfExists(const char*)", "RemoveFileIfExists",
                                    "source/archive"};
 
-class FileTest : public Gateway {
- protected:
+struct FileTest : Gateway {
   std::string user(const std::string& name) const { return config_dir() + "user/" + name; }
 
   void touch(const Texts& names) const {

@@ -3,11 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <cerrno>
-#include <filesystem>
 #include <regex>
-#include <stdexcept>
 
 #include "support/gateway.h"
 
@@ -29,8 +26,7 @@ TEST(CommandLine, EachCommandHasItsExactText) {
 
 constexpr const char* kFailure = "ConfSave::XExternalFailure 36: ";
 
-class Packing : public Gateway {
- protected:
+struct Packing : Gateway {
   Packing() {
     std::filesystem::create_directory(dest());
     write_file(config_dir() + "a", "content of a");
@@ -88,8 +84,7 @@ TEST_F(Pack, FailedTarIsLoggedWithItsResult) {
   expect_failure(kPack, {}, call);
 }
 
-class Unpack : public Packing {
- protected:
+struct Unpack : Packing {
   void unpack_it() { unpack(archive(), dest()); }
 
   /// Gives these commands these results. Checks what runs, what is logged and which files are left.
@@ -178,8 +173,7 @@ TEST_F(Unpack, ArchiveWithoutFilesFailsInCp) {
   expect_failure(kUnpack, {"failed to move files with error code: 1"}, [this] { unpack_it(); });
 }
 
-class ReadArchive : public Packing {
- protected:
+struct ReadArchive : Packing {
   /// Opens another file in place of the temporary file, whose read must then fail with this text.
   void expect_status_5(const char* path, int flags, const std::string& error) {
     const int other = open(path, flags | O_CLOEXEC);

@@ -18,8 +18,7 @@ namespace {
 const ClUnilogFname kFunction{"void f(int)", "f"};
 const std::string kLineBegins = "level=2 source=source/x:12 function=\"void f(int)\" name=f text=opening ";
 
-class LogSink : public testing::Test {
- protected:
+struct LogSink : testing::Test {
   LogSink() {
     std::filesystem::remove(file);
     setenv("KELMOR_LOG_FILE", file.c_str(), 1);

@@ -14,8 +14,7 @@ using Texts = std::vector<std::string>;
 
 constexpr const char* kVariables[] = {"KELMOR_CONFIG_PATH", "KELMOR_DYNAMIC_DIR", "KELMOR_TEMP_DIR"};
 
-class Paths : public testing::Test {
- protected:
+struct Paths : testing::Test {
   ~Paths() override {
     for (const char* name : kVariables) unsetenv(name);
   }

@@ -42,8 +42,7 @@ struct sigaction current(int number) {
   return action;
 }
 
-class CommandRunner : public testing::Test {
- protected:
+struct CommandRunner : testing::Test {
   ~CommandRunner() override { std::filesystem::remove(file); }
 
   /// What a command writes to its standard output.
@@ -146,8 +145,7 @@ TEST_F(CommandRunner, SignalThatTheHostIgnoresStaysIgnored) {
 
 // The gzip that tar finds
 
-class Gzip : public CommandRunner {
- protected:
+struct Gzip : CommandRunner {
   Gzip() {
     std::filesystem::create_directories(dir + "/in");
     EXPECT_EQ(my_system("cp /usr/bin/tar %s/in/data", dir.c_str()), 0);

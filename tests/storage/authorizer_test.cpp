@@ -10,8 +10,7 @@ namespace {
 using namespace ConfSave;
 using namespace test;
 
-class Authorizer : public OpenedStorage {
- protected:
+struct Authorizer : OpenedStorage {
   /// The code that SQLite returns for a statement on the storage's connection.
   int code_of(const std::string& statement) const {
     return sqlite3_exec(connection, statement.c_str(), nullptr, nullptr, nullptr);
@@ -152,8 +151,7 @@ struct Scenario {
   std::function<void()> run;
 };
 
-class AuthorizerTranscript : public Gateway {
- protected:
+struct AuthorizerTranscript : Gateway {
   AuthorizerTranscript() { make_configuration(); }
 
   Transcript play(const Scenario& scenario, bool restricted) {

@@ -8,8 +8,7 @@ using namespace test;
 
 /// A statement that stands on a row of a table, with one column of each type in the order of SQLite's
 /// codes.
-class ColumnCheck : public Gateway {
- protected:
+struct ColumnCheck : Gateway {
   ColumnCheck() : db(database()) {
     db.run("create table Config (i, f, t, b, n)");
     db.run("insert into Config values (1, 2.5, 'text', x'00', null)");

@@ -1,8 +1,5 @@
 #include <unistd.h>
-
-#include <cstdlib>
 #include <regex>
-#include <stdexcept>
 
 #include "storage/rows.h"
 #include "support/grouped_digits.h"
@@ -30,8 +27,7 @@ void PrintTo(const Write& write, std::ostream* out) { *out << write.name; }
 const Write kWrites[] = {{"Create", &Storage::Create, kCreate, "Try to save configuration '"},
                          {"Update", &Storage::Update, kUpdate, "Try to update configuration '"}};
 
-class WriteTest : public StorageOfConfiguration {
- protected:
+struct WriteTest : StorageOfConfiguration {
   explicit WriteTest(const Write& operation) : operation_(operation) {}
 
   void write(conftype type = conf_full, const std::string& name = "weekly", int64 version = kCurrent) {
@@ -82,8 +78,7 @@ class WriteTest : public StorageOfConfiguration {
   const Write& operation_;
 };
 
-class StorageWrite : public WriteTest, public testing::WithParamInterface<Write> {
- protected:
+struct StorageWrite : WriteTest, testing::WithParamInterface<Write> {
   StorageWrite() : WriteTest(GetParam()) {}
 };
 
@@ -221,9 +216,7 @@ const Refusal kRefusals[] = {
     {"OtherTable", "alter table Config rename to Kept; create table Config (name text, version integer)",
      "", "table Config has no column named keybase", 1, false}};
 
-class StorageWriteRefused : public WriteTest,
-                            public testing::WithParamInterface<std::tuple<Write, Refusal>> {
- protected:
+struct StorageWriteRefused : WriteTest, testing::WithParamInterface<std::tuple<Write, Refusal>> {
   StorageWriteRefused() : WriteTest(std::get<0>(GetParam())) {}
 };
 

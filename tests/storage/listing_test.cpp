@@ -19,8 +19,7 @@ Texts shown(const Configs& configs) {
   return texts;
 }
 
-class Listing : public OpenedStorage {
- protected:
+struct Listing : OpenedStorage {
   Texts list(int64 version, const std::string& order_by, bool skip_corlu) {
     return shown(storage->List(version, order_by, skip_corlu));
   }

@@ -1,4 +1,3 @@
-#include <cstdlib>
 #include <limits>
 
 #include "storage/rows.h"
@@ -65,8 +64,7 @@ TEST_F(StorageCreate, MessageOfATakenNameHasTheVersionAsText) {
 
 // Update only
 
-class StorageUpdate : public StorageOfConfiguration {
- protected:
+struct StorageUpdate : StorageOfConfiguration {
   static LogRecords logged(const LogRecords& refused, const char* changes) {
     return LogRecords{says(kUpdate, 2, "Try to update configuration 'weekly' (version 17264017408)", {8})} +
            refused + LogRecords{says(kUpdate, 4, std::string("sqlite3_total_changes: ") + changes, {4})};

@@ -24,7 +24,7 @@ struct Missing {
 };
 void PrintTo(const Missing& missing, std::ostream* out) { *out << missing.name; }
 
-class StorageLoadMissing : public StorageLoad, public testing::WithParamInterface<Missing> {};
+struct StorageLoadMissing : StorageLoad, testing::WithParamInterface<Missing> {};
 
 TEST_P(StorageLoadMissing, ThrowsNotFound) {
   const auto& [title, schema, config, version, error] = GetParam();
@@ -100,7 +100,7 @@ struct Broken {
 };
 void PrintTo(const Broken& row, std::ostream* out) { *out << row.column << " = " << row.value; }
 
-class StorageLoadBroken : public StorageLoad, public testing::WithParamInterface<Broken> {};
+struct StorageLoadBroken : StorageLoad, testing::WithParamInterface<Broken> {};
 
 TEST_P(StorageLoadBroken, IsRejectedAndNotStamped) {
   const auto& [column, value, type, expected] = GetParam();

@@ -35,8 +35,7 @@ inline std::time_t next_second() {
 }
 
 /// An opened storage and a whole configuration.
-class StorageOfConfiguration : public OpenedStorage {
- protected:
+struct StorageOfConfiguration : OpenedStorage {
   StorageOfConfiguration() { make_configuration(); }
 
   /// All rows: id, name, version, type, save_time, load_time.

@@ -1,8 +1,8 @@
 #include "storage/statements.h"
-#include "storage/sqlite.h"
 
 #include <cstdint>
 
+#include "storage/sqlite.h"
 #include "support/gateway.h"
 #include "support/grouped_digits.h"
 

@@ -23,8 +23,7 @@ inline const Rows kStamped{{"1", "<now>"}};
 inline const Rows kNotStamped{{"1", "NULL"}};
 
 /// A storage, two archives that the real tar made, and empty directories to restore them in.
-class StorageLoad : public OpenedStorage {
- protected:
+struct StorageLoad : OpenedStorage {
   StorageLoad() {
     make_configuration();
     config_files = files_below(config_dir());

@@ -1,9 +1,4 @@
-#include "confsave.h"
-
 #include <chrono>
-#include <filesystem>
-#include <memory>
-#include <stdexcept>
 
 #include "support/gateway.h"
 
@@ -14,8 +9,7 @@ using namespace test;
 
 const LogRecords kOpened{kTryTables, kTablesMade};
 
-class StorageOpen : public Gateway {
- protected:
+struct StorageOpen : Gateway {
   StatementRecorder recorder;
 };
 
@@ -137,8 +131,7 @@ TEST_F(StorageOpen, BusyTimeoutIsTheLongestPossible) {
 const Function kBegin{"void ConfSave::Storage::Begin()", "Begin", "source/storage"};
 const Function kCommit{"void ConfSave::Storage::Commit()", "Commit", "source/storage"};
 
-class StorageTransaction : public StorageOpen {
- protected:
+struct StorageTransaction : StorageOpen {
   void forget() {
     host.records.clear();
     recorder.clear();

@@ -1,6 +1,3 @@
-#include <filesystem>
-#include <stdexcept>
-
 #include "storage/storage_load.h"
 #include "support/grouped_digits.h"
 

@@ -60,8 +60,7 @@ inline LogRecords saved_as(const std::string& name, std::size_t change) {
 
 /// A gateway that saves by itself. In all texts of the tests "<now>" stands for the time and
 /// "autosave-<now>" for the name of that time.
-class Autosaves : public Dialogue {
- protected:
+struct Autosaves : Dialogue {
   /// Runs `call`, which must neither read nor print, and leave nothing behind.
   void run(const std::function<void()>& call);
 

@@ -31,8 +31,7 @@ inline const std::string kDemand =
     ">>> ";
 
 /// A whole configuration.
-class Dialogue : public Gateway {
- protected:
+struct Dialogue : Gateway {
   Dialogue() { make_configuration(); }
 
   /// The transcript of `call`, which must read all that is typed, flush each question, hold no lock while

@@ -1,11 +1,16 @@
 #pragma once
 
 // A gateway of its own for each test: a configuration directory, a state directory for "storage.db", a
-// temporary directory and a failover directory, all empty at first and removed afterwards.
+// temporary directory and a failover directory, all empty at first and removed afterwards. With it come
+// the headers that most tests need.
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "support/database.h"
@@ -17,8 +22,7 @@
 
 namespace test {
 
-class Gateway : public testing::Test {
- protected:
+struct Gateway : testing::Test {
   Gateway();
   /// Fails the test if a temporary file or a scratch directory is left.
   ~Gateway() override;

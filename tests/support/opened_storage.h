@@ -12,8 +12,7 @@
 namespace test {
 
 /// A gateway whose storage is open. Statements and log records of the opening are forgotten.
-class OpenedStorage : public Gateway {
- protected:
+struct OpenedStorage : Gateway {
   OpenedStorage() { open(); }
 
   /// No test may leave an open statement, a held lock or a temporary file.
