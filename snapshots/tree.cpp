@@ -115,6 +115,23 @@ class TreeReading {
 
   /// The file, link or directory with all below it, if it is there.
   Error add(int directory, const std::string& parent, const std::string& name) {
+    const std::size_t depth = depth_;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      Error error = add_once(directory, parent, name);
+      if (!is_gone(error.number)) return error;
+      members_.erase(base_ + parent + name);
+      depth_ = depth;
+    }
+    return {Code::changed_meanwhile, 0, printable(base_ + parent + name),
+            "the file changes while it is read"};
+  }
+
+  /// Whether something else, or nothing, has come into the place of a file since it was looked at.
+  static bool is_gone(int number) {
+    return number == ENOENT || number == ENOTDIR || number == ELOOP || number == EINVAL || number == ENXIO;
+  }
+
+  Error add_once(int directory, const std::string& parent, const std::string& name) {
     const std::string path = parent + name;
     struct stat status = {};
     if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -187,7 +204,7 @@ class TreeReading {
       struct stat before = {};
       struct stat after = {};
       if (!file || fstat(file.get(), &before) != 0) return failure(path);
-      if (!S_ISREG(before.st_mode)) continue;
+      if (!S_ISREG(before.st_mode)) return failure(path, ENOTDIR);
       Member member = describe(path, Kind::file, before);
       member.size = before.st_size;
       int64 size = 0;
