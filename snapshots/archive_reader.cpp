@@ -257,9 +257,10 @@ class ArchiveReading {
   Error deliver_piece(std::string_view piece) {
     delivered_ += static_cast<int64>(piece.size());
     content_size_ += static_cast<int64>(piece.size());
-    if (content_size_ > limits_.unpacked) {
-      return {Code::unsafe, 0, printable(current_.path),
-              "the archive unpacks to more than " + std::to_string(limits_.unpacked) + " bytes"};
+    // The holes of sparse files count too.
+    if (Error error = gunzip_.check_size(content_size_); error.code != Code::ok) {
+      error.path = printable(current_.path);
+      return error;
     }
     return piece.empty() ? Error{} : handler_.content(piece);
   }

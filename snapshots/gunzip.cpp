@@ -69,13 +69,12 @@ Error Gunzip::read_header(bool has_input) {
   return has_input ? Error{} : damaged(kEndsInTheMiddle);
 }
 
-Error Gunzip::check_size(std::size_t more) {
-  unpacked_size_ += static_cast<int64>(more);
-  if (unpacked_size_ > limits_.unpacked) {
+Error Gunzip::check_size(int64 unpacked) const {
+  if (unpacked > limits_.unpacked) {
     return {Code::unsafe, 0, "",
             "the archive unpacks to more than " + std::to_string(limits_.unpacked) + " bytes"};
   }
-  if (unpacked_size_ > limits_.free && unpacked_size_ / limits_.ratio > packed_size_) {
+  if (unpacked > limits_.free && unpacked / limits_.ratio > packed_size_) {
     return {Code::unsafe, 0, "",
             "the archive unpacks to more than " + std::to_string(limits_.ratio) + " times its size"};
   }
@@ -89,7 +88,8 @@ Error Gunzip::inflate(std::size_t& size) {
   size = buffer_.size() - state_->avail_out;
   if (code < 0 || code == ISAL_NEED_DICT) return explain(code);
   if (state_->block_state == ISAL_BLOCK_FINISH) position_ = Position::after_member;
-  return check_size(size);
+  unpacked_size_ += static_cast<int64>(size);
+  return check_size(unpacked_size_);
 }
 
 Result<std::string_view> Gunzip::next() {

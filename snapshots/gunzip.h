@@ -21,6 +21,9 @@ class Gunzip : public Source {
 
   Result<std::string_view> next() override;
 
+  /// Code::unsafe when so many bytes come out of what was read so far.
+  Error check_size(int64 unpacked) const;
+
  private:
   enum class Position { before_member, in_header, in_data, after_member, at_end };
 
@@ -30,7 +33,6 @@ class Gunzip : public Source {
   Error read_header(bool has_input);
   /// Unpacks into the buffer; `size` is how much.
   Error inflate(std::size_t& size);
-  Error check_size(std::size_t more);
 
   Source& packed_;
   Limits limits_;
