@@ -50,10 +50,33 @@ Statement& Statement::bind(const std::string& text) {
   return *this;
 }
 
+Statement& Statement::bind(const Digest& digest) {
+  require_memory(
+      sqlite3_bind_blob64(statement_.get(), ++bound_, digest.data(), digest.size(), SQLITE_TRANSIENT));
+  return *this;
+}
+
+bool Statement::run() {
+  const bool done = sqlite3_step(statement_.get()) == SQLITE_DONE;
+  sqlite3_reset(statement_.get());
+  bound_ = 0;
+  return done;
+}
+
 std::string Statement::text(int column) const {
   const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_.get(), column));
   const int size = sqlite3_column_bytes(statement_.get(), column);
   return bytes != nullptr ? std::string(bytes, static_cast<std::size_t>(size)) : std::string();
+}
+
+std::optional<Digest> Statement::digest(int column) const {
+  Digest digest{};
+  const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_.get(), column));
+  const bool fits = type(column) == SQLITE_BLOB &&
+                    sqlite3_column_bytes(statement_.get(), column) == static_cast<int>(digest.size());
+  if (!fits) return {};
+  std::copy_n(bytes, digest.size(), digest.begin());
+  return digest;
 }
 
 Result<Database> Database::open(const std::string& file, std::chrono::milliseconds wait) {

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "confsave/snapshots.h"
@@ -22,14 +23,20 @@ class Statement {
 
   Statement& bind(int64 number);
   Statement& bind(const std::string& text);
+  Statement& bind(const Digest& digest);
 
   /// SQLITE_ROW, SQLITE_DONE, or SQLite's error.
   int step() { return sqlite3_step(statement_.get()); }
+
+  /// Runs a statement without a result, to be bound and run again.
+  bool run();
 
   int type(int column) const { return sqlite3_column_type(statement_.get(), column); }
   int64 number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
   /// Bytes behind a NUL included.
   std::string text(int column) const;
+  /// No value if this is no digest.
+  std::optional<Digest> digest(int column) const;
 
  private:
   std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement_;

@@ -31,24 +31,42 @@ bool differs(const Difference& difference) {
   return difference.content || difference.mode || difference.owner || difference.group || difference.time;
 }
 
-}  // namespace
+const Member& member_of(const Member& member) { return member; }
+const Member& member_of(const LiveMember& live) { return live.member; }
 
-Differences differences(const std::map<std::string, Member>& older,
-                        const std::map<std::string, Member>& newer) {
+template <class Older, class Newer>
+Differences merge(const std::map<std::string, Older>& older, const std::map<std::string, Newer>& newer) {
   Differences result;
   auto before = older.begin();
   auto after = newer.begin();
   while (before != older.end() || after != newer.end()) {
     if (after == newer.end() || (before != older.end() && before->first < after->first)) {
-      result.push_back(whole(before++->second, Change::removed));
+      result.push_back(whole(member_of(before++->second), Change::removed));
     } else if (before == older.end() || after->first < before->first) {
-      result.push_back(whole(after++->second, Change::added));
+      result.push_back(whole(member_of(after++->second), Change::added));
     } else {
-      const Difference difference = between(before++->second, after++->second);
+      const Difference difference = between(member_of(before++->second), member_of(after++->second));
       if (differs(difference)) result.push_back(difference);
     }
   }
   return result;
+}
+
+}  // namespace
+
+Differences differences(const std::map<std::string, Member>& older,
+                        const std::map<std::string, Member>& newer) {
+  return merge(older, newer);
+}
+
+Differences differences(const std::map<std::string, Member>& older,
+                        const std::map<std::string, LiveMember>& newer) {
+  return merge(older, newer);
+}
+
+Differences differences(const std::map<std::string, LiveMember>& older,
+                        const std::map<std::string, LiveMember>& newer) {
+  return merge(older, newer);
 }
 
 }  // namespace ConfSave::snapshots

@@ -3,12 +3,16 @@
 #include <map>
 #include <string>
 
-#include "confsave/snapshots.h"
+#include "snapshots/tree.h"
 
 namespace ConfSave::snapshots {
 
 /// What differs from `older` to `newer`, both by absolute path.
 Differences differences(const std::map<std::string, Member>& older,
                         const std::map<std::string, Member>& newer);
+Differences differences(const std::map<std::string, Member>& older,
+                        const std::map<std::string, LiveMember>& newer);
+Differences differences(const std::map<std::string, LiveMember>& older,
+                        const std::map<std::string, LiveMember>& newer);
 
 }  // namespace ConfSave::snapshots

@@ -15,13 +15,10 @@ namespace {
 /// The version of the tables, as "pragma user_version" has it.
 constexpr int64 kLayout = 1;
 
-constexpr const char* kTables =
-    "begin immediate; "
-    "create table if not exists note (id integer primary key, saved integer not null, keybase integer not "
-    "null, "
+constexpr const char* kNoteTable =
+    "create table note (id integer primary key, saved integer not null, keybase integer not null, "
     "etc integer not null, comment text not null, author text not null, pinned integer not null); "
-    "pragma user_version = 1; "
-    "commit";
+    "pragma user_version = 1; ";
 
 std::string notes_file() { return state_directory() + "/notes.db"; }
 
@@ -55,15 +52,14 @@ Result<Notes> Notes::open_to_write(std::chrono::milliseconds wait) {
   if (!database) return database.error();
   Notes notes(std::move(*database));
   // By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
-  if (Error error = notes.database_.run("pragma synchronous=extra"); error.code != Code::ok) return error;
+  if (notes.database_.run("pragma synchronous=extra").code != Code::ok) return notes.failure();
   if (Error error = notes.prepare_tables(); error.code != Code::ok) return error;
   return notes;
 }
 
 Result<int64> Notes::layout() {
   Result<Statement> statement = database_.prepare("pragma user_version");
-  if (!statement) return statement.error();
-  if (statement->step() != SQLITE_ROW) return database_.error();
+  if (!statement || statement->step() != SQLITE_ROW) return failure();
   const int64 layout = statement->number(0);
   if (layout <= kLayout) return layout;
   return Error{Code::newer, 0, database_.file(), "a newer version of ConfSave wrote this file"};
@@ -72,17 +68,33 @@ Result<int64> Notes::layout() {
 Error Notes::prepare_tables() {
   const Result<int64> found = layout();
   if (!found) return found.error();
-  return *found == kLayout ? check() : database_.run(kTables);
+  return *found == kLayout ? check() : in_transaction([this] { return make_tables(); });
+}
+
+/// Another process may have made them by now.
+Error Notes::make_tables() {
+  const Result<int64> found = layout();
+  if (!found) return found.error();
+  if (*found == kLayout) return {};
+  return database_.run((std::string(kManifestTables) + kNoteTable).c_str());
+}
+
+Error Notes::damaged(int number, const std::string& how) const {
+  return {Code::damaged, number, database_.file(),
+          "the file is damaged (" + how + "); without it only comments, pins and manifests are lost"};
+}
+
+Error Notes::failure() const {
+  Error error = database_.error();
+  const bool is_damaged = (error.number & 0xff) == SQLITE_CORRUPT;
+  return is_damaged ? damaged(error.number, error.text) : error;
 }
 
 Error Notes::check() {
   Result<Statement> statement = database_.prepare("pragma quick_check(1)");
-  if (!statement) return statement.error();
-  if (statement->step() != SQLITE_ROW) return database_.error();
+  if (!statement || statement->step() != SQLITE_ROW) return failure();
   const std::string result = statement->text(0);
-  if (result == "ok") return {};
-  return {Code::damaged, 0, database_.file(),
-          "the file is damaged (" + result + "); without it only comments and pins are lost"};
+  return result == "ok" ? Error{} : damaged(0, result);
 }
 
 Result<std::map<int64, Note>> Notes::read(const Snapshots& snapshots) {
@@ -106,12 +118,38 @@ Result<std::map<int64, Note>> Notes::read(const Snapshots& snapshots) {
   }
 }
 
-Error Notes::change(const Snapshot& snapshot, const std::function<void(Note&)>& change) {
+Error Notes::in_transaction(const std::function<Error()>& change) {
   if (Error error = database_.run("begin immediate"); error.code != Code::ok) return error;
-  Error error = read_and_replace(snapshot, change);
+  Error error = change();
   if (error.code == Code::ok) return database_.run("commit");
   database_.run("rollback");
   return error;
+}
+
+Error Notes::change(const Snapshot& snapshot, const std::function<void(Note&)>& change) {
+  return in_transaction([&] { return read_and_replace(snapshot, change); });
+}
+
+Error Notes::replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest) {
+  return in_transaction([&] {
+    Error error = replace(snapshot, note);
+    return error.code == Code::ok ? write_manifest(database_, snapshot, manifest) : error;
+  });
+}
+
+Result<std::optional<Manifest>> Notes::manifest(const Snapshot& snapshot) {
+  if (Error error = database_.run("begin"); error.code != Code::ok) return error;
+  Result<std::optional<Manifest>> found = read_manifest(database_, snapshot);
+  database_.run("rollback");
+  return found;
+}
+
+Error Notes::forget(int64 id) {
+  return in_transaction([&] {
+    Result<Statement> statement = database_.prepare("delete from note where id = ?");
+    if (!statement) return statement.error();
+    return statement->bind(id).run() ? delete_manifest(database_, id) : database_.error();
+  });
 }
 
 Error Notes::read_and_replace(const Snapshot& snapshot, const std::function<void(Note&)>& change) {

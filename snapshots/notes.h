@@ -6,6 +6,7 @@
 #include <string>
 
 #include "snapshots/database.h"
+#include "snapshots/manifest.h"
 
 namespace ConfSave::snapshots {
 
@@ -35,16 +36,30 @@ class Notes {
   /// Lets `change` change the note of a row, durably. Nobody else changes it meanwhile.
   Error change(const Snapshot& snapshot, const std::function<void(Note&)>& change);
 
+  /// Replaces the note and the manifest of a row, both or neither, durably.
+  Error replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest);
+
+  /// The manifest that belongs to `snapshot`. No value if there is none, or not all of it.
+  Result<std::optional<Manifest>> manifest(const Snapshot& snapshot);
+
+  /// Forgets everything about the row `id`, durably.
+  Error forget(int64 id);
+
  private:
   explicit Notes(Database database) : database_(std::move(database)) {}
 
   /// Makes the tables in an empty file; refuses those of a newer version.
   Error prepare_tables();
+  Error make_tables();
   Result<int64> layout();
   /// Nothing is written into a damaged file.
   Error check();
+  Error damaged(int number, const std::string& how) const;
+  /// The error of the last call that failed.
+  Error failure() const;
   Error read_and_replace(const Snapshot& snapshot, const std::function<void(Note&)>& change);
   Error replace(const Snapshot& snapshot, const Note& note);
+  Error in_transaction(const std::function<Error()>& change);
 
   Database database_;
 };

@@ -186,9 +186,9 @@ Result<Members> read_members(const Id& id, const ReadOptions& options) {
 Result<Differences> compare_with_live(const Id& older, const ReadOptions& options) {
   const Result<Contents> stored = read_contents(older, options.wait);
   if (!stored) return stored.error();
-  const Result<std::map<std::string, Member>> live = read_tree(stored->type);
+  const Result<Tree> live = read_tree(stored->type);
   if (!live) return live.error();
-  return differences(stored->members, *live);
+  return differences(stored->members, live->members);
 }
 
 Result<Differences> compare_rows(const Id& older, const Id& newer, const ReadOptions& options) {

@@ -7,7 +7,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <optional>
+#include <ctime>
+#include <limits>
 #include <vector>
 
 #include "snapshots/archive_path.h"
@@ -21,16 +22,33 @@ namespace {
 constexpr int kAttempts = 3;
 constexpr std::size_t kPiece = 128 << 10;
 
-bool is_same_moment(const struct stat& a, const struct stat& b) {
-  return a.st_size == b.st_size && a.st_ino == b.st_ino && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
-         a.st_mtim.tv_nsec == b.st_mtim.tv_nsec && a.st_ctim.tv_sec == b.st_ctim.tv_sec &&
-         a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+/// Times that do not fit, beyond the year 2262, are the last one that does.
+int64 nanoseconds(const timespec& time) {
+  constexpr int64 kSecond = 1000000000;
+  constexpr int64 kLast = std::numeric_limits<int64>::max() / kSecond - 1;
+  return std::clamp<int64>(time.tv_sec, -kLast, kLast) * kSecond + time.tv_nsec;
+}
+
+int64 now() {
+  timespec time = {};
+  clock_gettime(CLOCK_REALTIME, &time);
+  return nanoseconds(time);
+}
+
+Stamp stamp_of(const struct stat& status) {
+  return {status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
+          nanoseconds(status.st_ctim)};
+}
+
+bool is_same(const Stamp& a, const Stamp& b) {
+  return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modified == b.modified &&
+         a.changed == b.changed;
 }
 
 /// Reads what belongs to one of the two directories.
 class TreeReading {
  public:
-  TreeReading(Base base, const Limits& limits, std::map<std::string, Member>& members)
+  TreeReading(Base base, const Limits& limits, std::map<std::string, LiveMember>& members)
       : base_(directory_of(base)), secrets_(base), limits_(limits), members_(members), buffer_(kPiece) {}
 
   Error run(const std::vector<std::string>& paths) {
@@ -158,8 +176,7 @@ class TreeReading {
         openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status = {};
     if (!directory || fstat(directory.get(), &status) != 0) return failure(path);
-    const Member member = describe(path, Kind::directory, status);
-    members_[member.path] = member;
+    keep(describe(path, Kind::directory, status), status);
     std::vector<std::string> names;
     if (Error error = names_in(directory.get(), path, names); error.code != Code::ok) return error;
     for (const std::string& child : names) {
@@ -183,6 +200,10 @@ class TreeReading {
     return member;
   }
 
+  void keep(const Member& member, const struct stat& status) {
+    members_[member.path] = {member, stamp_of(status)};
+  }
+
   Error add_link(int directory, const std::string& path, const std::string& name,
                  const struct stat& status) {
     std::string target(PATH_MAX, '\0');
@@ -193,7 +214,7 @@ class TreeReading {
     member.target = target;
     sha256_.add(target.data(), target.size());
     member.sha256 = sha256_.finish();
-    members_[member.path] = member;
+    keep(member, status);
     return {};
   }
 
@@ -211,8 +232,8 @@ class TreeReading {
       if (Error error = digest(file.get(), path, size); error.code != Code::ok) return error;
       member.sha256 = sha256_.finish();
       if (fstat(file.get(), &after) != 0) return failure(path);
-      if (!is_same_moment(before, after) || size != before.st_size) continue;
-      members_[member.path] = member;
+      if (!is_same(stamp_of(before), stamp_of(after)) || size != before.st_size) continue;
+      keep(member, after);
       return {};
     }
     return {Code::changed_meanwhile, 0, printable(base_ + path), "the file changes while it is read"};
@@ -236,7 +257,7 @@ class TreeReading {
   std::string base_;
   Secrets secrets_;
   const Limits& limits_;
-  std::map<std::string, Member>& members_;
+  std::map<std::string, LiveMember>& members_;
   Descriptor root_;
   Sha256 sha256_;
   std::vector<char> buffer_;
@@ -260,15 +281,15 @@ std::vector<std::string> paths_of(Base base, conftype type, bool with_database) 
 
 }  // namespace
 
-Result<std::map<std::string, Member>> read_tree(conftype type, const Limits& limits) {
-  std::map<std::string, Member> members;
+Result<Tree> read_tree(conftype type, const Limits& limits) {
+  Tree tree{now(), {}};
   const bool with_database = has_database();
   for (const Base base : {Base::configuration, Base::failover}) {
-    TreeReading reading(base, limits, members);
+    TreeReading reading(base, limits, tree.members);
     if (Error error = reading.run(paths_of(base, type, with_database)); error.code != Code::ok)
       return error;
   }
-  return members;
+  return tree;
 }
 
 }  // namespace ConfSave::snapshots

@@ -8,10 +8,31 @@
 
 namespace ConfSave::snapshots {
 
+/// What changes whenever the content of a file does. Times are in nanoseconds since the epoch.
+struct Stamp {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  int64 size = 0;
+  int64 modified = 0;
+  int64 changed = 0;  ///< of the inode; only the clock sets it
+};
+
+/// A file of the live configuration.
+struct LiveMember {
+  Member member;
+  Stamp stamp;
+};
+
+/// The live configuration.
+struct Tree {
+  int64 moment = 0;  ///< when its reading began, in nanoseconds since the epoch
+  std::map<std::string, LiveMember> members;
+};
+
 /// The files of the contents of `type` as they are now, by absolute path. Follows no symbolic link below
 /// the two directories: one in a directory's place is Code::unsafe, as a device, FIFO or socket is. A file
 /// that changes while it is read is read again, and is Code::changed_meanwhile after some attempts. The
 /// configuration database counts only if it is whole, as it is packed only then.
-Result<std::map<std::string, Member>> read_tree(conftype type, const Limits& limits = {});
+Result<Tree> read_tree(conftype type, const Limits& limits = {});
 
 }  // namespace ConfSave::snapshots

@@ -1,0 +1,134 @@
+#include "snapshots/manifest.h"
+
+#include <gtest/gtest.h>
+
+#include "snapshots/notes.h"
+#include "support/gateway.h"
+
+namespace {
+
+using namespace test;
+using namespace ConfSave::snapshots;
+using std::chrono::milliseconds;
+
+/// Everything about a member on one line.
+std::string shown(const LiveMember& live) {
+  const Member& member = live.member;
+  std::string text = member.path;
+  for (const std::uint8_t byte : member.sha256) text += ' ' + std::to_string(byte);
+  text += " " + member.target;
+  for (const ConfSave::int64 number :
+       {ConfSave::int64{member.mode}, ConfSave::int64{member.uid}, ConfSave::int64{member.gid}, member.size,
+        member.time, ConfSave::int64{member.secret ? 1 : 0}, static_cast<ConfSave::int64>(member.kind),
+        static_cast<ConfSave::int64>(live.stamp.device), static_cast<ConfSave::int64>(live.stamp.inode),
+        live.stamp.size, live.stamp.modified, live.stamp.changed}) {
+    text += " " + std::to_string(number);
+  }
+  return text;
+}
+
+Texts shown(const Manifest& manifest) {
+  Texts result{std::to_string(manifest.tree.moment)};
+  for (const auto& [path, live] : manifest.tree.members) result.push_back(path + ": " + shown(live));
+  for (const std::string& path : manifest.missing) result.push_back("missing " + path);
+  return result;
+}
+
+class ManifestTest : public Gateway {
+ protected:
+  ManifestTest() {
+    make_configuration();
+    EXPECT_EQ(shell("cd " + config_dir() + " && mkdir hub/d && ln -s target hub/d/link && ln gw1.conf gw7"),
+              0);
+    EXPECT_TRUE(ConfSave::save("weekly", ConfSave::conf_full, 0, true));
+    EXPECT_TRUE(ConfSave::save("daily", ConfSave::conf_full, 0, true));
+  }
+
+  std::string notes_file() const { return state_dir() + "/notes.db"; }
+
+  static Snapshot row(const std::string& name = "weekly") {
+    Query query;
+    query.pattern = name;
+    return *find(query);
+  }
+
+  static Manifest present() { return {*read_tree(ConfSave::conf_full), {"/mnt/b", "/mnt/a"}}; }
+
+  static Notes writable() { return std::move(*Notes::open_to_write(milliseconds(1000))); }
+
+  static std::optional<Manifest> stored(const std::string& name = "weekly") {
+    auto notes = Notes::open(milliseconds(1000));
+    return *(*notes)->manifest(row(name));
+  }
+};
+
+TEST_F(ManifestTest, IsReadAsItWasWritten) {
+  Manifest manifest = present();
+  EXPECT_EQ(writable().replace_manifest(row(), {"before the change", "admin", true}, manifest).code,
+            Code::ok);
+  EXPECT_EQ(row().comment, "before the change");
+  EXPECT_EQ(row().author, "admin");
+  EXPECT_TRUE(row().pinned);
+  std::sort(manifest.missing.begin(), manifest.missing.end());
+  EXPECT_EQ(shown(*stored()), shown(manifest));
+  EXPECT_FALSE(stored("daily"));
+}
+
+TEST_F(ManifestTest, OutlastsAChangeOfTheCommentAndIsReplacedWhole) {
+  EXPECT_EQ(writable().replace_manifest(row(), {}, present()).code, Code::ok);
+  EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
+  EXPECT_TRUE(stored());
+  Manifest next;
+  next.missing = {"/mnt/c"};
+  EXPECT_EQ(writable().replace_manifest(row(), {}, next).code, Code::ok);
+  EXPECT_EQ(shown(*stored()), (Texts{"0", "missing /mnt/c"}));
+}
+
+TEST_F(ManifestTest, BelongsToTheRowThatItWasWrittenFor) {
+  for (const char* change : {"save_time = 1001", "keybase = x'0000'", "etc = x'0000'"}) {
+    EXPECT_EQ(writable().replace_manifest(row(), {}, present()).code, Code::ok);
+    test::Database(database()).run("update Config set " + std::string(change) + " where name = 'weekly'");
+    EXPECT_FALSE(stored()) << change;
+    EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
+    EXPECT_FALSE(stored()) << change;
+  }
+}
+
+TEST_F(ManifestTest, CountsOnlyIfItIsWhole) {
+  for (const char* change :
+       {"delete from member where path like '%gw1.conf'", "delete from missing where path = '/mnt/a'",
+        "update member set sha256 = x'00'", "update member set sha256 = 'text'",
+        "update member set kind = 4", "update member set kind = -1"}) {
+    EXPECT_EQ(writable().replace_manifest(row(), {}, present()).code, Code::ok);
+    EXPECT_TRUE(stored());
+    test::Database(notes_file()).run(change);
+    EXPECT_FALSE(stored()) << change;
+  }
+}
+
+TEST_F(ManifestTest, IsForgottenWithItsNote) {
+  EXPECT_EQ(writable().replace_manifest(row(), {"x", "", false}, present()).code, Code::ok);
+  EXPECT_EQ(writable().replace_manifest(row("daily"), {"y", "", false}, present()).code, Code::ok);
+  EXPECT_EQ(writable().forget(row().id).code, Code::ok);
+  EXPECT_EQ(row().comment, "");
+  EXPECT_FALSE(stored());
+  EXPECT_EQ(row("daily").comment, "y");
+  EXPECT_TRUE(stored("daily"));
+  for (const char* table : {"note", "manifest"}) {
+    EXPECT_EQ(test::Database(notes_file()).value("select count(*) from " + std::string(table)), "1")
+        << table;
+  }
+  EXPECT_EQ(test::Database(notes_file()).value("select count(distinct manifest) from member"), "1");
+  EXPECT_EQ(test::Database(notes_file()).value("select count(distinct manifest) from missing"), "1");
+}
+
+TEST_F(ManifestTest, NoteAndManifestAreWrittenTogetherOrNotAtAll) {
+  EXPECT_EQ(writable().replace_manifest(row(), {"old", "", false}, present()).code, Code::ok);
+  Manifest twice = present();
+  twice.missing = {"/mnt/a", "/mnt/a"};
+  EXPECT_NE(writable().replace_manifest(row(), {"new", "", false}, twice).code, Code::ok);
+  EXPECT_EQ(row().comment, "old");
+  EXPECT_EQ(stored()->missing, (Texts{"/mnt/a", "/mnt/b"}));
+}
+
+}  // namespace
