@@ -2,9 +2,11 @@
 
 #include <algorithm>
 
+#include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
 #include "snapshots/notes.h"
+#include "snapshots/reserve.h"
 #include "snapshots/storage_reader.h"
 
 namespace ConfSave::snapshots {
@@ -28,7 +30,9 @@ Error change_note(const Id& id, const ChangeOptions& options, Change change) {
   }
   Result<Notes> notes = Notes::open_to_write(options.wait);
   if (!notes) return notes.error();
-  return notes->change(*row, change);
+  Error error = notes->change(*row, change);
+  Reserve::keep(storage_file());
+  return error;
 }
 
 bool is_control(char letter) {

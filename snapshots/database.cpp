@@ -8,6 +8,8 @@
 #include <cstring>
 #include <new>
 
+#include "snapshots/system_error.h"
+
 namespace ConfSave::snapshots {
 namespace {
 
@@ -121,7 +123,10 @@ Error Database::run(const char* text) {
 Error Database::error() const {
   const int code = sqlite3_extended_errcode(db_.get());
   require_memory(code);
-  return {code_of(code), code, file_, sqlite3_errmsg(db_.get())};
+  // A full quota, and a full disk where a file is made, are failures of other names to SQLite.
+  const bool is_full = code_of_number(sqlite3_system_errno(db_.get())) == Code::no_space;
+  const bool has_number = (code & 0xff) == SQLITE_IOERR || (code & 0xff) == SQLITE_CANTOPEN;
+  return {has_number && is_full ? Code::no_space : code_of(code), code, file_, sqlite3_errmsg(db_.get())};
 }
 
 Result<std::unique_ptr<BlobSource>> BlobSource::open(Database& database, const char* column, int64 id) {

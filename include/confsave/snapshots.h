@@ -234,4 +234,15 @@ CONFSAVE_API Error note(const Id& id, const std::string& comment, const ChangeOp
 /// Pins a snapshot, or unpins it. Durable on return.
 CONFSAVE_API Error pin(const Id& id, bool pinned, const ChangeOptions& options = {});
 
+struct RemoveOptions {
+  bool even_pinned = false;  ///< else Code::pinned
+  std::chrono::milliseconds wait{30000};
+};
+
+/// Deletes one snapshot and its notes, durably, and gives its pages back to the file system. Works on a
+/// full disk: while there is room, `note` and `remove` keep 1 MiB of it in "storage.db-reserve" beside the
+/// storage. If it cannot be known whether the snapshot is pinned, it is not deleted: the error of the
+/// notes. Qualify the call: the C library has a `remove` too, which deletes a file.
+CONFSAVE_API Error remove(const Id& id, const RemoveOptions& options = {});
+
 }  // namespace ConfSave::snapshots

@@ -1,0 +1,136 @@
+// remove: deletes one row, and gives its pages back to the file system.
+
+#include <algorithm>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/boundary.h"
+#include "snapshots/deadline.h"
+#include "snapshots/lock.h"
+#include "snapshots/notes.h"
+#include "snapshots/reserve.h"
+#include "snapshots/storage_reader.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+/// Each page that SQLite moves costs two in the journal, so this many cost at most 8 MiB.
+constexpr int64 kBytesAtOnce = 4 << 20;
+/// At most three quarters of the reserve; the rest is for pages of SQLite's own.
+constexpr int64 kBytesInReserve = Reserve::kSize * 3 / 8;
+/// Giving pages back can wait for the next deletion; a caller should not.
+constexpr int kVacuumWait = 200;
+
+Error not_found(const std::string& name) {
+  return {Code::not_found, 0, "", "there is no snapshot '" + printable(name) + "'"};
+}
+
+Result<Snapshot> row_of(const Id& id, StorageReader& reader) {
+  Query query;
+  query.pattern = literally(id.name);
+  query.version = id.version;
+  query.corlu_config = true;
+  Snapshots rows;
+  Error error = reader.for_each(query, [&](Snapshot snapshot) {
+    // SQLite's glob ends at a NUL byte.
+    if (snapshot.config.name == id.name) rows.push_back(std::move(snapshot));
+    return Error{};
+  });
+  if (error.code != Code::ok) return error;
+  if (rows.empty()) return not_found(id.name);
+  return rows.front();
+}
+
+/// Code::pinned if the row is. Notes that cannot be read could say so: their error.
+Error check_pin(const Snapshot& row, const Deadline& deadline) {
+  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
+  if (!notes) return notes.error();
+  if (!*notes) return {};
+  const Result<std::map<int64, Note>> found = (*notes)->read({row});
+  if (!found) return found.error();
+  const auto note = found->find(row.id);
+  if (note == found->end() || !note->second.pinned) return {};
+  return {Code::pinned, 0, "", "the snapshot '" + printable(row.config.name) + "' is pinned"};
+}
+
+Result<int64> number(Database& storage, const std::string& pragma) {
+  Result<Statement> statement = storage.prepare("pragma " + pragma);
+  if (!statement) return statement.error();
+  if (statement->step() != SQLITE_ROW) return storage.error();
+  return statement->number(0);
+}
+
+/// Overwriting what is deleted takes a journal as large as the row. Pages that the file gives back need no
+/// overwriting, and on a full disk there is no room for it.
+Error choose_overwriting(Database& storage, bool disk_is_full) {
+  const Result<int64> layout = number(storage, "auto_vacuum");
+  if (!layout) return layout.error();
+  return *layout != 0 || disk_is_full ? storage.run("pragma secure_delete=off") : Error{};
+}
+
+/// Within a transaction.
+Error delete_row(Database& storage, const Snapshot& row) {
+  Result<Statement> statement =
+      storage.prepare("delete from Config where id = ? and name = ? and version = ?");
+  if (!statement) return statement.error();
+  statement->bind(row.id).bind(row.config.name).bind(row.config.vers);
+  if (statement->step() != SQLITE_DONE) return storage.error();
+  if (sqlite3_changes(storage.get()) == 1) return {};
+  return {Code::no_storage, 0, storage.file(), "more than one row has the same id, name and version"};
+}
+
+/// Moves free pages to the end of the file and cuts them off, some in each transaction. A failure is
+/// ignored: the pages stay free, and the next deletion goes on. A file without a pointer map, which an old
+/// program has made, keeps its size, and its free pages are used again.
+void give_back_pages(Database& storage, Reserve& reserve) {
+  const Result<int64> page = number(storage, "page_size");
+  if (!page) return;
+  sqlite3_busy_timeout(storage.get(), kVacuumWait);
+  int64 before = 0;
+  for (;;) {
+    const Result<int64> free = number(storage, "freelist_count");
+    if (!free || *free == 0 || *free == before) return;
+    before = *free;
+    const Error error = reserve.run([&] {
+      const int64 pages = (reserve.is_needed() ? kBytesInReserve : kBytesAtOnce) / *page;
+      return storage.run(("pragma incremental_vacuum(" + std::to_string(pages) + ")").c_str());
+    });
+    if (error.code != Code::ok) return;
+  }
+}
+
+Error remove_row(const Id& id, const RemoveOptions& options) {
+  const Deadline deadline(options.wait);
+  const Result<Lock> lock = Lock::take("a deletion", deadline);
+  if (!lock) return lock.error();
+  Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
+  if (!reader) return reader.error();
+  if (!*reader) return not_found(id.name);
+  Database& storage = (*reader)->database();
+  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
+  if (Error error = storage.run("pragma synchronous=extra"); error.code != Code::ok) return error;
+
+  Reserve reserve(storage);
+  Error error = reserve.run([&]() -> Error {
+    if (Error failure = choose_overwriting(storage, reserve.is_needed()); failure.code != Code::ok) {
+      return failure;
+    }
+    const Result<Snapshot> row = row_of(id, **reader);
+    if (!row) return row.error();
+    if (!options.even_pinned) {
+      if (Error pinned = check_pin(*row, deadline); pinned.code != Code::ok) return pinned;
+    }
+    return delete_row(storage, *row);
+  });
+  if (error.code == Code::ok) give_back_pages(storage, reserve);
+  reserve.take_back();
+  Reserve::keep(storage.file());
+  return error;
+}
+
+}  // namespace
+
+Error remove(const Id& id, const RemoveOptions& options) {
+  return error_at_boundary([&] { return remove_row(id, options); });
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,172 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "confsave/snapshots.h"
+#include "snapshots/lock.h"
+#include "support/gateway.h"
+
+namespace {
+
+using namespace test;
+using namespace ConfSave::snapshots;
+namespace snapshots = ConfSave::snapshots;
+using std::chrono::milliseconds;
+
+RemoveOptions impatient() {
+  RemoveOptions options;
+  options.wait = milliseconds(100);
+  return options;
+}
+
+class RemoveTest : public Gateway {
+ protected:
+  RemoveTest() {
+    make_storage(kChooseLayout);
+    put({"weekly", kCurrent});
+  }
+  ~RemoveTest() override { expect_nothing_held(); }
+
+  void make_storage(const std::string& layout) {
+    if (exists(database())) shell("rm " + database());
+    const Database storage(database());
+    storage.run(layout);
+    storage.run(kCreateTable);
+  }
+
+  Texts names() {
+    Texts result;
+    for (const Texts& row : query("select name || '@' || version from Config order by id")) {
+      result.push_back(row[0]);
+    }
+    return result;
+  }
+
+  long size() {
+    struct stat status = {};
+    EXPECT_EQ(stat(database().c_str(), &status), 0);
+    return status.st_size;
+  }
+
+  std::string notes_file() { return state_dir() + "/notes.db"; }
+};
+
+TEST_F(RemoveTest, DeletesExactlyOneRow) {
+  put({"week*", kCurrent});
+  put({"weekly", 0});
+  put({"Weekly", kCurrent});
+  put({"corlu-config", 0});
+  EXPECT_EQ(snapshots::remove({"week*"}).code, Code::ok);
+  EXPECT_EQ(names(),
+            (Texts{"weekly@" + kCurrentText, "weekly@0", "Weekly@" + kCurrentText, "corlu-config@0"}));
+  EXPECT_EQ(snapshots::remove({"weekly", 0}).code, Code::ok);
+  EXPECT_EQ(snapshots::remove({"corlu-config", 0}).code, Code::ok);
+  EXPECT_EQ(names(), (Texts{"weekly@" + kCurrentText, "Weekly@" + kCurrentText}));
+}
+
+TEST_F(RemoveTest, WhatIsNotThereIsNotFound) {
+  for (const Id& id :
+       {Id{"missing"}, Id{"weekly", 5}, Id{"week*"}, Id{std::string("weekly\0", 7)}, Id{""}}) {
+    EXPECT_EQ(snapshots::remove(id).code, Code::not_found) << id.name;
+  }
+  EXPECT_EQ(names(), Texts{"weekly@" + kCurrentText});
+  shell("rm " + database());
+  EXPECT_EQ(snapshots::remove({"weekly"}).code, Code::not_found);
+  EXPECT_FALSE(exists(database()));
+}
+
+TEST_F(RemoveTest, APinProtects) {
+  EXPECT_EQ(pin({"weekly"}, true).code, Code::ok);
+  const Error error = snapshots::remove({"weekly"});
+  EXPECT_EQ(error.code, Code::pinned);
+  EXPECT_EQ(error.text, "the snapshot 'weekly' is pinned");
+  EXPECT_EQ(names(), Texts{"weekly@" + kCurrentText});
+  RemoveOptions options;
+  options.even_pinned = true;
+  EXPECT_EQ(snapshots::remove({"weekly"}, options).code, Code::ok);
+  EXPECT_EQ(names(), Texts());
+}
+
+TEST_F(RemoveTest, NotesThatCannotBeReadMayHoldAPin) {
+  write_file(notes_file(), std::string(5000, 'x'));
+  EXPECT_EQ(snapshots::remove({"weekly"}).code, Code::no_storage);
+  EXPECT_EQ(names(), Texts{"weekly@" + kCurrentText});
+  RemoveOptions options;
+  options.even_pinned = true;
+  EXPECT_EQ(snapshots::remove({"weekly"}, options).code, Code::ok);
+  EXPECT_EQ(names(), Texts());
+}
+
+TEST_F(RemoveTest, ThePagesGoBackToTheFileSystem) {
+  for (const std::string name : {"first", "second", "last"}) {
+    put({name, kCurrent, 1, "1000", "NULL", "randomblob(5 << 20)"});
+  }
+  const std::string last = query("select hex(keybase) from Config where name = 'last'")[0][0];
+  EXPECT_EQ(snapshots::remove({"first"}).code, Code::ok);
+  EXPECT_LT(size(), (10 << 20) + (1 << 17));
+  EXPECT_EQ(query("pragma freelist_count"), Rows{{"0"}});
+  EXPECT_EQ(snapshots::remove({"second"}).code, Code::ok);
+  EXPECT_LT(size(), (5 << 20) + (1 << 17));
+  EXPECT_TRUE(query("select hex(keybase) from Config where name = 'last'")[0][0] == last);
+}
+
+TEST_F(RemoveTest, WhatEarlierDeletionsLeftGoesBackToo) {
+  put({"large", kCurrent, 1, "1000", "NULL", "zeroblob(9 << 20)"});
+  Database(database()).run("delete from Config where name = 'large'");
+  EXPECT_GT(size(), 9 << 20);
+  EXPECT_EQ(snapshots::remove({"weekly"}).code, Code::ok);
+  EXPECT_LT(size(), 1 << 17);
+}
+
+TEST_F(RemoveTest, AFileOfAnOldProgramKeepsItsSizeAndUsesThePagesAgain) {
+  make_storage("pragma auto_vacuum=none");
+  put({"first", kCurrent, 1, "1000", "NULL", "randomblob(1 << 20)"});
+  put({"weekly", kCurrent});
+  const long before = size();
+  EXPECT_EQ(snapshots::remove({"first"}).code, Code::ok);
+  EXPECT_EQ(names(), Texts{"weekly@" + kCurrentText});
+  put({"second", kCurrent, 1, "1000", "NULL", "randomblob(1 << 20)"});
+  EXPECT_EQ(size(), before);
+}
+
+TEST_F(RemoveTest, ALockEndsTheWait) {
+  {
+    const LockHolder holder(database(), 60000);
+    EXPECT_EQ(snapshots::remove({"weekly"}, impatient()).code, Code::busy);
+  }
+  {
+    const auto lock = Lock::take("saving", Deadline(milliseconds(0)));
+    ASSERT_TRUE(lock);
+    const Error error = snapshots::remove({"weekly"}, impatient());
+    EXPECT_EQ(error.code, Code::busy);
+    EXPECT_EQ(error.path, state_dir() + "/confsave.lock");
+  }
+  EXPECT_EQ(names(), Texts{"weekly@" + kCurrentText});
+  EXPECT_EQ(snapshots::remove({"weekly"}, impatient()).code, Code::ok);
+}
+
+TEST_F(RemoveTest, WhatIsNoStorageIsRefused) {
+  const Database storage(database());
+  storage.run("alter table Config rename to Stored");
+  storage.run("create view Config as select * from Stored");
+  EXPECT_EQ(snapshots::remove({"weekly"}).code, Code::no_storage);
+  EXPECT_EQ(query("select count(*) from Stored"), Rows{{"1"}});
+}
+
+TEST_F(RemoveTest, SeveralRowsOfOneIdAreNotDeleted) {
+  const Database storage(database());
+  storage.run("drop table Config");
+  storage.run("create table Config (id, name, version, keybase, etc, type, save_time, load_time)");
+  put({"weekly", kCurrent});
+  storage.run("update Config set id = 1");
+  storage.run("insert into Config select * from Config");
+  EXPECT_EQ(snapshots::remove({"weekly"}).code, Code::no_storage);
+  EXPECT_EQ(query("select count(*) from Config"), Rows{{"2"}});
+}
+
+TEST_F(RemoveTest, TriggersOfTheFileDoNotRun) {
+  keep_all_rows();
+  EXPECT_EQ(snapshots::remove({"weekly"}).code, Code::ok);
+  EXPECT_EQ(names(), Texts());
+}
+
+}  // namespace
