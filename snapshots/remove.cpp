@@ -98,6 +98,12 @@ void give_back_pages(Database& storage, Reserve& reserve) {
   }
 }
 
+/// What fails here leaves a note that belongs to no row.
+void forget_note(int64 id, const Deadline& deadline) {
+  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
+  if (notes && *notes) (*notes)->forget(id);
+}
+
 Error remove_row(const Id& id, const RemoveOptions& options) {
   const Deadline deadline(options.wait);
   const Result<Lock> lock = Lock::take("a deletion", deadline);
@@ -110,6 +116,7 @@ Error remove_row(const Id& id, const RemoveOptions& options) {
   if (Error error = storage.run("pragma synchronous=extra"); error.code != Code::ok) return error;
 
   Reserve reserve(storage);
+  int64 deleted = 0;
   Error error = reserve.run([&]() -> Error {
     if (Error failure = choose_overwriting(storage, reserve.is_needed()); failure.code != Code::ok) {
       return failure;
@@ -119,11 +126,13 @@ Error remove_row(const Id& id, const RemoveOptions& options) {
     if (!options.even_pinned) {
       if (Error pinned = check_pin(*row, deadline); pinned.code != Code::ok) return pinned;
     }
+    deleted = row->id;
     return delete_row(storage, *row);
   });
   if (error.code == Code::ok) give_back_pages(storage, reserve);
   reserve.take_back();
   Reserve::keep(storage.file());
+  if (error.code == Code::ok) forget_note(deleted, deadline);
   return error;
 }
 

@@ -86,6 +86,20 @@ TEST_F(RemoveTest, APinProtects) {
   EXPECT_EQ(names(), Texts());
 }
 
+TEST_F(RemoveTest, TheNoteIsDeletedToo) {
+  put({"daily", kCurrent});
+  EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
+  EXPECT_EQ(note({"daily"}, "y").code, Code::ok);
+  EXPECT_EQ(snapshots::remove({"weekly"}).code, Code::ok);
+  EXPECT_EQ(test::Database(notes_file()).query("select comment from note"), Rows{{"y"}});
+  // A note that stays belongs to no row.
+  const LockHolder holder(notes_file(), 60000);
+  RemoveOptions options = impatient();
+  options.even_pinned = true;
+  EXPECT_EQ(snapshots::remove({"daily"}, options).code, Code::ok);
+  EXPECT_EQ(names(), Texts());
+}
+
 TEST_F(RemoveTest, NotesThatCannotBeReadMayHoldAPin) {
   write_file(notes_file(), std::string(5000, 'x'));
   EXPECT_EQ(snapshots::remove({"weekly"}).code, Code::no_storage);
