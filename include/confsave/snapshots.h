@@ -245,4 +245,31 @@ struct RemoveOptions {
 /// notes. Qualify the call: the C library has a `remove` too, which deletes a file.
 CONFSAVE_API Error remove(const Id& id, const RemoveOptions& options = {});
 
+/// Something that a person should look at.
+struct Attention {
+  std::string code;  ///< leftovers, failover-missing, readable, stale, space
+  std::string text;  ///< one sentence, with the path that it is about
+};
+
+/// A newest snapshot, or autosave, that is older is stale.
+constexpr std::chrono::hours kStaleAfter{31 * 24};
+/// Less room than this, or than three times the largest snapshot, needs attention.
+constexpr int64 kLeastRoom = int64{4} << 20;
+
+/// The state of the storage, and of what is around it.
+struct Status {
+  std::vector<Attention> attention;
+  int64 snapshots = 0;
+  int64 newest = 0;           ///< save time; 0 without a snapshot
+  int64 newest_autosave = 0;  ///< save time; 0 without an autosave
+  int64 storage_bytes = 0;    ///< of "storage.db"
+  int64 free_bytes = 0;       ///< in the state directory, for its owner
+};
+
+/// What needs attention: files that killed processes have left (unless one holds the lock of the floor:
+/// they may be its own), each failover file that is missing, the storage, its notes, their directory and
+/// the temporary directory if other users can read or write them, a newest snapshot or autosave that is
+/// stale, and little room. Changes nothing.
+CONFSAVE_API Result<Status> status(const ReadOptions& options = {});
+
 }  // namespace ConfSave::snapshots

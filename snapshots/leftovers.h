@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace ConfSave::snapshots {
+
+/// What killed processes have left: scratch directories in the two destinations, and temporary archives.
+/// Empty while a process holds the lock of the floor: they may be its own.
+///
+/// mkdtemp and mkstemp make names of six letters and digits. Of these, only what has the mode that our code
+/// gives it and belongs to this user or root counts, and no word of small letters, which a person may have
+/// chosen.
+std::vector<std::string> leftovers();
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,128 @@
+// status: what needs attention. Writes nothing.
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "contents.h"
+#include "places.h"
+#include "snapshots/archive_path.h"
+#include "snapshots/boundary.h"
+#include "snapshots/leftovers.h"
+#include "snapshots/system_error.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+constexpr int64 kDay = 86400;
+
+/// "autosave-YYYY-MM-DD-HH-MM-SS", with or without "-N" behind it.
+bool is_autosave(const std::string& name) {
+  const std::string form = "autosave-0000-00-00-00-00-00";
+  std::string digits = name;
+  const auto is_digit = [](char letter) { return letter >= '0' && letter <= '9'; };
+  std::replace_if(digits.begin(), digits.end(), is_digit, '0');
+  if (digits.compare(0, form.size(), form) != 0) return false;
+  const std::string rest = digits.substr(form.size());
+  return rest.empty() ||
+         (rest.size() > 1 && rest[0] == '-' && rest.find_first_not_of('0', 1) == std::string::npos);
+}
+
+std::string quoted(const std::string& path) { return "'" + printable(path) + "'"; }
+
+void check_age(const std::string& what, int64 newest, Status& status) {
+  const int64 age = static_cast<int64>(std::time(nullptr)) - newest;
+  if (age <= std::chrono::seconds(kStaleAfter).count()) return;
+  status.attention.push_back(
+      {"stale", "the newest " + what + " is " + std::to_string(age / kDay) + " days old"});
+}
+
+/// Counts the rows, and how much room the largest takes.
+int64 look_at_rows(const Snapshots& rows, Status& status) {
+  int64 largest = 0;
+  for (const Snapshot& row : rows) {
+    largest = std::max(largest, row.keybase_size + row.etc_size);
+    status.newest = std::max(status.newest, row.config.save_time);
+    if (is_autosave(row.config.name)) {
+      status.newest_autosave = std::max(status.newest_autosave, row.config.save_time);
+    }
+  }
+  status.snapshots = static_cast<int64>(rows.size());
+  if (rows.empty()) {
+    status.attention.push_back({"stale", "there is no snapshot"});
+  } else {
+    check_age("snapshot", status.newest, status);
+  }
+  // A gateway without autosaves may have other habits.
+  if (status.newest_autosave != 0) check_age("autosave", status.newest_autosave, status);
+  return largest;
+}
+
+void look_for_leftovers(Status& status) {
+  for (const std::string& path : leftovers()) {
+    status.attention.push_back(
+        {"leftovers", quoted(path) + " is left from a process that was killed: remove it"});
+  }
+}
+
+void look_for_failover_files(Status& status) {
+  for (const ContentsEntry& entry : contents()) {
+    if (entry.base != Base::failover) continue;
+    const std::string path = kFailoverDirectory + entry.path;
+    struct stat found = {};
+    if (stat(path.c_str(), &found) == 0) continue;
+    status.attention.push_back({"failover-missing", quoted(path) + ": " + std::strerror(errno)});
+  }
+}
+
+void look_for_readers(Status& status) {
+  const std::string storage = storage_file();
+  for (const std::string& path : {state_directory(), storage, storage + "-journal",
+                                  state_directory() + "/notes.db", temporary_directory()}) {
+    struct stat found = {};
+    constexpr mode_t kOthers = S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
+    if (stat(path.c_str(), &found) != 0 || (found.st_mode & kOthers) == 0) continue;
+    status.attention.push_back(
+        {"readable", quoted(path) + " is open to other users: remove their rights by chmod go-rwx"});
+  }
+}
+
+Error look_at_space(int64 largest, Status& status) {
+  struct statvfs disk = {};
+  if (statvfs(state_directory().c_str(), &disk) != 0) return system_error(state_directory());
+  status.free_bytes = static_cast<int64>(disk.f_bavail * disk.f_frsize);
+  struct stat storage = {};
+  if (stat(storage_file().c_str(), &storage) == 0) status.storage_bytes = storage.st_size;
+  const int64 needed = std::max(kLeastRoom, 3 * largest);
+  if (status.free_bytes >= needed) return {};
+  status.attention.push_back({"space", quoted(state_directory()) + " has " +
+                                           std::to_string(status.free_bytes) + " bytes of room; " +
+                                           std::to_string(needed) + " are needed for the next saves"});
+  return {};
+}
+
+Result<Status> look(const ReadOptions& options) {
+  Query query;
+  query.wait = options.wait;
+  const Result<Snapshots> rows = list(query);
+  if (!rows) return rows.error();
+  Status status;
+  look_for_leftovers(status);
+  look_for_failover_files(status);
+  look_for_readers(status);
+  const int64 largest = look_at_rows(*rows, status);
+  if (Error error = look_at_space(largest, status); error.code != Code::ok) return error;
+  return status;
+}
+
+}  // namespace
+
+Result<Status> status(const ReadOptions& options) {
+  return at_boundary([&] { return look(options); });
+}
+
+}  // namespace ConfSave::snapshots
