@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "contents.h"
@@ -35,6 +36,7 @@ class MemberCollector {
 
   /// What was collected. Of entries with the same path the last one counts.
   const std::map<std::string, Member>& members() const { return members_; }
+  std::map<std::string, Member> take() { return std::move(members_); }
 
  private:
   void begin(const Entry& entry);

@@ -21,11 +21,13 @@ namespace {
 
 constexpr int kAttempts = 3;
 constexpr std::size_t kPiece = 128 << 10;
+/// Nanoseconds. File systems store times in steps of up to two seconds.
+constexpr int64 kCoarsestTick = 2000000000;
 
-/// Times that do not fit, beyond the year 2262, are the last one that does.
+/// A time that does not fit, beyond the year 2262, counts as the last one that does.
 int64 nanoseconds(const timespec& time) {
   constexpr int64 kSecond = 1000000000;
-  constexpr int64 kLast = std::numeric_limits<int64>::max() / kSecond - 1;
+  constexpr int64 kLast = std::numeric_limits<int64>::max() / kSecond - 4;
   return std::clamp<int64>(time.tv_sec, -kLast, kLast) * kSecond + time.tv_nsec;
 }
 
@@ -45,11 +47,39 @@ bool is_same(const Stamp& a, const Stamp& b) {
          a.changed == b.changed;
 }
 
+/// What is known of files from a moment in the past.
+class Known {
+ public:
+  /// Nothing if `saved` is null.
+  Known(const Tree* saved, int64 moment)
+      : saved_(saved != nullptr && saved->moment <= moment ? saved : nullptr) {}
+
+  /// The digest of the file at `path` if it is the one that it was, unchanged; else null.
+  const Digest* digest_of(const std::string& path, const Stamp& stamp) const {
+    if (saved_ == nullptr) return nullptr;
+    const auto found = saved_->members.find(path);
+    if (found == saved_->members.end()) return nullptr;
+    const LiveMember& before = found->second;
+    const bool is_file = before.member.kind == Kind::file || before.member.kind == Kind::hardlink;
+    const bool is_old = std::max(stamp.modified, stamp.changed) + kCoarsestTick < saved_->moment;
+    return is_file && is_old && is_same(before.stamp, stamp) ? &before.member.sha256 : nullptr;
+  }
+
+ private:
+  const Tree* saved_;
+};
+
 /// Reads what belongs to one of the two directories.
 class TreeReading {
  public:
-  TreeReading(Base base, const Limits& limits, std::map<std::string, LiveMember>& members)
-      : base_(directory_of(base)), secrets_(base), limits_(limits), members_(members), buffer_(kPiece) {}
+  TreeReading(Base base, const Limits& limits, const Known& known,
+              std::map<std::string, LiveMember>& members)
+      : base_(directory_of(base)),
+        secrets_(base),
+        limits_(limits),
+        known_(known),
+        members_(members),
+        buffer_(kPiece) {}
 
   Error run(const std::vector<std::string>& paths) {
     root_ = Descriptor(open(base_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -160,7 +190,7 @@ class TreeReading {
     }
     switch (status.st_mode & S_IFMT) {
       case S_IFREG:
-        return add_file(directory, path, name);
+        return add_known(path, status) ? Error{} : add_file(directory, path, name);
       case S_IFLNK:
         return add_link(directory, path, name, status);
       case S_IFDIR:
@@ -198,6 +228,16 @@ class TreeReading {
     member.time = status.st_mtim.tv_sec;
     member.secret = secrets_.contains(path);
     return member;
+  }
+
+  bool add_known(const std::string& path, const struct stat& status) {
+    const Digest* digest = known_.digest_of(base_ + path, stamp_of(status));
+    if (digest == nullptr) return false;
+    Member member = describe(path, Kind::file, status);
+    member.size = status.st_size;
+    member.sha256 = *digest;
+    keep(member, status);
+    return true;
   }
 
   void keep(const Member& member, const struct stat& status) {
@@ -257,6 +297,7 @@ class TreeReading {
   std::string base_;
   Secrets secrets_;
   const Limits& limits_;
+  const Known& known_;
   std::map<std::string, LiveMember>& members_;
   Descriptor root_;
   Sha256 sha256_;
@@ -279,17 +320,24 @@ std::vector<std::string> paths_of(Base base, conftype type, bool with_database) 
   return paths;
 }
 
-}  // namespace
-
-Result<Tree> read_tree(conftype type, const Limits& limits) {
+Result<Tree> read(conftype type, const Limits& limits, const Tree* saved) {
   Tree tree{now(), {}};
+  const Known known(saved, tree.moment);
   const bool with_database = has_database();
   for (const Base base : {Base::configuration, Base::failover}) {
-    TreeReading reading(base, limits, tree.members);
+    TreeReading reading(base, limits, known, tree.members);
     if (Error error = reading.run(paths_of(base, type, with_database)); error.code != Code::ok)
       return error;
   }
   return tree;
+}
+
+}  // namespace
+
+Result<Tree> read_tree(conftype type, const Limits& limits) { return read(type, limits, nullptr); }
+
+Result<Tree> read_tree_since(const Tree& saved, conftype type, const Limits& limits) {
+  return read(type, limits, &saved);
 }
 
 }  // namespace ConfSave::snapshots

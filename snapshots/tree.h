@@ -35,4 +35,9 @@ struct Tree {
 /// configuration database counts only if it is whole, as it is packed only then.
 Result<Tree> read_tree(conftype type, const Limits& limits = {});
 
+/// The same. A file that provably did not change since `saved` was read is not read: it has the digest that
+/// it had then. A stamp proves that unless its times are so close to the moment of `saved` that a change
+/// right after it could have left the same times, or the clock went back since.
+Result<Tree> read_tree_since(const Tree& saved, conftype type, const Limits& limits = {});
+
 }  // namespace ConfSave::snapshots

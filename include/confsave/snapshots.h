@@ -214,7 +214,8 @@ CONFSAVE_API Error read_file(const Id& id, const std::string& path, const Sink& 
                              const ReadOptions& options = {});
 
 /// What differs, in the order of paths. A hard link counts as the file that it is. Against the live
-/// configuration, the files are those that belong to the type of the snapshot.
+/// configuration, the files are those that belong to the type of the snapshot; with the manifest of the
+/// snapshot neither its archives are read, nor files that provably did not change since it was saved.
 CONFSAVE_API Result<Differences> compare(const Id& older, Live newer, const ReadOptions& options = {});
 CONFSAVE_API Result<Differences> compare(const Id& older, const Id& newer, const ReadOptions& options = {});
 

@@ -1,0 +1,93 @@
+#include "snapshots/row_reader.h"
+
+#include <utility>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/member_collector.h"
+
+namespace ConfSave::snapshots {
+
+std::vector<Column> columns_of(conftype type) {
+  if (type == conf_corlu) return {{"keybase", Base::configuration}};
+  return {{"keybase", Base::configuration}, {"etc", Base::failover}};
+}
+
+Error not_found(const std::string& name) {
+  return {Code::not_found, 0, "", "there is no snapshot '" + printable(name) + "'"};
+}
+
+namespace {
+
+Error find_rowid(OpenRow& row) {
+  Result<Statement> statement =
+      row.reader.database().prepare("select rowid from Config where id = ? and name = ? and version = ?");
+  if (!statement) return statement.error();
+  statement->bind(row.snapshot.id).bind(row.snapshot.config.name).bind(row.snapshot.config.vers);
+  const int code = statement->step();
+  if (code == SQLITE_DONE) return not_found(row.snapshot.config.name);
+  if (code != SQLITE_ROW) return row.reader.database().error();
+  row.rowid = statement->number(0);
+  return {};
+}
+
+}  // namespace
+
+Result<OpenRow> open_row(const Id& id, const Deadline& deadline) {
+  Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
+  if (!reader) return reader.error();
+  if (!*reader) return not_found(id.name);
+  OpenRow row{std::move(**reader), {}, 0};
+  if (Error error = row.reader.begin(); error.code != Code::ok) return error;
+  Query query;
+  query.pattern = literally(id.name);
+  query.version = id.version;
+  query.corlu_config = true;
+  bool found = false;
+  Error error = row.reader.for_each(query, [&](Snapshot snapshot) {
+    // SQLite's glob ends at a NUL byte.
+    if (snapshot.config.name != id.name) return Error{};
+    row.snapshot = std::move(snapshot);
+    found = true;
+    return Error{};
+  });
+  if (error.code != Code::ok) return error;
+  if (!found) return not_found(id.name);
+  if (error = find_rowid(row); error.code != Code::ok) return error;
+  return row;
+}
+
+Error check_type(OpenRow& row, const char* name, const std::string& type) {
+  Result<Statement> statement =
+      row.reader.database().prepare("select typeof(" + std::string(name) + ") from Config where rowid = ?");
+  if (!statement) return statement.error();
+  statement->bind(row.rowid);
+  if (statement->step() != SQLITE_ROW) return row.reader.database().error();
+  const std::string actual = statement->text(0);
+  if (actual == type) return {};
+  return {Code::damaged, 0, name, "the column holds a value of type " + actual + ", not " + type};
+}
+
+Error read_column(OpenRow& row, const Column& column, const EntryHandler& handler) {
+  if (Error error = check_type(row, column.name, "blob"); error.code != Code::ok) return error;
+  Result<std::unique_ptr<BlobSource>> blob =
+      BlobSource::open(row.reader.database(), column.name, row.rowid);
+  if (!blob) return blob.error();
+  Error error = read_archive(**blob, Limits{}, handler);
+  if (error.path.empty()) error.path = column.name;
+  return error;
+}
+
+Result<std::map<std::string, Member>> read_contents(OpenRow& row) {
+  std::map<std::string, Member> members;
+  for (const Column& column : columns_of(row.snapshot.config.type)) {
+    MemberCollector collector(column.base);
+    Error error = read_column(row, column, collector.handler());
+    if (error.code != Code::ok) return error;
+    std::map<std::string, Member> later = collector.take();
+    later.merge(members);
+    members.swap(later);
+  }
+  return members;
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "contents.h"
+#include "snapshots/archive_reader.h"
+#include "snapshots/deadline.h"
+#include "snapshots/storage_reader.h"
+
+namespace ConfSave::snapshots {
+
+/// One of the two archives of a row.
+struct Column {
+  const char* name;
+  Base base;
+};
+
+std::vector<Column> columns_of(conftype type);
+
+Error not_found(const std::string& name);
+
+/// The row that an Id names and the connection that found it, in one read transaction, so that its archives
+/// are of the same moment.
+struct OpenRow {
+  StorageReader reader;
+  Snapshot snapshot;
+  int64 rowid = 0;  ///< what SQLite opens archives by; in a foreign table not the column "id"
+};
+
+Result<OpenRow> open_row(const Id& id, const Deadline& deadline);
+
+/// Code::damaged unless column `name` holds a value of `type`.
+Error check_type(OpenRow& row, const char* name, const std::string& type);
+
+/// Reads one of the archives to its end.
+Error read_column(OpenRow& row, const Column& column, const EntryHandler& handler);
+
+/// The members of both archives by path.
+Result<std::map<std::string, Member>> read_contents(OpenRow& row);
+
+}  // namespace ConfSave::snapshots
