@@ -80,20 +80,6 @@ TEST_F(AppLoad, SavesFirstByDefault) {
   EXPECT_EQ(gateway(), before);
 }
 
-TEST_F(AppLoad, YOverwritesATakenName) {
-  put_snapshot();
-  put_before();
-  EXPECT_EQ(load("\nbefore\ny\n"),
-            "Save current configuration [Y/n]? ‹›\n"
-            "Name for the current configuration: ‹before›\n"
-            "Config 'before' exists. Overwrite? ‹y›\n"
-            "Kelmor configuration saved.\n"
-            "Loading configuration 'weekly'.\n");
-  EXPECT_EQ(statements(), (Texts{kInsertBefore, delete_of("before", "0"), kInsertBefore,
-                                 select_of("weekly", "0"), stamp_of("1")}));
-  EXPECT_EQ(rows(), (Rows{kLoaded, saved("3", "before")}));
-}
-
 /// A dialogue beside the rows "weekly" and "before", and the rows afterwards.
 struct Exchange {
   std::string name;
@@ -196,6 +182,8 @@ TEST_F(AppLoad, OtherNamesAndVersionsStayUnchanged) {
   put({"before", 0});
   put({"Before", 0});
   EXPECT_EQ(load(kOverBefore), kOverwriteBefore + kSavedCurrent + kLoadWeekly);
+  EXPECT_EQ(statements(), (Texts{kInsertBefore, delete_of("before", "0"), kInsertBefore,
+                                 select_of("weekly", "0"), stamp_of("2")}));
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", kCurrentText, "1", "1000", "NULL"},
                           {"2", "weekly", "0", "1", "1000", "<now>"},
                           {"3", "before", kCurrentText, "1", "1000", "NULL"},
@@ -225,18 +213,9 @@ TEST_F(AppLoadFailure, OfTheRestoreIsPrinted) {
   };
   put({"row", 0, 1, "1000", "NULL", "NULL"});
   put({"archive", 0});
-  put_snapshot("whole");
   EXPECT_EQ(loading("row"), "Unknown error: 0.\n");
   EXPECT_EQ(loading("archive"), "External command failed\n");
   EXPECT_EQ(rows()[1], (Texts{"2", "archive", "0", "1", "1000", "<now>"}));
-  std::filesystem::remove(config_dir() + "user/config.db");
-  std::filesystem::create_directory(config_dir() + "user/config.db");
-  EXPECT_EQ(loading("whole"), "External command failed\n");
-  EXPECT_EQ(commands(), Texts());
-  std::filesystem::remove_all(config_dir());
-  EXPECT_EQ(loading("whole"), "Unknown error: 3.\n");
-  setenv("KELMOR_TEMP_DIR", (root() + "/missing").c_str(), 1);
-  EXPECT_EQ(loading("whole"), "Unknown error: 17.\n");
 }
 
 TEST_F(AppLoadFailure, UnopenableStorageCountsAsSavedAndIsPrintedAsAnUnknownError) {

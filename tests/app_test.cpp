@@ -129,13 +129,6 @@ TEST_F(AppDel, UnopenableStorageIsSilent) {
   EXPECT_EQ(records(), LogRecords{kCannotOpen});
 }
 
-TEST_F(AppDel, WaitsForAnotherProcess) {
-  put({"weekly", 0});
-  const LockHolder other(database(), 300);
-  App::del("weekly");
-  EXPECT_EQ(rows(), Rows());
-}
-
 TEST_F(AppDel, XNotFoundIsPrinted) {
   put({"weekly", 0});
   for (const Thrown& row : every_exception()) {

@@ -46,12 +46,10 @@ const std::vector<NamedTime> kTimes{
 TEST(AutosaveName, IsTheLocalDateAndTime) {
   const GroupedDigits grouped;
   for (const NamedTime& row : kTimes) {
-    setenv("TZ", row.zone, 1);
-    tzset();
+    set_zone(row.zone);
     EXPECT_EQ(autosave_name(row.time), row.name) << row.zone << " " << row.time;
   }
-  setenv("TZ", "UTC", 1);
-  tzset();
+  set_zone("UTC");
 }
 
 bool is_old(int64 saved, int64 now, const std::string& name = "autosave-1") {
@@ -145,20 +143,6 @@ TEST_F(OldCheck, FindsNothingInAnUnreadableTable) {
   EXPECT_FALSE(check_old());
   EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade,
                                    says(kList, 2, refusal("no such column: name", kSelectAll, 1), {4})}));
-}
-
-TEST_F(OldCheck, ExceptionIsLoggedFromLevel1) {
-  make_table();
-  for (const int level : {0, 1}) {
-    // The record of List() at level 2 throws, and lowers the level before the exception is caught.
-    host.log_level = 2;
-    fail_in_log("List", [&] {
-      host.log_level = level;
-      throw 7;
-    });
-    EXPECT_FALSE(check_old());
-    EXPECT_EQ(records(), (level == 0 ? LogRecords() : LogRecords{kUnknownException}));
-  }
 }
 
 struct OldCheckException : Autosaves, testing::WithParamInterface<Thrown> {};

@@ -130,21 +130,6 @@ TEST_F(Cleaning, FailureOfEachDeletionIsLoggedAndTheLoopGoesOn) {
   EXPECT_EQ(names(), Texts());
 }
 
-TEST_F(Cleaning, LogsOnlyFailuresAndOnlyFromLevel1) {
-  for (const int level : {0, 1, 3}) {
-    host.log_level = level;
-    host.on_system_log = nullptr;
-    put_names({"autosave-1"});
-    clean(1);
-    EXPECT_EQ(records(), LogRecords());
-    EXPECT_EQ(system_log(), (SystemLog{deleted("autosave-1")}));
-    put_names({"autosave-1"});
-    host.on_system_log = throwing(7);
-    clean(1);
-    EXPECT_EQ(records(), (level == 0 ? LogRecords() : LogRecords{undeleted("autosave-1")}));
-  }
-}
-
 TEST_F(Cleaning, ExceptionOfADeleteIsLoggedAndTheLoopGoesOn) {
   for (const Thrown& row : every_exception()) {
     std::filesystem::remove(database());

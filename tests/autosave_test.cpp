@@ -2,8 +2,6 @@
 
 #include "autosave.h"
 
-#include <regex>
-
 #include "support/autosaves.h"
 #include "support/grouped_digits.h"
 
@@ -80,13 +78,10 @@ TEST_F(Autosaving, TypeSelectsTheContents) {
 TEST_F(Autosaving, NameIsTheTimeBeforeTheOpening) {
   pack_nothing();
   host.on_record = [](const std::string& function) {
-    if (function != "Storage") return;
-    setenv("TZ", "XYZ-5", 1);
-    tzset();
+    if (function == "Storage") set_zone("XYZ-5");
   };
   autosave(5);
-  setenv("TZ", "UTC", 1);
-  tzset();
+  set_zone("UTC");
   EXPECT_EQ(names(), Texts{"autosave-<now>"});
 }
 
@@ -157,17 +152,6 @@ TEST_F(Autosaving, NumbersEndBelowTheLimit) {
   EXPECT_EQ(names(), all);
 }
 
-TEST_F(Autosaving, LastNumberIsOneLessThanTheLimit) {
-  pack_nothing();
-  in_one_second(
-      [this](std::time_t, const std::string& name) {
-        put_names({name, name + "-0", name + "-1"});
-        keep_all_rows();
-      },
-      [] { AutoSave("", conf_full, 3); });
-  EXPECT_EQ(names().back(), "autosave-<now>-2");
-}
-
 TEST_F(Autosaving, NumbersHaveNoDigitGroups) {
   pack_nothing();
   const GroupedDigits grouped;
@@ -208,10 +192,6 @@ TEST_F(AutosavingFailure, OfTarPropagatesAfterTheSurplusIsDeleted) {
 
 TEST_F(AutosavingFailure, OfReadingTheTableIsSilentAndStoresNothing) {
   make_foreign_table();
-  host.log_level = 1;
-  autosave(2);
-  EXPECT_EQ(records(), LogRecords());
-  host.log_level = 4;
   autosave(2);
   const auto unread = [](const std::string& name) {
     return says(kExists, 2, refusal("no such column: name", count_of(name), 1), {4});
@@ -223,14 +203,6 @@ TEST_F(AutosavingFailure, OfReadingTheTableIsSilentAndStoresNothing) {
                         unread("autosave-<now>-0"), unread("autosave-<now>-1")}));
   EXPECT_EQ(commands(), Texts());
   EXPECT_EQ(system_log(), SystemLog());
-}
-
-TEST_F(AutosavingFailure, OfADamagedStorageIsSilentAndStoresNothing) {
-  damage_database();
-  host.log_level = 1;
-  autosave(2);
-  EXPECT_EQ(records(), LogRecords());
-  EXPECT_EQ(commands(), Texts());
 }
 
 TEST_F(AutosavingFailure, OfTheOpeningIsLoggedAsASuccess) {

@@ -1,14 +1,9 @@
-#include "confsave.h"
-
-#include <gtest/gtest.h>
+#include "integers.h"
 
 #include <cstdint>
-#include <cstdlib>
-#include <ctime>
 #include <sstream>
-#include <type_traits>
 
-#include "integers.h"
+#include "support/gateway.h"
 #include "support/grouped_digits.h"
 
 namespace {
@@ -22,23 +17,8 @@ std::string shown(const Value& value) {
   return out.str();
 }
 
-/// Sets the time zone while it lives.
-class Zone {
- public:
-  explicit Zone(const char* name) {
-    setenv("TZ", name, 1);
-    tzset();
-  }
-  Zone(const Zone&) = delete;
-  Zone& operator=(const Zone&) = delete;
-  ~Zone() {
-    unsetenv("TZ");
-    tzset();
-  }
-};
-
 std::string line(int64 version, conftype type, int64 load_time = 0) {
-  const Zone utc("UTC");
+  test::set_zone("UTC");
   Config config(version);
   config.name = "weekly";
   config.type = type;
@@ -117,7 +97,7 @@ TEST(LowAndHighHalves, AreSignedForAnyValue) {
 }
 
 TEST(TimeText, IsLocalTime) {
-  const Zone east("XXX-3");
+  test::set_zone("XXX-3");
   EXPECT_EQ(time_format(1488377100), "01.03.2017 at 17:05");
   EXPECT_EQ(time_format(-1), "01.01.1970 at 02:59");
   EXPECT_EQ(time_format(253402300800), "01.01.10000 at 03:00");

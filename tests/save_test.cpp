@@ -81,6 +81,7 @@ TEST_F(SaveName, HasOnlyValidCharacters) {
 using SaveNew = SaveTest;
 
 TEST_F(SaveNew, WithoutAVersionTakesTheRunningVersionSilently) {
+  host.log_level = 2;
   EXPECT_EQ(save(), Outcome("", true));
   EXPECT_EQ(statements(),
             (kNewTable + Texts{"select count(*) from 'Config' where name='weekly' and version=0",
@@ -91,7 +92,7 @@ TEST_F(SaveNew, WithoutAVersionTakesTheRunningVersionSilently) {
                                "('weekly',?,?,17264017408,<now>,1)",
                                "commit"}));
   EXPECT_EQ(rows(), (Rows{{"1", "weekly", kCurrentText, "1", "<now>", "NULL"}}));
-  EXPECT_EQ(host.records_up_to(2),
+  EXPECT_EQ(host.records,
             LogRecords{says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017408)", {8})});
 }
 
@@ -106,6 +107,7 @@ TEST_F(SaveNew, VersionIsStored) {
 using SaveOver = SaveTest;
 
 TEST_F(SaveOver, RunningVersionIsAskedAboutAndUpdated) {
+  host.log_level = 2;
   put({"weekly", kCurrent});
   EXPECT_EQ(save("yes\n"), Outcome("Config with name 'weekly' (version 4.5.4) already exists!\n"
                                    "Overwrite it? [Yes/No] ‹yes›\n"
@@ -114,7 +116,7 @@ TEST_F(SaveOver, RunningVersionIsAskedAboutAndUpdated) {
   EXPECT_EQ(statements(), (Texts{kCount0, kCount, kBegin, kDeleteCurrent, kInsert, "commit"}));
   EXPECT_EQ(rows(), new_row);
   EXPECT_EQ(
-      host.records_up_to(2),
+      host.records,
       LogRecords{says(kUpdate, 2, "Try to update configuration 'weekly' (version 17264017408)", {8})});
 }
 
@@ -128,6 +130,7 @@ TEST_F(SaveOver, GivenVersionIsAskedAboutAndUpdated) {
 }
 
 TEST_F(SaveOver, RowWithoutAVersionIsReplacedByTheRunningVersion) {
+  host.log_level = 2;
   put({"weekly", 0});
   EXPECT_EQ(save("y\n"), Outcome("Config with name 'weekly' already exists!\n"
                                  "Overwrite it? [Yes/No] ‹y›\n"
@@ -135,7 +138,7 @@ TEST_F(SaveOver, RowWithoutAVersionIsReplacedByTheRunningVersion) {
                                  true));
   EXPECT_EQ(statements(), (Texts{kCount0, kBegin, kDelete0, kInsert, "commit"}));
   EXPECT_EQ(rows(), new_row);
-  EXPECT_EQ(host.records_up_to(2),
+  EXPECT_EQ(host.records,
             LogRecords{says(kCreate, 2, "Try to save configuration 'weekly' (version 17264017408)", {8})});
 }
 

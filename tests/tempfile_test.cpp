@@ -139,12 +139,8 @@ TEST_F(TempFileTest, MissingFileIsLoggedAndForgotten) {
   std::filesystem::remove(name);
   file.remove();
   EXPECT_EQ(host.records,
-            (LogRecords{{1,
-                         "void ConfSave::TempFile::remove()",
-                         "remove",
-                         "source/tempfile",
-                         name + ": failed to remove temporary file: No such file or directory",
-                         {}}}));
+            LogRecords{says({"void ConfSave::TempFile::remove()", "remove", "source/tempfile"}, 1,
+                            name + ": failed to remove temporary file: No such file or directory")});
   EXPECT_EQ(file.name(), "");
   EXPECT_FALSE(file.is_open());
 }

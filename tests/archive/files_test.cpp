@@ -17,19 +17,6 @@ struct FileTest : Gateway {
   void touch(const Texts& names) const {
     for (const std::string& name : names) write_file(user(name), name);
   }
-
-  /// Checks what `call` throws and that it logs `record`, except at level 0.
-  void expect_failure(const std::string& expected, const LogRecord& record,
-                      const std::function<void()>& call) {
-    host.records.clear();
-    EXPECT_EQ(thrown(call), expected);
-    EXPECT_EQ(host.records, LogRecords{record});
-    host.records.clear();
-    host.log_level = 0;
-    EXPECT_EQ(thrown(call), expected);
-    EXPECT_EQ(host.records, LogRecords());
-    host.log_level = 4;
-  }
 };
 
 TEST_F(FileTest, FileAndADirectoryExistUntilTheyAreRemoved) {
@@ -46,9 +33,9 @@ TEST_F(FileTest, FileAndADirectoryExistUntilTheyAreRemoved) {
 
 TEST_F(FileTest, FailedAccessIsStatus19) {
   touch({"a"});
-  expect_failure("ConfSave::XExternalFailure 19: ",
-                 says(kIsFileExist, 1, "access() for '" + user("a/b") + "' failed (code 20)", {4}),
-                 [this] { IsFileExist(user("a/b").c_str()); });
+  EXPECT_EQ(thrown([this] { IsFileExist(user("a/b").c_str()); }), "ConfSave::XExternalFailure 19: ");
+  EXPECT_EQ(host.records,
+            LogRecords{says(kIsFileExist, 1, "access() for '" + user("a/b") + "' failed (code 20)", {4})});
 }
 
 using ConfigDb = FileTest;
@@ -91,10 +78,10 @@ TEST_F(ConfigDb, IsRemovedBehindALinkInThePlaceOfUser) {
 TEST_F(ConfigDb, FirstFailureStopsTheRemoval) {
   touch({"config.db-journal", "config.idx"});
   fs::create_directory(user("config.db"));
-  expect_failure(
-      "ConfSave::XExternalFailure 43: ",
-      says(kRemoveFileIfExists, 1, "unlink() for '" + user("config.db") + "' failed (code 21)", {4}),
-      [this] { RemoveConfigDb(config_dir().c_str()); });
+  EXPECT_EQ(thrown([this] { RemoveConfigDb(config_dir().c_str()); }), "ConfSave::XExternalFailure 43: ");
+  EXPECT_EQ(host.records,
+            LogRecords{says(kRemoveFileIfExists, 1,
+                            "unlink() for '" + user("config.db") + "' failed (code 21)", {4})});
   EXPECT_EQ(names_in(user("")), (Texts{"config.db", "config.idx"}));
 }
 

@@ -49,19 +49,13 @@ struct LogSink : testing::Test {
 
 TEST_F(LogSink, LevelIsADigitOfTheEnvironmentAndOtherwise1) {
   EXPECT_EQ(level(), 1);
-  for (const auto& [value, expected] : {std::pair("0", 0),
-                                        {"1", 1},
-                                        {"2", 2},
-                                        {"3", 3},
-                                        {"4", 4},
-                                        {"", 1},
-                                        {"5", 1},
-                                        {"-1", 1},
-                                        {"x", 1},
-                                        {"22", 1},
-                                        {"1 ", 1}}) {
+  for (int digit = 0; digit <= 4; ++digit) {
+    setenv("KELMOR_LOG_LEVEL", std::to_string(digit).c_str(), 1);
+    EXPECT_EQ(level(), digit);
+  }
+  for (const char* value : {"", "5", "-1", "x", "22", "1 "}) {
     setenv("KELMOR_LOG_LEVEL", value, 1);
-    EXPECT_EQ(level(), expected) << value;
+    EXPECT_EQ(level(), 1) << value;
   }
 }
 

@@ -258,15 +258,6 @@ INSTANTIATE_TEST_SUITE_P(Each, StorageWriteRefused,
                            return std::get<0>(test.param).name + std::get<1>(test.param).name;
                          });
 
-TEST_P(StorageWrite, TableOfAnotherShapeGetsNoRow) {
-  rearrange(
-      "drop table Config; create table Config (name text, version integer); "
-      "insert into Config values ('weekly', 17264017408), ('daily', 0)");
-  write();
-  EXPECT_EQ(query("select name from Config"),
-            creates() ? (Rows{{"weekly"}, {"daily"}}) : (Rows{{"daily"}}));
-}
-
 TEST_P(StorageWrite, ArchiveThatSqliteRefusesBecomesNull) {
   sqlite3_limit(connection, SQLITE_LIMIT_LENGTH, 10000);
   int total = 0;

@@ -73,12 +73,6 @@ TEST_F(StorageLoad, CorluConfigurationIsFoundUnlessSkipped) {
   EXPECT_EQ(stamps(), kStamped);
 }
 
-TEST_F(StorageLoad, NameIsInsertedUnchanged) {
-  put(named("o''hare", row(1)));
-  storage->Load("o''hare", nullptr, kCurrent, true);
-  EXPECT_EQ(stamps(), kStamped);
-}
-
 TEST_F(StorageLoad, FailedFirstStepCountsAsNotFound) {
   put(row(1));
   sqlite3_limit(connection, SQLITE_LIMIT_LENGTH, 200);  // Smaller than the row.
@@ -111,10 +105,6 @@ TEST_P(StorageLoadBroken, IsRejectedAndNotStamped) {
   expect_rejected(broken(column, type, expected));
   EXPECT_EQ(statements(), Texts{kSelectStored});
   EXPECT_EQ(records(), LogRecords{kLoadBegins});
-  host.records.clear();
-  host.log_level = 0;
-  expect_rejected(broken(column, type, expected));
-  EXPECT_EQ(records(), LogRecords());
 }
 
 const Broken kBroken[] = {{"keybase", "NULL", 5, 4}, {"keybase", "'text'", 3, 4}, {"keybase", "2.5", 2, 4},

@@ -95,14 +95,6 @@ struct StorageLoad : OpenedStorage {
     EXPECT_EQ(query("select * from Config where load_time is not null"), Rows());
   }
 
-  /// Loads, which must fail after it stamped the row and ran these commands.
-  void expect_failure_after_the_stamp(const std::string& expected, const Texts& run) {
-    EXPECT_EQ(thrown([this] { load(); }), expected);
-    EXPECT_EQ(commands(), run);
-    EXPECT_EQ(stamps(), kStamped);
-    EXPECT_EQ(temp_files(), Texts());
-  }
-
   Files config_files;
   Files etc_files;
   Bytes keybase;

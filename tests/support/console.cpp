@@ -5,75 +5,55 @@
 namespace test {
 
 struct Console::State {
-  /// Holds output back until it is flushed.
-  class Output : public std::streambuf {
-   public:
-    explicit Output(State& state) : state_(state) {}
-    const std::string& pending() const { return pending_; }
+  struct Stream : std::streambuf {
+    explicit Stream(State& owner) : state(owner) {}
+    State& state;
+  };
 
-   protected:
+  /// Holds output back until it is flushed.
+  struct Output : Stream {
+    using Stream::Stream;
     int_type overflow(int_type letter) override {
-      if (!traits_type::eq_int_type(letter, traits_type::eof())) {
-        pending_ += traits_type::to_char_type(letter);
-      }
-      return traits_type::not_eof(letter);
+      pending += traits_type::to_char_type(letter);
+      return letter;
     }
     int sync() override {
-      state_.transcript += pending_;
-      pending_.clear();
+      state.transcript += std::exchange(pending, "");
       return 0;
     }
-
-   private:
-    State& state_;
-    std::string pending_;
+    std::string pending;
   };
 
   /// Standard error is unbuffered.
-  class Errors : public std::streambuf {
-   public:
-    explicit Errors(State& state) : state_(state) {}
-
-   protected:
+  struct Errors : Stream {
+    using Stream::Stream;
     int_type overflow(int_type letter) override {
-      if (!traits_type::eq_int_type(letter, traits_type::eof())) {
-        const char one = traits_type::to_char_type(letter);
-        xsputn(&one, 1);
-      }
-      return traits_type::not_eof(letter);
+      state.transcript += std::string("«") + traits_type::to_char_type(letter) + "»";
+      return letter;
     }
     std::streamsize xsputn(const char* text, std::streamsize length) override {
-      state_.transcript += "«" + std::string(text, static_cast<std::size_t>(length)) + "»";
+      state.transcript += "«" + std::string(text, static_cast<std::size_t>(length)) + "»";
       return length;
     }
-
-   private:
-    State& state_;
   };
 
   /// Delivers one line at a time, as a terminal does.
-  class Input : public std::streambuf {
-   public:
-    explicit Input(State& state) : state_(state) {}
-
-   protected:
+  struct Input : Stream {
+    using Stream::Stream;
     int_type underflow() override {
-      if (state_.look) state_.look();
-      if (state_.input.empty()) {
-        state_.transcript += "‹EOF›";
+      if (state.look) state.look();
+      if (state.input.empty()) {
+        state.transcript += "‹EOF›";
         return traits_type::eof();
       }
-      const std::size_t end = state_.input.find('\n');
-      line_ = state_.input.substr(0, end == std::string::npos ? end : end + 1);
-      state_.input.erase(0, line_.size());
-      state_.transcript += "‹" + line_.substr(0, end) + "›\n";
-      setg(line_.data(), line_.data(), line_.data() + line_.size());
-      return traits_type::to_int_type(line_.front());
+      const std::size_t end = state.input.find('\n');
+      line = state.input.substr(0, end == std::string::npos ? end : end + 1);
+      state.input.erase(0, line.size());
+      state.transcript += "‹" + line.substr(0, end) + "›\n";
+      setg(line.data(), line.data(), line.data() + line.size());
+      return traits_type::to_int_type(line.front());
     }
-
-   private:
-    State& state_;
-    std::string line_;
+    std::string line;
   };
 
   State(std::string typed, std::function<void()> hook)
@@ -107,7 +87,7 @@ Console::~Console() {
 
 // Consecutive pieces of standard error share one pair of marks.
 std::string Console::transcript() {
-  return std::regex_replace(state_->transcript + state_->output.pending(), std::regex("»«"), "");
+  return std::regex_replace(state_->transcript + state_->output.pending, std::regex("»«"), "");
 }
 
 std::string Console::unread() const { return state_->input; }

@@ -41,6 +41,11 @@ void set_times(const std::string& path, std::time_t seconds) {
 
 }  // namespace
 
+void set_zone(const char* name) {
+  setenv("TZ", name, 1);
+  tzset();
+}
+
 Gateway::Gateway() {
   require_sandbox();
   host.reset();
@@ -54,8 +59,7 @@ Gateway::Gateway() {
   setenv("KELMOR_CONFIG_PATH", config_dir().c_str(), 1);
   setenv("KELMOR_DYNAMIC_DIR", state_dir().c_str(), 1);
   setenv("KELMOR_TEMP_DIR", temp_dir().c_str(), 1);
-  setenv("TZ", "UTC", 1);
-  tzset();
+  set_zone("UTC");
 }
 
 Gateway::~Gateway() {

@@ -22,6 +22,9 @@
 
 namespace test {
 
+/// Sets the time zone of the process.
+void set_zone(const char* name);
+
 struct Gateway : testing::Test {
   Gateway();
   /// Fails the test if a temporary file or a scratch directory is left.

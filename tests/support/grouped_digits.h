@@ -10,8 +10,8 @@ namespace test {
 /// one given stream.
 class GroupedDigits {
  public:
-  GroupedDigits() : before_(std::locale::global(grouping())) {}
-  explicit GroupedDigits(std::ios& stream) : stream_(&stream), before_(stream.imbue(grouping())) {}
+  explicit GroupedDigits(char separator = '.') : before_(std::locale::global(grouping(separator))) {}
+  explicit GroupedDigits(std::ios& stream) : stream_(&stream), before_(stream.imbue(grouping('.'))) {}
   GroupedDigits(const GroupedDigits&) = delete;
   GroupedDigits& operator=(const GroupedDigits&) = delete;
   ~GroupedDigits() {
@@ -24,10 +24,12 @@ class GroupedDigits {
 
  private:
   struct Grouping : std::numpunct<char> {
-    char do_thousands_sep() const override { return '.'; }
+    explicit Grouping(char separator) : separator_(separator) {}
+    char do_thousands_sep() const override { return separator_; }
     std::string do_grouping() const override { return "\3"; }
+    char separator_;
   };
-  static std::locale grouping() { return {std::locale::classic(), new Grouping}; }
+  static std::locale grouping(char separator) { return {std::locale::classic(), new Grouping(separator)}; }
 
   std::ios* stream_ = nullptr;
   std::locale before_;

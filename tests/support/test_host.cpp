@@ -99,14 +99,6 @@ void TestHost::reset() {
   paths.clear();
 }
 
-LogRecords TestHost::records_up_to(int level) const {
-  LogRecords result;
-  for (const LogRecord& record : records) {
-    if (record.level <= level) result.push_back(record);
-  }
-  return result;
-}
-
 std::function<std::optional<int>(const std::string&)> fail_commands(std::string prefix, int result) {
   return [prefix = std::move(prefix), result](const std::string& command) -> std::optional<int> {
     if (command.compare(0, prefix.size(), prefix) == 0) return result;

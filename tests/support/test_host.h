@@ -64,9 +64,6 @@ class TestHost {
   std::vector<std::string> commands;
   std::vector<std::pair<int, std::string>> system_log;
   std::vector<std::string> paths;  ///< the variables that the platform read to find a directory
-
-  /// The records of this level and below.
-  LogRecords records_up_to(int level) const;
 };
 
 /// Answers `result` to every command that begins with `prefix`, and lets all others run.
