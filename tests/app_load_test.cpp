@@ -258,12 +258,7 @@ TEST_F(AppLoadFailure, OfTheInputIsPrintedAsUnknown) {
 }
 
 TEST_F(AppLoadFailure, ExceptionOfTheOpeningPropagates) {
-  for (const Thrown& row : every_exception()) {
-    fail_in_log("Storage", row.raise);
-    std::string propagated;
-    EXPECT_EQ(dialogue("", [&] { propagated = thrown([] { App::load("weekly"); }); }), "");
-    EXPECT_EQ(propagated, row.text);
-  }
+  expect_propagation("Storage", [] { App::load("weekly"); });
 }
 
 /// An exception, the text that reports it, and that text when the first try to save throws.

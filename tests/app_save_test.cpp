@@ -38,15 +38,6 @@ TEST_F(AppSave, NewNameIsStoredSilently) {
                           {"2", "weekly", "0", "1", "<now>", "NULL"}}));
 }
 
-TEST_F(AppSave, TypeSelectsTheContents) {
-  EXPECT_EQ(save("", "part", conf_part), Outcome("", true));
-  EXPECT_EQ(commands(), (Texts{kPackEtc, kPackPart}));
-  EXPECT_EQ(save("", "corlu", conf_corlu), Outcome("", true));
-  EXPECT_EQ(commands(), Texts{kPackCorlu});
-  EXPECT_EQ(rows(),
-            (Rows{{"1", "part", "0", "2", "<now>", "NULL"}, {"2", "corlu", "0", "3", "<now>", "NULL"}}));
-}
-
 TEST_F(AppSave, YOverwritesATakenName) {
   put_weekly();
   put({"weekly", kCurrent});

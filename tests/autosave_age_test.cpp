@@ -12,8 +12,6 @@ namespace {
 using namespace ConfSave;
 using namespace test;
 
-constexpr int64 k31Days = 2678400;
-
 /// Central Europe, its rule spelled out.
 constexpr const char* kBerlin = "CET-1CEST,M3.5.0,M10.5.0/3";
 
@@ -82,18 +80,7 @@ TEST(IsOldAutosave, IfTheNameBeginsWithAutosave) {
   }
 }
 
-struct OldCheck : Autosaves {
-  /// The answer when the storage holds only an autosave that was saved so many seconds before.
-  bool check_old_with(int64 age) {
-    bool old = false;
-    in_one_second(
-        [&](std::time_t now, const std::string& name) {
-          put({name, kCurrent, 1, std::to_string(now - age)});
-        },
-        [&] { old = CheckOld(); });
-    return old;
-  }
-};
+using OldCheck = Autosaves;
 
 const Function kCheckOld{"bool ConfSave::CheckOld()", "CheckOld", "source/freefunc"};
 const LogRecord kUnknownException = says(kCheckOld, 1, "unknown exception raised!");
@@ -107,13 +94,6 @@ TEST_F(OldCheck, FindsAnOldAutosaveAndChangesNothing) {
   EXPECT_EQ(commands(), Texts());
   EXPECT_EQ(system_log(), SystemLog());
   EXPECT_EQ(rows(), (Rows{{"autosave-1", kCurrentText, "1", "1000", "2000"}}));
-}
-
-TEST_F(OldCheck, OldIsMoreThan31Days) {
-  EXPECT_TRUE(check_old_with(k31Days + 1));
-  EXPECT_FALSE(check_old_with(k31Days));
-  EXPECT_EQ(records(), (LogRecords{kTryTables, kTablesMade}));
-  EXPECT_FALSE(check_old_with(-100));
 }
 
 TEST_F(OldCheck, NameMustBeginWithAutosave) {

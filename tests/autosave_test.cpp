@@ -168,18 +168,16 @@ TEST_F(Autosaving, NumbersHaveNoDigitGroups) {
 }
 
 struct AutosavingFailure : Autosaves {
-  /// The exception of an autosave, as thrown() has it.
-  std::string thrown_by_autosave(unsigned limit) {
-    std::string text;
-    run([&] { text = thrown([limit] { AutoSave("", conf_full, limit); }); });
-    return text;
+  /// Checks what an autosave throws.
+  void expect_thrown(unsigned limit, const std::string& text) {
+    run([&] { EXPECT_EQ(thrown([limit] { AutoSave("", conf_full, limit); }), text); });
   }
 };
 
 TEST_F(AutosavingFailure, OfTarPropagatesAfterTheSurplusIsDeleted) {
   put_names({"autosave-1", "autosave-2", "autosave-3"});
   host.on_command = fail_commands("cd /mnt/main/etc/ ", 7);
-  EXPECT_EQ(thrown_by_autosave(2), "ConfSave::XExternalFailure 36: ");
+  expect_thrown(2, "ConfSave::XExternalFailure 36: ");
   EXPECT_EQ(statements(), (Texts{kFindAutosaves, delete_of("autosave-1"), delete_of("autosave-2"),
                                  count_of("autosave-<now>"), delete_of("autosave-<now>")}));
   EXPECT_EQ(records(),
@@ -220,12 +218,12 @@ TEST_P(AutosavingException, Propagates) {
   make_table();
   for (const std::string function : {"Storage", "Delete"}) {
     fail_in_log(function, GetParam().raise);
-    EXPECT_EQ(thrown_by_autosave(5), GetParam().text) << function;
+    expect_thrown(5, GetParam().text);
   }
   EXPECT_EQ(statements(), (Texts{kFindAutosaves, count_of("autosave-<now>")}));
   host.on_record = nullptr;
   fail_at(1, GetParam().raise);
-  EXPECT_EQ(thrown_by_autosave(5), GetParam().text);
+  expect_thrown(5, GetParam().text);
   EXPECT_EQ(rows(), Rows());
 }
 

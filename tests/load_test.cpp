@@ -134,15 +134,6 @@ TEST_F(LoadConfirmed, RestoresEveryFile) {
                           {"2", "before", kCurrentText, "1", "<now>", "NULL"}}));
 }
 
-TEST_F(LoadConfirmed, OnlyTheExactPhraseConfirms) {
-  for (const std::string phrase : {"yes, do as I say", "Yes, do as I say ", " Yes, do as I say",
-                                   "Yes, do as i say", "yes", "", "Yes, do as I say."}) {
-    EXPECT_EQ(load("no\n" + phrase + "\n"), kOffer + "‹no›\n" + kDemand + "‹" + phrase + "›\n" + kAborted);
-    EXPECT_TRUE(untouched()) << phrase;
-  }
-  EXPECT_EQ(stamps(), "0");
-}
-
 TEST_F(LoadConfirmed, LoadingIsPrintedBeforeTheFirstCommand) {
   host.on_command = [](const std::string&) -> std::optional<int> {
     std::ostream* tied = std::cerr.tie(nullptr);

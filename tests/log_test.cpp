@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "archive/pack.h"
 #include "support/gateway.h"
 
 namespace {
@@ -116,6 +117,25 @@ TEST_F(LogRecordBuilder, LineIsThatOfTheRecord) {
   const int line = __LINE__ - 1;
   EXPECT_EQ(host.records, (LogRecords{{1, "void f(int)", "f", "source/x", "text", {}}}));
   EXPECT_EQ(host.lines, std::vector<int>{line});
+}
+
+using SilentLog = Gateway;
+
+TEST_F(SilentLog, GetsNoRecordOfAnyFailure) {
+  host.log_level = 0;
+  write_file(config_dir() + "file", "");
+  EXPECT_NE(thrown([this] { ConfSave::IsFileExist((config_dir() + "file/x").c_str()); }), "nothing");
+  EXPECT_NE(thrown([this] { ConfSave::pack("/missing/x", config_dir(), " file"); }), "nothing");
+  EXPECT_NE(thrown([this] { ConfSave::unpack("x", root() + "/missing"); }), "nothing");
+  put({"autosave-1", kCurrent});
+  put({"corlu", 0, 3, "1", "1", "x'00'", "NULL"});
+  host.on_system_log = throwing(7);
+  ConfSave::Storage storage;
+  ConfSave::CleanAutosaves(storage, 0);
+  EXPECT_NE(thrown([&] { storage.Load("corlu", nullptr, 0, true); }), "nothing");
+  make_storage_unopenable();
+  EXPECT_FALSE(ConfSave::Storage().opened);
+  EXPECT_EQ(host.records, LogRecords());
 }
 
 }  // namespace

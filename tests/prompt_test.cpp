@@ -57,14 +57,6 @@ TEST(YesNoQuestion, RepeatsForEverAtTheEndOfInput) {
   EXPECT_EQ(console.transcript(), "‹maybe›\n‹EOF›Go? Go? Go? ");
 }
 
-TEST(YesNoQuestion, PromptIsFlushedInAHostThatUntiesItsStreams) {
-  std::ostream* const tied = std::cin.tie(nullptr);
-  Console console("yes");
-  EXPECT_TRUE(ask_user_yesno("Go? ", false));
-  std::cin.tie(tied);
-  EXPECT_EQ(console.transcript(), "Go? ‹yes›\n‹EOF›");
-}
-
 /// Maps 'j' and 'J' to 'Y', in the function for one letter only.
 struct OtherLetters : std::ctype<char> {
   char do_toupper(char c) const override {

@@ -237,13 +237,7 @@ TEST_F(SaveFailure, OfReadingTheTableCountsAsHoldingTheName) {
 }
 
 TEST_F(SaveFailure, ExceptionOfTheOpeningPropagates) {
-  for (const Thrown& row : every_exception()) {
-    fail_in_log("Storage", row.raise);
-    std::string propagated;
-    const auto call = [&] { propagated = thrown([] { ConfSave::save("weekly", conf_full, 0, false); }); };
-    EXPECT_EQ(dialogue("", call), "");
-    EXPECT_EQ(propagated, row.text);
-  }
+  expect_propagation("Storage", [] { ConfSave::save("weekly", conf_full, 0, false); });
 }
 
 struct SaveException : SaveTest, testing::WithParamInterface<Thrown> {};

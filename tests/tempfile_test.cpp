@@ -11,14 +11,14 @@ using namespace test;
 using ConfSave::TempFile;
 
 struct TempFileTest : Gateway {
-  static mode_t mode_of(const std::string& path) {
-    struct stat status = {};
-    EXPECT_EQ(stat(path.c_str(), &status), 0);
-    return status.st_mode & 07777U;
-  }
+  TempFileTest() { file.create(); }
+
+  TempFile file;
 };
 
-TEST_F(TempFileTest, NewObjectHasNoFile) {
+using NewTempFile = Gateway;
+
+TEST_F(NewTempFile, HasNoFile) {
   const TempFile file;
   EXPECT_EQ(file.name(), "");
   EXPECT_FALSE(file.is_open());
@@ -29,16 +29,12 @@ TEST_F(TempFileTest, NewObjectHasNoFile) {
 }
 
 TEST_F(TempFileTest, IsOpenReadsTheDirectory) {
-  TempFile file;
-  file.create();
   host.paths.clear();
   EXPECT_TRUE(file.is_open());
   EXPECT_EQ(host.paths, Texts{"KELMOR_TEMP_DIR"});
 }
 
 TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheTemporaryDirectory) {
-  TempFile file;
-  file.create();
   EXPECT_TRUE(file.is_open());
   EXPECT_EQ(file.name().substr(0, temp_dir().size() + 1), temp_dir() + "/");
   EXPECT_EQ(file.name().size(), temp_dir().size() + 7);
@@ -51,19 +47,17 @@ TEST_F(TempFileTest, CreateMakesAnEmptyFileInTheTemporaryDirectory) {
   EXPECT_EQ(temp_files().size(), 1U);
 }
 
-TEST_F(TempFileTest, ModeIs0600UnderAnyUmask) {
+TEST_F(NewTempFile, HasMode0600UnderAnyUmask) {
   for (const mode_t mask : {0777U, 0U, 0277U}) {
     const mode_t before = umask(mask);
     TempFile file;
     file.create();
     umask(before);
-    EXPECT_EQ(mode_of(file.name()), 0600U);
+    EXPECT_EQ(std::filesystem::status(file.name()).permissions(), std::filesystem::perms{0600});
   }
 }
 
 TEST_F(TempFileTest, RewindReturnsToTheFirstByte) {
-  TempFile file;
-  file.create();
   EXPECT_EQ(write(file.fd(), "abc", 3), 3);
   EXPECT_EQ(file.size(), 3);
   file.rewind();
@@ -73,24 +67,19 @@ TEST_F(TempFileTest, RewindReturnsToTheFirstByte) {
 }
 
 TEST_F(TempFileTest, RemoveDeletesTheFileAndCanBeRepeated) {
-  {
-    TempFile file;
-    file.create();
-    const int fd = file.fd();
-    file.remove();
-    EXPECT_EQ(file.name(), "");
-    EXPECT_FALSE(file.is_open());
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    EXPECT_EQ(temp_files(), Texts());
-    file.remove();
-    file.create();
-    EXPECT_EQ(temp_files().size(), 1U);
-  }
+  const int fd = file.fd();
+  file.remove();
+  EXPECT_EQ(file.name(), "");
+  EXPECT_FALSE(file.is_open());
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
   EXPECT_EQ(temp_files(), Texts());
+  file.remove();
+  file.create();
+  EXPECT_EQ(temp_files().size(), 1U);
   EXPECT_EQ(host.records, LogRecords());
 }
 
-TEST_F(TempFileTest, MissingDirectoryIsStatus17) {
+TEST_F(NewTempFile, InAMissingDirectoryIsStatus17) {
   std::filesystem::remove(temp_dir());
   TempFile file;
   EXPECT_EQ(thrown([&] { file.create(); }), "XTOOStatus 17: No such file or directory");
@@ -100,16 +89,12 @@ TEST_F(TempFileTest, MissingDirectoryIsStatus17) {
 }
 
 TEST_F(TempFileTest, ClosedDescriptorIsStatus45And54) {
-  TempFile file;
-  file.create();
   close(file.fd());
   EXPECT_EQ(thrown([&] { file.size(); }), "XTOOStatus 45: Bad file descriptor");
   EXPECT_EQ(thrown([&] { file.rewind(); }), "XTOOStatus 54: Bad file descriptor");
 }
 
 TEST_F(TempFileTest, FileIsClosedBeforeItIsDeleted) {
-  TempFile file;
-  file.create();
   std::filesystem::remove(file.name());
   bool closed = false;
   host.on_recorded = [&closed, fd = file.fd()] { closed = fcntl(fd, F_GETFD) == -1; };
@@ -118,23 +103,20 @@ TEST_F(TempFileTest, FileIsClosedBeforeItIsDeleted) {
 }
 
 TEST_F(TempFileTest, FileIsForgottenWhenTheLogThrows) {
+  host.on_record = [](const std::string&) { throw std::runtime_error("log"); };
+  std::filesystem::remove(file.name());
+  file.remove();
+  EXPECT_FALSE(file.is_open());
+  EXPECT_EQ(file.name(), "");
   {
-    TempFile file;
-    host.on_record = [](const std::string&) { throw std::runtime_error("log"); };
-    file.create();
-    std::filesystem::remove(file.name());
-    file.remove();
-    EXPECT_FALSE(file.is_open());
-    EXPECT_EQ(file.name(), "");
-    file.create();  // For the destructor.
-    std::filesystem::remove(file.name());
+    TempFile destroyed;
+    destroyed.create();
+    std::filesystem::remove(destroyed.name());
   }
   EXPECT_EQ(host.records, LogRecords());
 }
 
 TEST_F(TempFileTest, MissingFileIsLoggedAndForgotten) {
-  TempFile file;
-  file.create();
   const std::string name = file.name();
   std::filesystem::remove(name);
   file.remove();

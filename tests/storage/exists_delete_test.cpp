@@ -48,12 +48,6 @@ TEST_F(StorageExists, InAMissingTableEveryNameExists) {
                 [this] { EXPECT_TRUE(storage->Exists("weekly", kCurrent)); });
 }
 
-TEST_F(StorageExists, NameIsInsertedUnchanged) {
-  put({"o''hare", 0});
-  EXPECT_TRUE(storage->Exists("o''hare", 0));
-  EXPECT_TRUE(storage->Exists("nobody' or 'a'='a", 0));
-}
-
 TEST_F(StorageExists, CountIsReadAsADecimalTextOf32Bits) {
   for (const auto& [text, exists] : {std::pair<const char*, bool>(nullptr, false),
                                      {"0", false},

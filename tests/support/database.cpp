@@ -5,18 +5,15 @@
 namespace test {
 namespace {
 
-Texts recorded;
-sqlite3* last_connection = nullptr;
-
 int record_statement(unsigned, void*, void*, void* text) {
   const std::string statement = static_cast<const char*>(text);
   // The statements of a trigger are reported as comments.
-  if (statement.compare(0, 2, "--") != 0) recorded.push_back(statement);
+  if (statement.compare(0, 2, "--") != 0) StatementRecorder::recorded.push_back(statement);
   return 0;
 }
 
 int watch_connection(sqlite3* db, const char**, const sqlite3_api_routines*) {
-  last_connection = db;
+  StatementRecorder::last_connection = db;
   return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, record_statement, nullptr);
 }
 
@@ -26,9 +23,9 @@ const auto kExtension = reinterpret_cast<Extension>(watch_connection);
 }  // namespace
 
 Database::Database(const std::string& file) {
-  sqlite3* const watched = last_connection;
+  sqlite3* const watched = StatementRecorder::last_connection;
   const int code = sqlite3_open(file.c_str(), &db_);
-  last_connection = watched;
+  StatementRecorder::last_connection = watched;
   if (code == SQLITE_OK) {
     sqlite3_trace_v2(db_, 0, nullptr, nullptr);
     return;
@@ -74,11 +71,5 @@ StatementRecorder::~StatementRecorder() {
   sqlite3_cancel_auto_extension(kExtension);
   last_connection = nullptr;
 }
-
-const Texts& StatementRecorder::statements() const { return recorded; }
-
-void StatementRecorder::clear() { recorded.clear(); }
-
-sqlite3* StatementRecorder::connection() const { return last_connection; }
 
 }  // namespace test

@@ -52,10 +52,13 @@ class StatementRecorder {
   StatementRecorder& operator=(const StatementRecorder&) = delete;
   ~StatementRecorder();
 
-  const Texts& statements() const;
-  void clear();
+  const Texts& statements() const { return recorded; }
+  void clear() { recorded.clear(); }
   /// The latest connection.
-  sqlite3* connection() const;
+  sqlite3* connection() const { return last_connection; }
+
+  static inline Texts recorded;
+  static inline sqlite3* last_connection = nullptr;
 };
 
 }  // namespace test

@@ -19,6 +19,13 @@ std::string Dialogue::dialogue(const std::string& typed, const std::function<voi
   return console.transcript();
 }
 
+void Dialogue::expect_propagation(const std::string& function, const std::function<void()>& call) {
+  for (const Thrown& row : every_exception()) {
+    fail_in_log(function, row.raise);
+    EXPECT_EQ(dialogue("", [&] { EXPECT_EQ(thrown(call), row.text); }), "");
+  }
+}
+
 void Dialogue::forget() {
   recorder.clear();
   host.records.clear();

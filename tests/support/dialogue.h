@@ -38,6 +38,9 @@ struct Dialogue : Gateway {
   /// a person thinks, and leave nothing behind.
   std::string dialogue(const std::string& typed, const std::function<void()>& call);
 
+  /// Checks that `call` prints nothing and propagates every exception of a record of `function`.
+  void expect_propagation(const std::string& function, const std::function<void()>& call);
+
   void forget();
 
   /// Stores a row with one file in each archive, named as in restored().
