@@ -4,6 +4,7 @@
 #include <archive_entry.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <clocale>
 #include <exception>
 #include <memory>
@@ -144,19 +145,23 @@ class ArchiveReading {
   Error open() {
     reader_.reset(archive_read_new());
     if (reader_ == nullptr) throw std::bad_alloc();
-    archive_read_support_format_tar(reader_.get());
-    archive_read_support_format_empty(reader_.get());
+    const bool is_ready = archive_read_support_format_tar(reader_.get()) == ARCHIVE_OK &&
+                          archive_read_support_format_empty(reader_.get()) == ARCHIVE_OK;
+    if (!is_ready) throw std::bad_alloc();
     // Names are bytes: no locale may change or refuse them.
     archive_read_set_format_option(reader_.get(), "tar", "hdrcharset", "BINARY");
-    return archive_read_open(reader_.get(), &input_, nullptr, read_input, nullptr) == ARCHIVE_OK
-               ? Error{}
-               : failure();
+    if (archive_read_open(reader_.get(), &input_, nullptr, read_input, nullptr) == ARCHIVE_OK) return {};
+    Error error = failure();
+    // Before it has read anything, libarchive gives no reason only where memory runs out.
+    if (archive_errno(reader_.get()) == 0 && input_.error.code == Code::ok) throw std::bad_alloc();
+    return error;
   }
 
   /// What ended the reading: the input's own error, else libarchive's.
   Error failure() const {
     if (input_.thrown) std::rethrow_exception(input_.thrown);
     if (input_.error.code != Code::ok) return input_.error;
+    if (archive_errno(reader_.get()) == ENOMEM) throw std::bad_alloc();
     const std::string text = text_of(archive_error_string(reader_.get()));
     return {Code::damaged, 0, printable(current_.path), "the tar archive is damaged: " + printable(text)};
   }

@@ -17,7 +17,7 @@ import sys
 import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-PROGRAMS = ["databases", "memory"]
+PROGRAMS = ["databases", "floor-memory", "memory", "snapshots-tests"]
 SKIPPED, SHORT = 77, ["hot-journal-deleted", "fetch-out-of-memory", "failed-cp-ignored"]
 TARGETS = ["operate", "locker", "confsave-console", *PROGRAMS]
 
