@@ -1,9 +1,8 @@
 // note, pin: what is kept beside the storage.
 
-#include <algorithm>
-
 #include "places.h"
 #include "snapshots/archive_path.h"
+#include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
 #include "snapshots/notes.h"
 #include "snapshots/reserve.h"
@@ -11,8 +10,6 @@
 
 namespace ConfSave::snapshots {
 namespace {
-
-constexpr std::size_t kLongestComment = 4096;
 
 /// Changes the note of one row within one transaction.
 template <class Change>
@@ -33,22 +30,6 @@ Error change_note(const Id& id, const ChangeOptions& options, Change change) {
   Error error = notes->change(*row, change);
   Reserve::keep(storage_file());
   return error;
-}
-
-bool is_control(char letter) {
-  const auto byte = static_cast<unsigned char>(letter);
-  return byte < 0x20 || byte == 0x7f;
-}
-
-Error check_comment(const std::string& comment) {
-  if (comment.size() > kLongestComment) {
-    return {Code::bad_argument, 0, "",
-            "a comment has at most " + std::to_string(kLongestComment) + " bytes"};
-  }
-  if (std::any_of(comment.begin(), comment.end(), is_control)) {
-    return {Code::bad_argument, 0, "", "a comment has no control characters"};
-  }
-  return {};
 }
 
 }  // namespace

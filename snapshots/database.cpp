@@ -52,6 +52,12 @@ Statement& Statement::bind(const std::string& text) {
   return *this;
 }
 
+Statement& Statement::bind(const std::vector<char>& blob) {
+  require_memory(sqlite3_bind_blob64(statement_.get(), ++bound_, blob.empty() ? nullptr : blob.data(),
+                                     blob.size(), SQLITE_STATIC));
+  return *this;
+}
+
 Statement& Statement::bind(const Digest& digest) {
   require_memory(
       sqlite3_bind_blob64(statement_.get(), ++bound_, digest.data(), digest.size(), SQLITE_TRANSIENT));
@@ -95,14 +101,18 @@ Result<Database> Database::open(const std::string& file, std::chrono::millisecon
   if (opened == nullptr) throw std::bad_alloc();
   sqlite3_extended_result_codes(opened, 1);
   if (code != SQLITE_OK) return database.error();
-  sqlite3_busy_timeout(
-      opened, static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(wait.count(), 0, INT_MAX)));
+  database.limit_wait(wait);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
   sqlite3_limit(opened, SQLITE_LIMIT_ATTACHED, 0);
   return database;
+}
+
+void Database::limit_wait(std::chrono::milliseconds wait) {
+  const auto limit = std::clamp<std::chrono::milliseconds::rep>(wait.count(), 0, INT_MAX);
+  sqlite3_busy_timeout(db_.get(), static_cast<int>(limit));
 }
 
 Result<Statement> Database::prepare(const std::string& text) {

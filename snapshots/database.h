@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "confsave/snapshots.h"
 #include "snapshots/source.h"
@@ -23,6 +24,8 @@ class Statement {
 
   Statement& bind(int64 number);
   Statement& bind(const std::string& text);
+  /// The bytes must outlive the statement. None are NULL, as are more than SQLite stores.
+  Statement& bind(const std::vector<char>& blob);
   Statement& bind(const Digest& digest);
 
   /// SQLITE_ROW, SQLITE_DONE, or SQLite's error.
@@ -55,6 +58,9 @@ class Database {
 
   /// Runs statements without a result. Rolls back if one fails within a transaction that they began.
   Error run(const char* text);
+
+  /// From now on no lock is waited for longer than `wait`.
+  void limit_wait(std::chrono::milliseconds wait);
 
   /// The error of the last call that failed.
   Error error() const;

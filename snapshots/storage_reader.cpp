@@ -59,6 +59,18 @@ std::string literally(const std::string& name) {
   return pattern;
 }
 
+Result<bool> look_for_table(Database& database) {
+  Result<Statement> statement = database.prepare(
+      "select count(*), ifnull(sum(name = 'Config' collate nocase and type = 'table' and rootpage > 0 and "
+      "not exists (select 1 from pragma_table_xinfo('Config') where hidden > 1)), 0) from sqlite_schema");
+  if (!statement) return statement.error();
+  if (statement->step() != SQLITE_ROW) return database.error();
+  if (statement->number(1) == 1) return true;
+  // The file is there before its table.
+  if (statement->number(0) == 0) return false;
+  return Error{Code::no_storage, 0, database.file(), "it has no table 'Config'"};
+}
+
 Result<std::optional<StorageReader>> StorageReader::open(std::chrono::milliseconds wait) {
   Result<Database> database = Database::open(storage_file(), wait);
   if (!database) {
@@ -67,23 +79,10 @@ Result<std::optional<StorageReader>> StorageReader::open(std::chrono::millisecon
     if (is_new) return std::optional<StorageReader>();
     return database.error();
   }
-  StorageReader reader(std::move(*database));
-  Result<bool> has_table = reader.look_for_table();
+  Result<bool> has_table = look_for_table(*database);
   if (!has_table) return has_table.error();
   if (!*has_table) return std::optional<StorageReader>();
-  return std::optional<StorageReader>(std::move(reader));
-}
-
-Result<bool> StorageReader::look_for_table() {
-  Result<Statement> statement = database_.prepare(
-      "select count(*), ifnull(sum(name = 'Config' collate nocase and type = 'table' and rootpage > 0 and "
-      "not exists (select 1 from pragma_table_xinfo('Config') where hidden > 1)), 0) from sqlite_schema");
-  if (!statement) return statement.error();
-  if (statement->step() != SQLITE_ROW) return database_.error();
-  if (statement->number(1) == 1) return true;
-  // The file is there before its table.
-  if (statement->number(0) == 0) return false;
-  return Error{Code::no_storage, 0, database_.file(), "it has no table 'Config'"};
+  return std::optional<StorageReader>(StorageReader(std::move(*database)));
 }
 
 Error StorageReader::begin() { return database_.run("begin"); }

@@ -11,6 +11,10 @@ namespace ConfSave::snapshots {
 /// A pattern that matches one name only.
 std::string literally(const std::string& name);
 
+/// Whether 'Config' is an ordinary table; false in a database that is still empty. A view or a virtual
+/// table in its place, or a generated column, is Code::no_storage: reading one runs what the file says.
+Result<bool> look_for_table(Database& database);
+
 /// Reads "storage.db" of the platform. Waits for a lock no longer than `wait`.
 class StorageReader {
  public:
@@ -27,10 +31,6 @@ class StorageReader {
 
  private:
   explicit StorageReader(Database database) : database_(std::move(database)) {}
-
-  /// Whether 'Config' is an ordinary table; false in a database that is still empty. A view or a virtual
-  /// table in its place, or a generated column, is Code::no_storage: reading one runs what the file says.
-  Result<bool> look_for_table();
 
   Database database_;
 };

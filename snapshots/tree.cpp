@@ -73,24 +73,34 @@ class Known {
 class TreeReading {
  public:
   TreeReading(Base base, const Limits& limits, const Known& known,
-              std::map<std::string, LiveMember>& members)
+              std::map<std::string, LiveMember>& members, std::vector<std::string>* unreadable)
       : base_(directory_of(base)),
         secrets_(base),
         limits_(limits),
         known_(known),
         members_(members),
+        unreadable_(unreadable),
         buffer_(kPiece) {}
 
   Error run(const std::vector<std::string>& paths) {
     root_ = Descriptor(open(base_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!root_) return errno == ENOENT ? Error{} : failure("");
     for (const std::string& path : paths) {
-      if (Error error = add_entry(path); error.code != Code::ok) return error;
+      Error error = add_entry(path);
+      if (is_unreadable(error, error.path)) continue;
+      if (error.code != Code::ok) return error;
     }
     return {};
   }
 
  private:
+  /// True if `path` was put where the caller wants such paths.
+  bool is_unreadable(const Error& error, const std::string& path) {
+    if (error.code != Code::denied || unreadable_ == nullptr) return false;
+    unreadable_->push_back(path);
+    return true;
+  }
+
   Error failure(const std::string& path, int number = errno) const {
     const Code code = number == EACCES || number == EPERM ? Code::denied : Code::failed;
     return {code, number, printable(base_ + path), std::strerror(number)};
@@ -161,14 +171,16 @@ class TreeReading {
 
   // Directories are in directories; the depth has a limit. NOLINTBEGIN(misc-no-recursion)
 
-  /// The file, link or directory with all below it, if it is there.
+  /// The file, link or directory with all below it, if it is there and may be read.
   Error add(int directory, const std::string& parent, const std::string& name) {
     const std::size_t depth = depth_;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
       Error error = add_once(directory, parent, name);
-      if (!is_gone(error.number)) return error;
-      members_.erase(base_ + parent + name);
+      const bool unreadable = is_unreadable(error, base_ + parent + name);
+      if (!unreadable && !is_gone(error.number)) return error;
       depth_ = depth;
+      if (unreadable) return {};
+      members_.erase(base_ + parent + name);
     }
     return {Code::changed_meanwhile, 0, printable(base_ + parent + name),
             "the file changes while it is read"};
@@ -299,6 +311,7 @@ class TreeReading {
   const Limits& limits_;
   const Known& known_;
   std::map<std::string, LiveMember>& members_;
+  std::vector<std::string>* unreadable_;
   Descriptor root_;
   Sha256 sha256_;
   std::vector<char> buffer_;
@@ -320,12 +333,13 @@ std::vector<std::string> paths_of(Base base, conftype type, bool with_database) 
   return paths;
 }
 
-Result<Tree> read(conftype type, const Limits& limits, const Tree* saved) {
+Result<Tree> read(conftype type, const Limits& limits, const Tree* saved,
+                  std::vector<std::string>* unreadable) {
   Tree tree{now(), {}};
   const Known known(saved, tree.moment);
   const bool with_database = has_database();
   for (const Base base : {Base::configuration, Base::failover}) {
-    TreeReading reading(base, limits, known, tree.members);
+    TreeReading reading(base, limits, known, tree.members, unreadable);
     if (Error error = reading.run(paths_of(base, type, with_database)); error.code != Code::ok)
       return error;
   }
@@ -334,10 +348,12 @@ Result<Tree> read(conftype type, const Limits& limits, const Tree* saved) {
 
 }  // namespace
 
-Result<Tree> read_tree(conftype type, const Limits& limits) { return read(type, limits, nullptr); }
+Result<Tree> read_tree(conftype type, const Limits& limits, std::vector<std::string>* unreadable) {
+  return read(type, limits, nullptr, unreadable);
+}
 
 Result<Tree> read_tree_since(const Tree& saved, conftype type, const Limits& limits) {
-  return read(type, limits, &saved);
+  return read(type, limits, &saved, nullptr);
 }
 
 }  // namespace ConfSave::snapshots

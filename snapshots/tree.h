@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "contents.h"
 #include "snapshots/limits.h"
@@ -32,8 +33,11 @@ struct Tree {
 /// The files of the contents of `type` as they are now, by absolute path. Follows no symbolic link below
 /// the two directories: one in a directory's place is Code::unsafe, as a device, FIFO or socket is. A file
 /// that changes while it is read is read again, and is Code::changed_meanwhile after some attempts. The
-/// configuration database counts only if it is whole, as it is packed only then.
-Result<Tree> read_tree(conftype type, const Limits& limits = {});
+/// configuration database counts only if it is whole, as it is packed only then. The paths of files and
+/// directories that this process may not read go into `unreadable`; without it the first one is
+/// Code::denied.
+Result<Tree> read_tree(conftype type, const Limits& limits = {},
+                       std::vector<std::string>* unreadable = nullptr);
 
 /// The same. A file that provably did not change since `saved` was read is not read: it has the digest that
 /// it had then. A stamp proves that unless its times are so close to the moment of `saved` that a change

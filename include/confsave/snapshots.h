@@ -222,7 +222,49 @@ CONFSAVE_API Result<Differences> compare(const Id& older, const Id& newer, const
 /// Decodes both archives to the end and checks every member. Repairs nothing.
 CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {});
 
-/// For calls that change something.
+/// How to save.
+struct SaveOptions {
+  conftype type = conf_full;
+  std::string comment;       ///< at most 4,096 bytes without control characters
+  bool overwrite = false;    ///< replace the snapshot of this name and version
+  bool if_changed = false;   ///< store nothing if the newest snapshot of this type equals the configuration
+  bool allow_empty = false;  ///< save also if no file of the contents exists
+  std::chrono::milliseconds wait{30000};
+};
+
+/// What save() did.
+struct Saved {
+  enum class Outcome {
+    created,
+    replaced,
+    unchanged,  ///< `snapshot` is the newest one of the type, and nothing was stored
+  };
+
+  Outcome outcome = Outcome::created;
+  Snapshot snapshot;
+  int64 files = 0;  ///< members except directories
+  int64 bytes = 0;  ///< of their content
+  /// Files that one expects in the snapshot and that are not in it: those that cannot be read, those of a
+  /// configuration database that is not whole, and fixed paths of the contents that the newest snapshot of
+  /// the type has.
+  std::vector<std::string> missing;
+  std::vector<std::string> warnings;  ///< a sentence each; the snapshot is stored all the same
+};
+
+/// Saves the live configuration. What it reports as saved can be decoded, equals the files as they were at
+/// one moment, is stored durably, and was read back.
+///
+/// The name has 1 to 80 letters, digits, "-" and "_". If the snapshot exists, it is Code::pinned or
+/// Code::taken, unless `overwrite`; a snapshot that replaces a pinned one is pinned. Files that change
+/// during the save are packed again, and are Code::changed_meanwhile after some attempts. Code::incomplete
+/// if there is nothing to save. The storage is unchanged after every error. A comment that cannot be stored
+/// is only a warning.
+///
+/// Calls of one host wait for each other, those of the program "confsave" included: `wait` limits the
+/// waiting of the whole call.
+CONFSAVE_API Result<Saved> save(const Id& id, const SaveOptions& options = {});
+
+/// For calls that change a note.
 struct ChangeOptions {
   std::chrono::milliseconds wait{30000};
 };
@@ -241,9 +283,9 @@ struct RemoveOptions {
 };
 
 /// Deletes one snapshot and its notes, durably, and gives its pages back to the file system. Works on a
-/// full disk: while there is room, `note` and `remove` keep 1 MiB of it in "storage.db-reserve" beside the
-/// storage. If it cannot be known whether the snapshot is pinned, it is not deleted: the error of the
-/// notes. Qualify the call: the C library has a `remove` too, which deletes a file.
+/// full disk: while there is room, `save`, `note` and `remove` keep 1 MiB of it in "storage.db-reserve"
+/// beside the storage. If it cannot be known whether the snapshot is pinned, it is not deleted: the error
+/// of the notes. Qualify the call: the C library has a `remove` too, which deletes a file.
 CONFSAVE_API Error remove(const Id& id, const RemoveOptions& options = {});
 
 /// Something that a person should look at.

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "confsave/snapshots.h"
+
+namespace ConfSave::snapshots {
+
+// What a caller may ask for. Each returns Code::bad_argument with the reason.
+
+/// A name that the contract library saves under, and a version that it can print.
+Error check_id(const Id& id);
+
+/// One of the three types that the contents are defined for.
+Error check_type(conftype type);
+
+/// At most 4,096 bytes without control characters.
+Error check_comment(const std::string& comment);
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,202 @@
+// save: packs, proves, stores, and keeps what belongs to it beside the storage.
+
+#include <algorithm>
+#include <ctime>
+#include <optional>
+
+#include "places.h"
+#include "snapshots/archive_path.h"
+#include "snapshots/arguments.h"
+#include "snapshots/author.h"
+#include "snapshots/boundary.h"
+#include "snapshots/lock.h"
+#include "snapshots/missing.h"
+#include "snapshots/notes.h"
+#include "snapshots/proof.h"
+#include "snapshots/reserve.h"
+#include "snapshots/storage_writer.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+/// The packet filter keeps its own snapshot under this name.
+constexpr const char* kPacketFilter = "corlu-config";
+
+std::string sentence(const Error& error) {
+  return error.path.empty() ? error.text : error.path + ": " + error.text;
+}
+
+class Saving {
+ public:
+  Saving(const Id& id, const SaveOptions& options)
+      : id_(id), options_(options), deadline_(options.wait), author_(author()) {}
+
+  Result<Saved> run() {
+    const Result<Lock> lock = Lock::take("saving " + id_.name, deadline_);
+    if (!lock) return lock.error();
+    if (Error error = look_around(); error.code != Code::ok) return error;
+    if (options_.if_changed && newest_) {
+      const Result<bool> is_unchanged = compare_with_newest();
+      if (!is_unchanged) return is_unchanged.error();
+      if (*is_unchanged) return saved_;
+    }
+    if (Error error = check_overwriting(); error.code != Code::ok) return error;
+    Result<Proven> proven = pack_and_prove(options_.type);
+    if (!proven) return proven.error();
+    count(proven->tree);
+    if (saved_.files == 0 && !options_.allow_empty) {
+      return Error{Code::incomplete, 0, "", "no file of the contents exists"};
+    }
+    find_missing(*proven);
+    if (Error error = store(*proven); error.code != Code::ok) return error;
+    keep_notes(*proven);
+    Reserve::keep(storage_file());
+    return saved_;
+  }
+
+ private:
+  /// Finds the row that would be replaced, and the newest one of the type.
+  Error look_around() {
+    Query query;
+    query.corlu_config = true;
+    query.order = Query::Order::saved;
+    query.wait = deadline_.left();
+    Result<Snapshots> all = list(query);
+    if (!all) return all.error();
+    for (Snapshot& snapshot : *all) {
+      const Config& config = snapshot.config;
+      if (config.name == id_.name && config.vers == id_.version) old_ = snapshot;
+      if (config.type == options_.type && config.name != kPacketFilter) newest_ = std::move(snapshot);
+    }
+    return {};
+  }
+
+  Error check_overwriting() const {
+    if (!old_ || options_.overwrite) return {};
+    const std::string which = "the snapshot '" + id_.name + "' exists";
+    if (old_->pinned) return {Code::pinned, 0, "", which + " and is pinned"};
+    return {Code::taken, 0, "", which};
+  }
+
+  /// What is damaged or changes is not equal.
+  Result<bool> compare_with_newest() {
+    const Id newest{newest_->config.name, newest_->config.vers};
+    const Result<Differences> differences = compare(newest, Live(), ReadOptions{deadline_.left()});
+    if (!differences && differences.error().code == Code::busy) return differences.error();
+    if (!differences || !differences->empty()) return false;
+    const Result<std::map<std::string, Member>> members = members_of_newest();
+    if (!members) return false;
+    saved_.outcome = Saved::Outcome::unchanged;
+    saved_.snapshot = *newest_;
+    for (const auto& [path, member] : *members) count(member);
+    return true;
+  }
+
+  /// From its manifest, or else from its archives.
+  Result<std::map<std::string, Member>> members_of_newest() const {
+    std::map<std::string, Member> result;
+    Result<std::optional<Notes>> notes = Notes::open(deadline_.left());
+    if (notes && *notes) {
+      Result<std::optional<Manifest>> manifest = (*notes)->manifest(*newest_);
+      if (manifest && *manifest) {
+        for (const auto& [path, live] : (*manifest)->tree.members) result[path] = live.member;
+        return result;
+      }
+    }
+    const Id newest{newest_->config.name, newest_->config.vers};
+    const Result<Members> found = members(newest, ReadOptions{deadline_.left()});
+    if (!found) return found.error();
+    for (const Member& member : *found) result[member.path] = member;
+    return result;
+  }
+
+  void count(const Tree& tree) {
+    for (const auto& [path, live] : tree.members) count(live.member);
+  }
+
+  void count(const Member& member) {
+    if (member.kind == Kind::directory) return;
+    ++saved_.files;
+    saved_.bytes += member.size;
+  }
+
+  /// What tar left out, and what the newest snapshot has and this one does not.
+  void find_missing(const Proven& proven) {
+    std::set<std::string> present;
+    for (const auto& [path, live] : proven.tree.members) present.insert(path);
+    std::set<std::string> missing = database_remains(present);
+    missing.insert(proven.missing.begin(), proven.missing.end());
+    const std::set<std::string> absent = absent_fixed_paths(options_.type, present);
+    if (newest_ && !absent.empty()) {
+      const Result<std::map<std::string, Member>> members = members_of_newest();
+      if (!members) {
+        saved_.warnings.push_back("it is not known which files are gone since '" +
+                                  printable(newest_->config.name) + "': " + sentence(members.error()));
+      }
+      for (const std::string& path : absent) {
+        if (members && members->count(path) != 0) missing.insert(path);
+      }
+    }
+    saved_.missing.assign(missing.begin(), missing.end());
+  }
+
+  Error store(Proven& proven) {
+    Result<StorageWriter> writer = StorageWriter::open(deadline_);
+    if (!writer) return writer.error();
+    const NewRow row{id_.name, id_.version, options_.type, std::time(nullptr), std::move(proven.packed)};
+    Result<Stored> stored = writer->store(row, options_.overwrite);
+    if (!stored) return stored.error();
+    saved_.outcome = stored->replaced ? Saved::Outcome::replaced : Saved::Outcome::created;
+    saved_.snapshot = std::move(stored->snapshot);
+    replaced_id_ = stored->replaced_id;
+    return {};
+  }
+
+  /// The row is stored: from here on a failure is a warning.
+  void keep_notes(Proven& proven) {
+    Note note{options_.comment, author_, old_ && old_->pinned && old_->id == replaced_id_};
+    const Error error = write_notes(note, {std::move(proven.tree), saved_.missing});
+    if (error.code != Code::ok) {
+      saved_.warnings.push_back("the comment, the author and the list of files were not kept: " +
+                                sentence(error));
+      return;
+    }
+    saved_.snapshot.comment = note.comment;
+    saved_.snapshot.author = note.author;
+    saved_.snapshot.pinned = note.pinned;
+  }
+
+  Error write_notes(const Note& note, const Manifest& manifest) {
+    Result<Notes> notes = Notes::open_to_write(deadline_.left());
+    if (!notes) return notes.error();
+    if (Error error = notes->replace_manifest(saved_.snapshot, note, manifest); error.code != Code::ok) {
+      return error;
+    }
+    return replaced_id_ != 0 ? notes->forget(replaced_id_) : Error{};
+  }
+
+  const Id& id_;
+  const SaveOptions& options_;
+  Deadline deadline_;
+  std::string author_;
+  std::optional<Snapshot> old_;
+  std::optional<Snapshot> newest_;
+  int64 replaced_id_ = 0;
+  Saved saved_;
+};
+
+Result<Saved> check_and_save(const Id& id, const SaveOptions& options) {
+  Error error = check_id(id);
+  if (error.code == Code::ok) error = check_type(options.type);
+  if (error.code == Code::ok) error = check_comment(options.comment);
+  if (error.code != Code::ok) return error;
+  return Saving(id, options).run();
+}
+
+}  // namespace
+
+Result<Saved> save(const Id& id, const SaveOptions& options) {
+  return at_boundary([&] { return check_and_save(id, options); });
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <string>
+
+#include "snapshots/database.h"
+#include "snapshots/deadline.h"
+#include "snapshots/packing.h"
+
+namespace ConfSave::snapshots {
+
+/// A row that is about to be stored.
+struct NewRow {
+  std::string name;
+  int64 version = 0;
+  conftype type = conf_none;
+  int64 save_time = 0;
+  Packed archives;
+};
+
+/// What storing a row did.
+struct Stored {
+  Snapshot snapshot;  ///< the row as it was looked up; without notes
+  bool replaced = false;
+  int64 replaced_id = 0;  ///< of the row that went
+};
+
+/// Writes rows into "storage.db" that nobody can tell from those of the contract library. All waiting ends
+/// at the deadline.
+class StorageWriter {
+ public:
+  /// Makes the file, mode 0600 under any umask, if there is none.
+  static Result<StorageWriter> open(const Deadline& deadline);
+
+  /// Stores `row`, durably, in place of the row of its name and version; Code::taken if there is one and
+  /// `overwrite` is false. The row is looked up and its archives are read back before the commit. After
+  /// an error the storage is unchanged.
+  Result<Stored> store(const NewRow& row, bool overwrite);
+
+ private:
+  StorageWriter(Database database, const Deadline& deadline)
+      : database_(std::move(database)), deadline_(deadline) {}
+
+  /// What an empty file gets before its table, as the contract library does it.
+  Error choose_layout();
+  Error make_table();
+  Error store_in_transaction(const NewRow& row, bool overwrite, Stored& stored);
+  Error remove_old(const NewRow& row, bool overwrite, Stored& stored);
+  Error insert(const NewRow& row);
+  Error look_up(const NewRow& row, Snapshot& snapshot);
+  Error compare_archive(const char* column, int64 rowid, const std::vector<char>& archive);
+  /// A refusal by a rule that only the table of another program has.
+  Error error() const;
+
+  Database database_;
+  Deadline deadline_;
+};
+
+}  // namespace ConfSave::snapshots
