@@ -231,7 +231,7 @@ TEST_F(SaveFailure, OfTheInsertCountsAsSaved) {
   EXPECT_EQ(query("select count(*) from Config"), Rows{{"0"}});
 }
 
-TEST_F(SaveFailure, OfReadingTheTableCountsAsHoldingTheName) {
+TEST_F(SaveFailure, OfReadingTheTableCountsAsATakenName) {
   Database(database()).run("create table Config (a)");
   EXPECT_EQ(save("no\n"), Outcome(kQuestionNoVersion + "‹no›\nConfig is not overwritten.\n", false));
 }

@@ -40,7 +40,7 @@ TEST_F(FileTest, FailedAccessIsStatus19) {
 
 using ConfigDb = FileTest;
 
-TEST_F(ConfigDb, ExistsIfFiles30And31DoWithoutRegardToFile29) {
+TEST_F(ConfigDb, ExistsIfFiles30And31DoWhetherOrNotFile29Does) {
   touch({"config.db-journal", "config.idx"});
   EXPECT_FALSE(IsConfigDbExist(config_dir().c_str()));
   touch({"config.db"});

@@ -207,7 +207,7 @@ TEST_F(Gzip, FullDiskFailsWithEither) {
   }
 }
 
-TEST_F(Gzip, OneInTheEnvironmentIsRun) {
+TEST_F(Gzip, ProgramNamedInTheEnvironmentIsRun) {
   std::ofstream(dir + "/mine") << "#!/bin/sh\ntouch " << dir << "/called\nexec /usr/bin/gzip \"$@\"\n";
   std::filesystem::permissions(dir + "/mine", std::filesystem::perms::owner_all);
   setenv("KELMOR_GZIP", (dir + "/mine").c_str(), 1);
@@ -215,7 +215,7 @@ TEST_F(Gzip, OneInTheEnvironmentIsRun) {
   EXPECT_TRUE(std::filesystem::exists(dir + "/called"));
 }
 
-TEST_F(Gzip, MissingOneFails) {
+TEST_F(Gzip, MissingProgramFails) {
   setenv("KELMOR_GZIP", "/missing/gzip", 1);
   EXPECT_NE(my_system("cd %s/in && tar czf ../archive data 2>/dev/null", dir.c_str()), 0);
 }

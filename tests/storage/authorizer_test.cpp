@@ -150,8 +150,6 @@ struct AuthorizerTranscript : Gateway {
     }
     return {records(), database};
   }
-
-  StatementRecorder recorder;
 };
 
 TEST_F(AuthorizerTranscript, HostileNameIsARefusedStatement) {

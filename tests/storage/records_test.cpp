@@ -84,7 +84,6 @@ using UnopenedRecords = Gateway;
 TEST_F(UnopenedRecords, NothingExistsAndNothingIsDone) {
   make_configuration();
   setenv("KELMOR_DYNAMIC_DIR", (root() + "/missing").c_str(), 1);
-  const StatementRecorder recorder;
   Storage storage;
   EXPECT_FALSE(storage.opened);
   host.records.clear();

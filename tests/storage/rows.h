@@ -38,11 +38,6 @@ inline std::time_t next_second() {
 struct StorageOfConfiguration : OpenedStorage {
   StorageOfConfiguration() { make_configuration(); }
 
-  /// All rows: id, name, version, type, save_time, load_time.
-  Rows rows() const {
-    return query("select id, name, version, type, save_time, load_time from Config order by rowid");
-  }
-
   const Rows old_row{{"1", "weekly", "17264017408", "1", "1000", "NULL"}};
 };
 

@@ -84,7 +84,7 @@ TEST_F(StatementText, FindRows) {
 
 using SqlErrorReport = Gateway;
 
-TEST_F(SqlErrorReport, IsARecordOfLevel2AndAMissingTextIsLeftOut) {
+TEST_F(SqlErrorReport, HasLevel2AndLeavesOutAMissingText) {
   const ClUnilogFname function{"void f(int)", "f"};
   sql::report_error(function, "no such table: x", "select 1 from x", 1);
   sql::execute(nullptr, "commit", function);

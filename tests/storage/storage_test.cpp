@@ -9,9 +9,7 @@ using namespace test;
 
 const LogRecords kOpened{kTryTables, kTablesMade};
 
-struct StorageOpen : Gateway {
-  StatementRecorder recorder;
-};
+using StorageOpen = Gateway;
 
 TEST_F(StorageOpen, NewFileGetsTheTableAndIsLoggedBeforeAnythingThatCanWait) {
   Texts before_first_record = {"not recorded"};
@@ -49,8 +47,7 @@ TEST_F(StorageOpen, ExistingTableIsTheNormalCaseAndNothingIsWritten) {
   insert_row(database(), {"weekly"});
   const std::string before = read_file(database());
   const auto time = std::filesystem::last_write_time(database());
-  recorder.clear();
-  host.records.clear();
+  forget();
   const Storage storage;
   EXPECT_TRUE(storage.opened);
   EXPECT_EQ(recorder.statements(), Texts());
@@ -129,12 +126,7 @@ TEST_F(StorageOpen, BusyTimeoutIsTheLongestPossible) {
 const Function kBegin{"void ConfSave::Storage::Begin()", "Begin", "source/storage"};
 const Function kCommit{"void ConfSave::Storage::Commit()", "Commit", "source/storage"};
 
-struct StorageTransaction : StorageOpen {
-  void forget() {
-    host.records.clear();
-    recorder.clear();
-  }
-};
+using StorageTransaction = Gateway;
 
 TEST_F(StorageTransaction, BeginTakesTheExclusiveLockAndCommitReleasesIt) {
   Storage storage;

@@ -59,7 +59,7 @@ TEST_F(StorageLoad, RefusedStampIsOnlyLogged) {
 
 // The type decides which archives are unpacked
 
-TEST_F(StorageLoad, OfTheCorluTypeAnyEtcIsToleratedAndIgnored) {
+TEST_F(StorageLoad, AnyEtcOfTheCorluTypeIsToleratedAndIgnored) {
   struct Etc {
     const char* value;
     const char* code;
@@ -82,7 +82,7 @@ TEST_F(StorageLoad, OfTheCorluTypeAnyEtcIsToleratedAndIgnored) {
   }
 }
 
-TEST_F(StorageLoad, ArchivesAreTheBlobsAndOfTheCorluTypeEtcIsEmpty) {
+TEST_F(StorageLoad, ArchivesAreTheBlobsExceptForTheEtcOfTheCorluType) {
   put(row(1));
   EXPECT_EQ(load_and_keep_archives(), archives(keybase, etc));
   rearrange("update Config set type = 3");
@@ -104,7 +104,7 @@ TEST_F(StorageLoad, TypeIsReadAs32BitsAndUnknownTypesUnpackBothArchives) {
 
 // Several rows
 
-TEST_F(StorageLoad, OfSeveralRowsTheLastIsUsed) {
+TEST_F(StorageLoad, LastOfSeveralRowsIsUsed) {
   const Bytes other = make_archive(root(), "state");
   put_both(row(1), row(1, hex(other), "x'01'"));
   rearrange("update Config set id = rowid + 10");

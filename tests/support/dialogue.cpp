@@ -26,12 +26,6 @@ void Dialogue::expect_propagation(const std::string& function, const std::functi
   }
 }
 
-void Dialogue::forget() {
-  recorder.clear();
-  host.records.clear();
-  host.commands.clear();
-}
-
 void Dialogue::put_snapshot(const std::string& name, ConfSave::int64 version) {
   const std::string dir = root() + "/former/";
   std::filesystem::create_directories(dir + "user");
@@ -41,10 +35,6 @@ void Dialogue::put_snapshot(const std::string& name, ConfSave::int64 version) {
   const Bytes etc = make_archive(dir, "failover.ini");
   put({name, version, 1, "1000", "NULL", hex(keybase), hex(etc)});
   sizes = "sz0=" + std::to_string(keybase.size()) + ", sz1=" + std::to_string(etc.size());
-}
-
-Rows Dialogue::rows() const {
-  return query("select id, name, version, type, save_time, load_time from Config order by id");
 }
 
 Tree Dialogue::gateway() const {

@@ -41,15 +41,8 @@ struct Dialogue : Gateway {
   /// Checks that `call` prints nothing and propagates every exception of a record of `function`.
   void expect_propagation(const std::string& function, const std::function<void()>& call);
 
-  void forget();
-
   /// Stores a row with one file in each archive, named as in restored().
   void put_snapshot(const std::string& name = "weekly", ConfSave::int64 version = 0);
-
-  /// All rows: id, name, version, type, save_time, load_time.
-  Rows rows() const;
-
-  Texts statements() const { return without_now(recorder.statements()); }
 
   /// Every file, those of the failover directory included.
   Tree gateway() const;
@@ -60,7 +53,6 @@ struct Dialogue : Gateway {
   /// Throws from the command of this number, counted from 1. The others run.
   void fail_at(std::size_t number, const Raise& raise);
 
-  StatementRecorder recorder;
   std::string sizes;  ///< of the archives of the latest put_snapshot(), as the log shows them
 };
 

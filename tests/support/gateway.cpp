@@ -149,6 +149,12 @@ Texts Gateway::commands() const {
   return texts;
 }
 
+void Gateway::forget() {
+  recorder.clear();
+  host.records.clear();
+  host.commands.clear();
+}
+
 Rows Gateway::query(const std::string& sql) const {
   Rows rows = Database(database()).query(sql);
   for (Texts& row : rows) row = without_now(row);

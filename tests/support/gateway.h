@@ -80,13 +80,25 @@ struct Gateway : testing::Test {
   /// "<scratch>" for the name of a scratch directory.
   Texts commands() const;
 
+  /// The statements, with "<now>" for the time.
+  Texts statements() const { return without_now(recorder.statements()); }
+
+  /// Forgets the statements, log records and commands until now.
+  void forget();
+
   /// The result of a query of the test's own, with "<now>" for the time.
   Rows query(const std::string& sql) const;
+
+  /// All rows: id, name, version, type, save_time, load_time.
+  Rows rows() const {
+    return query("select id, name, version, type, save_time, load_time from Config order by rowid");
+  }
 
   /// The text with "<now>" for every time since the test began.
   virtual std::string without_now(std::string text) const;
   Texts without_now(Texts texts) const;
 
+  StatementRecorder recorder;
   const std::time_t started = std::time(nullptr);
 
  private:

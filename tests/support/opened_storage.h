@@ -31,12 +31,6 @@ struct OpenedStorage : Gateway {
     forget();
   }
 
-  void forget() {
-    recorder.clear();
-    host.records.clear();
-    host.commands.clear();
-  }
-
   /// Runs `sql` without the library, then opens the storage again.
   void rearrange(const std::string& sql) {
     storage.reset();
@@ -50,8 +44,6 @@ struct OpenedStorage : Gateway {
     sqlite3_exec(connection, "select * from sqlite_schema", nullptr, nullptr, nullptr);
     forget();
   }
-
-  Texts statements() const { return without_now(recorder.statements()); }
 
   /// Checks all that the library ran and logged since the latest forget().
   void expect_effects(const Texts& run, const Texts& executed, const LogRecords& logged) const {
@@ -68,18 +60,13 @@ struct OpenedStorage : Gateway {
       for (const LogRecord& record : expected) {
         if (record.level <= level) share.push_back(record);
       }
-      EXPECT_EQ(logged_at(level, call), share) << "at level " << level;
+      host.log_level = level;
+      host.records.clear();
+      call();
+      EXPECT_EQ(records(), share) << "at level " << level;
     }
   }
 
-  LogRecords logged_at(int level, const std::function<void()>& call) {
-    host.log_level = level;
-    host.records.clear();
-    call();
-    return records();
-  }
-
-  StatementRecorder recorder;
   std::optional<ConfSave::Storage> storage;
   sqlite3* connection = nullptr;
 };
