@@ -130,9 +130,11 @@ Error Notes::change(const Snapshot& snapshot, const std::function<void(Note&)>& 
   return in_transaction([&] { return read_and_replace(snapshot, change); });
 }
 
-Error Notes::replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest) {
+Error Notes::replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest,
+                              int64 replaced) {
   return in_transaction([&] {
-    Error error = replace(snapshot, note);
+    Error error = replaced != 0 ? remove(replaced) : Error{};
+    if (error.code == Code::ok) error = replace(snapshot, note);
     return error.code == Code::ok ? write_manifest(database_, snapshot, manifest) : error;
   });
 }
@@ -145,11 +147,13 @@ Result<std::optional<Manifest>> Notes::manifest(const Snapshot& snapshot) {
 }
 
 Error Notes::forget(int64 id) {
-  return in_transaction([&] {
-    Result<Statement> statement = database_.prepare("delete from note where id = ?");
-    if (!statement) return statement.error();
-    return statement->bind(id).run() ? delete_manifest(database_, id) : database_.error();
-  });
+  return in_transaction([&] { return remove(id); });
+}
+
+Error Notes::remove(int64 id) {
+  Result<Statement> statement = database_.prepare("delete from note where id = ?");
+  if (!statement) return statement.error();
+  return statement->bind(id).run() ? delete_manifest(database_, id) : database_.error();
 }
 
 Error Notes::read_and_replace(const Snapshot& snapshot, const std::function<void(Note&)>& change) {

@@ -36,8 +36,10 @@ class Notes {
   /// Lets `change` change the note of a row, durably. Nobody else changes it meanwhile.
   Error change(const Snapshot& snapshot, const std::function<void(Note&)>& change);
 
-  /// Replaces the note and the manifest of a row, both or neither, durably.
-  Error replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest);
+  /// Replaces the note and the manifest of a row, both or neither, durably. Forgets the row `replaced`, of
+  /// which `snapshot` took the place, unless it is 0.
+  Error replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest,
+                         int64 replaced = 0);
 
   /// The manifest that belongs to `snapshot`. No value if there is none, or not all of it.
   Result<std::optional<Manifest>> manifest(const Snapshot& snapshot);
@@ -59,6 +61,7 @@ class Notes {
   Error failure() const;
   Error read_and_replace(const Snapshot& snapshot, const std::function<void(Note&)>& change);
   Error replace(const Snapshot& snapshot, const Note& note);
+  Error remove(int64 id);
   Error in_transaction(const std::function<Error()>& change);
 
   Database database_;

@@ -169,10 +169,7 @@ class Saving {
   Error write_notes(const Note& note, const Manifest& manifest) {
     Result<Notes> notes = Notes::open_to_write(deadline_.left());
     if (!notes) return notes.error();
-    if (Error error = notes->replace_manifest(saved_.snapshot, note, manifest); error.code != Code::ok) {
-      return error;
-    }
-    return replaced_id_ != 0 ? notes->forget(replaced_id_) : Error{};
+    return notes->replace_manifest(saved_.snapshot, note, manifest, replaced_id_);
   }
 
   const Id& id_;
