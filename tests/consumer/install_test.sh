@@ -33,6 +33,36 @@ block embedding sh 2 >commands
 quietly sh -e commands
 LD_LIBRARY_PATH=$libraries ./host | lists pkg-config
 
+# The host of the typed library, which saves with a comment and prints what changed, is short.
+write_project "$work/typed" 3 2
+cd "$work/typed"
+[ "$(wc -l <host.cpp)" -lt 25 ] || complain 'the host of the typed library has 25 lines or more'
+filter=$KELMOR_CONFIG_PATH/user/filter.conf
+shows_changes() {
+    echo 'deny any' >"$filter"
+    changed=$("$2" 'before the new filter' "echo 'permit any' >'$filter'; rm /mnt/main/etc/failover.ini") ||
+        complain "the typed host built by $1 fails"
+    expect "what the typed host built by $1 prints" "/mnt/main/etc/failover.ini
+${KELMOR_CONFIG_PATH}user/filter.conf" "$changed"
+    expect "the comment of the typed host built by $1" 'before the new filter' \
+        "$(sqlite3 "$KELMOR_DYNAMIC_DIR/notes.db" 'select comment from note')"
+    expect "what the typed host built by $1 prints of no change" '' "$("$2" again true)"
+    echo 'permit established' >/mnt/main/etc/failover.ini
+    rm "$KELMOR_DYNAMIC_DIR/notes.db"
+}
+block embedding sh 1 | head -n 2 >commands
+quietly sh -e commands
+shows_changes CMake build/host
+block embedding sh 3 >commands
+quietly sh -e commands
+export LD_LIBRARY_PATH="$libraries"
+shows_changes pkg-config ./host
+unset LD_LIBRARY_PATH
+refused=$(build/host 2>&1) && complain 'the typed host accepts no arguments'
+expect 'what it prints then' '' "$refused"
+
 # A host needs no other headers than the installed ones.
-echo '#include <confsave.h>' | "$CXX" -std=c++17 -I"$prefix/include" -Wall -Wextra -pedantic -Werror \
-    -fsyntax-only -x c++ - || complain 'the installed header does not compile'
+for header in confsave.h confsave/snapshots.h; do
+    echo "#include <$header>" | "$CXX" -std=c++17 -I"$prefix/include" -Wall -Wextra -pedantic -Werror \
+        -fsyntax-only -x c++ - || complain "the installed $header does not compile"
+done
