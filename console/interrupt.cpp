@@ -31,7 +31,7 @@ void note_interrupt() { seen = 1; }
 
 void wait_for_typed_line() {
   if (isatty(STDIN_FILENO) == 0) return;
-  // An interrupt between a look at the flag and the wait would be missed, so it is held back until the wait.
+  // Held back until the wait: between the look at the flag and the wait it would be missed.
   sigset_t interrupt;
   sigset_t before;
   sigemptyset(&interrupt);

@@ -117,7 +117,8 @@ void Reserve::become_journal() {
   if (!file || fstat(file.get(), &status) != 0 || !is_whole(status)) return;
   // Only the first block says whether there is something to roll back.
   if (!share_as(file, storage_.file()) || !clear(file, 4096)) return;
-  std::rename(path.c_str(), journal_of(storage_.file()).c_str());
+  // If this fails, SQLite makes a journal of its own.
+  static_cast<void>(std::rename(path.c_str(), journal_of(storage_.file()).c_str()));
 }
 
 void Reserve::take_back() {
@@ -127,7 +128,7 @@ void Reserve::take_back() {
   // It has pages of the storage.
   if (file && clear(file, kSize) && ftruncate(file.get(), kSize) == 0 &&
       fchmod(file.get(), S_IRUSR | S_IWUSR) == 0) {
-    std::rename(path.c_str(), reserve_of(storage_.file()).c_str());
+    static_cast<void>(std::rename(path.c_str(), reserve_of(storage_.file()).c_str()));
   }
   storage_.run("rollback");
 }

@@ -174,16 +174,16 @@ class TreeReading {
   /// The file, link or directory with all below it, if it is there and may be read.
   Error add(int directory, const std::string& parent, const std::string& name) {
     const std::size_t depth = depth_;
+    const std::string path = base_ + (parent + name);
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
       Error error = add_once(directory, parent, name);
-      const bool unreadable = is_unreadable(error, base_ + parent + name);
+      const bool unreadable = is_unreadable(error, path);
       if (!unreadable && !is_gone(error.number)) return error;
       depth_ = depth;
       if (unreadable) return {};
-      members_.erase(base_ + parent + name);
+      members_.erase(path);
     }
-    return {Code::changed_meanwhile, 0, printable(base_ + parent + name),
-            "the file changes while it is read"};
+    return {Code::changed_meanwhile, 0, printable(path), "the file changes while it is read"};
   }
 
   /// Whether something else, or nothing, has come into the place of a file since it was looked at.

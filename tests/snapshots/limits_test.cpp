@@ -26,12 +26,6 @@ namespace fs = std::filesystem;
 /// How long a call takes, and by how much the memory of this process grows while it runs.
 class Meter {
  public:
-  Meter() {
-    // From here on the peak is counted anew, where the kernel can do that.
-    std::ofstream("/proc/self/clear_refs") << "5\n";
-    before_ = peak();
-  }
-
   milliseconds time() const {
     return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start_);
   }
@@ -48,7 +42,13 @@ class Meter {
     return kibibytes;
   }
 
-  long before_ = 0;
+  /// Counts the peak anew from here on, where the kernel can do that.
+  static long new_peak() {
+    std::ofstream("/proc/self/clear_refs") << "5\n";
+    return peak();
+  }
+
+  long before_ = new_peak();
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
