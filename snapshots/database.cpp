@@ -66,9 +66,13 @@ Statement& Statement::bind(const Digest& digest) {
 
 bool Statement::run() {
   const bool done = sqlite3_step(statement_.get()) == SQLITE_DONE;
+  reset();
+  return done;
+}
+
+void Statement::reset() {
   sqlite3_reset(statement_.get());
   bound_ = 0;
-  return done;
 }
 
 std::string Statement::text(int column) const {

@@ -33,6 +33,8 @@ class Statement {
 
   /// Runs a statement without a result, to be bound and run again.
   bool run();
+  /// Ends what step() began; the parameters can be bound again.
+  void reset();
 
   int type(int column) const { return sqlite3_column_type(statement_.get(), column); }
   int64 number(int column) const { return sqlite3_column_int64(statement_.get(), column); }

@@ -45,14 +45,19 @@ Differences merge(const std::map<std::string, Older>& older, const std::map<std:
     } else if (before == older.end() || after->first < before->first) {
       result.push_back(whole(member_of(after++->second), Change::added));
     } else {
-      const Difference difference = between(member_of(before++->second), member_of(after++->second));
-      if (differs(difference)) result.push_back(difference);
+      const auto difference = difference_between(member_of(before++->second), member_of(after++->second));
+      if (difference) result.push_back(*difference);
     }
   }
   return result;
 }
 
 }  // namespace
+
+std::optional<Difference> difference_between(const Member& older, const Member& newer) {
+  Difference difference = between(older, newer);
+  return differs(difference) ? std::optional<Difference>(std::move(difference)) : std::nullopt;
+}
 
 Differences differences(const std::map<std::string, Member>& older,
                         const std::map<std::string, Member>& newer) {

@@ -41,12 +41,16 @@ Error write_missing(Database& notes, int64 id, const std::vector<std::string>& m
   return {};
 }
 
-/// False if the row is not one that was written here.
-bool read_member(const Statement& row, std::map<std::string, LiveMember>& members) {
+constexpr const char* kMembers =
+    "select path, kind, mode, uid, gid, size, time, sha256, target, secret, device, inode, modified, "
+    "changed from member where manifest = ?";
+
+/// No value if the row is not one that was written here.
+std::optional<LiveMember> read_member(const Statement& row) {
   const std::optional<Digest> digest = row.digest(7);
   const int64 kind = row.number(1);
-  if (!digest || kind < 0 || kind > static_cast<int64>(Kind::hardlink)) return false;
-  LiveMember& live = members[row.text(0)];
+  if (!digest || kind < 0 || kind > static_cast<int64>(Kind::hardlink)) return {};
+  LiveMember live;
   live.member.path = row.text(0);
   live.member.kind = static_cast<Kind>(kind);
   live.member.mode = static_cast<std::uint32_t>(row.number(2));
@@ -62,21 +66,7 @@ bool read_member(const Statement& row, std::map<std::string, LiveMember>& member
   live.stamp.size = live.member.size;
   live.stamp.modified = row.number(12);
   live.stamp.changed = row.number(13);
-  return true;
-}
-
-/// Calls `read` for each row; false if it returned false.
-template <class Read>
-Result<bool> for_each_row(Database& notes, const char* text, int64 id, Read read) {
-  Result<Statement> statement = notes.prepare(text);
-  if (!statement) return statement.error();
-  statement->bind(id);
-  for (;;) {
-    const int code = statement->step();
-    if (code == SQLITE_DONE) return true;
-    if (code != SQLITE_ROW) return notes.error();
-    if (!read(*statement)) return false;
-  }
+  return live;
 }
 
 }  // namespace
@@ -96,33 +86,60 @@ Error write_manifest(Database& notes, const Snapshot& snapshot, const Manifest& 
   return error;
 }
 
-Result<std::optional<Manifest>> read_manifest(Database& notes, const Snapshot& snapshot) {
+Result<std::optional<ManifestReader>> ManifestReader::open(Database& notes, const Snapshot& snapshot) {
   Result<Statement> head = notes.prepare(
-      "select moment, members, missing from manifest where id = ? and saved = ? and keybase = ? and "
-      "etc = ?");
+      "select moment, members = (select count(*) from member where manifest = id) and "
+      "missing = (select count(*) from missing where manifest = id) "
+      "from manifest where id = ? and saved = ? and keybase = ? and etc = ?");
   if (!head) return head.error();
   head->bind(snapshot.id).bind(snapshot.config.save_time);
   head->bind(snapshot.keybase_size).bind(snapshot.etc_size);
   const int code = head->step();
-  if (code == SQLITE_DONE) return std::optional<Manifest>();
-  if (code != SQLITE_ROW) return notes.error();
-  Manifest manifest;
-  manifest.tree.moment = head->number(0);
-  const Result<bool> members = for_each_row(
-      notes,
-      "select path, kind, mode, uid, gid, size, time, sha256, target, secret, device, inode, modified, "
-      "changed from member where manifest = ?",
-      snapshot.id, [&](const Statement& row) { return read_member(row, manifest.tree.members); });
-  if (!members) return members.error();
-  const Result<bool> missing = for_each_row(notes, "select path from missing where manifest = ?",
-                                            snapshot.id, [&](const Statement& row) {
-                                              manifest.missing.push_back(row.text(0));
-                                              return true;
-                                            });
-  if (!missing) return missing.error();
-  const bool is_whole = *members && head->number(1) == static_cast<int64>(manifest.tree.members.size()) &&
-                        head->number(2) == static_cast<int64>(manifest.missing.size());
-  return is_whole ? std::optional<Manifest>(std::move(manifest)) : std::nullopt;
+  if (code != SQLITE_ROW && code != SQLITE_DONE) return notes.error();
+  if (code == SQLITE_DONE || head->number(1) == 0) return std::optional<ManifestReader>();
+  Result<Statement> find = notes.prepare(std::string(kMembers) + " and path = ?");
+  if (!find) return find.error();
+  return std::optional<ManifestReader>(
+      ManifestReader(notes, snapshot.id, head->number(0), std::move(*find)));
+}
+
+Error ManifestReader::damaged() const {
+  return {Code::damaged, 0, notes_->file(), "a row of a manifest has values that nobody wrote"};
+}
+
+Result<std::optional<LiveMember>> ManifestReader::find(const std::string& path) {
+  find_.reset();
+  const int code = find_.bind(id_).bind(path).step();
+  if (code == SQLITE_DONE) return std::optional<LiveMember>();
+  if (code != SQLITE_ROW) return notes_->error();
+  std::optional<LiveMember> member = read_member(find_);
+  if (!member) return damaged();
+  return member;
+}
+
+Error ManifestReader::for_each(const std::function<void(LiveMember)>& take) {
+  Result<Statement> rows = notes_->prepare(std::string(kMembers) + " order by path");
+  if (!rows) return rows.error();
+  rows->bind(id_);
+  for (int code = rows->step(); code != SQLITE_DONE; code = rows->step()) {
+    if (code != SQLITE_ROW) return notes_->error();
+    std::optional<LiveMember> member = read_member(*rows);
+    if (!member) return damaged();
+    take(std::move(*member));
+  }
+  return {};
+}
+
+Result<std::vector<std::string>> ManifestReader::missing() {
+  std::vector<std::string> paths;
+  Result<Statement> rows = notes_->prepare("select path from missing where manifest = ? order by path");
+  if (!rows) return rows.error();
+  rows->bind(id_);
+  for (int code = rows->step(); code != SQLITE_DONE; code = rows->step()) {
+    if (code != SQLITE_ROW) return notes_->error();
+    paths.push_back(rows->text(0));
+  }
+  return paths;
 }
 
 Error delete_manifest(Database& notes, int64 id) {

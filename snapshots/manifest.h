@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,9 +22,31 @@ extern const char* const kManifestTables;
 /// Replaces the manifest of `snapshot`. The caller has begun a transaction.
 Error write_manifest(Database& notes, const Snapshot& snapshot, const Manifest& manifest);
 
-/// No value if there is none that belongs to `snapshot`, or not all of it. The caller has begun a
-/// transaction.
-Result<std::optional<Manifest>> read_manifest(Database& notes, const Snapshot& snapshot);
+/// A manifest of the notes, read piece by piece. The caller has begun a transaction.
+class ManifestReader {
+ public:
+  /// No value if there is none that belongs to `snapshot`, or not all of it. `notes` must outlive the
+  /// reader.
+  static Result<std::optional<ManifestReader>> open(Database& notes, const Snapshot& snapshot);
+
+  int64 moment() const { return moment_; }
+  /// No value if the manifest does not have it.
+  Result<std::optional<LiveMember>> find(const std::string& path);
+  /// In the order of paths.
+  Error for_each(const std::function<void(LiveMember)>& take);
+  Result<std::vector<std::string>> missing();
+
+ private:
+  ManifestReader(Database& notes, int64 id, int64 moment, Statement find)
+      : notes_(&notes), id_(id), moment_(moment), find_(std::move(find)) {}
+
+  Error damaged() const;
+
+  Database* notes_;
+  int64 id_;
+  int64 moment_;
+  Statement find_;
+};
 
 /// Deletes the manifest of the row `id`. The caller has begun a transaction.
 Error delete_manifest(Database& notes, int64 id);

@@ -36,7 +36,7 @@ bool Secrets::contains(const std::string& path) const {
          });
 }
 
-EntryHandler MemberCollector::handler() {
+EntryHandler MemberReader::handler() {
   return {[this](const Entry& entry) {
             begin(entry);
             return Error{};
@@ -45,13 +45,10 @@ EntryHandler MemberCollector::handler() {
             sha256_.add(piece.data(), piece.size());
             return Error{};
           },
-          [this] {
-            end();
-            return Error{};
-          }};
+          [this] { return end(); }};
 }
 
-void MemberCollector::begin(const Entry& entry) {
+void MemberReader::begin(const Entry& entry) {
   current_ = {};
   current_.path = directory_ + entry.path;
   current_.kind = entry.kind;
@@ -68,17 +65,22 @@ void MemberCollector::begin(const Entry& entry) {
   if (entry.kind == Kind::hardlink) current_.target = directory_ + entry.target;
 }
 
-void MemberCollector::end() {
+Error MemberReader::end() {
   const Digest digest = sha256_.finish();
   if (current_.kind == Kind::file || current_.kind == Kind::symlink) current_.sha256 = digest;
-  if (current_.kind == Kind::hardlink) {
+  return take_(std::move(current_));
+}
+
+Error MemberCollector::add(Member member) {
+  if (member.kind == Kind::hardlink) {
     // The reader has seen to it that the file comes before its links.
-    const Member& file = members_.at(current_.target);
-    current_.size = file.size;
-    current_.sha256 = file.sha256;
-    current_.secret = current_.secret || file.secret;
+    const Member& file = members_.at(member.target);
+    member.size = file.size;
+    member.sha256 = file.sha256;
+    member.secret = member.secret || file.secret;
   }
-  members_[current_.path] = current_;
+  members_[member.path] = std::move(member);
+  return {};
 }
 
 }  // namespace ConfSave::snapshots

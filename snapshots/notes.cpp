@@ -140,10 +140,28 @@ Error Notes::replace_manifest(const Snapshot& snapshot, const Note& note, const 
 }
 
 Result<std::optional<Manifest>> Notes::manifest(const Snapshot& snapshot) {
-  if (Error error = database_.run("begin"); error.code != Code::ok) return error;
-  Result<std::optional<Manifest>> found = read_manifest(database_, snapshot);
-  database_.run("rollback");
-  return found;
+  Result<std::optional<ManifestReader>> reader = open_manifest(snapshot);
+  if (!reader) return reader.error();
+  if (!*reader) return std::optional<Manifest>();
+  Manifest manifest;
+  manifest.tree.moment = (*reader)->moment();
+  auto& members = manifest.tree.members;
+  Error error = (*reader)->for_each([&members](LiveMember live) {
+    std::string path = live.member.path;
+    members.emplace_hint(members.end(), std::move(path), std::move(live));
+  });
+  if (error.code != Code::ok) return error;
+  Result<std::vector<std::string>> missing = (*reader)->missing();
+  if (!missing) return missing.error();
+  manifest.missing = std::move(*missing);
+  return std::optional<Manifest>(std::move(manifest));
+}
+
+Result<std::optional<ManifestReader>> Notes::open_manifest(const Snapshot& snapshot) {
+  const bool has_begun = sqlite3_get_autocommit(database_.get()) == 0;
+  const Error error = has_begun ? Error{} : database_.run("begin");
+  if (error.code != Code::ok) return error;
+  return ManifestReader::open(database_, snapshot);
 }
 
 Error Notes::forget(int64 id) {

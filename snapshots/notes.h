@@ -41,7 +41,11 @@ class Notes {
   Error replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest,
                          int64 replaced = 0);
 
-  /// The manifest that belongs to `snapshot`. No value if there is none, or not all of it.
+  /// Reads the manifest that belongs to `snapshot`; no value if there is none, or not all of it. From now
+  /// on, and as long as this object lives, the notes are of one moment.
+  Result<std::optional<ManifestReader>> open_manifest(const Snapshot& snapshot);
+
+  /// The same, the manifest as a whole.
   Result<std::optional<Manifest>> manifest(const Snapshot& snapshot);
 
   /// Forgets everything about the row `id`, durably.

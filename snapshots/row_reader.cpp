@@ -19,8 +19,9 @@ Error not_found(const std::string& name) {
 namespace {
 
 Error find_rowid(OpenRow& row) {
-  Result<Statement> statement =
-      row.reader.database().prepare("select rowid from Config where id = ? and name = ? and version = ?");
+  Result<Statement> statement = row.reader.database().prepare(
+      "select rowid from Config where id = ? and cast(name as text) = ? and "
+      "ifnull(cast(version as integer), 0) = ?");
   if (!statement) return statement.error();
   statement->bind(row.snapshot.id).bind(row.snapshot.config.name).bind(row.snapshot.config.vers);
   const int code = statement->step();
@@ -28,6 +29,20 @@ Error find_rowid(OpenRow& row) {
   if (code != SQLITE_ROW) return row.reader.database().error();
   row.rowid = statement->number(0);
   return {};
+}
+
+/// Finds the row of `id` among those of `query`.
+Result<bool> find_snapshot(OpenRow& row, const Id& id, const Query& query) {
+  bool found = false;
+  Error error = row.reader.for_each(query, [&](Snapshot snapshot) {
+    // SQLite's glob ends at a NUL byte.
+    if (snapshot.config.name != id.name || snapshot.config.vers != id.version) return Error{};
+    row.snapshot = std::move(snapshot);
+    found = true;
+    return Error{};
+  });
+  if (error.code != Code::ok) return error;
+  return found;
 }
 
 }  // namespace
@@ -42,17 +57,13 @@ Result<OpenRow> open_row(const Id& id, const Deadline& deadline) {
   query.pattern = literally(id.name);
   query.version = id.version;
   query.corlu_config = true;
-  bool found = false;
-  Error error = row.reader.for_each(query, [&](Snapshot snapshot) {
-    // SQLite's glob ends at a NUL byte.
-    if (snapshot.config.name != id.name) return Error{};
-    row.snapshot = std::move(snapshot);
-    found = true;
-    return Error{};
-  });
-  if (error.code != Code::ok) return error;
-  if (!found) return not_found(id.name);
-  if (error = find_rowid(row); error.code != Code::ok) return error;
+  Result<bool> found = find_snapshot(row, id, query);
+  // A version that is no integer equals none, but is listed as one.
+  query.version.reset();
+  if (found && !*found) found = find_snapshot(row, id, query);
+  if (!found) return found.error();
+  if (!*found) return not_found(id.name);
+  if (Error error = find_rowid(row); error.code != Code::ok) return error;
   return row;
 }
 

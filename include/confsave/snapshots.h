@@ -179,14 +179,17 @@ struct Live {};
 /// Whether a snapshot can be restored.
 struct Verdict {
   enum class State {
-    intact,   ///< both archives can be decoded to the end, and every member can be restored
-    damaged,  ///< no: a row with values of the wrong type, an archive that ends early or fails its checksum
-    unsafe,   ///< no: a member that a restore must not follow
+    intact,    ///< yes: both archives can be decoded to the end, and hold what the manifest says
+    unproven,  ///< yes, as far as the archives can say; there is no manifest to compare them with
+    damaged,   ///< no: a row with values of the wrong type, an archive that ends early, fails its checksum,
+               ///< or differs from the manifest
+    unsafe,    ///< no: a member that a restore must not follow
   };
 
   Snapshot snapshot;
   State state = State::intact;
   std::vector<std::string> problems;  ///< a sentence each; empty if intact
+  std::vector<std::string> missing;   ///< absolute paths that the save did not find, or could not pack
 };
 
 /// For calls that only read.
@@ -219,7 +222,8 @@ CONFSAVE_API Error read_file(const Id& id, const std::string& path, const Sink& 
 CONFSAVE_API Result<Differences> compare(const Id& older, Live newer, const ReadOptions& options = {});
 CONFSAVE_API Result<Differences> compare(const Id& older, const Id& newer, const ReadOptions& options = {});
 
-/// Decodes both archives to the end and checks every member. Repairs nothing.
+/// Decodes both archives to the end, checks every member and compares it with the manifest. Repairs
+/// nothing.
 CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {});
 
 /// How to save.

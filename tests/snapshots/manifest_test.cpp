@@ -58,7 +58,8 @@ class ManifestTest : public Gateway {
 
   static std::optional<Manifest> stored(const std::string& name = "weekly") {
     auto notes = Notes::open(milliseconds(1000));
-    return *(*notes)->manifest(row(name));
+    auto manifest = (*notes)->manifest(row(name));
+    return manifest ? std::move(*manifest) : std::nullopt;
   }
 };
 

@@ -179,7 +179,7 @@ TEST_F(Reading, ADigestIsThatOfTheContent) {
 TEST_F(Reading, VerifySaysWhatIsWrong) {
   make_configuration();
   save("weekly");
-  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::intact);
+  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::unproven);
   const std::string whole = Database(database()).value("select hex(etc) from Config");
   const struct {
     std::string column, value, problem;
@@ -200,7 +200,7 @@ TEST_F(Reading, VerifySaysWhatIsWrong) {
     EXPECT_EQ(members({"weekly"}).error().code, Code::damaged) << c.problem;
   }
   replace("type", "3");
-  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::intact);
+  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::unproven);
 }
 
 TEST_F(Reading, ANameThatGoesOnAfterANulByteIsAnotherName) {
@@ -210,7 +210,7 @@ TEST_F(Reading, ANameThatGoesOnAfterANulByteIsAnotherName) {
       .run(
           "insert into Config (name, version, keybase, etc, type, save_time) "
           "select name || char(0) || 'x', version, x'00', x'00', type, save_time from Config");
-  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::intact);
+  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::unproven);
   Database(database()).run("delete from Config where name = 'weekly'");
   EXPECT_EQ(verify({"weekly"}).error().code, Code::not_found);
   EXPECT_EQ(pin({"weekly"}, true).code, Code::not_found);
@@ -225,7 +225,7 @@ TEST_F(Reading, ArchivesAreThoseOfTheRowWhereTheIdIsNotItsKey) {
                           "select 1, 'other', version, x'00', x'00', type, save_time from Config"}) {
     Database(database()).run(sql);
   }
-  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::intact);
+  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::unproven);
   EXPECT_EQ(verify({"other"})->state, Verdict::State::damaged);
 }
 
