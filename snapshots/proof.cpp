@@ -22,11 +22,6 @@ Error decode(const std::vector<char>& archive, Base base, std::map<std::string, 
   return {};
 }
 
-bool is_same(const Stamp& a, const Stamp& b) {
-  return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modified == b.modified &&
-         a.changed == b.changed;
-}
-
 /// One packing after another, each compared with the files that it packed.
 class Proving {
  public:

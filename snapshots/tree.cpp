@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <ctime>
-#include <limits>
 #include <vector>
 
 #include "snapshots/archive_path.h"
@@ -23,29 +21,6 @@ constexpr int kAttempts = 3;
 constexpr std::size_t kPiece = 128 << 10;
 /// Nanoseconds. File systems store times in steps of up to two seconds.
 constexpr int64 kCoarsestTick = 2000000000;
-
-/// A time that does not fit, beyond the year 2262, counts as the last one that does.
-int64 nanoseconds(const timespec& time) {
-  constexpr int64 kSecond = 1000000000;
-  constexpr int64 kLast = std::numeric_limits<int64>::max() / kSecond - 4;
-  return std::clamp<int64>(time.tv_sec, -kLast, kLast) * kSecond + time.tv_nsec;
-}
-
-int64 now() {
-  timespec time = {};
-  clock_gettime(CLOCK_REALTIME, &time);
-  return nanoseconds(time);
-}
-
-Stamp stamp_of(const struct stat& status) {
-  return {status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
-          nanoseconds(status.st_ctim)};
-}
-
-bool is_same(const Stamp& a, const Stamp& b) {
-  return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modified == b.modified &&
-         a.changed == b.changed;
-}
 
 /// What is known of files from a moment in the past.
 class Known {

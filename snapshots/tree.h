@@ -6,17 +6,9 @@
 
 #include "contents.h"
 #include "snapshots/limits.h"
+#include "snapshots/stamp.h"
 
 namespace ConfSave::snapshots {
-
-/// What changes whenever the content of a file does. Times are in nanoseconds since the epoch.
-struct Stamp {
-  std::uint64_t device = 0;
-  std::uint64_t inode = 0;
-  int64 size = 0;
-  int64 modified = 0;
-  int64 changed = 0;  ///< of the inode; only the clock sets it
-};
 
 /// A file of the live configuration.
 struct LiveMember {

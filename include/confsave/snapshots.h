@@ -1,6 +1,6 @@
 #pragma once
 
-// Typed access to the snapshots of ConfSave: what is stored, what is in it, and whether it can be restored.
+// Typed access to the snapshots of ConfSave: save one, know what is stored, see what changed.
 //
 //   #include <confsave/snapshots.h>
 //
@@ -11,10 +11,17 @@
 //   if (!all) return fail(all.error());
 //   for (const cs::Snapshot& snapshot : *all) std::cout << snapshot.config.name << '\n';
 //
-//   // The files of one.
-//   auto members = cs::members({"weekly"});
-//   if (!members) return fail(members.error());   // for example Code::not_found, Code::damaged
-//   for (const cs::Member& member : *members) std::cout << member.path << ' ' << member.size << '\n';
+//   // Save, with a comment.
+//   cs::SaveOptions options;
+//   options.comment = "before the change";
+//   auto saved = cs::save({"weekly"}, options);
+//   if (!saved) return fail(saved.error());   // for example Code::taken, Code::busy
+//   for (const std::string& path : saved->missing) std::cout << "not saved: " << path << '\n';
+//
+//   // What changed since.
+//   auto differences = cs::compare({"weekly"}, cs::Live());
+//   if (!differences) return fail(differences.error());   // for example Code::not_found, Code::damaged
+//   for (const cs::Difference& difference : *differences) std::cout << difference.path << '\n';
 //
 // Results. Every function returns a Result: a value, or an Error with a code, the path that it is about,
 // the system's error number, and a sentence. Nothing is printed, nothing is asked, and no exception
@@ -23,7 +30,8 @@
 // Waiting. A call waits for each lock of SQLite at most as long as the `wait` of its options says, and then
 // returns Code::busy.
 //
-// Memory. Archives are read as streams: memory does not grow with the size of a snapshot.
+// Memory. Archives are read as streams: memory does not grow with the size of a snapshot. Only save() holds
+// its packed archives, and SQLite a copy of them.
 //
 // Times are seconds since the epoch, of 64 bits. Versions are packed, see <confsave.h>. Paths of members
 // are absolute: where a restore puts them.
