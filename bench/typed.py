@@ -1,0 +1,122 @@
+"""Measures the second library: beside the first, beside git, and beside the work that it cannot avoid."""
+
+import functools
+import json
+import shutil
+import statistics
+
+from measuring import ETC, SIZES, note, quartiles, rounds_for, show, turn_about
+
+
+class Typed:
+    """The host of the second library, on the gateway of a Bench."""
+
+    def __init__(self, bench, build):
+        self.bench = bench
+        self.host = str(build / "bench/bench-typed")
+
+    def run(self, *words):
+        return self.bench.run(self.host, *words)
+
+    def figures(self, *words):
+        files = self.bench.root / "names"
+        live = [path for root in (self.bench.root / "config", ETC) for path in root.rglob("*")]
+        files.write_text("".join(f"{path}\n" for path in live if path.is_file()))
+        out = self.bench.root / "figures"
+        self.bench.run(self.host, *words, BENCH_FIGURES=str(out), BENCH_FILES=str(files))
+        return json.loads(out.read_text())
+
+    def seconds(self, *words):
+        return self.figures(*words)["all"]
+
+    def forget_notes(self):
+        for path in (self.bench.root / "state").glob("notes.db*"):
+            path.unlink()
+
+
+def saves(typed, rounds):
+    bench, rows = typed.bench, {}
+    for label, size in SIZES.items():
+        bench.make_configuration(size)
+        bench.clear("state")
+        rows[label] = turn_about(rounds_for(rounds, size), {
+            "confsave": lambda: bench.run(bench.host, "save", "weekly"),
+            "with proof": lambda: typed.run("save", "weekly")})
+    show("save with proof, over a row", rows, "confsave")
+
+
+def git_ways(bench):
+    shutil.rmtree(bench.root / "git", ignore_errors=True)
+    bench.run("git", "init", "-q", bench.root / "git", HOME=str(bench.root))
+    git = ["git", f"--git-dir={bench.root}/git/.git", f"--work-tree={bench.root}/config", "-c",
+           "user.name=x", "-c", "user.email=x@example.com", "-c", "core.fsync=all"]
+    run = functools.partial(bench.run, HOME=str(bench.root))
+    return {"git": lambda: (run(*git, "add", "-A") +
+                            run(*git, "commit", "-q", "--allow-empty", "-m", "x"))}
+
+
+def saves_if_changed(typed, rounds):
+    """A whole process, its start included."""
+    bench, rows = typed.bench, {}
+    for label, size in SIZES.items():
+        bench.make_configuration(size)
+        bench.clear("state")
+        typed.run("save", "weekly")
+        rows[label] = turn_about(rounds_for(rounds, size), {
+            **git_ways(bench),
+            "confsave": lambda: typed.run("save-if-changed", "weekly")})
+    show("save if changed, nothing changed", rows, "git")
+
+
+def comparisons(typed, rounds):
+    """Within the process: the start and the end are not the library's."""
+    rows = {}
+    for label, size in SIZES.items():
+        typed.bench.make_configuration(size)
+        typed.bench.clear("state")
+        typed.run("save", "weekly")
+        count = rounds_for(rounds, size)
+        with_manifest = [typed.seconds("diff", "weekly") for _ in range(count)]
+        typed.forget_notes()
+        ways = turn_about(count, {"decode and read": lambda: typed.seconds("decode", "weekly"),
+                                  "without manifest": lambda: typed.seconds("diff", "weekly")})
+        rows[label] = {**ways, "with manifest": quartiles(with_manifest)}
+        note(f"diff of {label}, unchanged, with a manifest",
+             f"{statistics.median(with_manifest) * 1000:.1f} ms")
+    show("diff, nothing changed", rows, "decode and read")
+
+
+def verifications(typed, rounds):
+    typed.bench.make_configuration(SIZES["50 MiB"])
+    typed.bench.clear("state")
+    typed.run("save", "weekly")
+    figures = [typed.figures("verify", "weekly") for _ in range(rounds)]
+    seconds = statistics.median(f["all"] for f in figures)
+    note("verify of 50 MiB", f"{figures[0]['bytes'] / seconds / 1e6:,.0f} MB of unpacked data a second")
+
+
+def memory(typed):
+    """Beyond a process that only opens the storage."""
+    grown = {}
+    for label in ("200 KiB", "50 MiB"):
+        typed.bench.make_configuration(SIZES[label])
+        typed.bench.clear("state")
+        typed.run("save", "weekly")
+        opened = typed.figures("open")["peak"]
+        for verb in ("show", "diff", "verify", "save"):
+            typed.forget_notes()
+            grown.setdefault(verb, []).append((typed.figures(verb, "weekly")["peak"] - opened) / 1024)
+    for verb, (small, large) in grown.items():
+        note(f"peak memory of {verb} beyond an opened storage",
+             f"{small:.1f} MiB at 200 KiB, {large:.1f} MiB at 50 MiB")
+    packed = sum(path.stat().st_size for path in (typed.bench.root / "state").glob("storage.db"))
+    note("storage of 50 MiB, packed", f"{packed / (1 << 20):.1f} MiB")
+
+
+def measure(bench, build, rounds):
+    typed = Typed(bench, build)
+    saves(typed, rounds)
+    saves_if_changed(typed, rounds)
+    comparisons(typed, rounds)
+    verifications(typed, rounds)
+    memory(typed)
