@@ -4,7 +4,8 @@
     seeded.py [--short] [BUG...]
 
 Each tests/faults/seeded/BUG.patch is applied to a copy of the tree, alone; it is built, and the
-campaigns that its first line names run in their short forms, one with ":full" behind it in full. Each must
+campaigns that its first line names run in their short forms, one with ":full" behind it in full;
+"snapshots-tests" are the tests of the second library. Each must
 fail. First all of these must pass without a bug. Prints a line for each bug, and the table bug x campaign.
 --short: all patches apply, and the bugs of SHORT are noticed.
 """
@@ -62,8 +63,10 @@ def run(tree, campaign):
         command = [tree / f"tests/faults/{campaign}.py", tree / "build/tests/operate"]
     if form:
         command.append(f"--{form}")
+    # One failed test is enough.
     result = subprocess.run([tree / "script/lib/sandbox", *command], check=False, text=True,
-                            errors="replace", stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+                            env={**os.environ, "GTEST_FAIL_FAST": "1"}, errors="replace",
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return result.returncode, (result.stdout.strip().split("\n") or [""])[-1]
 
 
