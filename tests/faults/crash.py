@@ -3,11 +3,12 @@
 
     crash.py OPERATE [--full] [--seed=N]
 
-The system calls of one overwrite on the state directory are recorded, of a small snapshot and of one that
-SQLite's cache does not hold. A state after a power cut is what a prefix of them leaves: whatever a sync
-covered is there, and of the rest an arbitrary part, a write maybe torn at a sector. In each state the
-library lists and loads first, then the program, each from a copy of its own: both find the old snapshot or
-both the new one, whole. Only then the database itself is looked at.
+The system calls of one overwrite, by either library, on the state directory are recorded, of a small
+snapshot and of one that SQLite's cache does not hold. A state after a power cut is what a prefix of them
+leaves: whatever a sync covered is there, and of the rest an arbitrary part, a write maybe torn at a
+sector. In each state the library lists and loads first, then the program, each from a copy of its own:
+both find the old snapshot or both the new one, whole. Only then the database itself is looked at, and
+the second library verifies all.
 """
 
 import hashlib
@@ -25,10 +26,10 @@ def unescape(text):
     return text.encode("latin-1").decode("unicode_escape").encode("latin-1")
 
 
-def record(gateway):
+def record(gateway, verb):
     """The calls on files of the state directory: (kind, file, ...), in order."""
     trace = gateway.root / "trace"
-    gateway.do("save", "weekly",
+    gateway.do(verb, "weekly",
                prefix=["strace", "-e", f"trace={CALLS}", "-xx", "-s", "100000000", "-o", str(trace)])
     names, calls = {}, []
     for line in trace.read_text("latin-1").splitlines():
@@ -136,16 +137,16 @@ class Disk:
 class Overwrite:
     """The power cuts in one overwrite."""
 
-    def __init__(self, gateway, size):
+    def __init__(self, gateway, verb, size):
         gateway.write_configuration("old", 8000)
-        gateway.do("save", "kept")
-        gateway.do("save", "weekly")
+        gateway.do(verb, "kept")
+        gateway.do(verb, "weekly")
         self.gateway = gateway
         self.disk = Disk(gateway.state)
         old, new = gateway.expected_files("old", 8000), gateway.expected_files("new", size)
         self.expected = {"kept": [old], "weekly": [old, new]}
         gateway.write_configuration("new", size)
-        self.calls = record(gateway)
+        self.calls = record(gateway, verb)
         require(any(call[0] == "sync" for call in self.calls), "nothing was synced")
         self.seen, self.states, self.found, self.hot = set(), 0, [0, 0], 0
 
@@ -174,6 +175,7 @@ class Overwrite:
         self.hot += has_hot_journal(state)
         try:
             stored = require_stored(self.gateway, self.expected, ["weekly"], state=state)
+            self.gateway.do("typed-verify", prefix=["env", f"KELMOR_DYNAMIC_DIR={state}"])
         except Exception as failure:
             raise type(failure)(f"after call {position} of {len(self.calls)}: {failure}") from failure
         self.found[self.expected["weekly"].index(stored["weekly"])] += 1
@@ -188,14 +190,16 @@ class Overwrite:
 
 def campaign(program, full, source):
     figures = []
-    for size, wanted, share in ((12000, 6000 if full else 150, 1.0 if full else 0.2),
-                                (300000, 300 if full else 12, 0.02 if full else 0.002)):
+    for verb, size, wanted, share in (
+            ("save", 12000, 6000 if full else 150, 1.0 if full else 0.2),
+            ("save", 300000, 300 if full else 12, 0.02 if full else 0.002),
+            ("typed-save", 12000, 3000 if full else 80, 1.0 if full else 0.1)):
         with Gateway(program) as gateway:
-            overwrite = Overwrite(gateway, size)
+            overwrite = Overwrite(gateway, verb, size)
             overwrite.states_along(source, (0.0, 1.0), share)
             while overwrite.states < wanted:
                 overwrite.states_along(source, (source.choice([0.2, 0.5, 0.8, 0.95]),), share)
-            figures.append(f"{size * 12 // 1000} kB: {overwrite.figures()}")
+            figures.append(f"{verb}, {size * 12 // 1000} kB: {overwrite.figures()}")
     return "; ".join(figures)
 
 

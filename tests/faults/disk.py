@@ -64,7 +64,7 @@ def sizes(gateway, full, source):
         try:
             (small / "storage.db").write_bytes((gateway.root / "kept" / "storage.db").read_bytes())
             gateway.state, gateway.database = small, small / "storage.db"
-            _, output = gateway.run("save", "weekly")
+            _, output = gateway.run(("save", "typed-save")[size % 2], "weekly")
             gateway.require_integrity()
             rows = gateway.query("select name, keybase, etc from Config order by name")
             require([row[0] for row in rows] == ["kept", "weekly"], size, "rows are lost:", output)
@@ -80,12 +80,13 @@ def sizes(gateway, full, source):
     return len(chosen)
 
 
-SORTS = ["storage.db", "journal", "archive", "configuration"]
+SORTS = ["storage.db", "journal", "notes", "archive", "configuration"]
 
 
 def sort_of(gateway, line):
     """Which file a traced call is about."""
     for sort, path in (("journal", f"{gateway.database}-journal"), ("storage.db", gateway.database),
+                       ("notes", f"{gateway.state}/notes.db"),
                        ("archive", f"{gateway.temp}/"), ("configuration", f"{gateway.config}"),
                        ("configuration", f"{ETC}")):
         if str(path) in line.split(" = ")[0]:
@@ -179,8 +180,8 @@ def system_calls(gateway, full, source):
         traced = " ".join(tracer(gateway, "-f", *words))
         return ["env", f"PATH={path}:/usr/bin:/bin", f"TRACER={traced}"]
 
-    save, load = ["save", "weekly"], ["load", "weekly"]
-    for words, prefix in ((save, of_host), (save, of_tar), (load, of_host)):
+    save, load, typed = ["save", "weekly"], ["load", "weekly"], ["typed-save", "weekly"]
+    for words, prefix in ((save, of_host), (save, of_tar), (load, of_host), (typed, of_host)):
         calls = calls_on_files(gateway, words, prefix)
         require(calls, words, "has no calls on files")
         if not full:

@@ -15,7 +15,7 @@ import time
 from gateway import Gateway, has_hot_journal, main, require
 from stored import require_stored
 
-# Verb, its arguments, what is typed, and whether the row that it overwrites has a window without one.
+# Verb, its arguments, what is typed, and whether the row that it is about may be gone afterwards.
 OPERATIONS = [
     ("save", ["fresh"], "", False),
     ("save", ["weekly"], "", False),
@@ -25,6 +25,9 @@ OPERATIONS = [
     ("app-load", ["daily"], "n\nYes, do as I say\n", False),
     ("app-load", ["daily"], "\nbefore\n", False),
     ("app-del", ["nothing"], "", False),
+    ("typed-save", ["fresh"], "", False),
+    ("typed-save", ["weekly"], "", False),
+    ("typed-remove", ["spare"], "", True),
 ]
 
 
@@ -34,7 +37,7 @@ SIZE = 3000
 
 def prepare(gateway):
     gateway.write_configuration("old", SIZE)
-    for name in ("kept", "weekly"):
+    for name in ("kept", "weekly", "spare"):
         gateway.do("save", name)
     for name in ("daily", "steady"):
         gateway.do("app-save", name)
@@ -46,13 +49,16 @@ def prepare(gateway):
 def check(gateway, window):
     old, new = gateway.expected_files("old", SIZE), gateway.expected_files("new", SIZE)
     require_stored(gateway, {"kept": [old], "weekly": [old, new], "steady": [old], "daily": [old, new],
+                            "spare": [old],
                             "fresh": [new], "before": [new], "autosave*": [old, new]},
                            names=["weekly"],
-                           may_be_missing=["fresh", "before"] + (["daily"] if window else []))
+                           may_be_missing=["fresh", "before"] + (["daily", "spare"] if window else []))
     rows = gateway.query("select count(*) from Config where name like 'autosave%'")
     require(rows[0][0] >= 1, "an autosave is lost")
+    gateway.do("typed-verify")
     gateway.do("save", "next")
     gateway.require_loads("next", "new", size=SIZE)
+    gateway.do("typed-save", "next")
 
 
 def strike(gateway, operation, process, window):
@@ -95,7 +101,7 @@ def at_steps(gateway, full, source):
 def at_system_calls(gateway, full, source):
     """The host alone, just before one of the calls by which SQLite writes. Kills, and hot journals."""
     kills = hot = 0
-    for verb, words, typed, window in OPERATIONS if full else OPERATIONS[1:2]:
+    for verb, words, typed, window in OPERATIONS if full else (OPERATIONS[1], OPERATIONS[-2]):
         for call in ("pwrite64", "fdatasync", "unlink"):
             number = 0
             while True:

@@ -21,6 +21,7 @@
 // prints a line for each row and a last one with a dot.
 
 #include <confsave.h>
+#include <confsave/snapshots.h>
 #include <dlfcn.h>
 #include <kelmor/log.h>
 #include <kelmor/system.h>
@@ -203,7 +204,41 @@ void repeat(const Arguments& arguments, const std::function<void(const std::stri
   for (int i = 0, count = std::stoi(arguments.at(1)); i < count; ++i) operation(std::to_string(i));
 }
 
+// The second library -----------------------------------------------------------------------------------
+
+void demand(const snapshots::Error& error) {
+  if (error.code != snapshots::Code::ok) {
+    throw std::runtime_error("code " + std::to_string(static_cast<int>(error.code)) + " " + error.path +
+                             ": " + error.text);
+  }
+}
+
+void typed_save(const std::string& name) {
+  snapshots::SaveOptions options;
+  options.overwrite = true;
+  options.comment = "by operate";
+  const auto saved = snapshots::save({name}, options);
+  if (!saved) demand(saved.error());
+  demand_row(name, CURRENT_VERSION);
+}
+
+/// Each snapshot can be restored, and is what its manifest says if it has one.
+void typed_verify() {
+  const auto all = snapshots::list();
+  if (!all) demand(all.error());
+  for (const snapshots::Snapshot& snapshot : *all) {
+    const auto verdict = snapshots::verify({snapshot.config.name, snapshot.config.vers});
+    if (!verdict) demand(verdict.error());
+    for (const std::string& problem : verdict->problems) {
+      throw std::runtime_error(snapshot.config.name + ": " + problem);
+    }
+  }
+}
+
 const std::map<std::string, std::function<void(const Arguments&)>> kVerbs{
+    {"typed-save", [](const Arguments& a) { typed_save(a.at(0)); }},
+    {"typed-remove", [](const Arguments& a) { demand(snapshots::remove({a.at(0)})); }},
+    {"typed-verify", [](const Arguments&) { typed_verify(); }},
     {"save",
      [](const Arguments& a) {
        answer(save(a.at(0), conf_full, 0, true));
