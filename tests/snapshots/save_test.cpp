@@ -257,12 +257,13 @@ TEST_F(Save, FixedPathsThatAreGoneAreMissing) {
   for (const bool by_the_contract : {true, false}) {
     shell("rm -rf " + config_dir() + "* " + etc_dir() + "* " + state_dir() + "/*");
     make_configuration();
+    write_file(config("gw*"), "the name is a pattern, and no fixed path");
     if (by_the_contract) {
       ASSERT_TRUE(ConfSave::save("before", ConfSave::conf_full, 0, true));
     } else {
       saved("before");
     }
-    shell("cd " + config_dir() + " && rm hub/key station user/filter.conf gw1.conf " + etc_dir() +
+    shell("cd " + config_dir() + " && rm hub/key station user/filter.conf gw1.conf 'gw*' " + etc_dir() +
           "failover.ini");
     const Saved result = saved("weekly");
     EXPECT_EQ(result.missing, gone);
