@@ -279,6 +279,15 @@ const std::vector<Entry>& entries() {
            ending.add(std::to_string(found.snapshots));
          });
        }},
+      {"save",
+       kRow,
+       [](Ending& ending) {
+         SaveOptions options;
+         options.overwrite = true;
+         tell(ending, ConfSave::snapshots::save({"daily"}, options),
+              [&](const Saved& saved) { ending.add(std::to_string(static_cast<int>(saved.outcome))); });
+       },
+       {"daily", ConfSave::CURRENT_VERSION}},
       {"remove",
        kRow,
        [](Ending& ending) { tell(ending, ConfSave::snapshots::remove({"daily"})); },
@@ -338,6 +347,9 @@ void check_rows(const Entry& entry, long number, const Ending& ending) {
     const bool same =
         found != rows.end() && found->second.keybase == old.keybase && found->second.etc == old.etc;
     const bool may_change = entry.changes == kRow && key == entry.row;
+    if (!same && found != rows.end()) {
+      require(gateway->is_new(found->second), entry, number, "the row '" + key.first + "' is not whole");
+    }
     require(same || may_change, entry, number, "the row '" + key.first + "' is not what it was");
     require(!same || !may_change || !ending.is_value, entry, number, "nothing was done");
   }
@@ -347,6 +359,7 @@ void check(const Entry& entry, long number, const Ending& ending) {
   require(!ending.is_value || std::strcmp(ending.text, undisturbed.text) == 0, entry, number,
           std::string("answers something else: ") + ending.text);
   require(ending.is_value || is_clear(ending), entry, number, std::string("says: ") + ending.text);
+  require(fs::is_empty(gateway->root() / "temp"), entry, number, "a temporary file stays");
   require(gateway->open_files() == 0, entry, number, "a file stays open");
   require(gateway->lock_is_free(), entry, number, "the lock stays held");
   require(gateway->is_sound(), entry, number, "the storage is damaged");

@@ -43,7 +43,7 @@ Query query_of(const std::string& pattern) {
 }
 
 /// The entry points that have the same answer to a state.
-enum Group { kList, kFind, kArchives, kNotes, kGroups };
+enum Group { kList, kFind, kArchives, kNotes, kSave, kRemove, kGroups };
 
 struct EntryPoint {
   const char* name;
@@ -69,6 +69,19 @@ const std::vector<EntryPoint>& entry_points() {
        }},
       {"note", kNotes, [] { return note({"weekly"}, "x", changing()); }},
       {"pin", kNotes, [] { return pin({"weekly"}, true, changing()); }},
+      {"status", kList, [] { return error_of(status(reading())); }},
+      {"save", kSave,
+       [] {
+         SaveOptions options;
+         options.wait = kWait;
+         return error_of(ConfSave::snapshots::save({"new"}, options));
+       }},
+      {"remove", kRemove,
+       [] {
+         RemoveOptions options;
+         options.wait = kWait;
+         return ConfSave::snapshots::remove({"daily"}, options);
+       }},
   };
   return all;
 }
@@ -125,8 +138,8 @@ class BadStorage : public Gateway, public testing::WithParamInterface<State> {
   void fill_the_disk() {
     const std::string copy = root() + "/copy";
     mount("mkdir " + copy + " && cp " + state_dir() + "/* " + copy +
-          " && mount -t tmpfs -o size=200k tmpfs " + state_dir() + " && cp " + copy + "/* " + state_dir() +
-          " && ! cat /dev/zero >" + state_dir() + "/filler 2>/dev/null");
+          " && mount -t tmpfs -o size=2m tmpfs " + state_dir() + " && cp --sparse=never " + copy + "/* " +
+          state_dir() + " && ! cat /dev/zero >" + state_dir() + "/filler 2>/dev/null");
   }
 
   void lock(const std::string& name) { holder_.emplace(state_dir() + "/" + name, 60000); }
@@ -154,49 +167,52 @@ constexpr Code no_storage = Code::no_storage;
 constexpr Code damaged = Code::damaged;
 
 const State kStates[] = {
-    // State; then what list, find and verify, the readers of archives, and the writers of notes answer.
-    {"Sound", [](BadStorage&) {}, {ok, ok, ok, ok}},
-    {"NoFile", [](BadStorage& s) { s.in_state("rm storage.db"); }, {ok, not_found, not_found, not_found}},
+    // State; then what list and status, find and verify, the readers of archives, the writers of notes,
+    // save, and remove answer.
+    {"Sound", [](BadStorage&) {}, {ok, ok, ok, ok, ok, ok}},
+    {"NoFile",
+     [](BadStorage& s) { s.in_state("rm storage.db"); },
+     {ok, not_found, not_found, not_found, ok, not_found}},
     {"NoDirectory",
      [](BadStorage& s) { s.in_state("rm -r ../state"); },
-     {no_storage, no_storage, no_storage, no_storage}},
-    {"EmptyFile", [](BadStorage& s) { s.write(""); }, {ok, not_found, not_found, not_found}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
+    {"EmptyFile", [](BadStorage& s) { s.write(""); }, {ok, not_found, not_found, not_found, ok, not_found}},
     {"Directory",
      [](BadStorage& s) { s.in_state("rm storage.db && mkdir storage.db"); },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"Fifo",
      [](BadStorage& s) { s.in_state("rm storage.db && mkfifo storage.db"); },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"DeadLink",
      [](BadStorage& s) { s.in_state("rm storage.db && ln -s storage.db storage.db"); },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"Text",
      [](BadStorage& s) { s.write(std::string(5000, 'x')); },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"HeaderAlone",
      [](BadStorage& s) { s.write(read_file(s.database()).substr(0, 100)); },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"AnotherTable",
      [](BadStorage& s) { s.forge({"create table other (x)"}); },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"ForeignColumns",
      [](BadStorage& s) { s.forge({"create table Config (x)"}); },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"View",
      [](BadStorage& s) {
        s.forge({"create table t (id)", "create view Config as select * from t"});
      },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"EndlessView",
      [](BadStorage& s) {
        s.forge(
            {"create view Config as with recursive n(i) as (select 1 union all select i+1 from n) "
             "select i id, i name, i version, i keybase, i etc, i type, i save_time, i load_time from n"});
      },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"VirtualTable",
      [](BadStorage& s) { s.forge({"create virtual table Config using fts5(name, version)"}); },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"GeneratedColumns",
      [](BadStorage& s) {
        s.forge(
@@ -204,66 +220,84 @@ const State kStates[] = {
             "load_time, name as (hex(zeroblob(300000000))))",
             "insert into Config (id) values (1)"});
      },
-     {no_storage, no_storage, no_storage, no_storage}},
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"Locked",
      [](BadStorage& s) { s.lock("storage.db"); },
-     {Code::busy, Code::busy, Code::busy, Code::busy}},
-    {"ReadOnly", [](BadStorage& s) { s.make_read_only(); }, {ok, ok, ok, Code::denied}},
-    {"FullDisk", [](BadStorage& s) { s.fill_the_disk(); }, {ok, ok, ok, Code::no_space}},
+     {Code::busy, Code::busy, Code::busy, Code::busy, Code::busy, Code::busy}},
+    {"ReadOnly",
+     [](BadStorage& s) { s.make_read_only(); },
+     {ok, ok, ok, Code::denied, Code::denied, Code::denied}},
+    {"FullDisk",
+     [](BadStorage& s) { s.fill_the_disk(); },
+     {ok, ok, ok, Code::no_space, Code::no_space, Code::no_space}},
+    {"FullDiskWithAReserve",
+     [](BadStorage& s) {
+       s.make_notes();
+       s.fill_the_disk();
+     },
+     {ok, ok, ok, Code::no_space, Code::no_space, ok}},
     {"NotesLocked",
      [](BadStorage& s) {
        s.make_notes();
        s.lock("notes.db");
      },
-     {ok, ok, ok, Code::busy}},
+     {ok, ok, ok, Code::busy, ok, Code::busy}},
     {"NotesAreText",
      [](BadStorage& s) { write_file(s.notes_file(), std::string(5000, 'x')); },
-     {ok, ok, ok, no_storage}},
+     {ok, ok, ok, no_storage, ok, no_storage}},
     {"NotesTruncated",
      [](BadStorage& s) {
        s.make_notes();
        write_file(s.notes_file(), read_file(s.notes_file()).substr(0, 5000));
      },
-     {ok, ok, ok, damaged}},
+     {ok, ok, ok, damaged, ok, damaged}},
     {"NotesNewer",
      [](BadStorage& s) {
        s.make_notes();
        Database(s.notes_file()).run("pragma user_version = 1000");
      },
-     {ok, ok, ok, Code::newer}},
+     {ok, ok, ok, Code::newer, ok, Code::newer}},
     {"NotesOfAnotherShape",
      [](BadStorage& s) {
        s.make_notes();
        Database(s.notes_file()).run("drop table note");
        Database(s.notes_file()).run("create table note (x)");
      },
-     {ok, ok, ok, no_storage}},
+     {ok, ok, ok, no_storage, ok, no_storage}},
     {"NotesAreAView",
      [](BadStorage& s) {
        s.make_notes();
        Database(s.notes_file()).run("alter table note rename to was");
        Database(s.notes_file()).run("create view note as select * from was");
      },
-     {ok, ok, ok, no_storage}},
-    {"NotesAreADirectory", [](BadStorage& s) { s.in_state("mkdir notes.db"); }, {ok, ok, ok, Code::failed}},
-    {"NotesAreAFifo", [](BadStorage& s) { s.in_state("mkfifo notes.db"); }, {ok, ok, ok, no_storage}},
+     {ok, ok, ok, no_storage, ok, no_storage}},
+    {"NotesAreADirectory",
+     [](BadStorage& s) { s.in_state("mkdir notes.db"); },
+     {ok, ok, ok, Code::failed, ok, no_storage}},
+    {"NotesAreAFifo",
+     [](BadStorage& s) { s.in_state("mkfifo notes.db"); },
+     {ok, ok, ok, no_storage, ok, no_storage}},
     {"NotesAreALink",
      [](BadStorage& s) { s.in_state("ln -s /etc/passwd notes.db"); },
-     {ok, ok, ok, Code::failed}},
+     {ok, ok, ok, Code::failed, ok, no_storage}},
     {"NameIsABlob",
      [](BadStorage& s) { s.run("update Config set name = cast(name as blob)"); },
-     {ok, not_found, not_found, not_found}},
-    {"TypeIsText", [](BadStorage& s) { s.run("update Config set type = 'full'"); }, {ok, ok, ok, ok}},
+     {ok, not_found, not_found, not_found, ok, not_found}},
+    {"TypeIsText",
+     [](BadStorage& s) { s.run("update Config set type = 'full'"); },
+     {ok, ok, ok, ok, ok, ok}},
     {"TimesAreText",
      [](BadStorage& s) { s.run("update Config set save_time = 'then', load_time = x'00ff'"); },
-     {ok, ok, ok, ok}},
+     {ok, ok, ok, ok, ok, ok}},
     {"ArchiveIsNull",
      [](BadStorage& s) { s.run("update Config set keybase = null"); },
-     {ok, ok, damaged, ok}},
+     {ok, ok, damaged, ok, ok, ok}},
     {"ArchiveIsText",
      [](BadStorage& s) { s.run("update Config set etc = cast(etc as text)"); },
-     {ok, ok, damaged, ok}},
-    {"ArchiveIsANumber", [](BadStorage& s) { s.run("update Config set etc = 5"); }, {ok, ok, damaged, ok}},
+     {ok, ok, damaged, ok, ok, ok}},
+    {"ArchiveIsANumber",
+     [](BadStorage& s) { s.run("update Config set etc = 5"); },
+     {ok, ok, damaged, ok, ok, ok}},
 };
 
 TEST_P(BadStorage, IsAnsweredInTime) {
