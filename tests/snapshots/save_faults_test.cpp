@@ -255,6 +255,12 @@ TEST_F(SaveFaults, NoLockOfTheStorageIsHeldWhileFilesArePacked) {
   EXPECT_EQ(packings, 1);
 }
 
+TEST_F(SaveFaults, ARowThatAHostOfTheContractStoresMeanwhileStays) {
+  after_packing([this](int) { put({"weekly", kCurrent}); });
+  EXPECT_EQ(code("weekly"), Code::taken);
+  EXPECT_EQ(query("select save_time from Config"), Rows{{"1000"}});
+}
+
 // Storages and notes
 
 TEST_F(SaveFaults, WhatIsNoStorageStaysAsItIs) {
