@@ -14,18 +14,19 @@ namespace {
 /// Changes the note of one row within one transaction.
 template <class Change>
 Error change_note(const Id& id, const ChangeOptions& options, Change change) {
+  const Deadline deadline(options.wait);
   Query query;
   query.pattern = literally(id.name);
   query.version = id.version;
   query.corlu_config = true;
-  query.wait = options.wait;
+  query.wait = deadline.left();
   const Result<Snapshot> row = find(query);
   if (!row) return row.error();
   // SQLite's glob ends at a NUL byte.
   if (row->config.name != id.name) {
     return {Code::not_found, 0, "", "there is no snapshot '" + printable(id.name) + "'"};
   }
-  Result<Notes> notes = Notes::open_to_write(options.wait);
+  Result<Notes> notes = Notes::open_to_write(deadline.left());
   if (!notes) return notes.error();
   Error error = notes->change(*row, change);
   Reserve::keep(storage_file());

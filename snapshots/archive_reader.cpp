@@ -171,8 +171,7 @@ class ArchiveReading {
     const int code = archive_read_next_header(reader_.get(), &entry);
     more = false;
     if (code == ARCHIVE_EOF) return {};
-    // Most warnings are about a name that is not UTF-8, of which the bytes count.
-    if (code != ARCHIVE_OK && code != ARCHIVE_WARN) return failure();
+    if (code != ARCHIVE_OK && !(code == ARCHIVE_WARN && is_about_a_name())) return failure();
     if (++count_ > limits_.members) {
       return {Code::unsafe, 0, "",
               "the archive has more than " + std::to_string(limits_.members) + " members"};
@@ -182,6 +181,11 @@ class ArchiveReading {
     if (error.code == Code::ok && !current_.path.empty()) error = deliver();
     more = error.code == Code::ok;
     return error;
+  }
+
+  /// Whether a warning says that a name is not UTF-8: its bytes count. tar fails where the others are.
+  bool is_about_a_name() const {
+    return text_of(archive_error_string(reader_.get())).find("can't be converted") != std::string::npos;
   }
 
   Error convert(struct archive_entry* entry) {

@@ -17,6 +17,34 @@ bool is_control(char letter) {
   return byte < 0x20 || byte == 0x7f;
 }
 
+/// The bytes of the code point that begins at `at`; 0 if none does.
+std::size_t length_of_code_point(const std::string& text, std::size_t at) {
+  const auto byte = [&](std::size_t index) {
+    return index < text.size() ? static_cast<unsigned char>(text[index]) : 0U;
+  };
+  const unsigned first = byte(at);
+  if (first < 0x80) return 1;
+  const std::size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+  unsigned point = first & (0x7fU >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(at + i) & 0xc0U) != 0x80) return 0;
+    point = (point << 6U) | (byte(at + i) & 0x3fU);
+  }
+  constexpr unsigned kFirst[] = {0, 0, 0x80, 0x800, 0x10000};
+  const bool is_surrogate = point >= 0xd800 && point <= 0xdfff;
+  const bool is_valid = first >= 0xc0 && first < 0xf8 && point >= kFirst[length] && point <= 0x10ffff;
+  return is_valid && !is_surrogate ? length : 0;
+}
+
+bool is_utf8(const std::string& text) {
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t length = length_of_code_point(text, at);
+    if (length == 0) return false;
+    at += length;
+  }
+  return true;
+}
+
 }  // namespace
 
 Error check_id(const Id& id) {
@@ -42,6 +70,7 @@ Error check_comment(const std::string& comment) {
   if (std::any_of(comment.begin(), comment.end(), is_control)) {
     return bad("a comment has no control characters");
   }
+  if (!is_utf8(comment)) return bad("a comment is UTF-8 text");
   return {};
 }
 

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <new>
+#include <thread>
 
 #include "snapshots/system_error.h"
 
@@ -32,6 +32,15 @@ Code code_of(int code) {
     default:
       return Code::failed;
   }
+}
+
+/// What SQLite calls when it meets a lock; 0 ends the wait.
+int wait_for_lock(void* deadline, int) {
+  constexpr std::chrono::milliseconds kPause(10);
+  const auto left = static_cast<const Deadline*>(deadline)->left();
+  if (left.count() == 0) return 0;
+  std::this_thread::sleep_for(std::min(left, kPause));
+  return 1;
 }
 
 /// Memory is the one thing whose end is thrown.
@@ -115,8 +124,8 @@ Result<Database> Database::open(const std::string& file, std::chrono::millisecon
 }
 
 void Database::limit_wait(std::chrono::milliseconds wait) {
-  const auto limit = std::clamp<std::chrono::milliseconds::rep>(wait.count(), 0, INT_MAX);
-  sqlite3_busy_timeout(db_.get(), static_cast<int>(limit));
+  *deadline_ = Deadline(wait);
+  sqlite3_busy_handler(db_.get(), wait_for_lock, deadline_.get());
 }
 
 Result<Statement> Database::prepare(const std::string& text) {

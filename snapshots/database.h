@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "confsave/snapshots.h"
+#include "snapshots/deadline.h"
 #include "snapshots/source.h"
 
 namespace ConfSave::snapshots {
@@ -61,7 +62,7 @@ class Database {
   /// Runs statements without a result. Rolls back if one fails within a transaction that they began.
   Error run(const char* text);
 
-  /// From now on no lock is waited for longer than `wait`.
+  /// From now on all waits for locks take no longer than `wait` together.
   void limit_wait(std::chrono::milliseconds wait);
 
   /// The error of the last call that failed.
@@ -78,6 +79,7 @@ class Database {
   explicit Database(std::string file) : file_(std::move(file)) {}
 
   std::string file_;
+  std::unique_ptr<Deadline> deadline_ = std::make_unique<Deadline>(std::chrono::milliseconds(0));
   std::unique_ptr<sqlite3, Close> db_;
 };
 

@@ -9,6 +9,7 @@ constexpr std::size_t kBuffer = 256 << 10;
 /// The first byte of a member.
 constexpr std::uint8_t kMagic = 0x1f;
 
+constexpr const char* kGarbage = "garbage follows the gzip data";
 constexpr const char* kEndsInTheMiddle = "the archive ends in the middle";
 
 Error damaged(const char* text) { return {Code::damaged, 0, "", text}; }
@@ -60,13 +61,16 @@ Error Gunzip::read_header(bool has_input) {
     is_first_ = false;
     return {};
   }
-  if (code != ISAL_END_INPUT && !is_first_) {
-    // What follows is not a member after all.
-    position_ = Position::at_end;
-    return {};
-  }
+  if (code != ISAL_END_INPUT && !is_first_) return damaged(kGarbage);
   if (code != ISAL_END_INPUT) return explain(code);
   return has_input ? Error{} : damaged(kEndsInTheMiddle);
+}
+
+Error Gunzip::skip_zeros() {
+  for (; state_->avail_in != 0; --state_->avail_in) {
+    if (*state_->next_in++ != 0) return damaged(kGarbage);
+  }
+  return {};
 }
 
 Error Gunzip::check_size(int64 unpacked) const {
@@ -113,8 +117,12 @@ Result<std::string_view> Gunzip::next() {
         }
         break;
       case Position::after_member:
-        position_ = Position::at_end;
+        position_ = Position::in_padding;
         if (has_input && *state_->next_in == kMagic) enter_header();
+        break;
+      case Position::in_padding:
+        if (!has_input) position_ = Position::at_end;
+        error = skip_zeros();
         break;
       case Position::at_end:
         break;

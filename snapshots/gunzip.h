@@ -11,9 +11,9 @@
 
 namespace ConfSave::snapshots {
 
-/// Unpacks gzip: one member, or several in a row. What follows the last one is ignored, as gzip does. An
-/// end in the middle, and a wrong checksum or length, are Code::damaged; too many bytes for the packed ones
-/// are Code::unsafe. Errors have no path.
+/// Unpacks gzip: one member, or several in a row, and zeros behind them. Code::damaged is what gzip warns
+/// of or refuses: an end in the middle, a wrong checksum or length, anything else behind the last member.
+/// Too many bytes for the packed ones are Code::unsafe. Errors have no path.
 class Gunzip : public Source {
  public:
   /// `packed` must outlive this object.
@@ -25,12 +25,13 @@ class Gunzip : public Source {
   Error check_size(int64 unpacked) const;
 
  private:
-  enum class Position { before_member, in_header, in_data, after_member, at_end };
+  enum class Position { before_member, in_header, in_data, after_member, in_padding, at_end };
 
   /// Makes sure that there is input, unless the source has ended.
   Error refill();
   void enter_header();
   Error read_header(bool has_input);
+  Error skip_zeros();
   /// Unpacks into the buffer; `size` is how much.
   Error inflate(std::size_t& size);
 

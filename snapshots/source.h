@@ -22,8 +22,15 @@ class Source {
 /// Bytes in memory, owned by the caller.
 class MemorySource : public Source {
  public:
+  /// What unpacks counts its input in 32 bits.
+  static constexpr std::size_t kPiece = std::size_t{1} << 30;
+
   explicit MemorySource(std::string_view bytes) : bytes_(bytes) {}
-  Result<std::string_view> next() override { return std::exchange(bytes_, {}); }
+  Result<std::string_view> next() override {
+    const std::string_view piece = bytes_.substr(0, kPiece);
+    bytes_.remove_prefix(piece.size());
+    return piece;
+  }
 
  private:
   std::string_view bytes_;

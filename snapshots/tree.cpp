@@ -182,8 +182,10 @@ class TreeReading {
         return add_link(directory, path, name, status);
       case S_IFDIR:
         return add_directory(directory, path, name);
+      case S_IFSOCK:
+        return {};  // Neither does tar pack it.
       default:
-        return unsafe(path, "this is a device, a FIFO or a socket");
+        return unsafe(path, "this is a device or a FIFO");
     }
   }
 

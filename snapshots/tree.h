@@ -23,7 +23,8 @@ struct Tree {
 };
 
 /// The files of the contents of `type` as they are now, by absolute path. Follows no symbolic link below
-/// the two directories: one in a directory's place is Code::unsafe, as a device, FIFO or socket is. A file
+/// the two directories: one in a directory's place is Code::unsafe, as a device or FIFO is; a socket is
+/// skipped, as tar skips it. A file
 /// that changes while it is read is read again, and is Code::changed_meanwhile after some attempts. The
 /// configuration database counts only if it is whole, as it is packed only then. The paths of files and
 /// directories that this process may not read go into `unreadable`; without it the first one is

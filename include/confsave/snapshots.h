@@ -237,7 +237,7 @@ CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {
 /// How to save.
 struct SaveOptions {
   conftype type = conf_full;
-  std::string comment;       ///< at most 4,096 bytes without control characters
+  std::string comment;       ///< at most 4,096 bytes of UTF-8 without control characters
   bool overwrite = false;    ///< replace the snapshot of this name and version
   bool if_changed = false;   ///< store nothing if the newest snapshot of this type equals the configuration
   bool allow_empty = false;  ///< save also if no file of the contents exists
@@ -281,7 +281,7 @@ struct ChangeOptions {
   std::chrono::milliseconds wait{30000};
 };
 
-/// Replaces the comment of a snapshot: at most 4,096 bytes without control characters.
+/// Replaces the comment of a snapshot: at most 4,096 bytes of UTF-8 without control characters.
 /// Comments and pins are kept in "notes.db" beside the storage; the storage itself does not change. Durable
 /// on return.
 CONFSAVE_API Error note(const Id& id, const std::string& comment, const ChangeOptions& options = {});

@@ -1,4 +1,7 @@
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <fstream>
@@ -138,7 +141,7 @@ TEST_F(Compare, NoLinkIsFollowedAndNothingElseIsRead) {
       {"mv hub keep && ln -s keep hub",
        config("hub") + ": this is not a directory; a link is not followed"},
       {"rm hub && echo x > hub", config("hub") + ": this is not a directory; a link is not followed"},
-      {"rm hub && mv keep hub && mkfifo gw9", config("gw9") + ": this is a device, a FIFO or a socket"},
+      {"rm hub && mv keep hub && mkfifo gw9", config("gw9") + ": this is a device or a FIFO"},
   };
   for (const auto& c : cases) {
     in_config(c.command);
@@ -146,6 +149,20 @@ TEST_F(Compare, NoLinkIsFollowedAndNothingElseIsRead) {
     EXPECT_EQ(lines(differences), Texts{c.error}) << c.command;
     EXPECT_TRUE(!differences && differences.error().code == Code::unsafe) << c.command;
   }
+}
+
+TEST_F(Compare, ASocketIsSkippedAsTarSkipsIt) {
+  in_config("mkdir gwd");
+  save("with-directory");
+  for (const char* name : {"gwd/s", "gws"}) {
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    config(name).copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    close(descriptor);
+  }
+  EXPECT_EQ(since("with-directory"), Texts());
 }
 
 TEST_F(Compare, AFileThatChangesWhileItIsReadIsNoticed) {

@@ -59,8 +59,9 @@ class GunzipTest : public Gateway {
   /// Whether the gzip of the commands takes it: status 2 is a warning.
   bool gzip_accepts(const std::string& packed) {
     write_file(root() + "/tried.gz", packed);
-    const int status = shell("gzip -dc " + root() + "/tried.gz >" + root() + "/unpacked 2>/dev/null");
-    return status == 0 || status == 2;
+    const int status =
+        shell("gzip -dc " + root() + "/tried.gz >" + root() + "/unpacked 2>/dev/null; test $? -eq 0");
+    return status == 0;
   }
 
   std::string text_of(std::size_t size) {
@@ -107,8 +108,11 @@ TEST_F(GunzipTest, AgreesWithGzipOnWhatIsWhole) {
       {"two members", packed + packed, ""},
       {"zeros behind", packed + std::string(2000, '\0'), ""},
       {"nothing", "", "the archive is empty"},
-      {"garbage behind", packed + "garbage", ""},
-      {"garbage behind that begins as a member does", packed + "\x1fgarbage, longer than a header", ""},
+      {"garbage behind", packed + "garbage", "garbage follows the gzip data"},
+      {"garbage behind zeros", packed + std::string(3, '\0') + "x", "garbage follows the gzip data"},
+      {"a member behind zeros", packed + std::string(3, '\0') + packed, "garbage follows the gzip data"},
+      {"garbage behind that begins as a member does", packed + "\x1fgarbage, longer than a header",
+       "garbage follows the gzip data"},
       {"half a member behind", packed + packed.substr(0, 12), "the archive ends in the middle"},
       {"wrong checksum", wrong_checksum, "the checksum of the gzip data is wrong"},
       {"wrong length", wrong_length, "the checksum of the gzip data is wrong"},
@@ -118,8 +122,9 @@ TEST_F(GunzipTest, AgreesWithGzipOnWhatIsWhole) {
     const Unpacked unpacked = unpack(c.bytes);
     EXPECT_EQ(unpacked.error.text, c.text) << c.what;
     EXPECT_EQ(unpacked.error.code, *c.text == '\0' ? Code::ok : Code::damaged) << c.what;
-    // Of an empty file gzip says the same, with status 0 in some versions.
-    if (!c.bytes.empty()) {
+    // Of an empty file gzip says the same, with status 0 in some versions; garbage it only warns of.
+    const bool has_garbage = c.text == std::string("garbage follows the gzip data");
+    if (!c.bytes.empty() && !has_garbage) {
       EXPECT_EQ(gzip_accepts(c.bytes), *c.text == '\0') << c.what;
     }
   }

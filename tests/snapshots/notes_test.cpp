@@ -76,7 +76,10 @@ TEST_F(NotesTest, ANoteBelongsToTheRowThatItWasWrittenFor) {
 TEST_F(NotesTest, BadCommentsAreRefused) {
   EXPECT_EQ(note({"weekly"}, std::string(4096, 'x')).code, Code::ok);
   for (const std::string& comment :
-       {std::string(4097, 'x'), std::string("a\nb"), std::string("a\0b", 3), std::string("\x7f")}) {
+       {std::string(4097, 'x'), std::string("a\nb"), std::string("a\0b", 3), std::string("\x7f"),
+        std::string("\xff"), std::string("\xc3"), std::string("\xc3x"), std::string("\xc0\xaf"),
+        std::string("\xe0\x80\xaf"), std::string("\xed\xa0\x80"), std::string("\xf4\x90\x80\x80"),
+        std::string("\x80")}) {
     EXPECT_EQ(note({"weekly"}, comment).code, Code::bad_argument);
   }
   EXPECT_EQ(notes(), (Texts{"weekly: " + std::string(4096, 'x'), "daily: "}));
@@ -118,6 +121,32 @@ TEST_F(NotesTest, ALockEndsTheWait) {
   Query query;
   query.wait = milliseconds(100);
   EXPECT_EQ(list(query)->size(), 2U);
+}
+
+TEST_F(NotesTest, SeveralLocksTogetherWaitNoLonger) {
+  EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
+  const LockHolder storage(database(), 1500);
+  const LockHolder holder(notes_file(), 60000);
+  ChangeOptions options;
+  options.wait = milliseconds(2000);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(note({"weekly"}, "y", options).code, Code::busy);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(3000));
+}
+
+TEST_F(NotesTest, AChangeWaitsForTheOneBefore) {
+  EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
+  const Database other(notes_file());
+  other.run("begin immediate");
+  other.run("update note set pinned = 1");
+  // A change that has read by now keeps the other from committing, and loses what it writes.
+  std::thread end([&other] {
+    std::this_thread::sleep_for(milliseconds(300));
+    EXPECT_NO_THROW(other.run("commit"));
+  });
+  EXPECT_EQ(note({"weekly"}, "y").code, Code::ok);
+  end.join();
+  EXPECT_EQ(notes(), (Texts{"weekly: y!", "daily: "}));
 }
 
 TEST_F(NotesTest, TwoWhoChangeTheSameNoteLoseNothing) {
