@@ -13,6 +13,8 @@ enum ExitStatus : int {
   kNoStorage = 6,  ///< the storage cannot be opened or read
   kNewer = 7,      ///< refused: the snapshot is newer than the running version
   kBusy = 8,       ///< another confsave is at work, or another program keeps the storage locked
+  kFindings = 9,   ///< there are differences, or damage, or something needs attention
+  kRefused = 11,   ///< refused: the snapshot is pinned, or the name is taken
 };
 
 }  // namespace console

@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
   console::prepare_process();
   const int status = run({argv + (argc > 0 ? 1 : 0), argv + argc});
   std::cout.flush();
-  if (std::cout || status != console::kDone) return status;
+  if (std::cout || (status != console::kDone && status != console::kFindings)) return status;
   std::cerr << "confsave: standard output could not be written.\n";
   return console::kFailed;
 }

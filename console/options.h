@@ -2,18 +2,28 @@
 
 #include <confsave.h>
 
+#include <optional>
 #include <string>
 
 namespace console {
 
-/// The parsed arguments of a verb. A verb reads the options that its row of the table lists.
+/// What a person names a snapshot by: NAME, or NAME@VERSION.
+struct Selection {
+  std::string name;                        ///< a name, or a pattern where the verb takes one
+  std::optional<ConfSave::int64> version;  ///< 0: the snapshot that has no version
+};
+
+/// The parsed arguments of a verb. A verb reads the operands and options that its row of the table lists.
 struct Options {
-  std::string name;  ///< a name, or a pattern where the verb takes one
+  Selection snapshot;
+  Selection other;
+  std::string text;
   ConfSave::conftype type = ConfSave::conf_full;
-  ConfSave::int64 version = 0;  ///< 0: not given
-  bool no_version = false;      ///< --version none: the snapshot that has no version
+  std::optional<ConfSave::int64> version;  ///< --version, until it is part of `snapshot`
   std::string target;
-  ConfSave::int64 upto = 0;
+  std::string file;
+  std::string comment;
+  std::optional<ConfSave::int64> upto;
   std::string sort;
   unsigned max = 0;
   unsigned wait = 30;
@@ -22,6 +32,8 @@ struct Options {
   bool all = false;
   bool json = false;
   bool table = false;
+  bool patch = false;
+  bool if_changed = false;
 };
 
 }  // namespace console

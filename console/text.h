@@ -6,8 +6,15 @@
 
 namespace console {
 
+/// Bytes of the valid UTF-8 character that begins at `text[at]`; 0 when none begins there.
+std::size_t utf8_length(const std::string& text, std::size_t at);
+
 /// `text` with every byte that is not a printable ASCII character as "\xNN".
 std::string printable(const std::string& text);
+
+/// The same, but where the locale has UTF-8 with its letters as they are. Characters that control a
+/// terminal or the direction of writing are not letters.
+std::string readable(const std::string& text);
 
 /// Why the library failed: the text of `error`, or what its status stands for when it has no text.
 std::string reason(const XTOOStatus& error);

@@ -7,7 +7,6 @@
 #include "exit_status.h"
 #include "interrupt.h"
 #include "lock.h"
-#include "names.h"
 #include "permissions.h"
 #include "snapshots.h"
 #include "text.h"
@@ -28,33 +27,6 @@ ConfSave::int64 newest(const ConfSave::Configs& configs) {
 }
 
 }  // namespace
-
-int remove(const Options& options) {
-  if (!check_name(options.name)) return kUsage;
-  if (const int status = check_storage(); status != kDone) return status;
-  ConfSave::Storage storage;
-  ConfSave::Configs found = storage.FindMatching(options.name, options.version, false);
-  if (options.no_version) {
-    const auto has_version = [](const ConfSave::Config& config) { return config.vers != 0; };
-    found.erase(std::remove_if(found.begin(), found.end(), has_version), found.end());
-  }
-  if (found.empty()) {
-    print_not_found(options.name);
-    return kNotFound;
-  }
-  if (found.size() > 1) {
-    std::cerr << "confsave: several versions of '" << options.name
-              << "' are stored. Give --version, or --version none:\n";
-    for (const ConfSave::Config& config : found) std::cerr << config << '\n';
-    return kAmbiguous;
-  }
-  if (!has_plain_name(found.front())) return kFailed;
-  storage.Delete(options.name, found.front().vers);
-  if (!storage.Exists(options.name, found.front().vers)) return kDone;
-  std::cerr << "confsave: '" << options.name << "' could not be deleted.\n";
-  print_next_step();
-  return kFailed;
-}
 
 int autosave(const Options& options) {
   if (!check_directories()) return kFailed;

@@ -1,6 +1,7 @@
 #include <places.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
 
 #include "advice.h"
@@ -20,25 +21,40 @@
 namespace console {
 namespace {
 
+/// Keeps those without a version. False when the library could not tell one of them from the others.
+bool keep_without_version(ConfSave::Configs& found) {
+  const auto has_version = [](const ConfSave::Config& config) { return config.vers != 0; };
+  const auto end = std::remove_if(found.begin(), found.end(), has_version);
+  const bool is_clear = end == found.begin() || end == found.end();
+  found.erase(end, found.end());
+  return is_clear;
+}
+
 /// The one snapshot that matches. Otherwise prints the reason and sets `status`.
 std::optional<ConfSave::Config> find_only(const Options& options, int& status) {
   ConfSave::Storage storage;
-  const ConfSave::Configs found = storage.FindMatching(options.name, options.version, true);
+  const std::string& name = options.snapshot.name;
+  ConfSave::Configs found = storage.FindMatching(name, options.snapshot.version.value_or(0), true);
+  if (options.snapshot.version == 0 && !keep_without_version(found)) {
+    std::cerr << "confsave: '" << printable(name) << "' is stored with and without a version. "
+              << "'confsave shell' loads the one without: load NAME.\n";
+    status = kFailed;
+    return std::nullopt;
+  }
   if (found.empty()) {
-    print_not_found(options.name);
+    print_not_found(name);
     status = kNotFound;
     return std::nullopt;
   }
   // Of several matches only one may have been read.
-  const bool names_one = is_name(options.name) && options.version != 0;
+  const bool names_one = is_name(name) && options.snapshot.version.value_or(0) != 0;
   if (storage_is_damaged() && !names_one) {
     print_storage_damaged();
     status = kNoStorage;
     return std::nullopt;
   }
   if (found.size() > 1) {
-    std::cerr << "confsave: '" << options.name
-              << "' matches more than one snapshot. Type more of the name, "
+    std::cerr << "confsave: '" << name << "' matches more than one snapshot. Type more of the name, "
               << "or give --version:\n";
     for (ConfSave::Config config : found) {
       config.name = printable(config.name);
@@ -101,7 +117,7 @@ int restore(const ConfSave::Config& config, const Options& options, const Destin
 
 int load(const Options& options) {
   Options checked = options;
-  if (!check_pattern(checked.name)) return kUsage;
+  if (!check_pattern(checked.snapshot.name)) return kUsage;
   if (!checked.target.empty() && !check_target(checked.target)) return kUsage;
   if (!checked.yes && isatty(STDIN_FILENO) == 0) {
     std::cerr << "confsave: load asks questions, but standard input is not a terminal. Give --yes to be "
@@ -110,7 +126,8 @@ int load(const Options& options) {
   }
   if (!check_directories()) return kFailed;
   OperationLock lock;
-  if (const int status = lock.take("loading " + checked.name, checked.wait); status != kDone) return status;
+  if (const int status = lock.take("loading " + checked.snapshot.name, checked.wait); status != kDone)
+    return status;
   if (const int status = check_storage(); status != kDone) return status;
 
   int status = kDone;

@@ -26,9 +26,9 @@ for verb in $verbs; do
     offered=$(confsave --complete "$verb" | grep '^--' | sort)
     [ -n "$(entry_of "$verb")" ] || complain "the page does not describe $verb"
     expect "the options of $verb on the page" "$offered" \
-        "$(entry_of "$verb" | sed -n 's/^\.It Fl -\([a-z]*\).*/--\1/p' | sort)"
+        "$(entry_of "$verb" | sed -n 's/^\.It Fl -\([a-z-]*\).*/--\1/p' | sort)"
     expect "the options of $verb in its help" "$offered" \
-        "$(confsave "$verb" --help | grep -oE -- '--[a-z]+' | grep -vx -- --help | sort -u)"
+        "$(confsave "$verb" --help | grep -oE -- '--[a-z-]+' | grep -vx -- --help | sort -u)"
     confsave --help | grep -q "^  $verb " || complain "the help does not list $verb"
 done
 expect 'the verbs on the page' "$(echo "$verbs" | sort)" \
@@ -47,12 +47,14 @@ completes() {
     expect "the completion of '${*:2}'" "$1" "${COMPREPLY[*]}"
 }
 
-touch "$work/config/x"
+touch "$work/config/user/gateway.conf"
 for name in weekly working daily; do confsave save --type corlu "$name"; done
 completes "$(echo "$verbs" | xargs)" ''
-completes 'save shell' s
+completes 'show save status shell' s
 completes 'weekly working' load w
-completes 'daily weekly working --version --wait' delete ''
+completes 'daily weekly working --version --force --wait' delete ''
+completes 'daily weekly working --version --patch --json' diff weekly ''
+completes 'none' pin weekly --version ''
 completes '--type' save --t
 completes 'full part corlu' save --type ''
 completes 'saved' list --sort s

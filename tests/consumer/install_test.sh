@@ -45,7 +45,7 @@ shows_changes() {
     expect "what the typed host built by $1 prints" "/mnt/main/etc/failover.ini
 ${KELMOR_CONFIG_PATH}user/filter.conf" "$changed"
     expect "the comment of the typed host built by $1" 'before the new filter' \
-        "$(sqlite3 "$KELMOR_DYNAMIC_DIR/notes.db" 'select comment from note')"
+        "$(sqlite3 "$KELMOR_DYNAMIC_DIR/notes.db" "select comment from note where comment <> ''")"
     expect "what the typed host built by $1 prints of no change" '' "$("$2" again true)"
     echo 'permit established' >/mnt/main/etc/failover.ini
     rm "$KELMOR_DYNAMIC_DIR/notes.db"

@@ -59,10 +59,14 @@ in_sandbox() {
     [ "${CONFSAVE_SANDBOX-}" = 1 ] || fail 'this fills /mnt/main/etc: run it by ctest or script/lib/sandbox'
 }
 
-# make_gateway PROGRAM: a gateway of the test's own, in $work; "confsave" runs the program.
+# make_gateway PROGRAM: a gateway of the test's own, in $work; "confsave" runs the program, see
+# tests/support/confsave.
 make_gateway() {
     mkdir -p "$work/config/user" "$work/state" "$work/tmp" "$work/home" "$work/bin"
-    ln -s "$(realpath "$1")" "$work/bin/confsave"
+    CONFSAVE_PROGRAM=$(realpath "$1")
+    CONFSAVE_TREE=$tree
+    export CONFSAVE_PROGRAM CONFSAVE_TREE
+    ln -s "$tree/tests/support/confsave" "$work/bin/confsave"
     export PATH="$work/bin:$PATH" HOME="$work/home"
     export KELMOR_CONFIG_PATH="$work/config/" KELMOR_DYNAMIC_DIR="$work/state"
     export KELMOR_TEMP_DIR="$work/tmp" KELMOR_LOG_FILE="$work/log"

@@ -1,0 +1,28 @@
+#include "question.h"
+
+#include <algorithm>
+#include <cctype>
+#include <iostream>
+
+#include "interrupt.h"
+
+namespace console {
+
+bool ask(const std::string& question) {
+  for (;;) {
+    std::cout.flush();
+    std::cerr << question << " [yes/no] " << std::flush;
+    std::string answer;
+    wait_for_typed_line();
+    if (interrupted() || !std::getline(std::cin, answer) || interrupted()) {
+      std::cerr << '\n';
+      return false;
+    }
+    const auto lower = [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); };
+    std::transform(answer.begin(), answer.end(), answer.begin(), lower);
+    if (answer == "yes" || answer == "y") return true;
+    if (answer == "no" || answer == "n") return false;
+  }
+}
+
+}  // namespace console

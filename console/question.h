@@ -1,0 +1,10 @@
+#pragma once
+
+#include <string>
+
+namespace console {
+
+/// Asks at the terminal until the answer is yes or no. No answer and an interrupt count as no.
+bool ask(const std::string& question);
+
+}  // namespace console

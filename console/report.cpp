@@ -1,0 +1,201 @@
+#include "report.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <iostream>
+#include <sstream>
+
+#include "exit_status.h"
+#include "names.h"
+#include "text.h"
+#include "values.h"
+
+namespace console {
+namespace {
+
+/// More lines than that scroll the question away.
+constexpr std::size_t kMostCandidates = 20;
+
+bool ends_with(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+bool is_absolute(const std::string& path) { return !path.empty() && path.front() == '/'; }
+
+std::string step_for_storage(const cs::Error& error) {
+  if (error.number == ENOENT) return "Make the directory, or set KELMOR_DYNAMIC_DIR to another one";
+  switch (error.number & 0xff) {
+    case EACCES:
+    case SQLITE_CANTOPEN:
+      return "Run confsave as the owner of the file";
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+      return "Nothing was changed. Copy the file, and recover the copy with sqlite3: .recover";
+    default:
+      return "Move it away, or set KELMOR_DYNAMIC_DIR to another directory";
+  }
+}
+
+std::string next_step(const cs::Error& error, bool waits) {
+  using cs::Code;
+  switch (error.code) {
+    case Code::bad_argument:
+      return "Give another one";
+    case Code::not_found:
+      return "'confsave list' lists what is stored";
+    case Code::ambiguous:
+      return "Give NAME@VERSION";
+    case Code::taken:
+      return "Give --force to overwrite it";
+    case Code::pinned:
+      return "Unpin it, or give --force";
+    case Code::busy:
+      return waits ? "Try again later, or wait longer with --wait" : "Try again later";
+    case Code::incomplete:
+      return "Give --force to store it all the same";
+    case Code::damaged:
+      return "'confsave verify --all' says which snapshots are whole";
+    case Code::unsafe:
+      return is_absolute(error.path) ? "Put a file or a directory in its place"
+                                     : "'confsave verify --all' says which snapshots are whole";
+    case Code::changed_meanwhile:
+      return "Try again when no program changes it";
+    case Code::denied:
+      return "Run confsave as the owner of the file";
+    case Code::newer:
+      return "Use that version";
+    case Code::no_space:
+      return "Free some space and try again";
+    case Code::no_storage:
+      return step_for_storage(error);
+    default:
+      return "Mend that and try again";
+  }
+}
+
+int print_not_found(const Selection& selection) {
+  const std::string version = selection.version ? "@" + version_text(*selection.version) : "";
+  std::cerr << "confsave: nothing is stored as '" << printable(selection.name + version)
+            << "'. 'confsave list' lists what is.\n";
+  return kNotFound;
+}
+
+int print_candidates(const Selection& selection, const cs::Snapshots& found) {
+  std::cerr << "confsave: '" << printable(selection.name)
+            << "' matches more than one snapshot. Give one of them:\n";
+  const std::size_t shown = found.size() > kMostCandidates ? kMostCandidates : found.size();
+  for (std::size_t i = 0; i < shown; ++i) {
+    const ConfSave::Config& config = found[i].config;
+    std::cerr << "  " << label(found[i]) << ", " << config.type << ", saved on "
+              << ConfSave::time_format(config.save_time) << '\n';
+  }
+  if (shown < found.size()) std::cerr << "  and " << found.size() - shown << " more\n";
+  return kAmbiguous;
+}
+
+std::optional<cs::Snapshot> find_only(const Selection& selection, std::chrono::milliseconds wait,
+                                      bool waits, int& status) {
+  const bool is_exact = is_name(selection.name);
+  cs::Query query;
+  query.pattern = selection.name;
+  query.version = selection.version;
+  query.corlu_config = is_exact;
+  query.wait = wait;
+  auto found = cs::list(query);
+  if (!found) {
+    status = report(found.error(), waits);
+    return std::nullopt;
+  }
+  // A foreign name may go on after a NUL byte, which ends a pattern.
+  const auto is_other = [&](const cs::Snapshot& snapshot) {
+    return snapshot.config.name != selection.name;
+  };
+  if (is_exact) found->erase(std::remove_if(found->begin(), found->end(), is_other), found->end());
+  status = kDone;
+  if (found->size() == 1) return found->front();
+  status = found->empty() ? print_not_found(selection) : print_candidates(selection, *found);
+  return std::nullopt;
+}
+
+}  // namespace
+
+int exit_status(cs::Code code) {
+  using cs::Code;
+  switch (code) {
+    case Code::ok:
+      return kDone;
+    case Code::bad_argument:
+      return kUsage;
+    case Code::not_found:
+      return kNotFound;
+    case Code::ambiguous:
+      return kAmbiguous;
+    case Code::no_storage:
+      return kNoStorage;
+    case Code::newer:
+      return kNewer;
+    case Code::busy:
+      return kBusy;
+    case Code::taken:
+    case Code::pinned:
+      return kRefused;
+    default:
+      return kFailed;
+  }
+}
+
+int report(const cs::Error& error, bool waits) {
+  std::cout.flush();
+  std::cerr << "confsave: ";
+  if (!error.path.empty()) std::cerr << '\'' << readable(error.path) << "': ";
+  std::cerr << readable(error.text) << ". ";
+  if (error.code != cs::Code::busy && ends_with(error.path, "/notes.db")) {
+    std::cerr
+        << "Mend it, or move it away: without this file only comments, pins and manifests are lost.\n";
+    return error.code == cs::Code::no_storage ? kFailed : exit_status(error.code);
+  }
+  std::cerr << next_step(error, waits) << ".\n";
+  return exit_status(error.code);
+}
+
+int report_reading(cs::Error error, const std::string& which) {
+  const bool of_archive = error.code == cs::Code::damaged || error.code == cs::Code::unsafe;
+  if (of_archive && !is_absolute(error.path)) {
+    error.text.insert(0, error.path + ": ");
+    error.path = which;
+  }
+  return report(error);
+}
+
+std::string label(const std::string& name, ConfSave::int64 version) {
+  return printable(name) + "@" + version_text(version);
+}
+
+std::string label(const cs::Snapshot& snapshot) {
+  return label(snapshot.config.name, snapshot.config.vers);
+}
+
+Json json_id(const cs::Snapshot& snapshot) {
+  Json object;
+  object["id"] = snapshot.id;
+  object["name"] = json_bytes(snapshot.config.name);
+  object["version"] = snapshot.config.vers;
+  return object;
+}
+
+std::optional<cs::Snapshot> choose(const Selection& selection, int& status) {
+  status = kUsage;
+  if (!check_pattern(selection.name)) return std::nullopt;
+  return find_only(selection, std::chrono::seconds(1), false, status);
+}
+
+std::optional<cs::Snapshot> choose_to_change(const Options& options, int& status) {
+  status = kUsage;
+  if (!check_name(options.snapshot.name)) return std::nullopt;
+  return find_only(options.snapshot, std::chrono::seconds(options.wait), true, status);
+}
+
+}  // namespace console

@@ -1,0 +1,44 @@
+#pragma once
+
+// What the library's values and errors say to a person.
+
+#include <confsave/snapshots.h>
+
+#include <optional>
+#include <string>
+
+#include "json.h"
+#include "options.h"
+
+namespace console {
+
+namespace cs = ConfSave::snapshots;
+
+/// The exit status for an error.
+int exit_status(cs::Code code);
+
+/// Prints what failed, why, and what to do next. `waits`: the verb has the option --wait. Returns the exit
+/// status.
+int report(const cs::Error& error, bool waits = false);
+
+/// The same for an error of reading the snapshots `which`: an archive's error does not name its snapshot.
+int report_reading(cs::Error error, const std::string& which);
+
+/// NAME@VERSION, as a person types it.
+std::string label(const std::string& name, ConfSave::int64 version);
+std::string label(const cs::Snapshot& snapshot);
+
+/// The id, name and version.
+Json json_id(const cs::Snapshot& snapshot);
+
+/// The one snapshot that is selected by a name or by a pattern, to be read. Otherwise prints the reason and
+/// sets `status`.
+std::optional<cs::Snapshot> choose(const Selection& selection, int& status);
+
+/// The same by a name, to be changed, within the time that the options allow.
+std::optional<cs::Snapshot> choose_to_change(const Options& options, int& status);
+
+/// What the library finds it by.
+inline cs::Id id_of(const cs::Snapshot& snapshot) { return {snapshot.config.name, snapshot.config.vers}; }
+
+}  // namespace console

@@ -1,0 +1,90 @@
+#include <iostream>
+
+#include "exit_status.h"
+#include "patch.h"
+#include "report.h"
+#include "text.h"
+#include "verb_functions.h"
+
+namespace console {
+namespace {
+
+const char* name_of(cs::Change change) {
+  switch (change) {
+    case cs::Change::added:
+      return "added";
+    case cs::Change::removed:
+      return "removed";
+    case cs::Change::modified:
+      break;
+  }
+  return "modified";
+}
+
+Json json_of(const cs::Difference& difference) {
+  Json object;
+  object["path"] = json_bytes(difference.path);
+  object["change"] = name_of(difference.change);
+  object["content"] = difference.content;
+  object["mode"] = difference.mode;
+  object["owner"] = difference.owner;
+  object["group"] = difference.group;
+  object["time"] = difference.time;
+  object["secret"] = difference.secret;
+  return object;
+}
+
+/// Five columns: what became of the file, and what else of it differs.
+std::string columns_of(const cs::Difference& difference) {
+  switch (difference.change) {
+    case cs::Change::added:
+      return "+....";
+    case cs::Change::removed:
+      return "-....";
+    case cs::Change::modified:
+      break;
+  }
+  const auto letter = [](bool differs, char shown) { return differs ? shown : '.'; };
+  return {letter(difference.content, 'c'), letter(difference.mode, 'p'), letter(difference.owner, 'u'),
+          letter(difference.group, 'g'), letter(difference.time, 't')};
+}
+
+void print(const Sides& sides, const cs::Differences& differences, bool json) {
+  if (!json) {
+    for (const cs::Difference& difference : differences) {
+      std::cout << columns_of(difference) << ' ' << readable(difference.path) << '\n';
+    }
+    return;
+  }
+  Json head;
+  head["older"] = json_id(sides.older);
+  head["newer"] = sides.newer ? json_id(*sides.newer) : Json(nullptr);
+  JsonArray array(head, "differences");
+  for (const cs::Difference& difference : differences) array.add(json_of(difference));
+  array.end();
+}
+
+}  // namespace
+
+int diff(const Options& options) {
+  int status = kDone;
+  Sides sides;
+  const auto older = choose(options.snapshot, status);
+  if (!older) return status;
+  sides.older = *older;
+  if (!options.other.name.empty()) {
+    sides.newer = choose(options.other, status);
+    if (!sides.newer) return status;
+  }
+  const auto differences = sides.newer ? cs::compare(id_of(sides.older), id_of(*sides.newer))
+                                       : cs::compare(id_of(sides.older), cs::Live());
+  if (!differences) {
+    const std::string or_other = sides.newer ? " or " + label(*sides.newer) : "";
+    return report_reading(differences.error(), label(sides.older) + or_other);
+  }
+  print(sides, *differences, options.json);
+  if (options.patch && !print_patches(sides, *differences)) return kFailed;
+  return differences->empty() ? kDone : kFindings;
+}
+
+}  // namespace console

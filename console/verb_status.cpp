@@ -1,0 +1,77 @@
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+
+#include "exit_status.h"
+#include "report.h"
+#include "text.h"
+#include "verb_functions.h"
+
+namespace console {
+namespace {
+
+/// Null when there is no such snapshot.
+Json json_time(ConfSave::int64 time) { return time != 0 ? json_utc(time) : Json(nullptr); }
+
+void print_as_json(const cs::Status& found) {
+  Json document;
+  document["attention"] = Json::array();
+  for (const cs::Attention& attention : found.attention) {
+    Json object;
+    object["code"] = attention.code;
+    object["text"] = attention.text;
+    document["attention"].push_back(object);
+  }
+  document["pending"] = nullptr;
+  document["interrupted"] = nullptr;
+  document["snapshots"] = found.snapshots;
+  document["newest_utc"] = json_time(found.newest);
+  document["newest_autosave_utc"] = json_time(found.newest_autosave);
+  document["storage_bytes"] = found.storage_bytes;
+  document["free_bytes"] = found.free_bytes;
+  print_json(document);
+}
+
+std::string time_text(ConfSave::int64 time) {
+  return time != 0 ? "saved on " + ConfSave::time_format(time) : "none";
+}
+
+std::string size_text(ConfSave::int64 bytes) {
+  constexpr double kStep = 1024;
+  const char* unit = "KiB";
+  double size = static_cast<double>(bytes) / kStep;
+  for (const char* larger : {"MiB", "GiB", "TiB"}) {
+    if (size < kStep) break;
+    size /= kStep;
+    unit = larger;
+  }
+  std::ostringstream text;
+  text << std::fixed << std::setprecision(1) << size << ' ' << unit;
+  return text.str();
+}
+
+void print_as_text(const cs::Status& found) {
+  for (const cs::Attention& attention : found.attention) {
+    std::cout << attention.code << ": " << readable(attention.text) << '\n';
+  }
+  std::cout << "snapshots:        " << found.snapshots << '\n'
+            << "newest:           " << time_text(found.newest) << '\n'
+            << "newest autosave:  " << time_text(found.newest_autosave) << '\n'
+            << "storage:          " << size_text(found.storage_bytes) << ", and "
+            << size_text(found.free_bytes) << " are free\n";
+}
+
+}  // namespace
+
+int status(const Options& options) {
+  const auto found = cs::status();
+  if (!found) return report(found.error());
+  if (options.json) {
+    print_as_json(*found);
+  } else {
+    print_as_text(*found);
+  }
+  return found->attention.empty() ? kDone : kFindings;
+}
+
+}  // namespace console

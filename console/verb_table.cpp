@@ -1,0 +1,116 @@
+#include "verb_table.h"
+
+#include <algorithm>
+
+#include "values.h"
+#include "verb_functions.h"
+
+namespace console {
+namespace {
+
+void set_snapshot(const std::string& value, Options& options) { options.snapshot = parse_selection(value); }
+
+constexpr Operand kName{"NAME", true, true, "a name, or NAME@VERSION", set_snapshot};
+constexpr Operand kPattern{"NAME", true, true, "a name, or a pattern with * ? [ ]; or NAME@VERSION",
+                           set_snapshot};
+constexpr Operand kMaybePattern{"NAME", false, true, kPattern.effect, set_snapshot};
+constexpr Operand kOther{
+    "OTHER", false, true, "the newer snapshot; default: the live configuration",
+    [](const std::string& value, Options& options) { options.other = parse_selection(value); }};
+constexpr Operand kText{"TEXT", true, false, "the comment; an empty one removes it",
+                        [](const std::string& value, Options& options) { options.text = value; }};
+
+constexpr Verb kVerbs[] = {
+    {"list", nullptr, nullptr, kPlain, "--upto --sort --all --long --json ", "", "list the snapshots",
+     list},
+    {"show", &kPattern, nullptr, kPlain, "--version --file --json ", "", "list the files of a snapshot",
+     show},
+    {"save", &kName, nullptr, kInterruptible,
+     "--type --version --comment --if-changed --force --wait --json ", "",
+     "store the configuration as it is now", save},
+    {"diff", &kPattern, &kOther, kPlain, "--version --patch --json ", "",
+     "list what changed since a snapshot", diff},
+    {"load", &kPattern, nullptr, kContract | kInterruptible, "--version --target --yes --force --wait ", "",
+     "restore a snapshot", load},
+    {"verify", &kMaybePattern, nullptr, kPlain, "--version --all --json ", "",
+     "check whether snapshots can be restored", verify},
+    {"status", nullptr, nullptr, kPlain, "--json ", "", "say what needs attention", status},
+    {"note", &kName, &kText, kPlain, "--version --wait ", "", "set the comment of a snapshot", note},
+    {"pin", &kName, nullptr, kPlain, "--version --wait ", "", "protect a snapshot from being deleted", pin},
+    {"unpin", &kName, nullptr, kPlain, "--version --wait ", "", "end the protection", unpin},
+    {"delete", &kName, nullptr, kPlain, "--version --force --wait ", "", "delete a snapshot", remove},
+    {"autosave", nullptr, nullptr, kContract | kInterruptible, "--max --type --wait ", "--max ",
+     "store the configuration under a name made from the time", autosave},
+    {"check-old", nullptr, nullptr, kContract, "", "", "say whether an autosave is older than 31 days",
+     check_old},
+    {"shell", nullptr, nullptr, kContract, "--wait ", "", "read verbs as the gateway's shell does", shell},
+    {"version", nullptr, nullptr, kPlain, "", "", "show the versions of this program and of the gateway",
+     version},
+};
+
+constexpr Option kOptions[] = {
+    {"--type", "TYPE", "full part corlu ", "full, part or corlu; default: full",
+     [](const std::string& value, Options& options) { options.type = parse_type(value); }},
+    {"--version", "VERSION", "none ", "the version of the snapshot, as 4.5.4, or none",
+     [](const std::string& value, Options& options) { options.version = parse_version(value); }},
+    {"--upto", "VERSION", "none ", "only snapshots up to this version",
+     [](const std::string& value, Options& options) { options.upto = parse_version(value); }},
+    {"--sort", "KEY", "name saved loaded version ", "sort by name, saved, loaded or version",
+     [](const std::string& value, Options& options) { options.sort = parse_sort(value); }},
+    {"--file", "PATH", "", "print the content of this file of the snapshot",
+     [](const std::string& value, Options& options) { options.file = parse_member(value); }},
+    {"--target", "DIR", "", "restore everything into this directory",
+     [](const std::string& value, Options& options) { options.target = value; }},
+    {"--max", "N", "", "keep at most N autosaves",
+     [](const std::string& value, Options& options) { options.max = parse_number(value, 1); }},
+    {"--comment", "TEXT", "", "a comment on the snapshot",
+     [](const std::string& value, Options& options) { options.comment = value; }},
+    {"--if-changed", "", "", "store nothing if nothing has changed since the newest one",
+     [](const std::string&, Options& options) { options.if_changed = true; }},
+    {"--patch", "", "", "print the changed lines of text files, too",
+     [](const std::string&, Options& options) { options.patch = true; }},
+    {"--wait", "SECONDS", "", "how long to wait for other programs; default: 30",
+     [](const std::string& value, Options& options) { options.wait = parse_number(value, 0); }},
+    {"--force", "", "", "overwrite, delete or restore what is otherwise refused",
+     [](const std::string&, Options& options) { options.force = true; }},
+    {"--yes", "", "", "ask no question", [](const std::string&, Options& options) { options.yes = true; }},
+    {"--all", "", "", "all snapshots, the packet filter's own one included",
+     [](const std::string&, Options& options) { options.all = true; }},
+    {"--long", "", "", "print a table", [](const std::string&, Options& options) { options.table = true; }},
+    {"--json", "", "", "print JSON", [](const std::string&, Options& options) { options.json = true; }},
+};
+
+template <class Entry>
+const Entry* find_in(Table<Entry> table, const std::string& name) {
+  const auto* found =
+      std::find_if(table.begin(), table.end(), [&](const Entry& entry) { return entry.name == name; });
+  return found != table.end() ? found : nullptr;
+}
+
+}  // namespace
+
+Table<Verb> verbs() { return {std::begin(kVerbs), std::end(kVerbs)}; }
+
+Table<Option> options() { return {std::begin(kOptions), std::end(kOptions)}; }
+
+const Verb* find_verb(const std::string& name) { return find_in(verbs(), name); }
+
+const Option* find_option(const std::string& name) { return find_in(options(), name); }
+
+bool lists(const char* list, const std::string& word) {
+  return (" " + std::string(list)).find(" " + word + " ") != std::string::npos;
+}
+
+std::string contradiction(const Verb& verb, const Options& options) {
+  if (options.version && options.snapshot.version) return "NAME@VERSION and --version cannot be combined";
+  if (options.json && options.table) return "--json and --long cannot be combined";
+  if (options.json && options.patch) return "--json and --patch cannot be combined";
+  if (options.json && !options.file.empty()) return "--json and --file cannot be combined";
+  if (verb.run != verify) return "";
+  if (options.all && (!options.snapshot.name.empty() || options.version)) {
+    return "--all and a snapshot cannot be combined";
+  }
+  return options.all || !options.snapshot.name.empty() ? "" : "NAME or --all is required";
+}
+
+}  // namespace console

@@ -1,0 +1,86 @@
+#include <iostream>
+#include <vector>
+
+#include "exit_status.h"
+#include "report.h"
+#include "text.h"
+#include "verb_functions.h"
+
+namespace console {
+namespace {
+
+using State = cs::Verdict::State;
+
+const char* name_of(State state) {
+  switch (state) {
+    case State::intact:
+      return "intact";
+    case State::unproven:
+      return "unproven";
+    case State::damaged:
+      return "damaged";
+    case State::unsafe:
+      break;
+  }
+  return "unsafe";
+}
+
+Json json_of(const cs::Verdict& verdict) {
+  Json object = json_id(verdict.snapshot);
+  object["result"] = name_of(verdict.state);
+  object["problems"] = verdict.problems;
+  object["missing"] = json_all(verdict.missing);
+  return object;
+}
+
+void print(const std::vector<cs::Verdict>& verdicts, bool json) {
+  if (json) {
+    JsonArray array;
+    for (const cs::Verdict& verdict : verdicts) array.add(json_of(verdict));
+    array.end();
+    return;
+  }
+  for (const cs::Verdict& verdict : verdicts) {
+    std::cout << label(verdict.snapshot) << ": " << name_of(verdict.state) << '\n';
+    for (const std::string& problem : verdict.problems) std::cout << "  " << readable(problem) << '\n';
+    for (const std::string& path : verdict.missing) {
+      std::cout << "  was missing at the save: " << readable(path) << '\n';
+    }
+  }
+}
+
+/// The snapshots that are to be checked.
+std::optional<cs::Snapshots> chosen(const Options& options, int& status) {
+  if (!options.all) {
+    const auto one = choose(options.snapshot, status);
+    return one ? std::optional<cs::Snapshots>({*one}) : std::nullopt;
+  }
+  cs::Query query;
+  query.corlu_config = true;
+  auto all = cs::list(query);
+  if (all) return *all;
+  status = report(all.error());
+  return std::nullopt;
+}
+
+}  // namespace
+
+int verify(const Options& options) {
+  int status = kDone;
+  const auto snapshots = chosen(options, status);
+  if (!snapshots) return status;
+  std::vector<cs::Verdict> verdicts;
+  for (const cs::Snapshot& snapshot : *snapshots) {
+    auto verdict = cs::verify(id_of(snapshot));
+    // Deleted meanwhile.
+    if (!verdict && verdict.error().code == cs::Code::not_found && options.all) continue;
+    if (!verdict) return report(verdict.error());
+    const bool can_be_restored = verdict->state != State::damaged && verdict->state != State::unsafe;
+    if (!can_be_restored) status = kFindings;
+    verdicts.push_back(std::move(*verdict));
+  }
+  print(verdicts, options.json);
+  return status;
+}
+
+}  // namespace console
