@@ -46,8 +46,6 @@ std::string next_step(const cs::Error& error, bool waits) {
       return "Give another one";
     case Code::not_found:
       return "'confsave list' lists what is stored";
-    case Code::ambiguous:
-      return "Give NAME@VERSION";
     case Code::taken:
       return "Give --force to overwrite it";
     case Code::pinned:
@@ -65,8 +63,6 @@ std::string next_step(const cs::Error& error, bool waits) {
       return "Try again when no program changes it";
     case Code::denied:
       return "Run confsave as the owner of the file";
-    case Code::newer:
-      return "Use that version";
     case Code::no_space:
       return "Free some space and try again";
     case Code::no_storage:

@@ -81,7 +81,7 @@ void print_warnings(const cs::Saved& saved) {
               << "' is not in the snapshot: it cannot be read, or is gone.\n";
   }
   if (shown < saved.missing.size()) {
-    std::cerr << "confsave: warning: so are " << saved.missing.size() - shown << " more files.\n";
+    std::cerr << "confsave: warning: in all, " << saved.missing.size() << " files are not in it.\n";
   }
   for (const std::string& warning : saved.warnings) {
     std::cerr << "confsave: warning: " << readable(warning) << ".\n";
