@@ -22,12 +22,22 @@ constexpr const char* kNoteTable =
 
 std::string notes_file() { return state_directory() + "/notes.db"; }
 
-/// SQLite gives its own files the mode of the umask, so the file is made before.
+Error cannot_make(const std::string& file, int number) {
+  const Code code = number == EACCES || number == EPERM || number == EROFS ? Code::denied : Code::failed;
+  return {code, number, file, std::strerror(number)};
+}
+
+/// SQLite gives its own files the mode of the umask, so the file is made before. One that is there is not
+/// opened: closing it would release the locks that this process has on it.
 Error make_file(const std::string& file) {
-  const Descriptor made(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (made && fchmod(made.get(), S_IRUSR | S_IWUSR) == 0) return {};
-  const Code code = errno == EACCES || errno == EPERM || errno == EROFS ? Code::denied : Code::failed;
-  return {code, errno, file, std::strerror(errno)};
+  const Descriptor made(::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  if (made) return fchmod(made.get(), S_IRUSR | S_IWUSR) == 0 ? Error{} : cannot_make(file, errno);
+  if (errno != EEXIST) return cannot_make(file, errno);
+  struct stat status = {};
+  if (lstat(file.c_str(), &status) != 0) return cannot_make(file, errno);
+  if (S_ISDIR(status.st_mode)) return cannot_make(file, EISDIR);
+  if (S_ISLNK(status.st_mode)) return cannot_make(file, ELOOP);
+  return chmod(file.c_str(), S_IRUSR | S_IWUSR) == 0 ? Error{} : cannot_make(file, errno);
 }
 
 }  // namespace

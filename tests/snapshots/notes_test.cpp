@@ -149,6 +149,16 @@ TEST_F(NotesTest, AChangeWaitsForTheOneBefore) {
   EXPECT_EQ(notes(), (Texts{"weekly: y!", "daily: "}));
 }
 
+TEST_F(NotesTest, ARefusedChangeLeavesTheLocksOfThisProcess) {
+  EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
+  const Database other(notes_file());
+  other.run("begin immediate");
+  ChangeOptions options;
+  options.wait = milliseconds(10);
+  EXPECT_EQ(note({"weekly"}, "y", options).code, Code::busy);
+  EXPECT_NE(shell("sqlite3 " + notes_file() + " 'begin immediate' 2>/dev/null"), 0);
+}
+
 TEST_F(NotesTest, TwoWhoChangeTheSameNoteLoseNothing) {
   std::thread other([] {
     for (int i = 0; i < 50; ++i) EXPECT_EQ(pin({"weekly"}, i % 2 == 0).code, Code::ok);
