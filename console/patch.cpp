@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -142,11 +143,11 @@ bool run_diff(const std::array<std::string, 2>& files, const std::array<std::str
   if (pipe2(pipe_ends.data(), O_CLOEXEC) != 0) return print_no_diff(errno);
   const Descriptor reading(pipe_ends[0]);
   Descriptor writing(pipe_ends[1]);
-  const std::array<const char*, 9> arguments = {"diff",           "-u",
-                                                "--label",        labels[0].c_str(),
-                                                "--label",        labels[1].c_str(),
-                                                files[0].c_str(), files[1].c_str(),
-                                                nullptr};
+  std::array<std::string, 8> words = {"diff",    "-u",      "--label", labels[0],
+                                      "--label", labels[1], files[0],  files[1]};
+  std::array<char*, words.size() + 1> arguments{};
+  std::transform(words.begin(), words.end(), arguments.begin(),
+                 [](std::string& word) { return word.data(); });
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, writing.get(), STDOUT_FILENO);

@@ -1,9 +1,9 @@
 #include "text.h"
 
 #include <langinfo.h>
-#include <locale.h>
 
 #include <algorithm>
+#include <clocale>
 #include <cstdint>
 #include <cstring>
 
