@@ -4,6 +4,7 @@ import functools
 import json
 import shutil
 import statistics
+import time
 
 from measuring import ETC, SIZES, note, quartiles, rounds_for, show, turn_about
 
@@ -28,6 +29,12 @@ class Typed:
 
     def seconds(self, *words):
         return self.figures(*words)["all"]
+
+    def save_later(self):
+        """Files that changed just before a save are read again by each comparison."""
+        self.bench.clear("state")
+        time.sleep(3)
+        self.run("save", "weekly")
 
     def forget_notes(self):
         for path in (self.bench.root / "state").glob("notes.db*"):
@@ -60,8 +67,7 @@ def saves_if_changed(typed, rounds):
     bench, rows = typed.bench, {}
     for label, size in SIZES.items():
         bench.make_configuration(size)
-        bench.clear("state")
-        typed.run("save", "weekly")
+        typed.save_later()
         rows[label] = turn_about(rounds_for(rounds, size), {
             **git_ways(bench),
             "confsave": lambda: typed.run("save-if-changed", "weekly")})
@@ -73,8 +79,7 @@ def comparisons(typed, rounds):
     rows = {}
     for label, size in SIZES.items():
         typed.bench.make_configuration(size)
-        typed.bench.clear("state")
-        typed.run("save", "weekly")
+        typed.save_later()
         count = rounds_for(rounds, size)
         with_manifest = [typed.seconds("diff", "weekly") for _ in range(count)]
         typed.forget_notes()
