@@ -16,6 +16,7 @@
 #include <kelmor/log.h>
 #include <kelmor/system.h>
 #include <openssl/err.h>
+#include <pwd.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -439,8 +440,9 @@ void prepare() {
   void* shared = mmap(nullptr, sizeof(Strike), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) std::abort();
   strike = new (shared) Strike;
-  // And much more when it is used first.
+  // And much more when it is used first; the C library keeps the modules that know users.
   ERR_clear_error();
+  static_cast<void>(getpwuid(123456789));
   if (note({"daily"}, "before").code != Code::ok) std::abort();
   fs::copy_file(notes_file(), gateway->root() / "kept-notes.db");
 }

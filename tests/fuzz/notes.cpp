@@ -3,6 +3,7 @@
 #include "archives.h"
 #include "confsave/snapshots.h"
 #include "pieces.h"
+#include "snapshots/notes.h"
 
 namespace {
 
@@ -15,7 +16,12 @@ const std::string& whole() {
     fuzz::make_live_configuration();
     fuzz::make_storage();
     fuzz::Writer(notes_file()).run("pragma page_size=512");
-    fuzz::demand(note({"weekly"}, "before the change").code == Code::ok);
+    const auto weekly = find({"weekly"});
+    auto live = read_tree(ConfSave::conf_full);
+    auto file = Notes::open_to_write(std::chrono::milliseconds(1000));
+    fuzz::demand(weekly && live && file);
+    const Manifest manifest{std::move(*live), {"/missing"}};
+    fuzz::demand(file->replace_manifest(*weekly, {"before", "me", false}, manifest).code == Code::ok);
     fuzz::demand(pin({"other"}, true).code == Code::ok);
     return fuzz::read(notes_file());
   }();

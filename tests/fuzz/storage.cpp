@@ -49,6 +49,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     use({(*all)[i].config.name, (*all)[i].config.vers});
   }
   // What reads does not write.
+  demand_answer(status());
   fuzz::demand(fuzz::read(fuzz::database()) == storage);
+
+  // A whole row is deleted, and the other one stays what it was.
+  const auto before = members({"weekly"});
+  const Error removed = ConfSave::snapshots::remove({"other"});
+  fuzz::demand(removed.code == Code::ok || !removed.text.empty());
+  if (removed.code == Code::ok) fuzz::demand(!find({"other"}));
+  if (before && removed.code == Code::ok) fuzz::demand(static_cast<bool>(members({"weekly"})));
+  std::filesystem::remove(fuzz::database() + "-journal");
   return 0;
 }
