@@ -45,7 +45,8 @@ void decode(const Id& id) {
   for (const char* column : {"keybase", "etc"}) {
     const auto packed = expect(BlobSource::open(reader->database(), column, snapshot.id));
     Gunzip unpacked(*packed, Limits{});
-    while (!expect(unpacked.next()).empty()) continue;
+    while (!expect(unpacked.next()).empty()) {
+    }
   }
   std::vector<char> buffer(128 << 10);
   const char* files = std::getenv("BENCH_FILES");
@@ -53,7 +54,8 @@ void decode(const Id& id) {
   for (std::string name; std::getline(names, name);) {
     std::ifstream file(name, std::ios::binary);
     file.rdbuf()->pubsetbuf(nullptr, 0);
-    while (file.read(buffer.data(), static_cast<std::streamsize>(buffer.size()))) continue;
+    while (file.read(buffer.data(), static_cast<std::streamsize>(buffer.size()))) {
+    }
   }
 }
 

@@ -152,8 +152,7 @@ bool run_diff(const std::array<std::string, 2>& files, const std::array<std::str
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, writing.get(), STDOUT_FILENO);
   pid_t child = 0;
-  const int number =
-      posix_spawnp(&child, "diff", &actions, nullptr, const_cast<char* const*>(arguments.data()), environ);
+  const int number = posix_spawnp(&child, "diff", &actions, nullptr, arguments.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (number != 0) return print_no_diff(number);
   writing = Descriptor();

@@ -82,7 +82,7 @@ int print_not_found(const Selection& selection) {
 int print_candidates(const Selection& selection, const cs::Snapshots& found) {
   std::cerr << "confsave: '" << printable(selection.name)
             << "' matches more than one snapshot. Give one of them:\n";
-  const std::size_t shown = found.size() > kMostCandidates ? kMostCandidates : found.size();
+  const std::size_t shown = std::min(found.size(), kMostCandidates);
   for (std::size_t i = 0; i < shown; ++i) {
     const ConfSave::Config& config = found[i].config;
     std::cerr << "  " << label(found[i]) << ", " << config.type << ", saved on "

@@ -63,7 +63,7 @@ void print_as_text(const cs::Status& found) {
 
 }  // namespace
 
-int status(const Options& options) {
+int show_status(const Options& options) {
   const auto found = cs::status();
   if (!found) return report(found.error());
   if (options.json) {

@@ -34,7 +34,7 @@ constexpr Verb kVerbs[] = {
      "restore a snapshot", load},
     {"verify", &kMaybePattern, nullptr, kPlain, "--version --all --json ", "",
      "check whether snapshots can be restored", verify},
-    {"status", nullptr, nullptr, kPlain, "--json ", "", "say what needs attention", status},
+    {"status", nullptr, nullptr, kPlain, "--json ", "", "say what needs attention", show_status},
     {"note", &kName, &kText, kPlain, "--version --wait ", "", "set the comment of a snapshot", note},
     {"pin", &kName, nullptr, kPlain, "--version --wait ", "", "protect a snapshot from being deleted", pin},
     {"unpin", &kName, nullptr, kPlain, "--version --wait ", "", "end the protection", unpin},
@@ -91,11 +91,11 @@ const Entry* find_in(Table<Entry> table, const std::string& name) {
 
 Table<Verb> verbs() { return {std::begin(kVerbs), std::end(kVerbs)}; }
 
-Table<Option> options() { return {std::begin(kOptions), std::end(kOptions)}; }
+Table<Option> option_table() { return {std::begin(kOptions), std::end(kOptions)}; }
 
 const Verb* find_verb(const std::string& name) { return find_in(verbs(), name); }
 
-const Option* find_option(const std::string& name) { return find_in(options(), name); }
+const Option* find_option(const std::string& name) { return find_in(option_table(), name); }
 
 bool lists(const char* list, const std::string& word) {
   return (" " + std::string(list)).find(" " + word + " ") != std::string::npos;

@@ -53,7 +53,7 @@ struct Table {
 };
 
 Table<Verb> verbs();
-Table<Option> options();
+Table<Option> option_table();
 
 const Verb* find_verb(const std::string& name);
 const Option* find_option(const std::string& name);

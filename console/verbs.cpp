@@ -55,7 +55,7 @@ void add_verb(CLI::App& program, const Verb& verb, Options& options) {
   for (const Operand* operand : {verb.first, verb.second}) {
     if (operand != nullptr) add_operand(*parser, *operand, options);
   }
-  for (const Option& option : console::options()) {
+  for (const Option& option : option_table()) {
     if (lists(verb.options, option.name)) add_option(*parser, verb, option, options);
   }
 }

@@ -34,8 +34,8 @@ bool has_room(const std::string& file) {
 }
 
 bool is_whole(const struct stat& status) {
-  return S_ISREG(status.st_mode) && status.st_size == Reserve::kSize &&
-         int64{status.st_blocks} * 512 >= Reserve::kSize;
+  return status.st_size == Reserve::kSize && int64{status.st_blocks} * 512 >= Reserve::kSize &&
+         S_ISREG(status.st_mode);
 }
 
 Descriptor open_file(const std::string& file, int flags = 0) {

@@ -110,6 +110,7 @@ void operator delete(void* memory, std::size_t) noexcept { operator delete(memor
 
 #else
 
+// The names are the C library's. NOLINTBEGIN(bugprone-reserved-identifier,*-declaration-parameter-name)
 extern "C" {
 
 void* __libc_malloc(std::size_t size);
@@ -137,6 +138,7 @@ void free(void* memory) {
 }
 
 }  // extern "C"
+   // NOLINTEND(bugprone-reserved-identifier,*-declaration-parameter-name)
 
 #endif
 

@@ -229,8 +229,8 @@ void typed_verify() {
   for (const snapshots::Snapshot& snapshot : *all) {
     const auto verdict = snapshots::verify({snapshot.config.name, snapshot.config.vers});
     if (!verdict) demand(verdict.error());
-    for (const std::string& problem : verdict->problems) {
-      throw std::runtime_error(snapshot.config.name + ": " + problem);
+    if (!verdict->problems.empty()) {
+      throw std::runtime_error(snapshot.config.name + ": " + verdict->problems.front());
     }
   }
 }

@@ -109,7 +109,8 @@ class Writer {
     demand(sqlite3_prepare_v2(db_, sql, -1, &statement, nullptr) == SQLITE_OK);
     sqlite3_bind_blob(statement, 1, first.data(), static_cast<int>(first.size()), SQLITE_STATIC);
     sqlite3_bind_blob(statement, 2, second.data(), static_cast<int>(second.size()), SQLITE_STATIC);
-    while (sqlite3_step(statement) == SQLITE_ROW) continue;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+    }
     demand(sqlite3_finalize(statement) == SQLITE_OK);
   }
 

@@ -61,7 +61,7 @@ inline std::string damaged(std::string file, Pieces& pieces) {
         file.erase(at, value);
         break;
       case 4: {
-        const std::string block = file.substr(at, std::size_t{value} * 2);
+        const std::string block(file, at, std::size_t{value} * 2);
         file.replace(pieces.position(file.size()), block.size(), block);
         break;
       }

@@ -209,7 +209,7 @@ bool killed_at(int last, Work work) {
   const pid_t pid = fork();
   if (pid == 0) {
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    raise(SIGSTOP);
+    kill(getpid(), SIGSTOP);
     work();
     _exit(0);
   }

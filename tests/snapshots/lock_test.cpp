@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <functional>
 #include <optional>
@@ -111,7 +112,7 @@ TEST_F(LockTest, AWaitEndsWhenTheLockIsFree) {
 
 TEST_F(LockTest, ThreadsOfOneProcessExcludeEachOther) {
   int count = 0;
-  bool held = false;
+  std::atomic<bool> held = false;
   const auto work = [&] {
     for (int i = 0; i < 50; ++i) {
       const auto lock = take(milliseconds(30000));

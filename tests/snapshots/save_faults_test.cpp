@@ -456,11 +456,11 @@ TEST_F(SaveFaults, ManyProcessesLoseNothing) {
 }
 
 TEST_F(SaveFaults, ManyThatReplaceTheSameSnapshot) {
-  std::vector<std::thread> threads;
+  std::vector<std::thread> threads(8);
   std::atomic<int> failures = 0;
   host.log_level = 0;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&failures] { failures += code("weekly", overwrite()) != Code::ok ? 1 : 0; });
+  for (std::thread& thread : threads) {
+    thread = std::thread([&failures] { failures += code("weekly", overwrite()) != Code::ok ? 1 : 0; });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(failures, 0);

@@ -35,7 +35,8 @@ class SmallDisk {
     const int file = open((dir_ + "/filler").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (file == -1) throw std::runtime_error("open " + dir_ + "/filler");
     const std::string block(4096, 'x');
-    while (write(file, block.data(), block.size()) > 0) continue;
+    while (write(file, block.data(), block.size()) > 0) {
+    }
     close(file);
   }
 

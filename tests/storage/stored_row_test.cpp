@@ -3,8 +3,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
-
 using namespace ConfSave;
 using namespace test;
 
