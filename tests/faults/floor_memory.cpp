@@ -444,6 +444,7 @@ void prepare() {
   strike = new (shared) Strike;
   // And much more when it is used first; the C library keeps the modules that know users.
   ERR_clear_error();
+  // cppcheck-suppress getpwuidCalled ; one thread only
   static_cast<void>(getpwuid(123456789));
   if (note({"daily"}, "before").code != Code::ok) std::abort();
   fs::copy_file(notes_file(), gateway->root() / "kept-notes.db");
