@@ -78,7 +78,7 @@ Gateway::~Gateway() {
   fs::remove_all(root_);
 }
 
-void Gateway::make_configuration() {
+void Gateway::make_configuration() const {
   int number = 0;
   const auto make = [&number](const std::string& dir, const char* list) {
     std::istringstream names(list);

@@ -44,7 +44,7 @@ struct Gateway : testing::Test {
 
   /// Makes all files of a full snapshot, those of the configuration database and the failover files
   /// included, each with its own content, mode and time.
-  void make_configuration();
+  void make_configuration() const;
 
   /// The names in the temporary directory.
   Texts temp_files() const;
