@@ -25,8 +25,7 @@ Error write_manifest(Database& notes, const Snapshot& snapshot, const Manifest& 
 /// A manifest of the notes, read piece by piece. The caller has begun a transaction.
 class ManifestReader {
  public:
-  /// No value if there is none that belongs to `snapshot`, or not all of it. `notes` must outlive the
-  /// reader.
+  /// No value without a whole manifest that belongs to `snapshot`. `notes` must outlive the reader.
   static Result<std::optional<ManifestReader>> open(Database& notes, const Snapshot& snapshot);
 
   int64 moment() const { return moment_; }

@@ -27,7 +27,7 @@ class Notes {
   /// No value if there is no file.
   static Result<std::optional<Notes>> open(std::chrono::milliseconds wait);
 
-  /// Makes the file if there is none.
+  /// Makes the file unless it exists.
   static Result<Notes> open_to_write(std::chrono::milliseconds wait);
 
   /// The notes that belong to `snapshots`, by id.
@@ -41,7 +41,7 @@ class Notes {
   Error replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest,
                          int64 replaced = 0);
 
-  /// Reads the manifest that belongs to `snapshot`; no value if there is none, or not all of it. From now
+  /// Reads the manifest that belongs to `snapshot`; no value without a whole one. From now
   /// on, and as long as this object lives, the notes are of one moment.
   Result<std::optional<ManifestReader>> open_manifest(const Snapshot& snapshot);
 

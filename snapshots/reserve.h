@@ -40,7 +40,7 @@ class Reserve {
   enum class Use { none, journal, deleted };
 
   Error attempt(const std::function<Error()>& change);
-  /// Prepares the next way. False if there is none.
+  /// Prepares the next way. False after the last one.
   bool give_way();
   void become_journal();
 

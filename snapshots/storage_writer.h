@@ -28,7 +28,7 @@ struct Stored {
 /// at the deadline.
 class StorageWriter {
  public:
-  /// Makes the file, mode 0600 under any umask, if there is none.
+  /// Makes the file, mode 0600 under any umask, unless it exists.
   static Result<StorageWriter> open(const Deadline& deadline);
 
   /// Stores `row`, durably, in place of the row of its name and version; Code::taken if there is one and

@@ -97,7 +97,7 @@ class TreeReading {
     return add_matching(directory, parent, name.substr(0, name.size() - 1));
   }
 
-  /// Opens "a/b/" component by component. No descriptor if there is none.
+  /// Opens "a/b/" component by component. No descriptor if one is missing.
   Error open_parent(const std::string& parent, Descriptor& directory) const {
     directory = Descriptor(fcntl(root_.get(), F_DUPFD_CLOEXEC, 0));
     if (!directory) return failure("");
