@@ -1,5 +1,6 @@
 #include "support/database.h"
 
+#include <mutex>
 #include <stdexcept>
 
 namespace test {
@@ -8,7 +9,11 @@ namespace {
 int record_statement(unsigned, void*, void*, void* text) {
   const std::string statement = static_cast<const char*>(text);
   // The statements of a trigger are reported as comments.
-  if (statement.compare(0, 2, "--") != 0) StatementRecorder::recorded.push_back(statement);
+  if (statement.compare(0, 2, "--") == 0) return 0;
+  // Several threads have connections.
+  static std::mutex recording;
+  const std::lock_guard lock(recording);
+  StatementRecorder::recorded.push_back(statement);
   return 0;
 }
 

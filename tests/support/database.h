@@ -4,6 +4,7 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <string>
 
 #include "confsave.h"
@@ -58,7 +59,7 @@ class StatementRecorder {
   sqlite3* connection() const { return last_connection; }
 
   static inline Texts recorded;
-  static inline sqlite3* last_connection = nullptr;
+  static inline std::atomic<sqlite3*> last_connection = nullptr;
 };
 
 }  // namespace test
