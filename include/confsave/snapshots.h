@@ -65,15 +65,25 @@ enum class Code {
   taken,              ///< a snapshot of this name and version exists
   pinned,             ///< the snapshot is protected from being deleted
   busy,               ///< another process holds a lock, and the wait is over
+  pending,            ///< a restore waits for its check, and would be disturbed
   incomplete,         ///< there is nothing to save: no file of the contents exists
   damaged,            ///< an archive cannot be decoded to its end, or a row has values of the wrong type
   unsafe,             ///< an archive has a member that a restore must not follow
   changed_meanwhile,  ///< a file changed while it was read
   denied,             ///< permission, or a file system that is read-only
-  newer,              ///< a newer version of ConfSave wrote the file
+  check_failed,       ///< the check of a restore failed, and the restore was taken back
+  newer,              ///< of a newer version: a file that a newer ConfSave wrote, or a snapshot to restore
   no_space,           ///< a file system or quota is full
   no_storage,         ///< "storage.db" cannot be opened, or is not a storage
+  needs_attention,    ///< an interrupted restore cannot be undone; the text says what a person has to do
   failed,             ///< a system call failed; `number` says how
+};
+
+/// What a failed restore has left behind.
+enum class Aftermath {
+  untouched,  ///< nothing was changed
+  put_back,   ///< what was changed is as it was before
+  mixed,      ///< some files are not as they were; the text names them, and recover() tries again
 };
 
 /// A failure.
@@ -82,6 +92,7 @@ struct Error {
   int number = 0;  ///< errno, or SQLite's extended code for a file that SQLite could not use; 0 if neither
   std::string path;  ///< the file or member that it is about; may be empty
   std::string text;  ///< one sentence without the path, without a line end
+  Aftermath aftermath = Aftermath::untouched;  ///< of restore() and recover()
 };
 
 /// Either a Value or an Error.
@@ -300,9 +311,124 @@ struct RemoveOptions {
 /// of the notes. Qualify the call: the C library has a `remove` too, which deletes a file.
 CONFSAVE_API Error remove(const Id& id, const RemoveOptions& options = {});
 
+// ---------------------------------------------------------------------------------------------------
+// Restoring
+
+/// What a restore does to a path.
+enum class Action {
+  create,
+  replace,     ///< with other content, or another kind of file
+  remove,
+  attributes,  ///< same content; mode, owner, group or time differ
+};
+
+/// One path that a restore changes.
+struct PlannedChange {
+  Action action = Action::replace;
+  Difference difference;  ///< from what is there now to the snapshot
+};
+
+/// What a restore would do.
+struct Plan {
+  Snapshot snapshot;
+  std::vector<PlannedChange> changes;  ///< in the order of paths; empty: nothing would change
+  std::vector<std::string> extra;      ///< files of the contents that the snapshot does not have, and that stay
+};
+
+/// How far a restore is.
+struct Progress {
+  enum class Phase {
+    reading,   ///< both archives, compared with the files
+    staging,   ///< the new files
+    keeping,   ///< the present configuration; without figures
+    exchange,  ///< without figures
+  };
+
+  Phase phase = Phase::reading;
+  int64 done = 0;   ///< packed bytes
+  int64 total = 0;  ///< packed bytes
+};
+
+/// How to restore.
+struct RestoreOptions {
+  /// A directory that both archives are restored into, instead of the live configuration. Nothing is kept
+  /// and no load time is stamped.
+  std::string target;
+  bool exact = false;        ///< also remove the files of the contents that the snapshot does not have
+  bool keep = true;          ///< first save the present configuration, unless an equal snapshot is stored
+  bool allow_newer = false;  ///< else a snapshot of a newer version than the running one is Code::newer
+  /// A plan that a person has agreed to. If the restore would do anything else, Code::changed_meanwhile.
+  std::optional<Plan> expected = {};
+  /// Called when the files are restored, without any lock: it may call every function here. If it returns
+  /// false or throws, or this process dies, the restore is taken back.
+  std::function<bool()> check = {};
+  /// Called now and then, by the calling thread.
+  std::function<void(const Progress&)> progress = {};
+  std::chrono::milliseconds wait{30000};
+};
+
+/// What restore() did.
+struct Restored {
+  enum class Outcome {
+    unchanged,  ///< the configuration equals the snapshot already
+    restored,
+  };
+
+  Outcome outcome = Outcome::unchanged;
+  Plan plan;                          ///< what was done
+  std::string kept;                   ///< the snapshot that holds the configuration of before; may be empty
+  std::vector<std::string> warnings;  ///< a sentence each; the restore is done all the same
+};
+
+/// What restore() with these options would do. Changes nothing and takes no lock of the floor; `keep`,
+/// `expected`, `check` and `progress` mean nothing.
+CONFSAVE_API Result<Plan> plan(const Id& id, const RestoreOptions& options = {});
+
+/// Restores a snapshot, all or nothing: after it has returned, or after a kill or a power cut and one
+/// recover(), each file is the old one or each is the new one. Success is durable.
+///
+/// Only what differs is written. Files of the contents that the snapshot does not have stay, unless
+/// `exact`; of the configuration database none stays that the snapshot does not have. Symbolic links are
+/// not followed. A file that changes meanwhile is Code::changed_meanwhile, and nothing is changed.
+/// Extended attributes and access control lists of a replaced file are carried over. Without the rights of
+/// root, owners are neither compared nor set.
+///
+/// The snapshot of the present configuration is named "before-load-YYYY-MM-DD-HH-MM-SS"; the newest five
+/// of that name stay, and pinned ones.
+CONFSAVE_API Result<Restored> restore(const Id& id, const RestoreOptions& options = {});
+
+/// What recover() did.
+struct Recovery {
+  enum class Outcome {
+    nothing,   ///< no restore was interrupted
+    undone,    ///< the files of before are back
+    finished,  ///< the restore had passed its point of no return
+  };
+
+  Outcome outcome = Outcome::nothing;
+  std::string name;  ///< of the snapshot
+  int64 version = 0;
+  std::vector<std::string> warnings;  ///< a sentence each
+};
+
+/// Finishes or undoes a restore that was interrupted; save(), remove() and restore() do the same first.
+/// Code::pending while the restore's process is alive and waits for its check; Code::needs_attention if
+/// files are in the way that nobody can account for: they are left alone, and named.
+CONFSAVE_API Result<Recovery> recover(const ChangeOptions& options = {});
+
+/// A restore that waits for its check, or was interrupted.
+struct Unfinished {
+  std::string name;  ///< of the snapshot
+  int64 version = 0;
+  bool is_pending = false;  ///< its process is alive, and waits for the check
+};
+
+/// The restore that is not finished, if there is one. Changes nothing.
+CONFSAVE_API Result<std::optional<Unfinished>> unfinished(const ReadOptions& options = {});
+
 /// Something that a person should look at.
 struct Attention {
-  std::string code;  ///< leftovers, failover-missing, readable, stale, space
+  std::string code;  ///< pending, interrupted, leftovers, failover-missing, readable, stale, space
   std::string text;  ///< one sentence, with the path that it is about
 };
 
