@@ -1,14 +1,12 @@
 // remove: deletes one row, and gives its pages back to the file system.
 
-#include <algorithm>
-
 #include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
-#include "snapshots/deadline.h"
 #include "snapshots/lock.h"
 #include "snapshots/notes.h"
 #include "snapshots/reserve.h"
 #include "snapshots/storage_reader.h"
+#include "snapshots/under_lock.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -104,10 +102,16 @@ void forget_note(int64 id, const Deadline& deadline) {
   if (notes && *notes) (*notes)->forget(id);
 }
 
-Error remove_row(const Id& id, const RemoveOptions& options) {
+Error lock_and_remove(const Id& id, const RemoveOptions& options) {
   const Deadline deadline(options.wait);
   const Result<Lock> lock = Lock::take("a deletion", deadline);
   if (!lock) return lock.error();
+  return remove_under_lock(id, options, deadline);
+}
+
+}  // namespace
+
+Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadline& deadline) {
   Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
   if (!reader) return reader.error();
   if (!*reader) return not_found(id.name);
@@ -136,10 +140,8 @@ Error remove_row(const Id& id, const RemoveOptions& options) {
   return error;
 }
 
-}  // namespace
-
 Error remove(const Id& id, const RemoveOptions& options) {
-  return error_at_boundary([&] { return remove_row(id, options); });
+  return error_at_boundary([&] { return lock_and_remove(id, options); });
 }
 
 }  // namespace ConfSave::snapshots

@@ -1,6 +1,5 @@
 // save: packs, proves, stores, and keeps what belongs to it beside the storage.
 
-#include <algorithm>
 #include <ctime>
 #include <optional>
 
@@ -14,7 +13,9 @@
 #include "snapshots/notes.h"
 #include "snapshots/proof.h"
 #include "snapshots/reserve.h"
+#include "snapshots/sentence.h"
 #include "snapshots/storage_writer.h"
+#include "snapshots/under_lock.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -22,18 +23,12 @@ namespace {
 /// The packet filter keeps its own snapshot under this name.
 constexpr const char* kPacketFilter = "corlu-config";
 
-std::string sentence(const Error& error) {
-  return error.path.empty() ? error.text : error.path + ": " + error.text;
-}
-
 class Saving {
  public:
-  Saving(const Id& id, const SaveOptions& options)
-      : id_(id), options_(options), deadline_(options.wait), author_(author()) {}
+  Saving(const Id& id, const SaveOptions& options, const Deadline& deadline)
+      : id_(id), options_(options), deadline_(deadline), author_(author()) {}
 
   Result<Saved> run() {
-    const Result<Lock> lock = Lock::take("saving " + id_.name, deadline_);
-    if (!lock) return lock.error();
     if (Error error = look_around(); error.code != Code::ok) return error;
     if (options_.if_changed && newest_) {
       const Result<bool> is_unchanged = compare_with_newest();
@@ -174,7 +169,7 @@ class Saving {
 
   const Id& id_;
   const SaveOptions& options_;
-  Deadline deadline_;
+  const Deadline& deadline_;
   std::string author_;
   std::optional<Snapshot> old_;
   std::optional<Snapshot> newest_;
@@ -187,10 +182,17 @@ Result<Saved> check_and_save(const Id& id, const SaveOptions& options) {
   if (error.code == Code::ok) error = check_type(options.type);
   if (error.code == Code::ok) error = check_comment(options.comment);
   if (error.code != Code::ok) return error;
-  return Saving(id, options).run();
+  const Deadline deadline(options.wait);
+  const Result<Lock> lock = Lock::take("saving " + id.name, deadline);
+  if (!lock) return lock.error();
+  return save_under_lock(id, options, deadline);
 }
 
 }  // namespace
+
+Result<Saved> save_under_lock(const Id& id, const SaveOptions& options, const Deadline& deadline) {
+  return Saving(id, options, deadline).run();
+}
 
 Result<Saved> save(const Id& id, const SaveOptions& options) {
   return at_boundary([&] { return check_and_save(id, options); });

@@ -12,6 +12,7 @@
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
+#include "snapshots/dated_name.h"
 #include "snapshots/leftovers.h"
 #include "snapshots/system_error.h"
 
@@ -19,18 +20,6 @@ namespace ConfSave::snapshots {
 namespace {
 
 constexpr int64 kDay = 86400;
-
-/// "autosave-YYYY-MM-DD-HH-MM-SS", with or without "-N" behind it.
-bool is_autosave(const std::string& name) {
-  const std::string form = "autosave-0000-00-00-00-00-00";
-  std::string digits = name;
-  const auto is_digit = [](char letter) { return letter >= '0' && letter <= '9'; };
-  std::replace_if(digits.begin(), digits.end(), is_digit, '0');
-  if (digits.compare(0, form.size(), form) != 0) return false;
-  const std::string rest = digits.substr(form.size());
-  return rest.empty() ||
-         (rest.size() > 1 && rest[0] == '-' && rest.find_first_not_of('0', 1) == std::string::npos);
-}
 
 std::string quoted(const std::string& path) { return "'" + printable(path) + "'"; }
 
@@ -47,7 +36,7 @@ int64 look_at_rows(const Snapshots& rows, Status& status) {
   for (const Snapshot& row : rows) {
     largest = std::max(largest, row.keybase_size + row.etc_size);
     status.newest = std::max(status.newest, row.config.save_time);
-    if (is_autosave(row.config.name)) {
+    if (is_dated_name("autosave-", row.config.name)) {
       status.newest_autosave = std::max(status.newest_autosave, row.config.save_time);
     }
   }

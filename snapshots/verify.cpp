@@ -6,6 +6,7 @@
 #include "snapshots/member_collector.h"
 #include "snapshots/notes.h"
 #include "snapshots/row_reader.h"
+#include "snapshots/sentence.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -13,8 +14,6 @@ namespace {
 bool is_about_the_archive(const Error& error) {
   return error.code == Code::damaged || error.code == Code::unsafe;
 }
-
-std::string sentence(const Error& error) { return error.path + ": " + error.text; }
 
 class Verifying {
  public:

@@ -1,0 +1,133 @@
+#include "snapshots/keep.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <iterator>
+#include <optional>
+#include <set>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/arguments.h"
+#include "snapshots/dated_name.h"
+#include "snapshots/differences.h"
+#include "snapshots/missing.h"
+#include "snapshots/notes.h"
+#include "snapshots/sentence.h"
+#include "snapshots/under_lock.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+constexpr const char* kPrefix = "before-load-";
+constexpr std::size_t kMostKept = 5;
+/// Reading manifests takes time, and an old snapshot is seldom equal. No more than are kept: none of these
+/// is removed right afterwards.
+constexpr std::size_t kMostCompared = kMostKept;
+
+/// The newest first. By id: a gateway's clock may have been wrong.
+Result<Snapshots> newest_rows(const std::string& pattern, const Deadline& deadline) {
+  Query query;
+  query.pattern = pattern;
+  query.wait = deadline.left();
+  Result<Snapshots> rows = list(query);
+  if (rows) std::reverse(rows->begin(), rows->end());
+  return rows;
+}
+
+/// Compares the live configuration with manifests.
+class Comparing {
+ public:
+  explicit Comparing(Notes notes) : notes_(std::move(notes)) {}
+
+  /// False too if one of the two cannot be read, or files are there that a save leaves out: then a save
+  /// says so.
+  bool equals_live(const Snapshot& snapshot) {
+    const Result<std::optional<Manifest>> manifest = notes_.manifest(snapshot);
+    if (!manifest || !*manifest) return false;
+    const Tree& saved = (*manifest)->tree;
+    if (!live_) live_.emplace(read_tree_since(saved, conf_full));
+    if (!*live_ || !differences(saved.members, (*live_)->members).empty()) return false;
+    std::set<std::string> present;
+    for (const auto& [path, member] : saved.members) present.insert(path);
+    return database_remains(present).empty();
+  }
+
+ private:
+  Notes notes_;
+  std::optional<Result<Tree>> live_;
+};
+
+/// The name of a full snapshot that equals the live configuration; empty if none does. Those of other
+/// versions do not count: a name alone does not find them.
+std::string find_equal(const Snapshots& newest, const Snapshot& loading, const Deadline& deadline) {
+  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
+  if (!notes || !*notes) return "";
+  Comparing comparing(std::move(**notes));
+  std::size_t compared = 0;
+  for (const Snapshot& snapshot : newest) {
+    const Config& config = snapshot.config;
+    const bool counts =
+        config.type == conf_full && config.vers == CURRENT_VERSION && snapshot.id != loading.id;
+    if (!counts) continue;
+    if (comparing.equals_live(snapshot)) return config.name;
+    if (++compared == kMostCompared) break;
+  }
+  return "";
+}
+
+std::string free_name(const Snapshots& rows) {
+  std::set<std::string> taken;
+  for (const Snapshot& row : rows) taken.insert(row.config.name);
+  const std::string base = dated_name(kPrefix, std::time(nullptr));
+  std::string name = base;
+  for (int number = 1; taken.count(name) != 0; ++number) name = base + "-" + std::to_string(number);
+  return name;
+}
+
+void warn_of_files_left_out(const Saved& saved, std::vector<std::string>& warnings) {
+  for (const std::string& path : saved.missing) {
+    if (faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    warnings.push_back(printable(path) + ": the file is not in '" + saved.snapshot.config.name + "'");
+  }
+}
+
+}  // namespace
+
+Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& deadline,
+                                       std::vector<std::string>& warnings) {
+  const Result<Snapshots> rows = newest_rows("*", deadline);
+  if (!rows) return rows.error();
+  if (std::string equal = find_equal(*rows, loading, deadline); !equal.empty()) return equal;
+  SaveOptions options;
+  const std::string comment = "before '" + printable(loading.config.name) + "' was loaded";
+  if (check_comment(comment).code == Code::ok) options.comment = comment;
+  const std::string name = free_name(*rows);
+  Result<Saved> saved = save_under_lock({name}, options, deadline);
+  if (!saved && saved.error().code == Code::incomplete) return std::string();
+  if (!saved) return saved.error();
+  std::move(saved->warnings.begin(), saved->warnings.end(), std::back_inserter(warnings));
+  warn_of_files_left_out(*saved, warnings);
+  return name;
+}
+
+void remove_old_kept(const Snapshot& loading, const Deadline& deadline,
+                     std::vector<std::string>& warnings) {
+  const Result<Snapshots> rows = newest_rows(kPrefix + std::string("*"), deadline);
+  if (!rows) {
+    warnings.push_back("old snapshots were not removed: " + sentence(rows.error()));
+    return;
+  }
+  std::size_t kept = 0;
+  for (const Snapshot& row : *rows) {
+    const bool counts = is_dated_name(kPrefix, row.config.name) && !row.pinned && row.id != loading.id;
+    if (!counts || ++kept <= kMostKept) continue;
+    const Error error = remove_under_lock({row.config.name, row.config.vers}, {}, deadline);
+    if (error.code == Code::ok || error.code == Code::pinned) continue;
+    warnings.push_back("'" + row.config.name + "' was not removed: " + sentence(error));
+  }
+}
+
+}  // namespace ConfSave::snapshots

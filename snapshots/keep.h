@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "confsave/snapshots.h"
+#include "snapshots/deadline.h"
+
+namespace ConfSave::snapshots {
+
+// The snapshots of the configuration before a restore. The caller holds the lock of the floor, and has no
+// transaction of its own on the storage. What goes wrong without being a failure goes into `warnings`.
+
+/// Saves the present configuration as a snapshot of type full, unless a stored one equals it. The name of
+/// the snapshot that holds it; empty if there is nothing to save. `loading` is neither replaced, nor taken
+/// for a copy of the present configuration.
+Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& deadline,
+                                       std::vector<std::string>& warnings);
+
+/// Removes the snapshots that keep_configuration() made, except the newest five, those that are pinned, and
+/// `loading`.
+void remove_old_kept(const Snapshot& loading, const Deadline& deadline, std::vector<std::string>& warnings);
+
+}  // namespace ConfSave::snapshots

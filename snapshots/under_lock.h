@@ -1,0 +1,17 @@
+#pragma once
+
+#include "confsave/snapshots.h"
+#include "snapshots/deadline.h"
+
+namespace ConfSave::snapshots {
+
+// For callers that hold the lock of the floor and have checked the arguments. The `wait` of the options
+// counts for nothing: all waiting ends at the deadline.
+
+/// What save() does.
+Result<Saved> save_under_lock(const Id& id, const SaveOptions& options, const Deadline& deadline);
+
+/// What remove() does.
+Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadline& deadline);
+
+}  // namespace ConfSave::snapshots

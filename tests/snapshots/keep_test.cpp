@@ -1,0 +1,195 @@
+#include <ctime>
+
+#include "snapshots/dated_name.h"
+#include "snapshots/keep.h"
+#include "snapshots/lock.h"
+#include "snapshots/saving.h"
+
+namespace {
+
+using namespace test;
+using namespace ConfSave::snapshots;
+using std::chrono::milliseconds;
+
+class Keep : public Saving {
+ protected:
+  static Snapshot row(const std::string& name, ConfSave::int64 version = kCurrent) {
+    Query query;
+    query.pattern = name;
+    query.version = version;
+    const auto found = find(query);
+    EXPECT_TRUE(found) << name;
+    return found ? *found : Snapshot{};
+  }
+
+  /// What keep_configuration() returns: the name, or the error as a text.
+  std::string kept(const Snapshot& loading = {}) {
+    const auto lock = Lock::take("a restore", Deadline(milliseconds(0)));
+    EXPECT_TRUE(lock);
+    const auto name = keep_configuration(loading, Deadline(milliseconds(5000)), warnings);
+    return name ? *name : shown(name.error());
+  }
+
+  void change() { write_file(config("gw1.conf"), "changed " + std::to_string(++changes)); }
+
+  /// Stores a row that holds nothing, and returns it.
+  Snapshot put_row(const std::string& name, const std::string& save_time = "1000") {
+    put({name, kCurrent, 1, save_time});
+    return row(name);
+  }
+
+  static std::string dated(int second) { return dated_name("before-load-", second); }
+
+  Texts warnings;
+  int changes = 0;
+};
+
+TEST_F(Keep, ThePresentConfigurationIsSaved) {
+  saved("weekly");
+  change();
+  const std::string name = kept(row("weekly"));
+  EXPECT_TRUE(is_dated_name("before-load-", name)) << name;
+  EXPECT_EQ(name.size(), std::string("before-load-2026-01-02-03-04-05").size());
+  EXPECT_EQ(stored(), (Texts{"weekly", name}));
+  EXPECT_TRUE(is_live(name));
+  EXPECT_EQ(row(name).config.type, ConfSave::conf_full);
+  EXPECT_EQ(row(name).comment, "before 'weekly' was loaded");
+  EXPECT_FALSE(row(name).pinned);
+  EXPECT_EQ(verify({name})->state, Verdict::State::intact);
+  EXPECT_EQ(warnings, Texts());
+}
+
+TEST_F(Keep, AnEqualSnapshotIsEnough) {
+  saved("weekly");
+  EXPECT_EQ(kept(put_row("other")), "weekly");
+  change();
+  const std::string name = kept(row("weekly"));
+  EXPECT_EQ(kept(row("weekly")), name);
+  EXPECT_EQ(stored(), (Texts{"weekly", "other", name}));
+}
+
+TEST_F(Keep, WhatIsNoCopyDoesNotCount) {
+  // The snapshot that is loaded: a restore is about to happen, so its archives differ from its manifest.
+  saved("weekly");
+  EXPECT_NE(kept(row("weekly")), "weekly");
+  const Database storage(database());
+  storage.run("delete from Config where name <> 'weekly'");
+  for (const char* sql : {"update Config set type = 2", "update Config set version = 0",
+                          "update Config set save_time = save_time - 1"}) {
+    storage.run("begin");
+    storage.run("create temp table before as select * from Config");
+    storage.run(sql);
+    storage.run("commit");
+    EXPECT_NE(kept(), "weekly") << sql;
+    storage.run("delete from Config");
+    storage.run("insert into Config select * from before");
+    storage.run("drop table before");
+    EXPECT_EQ(kept(), "weekly") << sql;
+  }
+  shell("rm " + notes_file());
+  EXPECT_NE(kept(), "weekly");
+}
+
+TEST_F(Keep, OnlyTheNewestAreCompared) {
+  saved("oldest");
+  for (int i = 0; i < 4; ++i) {
+    change();
+    saved("newer-" + std::to_string(i));
+  }
+  saved("part", of_type(ConfSave::conf_part));
+  shell("cp -p " + config("gw1.conf") + " " + root() + "/last");
+  ConfSave::load("oldest", nullptr, 0, true);
+  EXPECT_EQ(kept(), "oldest");
+  shell("cp -p " + root() + "/last " + config("gw1.conf"));
+  EXPECT_EQ(kept(), "newer-3");
+  change();
+  saved("newest");
+  ConfSave::load("oldest", nullptr, 0, true);
+  EXPECT_NE(kept(), "oldest");
+}
+
+TEST_F(Keep, ANameThatIsTakenGetsANumber) {
+  const std::time_t now = std::time(nullptr);
+  for (int i = 0; i < 60; ++i) {
+    put({dated_name("before-load-", now + i), 0});
+    put({dated_name("before-load-", now + i) + "-1", kCurrent});
+  }
+  const std::string name = kept();
+  EXPECT_EQ(name.substr(name.size() - 2), "-2");
+  EXPECT_TRUE(is_dated_name("before-load-", name));
+  EXPECT_TRUE(is_live(name));
+  EXPECT_EQ(stored().size(), 121U);
+}
+
+TEST_F(Keep, WithoutFilesThereIsNothingToSave) {
+  empty_directory(config_dir());
+  empty_directory(etc_dir());
+  EXPECT_EQ(kept(), "");
+  EXPECT_EQ(stored(), Texts());
+}
+
+TEST_F(Keep, FilesThatAreLeftOutAreNamed) {
+  saved("weekly");
+  shell("rm " + config("user/config.idx") + " " + config("station"));
+  const std::string name = kept();
+  EXPECT_EQ(warnings, Texts{config("user/config.db") + ": the file is not in '" + name + "'"});
+  EXPECT_NE(kept(), name);
+  EXPECT_EQ(warnings.size(), 2U);
+}
+
+TEST_F(Keep, WhyTheConfigurationCannotBeSavedIsReturned) {
+  saved("weekly");
+  change();
+  {
+    const LockHolder holder(database(), 60000);
+    const auto name = keep_configuration({}, Deadline(milliseconds(50)), warnings);
+    ASSERT_FALSE(name);
+    EXPECT_EQ(name.error().code, Code::busy);
+  }
+  shell("cd " + config_dir() + " && rm gw1.conf && mkfifo gw1.conf");
+  const auto name = keep_configuration({}, Deadline(milliseconds(5000)), warnings);
+  ASSERT_FALSE(name);
+  EXPECT_EQ(name.error().code, Code::unsafe);
+  EXPECT_EQ(stored(), Texts{"weekly"});
+}
+
+TEST_F(Keep, TheNewestFiveStay) {
+  // A clock that goes back does not make the newest the oldest.
+  Texts expected;
+  for (int i = 0; i < 9; ++i) {
+    const std::string name = dated(1000 - i) + (i % 2 == 0 ? "" : "-12");
+    put_row(name, std::to_string(1000 - i));
+    if (i == 0 || i == 1 || i >= 4) expected.push_back(name);
+  }
+  ASSERT_EQ(pin({expected[0]}, true).code, Code::ok);
+  const Texts others{"before-load",
+                     "before-load-",
+                     dated(0) + "-",
+                     dated(0) + "-x",
+                     dated(0) + "x",
+                     "xbefore-load-2026-01-02-03-04-05",
+                     "before-load-2026-01-02-03-04-5",
+                     "autosave-2026-01-02-03-04-05"};
+  for (const std::string& name : others) put_row(name);
+  expected.insert(expected.end(), others.begin(), others.end());
+  remove_old_kept(row(expected[1]), Deadline(milliseconds(5000)), warnings);
+  EXPECT_EQ(stored(), expected);
+  EXPECT_EQ(warnings, Texts());
+}
+
+TEST_F(Keep, WhatIsNotRemovedIsAWarning) {
+  for (int i = 0; i < 6; ++i) put_row(dated(i));
+  {
+    const LockHolder holder(database(), 60000);
+    remove_old_kept({}, Deadline(milliseconds(50)), warnings);
+  }
+  ASSERT_EQ(warnings.size(), 1U);
+  EXPECT_EQ(warnings[0].find("old snapshots were not removed: " + database()), 0U) << warnings[0];
+  write_file(notes_file(), std::string(5000, 'x'));
+  remove_old_kept({}, Deadline(milliseconds(5000)), warnings);
+  ASSERT_EQ(warnings.size(), 2U);
+  EXPECT_EQ(warnings[1].find("'" + dated(0) + "' was not removed: " + notes_file()), 0U) << warnings[1];
+  EXPECT_EQ(stored().size(), 6U);
+}
+
+}  // namespace
