@@ -1,9 +1,8 @@
 #pragma once
 
-#include <openssl/evp.h>
+#include <nettle/sha2.h>
 
 #include <cstddef>
-#include <memory>
 
 #include "confsave/snapshots.h"
 
@@ -20,10 +19,7 @@ class Sha256 {
   Digest finish();
 
  private:
-  struct Free {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-  };
-  std::unique_ptr<EVP_MD_CTX, Free> context_;
+  sha256_ctx context_;
 };
 
 }  // namespace ConfSave::snapshots

@@ -15,7 +15,6 @@
 #include <dlfcn.h>
 #include <kelmor/log.h>
 #include <kelmor/system.h>
-#include <openssl/err.h>
 #include <pwd.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
@@ -386,8 +385,6 @@ void check(const Entry& entry, long number, const Ending& ending) {
   const long alive_before = alive;
   const sqlite3_int64 sqlite_before = sqlite3_memory_used();
   call(entry, number, ending);
-  // OpenSSL keeps a list of errors for each thread.
-  ERR_clear_error();
   const long leaked = alive - alive_before;
   const sqlite3_int64 leaked_by_sqlite = sqlite3_memory_used() - sqlite_before;
   require(leaked <= 0, entry, number, std::to_string(leaked) + " blocks leak: " + ending.text);
@@ -442,8 +439,7 @@ void prepare() {
   void* shared = mmap(nullptr, sizeof(Strike), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) std::abort();
   strike = new (shared) Strike;
-  // And much more when it is used first; the C library keeps the modules that know users.
-  ERR_clear_error();
+  // The C library keeps the modules that know users.
   // cppcheck-suppress getpwuidCalled ; one thread only
   static_cast<void>(getpwuid(123456789));
   if (note({"daily"}, "before").code != Code::ok) std::abort();
