@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
-"""Cuts the power in the middle of an overwrite.
+"""Cuts the power in the middle of an overwrite, or a deletion.
 
     crash.py OPERATE [--full] [--seed=N]
 
 The system calls of one overwrite, by either library, on the state directory are recorded, of a small
-snapshot and of one that SQLite's cache does not hold. A state after a power cut is what a prefix of them
-leaves: whatever a sync covered is there, and of the rest an arbitrary part, a write maybe torn at a
-sector. In each state the library lists and loads first, then the program, each from a copy of its own:
-both find the old snapshot or both the new one, whole. Only then the database itself is looked at, and
-the second library verifies all.
+snapshot and of one that SQLite's cache does not hold; and those of a deletion. A state after a power cut is
+what a prefix of them leaves: whatever a sync covered is there, and of the rest an arbitrary part, a write
+maybe torn at a sector. In each state the library lists and loads first, then the program, each from a copy
+of its own: both find the old snapshot or both the new one, whole, or none after a deletion. Only then the
+database itself is looked at, and the second library verifies all.
 """
 
 import hashlib
@@ -135,16 +135,17 @@ class Disk:
 
 
 class Overwrite:
-    """The power cuts in one overwrite."""
+    """The power cuts in one overwrite, or one deletion."""
 
     def __init__(self, gateway, verb, size):
         gateway.write_configuration("old", 8000)
-        gateway.do(verb, "kept")
-        gateway.do(verb, "weekly")
+        self.may_be_missing = ["weekly"] if verb == "typed-remove" else []
+        for name in ("kept", "weekly"):
+            gateway.do("typed-save" if self.may_be_missing else verb, name)
         self.gateway = gateway
         self.disk = Disk(gateway.state)
         old, new = gateway.expected_files("old", 8000), gateway.expected_files("new", size)
-        self.expected = {"kept": [old], "weekly": [old, new]}
+        self.expected = {"kept": [old], "weekly": [old] if self.may_be_missing else [old, new]}
         gateway.write_configuration("new", size)
         self.calls = record(gateway, verb)
         require(any(call[0] == "sync" for call in self.calls), "nothing was synced")
@@ -174,18 +175,18 @@ class Overwrite:
             (state / name.rsplit("/", 1)[1]).write_bytes(contents)
         self.hot += has_hot_journal(state)
         try:
-            stored = require_stored(self.gateway, self.expected, ["weekly"], state=state)
+            stored = require_stored(self.gateway, self.expected, ["weekly"], self.may_be_missing, state)
             self.gateway.do("typed-verify", prefix=["env", f"KELMOR_DYNAMIC_DIR={state}"])
         except Exception as failure:
             raise type(failure)(f"after call {position} of {len(self.calls)}: {failure}") from failure
-        self.found[self.expected["weekly"].index(stored["weekly"])] += 1
+        self.found[stored.get("weekly") != self.expected["weekly"][0]] += 1
 
     def figures(self):
         require(self.hot > 0, "no state had a hot journal")
         require(min(self.found) > 0, "old and new were not both seen:", self.found)
         return (f"{len(self.calls)} calls, {self.states} states of which {len(self.seen)} differ and "
                 f"{self.hot} have a hot journal: {self.found[0]} with the old snapshot, "
-                f"{self.found[1]} with the new one")
+                f"{self.found[1]} with {'none' if self.may_be_missing else 'the new one'}")
 
 
 def campaign(program, full, source):
@@ -193,7 +194,8 @@ def campaign(program, full, source):
     for verb, size, wanted, share in (
             ("save", 12000, 6000 if full else 150, 1.0 if full else 0.2),
             ("save", 300000, 300 if full else 12, 0.02 if full else 0.002),
-            ("typed-save", 12000, 3000 if full else 80, 1.0 if full else 0.1)):
+            ("typed-save", 12000, 3000 if full else 80, 1.0 if full else 0.1),
+            ("typed-remove", 12000, 2000 if full else 50, 1.0 if full else 0.1)):
         with Gateway(program) as gateway:
             overwrite = Overwrite(gateway, verb, size)
             overwrite.states_along(source, (0.0, 1.0), share)

@@ -155,19 +155,23 @@ def strike(gateway, words, call, number, error, prefix):
     """Lets one call fail. The sorts of files that were hit, and whether a snapshot lacks a file of it."""
     injection = f"inject={call}:error={error}:when={number}"
     (gateway.root / "trace").unlink()
-    gateway.run(*words, prefix=prefix("-e", f"trace={call}", "-e", injection))
+    status, _ = gateway.run(*words, prefix=prefix("-e", f"trace={call}", "-e", injection))
     hit = [line for line in traced_lines(gateway) if "INJECTED" in line]
     gateway.remove_temporary_files()
     gateway.remove_scratch_directories()
     try:
         allowed = may_hold(gateway, hit if words[0] == "save" else [])
-        found = require_stored(gateway, {"kept": allowed[:1], "weekly": allowed})
+        found = require_stored(gateway, {"kept": allowed[:1], "weekly": allowed},
+                               may_be_missing=["weekly"] if words[0] == "typed-remove" else [])
+        if words[0] == "typed-remove":
+            require(("weekly" in found) == (status != 0), "ended with", status, "and left", list(found))
+        gateway.do("typed-verify")
         gateway.require_whole_files("old", "new")
     except Exception as failure:
         raise type(failure)(f"{words} {call} {number} {error}: {failure}; {hit}") from failure
     gateway.restore_state()
     gateway.write_configuration("new")
-    return [sort_of(gateway, line) for line in hit], found["weekly"] not in allowed[:2]
+    return [sort_of(gateway, line) for line in hit], found.get("weekly", allowed[0]) not in allowed[:2]
 
 
 def system_calls(gateway, full, source):
@@ -182,8 +186,9 @@ def system_calls(gateway, full, source):
         traced = " ".join(tracer(gateway, "-f", *words))
         return ["env", f"PATH={path}:/usr/bin:/bin", f"TRACER={traced}"]
 
-    save, load, typed = ["save", "weekly"], ["load", "weekly"], ["typed-save", "weekly"]
-    for words, prefix in ((save, of_host), (save, of_tar), (load, of_host), (typed, of_host)):
+    for verb, prefix in (("save", of_host), ("save", of_tar), ("load", of_host), ("typed-save", of_host),
+                         ("typed-remove", of_host)):
+        words = [verb, "weekly"]
         calls = calls_on_files(gateway, words, prefix)
         require(calls, words, "has no calls on files")
         if not full:
