@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <ctime>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <set>
 
@@ -48,7 +49,7 @@ class Comparing {
     const Result<std::optional<Manifest>> manifest = notes_.manifest(snapshot);
     if (!manifest || !*manifest) return false;
     const Tree& saved = (*manifest)->tree;
-    if (!live_) live_.emplace(read_tree_since(saved, conf_full));
+    if (!live_) live_ = std::make_unique<Result<Tree>>(read_tree_since(saved, conf_full));
     if (!*live_ || !differences(saved.members, (*live_)->members).empty()) return false;
     std::set<std::string> present;
     for (const auto& [path, member] : saved.members) present.insert(path);
@@ -57,7 +58,7 @@ class Comparing {
 
  private:
   Notes notes_;
-  std::optional<Result<Tree>> live_;
+  std::unique_ptr<Result<Tree>> live_;
 };
 
 /// The name of a full snapshot that equals the live configuration; empty if none does. Those of other
