@@ -1,24 +1,15 @@
 #include "snapshots/leftovers.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 
 #include "places.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/lock.h"
 
 namespace ConfSave::snapshots {
 namespace {
-
-/// Asks without waiting, and without changing the file.
-bool somebody_is_at_work() {
-  const std::string path = state_directory() + "/confsave.lock";
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  return file && flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-}
 
 bool is_made_name(const std::string& name) {
   const auto has = [&name](const char* letters) {
@@ -47,7 +38,7 @@ void look_in(std::string directory, mode_t kind_and_mode, std::vector<std::strin
 
 std::vector<std::string> leftovers() {
   std::vector<std::string> found;
-  if (somebody_is_at_work()) return found;
+  if (Lock::is_taken()) return found;
   look_in(config_directory(), S_IFDIR | S_IRWXU, found);
   look_in(kFailoverDirectory, S_IFDIR | S_IRWXU, found);
   look_in(temporary_directory(), S_IFREG | S_IRUSR | S_IWUSR, found);

@@ -18,6 +18,8 @@ constexpr mode_t kMode = S_IRUSR | S_IWUSR;
 constexpr int kFirstOwnNumber = 3;
 constexpr std::chrono::milliseconds kLongestPause{20};
 
+std::string lock_file() { return state_directory() + "/confsave.lock"; }
+
 /// Not closed on exec, so that the commands of a killed process keep the lock.
 Result<Descriptor> open_file(const std::string& path) {
   Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kMode));
@@ -62,7 +64,7 @@ bool lock_until(const Descriptor& file, const Deadline& deadline) {
 }  // namespace
 
 Result<Lock> Lock::take(const std::string& purpose, const Deadline& deadline) {
-  const std::string path = state_directory() + "/confsave.lock";
+  const std::string path = lock_file();
   Result<Descriptor> file = open_file(path);
   if (!file) return file.error();
   if (!lock_until(*file, deadline)) {
@@ -73,6 +75,11 @@ Result<Lock> Lock::take(const std::string& purpose, const Deadline& deadline) {
   // For people only, so a failure, as on a full disk, is ignored.
   if (ftruncate(file->get(), 0) == 0 && pwrite(file->get(), text.data(), text.size(), 0) < 0) errno = 0;
   return Lock(std::move(*file));
+}
+
+bool Lock::is_taken() {
+  const Descriptor file(open(lock_file().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  return file && flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 Lock::~Lock() {

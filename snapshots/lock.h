@@ -19,6 +19,9 @@ class Lock {
   /// gave as `purpose`.
   static Result<Lock> take(const std::string& purpose, const Deadline& deadline);
 
+  /// Whether somebody holds it. Waits for nobody and changes nothing.
+  static bool is_taken();
+
   Lock(Lock&& other) noexcept = default;
   Lock& operator=(Lock&& other) = delete;
   ~Lock();

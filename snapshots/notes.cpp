@@ -1,13 +1,9 @@
 #include "snapshots/notes.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <cerrno>
-#include <cstring>
 
 #include "places.h"
-#include "snapshots/descriptor.h"
+#include "snapshots/own_file.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -21,24 +17,6 @@ constexpr const char* kNoteTable =
     "pragma user_version = 1; ";
 
 std::string notes_file() { return state_directory() + "/notes.db"; }
-
-Error cannot_make(const std::string& file, int number) {
-  const Code code = number == EACCES || number == EPERM || number == EROFS ? Code::denied : Code::failed;
-  return {code, number, file, std::strerror(number)};
-}
-
-/// SQLite gives its own files the mode of the umask, so the file is made before. One that is there is not
-/// opened: closing it would release the locks that this process has on it.
-Error make_file(const std::string& file) {
-  const Descriptor made(::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (made) return fchmod(made.get(), S_IRUSR | S_IWUSR) == 0 ? Error{} : cannot_make(file, errno);
-  if (errno != EEXIST) return cannot_make(file, errno);
-  struct stat status = {};
-  if (lstat(file.c_str(), &status) != 0) return cannot_make(file, errno);
-  if (S_ISDIR(status.st_mode)) return cannot_make(file, EISDIR);
-  if (S_ISLNK(status.st_mode)) return cannot_make(file, ELOOP);
-  return chmod(file.c_str(), S_IRUSR | S_IWUSR) == 0 ? Error{} : cannot_make(file, errno);
-}
 
 }  // namespace
 
@@ -57,7 +35,7 @@ Result<std::optional<Notes>> Notes::open(std::chrono::milliseconds wait) {
 }
 
 Result<Notes> Notes::open_to_write(std::chrono::milliseconds wait) {
-  if (Error error = make_file(notes_file()); error.code != Code::ok) return error;
+  if (Error error = make_own_file(notes_file()); error.code != Code::ok) return error;
   Result<Database> database = Database::open(notes_file(), wait);
   if (!database) return database.error();
   Notes notes(std::move(*database));

@@ -78,12 +78,34 @@ Error check_type(OpenRow& row, const char* name, const std::string& type) {
   return {Code::damaged, 0, name, "the column holds a value of type " + actual + ", not " + type};
 }
 
-Error read_column(OpenRow& row, const Column& column, const EntryHandler& handler) {
+namespace {
+
+/// Reports what is read from a source.
+class Counted : public Source {
+ public:
+  Counted(Source& source, const PackedProgress& progress) : source_(source), progress_(progress) {}
+
+  Result<std::string_view> next() override {
+    Result<std::string_view> piece = source_.next();
+    if (piece && progress_) progress_(static_cast<int64>(piece->size()));
+    return piece;
+  }
+
+ private:
+  Source& source_;
+  const PackedProgress& progress_;
+};
+
+}  // namespace
+
+Error read_column(OpenRow& row, const Column& column, const EntryHandler& handler,
+                  const PackedProgress& progress) {
   if (Error error = check_type(row, column.name, "blob"); error.code != Code::ok) return error;
   Result<std::unique_ptr<BlobSource>> blob =
       BlobSource::open(row.reader.database(), column.name, row.rowid);
   if (!blob) return blob.error();
-  Error error = read_archive(**blob, Limits{}, handler);
+  Counted counted(**blob, progress);
+  Error error = read_archive(counted, Limits{}, handler);
   if (error.path.empty()) error.path = column.name;
   return error;
 }

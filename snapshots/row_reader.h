@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -34,8 +35,12 @@ Result<OpenRow> open_row(const Id& id, const Deadline& deadline);
 /// Code::damaged unless column `name` holds a value of `type`.
 Error check_type(OpenRow& row, const char* name, const std::string& type);
 
+/// Called with the number of packed bytes since the last call.
+using PackedProgress = std::function<void(int64)>;
+
 /// Reads one of the archives to its end.
-Error read_column(OpenRow& row, const Column& column, const EntryHandler& handler);
+Error read_column(OpenRow& row, const Column& column, const EntryHandler& handler,
+                  const PackedProgress& progress = {});
 
 /// The members of both archives by path.
 Result<std::map<std::string, Member>> read_contents(OpenRow& row);

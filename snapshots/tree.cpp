@@ -47,9 +47,9 @@ class Known {
 /// Reads what belongs to one of the two directories.
 class TreeReading {
  public:
-  TreeReading(Base base, const Limits& limits, const Known& known,
+  TreeReading(Base base, std::string directory, const Limits& limits, const Known& known,
               std::map<std::string, LiveMember>& members, std::vector<std::string>* unreadable)
-      : base_(directory_of(base)),
+      : base_(std::move(directory)),
         secrets_(base),
         limits_(limits),
         known_(known),
@@ -57,7 +57,14 @@ class TreeReading {
         unreadable_(unreadable),
         buffer_(kPiece) {}
 
-  Error run(const std::vector<std::string>& paths) {
+  Error run(const std::vector<std::string>& paths, const std::vector<std::string>& alone = {}) {
+    if (Error error = add_entries(paths); error.code != Code::ok) return error;
+    enters_directories_ = false;
+    return add_entries(alone);
+  }
+
+ private:
+  Error add_entries(const std::vector<std::string>& paths) {
     root_ = Descriptor(open(base_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!root_) return errno == ENOENT ? Error{} : failure("");
     for (const std::string& path : paths) {
@@ -68,7 +75,6 @@ class TreeReading {
     return {};
   }
 
- private:
   /// True if `path` was put where the caller wants such paths.
   bool is_unreadable(const Error& error, const std::string& path) {
     if (error.code != Code::denied || unreadable_ == nullptr) return false;
@@ -196,6 +202,12 @@ class TreeReading {
     struct stat status = {};
     if (!directory || fstat(directory.get(), &status) != 0) return failure(path);
     keep(describe(path, Kind::directory, status), status);
+    --depth_;
+    return enters_directories_ ? add_children(directory, path) : Error{};
+  }
+
+  Error add_children(const Descriptor& directory, const std::string& path) {
+    ++depth_;
     std::vector<std::string> names;
     if (Error error = names_in(directory.get(), path, names); error.code != Code::ok) return error;
     for (const std::string& child : names) {
@@ -293,6 +305,7 @@ class TreeReading {
   Sha256 sha256_;
   std::vector<char> buffer_;
   std::size_t depth_ = 0;
+  bool enters_directories_ = true;
 };
 
 bool has_database() {
@@ -316,7 +329,7 @@ Result<Tree> read(conftype type, const Limits& limits, const Tree* saved,
   const Known known(saved, tree.moment);
   const bool with_database = has_database();
   for (const Base base : {Base::configuration, Base::failover}) {
-    TreeReading reading(base, limits, known, tree.members, unreadable);
+    TreeReading reading(base, directory_of(base), limits, known, tree.members, unreadable);
     if (Error error = reading.run(paths_of(base, type, with_database)); error.code != Code::ok)
       return error;
   }
@@ -327,6 +340,17 @@ Result<Tree> read(conftype type, const Limits& limits, const Tree* saved,
 
 Result<Tree> read_tree(conftype type, const Limits& limits, std::vector<std::string>* unreadable) {
   return read(type, limits, nullptr, unreadable);
+}
+
+Result<Tree> read_parts(const std::vector<TreePart>& parts, const Tree* saved) {
+  const Limits limits;
+  Tree tree{now(), {}};
+  const Known known(saved, tree.moment);
+  for (const TreePart& part : parts) {
+    TreeReading reading(part.base, part.directory, limits, known, tree.members, nullptr);
+    if (Error error = reading.run(part.paths, part.alone); error.code != Code::ok) return error;
+  }
+  return tree;
 }
 
 Result<Tree> read_tree_since(const Tree& saved, conftype type, const Limits& limits) {

@@ -37,4 +37,15 @@ Result<Tree> read_tree(conftype type, const Limits& limits = {},
 /// right after it could have left the same times, or the clock went back since.
 Result<Tree> read_tree_since(const Tree& saved, conftype type, const Limits& limits = {});
 
+/// What to read in one of the directories, which ends in "/".
+struct TreePart {
+  Base base = Base::configuration;
+  std::string directory;
+  std::vector<std::string> paths;  ///< relative; as the contents have them, with all that is below
+  std::vector<std::string> alone;  ///< relative; a directory without what is below
+};
+
+/// The files at these paths, as read_tree reads them. With `saved`, as read_tree_since does.
+Result<Tree> read_parts(const std::vector<TreePart>& parts, const Tree* saved);
+
 }  // namespace ConfSave::snapshots

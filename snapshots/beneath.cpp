@@ -1,0 +1,93 @@
+#include "snapshots/beneath.h"
+
+#include <fcntl.h>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/system_error.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+/// A configuration has few directories; a process has few descriptors.
+constexpr std::size_t kMostOpened = 64;
+
+}  // namespace
+
+std::string parent_of(const std::string& relative) {
+  const std::size_t slash = relative.rfind('/');
+  return slash == std::string::npos ? "" : relative.substr(0, slash);
+}
+
+std::string name_of(const std::string& relative) { return relative.substr(relative.rfind('/') + 1); }
+
+Result<Beneath> Beneath::open(const std::string& path) {
+  Beneath beneath;
+  beneath.path_ = path;
+  beneath.root_ = Descriptor(::open(path.c_str(), kDirectory));
+  if (!beneath.root_ || fstat(beneath.root_.get(), &beneath.status_) != 0) {
+    return system_error(printable(path));
+  }
+  return beneath;
+}
+
+std::string Beneath::shown(const std::string& relative) const { return printable(path_ + relative); }
+
+Error Beneath::failure(const std::string& relative, int number) const {
+  return system_error(shown(relative), number);
+}
+
+Result<Descriptor> Beneath::walk(const std::string& relative) const {
+  Descriptor directory(openat(root_.get(), ".", kDirectory));
+  if (!directory) return failure("", errno);
+  for (std::size_t start = 0; start < relative.size();) {
+    const std::size_t end = std::min(relative.find('/', start), relative.size());
+    const std::string part = relative.substr(start, end - start);
+    start = end + 1;
+    Descriptor next(openat(directory.get(), part.c_str(), kDirectory | O_NOFOLLOW));
+    if (!next && (errno == ELOOP || errno == ENOTDIR)) {
+      return Error{Code::unsafe, ENOTDIR, shown(relative.substr(0, end)),
+                   "this is not a directory; a link is not followed"};
+    }
+    if (!next) return failure(relative.substr(0, end), errno);
+    std::swap(directory, next);
+  }
+  return directory;
+}
+
+Result<int> Beneath::directory(const std::string& relative) {
+  if (relative.empty()) return root_.get();
+  const auto found = opened_.find(relative);
+  if (found != opened_.end()) return found->second.get();
+  Result<Descriptor> opened = walk(relative);
+  if (!opened) return opened.error();
+  if (opened_.size() >= kMostOpened) opened_.erase(opened_.begin());
+  return opened_.emplace(relative, std::move(*opened)).first->second.get();
+}
+
+bool Beneath::is_in_place(const std::string& relative) const {
+  const auto found = opened_.find(relative);
+  if (found == opened_.end()) return true;
+  const Result<Descriptor> now = walk(relative);
+  struct stat a = {};
+  struct stat b = {};
+  return now && fstat(now->get(), &a) == 0 && fstat(found->second.get(), &b) == 0 && a.st_ino == b.st_ino &&
+         a.st_dev == b.st_dev;
+}
+
+Result<std::optional<struct stat>> Beneath::look(const std::string& relative) {
+  const Result<int> parent = directory(parent_of(relative));
+  if (!parent) {
+    const bool is_missing = parent.error().number == ENOENT || parent.error().number == ENOTDIR;
+    if (is_missing) return std::optional<struct stat>();
+    return parent.error();
+  }
+  struct stat status = {};
+  if (fstatat(*parent, name_of(relative).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    return std::optional<struct stat>(status);
+  }
+  if (errno == ENOENT) return std::optional<struct stat>();
+  return failure(relative, errno);
+}
+
+}  // namespace ConfSave::snapshots

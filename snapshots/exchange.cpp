@@ -1,0 +1,345 @@
+#include "snapshots/exchange.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/system_error.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+/// With more directories than this, one sync of the file system is faster.
+constexpr std::size_t kSyncsOneByOne = 16;
+
+/// Nothing if `name` does not exist, or cannot be looked at.
+Identity look(int directory, const std::string& name) {
+  struct stat status = {};
+  if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
+  return identity_of(status);
+}
+
+bool is_empty(int parent, const std::string& name) {
+  Descriptor opened(openat(parent, name.c_str(), kDirectory));
+  const Directory directory(opened ? fdopendir(opened.get()) : nullptr);
+  if (directory == nullptr) return false;
+  opened.release();
+  while (const dirent* entry = readdir(directory.get())) {
+    const std::string child = entry->d_name;
+    if (child != "." && child != "..") return false;
+  }
+  return true;
+}
+
+/// Whether the file system, or the kernel, does not have the flag of the last renameat2.
+bool lacks_flag() { return errno == EINVAL || errno == ENOSYS || errno == ENOTSUP; }
+
+/// Renames unless `to` exists. -1 with errno.
+int move(int from, const std::string& name, int to, const std::string& new_name) {
+  if (renameat2(from, name.c_str(), to, new_name.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (!lacks_flag()) return -1;
+  struct stat status = {};
+  if (fstatat(to, new_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    errno = EEXIST;
+    return -1;
+  }
+  return renameat(from, name.c_str(), to, new_name.c_str());
+}
+
+int exchange(int a, const std::string& name, int b, const std::string& other) {
+  return renameat2(a, name.c_str(), b, other.c_str(), RENAME_EXCHANGE);
+}
+
+bool is_number(const std::string& name) {
+  return !name.empty() && name.find_first_not_of("0123456789") == std::string::npos;
+}
+
+}  // namespace
+
+Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_only) {
+  std::vector<Site> sites;
+  for (const Root& root : roots) {
+    const auto unknown = [&root](int number, const std::string& why) {
+      return Error{Code::needs_attention, number, printable(root.path),
+                   why + "; is its file system mounted? Then run 'confsave recover'"};
+    };
+    Result<Beneath> beneath = Beneath::open(root.path);
+    const bool is_known = beneath && beneath->status().st_ino == root.inode;
+    if (!is_known && sweep_only) {
+      sites.emplace_back();
+      continue;
+    }
+    if (!beneath) return unknown(beneath.error().number, beneath.error().text);
+    if (!is_known) return unknown(0, "this is not the directory that was restored into");
+    Site site{std::move(*beneath), root.staging, Descriptor()};
+    site.staging = Descriptor(openat(site.beneath.root(), site.name.c_str(), kDirectory));
+    if (!site.staging && errno != ENOENT) return site.beneath.failure(site.name, errno);
+    sites.push_back(std::move(site));
+  }
+  return sites;
+}
+
+int apply_attributes(int file, const Attributes& attributes) {
+  // The mode comes last: a new owner clears the set-id bits.
+  if (geteuid() == 0 && fchown(file, attributes.uid, attributes.gid) != 0) return -1;
+  return fchmod(file, attributes.mode);
+}
+
+Exchange::Slot Exchange::slot_of(std::size_t number) const {
+  const std::string name = std::to_string(number);
+  return {sites_[steps_[number].root].staging.get(), name, name + ".old", name + ".new"};
+}
+
+void Exchange::touch(const Step& step) {
+  touched_.resize(sites_.size());
+  const bool is_inside = step.what == Step::What::attributes;
+  touched_[step.root].insert(is_inside ? step.path : parent_of(step.path));
+}
+
+Error Exchange::changed(const Step& step) const {
+  return {Code::changed_meanwhile, 0, sites_[step.root].beneath.shown(step.path),
+          "the file changed while the restore was prepared"};
+}
+
+Error Exchange::foreign_file(const Step& step, const std::string& slot) const {
+  const Beneath& beneath = sites_[step.root].beneath;
+  return {Code::needs_attention, 0, beneath.shown(step.path),
+          "somebody else has put this file here; the one of before is '" +
+              beneath.shown(sites_[step.root].name + "/" + slot) +
+              "'. Move this one away, then run 'confsave recover'"};
+}
+
+bool Exchange::is_as_before(const Slot& slot, const std::string& name, const Step& step) const {
+  const Identity now = look(slot.staging, name);
+  return is_unchanged(now, step.before) && (!S_ISDIR(now.kind) || is_empty(slot.staging, name));
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Forward
+
+Error Exchange::apply(std::size_t number) {
+  const Step& step = steps_[number];
+  touch(step);
+  if (step.what == Step::What::attributes) return set_attributes(step, step.fresh, step.time);
+  const Result<int> parent = sites_[step.root].beneath.directory(parent_of(step.path));
+  if (!parent) return parent.error();
+  const std::string name = name_of(step.path);
+  return step.what == Step::What::put ? put(number, *parent, name) : take_away(number, *parent, name);
+}
+
+Error Exchange::put(std::size_t number, int parent, const std::string& name) {
+  const Step& step = steps_[number];
+  const Slot slot = slot_of(number);
+  if (!step.before.exists()) {
+    if (move(slot.staging, slot.name, parent, name) == 0) return {};
+    return errno == EEXIST ? changed(step) : sites_[step.root].beneath.failure(step.path, errno);
+  }
+  if (exchange(slot.staging, slot.name, parent, name) == 0) {
+    if (is_as_before(slot, slot.name, step)) return {};
+    if (exchange(slot.staging, slot.name, parent, name) != 0) {
+      return sites_[step.root].beneath.failure(step.path, errno);
+    }
+    return changed(step);
+  }
+  if (errno == ENOENT) return changed(step);
+  if (!lacks_flag()) return sites_[step.root].beneath.failure(step.path, errno);
+  return put_without_exchange(step, slot, parent, name);
+}
+
+/// The old file gets a second name, and the new one replaces it. A directory cannot have two names: for a
+/// moment there is none.
+Error Exchange::put_without_exchange(const Step& step, const Slot& slot, int parent,
+                                     const std::string& name) {
+  const Beneath& beneath = sites_[step.root].beneath;
+  const bool is_linked = !S_ISDIR(step.before.kind) && !S_ISDIR(step.after.kind) &&
+                         linkat(parent, name.c_str(), slot.staging, slot.old_name.c_str(), 0) == 0;
+  if (!is_linked && move(parent, name, slot.staging, slot.old_name) != 0) {
+    return errno == ENOENT ? changed(step) : beneath.failure(step.path, errno);
+  }
+  if (!is_as_before(slot, slot.old_name, step)) {
+    const int undone = is_linked ? unlinkat(slot.staging, slot.old_name.c_str(), 0)
+                                 : move(slot.staging, slot.old_name, parent, name);
+    return undone == 0 ? changed(step) : beneath.failure(step.path, errno);
+  }
+  if (renameat(slot.staging, slot.name.c_str(), parent, name.c_str()) == 0) return {};
+  return beneath.failure(step.path, errno);
+}
+
+Error Exchange::take_away(std::size_t number, int parent, const std::string& name) {
+  const Step& step = steps_[number];
+  const Slot slot = slot_of(number);
+  if (move(parent, name, slot.staging, slot.name) != 0) {
+    return errno == ENOENT ? changed(step) : sites_[step.root].beneath.failure(step.path, errno);
+  }
+  if (is_as_before(slot, slot.name, step)) return {};
+  if (move(slot.staging, slot.name, parent, name) == 0) return changed(step);
+  return sites_[step.root].beneath.failure(step.path, errno);
+}
+
+Error Exchange::set_attributes(const Step& step, const Attributes& attributes, int64 time) {
+  Beneath& beneath = sites_[step.root].beneath;
+  const Result<int> parent = beneath.directory(parent_of(step.path));
+  if (!parent) return parent.error();
+  const Descriptor directory(openat(*parent, name_of(step.path).c_str(), kDirectory));
+  struct stat status = {};
+  if (!directory || fstat(directory.get(), &status) != 0) return beneath.failure(step.path, errno);
+  if (!is_same_file(identity_of(status), step.after)) return changed(step);
+  if (apply_attributes(directory.get(), attributes) != 0) return beneath.failure(step.path, errno);
+  if (time < 0) return {};
+  const timespec times[] = {{time, 0}, {time, 0}};
+  return futimens(directory.get(), times) == 0 ? Error{} : beneath.failure(step.path, errno);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Back
+
+Error Exchange::undo(std::size_t number, Foreign foreign) {
+  const Step& step = steps_[number];
+  touch(step);
+  return step.what == Step::What::attributes ? undo_attributes(step) : undo_move(number, foreign);
+}
+
+/// Where the directory is not, or is another one, the step that put it there is undone after this one.
+Error Exchange::undo_attributes(const Step& step) {
+  const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
+  if (!now) return now.error();
+  if (!*now || !is_same_file(identity_of(**now), step.after)) return {};
+  return set_attributes(step, step.old, -1);
+}
+
+Error Exchange::undo_move(std::size_t number, Foreign foreign) {
+  const Step& step = steps_[number];
+  const Slot slot = slot_of(number);
+  const Result<std::optional<struct stat>> found = sites_[step.root].beneath.look(step.path);
+  if (!found) return found.error();
+  const Identity live = *found ? identity_of(**found) : Identity();
+  const bool is_staged = is_same_file(look(slot.staging, slot.name), step.after);
+  if (!step.before.exists()) {
+    if (!live.exists() || is_staged) return {};
+    if (!is_same_file(live, step.after) && foreign == Foreign::leave) {
+      return foreign_file(step, slot.name);
+    }
+    const Result<int> parent = sites_[step.root].beneath.directory(parent_of(step.path));
+    if (!parent) return parent.error();
+    const bool done = move(*parent, name_of(step.path), slot.staging, slot.name) == 0;
+    return done ? Error{} : sites_[step.root].beneath.failure(step.path, errno);
+  }
+  if (is_same_file(live, step.before)) return {};
+  for (const std::string& from : {slot.name, slot.old_name}) {
+    if (!is_same_file(look(slot.staging, from), step.before)) continue;
+    const bool is_foreign = live.exists() && !is_same_file(live, step.after);
+    if (is_foreign && foreign == Foreign::leave) return foreign_file(step, from);
+    return put_back(step, slot, from, live.exists());
+  }
+  // The step was not done, and somebody has replaced or deleted the file of before.
+  if (is_staged || step.what == Step::What::remove) return {};
+  return foreign_file(step, slot.name);
+}
+
+Error Exchange::put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied) {
+  Beneath& beneath = sites_[step.root].beneath;
+  const Result<int> parent = beneath.directory(parent_of(step.path));
+  if (!parent) return parent.error();
+  const std::string name = name_of(step.path);
+  if (!is_occupied) {
+    return move(slot.staging, from, *parent, name) == 0 ? Error{} : beneath.failure(step.path, errno);
+  }
+  if (exchange(slot.staging, from, *parent, name) == 0) return {};
+  if (!lacks_flag()) return beneath.failure(step.path, errno);
+  // What is there keeps a name until it is known to be ours.
+  const bool is_linked =
+      linkat(*parent, name.c_str(), slot.staging, slot.aside.c_str(), 0) == 0 || errno == EEXIST;
+  if (!is_linked && move(*parent, name, slot.staging, slot.aside) != 0) {
+    return beneath.failure(step.path, errno);
+  }
+  if (renameat(slot.staging, from.c_str(), *parent, name.c_str()) == 0) return {};
+  return beneath.failure(step.path, errno);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Afterwards
+
+Error Exchange::check_directories() const {
+  for (std::size_t number = 0; number < touched_.size(); ++number) {
+    for (const std::string& directory : touched_[number]) {
+      const Beneath& beneath = sites_[number].beneath;
+      if (beneath.is_in_place(directory)) continue;
+      return {Code::changed_meanwhile, 0, beneath.shown(directory),
+              "the directory was moved away while files in it were restored"};
+    }
+  }
+  return {};
+}
+
+Error Exchange::sync() {
+  for (std::size_t number = 0; number < touched_.size(); ++number) {
+    if (touched_[number].empty()) continue;
+    Site& site = sites_[number];
+    if (touched_[number].size() > kSyncsOneByOne) {
+      if (syncfs(site.beneath.root()) != 0) return site.beneath.failure("", errno);
+      continue;
+    }
+    for (const std::string& path : touched_[number]) {
+      const Result<int> directory = site.beneath.directory(path);
+      // It is gone with a step that was undone.
+      if (!directory && directory.error().number == ENOENT) continue;
+      if (!directory) return directory.error();
+      if (fsync(*directory) != 0) return site.beneath.failure(path, errno);
+    }
+    if (site.staging && fsync(site.staging.get()) != 0) return site.beneath.failure(site.name, errno);
+  }
+  return {};
+}
+
+void Exchange::sweep_slot(std::size_t number, std::vector<std::string>& left) {
+  const Step& step = steps_[number];
+  const Slot slot = slot_of(number);
+  for (const std::string& name : {slot.name, slot.old_name, slot.aside}) {
+    const Identity found = look(slot.staging, name);
+    if (!found.exists()) continue;
+    const bool is_known = is_unchanged(found, step.before) || is_unchanged(found, step.after);
+    const int flags = S_ISDIR(found.kind) ? AT_REMOVEDIR : 0;
+    if (is_known && unlinkat(slot.staging, name.c_str(), flags) == 0) continue;
+    left.push_back(sites_[step.root].beneath.shown(sites_[step.root].name + "/" + name));
+  }
+}
+
+/// Before the steps were written down, all that a staging directory has is staged.
+void Exchange::sweep_numbers(Site& site) {
+  const Directory directory(fdopendir(openat(site.staging.get(), ".", kDirectory)));
+  if (directory == nullptr) return;
+  std::vector<std::string> names;
+  while (const dirent* entry = readdir(directory.get())) {
+    if (is_number(entry->d_name)) names.emplace_back(entry->d_name);
+  }
+  for (const std::string& name : names) {
+    if (unlinkat(site.staging.get(), name.c_str(), 0) != 0) {
+      unlinkat(site.staging.get(), name.c_str(), AT_REMOVEDIR);
+    }
+  }
+}
+
+void Exchange::sweep(std::vector<std::string>& left) {
+  for (std::size_t number = 0; number < steps_.size(); ++number) {
+    const Step& step = steps_[number];
+    if (step.what != Step::What::attributes && sites_[step.root].staging) sweep_slot(number, left);
+  }
+  for (Site& site : sites_) {
+    if (!site.staging) continue;
+    if (steps_.empty()) sweep_numbers(site);
+    if (unlinkat(site.beneath.root(), site.name.c_str(), AT_REMOVEDIR) == 0) {
+      site.staging = Descriptor();
+      fsync(site.beneath.root());
+    } else if (left.empty() && errno != ENOENT) {
+      left.push_back(site.beneath.shown(site.name));
+    }
+  }
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "snapshots/beneath.h"
+#include "snapshots/journal.h"
+
+namespace ConfSave::snapshots {
+
+/// A directory that is restored into, with its staging directory, if that exists.
+struct Site {
+  Beneath beneath;
+  std::string name;  ///< of the staging directory
+  Descriptor staging;
+};
+
+/// Opens the directories of a record. Code::needs_attention if one is not the one that it was: another file
+/// system may be mounted there, or none. To `sweep_only`, such a directory has nothing to sweep.
+Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_only = false);
+
+/// What to do about a file that is neither the one of before nor the staged one.
+enum class Foreign {
+  leave,      ///< leave everything as it is, and report it
+  set_aside,  ///< move it into the staging directory
+};
+
+/// Lets staged and live files change places, and back. The slot of a step is the file in the staging
+/// directory whose name is the number of the step: the staged file at first, then the old one.
+///
+/// Nothing here trusts that a file exists: what it is decides, by inode.
+class Exchange {
+ public:
+  /// Both outlive this object.
+  Exchange(std::vector<Site>& sites, const std::vector<Step>& steps) : sites_(sites), steps_(steps) {}
+
+  /// Does step `number`. Code::changed_meanwhile if the file that comes out is not the one of before: it
+  /// is put back then.
+  Error apply(std::size_t number);
+
+  /// Undoes step `number`, whether it was done or not.
+  Error undo(std::size_t number, Foreign foreign);
+
+  /// Code::changed_meanwhile if a directory in which files were moved is not at its path any more.
+  Error check_directories() const;
+
+  /// Makes everything that was moved durable.
+  Error sync();
+
+  /// Deletes the staging directories with what steps have left in them. Files that no step knows, or that
+  /// changed since, stay, and their paths go into `left`.
+  void sweep(std::vector<std::string>& left);
+
+ private:
+  struct Slot {
+    int staging;
+    std::string name;      ///< where the staged file is, and after an exchange the old one
+    std::string old_name;  ///< where the old one is if the file system cannot exchange
+    std::string aside;     ///< for what had to make room
+  };
+
+  Slot slot_of(std::size_t number) const;
+  Error put(std::size_t number, int parent, const std::string& name);
+  Error put_without_exchange(const Step& step, const Slot& slot, int parent, const std::string& name);
+  Error take_away(std::size_t number, int parent, const std::string& name);
+  Error set_attributes(const Step& step, const Attributes& attributes, int64 time);
+  Error undo_attributes(const Step& step);
+  Error undo_move(std::size_t number, Foreign foreign);
+  Error put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied);
+  bool is_as_before(const Slot& slot, const std::string& name, const Step& step) const;
+  Error changed(const Step& step) const;
+  Error foreign_file(const Step& step, const std::string& slot) const;
+  void sweep_slot(std::size_t number, std::vector<std::string>& left);
+  void sweep_numbers(Site& site);
+  void touch(const Step& step);
+
+  std::vector<Site>& sites_;
+  const std::vector<Step>& steps_;
+  std::vector<std::set<std::string>> touched_;  ///< directories by site
+};
+
+/// Sets mode and, for root, owner. -1 with errno.
+int apply_attributes(int file, const Attributes& attributes);
+
+}  // namespace ConfSave::snapshots

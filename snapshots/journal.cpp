@@ -1,0 +1,257 @@
+#include "snapshots/journal.h"
+
+#include <cerrno>
+
+#include "places.h"
+#include "snapshots/own_file.h"
+#include "snapshots/stamp.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+/// The version of the tables, as "pragma user_version" has it.
+constexpr int64 kLayout = 1;
+
+constexpr const char* kTables =
+    "create table restore (state integer not null, snapshot integer not null, name text not null, "
+    "version integer not null, type integer not null, saved integer not null, keybase integer not null, "
+    "etc integer not null, loaded integer not null);"
+    "create table root (number integer primary key, path text not null, inode integer not null, "
+    "staging text not null);"
+    "create table step (number integer primary key, what integer not null, root integer not null, "
+    "path text not null, old_inode integer not null, old_size integer not null, "
+    "old_time integer not null, old_kind integer not null, new_inode integer not null, "
+    "new_size integer not null, new_time integer not null, new_kind integer not null, "
+    "old_mode integer not null, old_uid integer not null, old_gid integer not null, "
+    "new_mode integer not null, new_uid integer not null, new_gid integer not null, "
+    "time integer not null);"
+    "pragma user_version = 1;";
+
+std::string journal_file() { return state_directory() + "/restore.db"; }
+
+Error not_understood(const std::string& why) {
+  return {Code::needs_attention, 0, journal_file(),
+          why +
+              "; if no directory .confsave-restore-* is left where configurations are restored, delete "
+              "the file, else keep both and ask for help"};
+}
+
+Identity read_identity(const Statement& row, int column) {
+  Identity identity;
+  identity.inode = static_cast<std::uint64_t>(row.number(column));
+  identity.size = row.number(column + 1);
+  identity.modified = row.number(column + 2);
+  identity.kind = static_cast<std::uint32_t>(row.number(column + 3));
+  return identity;
+}
+
+Attributes read_attributes(const Statement& row, int column) {
+  return {static_cast<std::uint32_t>(row.number(column)),
+          static_cast<std::uint32_t>(row.number(column + 1)),
+          static_cast<std::uint32_t>(row.number(column + 2))};
+}
+
+void bind(Statement& statement, const Identity& identity) {
+  statement.bind(static_cast<int64>(identity.inode)).bind(identity.size).bind(identity.modified);
+  statement.bind(int64{identity.kind});
+}
+
+void bind(Statement& statement, const Attributes& attributes) {
+  statement.bind(int64{attributes.mode}).bind(int64{attributes.uid}).bind(int64{attributes.gid});
+}
+
+}  // namespace
+
+Identity identity_of(const struct stat& status) {
+  const Stamp stamp = stamp_of(status);
+  return {stamp.inode, stamp.size, stamp.modified, status.st_mode & S_IFMT};
+}
+
+bool is_same_file(const Identity& a, const Identity& b) {
+  return a.exists() && a.inode == b.inode && a.kind == b.kind;
+}
+
+bool is_unchanged(const Identity& a, const Identity& b) {
+  return is_same_file(a, b) && (S_ISDIR(a.kind) || (a.size == b.size && a.modified == b.modified));
+}
+
+Result<std::optional<Journal>> Journal::open(std::chrono::milliseconds wait) {
+  Result<Database> database = Database::open(journal_file(), wait);
+  if (!database) {
+    if (database.error().number == ENOENT) return std::optional<Journal>();
+    return not_understood(database.error().text);
+  }
+  return std::optional<Journal>(Journal(std::move(*database)));
+}
+
+Result<Journal> Journal::open_to_write(std::chrono::milliseconds wait) {
+  if (Error error = make_own_file(journal_file()); error.code != Code::ok) return error;
+  Result<Database> database = Database::open(journal_file(), wait);
+  if (!database) return not_understood(database.error().text);
+  Journal journal(std::move(*database));
+  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back. With
+  // the journal kept, the change of a state after the exchange needs no room on the disk.
+  Error error = journal.database_.run("pragma synchronous=extra; pragma journal_mode=persist;");
+  if (error.code == Code::ok) error = journal.in_transaction([&journal] { return journal.make_tables(); });
+  if (error.code != Code::ok) return error;
+  return journal;
+}
+
+Error Journal::make_tables() {
+  Result<Statement> layout = database_.prepare("pragma user_version");
+  if (!layout || layout->step() != SQLITE_ROW) return failure();
+  const int64 found = layout->number(0);
+  if (found > kLayout) return not_understood("a newer version of ConfSave wrote this file");
+  layout->reset();
+  return found == kLayout ? Error{} : database_.run(kTables);
+}
+
+/// What SQLite cannot read, a person has to look at.
+Error Journal::failure() const {
+  Error error = database_.error();
+  return error.code == Code::no_storage ? not_understood(error.text) : error;
+}
+
+Error Journal::in_transaction(const std::function<Error()>& change) {
+  if (database_.run("begin immediate").code != Code::ok) return failure();
+  Error error = change();
+  if (error.code == Code::ok && database_.run("commit").code == Code::ok) return {};
+  if (error.code == Code::ok) error = failure();
+  database_.run("rollback");
+  return error;
+}
+
+Result<std::optional<Record>> Journal::read() {
+  Result<Statement> layout = database_.prepare("pragma user_version");
+  if (!layout || layout->step() != SQLITE_ROW) return failure();
+  const int64 found = layout->number(0);
+  // The file is there before its tables.
+  if (found == 0) return std::optional<Record>();
+  if (found != kLayout) return not_understood("a newer version of ConfSave wrote this file");
+  layout->reset();
+  if (database_.run("begin").code != Code::ok) return failure();
+  Result<Statement> row = database_.prepare(
+      "select state, snapshot, name, version, type, saved, keybase, etc, loaded from restore");
+  if (!row) return failure();
+  const int code = row->step();
+  if (code != SQLITE_ROW) {
+    database_.run("rollback");
+    if (code == SQLITE_DONE) return std::optional<Record>();
+    return failure();
+  }
+  Record record;
+  const int64 state = row->number(0);
+  if (state < 0 || state > static_cast<int64>(State::undone)) return not_understood("the state is unknown");
+  record.state = static_cast<State>(state);
+  record.snapshot.id = row->number(1);
+  record.snapshot.config.name = row->text(2);
+  record.snapshot.config.vers = row->number(3);
+  record.snapshot.config.type = static_cast<conftype>(row->number(4));
+  record.snapshot.config.save_time = row->number(5);
+  record.snapshot.keybase_size = row->number(6);
+  record.snapshot.etc_size = row->number(7);
+  record.load_time = row->number(8);
+  row->reset();
+  Error error = read_roots(record);
+  if (error.code == Code::ok) error = read_steps(record);
+  database_.run("rollback");
+  if (error.code != Code::ok) return error;
+  return std::optional<Record>(std::move(record));
+}
+
+Error Journal::read_roots(Record& record) {
+  Result<Statement> rows = database_.prepare("select path, inode, staging from root order by number");
+  if (!rows) return failure();
+  int code = rows->step();
+  for (; code == SQLITE_ROW; code = rows->step()) {
+    record.roots.push_back({rows->text(0), static_cast<std::uint64_t>(rows->number(1)), rows->text(2)});
+  }
+  return code == SQLITE_DONE ? Error{} : failure();
+}
+
+Error Journal::read_steps(Record& record) {
+  Result<Statement> rows = database_.prepare(
+      "select what, root, path, old_inode, old_size, old_time, old_kind, new_inode, new_size, new_time, "
+      "new_kind, old_mode, old_uid, old_gid, new_mode, new_uid, new_gid, time from step order by number");
+  if (!rows) return failure();
+  int code = rows->step();
+  for (; code == SQLITE_ROW; code = rows->step()) {
+    Step step;
+    step.what = static_cast<Step::What>(rows->number(0));
+    step.root = static_cast<std::size_t>(rows->number(1));
+    step.path = rows->text(2);
+    step.before = read_identity(*rows, 3);
+    step.after = read_identity(*rows, 7);
+    step.old = read_attributes(*rows, 11);
+    step.fresh = read_attributes(*rows, 14);
+    step.time = rows->number(17);
+    if (step.root >= record.roots.size()) return not_understood("a step has no directory");
+    record.steps.push_back(std::move(step));
+  }
+  return code == SQLITE_DONE ? Error{} : failure();
+}
+
+Error Journal::begin(const Record& record) {
+  return in_transaction([&]() -> Error {
+    Result<Statement> row = database_.prepare(
+        "insert into restore (state, snapshot, name, version, type, saved, keybase, etc, loaded) "
+        "values (?,?,?,?,?,?,?,?,0)");
+    if (!row) return failure();
+    const Snapshot& snapshot = record.snapshot;
+    row->bind(static_cast<int64>(State::staging)).bind(snapshot.id).bind(snapshot.config.name);
+    row->bind(snapshot.config.vers).bind(int64{snapshot.config.type}).bind(snapshot.config.save_time);
+    row->bind(snapshot.keybase_size).bind(snapshot.etc_size);
+    if (!row->run()) return failure();
+    Result<Statement> roots = database_.prepare("insert into root (path, inode, staging) values (?,?,?)");
+    if (!roots) return failure();
+    for (const Root& root : record.roots) {
+      roots->bind(root.path).bind(static_cast<int64>(root.inode)).bind(root.staging);
+      if (!roots->run()) return failure();
+    }
+    return {};
+  });
+}
+
+Error Journal::write_step(Statement& statement, const Step& step) {
+  statement.bind(static_cast<int64>(step.what)).bind(static_cast<int64>(step.root)).bind(step.path);
+  bind(statement, step.before);
+  bind(statement, step.after);
+  bind(statement, step.old);
+  bind(statement, step.fresh);
+  statement.bind(step.time);
+  return statement.run() ? Error{} : failure();
+}
+
+Error Journal::prepare(const std::vector<Step>& steps, int64 load_time) {
+  return in_transaction([&]() -> Error {
+    Result<Statement> statement = database_.prepare(
+        "insert into step (what, root, path, old_inode, old_size, old_time, old_kind, new_inode, "
+        "new_size, new_time, new_kind, old_mode, old_uid, old_gid, new_mode, new_uid, new_gid, time) "
+        "values (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+    if (!statement) return failure();
+    for (const Step& step : steps) {
+      if (Error error = write_step(*statement, step); error.code != Code::ok) return error;
+    }
+    Result<Statement> row = database_.prepare("update restore set state = ?, loaded = ?");
+    if (!row) return failure();
+    row->bind(static_cast<int64>(State::prepared)).bind(load_time);
+    return row->run() ? Error{} : failure();
+  });
+}
+
+Error Journal::set_state(State state) {
+  return in_transaction([&]() -> Error {
+    Result<Statement> row = database_.prepare("update restore set state = ?");
+    if (!row) return failure();
+    return row->bind(static_cast<int64>(state)).run() ? Error{} : failure();
+  });
+}
+
+Error Journal::clear() {
+  return in_transaction([&]() -> Error {
+    const Error error = database_.run("delete from step; delete from root; delete from restore;");
+    return error.code == Code::ok ? error : failure();
+  });
+}
+
+}  // namespace ConfSave::snapshots

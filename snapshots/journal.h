@@ -1,0 +1,120 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "snapshots/database.h"
+
+namespace ConfSave::snapshots {
+
+/// Which file something is. Nothing is there if `inode` is 0. Inodes are of the file system of the
+/// directory that is restored into: the number of a device changes from one boot to the next.
+struct Identity {
+  std::uint64_t inode = 0;
+  int64 size = 0;
+  int64 modified = 0;      ///< nanoseconds since the epoch
+  std::uint32_t kind = 0;  ///< the S_IFMT bits
+
+  bool exists() const { return inode != 0; }
+};
+
+Identity identity_of(const struct stat& status);
+
+/// The same file, whatever its content.
+bool is_same_file(const Identity& a, const Identity& b);
+/// The same file with the same content, as far as its size and time can say; of a directory the same one.
+bool is_unchanged(const Identity& a, const Identity& b);
+
+struct Attributes {
+  std::uint32_t mode = 0;
+  std::uint32_t uid = 0;
+  std::uint32_t gid = 0;
+};
+
+/// One inode that a restore moves, or one directory whose attributes it sets.
+struct Step {
+  enum class What {
+    put,         ///< the staged file or empty directory takes its place
+    remove,      ///< what is there goes
+    attributes,  ///< of a directory
+  };
+
+  What what = What::put;
+  std::size_t root = 0;
+  std::string path;  ///< relative to the root
+  Identity before;   ///< what was there
+  Identity after;    ///< what was staged
+  Attributes old;    ///< of `attributes`, as the next two
+  Attributes fresh;
+  int64 time = 0;  ///< of a directory that the restore makes, in seconds since the epoch; else -1
+};
+
+/// A directory that is restored into.
+struct Root {
+  std::string path;  ///< ends in "/"
+  std::uint64_t inode = 0;
+  std::string staging;  ///< name of the staging directory in it
+};
+
+/// How far a restore is, from which recovery knows what to do.
+enum class State {
+  staging,    ///< no live file has changed: delete the staging directories
+  prepared,   ///< live files may have changed: put back the old ones
+  exchanged,  ///< the point of no return is passed: delete the old files
+  pending,    ///< all live files are new, and a check decides
+  undone,     ///< all live files are the old ones: delete the staged ones
+};
+
+/// A restore that is not finished.
+struct Record {
+  State state = State::staging;
+  Snapshot snapshot;    ///< without notes
+  int64 load_time = 0;  ///< what the row gets; 0 for a restore that stamps none
+  std::vector<Root> roots;
+  std::vector<Step> steps;  ///< in the order of execution
+};
+
+/// "restore.db" in the state directory: what a restore is about to do, has done, or has to undo. An SQLite
+/// file of our own, mode 0600, that has rows only while a restore is not finished. Everything is durable on
+/// return.
+class Journal {
+ public:
+  /// No value if there is no file. Code::needs_attention if it cannot be understood.
+  static Result<std::optional<Journal>> open(std::chrono::milliseconds wait);
+
+  /// Makes the file unless it exists.
+  static Result<Journal> open_to_write(std::chrono::milliseconds wait);
+
+  /// The restore that is not finished, if there is one.
+  Result<std::optional<Record>> read();
+
+  /// Begins a record, without steps.
+  Error begin(const Record& record);
+
+  /// The steps, and State::prepared.
+  Error prepare(const std::vector<Step>& steps, int64 load_time);
+
+  Error set_state(State state);
+
+  /// Nothing is left to do.
+  Error clear();
+
+ private:
+  explicit Journal(Database database) : database_(std::move(database)) {}
+
+  Error in_transaction(const std::function<Error()>& change);
+  Error make_tables();
+  Error read_roots(Record& record);
+  Error read_steps(Record& record);
+  Error write_step(Statement& statement, const Step& step);
+  /// The error of the last call that failed.
+  Error failure() const;
+
+  Database database_;
+};
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+#include "confsave/snapshots.h"
+
+namespace ConfSave::snapshots {
+
+/// Makes an empty file of our own, mode 0600 under any umask, unless it exists: SQLite gives its files the
+/// mode of the umask. One that is there is not opened: closing it would release the locks that SQLite has
+/// on it elsewhere in this process.
+Error make_own_file(const std::string& file);
+
+}  // namespace ConfSave::snapshots

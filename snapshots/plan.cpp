@@ -1,0 +1,391 @@
+// plan: what a restore would do.
+
+#include "snapshots/plan.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/beneath.h"
+#include "snapshots/boundary.h"
+#include "snapshots/differences.h"
+#include "snapshots/notes.h"
+#include "snapshots/recover.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+constexpr std::uint32_t kOwnerOnly = S_IRWXU;
+
+bool begins_with(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+/// Whether a relative path is at, or below, an entry of the contents.
+bool is_covered(const std::string& path, const std::string& entry) {
+  if (entry.back() == '*') return begins_with(path, entry.substr(0, entry.size() - 1));
+  return path == entry || begins_with(path, entry + "/");
+}
+
+std::uint32_t kind_bits(Kind kind) {
+  if (kind == Kind::directory) return S_IFDIR;
+  return kind == Kind::symlink ? S_IFLNK : S_IFREG;
+}
+
+Identity identity_of(const LiveMember& live) {
+  return {live.stamp.inode, live.stamp.size, live.stamp.modified, kind_bits(live.member.kind)};
+}
+
+Attributes attributes_of(const Member& member) { return {member.mode, member.uid, member.gid}; }
+
+/// True if one of `map` is below `path`.
+template <class Value>
+bool has_below(const std::map<std::string, Value>& map, const std::string& path) {
+  const auto next = map.lower_bound(path + "/");
+  return next != map.end() && begins_with(next->first, path + "/");
+}
+
+/// Without a manifest that can be read, every file is read.
+std::optional<Tree> find_manifest(const Snapshot& snapshot, const Deadline& deadline) {
+  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
+  if (!notes || !*notes) return {};
+  Result<std::optional<Manifest>> found = (*notes)->manifest(snapshot);
+  if (!found || !*found) return {};
+  return std::move((*found)->tree);
+}
+
+class Planning {
+ public:
+  Planning(OpenRow& row, const RestoreOptions& options, const Deadline& deadline)
+      : row_(row),
+        options_(options),
+        deadline_(deadline),
+        destinations_(Destinations::of(options.target)),
+        owners_count_(geteuid() == 0) {}
+
+  Result<DetailedPlan> run() {
+    plan_.shown.snapshot = row_.snapshot;
+    plan_.directories.push_back(destinations_.configuration);
+    const bool has_failover = row_.snapshot.config.type != conf_corlu;
+    if (has_failover && options_.target.empty()) plan_.directories.push_back(destinations_.failover);
+    Error error = read_both();
+    if (error.code == Code::ok) error = add_parents();
+    if (error.code == Code::ok) error = remove_database();
+    if (error.code != Code::ok) return error;
+    for (const auto& [path, wanted] : plan_.wanted) compare(path, wanted);
+    consider_the_rest();
+    write_steps();
+    for (auto& [path, change] : changes_) plan_.shown.changes.push_back(std::move(change));
+    return std::move(plan_);
+  }
+
+ private:
+  Error read_both() {
+    Result<std::map<std::string, Wanted>> wanted = read_wanted(row_, destinations_, progress());
+    if (!wanted) return wanted.error();
+    plan_.wanted = std::move(*wanted);
+    const std::optional<Tree> saved =
+        options_.target.empty() ? find_manifest(row_.snapshot, deadline_) : std::nullopt;
+    Result<Tree> live = read_parts(parts(), saved ? &*saved : nullptr);
+    if (!live) return live.error();
+    plan_.live = std::move(live->members);
+    return {};
+  }
+
+  PackedProgress progress() const {
+    if (!options_.progress) return {};
+    Progress report;
+    report.total = row_.snapshot.keybase_size + row_.snapshot.etc_size;
+    return [this, report](int64 packed) mutable {
+      report.done += packed;
+      options_.progress(report);
+    };
+  }
+
+  /// The contents of the type, and what else the snapshot has.
+  std::vector<TreePart> parts() {
+    std::vector<TreePart> result;
+    for (const Column& column : columns_of(row_.snapshot.config.type)) {
+      TreePart part{column.base, destinations_.of(column.base), {}, {}};
+      for (const ContentsEntry& entry : contents()) {
+        const bool belongs = belongs_to(entry, row_.snapshot.config.type) || entry.holds == Holds::database;
+        if (entry.base == column.base && belongs) part.paths.push_back(entry.path);
+      }
+      contents_[column.base] = part.paths;
+      for (const auto& [path, wanted] : plan_.wanted) {
+        if (wanted.base != column.base || is_of_contents(path, column.base)) continue;
+        const bool is_directory = wanted.member.kind == Kind::directory;
+        (is_directory ? part.alone : part.paths).push_back(path.substr(part.directory.size()));
+      }
+      result.push_back(std::move(part));
+    }
+    return result;
+  }
+
+  bool is_of_contents(const std::string& path, Base base) const {
+    const std::string& directory = destinations_.of(base);
+    if (!begins_with(path, directory)) return false;
+    const auto entries = contents_.find(base);
+    if (entries == contents_.end()) return false;
+    const std::string relative = path.substr(directory.size());
+    return std::any_of(entries->second.begin(), entries->second.end(),
+                       [&relative](const std::string& entry) { return is_covered(relative, entry); });
+  }
+
+  bool is_of_contents(const std::string& path) const {
+    return is_of_contents(path, Base::configuration) || is_of_contents(path, Base::failover);
+  }
+
+  /// Directories that members are in, and that neither the snapshot nor the disk has.
+  Error add_parents() {
+    std::map<std::string, Wanted> made;
+    for (const std::string& directory : plan_.directories) {
+      const bool is_needed = std::any_of(plan_.wanted.begin(), plan_.wanted.end(), [&](const auto& wanted) {
+        return destinations_.of(wanted.second.base) == directory;
+      });
+      if (!is_needed) continue;
+      Result<Beneath> beneath = Beneath::open(directory);
+      if (!beneath) return beneath.error();
+      for (const auto& [path, wanted] : plan_.wanted) {
+        if (destinations_.of(wanted.base) != directory) continue;
+        Error error = add_parents_of(path, wanted.base, *beneath, made);
+        if (error.code != Code::ok) return error;
+      }
+    }
+    plan_.wanted.merge(made);
+    return {};
+  }
+
+  Error add_parents_of(const std::string& path, Base base, Beneath& beneath,
+                       std::map<std::string, Wanted>& made) {
+    const std::size_t prefix = beneath.path().size();
+    std::string parent = parent_of(path.substr(prefix));
+    for (; !parent.empty(); parent = parent_of(parent)) {
+      const std::string absolute = beneath.path() + parent;
+      if (plan_.wanted.count(absolute) != 0 || !seen_.insert(absolute).second) return {};
+      const auto live = plan_.live.find(absolute);
+      if (live == plan_.live.end()) {
+        const Result<std::optional<struct stat>> now = beneath.look(parent);
+        if (!now) return now.error();
+        if (*now && S_ISDIR((*now)->st_mode)) return {};
+        if (*now) return {Code::unsafe, ENOTDIR, printable(absolute), "this is not a directory"};
+      } else if (live->second.member.kind == Kind::directory) {
+        return {};
+      }
+      made[absolute] = missing_parent(absolute, base);
+    }
+    return {};
+  }
+
+  Wanted missing_parent(const std::string& path, Base base) const {
+    Wanted wanted;
+    wanted.base = base;
+    wanted.member.path = path;
+    wanted.member.kind = Kind::directory;
+    wanted.member.mode = kOwnerOnly;
+    wanted.member.uid = geteuid();
+    wanted.member.gid = getegid();
+    return wanted;
+  }
+
+  /// None of its files stays that the snapshot does not have: they belong together.
+  Error remove_database() {
+    for (const std::string& file : database_files(destinations_.configuration)) {
+      const auto live = plan_.live.find(file);
+      if (live == plan_.live.end() || plan_.wanted.count(file) != 0) continue;
+      if (live->second.member.kind == Kind::directory) {
+        return {Code::unsafe, EISDIR, printable(file),
+                "a directory is in the place of a file of the configuration database"};
+      }
+      remove(file, live->second);
+    }
+    return {};
+  }
+
+  void remove(const std::string& path, const LiveMember& live) {
+    removed_.insert(path);
+    PlannedChange& change = changes_[path];
+    change.action = Action::remove;
+    change.difference.path = path;
+    change.difference.change = Change::removed;
+    change.difference.secret = live.member.secret;
+  }
+
+  /// The owner of a file is not compared by who cannot set it.
+  std::optional<Difference> differs(const Member& live, const Member& wanted) const {
+    if (owners_count_) return difference_between(live, wanted);
+    Member comparable = wanted;
+    comparable.uid = live.uid;
+    comparable.gid = live.gid;
+    return difference_between(live, comparable);
+  }
+
+  void compare(const std::string& path, const Wanted& wanted) {
+    const auto live = plan_.live.find(path);
+    PlannedChange change;
+    if (live == plan_.live.end()) {
+      change.action = Action::create;
+      change.difference.path = path;
+      change.difference.change = Change::added;
+      change.difference.secret = wanted.member.secret;
+    } else {
+      const Member& now = live->second.member;
+      // A directory that the archive does not have keeps what it has.
+      const bool is_both = now.kind == Kind::directory && wanted.member.kind == Kind::directory;
+      if (is_both && wanted.entry == -1) return;
+      const std::optional<Difference> difference = differs(now, wanted.member);
+      if (!difference) return;
+      change.action = difference->content ? Action::replace : Action::attributes;
+      change.difference = *difference;
+      if (now.kind == Kind::directory && wanted.member.kind != Kind::directory) remove_below(path);
+    }
+    changes_[path] = std::move(change);
+  }
+
+  void remove_below(const std::string& path) {
+    const auto& live = plan_.live;
+    for (auto next = live.lower_bound(path + "/"); next != live.end(); ++next) {
+      if (!begins_with(next->first, path + "/")) return;
+      remove(next->first, next->second);
+    }
+  }
+
+  /// Files that the snapshot does not have; what is in a directory before the directory.
+  void consider_the_rest() {
+    for (auto next = plan_.live.rbegin(); next != plan_.live.rend(); ++next) {
+      const auto& [path, live] = *next;
+      const bool is_known = plan_.wanted.count(path) != 0 || removed_.count(path) != 0;
+      if (is_known || !is_of_contents(path) || is_of_packet_filter(path)) continue;
+      const bool is_directory = live.member.kind == Kind::directory;
+      if (options_.exact && (!is_directory || becomes_empty(path))) {
+        remove(path, live);
+      } else if (!is_directory || !has_below(plan_.live, path)) {
+        if (!has_below(plan_.wanted, path)) plan_.shown.extra.push_back(path);
+      }
+    }
+    std::reverse(plan_.shown.extra.begin(), plan_.shown.extra.end());
+  }
+
+  bool becomes_empty(const std::string& path) const {
+    if (has_below(plan_.wanted, path)) return false;
+    const auto& live = plan_.live;
+    for (auto next = live.lower_bound(path + "/"); next != live.end(); ++next) {
+      if (!begins_with(next->first, path + "/")) return true;
+      if (removed_.count(next->first) == 0) return false;
+    }
+    return true;
+  }
+
+  // ---- Steps
+
+  PlannedStep step_for(Step::What what, const std::string& path) const {
+    PlannedStep planned;
+    planned.step.what = what;
+    // The longest directory: one of them may be in the other.
+    std::size_t longest = 0;
+    for (std::size_t root = 0; root < plan_.directories.size(); ++root) {
+      const std::string& directory = plan_.directories[root];
+      if (!begins_with(path, directory) || directory.size() < longest) continue;
+      longest = directory.size();
+      planned.step.root = root;
+    }
+    planned.step.path = path.substr(longest);
+    planned.step.time = -1;
+    const auto live = plan_.live.find(path);
+    if (live != plan_.live.end()) {
+      planned.step.before = identity_of(live->second);
+      planned.stamp = live->second.stamp;
+    }
+    return planned;
+  }
+
+  void write_steps() {
+    for (auto path = removed_.rbegin(); path != removed_.rend(); ++path) {
+      plan_.steps.push_back(step_for(Step::What::remove, *path));
+    }
+    std::vector<PlannedStep> attributes;
+    for (const auto& [path, change] : changes_) {
+      if (change.action == Action::remove) continue;
+      const Wanted& wanted = plan_.wanted.at(path);
+      const bool is_directory = wanted.member.kind == Kind::directory;
+      if (!is_directory || change.action != Action::attributes) {
+        PlannedStep put = step_for(Step::What::put, path);
+        put.wanted = &wanted;
+        plan_.steps.push_back(std::move(put));
+      }
+      if (is_directory) attributes.push_back(attributes_step(path, wanted, change.action));
+    }
+    std::reverse(attributes.begin(), attributes.end());
+    std::move(attributes.begin(), attributes.end(), std::back_inserter(plan_.steps));
+  }
+
+  PlannedStep attributes_step(const std::string& path, const Wanted& wanted, Action action) const {
+    PlannedStep planned = step_for(Step::What::attributes, path);
+    Step& step = planned.step;
+    planned.wanted = &wanted;
+    step.fresh = attributes_of(wanted.member);
+    if (action == Action::attributes) {
+      step.after = step.before;
+      step.old = attributes_of(plan_.live.at(path).member);
+      return planned;
+    }
+    step.old = {kOwnerOnly, geteuid(), getegid()};
+    if (wanted.entry != -1) step.time = wanted.member.time;
+    return planned;
+  }
+
+  OpenRow& row_;
+  const RestoreOptions& options_;
+  const Deadline& deadline_;
+  Destinations destinations_;
+  bool owners_count_;
+  DetailedPlan plan_;
+  std::map<Base, std::vector<std::string>> contents_;  ///< relative, by base
+  std::map<std::string, PlannedChange> changes_;
+  std::set<std::string> removed_;
+  std::set<std::string> seen_;  ///< directories that were considered as parents
+};
+
+bool is_same(const PlannedChange& a, const PlannedChange& b) {
+  const Difference& x = a.difference;
+  const Difference& y = b.difference;
+  return a.action == b.action && x.path == y.path && x.content == y.content && x.mode == y.mode &&
+         x.owner == y.owner && x.group == y.group && x.time == y.time;
+}
+
+Result<Plan> plan_restore(const Id& id, const RestoreOptions& options) {
+  const Deadline deadline(options.wait);
+  if (Error error = check_finished(deadline); error.code != Code::ok) return error;
+  Result<OpenRow> row = open_row(id, deadline);
+  if (!row) return row.error();
+  Result<DetailedPlan> plan = make_plan(*row, options, deadline);
+  if (!plan) return plan.error();
+  return std::move(plan->shown);
+}
+
+}  // namespace
+
+Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, const Deadline& deadline) {
+  if (row.snapshot.config.vers > CURRENT_VERSION && !options.allow_newer) {
+    return Error{Code::newer, 0, "",
+                 "the snapshot '" + printable(row.snapshot.config.name) + "' is of a newer version"};
+  }
+  return Planning(row, options, deadline).run();
+}
+
+bool is_same_plan(const Plan& a, const Plan& b) {
+  return a.snapshot.id == b.snapshot.id && a.snapshot.config.save_time == b.snapshot.config.save_time &&
+         a.snapshot.keybase_size == b.snapshot.keybase_size && a.snapshot.etc_size == b.snapshot.etc_size &&
+         a.extra == b.extra &&
+         std::equal(a.changes.begin(), a.changes.end(), b.changes.begin(), b.changes.end(),
+                    static_cast<bool (*)(const PlannedChange&, const PlannedChange&)>(is_same));
+}
+
+Result<Plan> plan(const Id& id, const RestoreOptions& options) {
+  return at_boundary([&] { return plan_restore(id, options); });
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "snapshots/journal.h"
+#include "snapshots/tree.h"
+#include "snapshots/wanted.h"
+
+namespace ConfSave::snapshots {
+
+/// A step with what staging needs for it.
+struct PlannedStep {
+  Step step;                       ///< `after` is not known yet, except of a directory that is there
+  std::optional<Stamp> stamp;      ///< of the file that is there now
+  const Wanted* wanted = nullptr;  ///< in the plan's own map
+};
+
+/// A plan with everything that is needed to carry it out. Not to be copied: steps point into `wanted`.
+struct DetailedPlan {
+  DetailedPlan() = default;
+  DetailedPlan(DetailedPlan&&) = default;
+  DetailedPlan& operator=(DetailedPlan&&) = default;
+  DetailedPlan(const DetailedPlan&) = delete;
+  DetailedPlan& operator=(const DetailedPlan&) = delete;
+
+  Plan shown;
+  std::vector<std::string> directories;  ///< that are restored into, by the number of a step's root
+  std::map<std::string, Wanted> wanted;
+  std::map<std::string, LiveMember> live;
+  std::vector<PlannedStep> steps;  ///< in the order of execution
+};
+
+/// Compares a row with the live files, or with those in the target.
+Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, const Deadline& deadline);
+
+/// Whether both do the same.
+bool is_same_plan(const Plan& a, const Plan& b);
+
+}  // namespace ConfSave::snapshots

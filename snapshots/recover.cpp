@@ -1,0 +1,208 @@
+// recover: finishes or undoes what an interrupted restore has left.
+
+#include "snapshots/recover.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "places.h"
+#include "snapshots/archive_path.h"
+#include "snapshots/boundary.h"
+#include "snapshots/exclusive_storage.h"
+#include "snapshots/lock.h"
+#include "snapshots/system_error.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+std::string owner_file() { return state_directory() + "/restore.lock"; }
+
+std::string quoted(const Snapshot& snapshot) { return "'" + printable(snapshot.config.name) + "'"; }
+
+Error is_pending(const Snapshot& snapshot) {
+  return {Code::pending, 0, "", "the restore of " + quoted(snapshot) + " waits for its check"};
+}
+
+/// What was there before stays there: it may be somebody's work.
+void warn_of(const std::vector<std::string>& left, std::vector<std::string>& warnings) {
+  for (const std::string& path : left) {
+    warnings.push_back(path +
+                       ": this file is not as the restore has left it; it stays, delete it when it is "
+                       "not needed");
+  }
+}
+
+class Recovering {
+ public:
+  Recovering(Journal& journal, const Record& record, const Deadline& deadline)
+      : journal_(journal), record_(record), deadline_(deadline) {
+    recovery_.name = record.snapshot.config.name;
+    recovery_.version = record.snapshot.config.vers;
+  }
+
+  Result<Recovery> run() {
+    const bool puts_back = record_.state == State::prepared || record_.state == State::pending;
+    Result<std::vector<Site>> sites = open_sites(record_.roots, !puts_back);
+    if (!sites) return sites.error();
+    if (puts_back) return put_back(*sites);
+    recovery_.outcome =
+        record_.state == State::exchanged ? Recovery::Outcome::finished : Recovery::Outcome::undone;
+    if (record_.state == State::exchanged) stamp();
+    Exchange exchange(*sites, record_.steps);
+    clean_up(journal_, exchange, recovery_.warnings);
+    return std::move(recovery_);
+  }
+
+ private:
+  Result<Recovery> put_back(std::vector<Site>& sites) {
+    const Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
+    // The files can be put back without the storage.
+    if (!storage && storage.error().code == Code::busy) return storage.error();
+    std::vector<std::string> left;
+    const Foreign foreign = record_.state == State::pending ? Foreign::set_aside : Foreign::leave;
+    Error error = take_back(journal_, record_, sites, foreign, left);
+    if (error.code != Code::ok) return error;
+    warn_of(left, recovery_.warnings);
+    recovery_.outcome = Recovery::Outcome::undone;
+    return std::move(recovery_);
+  }
+
+  /// The snapshot may be gone by now.
+  void stamp() {
+    if (record_.load_time == 0) return;
+    Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
+    Error error = storage ? storage->stamp(record_.snapshot, record_.load_time) : storage.error();
+    if (error.code == Code::ok) error = storage->commit();
+    if (error.code == Code::ok) return;
+    recovery_.warnings.push_back("the load time of " + quoted(record_.snapshot) +
+                                 " is not stored: " + error.text);
+  }
+
+  Journal& journal_;
+  const Record& record_;
+  const Deadline& deadline_;
+  Recovery recovery_;
+};
+
+Result<Recovery> recover_under_lock(const Deadline& deadline) {
+  // Most of the time there is nothing to recover, and nothing is to be made then.
+  Result<std::optional<Journal>> found = Journal::open(deadline.left());
+  if (!found) return found.error();
+  if (!*found) return Recovery{};
+  Result<std::optional<Record>> record = (*found)->read();
+  if (!record) return record.error();
+  if (!*record) return Recovery{};
+  found->reset();
+  std::optional<PendingOwner> owner;
+  if ((*record)->state == State::pending) {
+    Result<PendingOwner> become = PendingOwner::become((*record)->snapshot);
+    if (!become) return become.error();
+    owner.emplace(std::move(*become));
+  }
+  Result<Journal> journal = Journal::open_to_write(deadline.left());
+  if (!journal) return journal.error();
+  return Recovering(*journal, **record, deadline).run();
+}
+
+Result<Recovery> lock_and_recover(const ChangeOptions& options) {
+  const Deadline deadline(options.wait);
+  const Result<Lock> lock = Lock::take("a recovery", deadline);
+  if (!lock) return lock.error();
+  return recover_under_lock(deadline);
+}
+
+Result<std::optional<Unfinished>> find_unfinished(const Deadline& deadline) {
+  Result<std::optional<Journal>> journal = Journal::open(deadline.left());
+  if (!journal) return journal.error();
+  if (!*journal) return std::optional<Unfinished>();
+  const Result<std::optional<Record>> record = (*journal)->read();
+  if (!record) return record.error();
+  if (!*record) return std::optional<Unfinished>();
+  const Snapshot& snapshot = (*record)->snapshot;
+  Unfinished unfinished{snapshot.config.name, snapshot.config.vers, false};
+  if ((*record)->state == State::pending) {
+    unfinished.is_pending = !PendingOwner::become(snapshot);
+  } else if (Lock::is_taken()) {
+    // Its process is at work.
+    return std::optional<Unfinished>();
+  }
+  return std::optional<Unfinished>(std::move(unfinished));
+}
+
+}  // namespace
+
+Result<PendingOwner> PendingOwner::become(const Snapshot& snapshot) {
+  const std::string path = owner_file();
+  Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  if (!file) return system_error(path);
+  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) return is_pending(snapshot);
+    return system_error(path);
+  }
+  return PendingOwner(std::move(file));
+}
+
+Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
+                std::vector<std::string>& left) {
+  Exchange exchange(sites, record.steps);
+  Error first;
+  std::string others;
+  for (std::size_t number = record.steps.size(); number-- > 0;) {
+    Error error = exchange.undo(number, foreign);
+    if (error.code == Code::ok) continue;
+    if (first.code == Code::ok) {
+      first = std::move(error);
+    } else {
+      others += others.empty() ? "; not put back either: " : ", ";
+      others += error.path;
+    }
+  }
+  if (first.code == Code::ok) first = exchange.sync();
+  if (first.code == Code::ok) first = journal.set_state(State::undone);
+  if (first.code != Code::ok) {
+    first.text += others;
+    first.aftermath = Aftermath::mixed;
+    return first;
+  }
+  exchange.sweep(left);
+  // What fails here is done again by the next recovery.
+  static_cast<void>(journal.clear());
+  return {};
+}
+
+void clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings) {
+  std::vector<std::string> left;
+  exchange.sweep(left);
+  warn_of(left, warnings);
+  const Error error = journal.clear();
+  if (error.code != Code::ok) warnings.push_back(error.path + ": the record is not cleared: " + error.text);
+}
+
+Error recover_first(const Deadline& deadline) {
+  const Result<Recovery> recovery = recover_under_lock(deadline);
+  return recovery ? Error{} : recovery.error();
+}
+
+Error check_finished(const Deadline& deadline) {
+  const Result<std::optional<Unfinished>> found = find_unfinished(deadline);
+  if (!found) return found.error();
+  if (!*found) return {};
+  const std::string name = "'" + printable((*found)->name) + "'";
+  if ((*found)->is_pending)
+    return {Code::pending, 0, "", "the restore of " + name + " waits for its check"};
+  return {Code::needs_attention, 0, "",
+          "the restore of " + name + " was interrupted; run 'confsave recover' first"};
+}
+
+Result<Recovery> recover(const ChangeOptions& options) {
+  return at_boundary([&] { return lock_and_recover(options); });
+}
+
+Result<std::optional<Unfinished>> unfinished(const ReadOptions& options) {
+  return at_boundary([&] { return find_unfinished(Deadline(options.wait)); });
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "snapshots/deadline.h"
+#include "snapshots/exchange.h"
+
+namespace ConfSave::snapshots {
+
+/// Recovers what an earlier process has left, if anything. The caller holds the lock of the floor.
+Error recover_first(const Deadline& deadline);
+
+/// Code::pending or Code::needs_attention while a restore is not finished, except one that is at work now.
+/// Changes nothing.
+Error check_finished(const Deadline& deadline);
+
+/// Puts back the old files of all steps, durably, and deletes the staged ones. What fails is
+/// Aftermath::mixed, and stays in the journal. Paths that had to stay go into `left`.
+Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
+                std::vector<std::string>& left);
+
+/// Deletes the staging directories and the record. What fails is a warning.
+void clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings);
+
+/// The process that waits for the check of a pending restore. Its death frees it, whatever it has started
+/// lives on.
+class PendingOwner {
+ public:
+  /// Code::pending if another process, or another thread, is it.
+  static Result<PendingOwner> become(const Snapshot& snapshot);
+
+ private:
+  explicit PendingOwner(Descriptor file) : file_(std::move(file)) {}
+
+  Descriptor file_;
+};
+
+}  // namespace ConfSave::snapshots

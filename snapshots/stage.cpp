@@ -1,0 +1,415 @@
+// stage: writes the new files beside their destinations, unseen.
+
+#include "snapshots/stage.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <random>
+#include <set>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/digest.h"
+#include "snapshots/extended_attributes.h"
+#include "snapshots/member_collector.h"
+#include "snapshots/system_error.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+/// Fewer files than this are synced each; with more, one sync of the file system is faster.
+constexpr std::size_t kSyncsOneByOne = 8;
+constexpr std::size_t kBlock = 4096;
+
+std::string new_name() {
+  std::random_device source;
+  char text[40];
+  std::snprintf(text, sizeof text, ".confsave-restore-%08x%08x", source(), source());
+  return text;
+}
+
+timespec seconds(int64 time) { return {time, 0}; }
+
+/// A file that is being staged.
+class StagedFile {
+ public:
+  StagedFile(int directory, const std::string& name)
+      : file_(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                     S_IRUSR | S_IWUSR)) {}
+
+  int get() const { return file_.get(); }
+  explicit operator bool() const { return static_cast<bool>(file_); }
+
+  /// False with errno. Blocks of zeros become holes.
+  bool add(std::string_view piece) {
+    sha256_.add(piece.data(), piece.size());
+    while (!piece.empty()) {
+      const std::string_view block = piece.substr(0, kBlock - static_cast<std::size_t>(size_) % kBlock);
+      const bool is_hole = block.size() == kBlock && block.find_first_not_of('\0') == block.npos;
+      std::string_view part = is_hole ? block : up_to_hole(piece);
+      if (!is_hole && !write_all(part)) return false;
+      size_ += static_cast<int64>(part.size());
+      piece.remove_prefix(part.size());
+    }
+    return true;
+  }
+
+  /// False with errno: the size that ends in a hole.
+  bool finish() { return ftruncate(file_.get(), size_) == 0; }
+
+  int64 size() const { return size_; }
+  Digest digest() { return sha256_.finish(); }
+
+ private:
+  /// Up to the next whole block of zeros.
+  std::string_view up_to_hole(std::string_view piece) const {
+    std::size_t end = std::min(piece.size(), kBlock - static_cast<std::size_t>(size_) % kBlock);
+    while (end + kBlock <= piece.size() &&
+           piece.substr(end, kBlock).find_first_not_of('\0') != piece.npos) {
+      end += kBlock;
+    }
+    return end + kBlock > piece.size() ? piece : piece.substr(0, end);
+  }
+
+  bool write_all(std::string_view bytes) {
+    int64 offset = size_;
+    while (!bytes.empty()) {
+      const ssize_t written = pwrite(file_.get(), bytes.data(), bytes.size(), offset);
+      if (written < 0 && errno == EINTR) continue;
+      if (written < 0) return false;
+      offset += written;
+      bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+  }
+
+  Descriptor file_;
+  int64 size_ = 0;
+  Sha256 sha256_;
+};
+
+class Staging {
+ public:
+  Staging(OpenRow& row, DetailedPlan& plan, std::vector<Site>& sites, const RestoreOptions& options)
+      : row_(row), plan_(plan), sites_(sites), options_(options) {}
+
+  Error run() {
+    for (Site& site : sites_) {
+      if (Error error = make_directory(site); error.code != Code::ok) return error;
+    }
+    find_sources();
+    syncs_all_ = sources_[Base::configuration].size() + sources_[Base::failover].size() > kSyncsOneByOne;
+    Error error = stage_others();
+    if (error.code == Code::ok) error = stage_files();
+    if (error.code == Code::ok) error = link_names();
+    if (error.code == Code::ok) error = sync();
+    return error.code == Code::ok ? note_identities() : error;
+  }
+
+ private:
+  /// One file of the snapshot, with all names of it that change.
+  struct Source {
+    std::vector<std::size_t> steps;
+    /// A name that does not change: the others become links to it.
+    const LiveMember* unchanged = nullptr;
+  };
+
+  Site& site_of(const Step& step) { return sites_[step.root]; }
+
+  /// For messages: the file that is staged.
+  Error failure(const Step& step, int number = errno) {
+    Error error = site_of(step).beneath.failure(step.path, number);
+    error.text = "cannot stage the new file: " + error.text;
+    return error;
+  }
+
+  static Error make_directory(Site& site) {
+    const int root = site.beneath.root();
+    if (mkdirat(root, site.name.c_str(), S_IRWXU) != 0) return site.beneath.failure(site.name, errno);
+    site.staging =
+        Descriptor(openat(root, site.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!site.staging) return site.beneath.failure(site.name, errno);
+    // What it inherits from its parent would be inherited in it.
+    const bool is_private =
+        remove_access_lists(site.staging.get()) && fchmod(site.staging.get(), S_IRWXU) == 0;
+    return is_private ? Error{} : site.beneath.failure(site.name, errno);
+  }
+
+  void find_sources() {
+    for (std::size_t number = 0; number < plan_.steps.size(); ++number) {
+      const PlannedStep& planned = plan_.steps[number];
+      if (planned.step.what != Step::What::put || planned.wanted->member.kind != Kind::file) continue;
+      sources_[planned.wanted->base][planned.wanted->entry].steps.push_back(number);
+    }
+    std::set<std::string> changed;
+    for (const PlannedChange& change : plan_.shown.changes) changed.insert(change.difference.path);
+    std::set<std::uint64_t> going;
+    for (const PlannedStep& planned : plan_.steps) going.insert(planned.step.before.inode);
+    for (const auto& [path, wanted] : plan_.wanted) {
+      if (wanted.member.kind != Kind::file || changed.count(path) != 0) continue;
+      auto& sources = sources_[wanted.base];
+      const auto source = sources.find(wanted.entry);
+      if (source == sources.end() || source->second.unchanged != nullptr) continue;
+      const auto live = plan_.live.find(path);
+      // A new link changes the stamp of the file, which the exchange compares.
+      const bool stays = live != plan_.live.end() && going.count(live->second.stamp.inode) == 0;
+      if (stays) source->second.unchanged = &live->second;
+    }
+  }
+
+  /// Directories and symbolic links.
+  Error stage_others() {
+    for (std::size_t number = 0; number < plan_.steps.size(); ++number) {
+      const PlannedStep& planned = plan_.steps[number];
+      if (planned.step.what != Step::What::put) continue;
+      const Member& member = planned.wanted->member;
+      Error error;
+      if (member.kind == Kind::directory) error = stage_directory(planned.step, std::to_string(number));
+      if (member.kind == Kind::symlink) error = stage_link(planned.step, member, std::to_string(number));
+      if (error.code != Code::ok) return error;
+    }
+    return {};
+  }
+
+  Error stage_directory(const Step& step, const std::string& slot) {
+    const int staging = site_of(step).staging.get();
+    const bool done =
+        mkdirat(staging, slot.c_str(), S_IRWXU) == 0 && fchmodat(staging, slot.c_str(), S_IRWXU, 0) == 0;
+    return done ? Error{} : failure(step);
+  }
+
+  Error stage_link(const Step& step, const Member& member, const std::string& slot) {
+    const int staging = site_of(step).staging.get();
+    const timespec times[] = {seconds(member.time), seconds(member.time)};
+    const bool done = symlinkat(member.target.c_str(), staging, slot.c_str()) == 0 &&
+                      (geteuid() != 0 ||
+                       fchownat(staging, slot.c_str(), member.uid, member.gid, AT_SYMLINK_NOFOLLOW) == 0) &&
+                      utimensat(staging, slot.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+    return done ? Error{} : failure(step);
+  }
+
+  /// Reads the archives again, as far as there is something to stage.
+  Error stage_files() {
+    for (const Column& column : columns_of(row_.snapshot.config.type)) {
+      const auto sources = sources_.find(column.base);
+      if (sources == sources_.end()) continue;
+      if (Error error = stage_column(column, sources->second); error.code != Code::ok) return error;
+    }
+    return {};
+  }
+
+  Error stage_column(const Column& column, std::map<int64, Source>& sources) {
+    int64 count = -1;
+    const PlannedStep* current = nullptr;
+    std::optional<StagedFile> file;
+    const auto begin = [&](const Entry&) -> Error {
+      const auto source = sources.find(++count);
+      if (source == sources.end() || source->second.unchanged != nullptr) return {};
+      const std::size_t number = source->second.steps.front();
+      current = &plan_.steps[number];
+      file.emplace(site_of(current->step).staging.get(), std::to_string(number));
+      return *file ? Error{} : failure(current->step);
+    };
+    const auto content = [&](std::string_view piece) -> Error {
+      if (!file || file->add(piece)) return {};
+      return failure(current->step);
+    };
+    const auto end = [&]() -> Error {
+      if (!file) return {};
+      Error error = finish_file(*current, *file);
+      file.reset();
+      return error;
+    };
+    return read_column(row_, column, {begin, content, end}, progress());
+  }
+
+  PackedProgress progress() {
+    if (!options_.progress) return {};
+    return [this](int64 packed) {
+      progress_.phase = Progress::Phase::staging;
+      progress_.total = row_.snapshot.keybase_size + row_.snapshot.etc_size;
+      progress_.done += packed;
+      options_.progress(progress_);
+    };
+  }
+
+  /// The order matters: a new owner clears the set-id bits, and the mode limits what access lists grant.
+  Error finish_file(const PlannedStep& planned, StagedFile& file) {
+    const Step& step = planned.step;
+    const Member& member = planned.wanted->member;
+    if (file.size() != member.size || file.digest() != member.sha256) {
+      return {Code::damaged, 0, printable(member.path), "the archive does not read the same twice"};
+    }
+    if (!file.finish()) return failure(step);
+    if (geteuid() == 0 && fchown(file.get(), member.uid, member.gid) != 0) return failure(step);
+    if (Error error = carry_over(planned, file.get()); error.code != Code::ok) return error;
+    const timespec times[] = {seconds(member.time), seconds(member.time)};
+    if (fchmod(file.get(), member.mode) != 0 || futimens(file.get(), times) != 0) return failure(step);
+    return syncs_all_ || fsync(file.get()) == 0 ? Error{} : failure(step);
+  }
+
+  /// Extended attributes and access lists of the file that goes.
+  Error carry_over(const PlannedStep& planned, int file) {
+    if (!S_ISREG(planned.step.before.kind)) return {};
+    Beneath& beneath = site_of(planned.step).beneath;
+    const Result<int> parent = beneath.directory(parent_of(planned.step.path));
+    if (!parent) return parent.error();
+    const Descriptor old(openat(*parent, name_of(planned.step.path).c_str(),
+                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!old) return failure(planned.step);
+    return copy_extended_attributes(old.get(), file) ? Error{} : failure(planned.step);
+  }
+
+  /// The other names of a file.
+  Error link_names() {
+    for (auto& [base, sources] : sources_) {
+      for (auto& [entry, source] : sources) {
+        if (Error error = link_names_of(source); error.code != Code::ok) return error;
+      }
+    }
+    return {};
+  }
+
+  Error link_names_of(const Source& source) {
+    for (const std::size_t number : source.steps) {
+      const Step& step = plan_.steps[number].step;
+      const bool is_file = number == source.steps.front() && source.unchanged == nullptr;
+      if (is_file) continue;
+      Error error = source.unchanged != nullptr ? link_to_live(step, number, *source.unchanged)
+                                                : link_to_slot(step, number, source.steps.front());
+      if (error.code != Code::ok) return error;
+    }
+    return {};
+  }
+
+  Error link_to_slot(const Step& step, std::size_t number, std::size_t first) {
+    const int from = site_of(plan_.steps[first].step).staging.get();
+    const int to = site_of(step).staging.get();
+    const bool done =
+        linkat(from, std::to_string(first).c_str(), to, std::to_string(number).c_str(), 0) == 0;
+    return done ? Error{} : failure(step);
+  }
+
+  Error link_to_live(const Step& step, std::size_t number, const LiveMember& live) {
+    Site& site = site_of(step);
+    const std::string relative = live.member.path.substr(site.beneath.path().size());
+    const Result<int> parent = site.beneath.directory(parent_of(relative));
+    if (!parent) return parent.error();
+    const std::string slot = std::to_string(number);
+    struct stat status = {};
+    const bool done =
+        linkat(*parent, name_of(relative).c_str(), site.staging.get(), slot.c_str(), 0) == 0 &&
+        fstatat(site.staging.get(), slot.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!done) return failure(step);
+    const bool is_it = status.st_ino == live.stamp.inode && status.st_size == live.stamp.size &&
+                       stamp_of(status).modified == live.stamp.modified;
+    if (is_it) return {};
+    return {Code::changed_meanwhile, 0, printable(live.member.path),
+            "the file changed while the restore was prepared"};
+  }
+
+  /// The names in the staging directories, and their own names, have to last as the files do.
+  Error sync() {
+    for (Site& site : sites_) {
+      const int root = site.beneath.root();
+      const bool done = syncs_all_ ? syncfs(root) == 0 : fsync(site.staging.get()) == 0 && fsync(root) == 0;
+      if (!done) return site.beneath.failure(site.name, errno);
+    }
+    return {};
+  }
+
+  Error note_identities() {
+    std::map<std::pair<std::size_t, std::string>, Identity> directories;
+    for (std::size_t number = 0; number < plan_.steps.size(); ++number) {
+      Step& step = plan_.steps[number].step;
+      if (step.what != Step::What::put) continue;
+      struct stat status = {};
+      const int staging = site_of(step).staging.get();
+      if (fstatat(staging, std::to_string(number).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return failure(step);
+      }
+      step.after = identity_of(status);
+      if (S_ISDIR(status.st_mode)) directories[{step.root, step.path}] = step.after;
+    }
+    for (PlannedStep& planned : plan_.steps) {
+      Step& step = planned.step;
+      const auto made = directories.find({step.root, step.path});
+      if (step.what == Step::What::attributes && made != directories.end()) step.after = made->second;
+    }
+    return {};
+  }
+
+  OpenRow& row_;
+  DetailedPlan& plan_;
+  std::vector<Site>& sites_;
+  const RestoreOptions& options_;
+  std::map<Base, std::map<int64, Source>> sources_;  ///< by the entry of the archive
+  bool syncs_all_ = false;
+  Progress progress_;
+};
+
+}  // namespace
+
+Result<Record> begin_record(DetailedPlan& plan) {
+  Record record;
+  record.snapshot = plan.shown.snapshot;
+  std::vector<std::size_t> numbers(plan.directories.size());
+  for (std::size_t root = 0; root < plan.directories.size(); ++root) {
+    const bool is_used =
+        std::any_of(plan.steps.begin(), plan.steps.end(),
+                    [root](const PlannedStep& planned) { return planned.step.root == root; });
+    if (!is_used) continue;
+    const Result<Beneath> beneath = Beneath::open(plan.directories[root]);
+    if (!beneath) return beneath.error();
+    numbers[root] = record.roots.size();
+    record.roots.push_back({plan.directories[root], beneath->status().st_ino, new_name()});
+  }
+  for (PlannedStep& planned : plan.steps) planned.step.root = numbers[planned.step.root];
+  return record;
+}
+
+Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
+  std::map<dev_t, std::uint64_t> needed;
+  for (const PlannedStep& planned : plan.steps) {
+    Beneath& beneath = sites[planned.step.root].beneath;
+    const std::string parent = parent_of(planned.step.path);
+    const Result<int> directory = beneath.directory(parent);
+    // The restore makes it.
+    if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR)) continue;
+    if (!directory) return directory.error();
+    struct stat status = {};
+    if (fstat(*directory, &status) != 0) return beneath.failure(parent, errno);
+    if (status.st_dev != beneath.status().st_dev) {
+      return {Code::unsafe, EXDEV, beneath.shown(parent), "another file system is mounted here"};
+    }
+    if (faccessat(*directory, ".", W_OK | X_OK, AT_EACCESS) != 0) return beneath.failure(parent, errno);
+  }
+  for (const PlannedStep& planned : plan.steps) {
+    if (planned.step.what != Step::What::put) continue;
+    const auto size = static_cast<std::uint64_t>(planned.wanted->member.size);
+    needed[sites[planned.step.root].beneath.status().st_dev] += (size / kBlock + 2) * kBlock;
+  }
+  for (const Site& site : sites) {
+    struct statvfs disk = {};
+    if (fstatvfs(site.beneath.root(), &disk) != 0) return site.beneath.failure("", errno);
+    const std::uint64_t free = (geteuid() == 0 ? disk.f_bfree : disk.f_bavail) * disk.f_frsize;
+    // Some file systems do not say.
+    if (disk.f_blocks != 0 && free < needed[site.beneath.status().st_dev]) {
+      return {Code::no_space, ENOSPC, printable(site.beneath.path()),
+              "the new files need " + std::to_string(needed[site.beneath.status().st_dev]) + " bytes and " +
+                  std::to_string(free) + " are free"};
+    }
+  }
+  return {};
+}
+
+Error stage(OpenRow& row, DetailedPlan& plan, std::vector<Site>& sites, const RestoreOptions& options) {
+  return Staging(row, plan, sites, options).run();
+}
+
+}  // namespace ConfSave::snapshots

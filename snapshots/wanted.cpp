@@ -1,0 +1,92 @@
+#include "snapshots/wanted.h"
+
+#include <algorithm>
+#include <unordered_map>
+
+#include "places.h"
+#include "snapshots/member_collector.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+/// Gathers what one archive restores.
+class Collecting {
+ public:
+  Collecting(Base base, std::string destination)
+      : base_(base),
+        prefix_(directory_of(base).size()),
+        destination_(std::move(destination)),
+        reader_(base, [this](Member member) { return add(std::move(member)); }) {}
+
+  EntryHandler handler() { return reader_.handler(); }
+
+  void take(std::map<std::string, Wanted>& wanted) {
+    for (auto& [path, found] : found_) {
+      if (path.front() == '.' || is_of_packet_filter(path)) continue;
+      found.member.path = destination_ + path;
+      wanted[found.member.path] = std::move(found);
+    }
+  }
+
+ private:
+  Error add(Member member) {
+    const std::string path = member.path.substr(prefix_);
+    Wanted wanted{std::move(member), base_, count_++};
+    if (wanted.member.kind == Kind::hardlink) {
+      // tar gives a link what its file has. The reader has seen to it that the file comes first.
+      const bool secret = wanted.member.secret;
+      wanted = found_.at(wanted.member.target.substr(prefix_));
+      wanted.member.secret = wanted.member.secret || secret;
+    }
+    found_[path] = std::move(wanted);
+    return {};
+  }
+
+  Base base_;
+  std::size_t prefix_;
+  std::string destination_;
+  MemberReader reader_;
+  std::unordered_map<std::string, Wanted> found_;  ///< by relative path
+  int64 count_ = 0;
+};
+
+std::string with_slash(std::string directory) {
+  if (directory.empty() || directory.back() != '/') directory += '/';
+  return directory;
+}
+
+}  // namespace
+
+Destinations Destinations::of(const std::string& target) {
+  if (target.empty()) return {config_directory(), kFailoverDirectory};
+  return {with_slash(target), with_slash(target)};
+}
+
+bool is_of_packet_filter(const std::string& path) {
+  static const std::string name = "corlu.serv";
+  for (std::size_t start = path.find(name); start != std::string::npos;
+       start = path.find(name, start + 1)) {
+    const std::size_t end = start + name.size();
+    const bool is_whole =
+        (start == 0 || path[start - 1] == '/') && (end == path.size() || path[end] == '/');
+    if (is_whole) return true;
+  }
+  return false;
+}
+
+Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinations& destinations,
+                                                  const PackedProgress& progress) {
+  std::map<std::string, Wanted> wanted;
+  std::vector<Column> columns = columns_of(row.snapshot.config.type);
+  // Where both go into one directory, the configuration's files win.
+  std::reverse(columns.begin(), columns.end());
+  for (const Column& column : columns) {
+    Collecting collecting(column.base, destinations.of(column.base));
+    Error error = read_column(row, column, collecting.handler(), progress);
+    if (error.code != Code::ok) return error;
+    collecting.take(wanted);
+  }
+  return wanted;
+}
+
+}  // namespace ConfSave::snapshots

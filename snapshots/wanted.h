@@ -1,0 +1,38 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "snapshots/row_reader.h"
+
+namespace ConfSave::snapshots {
+
+/// A file that a snapshot restores.
+struct Wanted {
+  Member member;  ///< its path is where the restore puts it
+  Base base = Base::configuration;
+  /// Which entry of the archive has the content; the same for all names of one file. -1 for a directory
+  /// that the archive does not have, and that its members need.
+  int64 entry = -1;
+};
+
+/// Where the archive of each base is restored. The directories end in "/".
+struct Destinations {
+  std::string configuration;
+  std::string failover;
+
+  /// Those of the platform, or `target` for both.
+  static Destinations of(const std::string& target);
+
+  const std::string& of(Base base) const { return base == Base::configuration ? configuration : failover; }
+};
+
+/// Decodes both archives to the end. By path, except what a restore never brings back: the file of the
+/// running packet filter, and top-level names that begin with a dot.
+Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinations& destinations,
+                                                  const PackedProgress& progress = {});
+
+/// The file of the running packet filter, wherever it is, is never restored, and never removed.
+bool is_of_packet_filter(const std::string& path);
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <stdexcept>
+
+#include "snapshots/restoring.h"
+
+namespace {
+
+using namespace test;
+using cs::Action;
+using cs::Aftermath;
+using cs::Code;
+using cs::Restored;
+
+class RestoreTest : public Restoring {
+ protected:
+  /// Changes a file of each directory, and loses one.
+  void damage() const {
+    write_file(config("user/gateway.conf"), "damaged\n");
+    write_file(etc_dir() + "failover.ini", "damaged\n");
+    shell("rm " + config("hub/out"));
+  }
+
+  cs::RestoreOptions with_check(std::function<bool()> check) const {
+    cs::RestoreOptions options = without_keeping();
+    options.check = std::move(check);
+    return options;
+  }
+
+  std::string load_time() const {
+    return query("select load_time from Config where name = 'weekly'")[0][0];
+  }
+};
+
+TEST_F(RestoreTest, AnEqualConfigurationIsLeftAlone) {
+  const auto before = everything(true);
+  const Restored result = restored();
+  EXPECT_EQ(result.outcome, Restored::Outcome::unchanged);
+  EXPECT_EQ(everything(true), before);
+  EXPECT_EQ(load_time(), "NULL");
+}
+
+TEST_F(RestoreTest, BringsBackWhatChanged) {
+  damage();
+  const Restored result = restored();
+  EXPECT_EQ(result.outcome, Restored::Outcome::restored);
+  EXPECT_EQ(everything(), saved_);
+  EXPECT_EQ(load_time(), "<now>");
+}
+
+TEST_F(RestoreTest, WritesOnlyWhatDiffers) {
+  const auto before = everything(true);
+  damage();
+  restored();
+  auto after = everything(true);
+  for (const char* path :
+       {"<config>/user/gateway.conf", "<config>/hub/out", "/mnt/main/etc/failover.ini"}) {
+    EXPECT_NE(after[path], before.at(path)) << path;
+    after[path] = before.at(path);
+  }
+  EXPECT_EQ(after, before);
+}
+
+TEST_F(RestoreTest, AFailedCheckBringsBackTheVeryFiles) {
+  damage();
+  const auto before = everything(true);
+  const auto is_restored = [this] {
+    EXPECT_EQ(everything(), saved_);
+    const auto found = cs::unfinished();
+    EXPECT_TRUE(found && *found && (*found)->is_pending && (*found)->name == "weekly");
+    EXPECT_EQ(cs::restore({"weekly"}).error().code, Code::pending);
+    EXPECT_EQ(cs::recover().error().code, Code::pending);
+    EXPECT_TRUE(cs::save({"meanwhile"}));
+    return false;
+  };
+  const auto error = refused(with_check(is_restored));
+  EXPECT_EQ(error.code, Code::check_failed);
+  EXPECT_EQ(error.aftermath, Aftermath::put_back);
+  EXPECT_EQ(everything(true), before);
+  EXPECT_EQ(load_time(), "NULL");
+  EXPECT_FALSE(*cs::unfinished());
+}
+
+TEST_F(RestoreTest, ACheckThatThrowsFails) {
+  damage();
+  const auto before = everything(true);
+  const auto error = refused(with_check([]() -> bool { throw std::runtime_error("no"); }));
+  EXPECT_EQ(error.code, Code::check_failed);
+  EXPECT_EQ(everything(true), before);
+}
+
+TEST_F(RestoreTest, ASuccessfulCheckConfirms) {
+  damage();
+  bool was_called = false;
+  restored(with_check([&] { return was_called = true; }));
+  EXPECT_TRUE(was_called);
+  EXPECT_EQ(everything(), saved_);
+  EXPECT_EQ(load_time(), "<now>");
+}
+
+TEST_F(RestoreTest, KeepsThePresentConfiguration) {
+  damage();
+  const auto damaged = everything();
+  auto result = cs::restore({"weekly"});
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_EQ(result->kept.substr(0, 12), "before-load-");
+  result = cs::restore({result->kept}, exactly());
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_EQ(everything(), damaged);
+  EXPECT_EQ(result->kept, "weekly");
+}
+
+}  // namespace
