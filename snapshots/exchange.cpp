@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "snapshots/archive_path.h"
+#include "snapshots/extended_attributes.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -85,12 +86,6 @@ Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_
   return sites;
 }
 
-int apply_attributes(int file, const Attributes& attributes) {
-  // The mode comes last: a new owner clears the set-id bits.
-  if (geteuid() == 0 && fchown(file, attributes.uid, attributes.gid) != 0) return -1;
-  return fchmod(file, attributes.mode);
-}
-
 Exchange::Slot Exchange::slot_of(std::size_t number) const {
   const std::string name = std::to_string(number);
   return {sites_[steps_[number].root].staging.get(), name, name + ".old", name + ".new"};
@@ -126,7 +121,9 @@ bool Exchange::is_as_before(const Slot& slot, const std::string& name, const Ste
 Error Exchange::apply(std::size_t number) {
   const Step& step = steps_[number];
   touch(step);
-  if (step.what == Step::What::attributes) return set_attributes(step, step.fresh, step.time);
+  if (step.what == Step::What::attributes) {
+    return set_attributes(step, step.fresh, limited_by_mask(step.old_access), step.time);
+  }
   const Result<int> parent = sites_[step.root].beneath.directory(parent_of(step.path));
   if (!parent) return parent.error();
   const std::string name = name_of(step.path);
@@ -182,7 +179,9 @@ Error Exchange::take_away(std::size_t number, int parent, const std::string& nam
   return sites_[step.root].beneath.failure(step.path, errno);
 }
 
-Error Exchange::set_attributes(const Step& step, const Attributes& attributes, int64 time) {
+/// The mode comes last: it is the mask of the access list, and a new owner clears the set-id bits.
+Error Exchange::set_attributes(const Step& step, const Attributes& attributes, const std::string& access,
+                               int64 time) {
   Beneath& beneath = sites_[step.root].beneath;
   const Result<int> parent = beneath.directory(parent_of(step.path));
   if (!parent) return parent.error();
@@ -190,7 +189,10 @@ Error Exchange::set_attributes(const Step& step, const Attributes& attributes, i
   struct stat status = {};
   if (!directory || fstat(directory.get(), &status) != 0) return beneath.failure(step.path, errno);
   if (!is_same_file(identity_of(status), step.after)) return changed(step);
-  if (apply_attributes(directory.get(), attributes) != 0) return beneath.failure(step.path, errno);
+  const bool done = (geteuid() != 0 || fchown(directory.get(), attributes.uid, attributes.gid) == 0) &&
+                    set_access_list(directory.get(), access) &&
+                    fchmod(directory.get(), attributes.mode) == 0;
+  if (!done) return beneath.failure(step.path, errno);
   if (time < 0) return {};
   const timespec times[] = {{time, 0}, {time, 0}};
   return futimens(directory.get(), times) == 0 ? Error{} : beneath.failure(step.path, errno);
@@ -210,7 +212,7 @@ Error Exchange::undo_attributes(const Step& step) {
   const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
   if (!now) return now.error();
   if (!*now || !is_same_file(identity_of(**now), step.after)) return {};
-  return set_attributes(step, step.old, -1);
+  return set_attributes(step, step.old, step.old_access, -1);
 }
 
 Error Exchange::undo_move(std::size_t number, Foreign foreign) {

@@ -64,7 +64,8 @@ class Exchange {
   Error put(std::size_t number, int parent, const std::string& name);
   Error put_without_exchange(const Step& step, const Slot& slot, int parent, const std::string& name);
   Error take_away(std::size_t number, int parent, const std::string& name);
-  Error set_attributes(const Step& step, const Attributes& attributes, int64 time);
+  Error set_attributes(const Step& step, const Attributes& attributes, const std::string& access,
+                       int64 time);
   Error undo_attributes(const Step& step);
   Error undo_move(std::size_t number, Foreign foreign);
   Error put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied);
@@ -79,8 +80,5 @@ class Exchange {
   const std::vector<Step>& steps_;
   std::vector<std::set<std::string>> touched_;  ///< directories by site
 };
-
-/// Sets mode and, for root, owner. -1 with errno.
-int apply_attributes(int file, const Attributes& attributes);
 
 }  // namespace ConfSave::snapshots

@@ -36,18 +36,6 @@ void write16(std::string& text, std::size_t offset, std::uint16_t value) {
   std::memcpy(text.data() + offset, &value, sizeof value);
 }
 
-void apply_mask(std::string& list) {
-  std::uint16_t mask = 07;
-  for (std::size_t entry = kHeader; entry + kEntry <= list.size(); entry += kEntry) {
-    if (read16(list, entry) == kMask) mask = read16(list, entry + 2);
-  }
-  for (std::size_t entry = kHeader; entry + kEntry <= list.size(); entry += kEntry) {
-    const std::uint16_t tag = read16(list, entry);
-    if (tag != kNamedUser && tag != kOwningGroup && tag != kNamedGroup) continue;
-    write16(list, entry + 2, read16(list, entry + 2) & mask);
-  }
-}
-
 /// The file system has no such attributes, or a list without them.
 bool has_none() { return errno == ENODATA || errno == ENOTSUP || errno == ENOSYS; }
 
@@ -86,6 +74,25 @@ std::optional<std::string> value_of(int file, const std::string& name) {
 
 }  // namespace
 
+std::string limited_by_mask(std::string list) {
+  std::uint16_t mask = 07;
+  for (std::size_t entry = kHeader; entry + kEntry <= list.size(); entry += kEntry) {
+    if (read16(list, entry) == kMask) mask = read16(list, entry + 2);
+  }
+  for (std::size_t entry = kHeader; entry + kEntry <= list.size(); entry += kEntry) {
+    const std::uint16_t tag = read16(list, entry);
+    if (tag != kNamedUser && tag != kOwningGroup && tag != kNamedGroup) continue;
+    write16(list, entry + 2, read16(list, entry + 2) & mask);
+  }
+  return list;
+}
+
+std::string access_list(int directory) { return value_of(directory, kAccess).value_or(""); }
+
+bool set_access_list(int directory, const std::string& list) {
+  return list.empty() || fsetxattr(directory, kAccess, list.data(), list.size(), 0) == 0;
+}
+
 bool copy_extended_attributes(int from, int to) {
   const std::optional<std::vector<std::string>> names = names_of(from);
   if (!names) return false;
@@ -93,7 +100,7 @@ bool copy_extended_attributes(int from, int to) {
     std::optional<std::string> value = value_of(from, name);
     if (!value && errno == ENODATA) continue;
     if (!value) return false;
-    if (name == kAccess) apply_mask(*value);
+    if (name == kAccess) *value = limited_by_mask(*value);
     if (fsetxattr(to, name.c_str(), value->data(), value->size(), 0) == 0) continue;
     // The labels of a security module are given by the kernel to who may not set them.
     const bool is_label = name.compare(0, 9, "security.") == 0 && errno == EPERM && geteuid() != 0;

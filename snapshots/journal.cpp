@@ -24,7 +24,7 @@ constexpr const char* kTables =
     "new_size integer not null, new_time integer not null, new_kind integer not null, "
     "old_mode integer not null, old_uid integer not null, old_gid integer not null, "
     "new_mode integer not null, new_uid integer not null, new_gid integer not null, "
-    "time integer not null);"
+    "old_access blob not null, time integer not null);"
     "pragma user_version = 1;";
 
 std::string journal_file() { return state_directory() + "/restore.db"; }
@@ -172,7 +172,8 @@ Error Journal::read_roots(Record& record) {
 Error Journal::read_steps(Record& record) {
   Result<Statement> rows = database_.prepare(
       "select what, root, path, old_inode, old_size, old_time, old_kind, new_inode, new_size, new_time, "
-      "new_kind, old_mode, old_uid, old_gid, new_mode, new_uid, new_gid, time from step order by number");
+      "new_kind, old_mode, old_uid, old_gid, new_mode, new_uid, new_gid, old_access, time from step order "
+      "by number");
   if (!rows) return failure();
   int code = rows->step();
   for (; code == SQLITE_ROW; code = rows->step()) {
@@ -184,7 +185,8 @@ Error Journal::read_steps(Record& record) {
     step.after = read_identity(*rows, 7);
     step.old = read_attributes(*rows, 11);
     step.fresh = read_attributes(*rows, 14);
-    step.time = rows->number(17);
+    step.old_access = rows->text(17);
+    step.time = rows->number(18);
     if (step.root >= record.roots.size()) return not_understood("a step has no directory");
     record.steps.push_back(std::move(step));
   }
@@ -218,7 +220,7 @@ Error Journal::write_step(Statement& statement, const Step& step) {
   bind(statement, step.after);
   bind(statement, step.old);
   bind(statement, step.fresh);
-  statement.bind(step.time);
+  statement.bind(step.old_access).bind(step.time);
   return statement.run() ? Error{} : failure();
 }
 
@@ -226,8 +228,8 @@ Error Journal::prepare(const std::vector<Step>& steps, int64 load_time) {
   return in_transaction([&]() -> Error {
     Result<Statement> statement = database_.prepare(
         "insert into step (what, root, path, old_inode, old_size, old_time, old_kind, new_inode, "
-        "new_size, new_time, new_kind, old_mode, old_uid, old_gid, new_mode, new_uid, new_gid, time) "
-        "values (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+        "new_size, new_time, new_kind, old_mode, old_uid, old_gid, new_mode, new_uid, new_gid, "
+        "old_access, time) values (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
     if (!statement) return failure();
     for (const Step& step : steps) {
       if (Error error = write_step(*statement, step); error.code != Code::ok) return error;

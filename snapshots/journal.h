@@ -50,7 +50,8 @@ struct Step {
   Identity after;    ///< what was staged
   Attributes old;    ///< of `attributes`, as the next two
   Attributes fresh;
-  int64 time = 0;  ///< of a directory that the restore makes, in seconds since the epoch; else -1
+  std::string old_access;  ///< the access list of that directory, as the kernel has it; may be empty
+  int64 time = -1;         ///< of a directory that the restore makes, in seconds since the epoch; else -1
 };
 
 /// A directory that is restored into.

@@ -18,8 +18,6 @@
 namespace ConfSave::snapshots {
 namespace {
 
-constexpr std::uint32_t kOwnerOnly = S_IRWXU;
-
 bool begins_with(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
@@ -29,17 +27,6 @@ bool is_covered(const std::string& path, const std::string& entry) {
   if (entry.back() == '*') return begins_with(path, entry.substr(0, entry.size() - 1));
   return path == entry || begins_with(path, entry + "/");
 }
-
-std::uint32_t kind_bits(Kind kind) {
-  if (kind == Kind::directory) return S_IFDIR;
-  return kind == Kind::symlink ? S_IFLNK : S_IFREG;
-}
-
-Identity identity_of(const LiveMember& live) {
-  return {live.stamp.inode, live.stamp.size, live.stamp.modified, kind_bits(live.member.kind)};
-}
-
-Attributes attributes_of(const Member& member) { return {member.mode, member.uid, member.gid}; }
 
 /// True if one of `map` is below `path`.
 template <class Value>
@@ -77,8 +64,8 @@ class Planning {
     if (error.code != Code::ok) return error;
     for (const auto& [path, wanted] : plan_.wanted) compare(path, wanted);
     consider_the_rest();
-    write_steps();
     for (auto& [path, change] : changes_) plan_.shown.changes.push_back(std::move(change));
+    write_steps(plan_);
     return std::move(plan_);
   }
 
@@ -185,7 +172,7 @@ class Planning {
     wanted.base = base;
     wanted.member.path = path;
     wanted.member.kind = Kind::directory;
-    wanted.member.mode = kOwnerOnly;
+    wanted.member.mode = S_IRWXU;
     wanted.member.uid = geteuid();
     wanted.member.gid = getegid();
     return wanted;
@@ -277,64 +264,6 @@ class Planning {
       if (removed_.count(next->first) == 0) return false;
     }
     return true;
-  }
-
-  // ---- Steps
-
-  PlannedStep step_for(Step::What what, const std::string& path) const {
-    PlannedStep planned;
-    planned.step.what = what;
-    // The longest directory: one of them may be in the other.
-    std::size_t longest = 0;
-    for (std::size_t root = 0; root < plan_.directories.size(); ++root) {
-      const std::string& directory = plan_.directories[root];
-      if (!begins_with(path, directory) || directory.size() < longest) continue;
-      longest = directory.size();
-      planned.step.root = root;
-    }
-    planned.step.path = path.substr(longest);
-    planned.step.time = -1;
-    const auto live = plan_.live.find(path);
-    if (live != plan_.live.end()) {
-      planned.step.before = identity_of(live->second);
-      planned.stamp = live->second.stamp;
-    }
-    return planned;
-  }
-
-  void write_steps() {
-    for (auto path = removed_.rbegin(); path != removed_.rend(); ++path) {
-      plan_.steps.push_back(step_for(Step::What::remove, *path));
-    }
-    std::vector<PlannedStep> attributes;
-    for (const auto& [path, change] : changes_) {
-      if (change.action == Action::remove) continue;
-      const Wanted& wanted = plan_.wanted.at(path);
-      const bool is_directory = wanted.member.kind == Kind::directory;
-      if (!is_directory || change.action != Action::attributes) {
-        PlannedStep put = step_for(Step::What::put, path);
-        put.wanted = &wanted;
-        plan_.steps.push_back(std::move(put));
-      }
-      if (is_directory) attributes.push_back(attributes_step(path, wanted, change.action));
-    }
-    std::reverse(attributes.begin(), attributes.end());
-    std::move(attributes.begin(), attributes.end(), std::back_inserter(plan_.steps));
-  }
-
-  PlannedStep attributes_step(const std::string& path, const Wanted& wanted, Action action) const {
-    PlannedStep planned = step_for(Step::What::attributes, path);
-    Step& step = planned.step;
-    planned.wanted = &wanted;
-    step.fresh = attributes_of(wanted.member);
-    if (action == Action::attributes) {
-      step.after = step.before;
-      step.old = attributes_of(plan_.live.at(path).member);
-      return planned;
-    }
-    step.old = {kOwnerOnly, geteuid(), getegid()};
-    if (wanted.entry != -1) step.time = wanted.member.time;
-    return planned;
   }
 
   OpenRow& row_;

@@ -36,6 +36,9 @@ struct DetailedPlan {
 /// Compares a row with the live files, or with those in the target.
 Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, const Deadline& deadline);
 
+/// Turns the changes of `plan` into steps.
+void write_steps(DetailedPlan& plan);
+
 /// Whether both do the same.
 bool is_same_plan(const Plan& a, const Plan& b);
 

@@ -13,6 +13,7 @@
 #include "snapshots/keep.h"
 #include "snapshots/lock.h"
 #include "snapshots/plan.h"
+#include "snapshots/preflight.h"
 #include "snapshots/recover.h"
 #include "snapshots/stage.h"
 

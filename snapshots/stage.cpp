@@ -4,94 +4,23 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <random>
 #include <set>
 
 #include "snapshots/archive_path.h"
-#include "snapshots/digest.h"
 #include "snapshots/extended_attributes.h"
-#include "snapshots/member_collector.h"
-#include "snapshots/system_error.h"
+#include "snapshots/staged_file.h"
 
 namespace ConfSave::snapshots {
 namespace {
 
 /// Fewer files than this are synced each; with more, one sync of the file system is faster.
 constexpr std::size_t kSyncsOneByOne = 8;
-constexpr std::size_t kBlock = 4096;
-
-std::string new_name() {
-  std::random_device source;
-  char text[40];
-  std::snprintf(text, sizeof text, ".confsave-restore-%08x%08x", source(), source());
-  return text;
-}
 
 timespec seconds(int64 time) { return {time, 0}; }
-
-/// A file that is being staged.
-class StagedFile {
- public:
-  StagedFile(int directory, const std::string& name)
-      : file_(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                     S_IRUSR | S_IWUSR)) {}
-
-  int get() const { return file_.get(); }
-  explicit operator bool() const { return static_cast<bool>(file_); }
-
-  /// False with errno. Blocks of zeros become holes.
-  bool add(std::string_view piece) {
-    sha256_.add(piece.data(), piece.size());
-    while (!piece.empty()) {
-      const std::string_view block = piece.substr(0, kBlock - static_cast<std::size_t>(size_) % kBlock);
-      const bool is_hole = block.size() == kBlock && block.find_first_not_of('\0') == block.npos;
-      std::string_view part = is_hole ? block : up_to_hole(piece);
-      if (!is_hole && !write_all(part)) return false;
-      size_ += static_cast<int64>(part.size());
-      piece.remove_prefix(part.size());
-    }
-    return true;
-  }
-
-  /// False with errno: the size that ends in a hole.
-  bool finish() { return ftruncate(file_.get(), size_) == 0; }
-
-  int64 size() const { return size_; }
-  Digest digest() { return sha256_.finish(); }
-
- private:
-  /// Up to the next whole block of zeros.
-  std::string_view up_to_hole(std::string_view piece) const {
-    std::size_t end = std::min(piece.size(), kBlock - static_cast<std::size_t>(size_) % kBlock);
-    while (end + kBlock <= piece.size() &&
-           piece.substr(end, kBlock).find_first_not_of('\0') != piece.npos) {
-      end += kBlock;
-    }
-    return end + kBlock > piece.size() ? piece : piece.substr(0, end);
-  }
-
-  bool write_all(std::string_view bytes) {
-    int64 offset = size_;
-    while (!bytes.empty()) {
-      const ssize_t written = pwrite(file_.get(), bytes.data(), bytes.size(), offset);
-      if (written < 0 && errno == EINTR) continue;
-      if (written < 0) return false;
-      offset += written;
-      bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-  }
-
-  Descriptor file_;
-  int64 size_ = 0;
-  Sha256 sha256_;
-};
 
 class Staging {
  public:
@@ -327,6 +256,7 @@ class Staging {
     std::map<std::pair<std::size_t, std::string>, Identity> directories;
     for (std::size_t number = 0; number < plan_.steps.size(); ++number) {
       Step& step = plan_.steps[number].step;
+      if (step.what == Step::What::attributes) step.old_access = access_list_of(step);
       if (step.what != Step::What::put) continue;
       struct stat status = {};
       const int staging = site_of(step).staging.get();
@@ -344,6 +274,12 @@ class Staging {
     return {};
   }
 
+  /// Of a directory that is there; one that is not has none.
+  std::string access_list_of(const Step& step) {
+    const Result<int> directory = site_of(step).beneath.directory(step.path);
+    return directory ? access_list(*directory) : "";
+  }
+
   OpenRow& row_;
   DetailedPlan& plan_;
   std::vector<Site>& sites_;
@@ -354,59 +290,6 @@ class Staging {
 };
 
 }  // namespace
-
-Result<Record> begin_record(DetailedPlan& plan) {
-  Record record;
-  record.snapshot = plan.shown.snapshot;
-  std::vector<std::size_t> numbers(plan.directories.size());
-  for (std::size_t root = 0; root < plan.directories.size(); ++root) {
-    const bool is_used =
-        std::any_of(plan.steps.begin(), plan.steps.end(),
-                    [root](const PlannedStep& planned) { return planned.step.root == root; });
-    if (!is_used) continue;
-    const Result<Beneath> beneath = Beneath::open(plan.directories[root]);
-    if (!beneath) return beneath.error();
-    numbers[root] = record.roots.size();
-    record.roots.push_back({plan.directories[root], beneath->status().st_ino, new_name()});
-  }
-  for (PlannedStep& planned : plan.steps) planned.step.root = numbers[planned.step.root];
-  return record;
-}
-
-Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
-  std::map<dev_t, std::uint64_t> needed;
-  for (const PlannedStep& planned : plan.steps) {
-    Beneath& beneath = sites[planned.step.root].beneath;
-    const std::string parent = parent_of(planned.step.path);
-    const Result<int> directory = beneath.directory(parent);
-    // The restore makes it.
-    if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR)) continue;
-    if (!directory) return directory.error();
-    struct stat status = {};
-    if (fstat(*directory, &status) != 0) return beneath.failure(parent, errno);
-    if (status.st_dev != beneath.status().st_dev) {
-      return {Code::unsafe, EXDEV, beneath.shown(parent), "another file system is mounted here"};
-    }
-    if (faccessat(*directory, ".", W_OK | X_OK, AT_EACCESS) != 0) return beneath.failure(parent, errno);
-  }
-  for (const PlannedStep& planned : plan.steps) {
-    if (planned.step.what != Step::What::put) continue;
-    const auto size = static_cast<std::uint64_t>(planned.wanted->member.size);
-    needed[sites[planned.step.root].beneath.status().st_dev] += (size / kBlock + 2) * kBlock;
-  }
-  for (const Site& site : sites) {
-    struct statvfs disk = {};
-    if (fstatvfs(site.beneath.root(), &disk) != 0) return site.beneath.failure("", errno);
-    const std::uint64_t free = (geteuid() == 0 ? disk.f_bfree : disk.f_bavail) * disk.f_frsize;
-    // Some file systems do not say.
-    if (disk.f_blocks != 0 && free < needed[site.beneath.status().st_dev]) {
-      return {Code::no_space, ENOSPC, printable(site.beneath.path()),
-              "the new files need " + std::to_string(needed[site.beneath.status().st_dev]) + " bytes and " +
-                  std::to_string(free) + " are free"};
-    }
-  }
-  return {};
-}
 
 Error stage(OpenRow& row, DetailedPlan& plan, std::vector<Site>& sites, const RestoreOptions& options) {
   return Staging(row, plan, sites, options).run();

@@ -8,14 +8,6 @@
 
 namespace ConfSave::snapshots {
 
-/// A record for `plan`, without steps: the directories that have some, each with a name for a staging
-/// directory that nobody has used. The roots of the plan's steps become those of the record.
-Result<Record> begin_record(DetailedPlan& plan);
-
-/// Refuses what staging or the exchange would refuse: too little room, a directory that must not be
-/// written to, another file system below a directory.
-Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan);
-
 /// Makes the staging directories, and in them each new file of the plan, whole and durable. `row` is that
 /// of the plan, in the same transaction. Completes the steps.
 Error stage(OpenRow& row, DetailedPlan& plan, std::vector<Site>& sites, const RestoreOptions& options);

@@ -1,0 +1,91 @@
+// The steps of a plan, in the order of execution.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "snapshots/plan.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+std::uint32_t kind_bits(Kind kind) {
+  if (kind == Kind::directory) return S_IFDIR;
+  return kind == Kind::symlink ? S_IFLNK : S_IFREG;
+}
+
+Identity identity_of(const LiveMember& live) {
+  return {live.stamp.inode, live.stamp.size, live.stamp.modified, kind_bits(live.member.kind)};
+}
+
+Attributes attributes_of(const Member& member) { return {member.mode, member.uid, member.gid}; }
+
+PlannedStep step_for(const DetailedPlan& plan, Step::What what, const std::string& path) {
+  PlannedStep planned;
+  planned.step.what = what;
+  // The longest directory: one of them may be in the other.
+  std::size_t longest = 0;
+  for (std::size_t root = 0; root < plan.directories.size(); ++root) {
+    const std::string& directory = plan.directories[root];
+    const bool is_in = path.compare(0, directory.size(), directory) == 0;
+    if (!is_in || directory.size() < longest) continue;
+    longest = directory.size();
+    planned.step.root = root;
+  }
+  planned.step.path = path.substr(longest);
+  const auto live = plan.live.find(path);
+  if (live != plan.live.end()) {
+    planned.step.before = identity_of(live->second);
+    planned.stamp = live->second.stamp;
+  }
+  return planned;
+}
+
+PlannedStep attributes_step(const DetailedPlan& plan, const std::string& path, const Wanted& wanted,
+                            Action action) {
+  PlannedStep planned = step_for(plan, Step::What::attributes, path);
+  Step& step = planned.step;
+  planned.wanted = &wanted;
+  step.fresh = attributes_of(wanted.member);
+  if (action == Action::attributes) {
+    step.after = step.before;
+    step.old = attributes_of(plan.live.at(path).member);
+    return planned;
+  }
+  step.old = {S_IRWXU, geteuid(), getegid()};
+  if (wanted.entry != -1) step.time = wanted.member.time;
+  return planned;
+}
+
+}  // namespace
+
+// What is in a directory goes before the directory, and comes after it; its attributes come last, because
+// it must be open to its owner until then.
+void write_steps(DetailedPlan& plan) {
+  std::vector<PlannedStep> attributes;
+  for (auto change = plan.shown.changes.rbegin(); change != plan.shown.changes.rend(); ++change) {
+    const std::string& path = change->difference.path;
+    if (change->action == Action::remove) {
+      plan.steps.push_back(step_for(plan, Step::What::remove, path));
+      continue;
+    }
+    const Wanted& wanted = plan.wanted.at(path);
+    if (wanted.member.kind == Kind::directory) {
+      attributes.push_back(attributes_step(plan, path, wanted, change->action));
+    }
+  }
+  for (const PlannedChange& change : plan.shown.changes) {
+    if (change.action == Action::remove) continue;
+    const std::string& path = change.difference.path;
+    const Wanted& wanted = plan.wanted.at(path);
+    if (wanted.member.kind == Kind::directory && change.action == Action::attributes) continue;
+    PlannedStep put = step_for(plan, Step::What::put, path);
+    put.wanted = &wanted;
+    plan.steps.push_back(std::move(put));
+  }
+  std::move(attributes.begin(), attributes.end(), std::back_inserter(plan.steps));
+}
+
+}  // namespace ConfSave::snapshots

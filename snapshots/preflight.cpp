@@ -1,0 +1,88 @@
+#include "snapshots/preflight.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <map>
+#include <random>
+
+namespace ConfSave::snapshots {
+namespace {
+
+constexpr std::uint64_t kBlock = 4096;
+
+std::string new_name() {
+  std::random_device source;
+  char text[40];
+  std::snprintf(text, sizeof text, ".confsave-restore-%08x%08x", source(), source());
+  return text;
+}
+
+Error check_parent(Beneath& beneath, const std::string& parent) {
+  const Result<int> directory = beneath.directory(parent);
+  // The restore makes it.
+  if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR)) return {};
+  if (!directory) return directory.error();
+  struct stat status = {};
+  if (fstat(*directory, &status) != 0) return beneath.failure(parent, errno);
+  if (status.st_dev != beneath.status().st_dev) {
+    return {Code::unsafe, EXDEV, beneath.shown(parent), "another file system is mounted here"};
+  }
+  const bool is_open = faccessat(*directory, ".", W_OK | X_OK, AT_EACCESS) == 0;
+  return is_open ? Error{} : beneath.failure(parent, errno);
+}
+
+/// Some file systems do not say how much room they have.
+Error check_room(const Beneath& beneath, std::uint64_t needed) {
+  struct statvfs disk = {};
+  if (fstatvfs(beneath.root(), &disk) != 0) return beneath.failure("", errno);
+  const std::uint64_t free = (geteuid() == 0 ? disk.f_bfree : disk.f_bavail) * disk.f_frsize;
+  if (disk.f_blocks == 0 || free >= needed) return {};
+  return {
+      Code::no_space, ENOSPC, beneath.shown(""),
+      "the new files need " + std::to_string(needed) + " bytes, and " + std::to_string(free) + " are free"};
+}
+
+}  // namespace
+
+Result<Record> begin_record(DetailedPlan& plan) {
+  Record record;
+  record.snapshot = plan.shown.snapshot;
+  std::vector<std::size_t> numbers(plan.directories.size());
+  for (std::size_t root = 0; root < plan.directories.size(); ++root) {
+    const bool is_used =
+        std::any_of(plan.steps.begin(), plan.steps.end(),
+                    [root](const PlannedStep& planned) { return planned.step.root == root; });
+    if (!is_used) continue;
+    const Result<Beneath> beneath = Beneath::open(plan.directories[root]);
+    if (!beneath) return beneath.error();
+    numbers[root] = record.roots.size();
+    record.roots.push_back({plan.directories[root], beneath->status().st_ino, new_name()});
+  }
+  for (PlannedStep& planned : plan.steps) planned.step.root = numbers[planned.step.root];
+  return record;
+}
+
+Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
+  std::map<dev_t, std::uint64_t> needed;
+  for (const PlannedStep& planned : plan.steps) {
+    Beneath& beneath = sites[planned.step.root].beneath;
+    Error error = check_parent(beneath, parent_of(planned.step.path));
+    if (error.code != Code::ok) return error;
+    if (planned.step.what != Step::What::put) continue;
+    const auto size = static_cast<std::uint64_t>(planned.wanted->member.size);
+    needed[beneath.status().st_dev] += (size / kBlock + 2) * kBlock;
+  }
+  for (const Site& site : sites) {
+    Error error = check_room(site.beneath, needed[site.beneath.status().st_dev]);
+    if (error.code != Code::ok) return error;
+  }
+  return {};
+}
+
+}  // namespace ConfSave::snapshots
