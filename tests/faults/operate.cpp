@@ -16,6 +16,10 @@
 //
 // Prints "done" or what went wrong; exits with 0 or 1.
 //
+// `operate typed-load NAME [TARGET] [exact] [no-keep] [check=COMMAND]` restores by the second library, and
+// `operate typed-plan NAME [TARGET] [exact]` plans that. They print a line for each change and each
+// warning.
+//
 // `operate inspect` reads lines "STATE TARGET [NAME...]". For each it opens the storage of that state
 // directory, lists it, loads the named rows, or all, into directories below TARGET, and lists it again. It
 // prints a line for each row and a last one with a dot.
@@ -207,10 +211,11 @@ void repeat(const Arguments& arguments, const std::function<void(const std::stri
 // The second library -----------------------------------------------------------------------------------
 
 void demand(const snapshots::Error& error) {
-  if (error.code != snapshots::Code::ok) {
-    throw std::runtime_error("code " + std::to_string(static_cast<int>(error.code)) + " " + error.path +
-                             ": " + error.text);
-  }
+  if (error.code == snapshots::Code::ok) return;
+  constexpr const char* kAftermaths[] = {"untouched", "put_back", "mixed"};
+  throw std::runtime_error(
+      "code " + std::to_string(static_cast<int>(error.code)) + " number " + std::to_string(error.number) +
+      " " + kAftermaths[static_cast<int>(error.aftermath)] + " " + error.path + ": " + error.text);
 }
 
 void typed_save(const std::string& name) {
@@ -235,7 +240,57 @@ void typed_verify() {
   }
 }
 
+void show(const Arguments& warnings) {
+  for (const std::string& warning : warnings) std::cout << "warning: " << warning << "\n";
+}
+
+void show(const snapshots::Plan& plan) {
+  constexpr const char* kActions[] = {"create", "replace", "remove", "attributes"};
+  for (const snapshots::PlannedChange& change : plan.changes) {
+    std::cout << kActions[static_cast<int>(change.action)] << " " << change.difference.path << "\n";
+  }
+}
+
+snapshots::RestoreOptions restore_options(const Arguments& words) {
+  snapshots::RestoreOptions options;
+  for (const std::string& word : words) {
+    if (word[0] == '/') options.target = word;
+    if (word == "exact") options.exact = true;
+    if (word == "no-keep") options.keep = false;
+    if (word.rfind("check=", 0) == 0) {
+      options.check = [command = word.substr(6)] { return run_by_platform(command) == 0; };
+    }
+  }
+  return options;
+}
+
+void typed_load(const Arguments& words) {
+  const auto restored =
+      snapshots::restore({words.at(0)}, restore_options({words.begin() + 1, words.end()}));
+  if (!restored) demand(restored.error());
+  show(restored->plan);
+  show(restored->warnings);
+  if (!restored->kept.empty()) std::cout << "kept " << restored->kept << "\n";
+}
+
+void typed_plan(const Arguments& words) {
+  const auto plan = snapshots::plan({words.at(0)}, restore_options({words.begin() + 1, words.end()}));
+  if (!plan) demand(plan.error());
+  show(*plan);
+}
+
+void typed_recover() {
+  const auto recovery = snapshots::recover();
+  if (!recovery) demand(recovery.error());
+  constexpr const char* kOutcomes[] = {"nothing", "undone", "finished"};
+  show(recovery->warnings);
+  std::cout << kOutcomes[static_cast<int>(recovery->outcome)] << " " << recovery->name << "\n";
+}
+
 const std::map<std::string, std::function<void(const Arguments&)>> kVerbs{
+    {"typed-load", typed_load},
+    {"typed-plan", typed_plan},
+    {"typed-recover", [](const Arguments&) { typed_recover(); }},
     {"typed-save", [](const Arguments& a) { typed_save(a.at(0)); }},
     {"typed-remove", [](const Arguments& a) { demand(snapshots::remove({a.at(0)})); }},
     {"typed-verify", [](const Arguments&) { typed_verify(); }},
