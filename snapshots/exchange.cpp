@@ -255,8 +255,10 @@ Error Exchange::put_back(const Step& step, const Slot& slot, const std::string& 
   if (exchange(slot.staging, from, *parent, name) == 0) return {};
   if (!lacks_flag()) return beneath.failure(step.path, errno);
   // What is there keeps a name until it is known to be ours.
+  // No directory can replace a file.
   const bool is_linked =
-      linkat(*parent, name.c_str(), slot.staging, slot.aside.c_str(), 0) == 0 || errno == EEXIST;
+      !S_ISDIR(step.before.kind) &&
+      (linkat(*parent, name.c_str(), slot.staging, slot.aside.c_str(), 0) == 0 || errno == EEXIST);
   if (!is_linked && move(*parent, name, slot.staging, slot.aside) != 0) {
     return beneath.failure(step.path, errno);
   }
@@ -267,11 +269,19 @@ Error Exchange::put_back(const Step& step, const Slot& slot, const std::string& 
 // ---------------------------------------------------------------------------------------------------
 // Afterwards
 
+/// By a step, which has seen it empty.
+bool Exchange::is_moved_away(std::size_t root, const std::string& directory) const {
+  return std::any_of(steps_.begin(), steps_.end(), [&](const Step& step) {
+    return step.root == root && step.path == directory && S_ISDIR(step.before.kind) &&
+           step.what != Step::What::attributes;
+  });
+}
+
 Error Exchange::check_directories() const {
   for (std::size_t number = 0; number < touched_.size(); ++number) {
     for (const std::string& directory : touched_[number]) {
       const Beneath& beneath = sites_[number].beneath;
-      if (beneath.is_in_place(directory)) continue;
+      if (beneath.is_in_place(directory) || is_moved_away(number, directory)) continue;
       return {Code::changed_meanwhile, 0, beneath.shown(directory),
               "the directory was moved away while files in it were restored"};
     }
@@ -289,8 +299,8 @@ Error Exchange::sync() {
     }
     for (const std::string& path : touched_[number]) {
       const Result<int> directory = site.beneath.directory(path);
-      // It is gone with a step that was undone.
-      if (!directory && directory.error().number == ENOENT) continue;
+      // It is gone with a step that was undone, or another kind of file is back in its place.
+      if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR)) continue;
       if (!directory) return directory.error();
       if (fsync(*directory) != 0) return site.beneath.failure(path, errno);
     }

@@ -72,6 +72,7 @@ class Exchange {
   bool is_as_before(const Slot& slot, const std::string& name, const Step& step) const;
   Error changed(const Step& step) const;
   Error foreign_file(const Step& step, const std::string& slot) const;
+  bool is_moved_away(std::size_t root, const std::string& directory) const;
   void sweep_slot(std::size_t number, std::vector<std::string>& left);
   void sweep_numbers(Site& site);
   void touch(const Step& step);
