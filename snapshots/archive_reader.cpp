@@ -17,6 +17,9 @@
 namespace ConfSave::snapshots {
 namespace {
 
+/// Of a user or group in the seven octal digits of a plain header.
+constexpr std::uint32_t kLargestInHeader = 07777777;
+
 /// While it lives, names of this thread are UTF-8: under other locales libarchive refuses names.
 class Utf8Names {
  public:
@@ -188,6 +191,9 @@ class ArchiveReading {
     return text_of(archive_error_string(reader_.get())).find("can't be converted") != std::string::npos;
   }
 
+  /// A larger number is in a record of its own, which counts more for tar than the name.
+  bool is_pax() const { return archive_format(reader_.get()) == ARCHIVE_FORMAT_TAR_PAX_INTERCHANGE; }
+
   Error convert(struct archive_entry* entry) {
     const std::string stored = text_of(archive_entry_pathname(entry));
     current_ = {};
@@ -195,8 +201,12 @@ class ArchiveReading {
     current_.mode = archive_entry_perm(entry);
     current_.uid = static_cast<std::uint32_t>(archive_entry_uid(entry));
     current_.gid = static_cast<std::uint32_t>(archive_entry_gid(entry));
-    current_.user = text_of(archive_entry_uname(entry));
-    current_.group = text_of(archive_entry_gname(entry));
+    if (current_.uid <= kLargestInHeader || !is_pax()) {
+      current_.user = text_of(archive_entry_uname(entry));
+    }
+    if (current_.gid <= kLargestInHeader || !is_pax()) {
+      current_.group = text_of(archive_entry_gname(entry));
+    }
     current_.time = archive_entry_mtime(entry);
     if (const char* link = archive_entry_hardlink(entry); link != nullptr) {
       current_.kind = Kind::hardlink;

@@ -17,7 +17,7 @@ struct Entry {
   std::uint32_t mode = 0;
   std::uint32_t uid = 0;
   std::uint32_t gid = 0;
-  std::string user;  ///< name of the owner; may be empty
+  std::string user;  ///< name of the owner; empty if the number counts
   std::string group;
   int64 size = 0;  ///< bytes of content; 0 unless a file
   int64 time = 0;

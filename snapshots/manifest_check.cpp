@@ -6,6 +6,7 @@
 
 #include "snapshots/archive_path.h"
 #include "snapshots/differences.h"
+#include "snapshots/member_collector.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -37,19 +38,15 @@ std::uint64_t ManifestCheck::mark_of(const std::string& path) {
   return mark;
 }
 
-Error ManifestCheck::complete(Member& link) {
+Error ManifestCheck::complete_link(Member& link) {
   if (const auto wrong = wrong_.find(link.target); wrong != wrong_.end()) {
-    link.size = wrong->second.size;
-    link.sha256 = wrong->second.sha256;
+    complete(link, wrong->second.stored);
     return {};
   }
   // The file is as the manifest has it.
   const Result<std::optional<LiveMember>> file = manifest_.find(link.target);
   if (!file) return file.error();
-  if (*file) {
-    link.size = (*file)->member.size;
-    link.sha256 = (*file)->member.sha256;
-  }
+  if (*file) complete(link, (*file)->member);
   return {};
 }
 
@@ -65,7 +62,7 @@ void ManifestCheck::add(const Member& member) {
   if (error_.code != Code::ok) return;
   seen_.push_back(mark_of(member.path));
   Member stored = member;
-  if (member.kind == Kind::hardlink) error_ = complete(stored);
+  if (member.kind == Kind::hardlink) error_ = complete_link(stored);
   if (error_.code != Code::ok) return;
   const Result<std::optional<LiveMember>> saved = manifest_.find(member.path);
   if (!saved) {
@@ -80,7 +77,7 @@ void ManifestCheck::add(const Member& member) {
   if (text.empty()) {
     wrong_.erase(member.path);
   } else {
-    note(member.path, {std::move(text), stored.size, stored.sha256});
+    note(member.path, {std::move(text), std::move(stored)});
   }
 }
 
@@ -90,7 +87,7 @@ void ManifestCheck::look_for_absent() {
   error_ = manifest_.for_each([this](const LiveMember& saved) {
     const std::string& path = saved.member.path;
     if (std::binary_search(seen_.begin(), seen_.end(), mark_of(path))) return;
-    note(path, {"it was saved, and the archives do not have it", 0, {}});
+    note(path, {"it was saved, and the archives do not have it", {}});
   });
 }
 

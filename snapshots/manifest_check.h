@@ -31,13 +31,11 @@ class ManifestCheck {
  private:
   struct Wrong {
     std::string text;
-    int64 size = 0;
-    Digest sha256{};
+    Member stored;
   };
 
   std::uint64_t mark_of(const std::string& path);
-  /// Gives a hard link the size and digest of its file.
-  Error complete(Member& link);
+  Error complete_link(Member& link);
   void note(const std::string& path, Wrong wrong);
 
   ManifestReader manifest_;

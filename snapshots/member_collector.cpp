@@ -36,11 +36,18 @@ bool Secrets::contains(const std::string& path) const {
          });
 }
 
+void complete(Member& link, const Member& file) {
+  link.mode = file.mode;
+  link.uid = file.uid;
+  link.gid = file.gid;
+  link.time = file.time;
+  link.size = file.size;
+  link.sha256 = file.sha256;
+  link.secret = link.secret || file.secret;
+}
+
 EntryHandler MemberReader::handler() {
-  return {[this](const Entry& entry) {
-            begin(entry);
-            return Error{};
-          },
+  return {[this](const Entry& entry) { return begin(entry); },
           [this](std::string_view piece) {
             sha256_.add(piece.data(), piece.size());
             return Error{};
@@ -48,13 +55,11 @@ EntryHandler MemberReader::handler() {
           [this] { return end(); }};
 }
 
-void MemberReader::begin(const Entry& entry) {
+Error MemberReader::begin(const Entry& entry) {
   current_ = {};
   current_.path = directory_ + entry.path;
   current_.kind = entry.kind;
   current_.mode = entry.mode;
-  current_.uid = entry.uid;
-  current_.gid = entry.gid;
   current_.size = entry.size;
   current_.time = entry.time;
   current_.secret = secrets_.contains(entry.path);
@@ -63,6 +68,20 @@ void MemberReader::begin(const Entry& entry) {
     sha256_.add(entry.target.data(), entry.target.size());
   }
   if (entry.kind == Kind::hardlink) current_.target = directory_ + entry.target;
+  return find_owner(entry);
+}
+
+Error MemberReader::find_owner(const Entry& entry) {
+  current_.uid = entry.uid;
+  current_.gid = entry.gid;
+  if (owned_by_ == OwnedBy::whom_it_was_saved) return {};
+  const Result<std::uint32_t> user = owners_.user(entry.user, entry.uid);
+  if (!user) return user.error();
+  const Result<std::uint32_t> group = owners_.group(entry.group, entry.gid);
+  if (!group) return group.error();
+  current_.uid = *user;
+  current_.gid = *group;
+  return {};
 }
 
 Error MemberReader::end() {
@@ -72,13 +91,8 @@ Error MemberReader::end() {
 }
 
 Error MemberCollector::add(Member member) {
-  if (member.kind == Kind::hardlink) {
-    // The reader has seen to it that the file comes before its links.
-    const Member& file = members_.at(member.target);
-    member.size = file.size;
-    member.sha256 = file.sha256;
-    member.secret = member.secret || file.secret;
-  }
+  // The reader has seen to it that the file comes before its links.
+  if (member.kind == Kind::hardlink) complete(member, members_.at(member.target));
   members_[member.path] = std::move(member);
   return {};
 }

@@ -9,6 +9,7 @@
 #include "contents.h"
 #include "snapshots/archive_reader.h"
 #include "snapshots/digest.h"
+#include "snapshots/owners.h"
 
 namespace ConfSave::snapshots {
 
@@ -27,12 +28,22 @@ class Secrets {
   std::vector<std::string> paths_;
 };
 
+/// Gives a hard link what it has from its file: a restore sets nothing of a link, and the archive has its
+/// content with the file.
+void complete(Member& link, const Member& file);
+
+/// Whose a member is.
+enum class OwnedBy {
+  whom_a_restore_sets,  ///< the user of the stored name, on this machine
+  whom_it_was_saved,    ///< the stored number
+};
+
 /// Turns the entries of an archive into members, with digests of their content, and calls `take` with each.
-/// A hard link has no size and no digest of its own: it has those of the member that `target` names.
+/// A hard link is not complete yet.
 class MemberReader {
  public:
-  MemberReader(Base base, std::function<Error(Member)> take)
-      : directory_(directory_of(base)), secrets_(base), take_(std::move(take)) {}
+  MemberReader(Base base, OwnedBy owned_by, std::function<Error(Member)> take)
+      : directory_(directory_of(base)), secrets_(base), owned_by_(owned_by), take_(std::move(take)) {}
   MemberReader(const MemberReader&) = delete;
   MemberReader& operator=(const MemberReader&) = delete;
 
@@ -40,21 +51,24 @@ class MemberReader {
   EntryHandler handler();
 
  private:
-  void begin(const Entry& entry);
+  Error begin(const Entry& entry);
+  Error find_owner(const Entry& entry);
   Error end();
 
   std::string directory_;
   Secrets secrets_;
+  OwnedBy owned_by_;
+  Owners owners_;
   std::function<Error(Member)> take_;
   Member current_;
   Sha256 sha256_;
 };
 
-/// Gathers the members of an archive; hard links have the size and digest of their files.
+/// Gathers the members of an archive, hard links completed.
 class MemberCollector {
  public:
-  explicit MemberCollector(Base base)
-      : reader_(base, [this](Member member) { return add(std::move(member)); }) {}
+  explicit MemberCollector(Base base, OwnedBy owned_by = OwnedBy::whom_a_restore_sets)
+      : reader_(base, owned_by, [this](Member member) { return add(std::move(member)); }) {}
 
   /// Valid as long as this object.
   EntryHandler handler() { return reader_.handler(); }

@@ -14,7 +14,7 @@ constexpr int kAttempts = 5;
 
 Error decode(const std::vector<char>& archive, Base base, std::map<std::string, Member>& members) {
   MemorySource source({archive.data(), archive.size()});
-  MemberCollector collector(base);
+  MemberCollector collector(base, OwnedBy::whom_it_was_saved);
   Error error = read_archive(source, Limits{}, collector.handler());
   if (error.path.empty()) error.path = directory_of(base);
   if (error.code != Code::ok) return error;

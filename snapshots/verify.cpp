@@ -69,7 +69,8 @@ class Verifying {
   }
 
   Error read_archive_of(OpenRow& row, const Column& column) {
-    MemberReader members(column.base, [this](const Member& member) {
+    // The manifest has the numbers of the save.
+    MemberReader members(column.base, OwnedBy::whom_it_was_saved, [this](const Member& member) {
       if (check_) check_->add(member);
       return Error{};
     });

@@ -16,7 +16,8 @@ class Collecting {
       : base_(base),
         prefix_(directory_of(base).size()),
         destination_(std::move(destination)),
-        reader_(base, [this](Member member) { return add(std::move(member)); }) {}
+        reader_(base, OwnedBy::whom_a_restore_sets,
+                [this](Member member) { return add(std::move(member)); }) {}
 
   EntryHandler handler() { return reader_.handler(); }
 

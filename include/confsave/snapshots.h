@@ -165,7 +165,7 @@ struct Member {
   std::string path;  ///< absolute
   Kind kind = Kind::file;
   std::uint32_t mode = 0;  ///< permission bits, set-uid, set-gid and sticky included
-  std::uint32_t uid = 0;
+  std::uint32_t uid = 0;   ///< of the user of the stored name, if this machine has one; else as stored
   std::uint32_t gid = 0;
   int64 size = 0;       ///< bytes; of a hard link those of its file; 0 for a directory or symbolic link
   int64 time = 0;       ///< of the last modification

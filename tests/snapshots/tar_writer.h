@@ -15,6 +15,8 @@ struct TarMember {
   std::string content = {};
   std::string link = {};
   unsigned mode = 0644;
+  std::string user = {};
+  std::size_t time = 1488377100;
 };
 
 /// The header and the padded content of a member.
@@ -33,11 +35,12 @@ inline std::string tar_member(const TarMember& member) {
   put(108, 8, octal(0, 7));
   put(116, 8, octal(0, 7));
   put(124, 12, octal(member.content.size(), 11));
-  put(136, 12, octal(1488377100, 11));
+  put(136, 12, octal(member.time, 11));
   put(148, 8, "        ");
   header[156] = member.type;
   put(157, 100, member.link);
   put(257, 8, std::string("ustar\00000", 8));
+  put(265, 32, member.user);
   std::size_t sum = 0;
   for (const char byte : header) sum += static_cast<unsigned char>(byte);
   put(148, 8, octal(sum, 6) + std::string("\0 ", 2));
