@@ -63,29 +63,6 @@ bool is_number(const std::string& name) {
 
 }  // namespace
 
-Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_only) {
-  std::vector<Site> sites;
-  for (const Root& root : roots) {
-    const auto unknown = [&root](int number, const std::string& why) {
-      return Error{Code::needs_attention, number, printable(root.path),
-                   why + "; is its file system mounted? Then run 'confsave recover'"};
-    };
-    Result<Beneath> beneath = Beneath::open(root.path);
-    const bool is_known = beneath && beneath->status().st_ino == root.inode;
-    if (!is_known && sweep_only) {
-      sites.emplace_back();
-      continue;
-    }
-    if (!beneath) return unknown(beneath.error().number, beneath.error().text);
-    if (!is_known) return unknown(0, "this is not the directory that was restored into");
-    Site site{std::move(*beneath), root.staging, Descriptor()};
-    site.staging = Descriptor(openat(site.beneath.root(), site.name.c_str(), kDirectory));
-    if (!site.staging && errno != ENOENT) return site.beneath.failure(site.name, errno);
-    sites.push_back(std::move(site));
-  }
-  return sites;
-}
-
 Exchange::Slot Exchange::slot_of(std::size_t number) const {
   const std::string name = std::to_string(number);
   return {sites_[steps_[number].root].staging.get(), name, name + ".old", name + ".new"};
@@ -290,17 +267,18 @@ Error Exchange::check_directories() const {
 }
 
 Error Exchange::sync() {
-  for (std::size_t number = 0; number < touched_.size(); ++number) {
-    if (touched_[number].empty()) continue;
-    Site& site = sites_[number];
-    if (touched_[number].size() > kSyncsOneByOne) {
+  for (std::size_t root = 0; root < touched_.size(); ++root) {
+    if (touched_[root].empty()) continue;
+    Site& site = sites_[root];
+    if (touched_[root].size() > kSyncsOneByOne) {
       if (syncfs(site.beneath.root()) != 0) return site.beneath.failure("", errno);
       continue;
     }
-    for (const std::string& path : touched_[number]) {
+    for (const std::string& path : touched_[root]) {
       const Result<int> directory = site.beneath.directory(path);
       // It is gone with a step that was undone, or another kind of file is back in its place.
-      if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR)) continue;
+      if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR))
+        continue;
       if (!directory) return directory.error();
       if (fsync(*directory) != 0) return site.beneath.failure(path, errno);
     }

@@ -4,21 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "snapshots/beneath.h"
-#include "snapshots/journal.h"
+#include "snapshots/site.h"
 
 namespace ConfSave::snapshots {
-
-/// A directory that is restored into, with its staging directory, if that exists.
-struct Site {
-  Beneath beneath;
-  std::string name;  ///< of the staging directory
-  Descriptor staging;
-};
-
-/// Opens the directories of a record. Code::needs_attention if one is not the one that it was: another file
-/// system may be mounted there, or none. To `sweep_only`, such a directory has nothing to sweep.
-Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_only = false);
 
 /// What to do about a file that is neither the one of before nor the staged one.
 enum class Foreign {

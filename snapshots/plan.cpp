@@ -63,6 +63,7 @@ class Planning {
     if (error.code == Code::ok) error = remove_database();
     if (error.code != Code::ok) return error;
     for (const auto& [path, wanted] : plan_.wanted) compare(path, wanted);
+    compare_links();
     consider_the_rest();
     for (auto& [path, change] : changes_) plan_.shown.changes.push_back(std::move(change));
     write_steps(plan_);
@@ -230,6 +231,24 @@ class Planning {
       if (now.kind == Kind::directory && wanted.member.kind != Kind::directory) remove_below(path);
     }
     changes_[path] = std::move(change);
+  }
+
+  /// Names of one file have one inode, and names of different files do not.
+  void compare_links() {
+    std::map<std::pair<Base, int64>, std::uint64_t> inodes;
+    std::map<std::uint64_t, std::pair<Base, int64>> files;
+    for (const auto& [path, wanted] : plan_.wanted) {
+      if (wanted.member.kind != Kind::file || changes_.count(path) != 0) continue;
+      const std::uint64_t inode = plan_.live.at(path).stamp.inode;
+      const std::pair<Base, int64> file(wanted.base, wanted.entry);
+      const bool is_linked = inodes.emplace(file, inode).first->second == inode &&
+                             files.emplace(inode, file).first->second == file;
+      if (is_linked) continue;
+      PlannedChange& change = changes_[path];
+      change.difference.path = path;
+      change.difference.content = true;
+      change.difference.secret = wanted.member.secret;
+    }
   }
 
   void remove_below(const std::string& path) {

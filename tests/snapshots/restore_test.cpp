@@ -111,4 +111,31 @@ TEST_F(RestoreTest, KeepsThePresentConfiguration) {
   EXPECT_EQ(result->kept, "weekly");
 }
 
+TEST_F(RestoreTest, NamesOfOneFileAreLinkedAgain) {
+  shell("ln -f " + config("gw1.conf") + " " + config("gw2.conf"));
+  saved("linked");
+  shell("cd " + config_dir() + " && cp -p gw1.conf x && mv x gw2.conf");
+  ASSERT_FALSE(std::filesystem::equivalent(config("gw1.conf"), config("gw2.conf")));
+  ASSERT_TRUE(cs::restore({"linked"}, without_keeping()));
+  EXPECT_TRUE(std::filesystem::equivalent(config("gw1.conf"), config("gw2.conf")));
+  ASSERT_TRUE(cs::restore({"weekly"}, without_keeping()));
+  EXPECT_FALSE(std::filesystem::equivalent(config("gw1.conf"), config("gw2.conf")));
+  EXPECT_EQ(everything(), saved_);
+}
+
+TEST_F(RestoreTest, KindsOfFileTakeEachOthersPlaces) {
+  shell("cd " + config_dir() +
+        " && rm station hub/key gw2.conf && mkdir station hub/key && touch station/x" +
+        " && ln -s gw1.conf gw2.conf && rm -r hub/out && ln -s /nowhere hub/out");
+  saved("other");
+  const auto other = everything();
+  EXPECT_EQ(planned(exactly()),
+            (Texts{"cp..t <config>/gw2.conf", "cp..t <config>/hub/key", "cp..t <config>/hub/out",
+                   "cp..t <config>/station", "-.... <config>/station/x"}));
+  restored(exactly());
+  EXPECT_EQ(everything(), saved_);
+  ASSERT_TRUE(cs::restore({"other"}, without_keeping()));
+  EXPECT_EQ(everything(), other);
+}
+
 }  // namespace

@@ -1,0 +1,35 @@
+#include "snapshots/site.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "snapshots/archive_path.h"
+
+namespace ConfSave::snapshots {
+
+Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_only) {
+  std::vector<Site> sites;
+  for (const Root& root : roots) {
+    const auto unknown = [&root](int number, const std::string& why) {
+      return Error{Code::needs_attention, number, printable(root.path),
+                   why + "; is its file system mounted? Then run 'confsave recover'"};
+    };
+    Result<Beneath> beneath = Beneath::open(root.path);
+    const bool is_known = beneath && beneath->status().st_ino == root.inode;
+    if (!is_known && sweep_only) {
+      sites.emplace_back();
+      continue;
+    }
+    if (!beneath) return unknown(beneath.error().number, beneath.error().text);
+    if (!is_known) return unknown(0, "this is not the directory that was restored into");
+    Site site{std::move(*beneath), root.staging, Descriptor()};
+    site.staging = Descriptor(
+        openat(site.beneath.root(), site.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!site.staging && errno != ENOENT) return site.beneath.failure(site.name, errno);
+    sites.push_back(std::move(site));
+  }
+  return sites;
+}
+
+}  // namespace ConfSave::snapshots
