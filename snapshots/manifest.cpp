@@ -13,6 +13,10 @@ const char* const kManifestTables =
     "create table missing (manifest integer not null, path text not null, "
     "primary key (manifest, path)) without rowid; ";
 
+const char* const kParentTable =
+    "create table parent (manifest integer not null, path text not null, mode integer not null, "
+    "uid integer not null, gid integer not null, primary key (manifest, path)) without rowid; ";
+
 namespace {
 
 Error write_members(Database& notes, int64 id, const std::map<std::string, LiveMember>& members) {
@@ -37,6 +41,17 @@ Error write_missing(Database& notes, int64 id, const std::vector<std::string>& m
   if (!insert) return insert.error();
   for (const std::string& path : missing) {
     if (!insert->bind(id).bind(path).run()) return notes.error();
+  }
+  return {};
+}
+
+Error write_parents(Database& notes, int64 id, const Parents& parents) {
+  Result<Statement> insert =
+      notes.prepare("insert into parent (manifest, path, mode, uid, gid) values (?,?,?,?,?)");
+  if (!insert) return insert.error();
+  for (const auto& [path, parent] : parents) {
+    insert->bind(id).bind(path).bind(int64{parent.mode}).bind(int64{parent.uid}).bind(int64{parent.gid});
+    if (!insert->run()) return notes.error();
   }
   return {};
 }
@@ -83,6 +98,7 @@ Error write_manifest(Database& notes, const Snapshot& snapshot, const Manifest& 
   if (!insert->run()) return notes.error();
   Error error = write_members(notes, snapshot.id, manifest.tree.members);
   if (error.code == Code::ok) error = write_missing(notes, snapshot.id, manifest.missing);
+  if (error.code == Code::ok) error = write_parents(notes, snapshot.id, manifest.parents);
   return error;
 }
 
@@ -142,9 +158,24 @@ Result<std::vector<std::string>> ManifestReader::missing() {
   return paths;
 }
 
+Result<Parents> ManifestReader::parents() {
+  Parents parents;
+  Result<Statement> rows = notes_->prepare("select path, mode, uid, gid from parent where manifest = ?");
+  if (!rows) return rows.error();
+  rows->bind(id_);
+  for (int code = rows->step(); code != SQLITE_DONE; code = rows->step()) {
+    if (code != SQLITE_ROW) return notes_->error();
+    parents[rows->text(0)] = {static_cast<std::uint32_t>(rows->number(1)) & 07777U,
+                              static_cast<std::uint32_t>(rows->number(2)),
+                              static_cast<std::uint32_t>(rows->number(3))};
+  }
+  return parents;
+}
+
 Error delete_manifest(Database& notes, int64 id) {
-  for (const char* text : {"delete from manifest where id = ?", "delete from member where manifest = ?",
-                           "delete from missing where manifest = ?"}) {
+  for (const char* text :
+       {"delete from manifest where id = ?", "delete from member where manifest = ?",
+        "delete from missing where manifest = ?", "delete from parent where manifest = ?"}) {
     Result<Statement> statement = notes.prepare(text);
     if (!statement) return statement.error();
     if (!statement->bind(id).run()) return notes.error();

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "snapshots/database.h"
+#include "snapshots/parents.h"
 #include "snapshots/tree.h"
 
 namespace ConfSave::snapshots {
@@ -14,10 +15,13 @@ namespace ConfSave::snapshots {
 struct Manifest {
   Tree tree;
   std::vector<std::string> missing;  ///< absolute paths that were expected and are not in the archives
+  Parents parents = {};              ///< none in a manifest that an older version wrote
 };
 
-/// The tables of the manifests. A manifest that lacks one of its rows does not count.
+/// The tables of the manifests, and the one that later came to them. A manifest that lacks one of its
+/// members does not count.
 extern const char* const kManifestTables;
+extern const char* const kParentTable;
 
 /// Replaces the manifest of `snapshot`. The caller has begun a transaction.
 Error write_manifest(Database& notes, const Snapshot& snapshot, const Manifest& manifest);
@@ -34,6 +38,7 @@ class ManifestReader {
   /// In the order of paths.
   Error for_each(const std::function<void(LiveMember)>& take);
   Result<std::vector<std::string>> missing();
+  Result<Parents> parents();
 
  private:
   ManifestReader(Database& notes, int64 id, int64 moment, Statement find)

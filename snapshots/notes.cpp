@@ -9,12 +9,13 @@ namespace ConfSave::snapshots {
 namespace {
 
 /// The version of the tables, as "pragma user_version" has it.
-constexpr int64 kLayout = 1;
+constexpr int64 kLayout = 2;
+/// The first one with parents of members.
+constexpr int64 kParentLayout = 2;
 
 constexpr const char* kNoteTable =
     "create table note (id integer primary key, saved integer not null, keybase integer not null, "
-    "etc integer not null, comment text not null, author text not null, pinned integer not null); "
-    "pragma user_version = 1; ";
+    "etc integer not null, comment text not null, author text not null, pinned integer not null); ";
 
 std::string notes_file() { return state_directory() + "/notes.db"; }
 
@@ -31,6 +32,7 @@ Result<std::optional<Notes>> Notes::open(std::chrono::milliseconds wait) {
   if (!found) return found.error();
   // The file is there before its tables.
   if (*found == 0) return std::optional<Notes>();
+  notes.has_parents_ = *found >= kParentLayout;
   return std::optional<Notes>(std::move(notes));
 }
 
@@ -56,15 +58,21 @@ Result<int64> Notes::layout() {
 Error Notes::prepare_tables() {
   const Result<int64> found = layout();
   if (!found) return found.error();
-  return *found == kLayout ? check() : in_transaction([this] { return make_tables(); });
+  if (*found != 0) {
+    if (Error error = check(); error.code != Code::ok) return error;
+  }
+  return *found == kLayout ? Error{} : in_transaction([this] { return make_tables(); });
 }
 
 /// Another process may have made them by now.
 Error Notes::make_tables() {
   const Result<int64> found = layout();
   if (!found) return found.error();
-  if (*found == kLayout) return {};
-  return database_.run((std::string(kManifestTables) + kNoteTable).c_str());
+  std::string text;
+  if (*found == 0) text = std::string(kManifestTables) + kNoteTable;
+  if (*found < kParentLayout) text += kParentTable;
+  text += "pragma user_version = " + std::to_string(kLayout);
+  return *found == kLayout ? Error{} : database_.run(text.c_str());
 }
 
 Error Notes::damaged(int number, const std::string& how) const {
@@ -142,6 +150,10 @@ Result<std::optional<Manifest>> Notes::manifest(const Snapshot& snapshot) {
   Result<std::vector<std::string>> missing = (*reader)->missing();
   if (!missing) return missing.error();
   manifest.missing = std::move(*missing);
+  if (!has_parents_) return std::optional<Manifest>(std::move(manifest));
+  Result<Parents> parents = (*reader)->parents();
+  if (!parents) return parents.error();
+  manifest.parents = std::move(*parents);
   return std::optional<Manifest>(std::move(manifest));
 }
 
@@ -153,7 +165,10 @@ Result<std::optional<ManifestReader>> Notes::open_manifest(const Snapshot& snaps
 }
 
 Error Notes::forget(int64 id) {
-  return in_transaction([&] { return remove(id); });
+  return in_transaction([&] {
+    const Error error = make_tables();
+    return error.code == Code::ok ? remove(id) : error;
+  });
 }
 
 Error Notes::remove(int64 id) {

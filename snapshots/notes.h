@@ -54,7 +54,8 @@ class Notes {
  private:
   explicit Notes(Database database) : database_(std::move(database)) {}
 
-  /// Makes the tables in an empty file; refuses those of a newer version.
+  /// Makes the tables in an empty file, and those that an older version did not make; refuses those of a
+  /// newer version.
   Error prepare_tables();
   Error make_tables();
   Result<int64> layout();
@@ -69,6 +70,7 @@ class Notes {
   Error in_transaction(const std::function<Error()>& change);
 
   Database database_;
+  bool has_parents_ = true;
 };
 
 }  // namespace ConfSave::snapshots

@@ -150,7 +150,8 @@ class Saving {
   /// The row is stored: from here on a failure is a warning.
   void keep_notes(Proven& proven) {
     Note note{options_.comment, author_, old_ && old_->pinned && old_->id == replaced_id_};
-    const Error error = write_notes(note, {std::move(proven.tree), saved_.missing});
+    Parents parents = parents_of(proven.tree);
+    const Error error = write_notes(note, {std::move(proven.tree), saved_.missing, std::move(parents)});
     if (error.code != Code::ok) {
       saved_.warnings.push_back("the comment, the author and the list of files were not kept: " +
                                 sentence(error));

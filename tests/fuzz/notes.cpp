@@ -20,7 +20,7 @@ const std::string& whole() {
     auto live = read_tree(ConfSave::conf_full);
     auto file = Notes::open_to_write(std::chrono::milliseconds(1000));
     fuzz::demand(weekly && live && file);
-    const Manifest manifest{std::move(*live), {"/missing"}};
+    const Manifest manifest{std::move(*live), {"/missing"}, {{"/parent", {0755, 0, 0}}}};
     fuzz::demand(file->replace_manifest(*weekly, {"before", "me", false}, manifest).code == Code::ok);
     fuzz::demand(pin({"other"}, true).code == Code::ok);
     return fuzz::read(notes_file());

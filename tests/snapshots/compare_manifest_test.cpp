@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "confsave/snapshots.h"
-#include "snapshots/notes.h"
+#include "snapshots/manifests.h"
 #include "support/gateway.h"
 
 namespace {
@@ -31,13 +31,7 @@ class CompareManifest : public Gateway {
   /// Saves the present files as "weekly", with a manifest.
   void save() {
     ASSERT_TRUE(ConfSave::save("weekly", ConfSave::conf_full, 0, true));
-    Query query;
-    query.pattern = "weekly";
-    auto notes = Notes::open_to_write(milliseconds(1000));
-    ASSERT_TRUE(notes);
-    const auto tree = read_tree(ConfSave::conf_full);
-    ASSERT_TRUE(tree);
-    ASSERT_EQ(notes->replace_manifest(*find(query), {}, {*tree, {}}).code, Code::ok);
+    write_manifest();
   }
 
   void in_notes(const std::string& sql) { test::Database(state_dir() + "/notes.db").run(sql); }
@@ -135,7 +129,7 @@ TEST_F(CompareManifest, AClockThatWentBackProvesNothing) {
 TEST_F(CompareManifest, WithoutAWholeManifestTheArchivesAreRead) {
   for (const char* sql :
        {"delete from member where path like '%gw1.conf'", "update manifest set etc = 1",
-        "update manifest set members = -1", "drop table member", "pragma user_version = 2"}) {
+        "update manifest set members = -1", "drop table member", "pragma user_version = 3"}) {
     shell("rm -f " + state_dir() + "/notes.db");
     save();
     write_file(config("gw1.conf"), sql);

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "snapshots/notes.h"
 #include "support/gateway.h"
 
@@ -31,6 +33,10 @@ Texts shown(const Manifest& manifest) {
   Texts result{std::to_string(manifest.tree.moment)};
   for (const auto& [path, live] : manifest.tree.members) result.push_back(path + ": " + shown(live));
   for (const std::string& path : manifest.missing) result.push_back("missing " + path);
+  for (const auto& [path, parent] : manifest.parents) {
+    result.push_back("parent " + path + " " + std::to_string(parent.mode) + " " +
+                     std::to_string(parent.uid) + ":" + std::to_string(parent.gid));
+  }
   return result;
 }
 
@@ -44,6 +50,7 @@ class ManifestTest : public Gateway {
     EXPECT_TRUE(ConfSave::save("daily", ConfSave::conf_full, 0, true));
   }
 
+  std::string config(const std::string& name) const { return config_dir() + name; }
   std::string notes_file() const { return state_dir() + "/notes.db"; }
 
   static Snapshot row(const std::string& name = "weekly") {
@@ -52,7 +59,21 @@ class ManifestTest : public Gateway {
     return *find(query);
   }
 
-  static Manifest present() { return {*read_tree(ConfSave::conf_full), {"/mnt/b", "/mnt/a"}}; }
+  static Manifest present() {
+    Tree tree = *read_tree(ConfSave::conf_full);
+    Parents parents = parents_of(tree);
+    return {std::move(tree), {"/mnt/b", "/mnt/a"}, std::move(parents)};
+  }
+
+  void in_notes(const std::string& sql) const { test::Database(notes_file()).run(sql); }
+
+  /// What an older version wrote.
+  void go_back_to_the_first_layout() const {
+    in_notes("drop table parent");
+    in_notes("pragma user_version = 1");
+  }
+
+  std::string layout() const { return test::Database(notes_file()).value("pragma user_version"); }
 
   static Notes writable() { return std::move(*Notes::open_to_write(milliseconds(1000))); }
 
@@ -121,6 +142,71 @@ TEST_F(ManifestTest, IsForgottenWithItsNote) {
   }
   EXPECT_EQ(test::Database(notes_file()).value("select count(distinct manifest) from member"), "1");
   EXPECT_EQ(test::Database(notes_file()).value("select count(distinct manifest) from missing"), "1");
+  EXPECT_EQ(test::Database(notes_file()).value("select count(distinct manifest) from parent"), "1");
+}
+
+TEST_F(ManifestTest, HasTheDirectoriesThatAreNoMembers) {
+  ASSERT_EQ(shell("cd " + config_dir() + " && chmod 3751 user && chown 7:8 user && chmod 700 hub/d"), 0);
+  EXPECT_TRUE(save({"typed"}));
+  const Parents parents = stored("typed")->parents;
+  Texts paths;
+  for (const auto& [path, parent] : parents) {
+    EXPECT_EQ(stored("typed")->tree.members.count(path), 0U) << path;
+    paths.push_back(path.substr(config_dir().size()));
+  }
+  EXPECT_EQ(paths, (Texts{"hub", "user"}));
+  const Parent& user = parents.at(config("user"));
+  EXPECT_EQ(user.mode, 03751U);
+  EXPECT_EQ(user.uid, 7U);
+  EXPECT_EQ(user.gid, 8U);
+}
+
+TEST_F(ManifestTest, NotesOfTheFirstLayoutAreReadAsTheyAre) {
+  EXPECT_EQ(writable().replace_manifest(row(), {"x", "", true}, present()).code, Code::ok);
+  Manifest expected = *stored();
+  expected.parents.clear();
+  go_back_to_the_first_layout();
+  const std::string before = read_file(notes_file());
+  EXPECT_EQ(shown(*stored()), shown(expected));
+  EXPECT_EQ(row().comment, "x");
+  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::intact);
+  EXPECT_TRUE(compare({"weekly"}, Live()));
+  EXPECT_TRUE(read_file(notes_file()) == before);
+}
+
+TEST_F(ManifestTest, WhoWritesBringsTheFirstLayoutUpToDate) {
+  const struct {
+    const char* what;
+    std::function<Error()> change;
+  } cases[] = {
+      {"note", [] { return note({"weekly"}, "x"); }},
+      {"remove", [] { return ConfSave::snapshots::remove({"daily"}); }},
+      {"save",
+       [] {
+         const auto saved = save({"typed"});
+         return saved && saved->warnings.empty() ? Error{} : Error{Code::failed, 0, "", ""};
+       }},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(writable().replace_manifest(row(), {"x", "", false}, present()).code, Code::ok);
+    Manifest expected = *stored();
+    expected.parents.clear();
+    go_back_to_the_first_layout();
+    EXPECT_EQ(c.change().code, Code::ok) << c.what;
+    EXPECT_EQ(layout(), "2") << c.what;
+    EXPECT_EQ(shown(*stored()), shown(expected)) << c.what;
+    EXPECT_EQ(writable().replace_manifest(row(), {"x", "", false}, present()).code, Code::ok);
+    EXPECT_FALSE(stored()->parents.empty()) << c.what;
+  }
+}
+
+TEST_F(ManifestTest, AnUpdateThatFailsChangesNothing) {
+  EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
+  go_back_to_the_first_layout();
+  in_notes("create table parent (path)");
+  EXPECT_NE(note({"weekly"}, "y").code, Code::ok);
+  EXPECT_EQ(layout(), "1");
+  EXPECT_EQ(row().comment, "x");
 }
 
 TEST_F(ManifestTest, NoteAndManifestAreWrittenTogetherOrNotAtAll) {

@@ -106,7 +106,7 @@ TEST_F(NotesTest, NotesThatCannotBeReadHideNoSnapshot) {
     EXPECT_EQ(note({"weekly"}, "y").code, c.code) << c.content.size();
   }
   EXPECT_EQ(notes(), (Texts{"weekly: y", "daily: "}));
-  Database(notes_file()).run("pragma user_version = 2");
+  Database(notes_file()).run("pragma user_version = 3");
   EXPECT_EQ(notes(), (Texts{"weekly: ", "daily: "}));
   EXPECT_EQ(note({"weekly"}, "z").code, Code::newer);
   EXPECT_EQ(Database(notes_file()).value("select comment from note"), "y");
