@@ -8,24 +8,15 @@
 namespace ConfSave::snapshots {
 namespace {
 
-/// Without notes that can be read, a snapshot has no manifest.
-std::optional<Tree> find_manifest(const Snapshot& snapshot, const Deadline& deadline) {
-  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
-  if (!notes || !*notes) return {};
-  Result<std::optional<Manifest>> found = (*notes)->manifest(snapshot);
-  if (!found || !*found) return {};
-  return std::move((*found)->tree);
-}
-
 Result<Differences> compare_with_live(const Id& older, const ReadOptions& options) {
   const Deadline deadline(options.wait);
   Result<OpenRow> row = open_row(older, deadline);
   if (!row) return row.error();
   const conftype type = row->snapshot.config.type;
-  if (const std::optional<Tree> saved = find_manifest(row->snapshot, deadline)) {
-    const Result<Tree> live = read_tree_since(*saved, type);
+  if (const std::optional<Manifest> saved = find_manifest(row->snapshot, deadline)) {
+    const Result<Tree> live = read_tree_since(saved->tree, type);
     if (!live) return live.error();
-    return differences(saved->members, live->members);
+    return differences(saved->tree.members, live->members);
   }
   const Result<std::map<std::string, Member>> stored = read_contents(*row);
   if (!stored) return stored.error();

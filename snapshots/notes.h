@@ -6,6 +6,7 @@
 #include <string>
 
 #include "snapshots/database.h"
+#include "snapshots/deadline.h"
 #include "snapshots/manifest.h"
 
 namespace ConfSave::snapshots {
@@ -72,5 +73,8 @@ class Notes {
   Database database_;
   bool has_parents_ = true;
 };
+
+/// The manifest of `snapshot`; no value without notes that can be read.
+std::optional<Manifest> find_manifest(const Snapshot& snapshot, const Deadline& deadline);
 
 }  // namespace ConfSave::snapshots

@@ -12,6 +12,7 @@
 #include "snapshots/beneath.h"
 #include "snapshots/boundary.h"
 #include "snapshots/differences.h"
+#include "snapshots/member_collector.h"
 #include "snapshots/notes.h"
 #include "snapshots/recover.h"
 
@@ -33,15 +34,6 @@ template <class Value>
 bool has_below(const std::map<std::string, Value>& map, const std::string& path) {
   const auto next = map.lower_bound(path + "/");
   return next != map.end() && begins_with(next->first, path + "/");
-}
-
-/// Without a manifest that can be read, every file is read.
-std::optional<Tree> find_manifest(const Snapshot& snapshot, const Deadline& deadline) {
-  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
-  if (!notes || !*notes) return {};
-  Result<std::optional<Manifest>> found = (*notes)->manifest(snapshot);
-  if (!found || !*found) return {};
-  return std::move((*found)->tree);
 }
 
 class Planning {
@@ -75,9 +67,11 @@ class Planning {
     Result<std::map<std::string, Wanted>> wanted = read_wanted(row_, destinations_, progress());
     if (!wanted) return wanted.error();
     plan_.wanted = std::move(*wanted);
-    const std::optional<Tree> saved =
-        options_.target.empty() ? find_manifest(row_.snapshot, deadline_) : std::nullopt;
-    Result<Tree> live = read_parts(parts(), saved ? &*saved : nullptr);
+    // Without a manifest, every file is read.
+    const std::optional<Manifest> saved = find_manifest(row_.snapshot, deadline_);
+    if (saved) parents_ = saved->parents;
+    const bool knows_files = saved && options_.target.empty();
+    Result<Tree> live = read_parts(parts(), knows_files ? &saved->tree : nullptr);
     if (!live) return live.error();
     plan_.live = std::move(live->members);
     return {};
@@ -173,9 +167,11 @@ class Planning {
     wanted.base = base;
     wanted.member.path = path;
     wanted.member.kind = Kind::directory;
-    wanted.member.mode = S_IRWXU;
-    wanted.member.uid = geteuid();
-    wanted.member.gid = getegid();
+    const auto parent = parents_.find(directory_of(base) + path.substr(destinations_.of(base).size()));
+    const bool is_known = parent != parents_.end();
+    wanted.member.mode = is_known ? parent->second.mode : S_IRWXU;
+    wanted.member.uid = is_known ? parent->second.uid : geteuid();
+    wanted.member.gid = is_known ? parent->second.gid : getegid();
     return wanted;
   }
 
@@ -292,6 +288,7 @@ class Planning {
   bool owners_count_;
   DetailedPlan plan_;
   std::map<Base, std::vector<std::string>> contents_;  ///< relative, by base
+  Parents parents_;
   std::map<std::string, PlannedChange> changes_;
   std::set<std::string> removed_;
   std::set<std::string> seen_;  ///< directories that were considered as parents

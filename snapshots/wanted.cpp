@@ -1,6 +1,8 @@
 #include "snapshots/wanted.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 #include <unordered_map>
 
 #include "places.h"
@@ -60,7 +62,10 @@ std::string with_slash(std::string directory) {
 
 Destinations Destinations::of(const std::string& target) {
   if (target.empty()) return {config_directory(), kFailoverDirectory};
-  return {with_slash(target), with_slash(target)};
+  std::error_code none;
+  const std::filesystem::path path = std::filesystem::absolute(target, none);
+  const std::string directory = with_slash(none ? target : path.string());
+  return {directory, directory};
 }
 
 bool is_of_packet_filter(const std::string& path) {
