@@ -1,0 +1,165 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "snapshots/journal.h"
+#include "snapshots/restoring.h"
+
+namespace {
+
+using namespace test;
+using cs::Code;
+using cs::Recovery;
+using cs::State;
+
+class RecoverTest : public Restoring {
+ protected:
+  /// A restore whose process dies after it has exchanged all files, and has written that state.
+  void interrupt(State state) {
+    write_file(config("user/gateway.conf"), "damaged\n");
+    shell("rm " + config("gw1.conf") + " && touch " + config("gw9.conf"));
+    before_ = everything(true);
+    const pid_t child = fork();
+    if (child == 0) {
+      cs::RestoreOptions options = exactly();
+      options.keep = false;
+      options.check = []() -> bool { _exit(0); };
+      static_cast<void>(cs::restore({"weekly"}, options));
+      _exit(1);
+    }
+    int status = 1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
+    ASSERT_EQ(everything(), saved_);
+    Database(journal()).run("update restore set state = " + std::to_string(static_cast<int>(state)));
+  }
+
+  std::string journal() const { return state_dir() + "/restore.db"; }
+
+  Recovery recovered() const {
+    const auto result = cs::recover();
+    EXPECT_TRUE(result) << shown(result ? cs::Error{} : result.error());
+    return result ? *result : Recovery{};
+  }
+
+  cs::Error not_recovered() const {
+    const auto result = cs::recover();
+    return result ? cs::Error{} : result.error();
+  }
+
+  void expect_undone() {
+    EXPECT_EQ(everything(true), before_);
+    EXPECT_EQ(query("select load_time from Config where name = 'weekly'")[0][0], "NULL");
+    EXPECT_EQ(recovered().outcome, Recovery::Outcome::nothing);
+  }
+
+  std::map<std::string, std::string> before_;
+};
+
+TEST_F(RecoverTest, WithoutARestoreThereIsNothingToDo) {
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::nothing);
+  EXPECT_FALSE(exists(journal()));
+}
+
+TEST_F(RecoverTest, BeforeThePointOfNoReturnTheVeryFilesComeBack) {
+  interrupt(State::prepared);
+  const auto found = cs::unfinished();
+  ASSERT_TRUE(found && *found);
+  EXPECT_EQ((*found)->name, "weekly");
+  EXPECT_FALSE((*found)->is_pending);
+  EXPECT_EQ(cs::plan({"weekly"}).error().code, Code::needs_attention);
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
+TEST_F(RecoverTest, AfterItTheRestoreIsFinished) {
+  interrupt(State::exchanged);
+  const Recovery recovery = recovered();
+  EXPECT_EQ(recovery.outcome, Recovery::Outcome::finished);
+  EXPECT_EQ(recovery.name, "weekly");
+  EXPECT_EQ(everything(), saved_);
+  EXPECT_EQ(query("select load_time from Config where name = 'weekly'")[0][0], "<now>");
+}
+
+TEST_F(RecoverTest, ACheckWhoseProcessDiedHasFailed) {
+  interrupt(State::pending);
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
+TEST_F(RecoverTest, TheNextRestoreRecoversFirst) {
+  interrupt(State::prepared);
+  const auto result = cs::restore({"weekly"}, without_keeping());
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_EQ(lines(result->plan), (Texts{"+.... <config>/gw1.conf", "c...t <config>/user/gateway.conf"}));
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::nothing);
+  shell("rm " + config("gw9.conf"));
+}
+
+TEST_F(RecoverTest, AFileOfSomebodyElseIsLeftAloneAndNamed) {
+  interrupt(State::prepared);
+  shell("cd " + config_dir() + " && echo edited > new && mv new user/gateway.conf");
+  const auto error = not_recovered();
+  EXPECT_EQ(error.code, Code::needs_attention);
+  EXPECT_EQ(without_root(error.path), "<config>/user/gateway.conf");
+  EXPECT_EQ(error.aftermath, cs::Aftermath::mixed);
+  EXPECT_EQ(read_file(config("user/gateway.conf")), "edited\n");
+  shell("mv " + config("user/gateway.conf") + " " + root() + "/edited");
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
+TEST_F(RecoverTest, WhatWasEditedDuringACheckIsSetAsideAndNamed) {
+  interrupt(State::pending);
+  shell("cd " + config_dir() + " && echo edited > new && mv new user/gateway.conf");
+  const Recovery recovery = recovered();
+  ASSERT_EQ(recovery.warnings.size(), 1U);
+  const std::string path = recovery.warnings[0].substr(0, recovery.warnings[0].find(": "));
+  EXPECT_EQ(read_file(path), "edited\n");
+  std::filesystem::remove_all(std::filesystem::path(path).parent_path());
+  expect_undone();
+}
+
+TEST_F(RecoverTest, AnotherDirectoryInThePlaceIsNotTouched) {
+  interrupt(State::prepared);
+  shell("mv " + config_dir() + " " + root() + "/away && mkdir " + config_dir());
+  EXPECT_EQ(not_recovered().code, Code::needs_attention);
+  EXPECT_EQ(names_in(config_dir()), Texts());
+  shell("rmdir " + config_dir() + " && mv " + root() + "/away " + config_dir());
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
+TEST_F(RecoverTest, TheStorageIsNotNeeded) {
+  interrupt(State::prepared);
+  shell("mv " + database() + " " + root() + "/away");
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  shell("mv " + root() + "/away " + database());
+  expect_undone();
+}
+
+TEST_F(RecoverTest, ARecordThatCannotBeUnderstoodIsLeftAlone) {
+  interrupt(State::prepared);
+  const auto mixture = everything(true);
+  const std::string good = root() + "/good";
+  shell("cp " + journal() + " " + good);
+  const char* const changes[] = {
+      "sqlite3 restore.db 'pragma user_version = 99'", "sqlite3 restore.db 'update restore set state = 99'",
+      "sqlite3 restore.db 'delete from root'",         "sqlite3 restore.db 'drop table step'",
+      "echo this is no database > restore.db",         "rm restore.db && mkdir restore.db",
+  };
+  for (const char* change : changes) {
+    ASSERT_EQ(shell("cd " + state_dir() + " && " + change), 0) << change;
+    const auto error = not_recovered();
+    EXPECT_EQ(error.code, Code::needs_attention) << change;
+    EXPECT_EQ(error.path, journal()) << change;
+    EXPECT_EQ(refused().code, Code::needs_attention) << change;
+    EXPECT_FALSE(cs::unfinished()) << change;
+    EXPECT_EQ(everything(true), mixture) << change;
+    shell("rm -r " + journal() + " && cp " + good + " " + journal());
+  }
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
+}  // namespace
