@@ -57,6 +57,9 @@ int exchange(int a, const std::string& name, int b, const std::string& other) {
   return renameat2(a, name.c_str(), b, other.c_str(), RENAME_EXCHANGE);
 }
 
+/// Why a directory cannot be deleted that somebody has put something into.
+bool is_occupied(int number) { return number == ENOTEMPTY || number == EEXIST; }
+
 bool is_number(const std::string& name) {
   return !name.empty() && name.find_first_not_of("0123456789") == std::string::npos;
 }
@@ -287,49 +290,78 @@ Error Exchange::sync() {
   return {};
 }
 
-void Exchange::sweep_slot(std::size_t number, std::vector<std::string>& left) {
+bool Exchange::has_undone_step() {
+  for (std::size_t number = 0; number < steps_.size(); ++number) {
+    const Step& step = steps_[number];
+    if (step.what == Step::What::put) {
+      const Slot slot = slot_of(number);
+      for (const std::string& name : {slot.name, slot.aside}) {
+        if (is_same_file(look(slot.staging, name), step.after)) return true;
+      }
+    }
+    if (step.what == Step::What::remove) {
+      const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
+      if (now && *now && is_same_file(identity_of(**now), step.before)) return true;
+    }
+  }
+  return false;
+}
+
+Error Exchange::sweep_slot(std::size_t number, std::vector<std::string>& left) {
   const Step& step = steps_[number];
   const Slot slot = slot_of(number);
   for (const std::string& name : {slot.name, slot.old_name, slot.aside}) {
+    const std::string path = sites_[step.root].name + "/" + name;
     const Identity found = look(slot.staging, name);
-    if (!found.exists()) continue;
+    if (!found.exists() && errno == ENOENT) continue;
+    if (!found.exists()) return sites_[step.root].beneath.failure(path, errno);
     const bool is_known = is_unchanged(found, step.before) || is_unchanged(found, step.after);
     const int flags = S_ISDIR(found.kind) ? AT_REMOVEDIR : 0;
     if (is_known && unlinkat(slot.staging, name.c_str(), flags) == 0) continue;
-    left.push_back(sites_[step.root].beneath.shown(sites_[step.root].name + "/" + name));
+    if (is_known && !is_occupied(errno)) return sites_[step.root].beneath.failure(path, errno);
+    left.push_back(sites_[step.root].beneath.shown(path));
   }
+  return {};
 }
 
 /// Before the steps were written down, all that a staging directory has is staged.
-void Exchange::sweep_numbers(Site& site) {
+Error Exchange::sweep_numbers(Site& site) {
   const Directory directory(fdopendir(openat(site.staging.get(), ".", kDirectory)));
-  if (directory == nullptr) return;
+  if (directory == nullptr) return site.beneath.failure(site.name, errno);
   std::vector<std::string> names;
   while (const dirent* entry = readdir(directory.get())) {
     if (is_number(entry->d_name)) names.emplace_back(entry->d_name);
   }
   for (const std::string& name : names) {
-    if (unlinkat(site.staging.get(), name.c_str(), 0) != 0) {
-      unlinkat(site.staging.get(), name.c_str(), AT_REMOVEDIR);
-    }
+    const int flags = S_ISDIR(look(site.staging.get(), name).kind) ? AT_REMOVEDIR : 0;
+    if (unlinkat(site.staging.get(), name.c_str(), flags) == 0 || is_occupied(errno)) continue;
+    return site.beneath.failure(site.name + "/" + name, errno);
   }
+  return {};
 }
 
-void Exchange::sweep(std::vector<std::string>& left) {
+Error Exchange::sweep(std::vector<std::string>& left) {
+  Error first;
+  const auto note = [&first](Error error) {
+    if (first.code == Code::ok) first = std::move(error);
+  };
   for (std::size_t number = 0; number < steps_.size(); ++number) {
     const Step& step = steps_[number];
-    if (step.what != Step::What::attributes && sites_[step.root].staging) sweep_slot(number, left);
+    if (step.what != Step::What::attributes && sites_[step.root].staging) note(sweep_slot(number, left));
   }
   for (Site& site : sites_) {
     if (!site.staging) continue;
-    if (steps_.empty()) sweep_numbers(site);
+    if (steps_.empty()) note(sweep_numbers(site));
     if (unlinkat(site.beneath.root(), site.name.c_str(), AT_REMOVEDIR) == 0) {
       site.staging = Descriptor();
       fsync(site.beneath.root());
-    } else if (left.empty() && errno != ENOENT) {
+    } else if (errno != ENOENT && !is_occupied(errno)) {
+      note(site.beneath.failure(site.name, errno));
+    } else if (errno != ENOENT && left.empty() && first.code == Code::ok) {
       left.push_back(site.beneath.shown(site.name));
     }
   }
+  return first;
 }
 
 }  // namespace ConfSave::snapshots

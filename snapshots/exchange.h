@@ -36,9 +36,12 @@ class Exchange {
   /// Makes everything that was moved durable.
   Error sync();
 
+  /// Whether the undo of a step shows: then an undo has begun, whatever was recorded.
+  bool has_undone_step();
+
   /// Deletes the staging directories with what steps have left in them. Files that no step knows, or that
-  /// changed since, stay, and their paths go into `left`.
-  void sweep(std::vector<std::string>& left);
+  /// changed since, stay, and their paths go into `left`. The error is about a file that should have gone.
+  Error sweep(std::vector<std::string>& left);
 
  private:
   struct Slot {
@@ -61,8 +64,8 @@ class Exchange {
   Error changed(const Step& step) const;
   Error foreign_file(const Step& step, const std::string& slot) const;
   bool is_moved_away(std::size_t root, const std::string& directory) const;
-  void sweep_slot(std::size_t number, std::vector<std::string>& left);
-  void sweep_numbers(Site& site);
+  Error sweep_slot(std::size_t number, std::vector<std::string>& left);
+  static Error sweep_numbers(Site& site);
   void touch(const Step& step);
 
   std::vector<Site>& sites_;

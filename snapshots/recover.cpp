@@ -6,6 +6,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "places.h"
@@ -43,16 +44,19 @@ class Recovering {
     recovery_.version = record.snapshot.config.vers;
   }
 
-  Result<Recovery> run() {
-    const bool puts_back = record_.state == State::prepared || record_.state == State::pending;
+  /// What could not be finished is a warning for a person, and in `unfinished` for who goes on.
+  Result<Recovery> run(Error& unfinished) {
+    bool puts_back = record_.state == State::prepared || record_.state == State::pending;
     Result<std::vector<Site>> sites = open_sites(record_.roots, !puts_back);
     if (!sites) return sites.error();
+    Exchange exchange(*sites, record_.steps);
+    // A restore that failed to record its end was undone, and may have failed to record that.
+    puts_back = puts_back || (record_.state == State::exchanged && exchange.has_undone_step());
     if (puts_back) return put_back(*sites);
     recovery_.outcome =
         record_.state == State::exchanged ? Recovery::Outcome::finished : Recovery::Outcome::undone;
-    if (record_.state == State::exchanged) stamp();
-    Exchange exchange(*sites, record_.steps);
-    clean_up(journal_, exchange, recovery_.warnings);
+    if (record_.state == State::exchanged) unfinished = stamp();
+    if (unfinished.code == Code::ok) unfinished = clean_up(journal_, exchange, recovery_.warnings);
     return std::move(recovery_);
   }
 
@@ -61,24 +65,24 @@ class Recovering {
     const Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
     // The files can be put back without the storage.
     if (!storage && storage.error().code == Code::busy) return storage.error();
-    std::vector<std::string> left;
     const Foreign foreign = record_.state == State::pending ? Foreign::set_aside : Foreign::leave;
-    Error error = take_back(journal_, record_, sites, foreign, left);
+    Error error = take_back(journal_, record_, sites, foreign, recovery_.warnings);
     if (error.code != Code::ok) return error;
-    warn_of(left, recovery_.warnings);
     recovery_.outcome = Recovery::Outcome::undone;
     return std::move(recovery_);
   }
 
-  /// The snapshot may be gone by now.
-  void stamp() {
-    if (record_.load_time == 0) return;
+  /// The snapshot, or all of the storage, may be gone by now.
+  Error stamp() {
+    if (record_.load_time == 0) return {};
     Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
     Error error = storage ? storage->stamp(record_.snapshot, record_.load_time) : storage.error();
     if (error.code == Code::ok) error = storage->commit();
-    if (error.code == Code::ok) return;
+    if (error.code == Code::ok) return {};
     recovery_.warnings.push_back("the load time of " + quoted(record_.snapshot) +
                                  " is not stored: " + error.text);
+    const bool is_gone = error.code == Code::changed_meanwhile || error.code == Code::no_storage;
+    return is_gone ? Error{} : error;
   }
 
   Journal& journal_;
@@ -87,7 +91,7 @@ class Recovering {
   Recovery recovery_;
 };
 
-Result<Recovery> recover_under_lock(const Deadline& deadline) {
+Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished) {
   // Most of the time there is nothing to recover, and nothing is to be made then.
   Result<std::optional<Journal>> found = Journal::open(deadline.left());
   if (!found) return found.error();
@@ -104,14 +108,15 @@ Result<Recovery> recover_under_lock(const Deadline& deadline) {
   }
   Result<Journal> journal = Journal::open_to_write(deadline.left());
   if (!journal) return journal.error();
-  return Recovering(*journal, **record, deadline).run();
+  return Recovering(*journal, **record, deadline).run(unfinished);
 }
 
 Result<Recovery> lock_and_recover(const ChangeOptions& options) {
   const Deadline deadline(options.wait);
   const Result<Lock> lock = Lock::take("a recovery", deadline);
   if (!lock) return lock.error();
-  return recover_under_lock(deadline);
+  Error unfinished;
+  return recover_under_lock(deadline, unfinished);
 }
 
 Result<std::optional<Unfinished>> find_unfinished(const Deadline& deadline) {
@@ -146,13 +151,21 @@ Result<PendingOwner> PendingOwner::become(const Snapshot& snapshot) {
 }
 
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
-                std::vector<std::string>& left) {
+                std::vector<std::string>& warnings) {
   Exchange exchange(sites, record.steps);
   Error first;
   std::string others;
+  std::vector<const Step*> failed;
   for (std::size_t number = record.steps.size(); number-- > 0;) {
-    Error error = exchange.undo(number, foreign);
+    const Step& step = record.steps[number];
+    // A directory that moved away would take along what it still has.
+    const bool is_above = std::any_of(failed.begin(), failed.end(), [&step](const Step* below) {
+      return below->root == step.root && below->path.compare(0, step.path.size() + 1, step.path + "/") == 0;
+    });
+    Error error =
+        is_above ? sites[step.root].beneath.failure(step.path, ENOTEMPTY) : exchange.undo(number, foreign);
     if (error.code == Code::ok) continue;
+    failed.push_back(&step);
     if (first.code == Code::ok) {
       first = std::move(error);
     } else {
@@ -167,23 +180,27 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
     first.aftermath = Aftermath::mixed;
     return first;
   }
-  exchange.sweep(left);
-  // What fails here is done again by the next recovery.
-  static_cast<void>(journal.clear());
+  // The files are as before, whatever fails here.
+  static_cast<void>(clean_up(journal, exchange, warnings));
   return {};
 }
 
-void clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings) {
+Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings) {
   std::vector<std::string> left;
-  exchange.sweep(left);
+  Error error = exchange.sweep(left);
   warn_of(left, warnings);
-  const Error error = journal.clear();
-  if (error.code != Code::ok) warnings.push_back(error.path + ": the record is not cleared: " + error.text);
+  if (error.code == Code::ok) error = journal.clear();
+  if (error.code != Code::ok) {
+    warnings.push_back(error.path + ": cleaning up failed: " + error.text +
+                       "; the next restore, or 'confsave recover', tries again");
+  }
+  return error;
 }
 
 Error recover_first(const Deadline& deadline) {
-  const Result<Recovery> recovery = recover_under_lock(deadline);
-  return recovery ? Error{} : recovery.error();
+  Error unfinished;
+  const Result<Recovery> recovery = recover_under_lock(deadline, unfinished);
+  return recovery ? unfinished : recovery.error();
 }
 
 Error check_finished(const Deadline& deadline) {

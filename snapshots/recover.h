@@ -15,13 +15,14 @@ Error recover_first(const Deadline& deadline);
 /// Changes nothing.
 Error check_finished(const Deadline& deadline);
 
-/// Puts back the old files of all steps, durably, and deletes the staged ones. What fails is
-/// Aftermath::mixed, and stays in the journal. Paths that had to stay go into `left`.
+/// Puts back the old files of all steps, durably, and cleans up. What fails is Aftermath::mixed, and stays
+/// in the journal.
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
-                std::vector<std::string>& left);
+                std::vector<std::string>& warnings);
 
-/// Deletes the staging directories and the record. What fails is a warning.
-void clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings);
+/// Deletes the staging directories and the record. What fails is a warning, too, and the record stays, so
+/// that the next recovery tries again.
+Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings);
 
 /// The process that waits for the check of a pending restore. Its death frees it, whatever it has started
 /// lives on.

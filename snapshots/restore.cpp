@@ -7,6 +7,7 @@
 #include <ctime>
 #include <optional>
 
+#include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
 #include "snapshots/exclusive_storage.h"
@@ -145,10 +146,9 @@ class Restoring {
   /// What fails here is done by the next recovery.
   void abandon() {
     storage_.reset();
-    std::vector<std::string> left;
     const std::vector<Step> none;
-    Exchange(sites_, none).sweep(left);
-    static_cast<void>(journal_->clear());
+    Exchange exchange(sites_, none);
+    static_cast<void>(clean_up(*journal_, exchange, restored_.warnings));
   }
 
   // ---- Here they do.
@@ -164,22 +164,24 @@ class Restoring {
     if (error.code == Code::ok && options_.check) return check(exchange);
     if (error.code == Code::ok) error = journal_->set_state(State::exchanged);
     if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
-    commit_stamp();
-    clean_up(*journal_, exchange, restored_.warnings);
+    finish_storage(storage_->commit(), exchange);
     return {};
   }
 
-  /// The restore is done: a load time that is not stored does not undo it.
-  void commit_stamp() {
-    const Error error = storage_->commit();
+  /// The restore is done: a load time that is not stored does not undo it. The next recovery stores it,
+  /// unless the snapshot is gone.
+  void finish_storage(const Error& stamped, Exchange& exchange) {
     storage_.reset();
-    if (error.code == Code::ok) return;
-    restored_.warnings.push_back("the load time is not stored: " + error.text);
+    if (stamped.code != Code::ok) {
+      restored_.warnings.push_back("the load time is not stored: " + stamped.text);
+    }
+    if (stamped.code == Code::ok || stamped.code == Code::changed_meanwhile) {
+      static_cast<void>(clean_up(*journal_, exchange, restored_.warnings));
+    }
   }
 
   Error undo(Error why, Foreign foreign) {
-    std::vector<std::string> left;
-    Error error = take_back(*journal_, record_, sites_, foreign, left);
+    Error error = take_back(*journal_, record_, sites_, foreign, restored_.warnings);
     if (error.code == Code::ok) return with_aftermath(std::move(why), Aftermath::put_back);
     why.text += "; not put back: " + error.path + ": " + error.text;
     return with_aftermath(std::move(why), Aftermath::mixed);
@@ -205,10 +207,8 @@ class Restoring {
     if (!is_good) {
       return undo({Code::check_failed, 0, "", "the check failed"}, Foreign::set_aside);
     }
-    error = confirm();
-    if (error.code != Code::ok) return undo(std::move(error), Foreign::set_aside);
-    clean_up(*journal_, exchange, restored_.warnings);
-    return {};
+    error = confirm(exchange);
+    return error.code == Code::ok ? error : undo(std::move(error), Foreign::set_aside);
   }
 
   bool run_check() const {
@@ -229,15 +229,16 @@ class Restoring {
     return storage || storage.error().code != Code::busy ? Error{} : storage.error();
   }
 
-  Error confirm() {
+  Error confirm(Exchange& exchange) {
     Error stamped;
-    if (storage_ && record_.load_time != 0) stamped = storage_->stamp(record_.snapshot, record_.load_time);
-    if (Error error = journal_->set_state(State::exchanged); error.code != Code::ok) return error;
-    if (storage_ && stamped.code == Code::ok) stamped = storage_->commit();
-    storage_.reset();
-    if (stamped.code != Code::ok) {
-      restored_.warnings.push_back("the load time is not stored: " + stamped.text);
+    if (!storage_) {
+      stamped = {Code::no_storage, 0, storage_file(), "the storage cannot be opened"};
+    } else if (record_.load_time != 0) {
+      stamped = storage_->stamp(record_.snapshot, record_.load_time);
     }
+    if (Error error = journal_->set_state(State::exchanged); error.code != Code::ok) return error;
+    if (stamped.code == Code::ok) stamped = storage_->commit();
+    finish_storage(stamped, exchange);
     return {};
   }
 
