@@ -98,7 +98,22 @@ TEST_F(PlanTest, TheFileOfThePacketFilterIsNeitherRestoredNorRemoved) {
   options.exact = true;
   ASSERT_TRUE(cs::restore({"with"}, options));
   EXPECT_EQ(read_file(config("station/corlu.serv")), "new\n");
-  ASSERT_TRUE(cs::restore({"before"}, options).error().code == Code::not_found);
+}
+
+TEST_F(PlanTest, TopLevelNamesWithADotInFrontAreNotRestored) {
+  shell("cd " + config_dir() +
+        " && echo old > .hidden && echo old > gw8 && mkdir .dir hub/.dir && touch .dir/x" + " hub/.dir/x");
+  RowSpec row{"dots", kCurrent};
+  row.keybase = hex(make_archive(config_dir(), ".hidden .dir hub/.dir gw8"));
+  row.etc = hex(make_archive(etc_dir(), "failover.ini"));
+  put(row);
+  shell("cd " + config_dir() + " && rm -r .hidden .dir hub/.dir gw8");
+  auto options = without_keeping();
+  const auto result = cs::restore({"dots"}, options);
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_EQ(lines(result->plan),
+            (Texts{"+.... <config>/gw8", "+.... <config>/hub/.dir", "+.... <config>/hub/.dir/x",
+                   "-.... <config>/user/config.db", "-.... <config>/user/config.idx"}));
 }
 
 TEST_F(PlanTest, AMissingDirectoryIsMadeAsItWas) {

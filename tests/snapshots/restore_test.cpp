@@ -72,6 +72,9 @@ TEST_F(RestoreTest, AFailedCheckBringsBackTheVeryFiles) {
     EXPECT_EQ(cs::restore({"weekly"}).error().code, Code::pending);
     EXPECT_EQ(cs::recover().error().code, Code::pending);
     EXPECT_TRUE(cs::save({"meanwhile"}));
+    for (const cs::Member& member : *cs::members({"meanwhile"})) {
+      EXPECT_EQ(member.path.find(".confsave-restore-"), std::string::npos) << member.path;
+    }
     return false;
   };
   const auto error = refused(with_check(is_restored));
