@@ -1,5 +1,7 @@
 // compare: what differs between a snapshot and the live configuration, or another snapshot.
 
+#include <algorithm>
+
 #include "snapshots/boundary.h"
 #include "snapshots/differences.h"
 #include "snapshots/notes.h"
@@ -8,21 +10,40 @@
 namespace ConfSave::snapshots {
 namespace {
 
+bool needs_digests(const ContentCheck& check, const std::map<std::string, Member>& stored,
+                   const Tree& live) {
+  return std::any_of(live.members.begin(), live.members.end(), [&](const auto& found) {
+    const auto archived = stored.find(found.first);
+    return archived != stored.end() && check.needs_digests(archived->second, found.second);
+  });
+}
+
+/// Decodes the archives, and reads each live file while its copy is decoded.
+Result<Differences> compare_contents(OpenRow& row) {
+  ContentCheck check(ContentCheck::Digests::only_compared);
+  Result<std::map<std::string, Member>> stored = read_contents(row, &check);
+  if (!stored) return stored.error();
+  Result<Tree> live = read_tree(row.snapshot.config.type, {}, nullptr, &check);
+  if (!live) return live.error();
+  if (needs_digests(check, *stored, *live)) {
+    stored = read_contents(row);
+    if (stored) live = read_tree(row.snapshot.config.type);
+    if (!stored) return stored.error();
+    if (!live) return live.error();
+  }
+  return differences(*stored, live->members);
+}
+
 Result<Differences> compare_with_live(const Id& older, const ReadOptions& options) {
   const Deadline deadline(options.wait);
   Result<OpenRow> row = open_row(older, deadline);
   if (!row) return row.error();
-  const conftype type = row->snapshot.config.type;
   if (const std::optional<Manifest> saved = find_manifest(row->snapshot, deadline)) {
-    const Result<Tree> live = read_tree_since(saved->tree, type);
+    const Result<Tree> live = read_tree_since(saved->tree, row->snapshot.config.type);
     if (!live) return live.error();
     return differences(saved->tree.members, live->members);
   }
-  const Result<std::map<std::string, Member>> stored = read_contents(*row);
-  if (!stored) return stored.error();
-  const Result<Tree> live = read_tree(type);
-  if (!live) return live.error();
-  return differences(*stored, live->members);
+  return compare_contents(*row);
 }
 
 Result<std::map<std::string, Member>> read_snapshot(const Id& id, const Deadline& deadline) {

@@ -49,13 +49,15 @@ void complete(Member& link, const Member& file) {
 EntryHandler MemberReader::handler() {
   return {[this](const Entry& entry) { return begin(entry); },
           [this](std::string_view piece) {
-            sha256_.add(piece.data(), piece.size());
+            if (check_ != nullptr) check_->add(piece);
+            if (check_ == nullptr || check_->computes_digests()) sha256_.add(piece.data(), piece.size());
             return Error{};
           },
           [this] { return end(); }};
 }
 
 Error MemberReader::begin(const Entry& entry) {
+  if (check_ != nullptr) check_->begin(entry);
   current_ = {};
   current_.path = directory_ + entry.path;
   current_.kind = entry.kind;
@@ -87,7 +89,14 @@ Error MemberReader::find_owner(const Entry& entry) {
 Error MemberReader::end() {
   const Digest digest = sha256_.finish();
   if (current_.kind == Kind::file || current_.kind == Kind::symlink) current_.sha256 = digest;
+  if (check_ != nullptr && current_.kind == Kind::file) check_->end(digest);
   return take_(std::move(current_));
+}
+
+MemberCollector::MemberCollector(Base base, OwnedBy owned_by, ContentCheck* check)
+    : reader_(
+          base, owned_by, [this](Member member) { return add(std::move(member)); }, check) {
+  if (check != nullptr) check->enter(directory_of(base));
 }
 
 Error MemberCollector::add(Member member) {

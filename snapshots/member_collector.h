@@ -8,6 +8,7 @@
 
 #include "contents.h"
 #include "snapshots/archive_reader.h"
+#include "snapshots/content_check.h"
 #include "snapshots/digest.h"
 #include "snapshots/owners.h"
 
@@ -39,11 +40,17 @@ enum class OwnedBy {
 };
 
 /// Turns the entries of an archive into members, with digests of their content, and calls `take` with each.
-/// A hard link is not complete yet.
+/// A hard link is not complete yet. With a `check`, compares the content as well, in the directory that the
+/// check has entered.
 class MemberReader {
  public:
-  MemberReader(Base base, OwnedBy owned_by, std::function<Error(Member)> take)
-      : directory_(directory_of(base)), secrets_(base), owned_by_(owned_by), take_(std::move(take)) {}
+  MemberReader(Base base, OwnedBy owned_by, std::function<Error(Member)> take,
+               ContentCheck* check = nullptr)
+      : directory_(directory_of(base)),
+        secrets_(base),
+        owned_by_(owned_by),
+        take_(std::move(take)),
+        check_(check) {}
   MemberReader(const MemberReader&) = delete;
   MemberReader& operator=(const MemberReader&) = delete;
 
@@ -60,6 +67,7 @@ class MemberReader {
   OwnedBy owned_by_;
   Owners owners_;
   std::function<Error(Member)> take_;
+  ContentCheck* check_;
   Member current_;
   Sha256 sha256_;
 };
@@ -67,8 +75,9 @@ class MemberReader {
 /// Gathers the members of an archive, hard links completed.
 class MemberCollector {
  public:
-  explicit MemberCollector(Base base, OwnedBy owned_by = OwnedBy::whom_a_restore_sets)
-      : reader_(base, owned_by, [this](Member member) { return add(std::move(member)); }) {}
+  /// With a `check`, compares the content with the live files of the base.
+  explicit MemberCollector(Base base, OwnedBy owned_by = OwnedBy::whom_a_restore_sets,
+                           ContentCheck* check = nullptr);
 
   /// Valid as long as this object.
   EntryHandler handler() { return reader_.handler(); }

@@ -12,9 +12,10 @@ namespace {
 
 constexpr int kAttempts = 5;
 
-Error decode(const std::vector<char>& archive, Base base, std::map<std::string, Member>& members) {
+Error decode(const std::vector<char>& archive, Base base, ContentCheck& check,
+             std::map<std::string, Member>& members) {
   MemorySource source({archive.data(), archive.size()});
-  MemberCollector collector(base, OwnedBy::whom_it_was_saved);
+  MemberCollector collector(base, OwnedBy::whom_it_was_saved, &check);
   Error error = read_archive(source, Limits{}, collector.handler());
   if (error.path.empty()) error.path = directory_of(base);
   if (error.code != Code::ok) return error;
@@ -45,9 +46,10 @@ class Proving {
   /// What went wrong, and in has_changed_ whether a change of the files since the last time explains it.
   Error pack_once(Proven& proven) {
     std::map<std::string, Member> packed;
-    Error error = pack(proven.packed, packed);
+    ContentCheck check(ContentCheck::Digests::computed);
+    Error error = pack(proven.packed, check, packed);
     std::vector<std::string> unreadable;
-    Result<Tree> live = read_tree(type_, {}, &unreadable);
+    Result<Tree> live = read_tree(type_, {}, &unreadable, &check);
     has_changed_ = live && has_changed_since_last_time(*live);
     if (!live) return live.error();
     if (error.code == Code::ok) error = compare_with(packed, *live, proven.missing);
@@ -58,13 +60,13 @@ class Proving {
     return error;
   }
 
-  Error pack(Packed& archives, std::map<std::string, Member>& members) const {
+  Error pack(Packed& archives, ContentCheck& check, std::map<std::string, Member>& members) const {
     Result<Packed> packed = pack_configuration(type_);
     if (!packed) return packed.error();
     archives = std::move(*packed);
-    Error error = decode(archives.keybase, Base::configuration, members);
+    Error error = decode(archives.keybase, Base::configuration, check, members);
     if (error.code != Code::ok || type_ == conf_corlu) return error;
-    return decode(archives.etc, Base::failover, members);
+    return decode(archives.etc, Base::failover, check, members);
   }
 
   bool has_changed_since_last_time(const Tree& live) const {

@@ -110,10 +110,10 @@ Error read_column(OpenRow& row, const Column& column, const EntryHandler& handle
   return error;
 }
 
-Result<std::map<std::string, Member>> read_contents(OpenRow& row) {
+Result<std::map<std::string, Member>> read_contents(OpenRow& row, ContentCheck* check) {
   std::map<std::string, Member> members;
   for (const Column& column : columns_of(row.snapshot.config.type)) {
-    MemberCollector collector(column.base);
+    MemberCollector collector(column.base, OwnedBy::whom_a_restore_sets, check);
     Error error = read_column(row, column, collector.handler());
     if (error.code != Code::ok) return error;
     std::map<std::string, Member> later = collector.take();

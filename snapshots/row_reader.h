@@ -7,6 +7,7 @@
 
 #include "contents.h"
 #include "snapshots/archive_reader.h"
+#include "snapshots/content_check.h"
 #include "snapshots/deadline.h"
 #include "snapshots/storage_reader.h"
 
@@ -42,7 +43,7 @@ using PackedProgress = std::function<void(int64)>;
 Error read_column(OpenRow& row, const Column& column, const EntryHandler& handler,
                   const PackedProgress& progress = {});
 
-/// The members of both archives by path.
-Result<std::map<std::string, Member>> read_contents(OpenRow& row);
+/// The members of both archives by path. With a `check`, compares their content with the live files.
+Result<std::map<std::string, Member>> read_contents(OpenRow& row, ContentCheck* check = nullptr);
 
 }  // namespace ConfSave::snapshots

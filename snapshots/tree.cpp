@@ -22,32 +22,29 @@ constexpr std::size_t kPiece = 128 << 10;
 /// Nanoseconds. File systems store times in steps of up to two seconds.
 constexpr int64 kCoarsestTick = 2000000000;
 
-/// What is known of files from a moment in the past.
-class Known {
+/// What a tree of the past says of files that did not change since.
+class SavedDigests : public KnownDigests {
  public:
-  /// Nothing if `saved` is null.
-  Known(const Tree* saved, int64 moment)
-      : saved_(saved != nullptr && saved->moment <= moment ? saved : nullptr) {}
+  explicit SavedDigests(const Tree& saved) : saved_(saved), is_past_(saved.moment <= moment()) {}
 
-  /// The digest of the file at `path` if it is the one that it was, unchanged; else null.
-  const Digest* digest_of(const std::string& path, const Stamp& stamp) const {
-    if (saved_ == nullptr) return nullptr;
-    const auto found = saved_->members.find(path);
-    if (found == saved_->members.end()) return nullptr;
+  const Digest* digest_of(const std::string& path, const Stamp& stamp) const override {
+    const auto found = saved_.members.find(path);
+    if (!is_past_ || found == saved_.members.end()) return nullptr;
     const LiveMember& before = found->second;
     const bool is_file = before.member.kind == Kind::file || before.member.kind == Kind::hardlink;
-    const bool is_old = std::max(stamp.modified, stamp.changed) + kCoarsestTick < saved_->moment;
+    const bool is_old = std::max(stamp.modified, stamp.changed) + kCoarsestTick < saved_.moment;
     return is_file && is_old && is_same(before.stamp, stamp) ? &before.member.sha256 : nullptr;
   }
 
  private:
-  const Tree* saved_;
+  const Tree& saved_;
+  bool is_past_;
 };
 
 /// Reads what belongs to one of the two directories.
 class TreeReading {
  public:
-  TreeReading(Base base, std::string directory, const Limits& limits, const Known& known,
+  TreeReading(Base base, std::string directory, const Limits& limits, const KnownDigests* known,
               std::map<std::string, LiveMember>& members, std::vector<std::string>* unreadable)
       : base_(std::move(directory)),
         secrets_(base),
@@ -232,7 +229,7 @@ class TreeReading {
   }
 
   bool add_known(const std::string& path, const struct stat& status) {
-    const Digest* digest = known_.digest_of(base_ + path, stamp_of(status));
+    const Digest* digest = known_ != nullptr ? known_->digest_of(base_ + path, stamp_of(status)) : nullptr;
     if (digest == nullptr) return false;
     Member member = describe(path, Kind::file, status);
     member.size = status.st_size;
@@ -298,7 +295,7 @@ class TreeReading {
   std::string base_;
   Secrets secrets_;
   const Limits& limits_;
-  const Known& known_;
+  const KnownDigests* known_;
   std::map<std::string, LiveMember>& members_;
   std::vector<std::string>* unreadable_;
   Descriptor root_;
@@ -323,10 +320,9 @@ std::vector<std::string> paths_of(Base base, conftype type, bool with_database) 
   return paths;
 }
 
-Result<Tree> read(conftype type, const Limits& limits, const Tree* saved,
+Result<Tree> read(conftype type, const Limits& limits, const KnownDigests* known,
                   std::vector<std::string>* unreadable) {
-  Tree tree{now(), {}};
-  const Known known(saved, tree.moment);
+  Tree tree{known != nullptr ? known->moment() : now(), {}};
   const bool with_database = has_database();
   for (const Base base : {Base::configuration, Base::failover}) {
     TreeReading reading(base, directory_of(base), limits, known, tree.members, unreadable);
@@ -338,23 +334,29 @@ Result<Tree> read(conftype type, const Limits& limits, const Tree* saved,
 
 }  // namespace
 
-Result<Tree> read_tree(conftype type, const Limits& limits, std::vector<std::string>* unreadable) {
-  return read(type, limits, nullptr, unreadable);
+KnownDigests::KnownDigests() : moment_(now()) {}
+
+Result<Tree> read_tree(conftype type, const Limits& limits, std::vector<std::string>* unreadable,
+                       const KnownDigests* known) {
+  return read(type, limits, known, unreadable);
 }
 
 Result<Tree> read_parts(const std::vector<TreePart>& parts, const Tree* saved) {
   const Limits limits;
+  std::optional<SavedDigests> known;
+  if (saved != nullptr) known.emplace(*saved);
   Tree tree{now(), {}};
-  const Known known(saved, tree.moment);
   for (const TreePart& part : parts) {
-    TreeReading reading(part.base, part.directory, limits, known, tree.members, nullptr);
+    TreeReading reading(part.base, part.directory, limits, known ? &*known : nullptr, tree.members,
+                        nullptr);
     if (Error error = reading.run(part.paths, part.alone); error.code != Code::ok) return error;
   }
   return tree;
 }
 
 Result<Tree> read_tree_since(const Tree& saved, conftype type, const Limits& limits) {
-  return read(type, limits, &saved, nullptr);
+  const SavedDigests known(saved);
+  return read(type, limits, &known, nullptr);
 }
 
 }  // namespace ConfSave::snapshots

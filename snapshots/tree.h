@@ -22,15 +22,33 @@ struct Tree {
   std::map<std::string, LiveMember> members;
 };
 
+/// What is known of the content of live files without reading them.
+class KnownDigests {
+ public:
+  KnownDigests();
+  KnownDigests(const KnownDigests&) = delete;
+  KnownDigests& operator=(const KnownDigests&) = delete;
+  virtual ~KnownDigests() = default;
+
+  /// When it was made: no digest of it is of a file as it was before.
+  int64 moment() const { return moment_; }
+
+  /// Of the regular file that has this absolute path and this stamp; null if it has to be read.
+  virtual const Digest* digest_of(const std::string& path, const Stamp& stamp) const = 0;
+
+ private:
+  int64 moment_;
+};
+
 /// The files of the contents of `type` as they are now, by absolute path. Follows no symbolic link below
 /// the two directories: one in a directory's place is Code::unsafe, as a device or FIFO is; a socket is
 /// skipped, as tar skips it. A file
 /// that changes while it is read is read again, and is Code::changed_meanwhile after some attempts. The
 /// configuration database counts only if it is whole, as it is packed only then. The paths of files and
 /// directories that this process may not read go into `unreadable`; without it the first one is
-/// Code::denied.
+/// Code::denied. A file of which `known` has the digest is not read.
 Result<Tree> read_tree(conftype type, const Limits& limits = {},
-                       std::vector<std::string>* unreadable = nullptr);
+                       std::vector<std::string>* unreadable = nullptr, const KnownDigests* known = nullptr);
 
 /// The same. A file that provably did not change since `saved` was read is not read: it has the digest that
 /// it had then. A stamp proves that unless its times are so close to the moment of `saved` that a change

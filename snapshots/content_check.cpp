@@ -1,0 +1,87 @@
+#include "snapshots/content_check.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace ConfSave::snapshots {
+
+void ContentCheck::enter(const std::string& directory) {
+  directory_ = directory;
+  root_ = Descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+/// Without a descriptor the file is not compared: who reads the tree says why it cannot be read.
+void ContentCheck::open_live(const std::string& path) {
+  struct open_how how = {};
+  how.flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+  live_ = Descriptor(
+      root_ ? static_cast<int>(syscall(SYS_openat2, root_.get(), path.c_str(), &how, sizeof how)) : -1);
+  struct stat status = {};
+  if (!live_ || fstat(live_.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    live_ = Descriptor();
+    return;
+  }
+  stamp_ = stamp_of(status);
+}
+
+void ContentCheck::begin(const Entry& entry) {
+  path_ = directory_ + entry.path;
+  // Of entries with the same path the last one counts.
+  known_.erase(path_);
+  live_ = Descriptor();
+  if (entry.kind != Kind::file && entry.kind != Kind::hardlink) return;
+  open_live(entry.path);
+  if (!live_) return;
+  is_equal_ = stamp_.size == entry.size;
+  if (entry.kind == Kind::file) return;
+  const auto file = known_.find(directory_ + entry.target);
+  if (file != known_.end() && is_same(file->second.stamp, stamp_)) known_.emplace(path_, file->second);
+}
+
+void ContentCheck::add(std::string_view piece) {
+  if (live_ && is_equal_) is_equal_ = goes_on_with(piece);
+}
+
+bool ContentCheck::goes_on_with(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t size = read(live_.get(), buffer_.data(), std::min(bytes.size(), buffer_.size()));
+    if (size < 0 && errno == EINTR) continue;
+    if (size <= 0 || std::memcmp(bytes.data(), buffer_.data(), static_cast<std::size_t>(size)) != 0) {
+      return false;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(size));
+  }
+  return true;
+}
+
+void ContentCheck::end(const Digest& digest) {
+  struct stat after = {};
+  const bool was_read = live_ && fstat(live_.get(), &after) == 0 && is_same(stamp_, stamp_of(after));
+  live_ = Descriptor();
+  if (!was_read || (!is_equal_ && computes_digests())) return;
+  Known& known = known_[path_];
+  known = {stamp_, digest};
+  if (!is_equal_) known.digest.front() ^= 1U;
+}
+
+const Digest* ContentCheck::digest_of(const std::string& path, const Stamp& stamp) const {
+  const auto found = known_.find(path);
+  return found != known_.end() && is_same(found->second.stamp, stamp) ? &found->second.digest : nullptr;
+}
+
+bool ContentCheck::needs_digests(const Member& archived, const LiveMember& live) const {
+  const auto is_file = [](const Member& member) {
+    return member.kind == Kind::file || member.kind == Kind::hardlink;
+  };
+  return !computes_digests() && is_file(archived) && is_file(live.member) &&
+         archived.size == live.member.size && digest_of(live.member.path, live.stamp) == nullptr;
+}
+
+}  // namespace ConfSave::snapshots

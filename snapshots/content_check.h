@@ -1,0 +1,66 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "snapshots/archive_reader.h"
+#include "snapshots/descriptor.h"
+#include "snapshots/tree.h"
+
+namespace ConfSave::snapshots {
+
+/// Compares the files of archives with the live ones, byte by byte, while they are decoded. With what it
+/// knows then, read_tree() reads no file again.
+class ContentCheck : public KnownDigests {
+ public:
+  enum class Digests {
+    computed,
+    /// All files of the archives get the same digest, whatever they hold, and a live file gets that one or
+    /// another: they say only whether two contents differ, and only if needs_digests() does not say no.
+    only_compared,
+  };
+
+  explicit ContentCheck(Digests digests) : digests_(digests), buffer_(kPiece) {}
+
+  bool computes_digests() const { return digests_ == Digests::computed; }
+
+  /// The entries that follow belong into this directory, which ends in "/".
+  void enter(const std::string& directory);
+
+  void begin(const Entry& entry);
+  void add(std::string_view piece);
+  /// Ends a regular file, with the digest that it gets.
+  void end(const Digest& digest);
+
+  const Digest* digest_of(const std::string& path, const Stamp& stamp) const override;
+
+  /// Whether it takes digests to know if the two contents differ: the live file has changed since it was
+  /// compared, or it could not be compared.
+  bool needs_digests(const Member& archived, const LiveMember& live) const;
+
+ private:
+  static constexpr std::size_t kPiece = 128 << 10;
+
+  struct Known {
+    Stamp stamp;
+    Digest digest{};
+  };
+
+  void open_live(const std::string& path);
+  /// Whether the live file goes on with these bytes.
+  bool goes_on_with(std::string_view bytes);
+
+  Digests digests_;
+  std::string directory_;
+  Descriptor root_;
+  std::string path_;  ///< of the current file, absolute
+  Descriptor live_;   ///< the live file there, if one can be read
+  Stamp stamp_;       ///< of it, before it was read
+  bool is_equal_ = false;
+  std::vector<char> buffer_;
+  std::unordered_map<std::string, Known> known_;  ///< by absolute path
+};
+
+}  // namespace ConfSave::snapshots
