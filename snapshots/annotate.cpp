@@ -4,7 +4,9 @@
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
+#include "snapshots/lock.h"
 #include "snapshots/notes.h"
+#include "snapshots/recover.h"
 #include "snapshots/reserve.h"
 #include "snapshots/storage_reader.h"
 
@@ -15,6 +17,11 @@ namespace {
 template <class Change>
 Error change_note(const Id& id, const ChangeOptions& options, Change change) {
   const Deadline deadline(options.wait);
+  const Result<Lock> lock = Lock::take("a note", deadline);
+  if (!lock) return lock.error();
+  if (Error error = recover_first(deadline); error.code != Code::ok && error.code != Code::pending) {
+    return error;
+  }
   Query query;
   query.pattern = literally(id.name);
   query.version = id.version;

@@ -106,6 +106,9 @@ Error lock_and_remove(const Id& id, const RemoveOptions& options) {
   const Deadline deadline(options.wait);
   const Result<Lock> lock = Lock::take("a deletion", deadline);
   if (!lock) return lock.error();
+  Error error = recover_before(id, deadline);
+  // Perhaps the deletion makes the room that the recovery needs.
+  if (error.code != Code::ok && error.code != Code::no_space) return error;
   return remove_under_lock(id, options, deadline);
 }
 

@@ -186,6 +186,8 @@ Result<Saved> check_and_save(const Id& id, const SaveOptions& options) {
   const Deadline deadline(options.wait);
   const Result<Lock> lock = Lock::take("saving " + id.name, deadline);
   if (!lock) return lock.error();
+  error = recover_before(id, deadline);
+  if (error.code != Code::ok) return error;
   return save_under_lock(id, options, deadline);
 }
 

@@ -8,6 +8,10 @@ namespace ConfSave::snapshots {
 // For callers that hold the lock of the floor and have checked the arguments. The `wait` of the options
 // counts for nothing: all waiting ends at the deadline.
 
+/// Recovers what an earlier restore has left. Code::pending if the restore of `id` waits for its check;
+/// that of another snapshot is not disturbed.
+Error recover_before(const Id& id, const Deadline& deadline);
+
 /// What save() does.
 Result<Saved> save_under_lock(const Id& id, const SaveOptions& options, const Deadline& deadline);
 

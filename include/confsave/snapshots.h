@@ -411,7 +411,9 @@ struct Recovery {
   std::vector<std::string> warnings;  ///< a sentence each
 };
 
-/// Finishes or undoes a restore that was interrupted; save(), remove() and restore() do the same first.
+/// Finishes or undoes a restore that was interrupted; save(), note(), pin(), remove() and restore() do the
+/// same first. While a restore waits for its check, its snapshot is neither replaced nor deleted
+/// (Code::pending).
 /// Code::pending while the restore's process is alive and waits for its check; Code::needs_attention if
 /// files are in the way that nobody can account for: they are left alone, and named.
 CONFSAVE_API Result<Recovery> recover(const ChangeOptions& options = {});
