@@ -100,6 +100,42 @@ def verifications(typed, rounds):
     note("verify of 50 MiB", f"{figures[0]['bytes'] / seconds / 1e6:,.0f} MB of unpacked data a second")
 
 
+def make_packed(bench):
+    """The archives of the snapshot, and what `tar xzf` makes of them on the file system of the live files."""
+    run = functools.partial(bench.run, "sqlite3", bench.root / "state/storage.db")
+    run(f"select writefile('{bench.root}/k', keybase), writefile('{bench.root}/e', etc) from Config")
+    k, e = bench.root / "k", bench.root / "e"
+    return lambda: (bench.run("tar", "xzf", k, "-C", bench.root / "config") +
+                    bench.run("tar", "xzf", e, "-C", ETC))
+
+
+def damage_one_in_ten(bench):
+    for name in bench.files[::10]:
+        path = bench.root / "config" / name
+        path.write_bytes(path.read_bytes().swapcase() + b"damaged\n")
+
+
+def restores(typed, rounds):
+    """Whole processes, their start included. tar takes the place of the files, and does nothing else."""
+    bench = typed.bench
+    damaged, equal = {}, {}
+    for label, size in SIZES.items():
+        bench.make_configuration(size)
+        typed.save_later()
+        tar = make_packed(bench)
+        damaged[label] = turn_about(rounds_for(rounds, size), {
+            "tar": tar,
+            "confsave": lambda: bench.run(bench.host, "load", "weekly"),
+            "restore": lambda: typed.run("restore", "weekly"),
+            "restore and keep": lambda: typed.run("restore-and-keep", "weekly")},
+            lambda: damage_one_in_ten(bench))
+        bench.run(bench.host, "load", "weekly")
+        equal[label] = turn_about(rounds_for(rounds, size), {
+            "tar": tar, "restore": lambda: typed.run("restore", "weekly")})
+    show("restore, one file in ten damaged", damaged, "tar")
+    show("restore, nothing differs", equal, "tar")
+
+
 def memory(typed):
     """Beyond a process that only opens the storage."""
     grown = {}
@@ -108,8 +144,9 @@ def memory(typed):
         typed.bench.clear("state")
         typed.run("save", "weekly")
         opened = typed.figures("open")["peak"]
-        for verb in ("show", "diff", "verify", "save"):
+        for verb in ("show", "diff", "verify", "restore", "save"):
             typed.forget_notes()
+            damage_one_in_ten(typed.bench)
             grown.setdefault(verb, []).append((typed.figures(verb, "weekly")["peak"] - opened) / 1024)
     for verb, (small, large) in grown.items():
         note(f"peak memory of {verb} beyond an opened storage",
@@ -124,4 +161,5 @@ def measure(bench, build, rounds):
     saves_if_changed(typed, rounds)
     comparisons(typed, rounds)
     verifications(typed, rounds)
+    restores(typed, rounds)
     memory(typed)

@@ -1,6 +1,7 @@
 // The host of the second library that is measured: performs one operation.
 //
-//   bench-typed save NAME | save-if-changed NAME | open | show NAME | diff NAME | verify NAME | decode NAME
+//   bench-typed save NAME | save-if-changed NAME | open | show NAME | diff NAME | verify NAME | decode NAME |
+//               restore NAME | restore-and-keep NAME | plan NAME
 //
 // "decode" only unpacks both archives, and only reads the files of the live configuration. With
 // BENCH_FIGURES=FILE it also writes, as JSON: the seconds of the operation, the most memory that the
@@ -69,6 +70,10 @@ void perform(const std::string& verb, const Id& id) {
   if (verb == "diff") expect(compare(id, Live{}));
   if (verb == "verify") expect(verify(id));
   if (verb == "decode") decode(id);
+  if (verb == "plan") expect(plan(id));
+  RestoreOptions how;
+  how.keep = verb == "restore-and-keep";
+  if (verb == "restore" || how.keep) expect(restore(id, how));
 }
 
 /// In KiB. Not getrusage's, which a process has from the one that started it.
