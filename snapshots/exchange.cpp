@@ -42,19 +42,19 @@ bool is_empty(int parent, const std::string& name) {
 bool lacks_flag() { return errno == EINVAL || errno == ENOSYS || errno == ENOTSUP; }
 
 /// Renames unless `to` exists. -1 with errno.
-int move(int from, const std::string& name, int to, const std::string& new_name) {
-  if (renameat2(from, name.c_str(), to, new_name.c_str(), RENAME_NOREPLACE) == 0) return 0;
+int move(int from, const std::string& old_name, int to, const std::string& new_name) {
+  if (renameat2(from, old_name.c_str(), to, new_name.c_str(), RENAME_NOREPLACE) == 0) return 0;
   if (!lacks_flag()) return -1;
   struct stat status = {};
   if (fstatat(to, new_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
     errno = EEXIST;
     return -1;
   }
-  return renameat(from, name.c_str(), to, new_name.c_str());
+  return renameat(from, old_name.c_str(), to, new_name.c_str());
 }
 
-int exchange(int a, const std::string& name, int b, const std::string& other) {
-  return renameat2(a, name.c_str(), b, other.c_str(), RENAME_EXCHANGE);
+int exchange(int a, const std::string& a_name, int b, const std::string& b_name) {
+  return renameat2(a, a_name.c_str(), b, b_name.c_str(), RENAME_EXCHANGE);
 }
 
 /// Why a directory cannot be deleted that somebody has put something into.
@@ -299,9 +299,10 @@ bool Exchange::has_undone_step() {
         if (is_same_file(look(slot.staging, name), step.after)) return true;
       }
     }
-    if (step.what == Step::What::remove) {
+    // A directory that somebody has made since may have got the same inode.
+    if (step.what == Step::What::remove && !S_ISDIR(step.before.kind)) {
       const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
-      if (now && *now && is_same_file(identity_of(**now), step.before)) return true;
+      if (now && *now && is_unchanged(identity_of(**now), step.before)) return true;
     }
   }
   return false;

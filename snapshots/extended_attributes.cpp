@@ -50,8 +50,9 @@ std::optional<std::vector<std::string>> names_of(int file) {
     if (got < 0) break;
     text.resize(static_cast<std::size_t>(got));
     std::vector<std::string> names;
+    // Each name ends in a NUL.
     for (std::size_t start = 0; start < text.size(); start += names.back().size() + 1) {
-      names.emplace_back(text.c_str() + start);
+      names.push_back(text.substr(start, text.find('\0', start) - start));
     }
     return names;
   }
@@ -110,10 +111,10 @@ bool copy_extended_attributes(int from, int to) {
 }
 
 bool remove_access_lists(int directory) {
-  for (const char* name : {kAccess, kDefault}) {
-    if (fremovexattr(directory, name) != 0 && !has_none()) return false;
-  }
-  return true;
+  const auto remove = [directory](const char* name) {
+    return fremovexattr(directory, name) == 0 || has_none();
+  };
+  return remove(kAccess) && remove(kDefault);
 }
 
 }  // namespace ConfSave::snapshots

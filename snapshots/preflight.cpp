@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <map>
 #include <random>
 
@@ -17,10 +16,11 @@ namespace {
 constexpr std::uint64_t kBlock = 4096;
 
 std::string new_name() {
+  constexpr int kDigits = 16;
   std::random_device source;
-  char text[40];
-  std::snprintf(text, sizeof text, ".confsave-restore-%08x%08x", source(), source());
-  return text;
+  std::string name = ".confsave-restore-";
+  for (int digit = 0; digit < kDigits; ++digit) name += "0123456789abcdef"[source() % kDigits];
+  return name;
 }
 
 Error check_parent(Beneath& beneath, const std::string& parent) {

@@ -200,6 +200,12 @@ Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& w
 Error recover_first(const Deadline& deadline) {
   Error unfinished;
   const Result<Recovery> recovery = recover_under_lock(deadline, unfinished);
+  return recovery ? Error{} : recovery.error();
+}
+
+Error recover_wholly(const Deadline& deadline) {
+  Error unfinished;
+  const Result<Recovery> recovery = recover_under_lock(deadline, unfinished);
   return recovery ? unfinished : recovery.error();
 }
 

@@ -8,8 +8,12 @@
 
 namespace ConfSave::snapshots {
 
-/// Recovers what an earlier process has left, if anything. The caller holds the lock of the floor.
+/// Recovers what an earlier process has left, if anything, so that the live files are all old or all new.
+/// The caller holds the lock of the floor.
 Error recover_first(const Deadline& deadline);
+
+/// The same, with the clean-up: the journal is free for another restore.
+Error recover_wholly(const Deadline& deadline);
 
 /// Code::pending or Code::needs_attention while a restore is not finished, except one that is at work now.
 /// Changes nothing.

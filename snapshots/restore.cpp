@@ -33,7 +33,7 @@ class Restoring {
 
   Result<Restored> run() {
     Error error = take_lock();
-    if (error.code == Code::ok) error = recover_first(deadline_);
+    if (error.code == Code::ok) error = recover_wholly(deadline_);
     if (error.code == Code::ok) error = make_plan();
     if (error.code != Code::ok) return error;
     if (plan_.steps.empty()) return finish(Restored::Outcome::unchanged);
@@ -91,15 +91,26 @@ class Restoring {
     if (!journal) return journal.error();
     journal_.emplace(std::move(*journal));
     if (Error error = journal_->begin(record_); error.code != Code::ok) return error;
+    try {
+      Error error = stage_and_keep();
+      if (error.code != Code::ok) abandon();
+      return error;
+    } catch (...) {
+      // Out of memory, or the host does not want to go on.
+      abandon();
+      throw;
+    }
+  }
+
+  Error stage_and_keep() {
     Error error = stage(*row_, plan_, sites_, options_);
     // A transaction that reads the storage would keep out those that write.
     row_.reset();
     if (error.code == Code::ok) error = keep();
+    report(Progress::Phase::exchange);
     if (error.code == Code::ok) error = close_storage();
     if (error.code == Code::ok) error = check_live_files();
-    if (error.code == Code::ok) error = write_steps();
-    if (error.code != Code::ok) abandon();
-    return error;
+    return error.code == Code::ok ? write_steps() : error;
   }
 
   Error keep() {
@@ -154,18 +165,27 @@ class Restoring {
   // ---- Here they do.
 
   Error exchange() {
-    report(Progress::Phase::exchange);
     Exchange exchange(sites_, record_.steps);
     Error error;
-    std::size_t done = 0;
-    while (error.code == Code::ok && done < record_.steps.size()) error = exchange.apply(done++);
-    if (error.code == Code::ok) error = exchange.check_directories();
-    if (error.code == Code::ok) error = exchange.sync();
+    try {
+      error = apply_all(exchange);
+    } catch (...) {
+      static_cast<void>(undo({}, Foreign::leave));
+      throw;
+    }
     if (error.code == Code::ok && options_.check) return check(exchange);
     if (error.code == Code::ok) error = journal_->set_state(State::exchanged);
     if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
     finish_storage(storage_->commit(), exchange);
     return {};
+  }
+
+  Error apply_all(Exchange& exchange) {
+    for (std::size_t number = 0; number < record_.steps.size(); ++number) {
+      if (Error error = exchange.apply(number); error.code != Code::ok) return error;
+    }
+    Error error = exchange.check_directories();
+    return error.code == Code::ok ? exchange.sync() : error;
   }
 
   /// The restore is done: a load time that is not stored does not undo it. The next recovery stores it,

@@ -362,7 +362,7 @@ struct RestoreOptions {
   /// Called when the files are restored, without any lock: it may call every function here. If it returns
   /// false or throws, or this process dies, the restore is taken back.
   std::function<bool()> check = {};
-  /// Called now and then, by the calling thread.
+  /// Called now and then, by the calling thread. If it throws, the restore ends, and nothing was changed.
   std::function<void(const Progress&)> progress = {};
   std::chrono::milliseconds wait{30000};
 };
