@@ -332,7 +332,8 @@ struct PlannedChange {
 struct Plan {
   Snapshot snapshot;
   std::vector<PlannedChange> changes;  ///< in the order of paths; empty: nothing would change
-  std::vector<std::string> extra;      ///< files of the contents that the snapshot does not have, and that stay
+  /// Files of the contents that the snapshot does not have, and that stay.
+  std::vector<std::string> extra;
 };
 
 /// How far a restore is.
