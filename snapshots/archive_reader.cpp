@@ -2,6 +2,7 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -66,6 +67,24 @@ la_ssize_t read_input(struct archive*, void* context, const void** bytes) noexce
     input.thrown = std::current_exception();
     return ARCHIVE_FATAL;
   }
+}
+
+/// As the header says. Where the archive has an access list, libarchive puts the permissions of the owning
+/// group into the mode, in the place of the mask.
+std::uint32_t mode_of(struct archive_entry* entry) {
+  const std::uint32_t mode = archive_entry_perm(entry);
+  if (archive_entry_acl_reset(entry, ARCHIVE_ENTRY_ACL_TYPE_ACCESS) == 0) return mode;
+  int type = 0;
+  int permissions = 0;
+  int tag = 0;
+  int id = 0;
+  const char* name = nullptr;
+  while (archive_entry_acl_next(entry, ARCHIVE_ENTRY_ACL_TYPE_ACCESS, &type, &permissions, &tag, &id,
+                                &name) == ARCHIVE_OK) {
+    if (tag != ARCHIVE_ENTRY_ACL_MASK) continue;
+    return (mode & ~static_cast<std::uint32_t>(S_IRWXG)) | (static_cast<unsigned>(permissions) & 07U) << 3U;
+  }
+  return mode;
 }
 
 std::string text_of(const char* text) { return text != nullptr ? text : ""; }
@@ -198,7 +217,7 @@ class ArchiveReading {
     const std::string stored = text_of(archive_entry_pathname(entry));
     current_ = {};
     if (Error error = normalize(stored, limits_, current_.path); error.code != Code::ok) return error;
-    current_.mode = archive_entry_perm(entry);
+    current_.mode = mode_of(entry);
     current_.uid = static_cast<std::uint32_t>(archive_entry_uid(entry));
     current_.gid = static_cast<std::uint32_t>(archive_entry_gid(entry));
     if (current_.uid <= kLargestInHeader || !is_pax()) {

@@ -102,6 +102,14 @@ TEST_F(ArchiveReader, LongAndOddNamesAreBytes) {
   }
 }
 
+TEST_F(ArchiveReader, AnAccessListDoesNotChangeTheMode) {
+  const std::string list = "SCHILY.acl.access=user::rw-,user:1000:rwx,group::rwx,mask::r--,other::---\n";
+  EXPECT_EQ(read_members(
+                {{"header", 'x', std::to_string(list.size() + 3) + " " + list}, {"f", '0', "x", "", 0640}}),
+            "");
+  EXPECT_EQ(seen, Texts{"file 0640 f [x]"});
+}
+
 TEST_F(ArchiveReader, AnArchiveOfNothingHasNoMembers) {
   EXPECT_EQ(read(gzip(std::string(10240, '\0'))), "");
   EXPECT_EQ(seen, Texts());
