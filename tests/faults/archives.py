@@ -1,14 +1,16 @@
 #!/usr/bin/env python3
-"""Restores archives that nobody sane has packed.
+"""Restores archives that nobody sane has packed, by each library.
 
     archives.py OPERATE [--full] [--seed=N]
 
-Nothing outside the destination changes, nothing hangs, and "corlu.serv" never comes back.
+Nothing outside the destination changes, nothing hangs, and "corlu.serv" never comes back. What the second
+library refuses changes nothing at all.
 """
 
 import gzip
 import hashlib
 import io
+import itertools
 import os
 import sqlite3
 import tarfile
@@ -45,6 +47,27 @@ def zeros(size):
             out.write(block)
         out.write(b"\0" * 10240)
     return stream.getvalue()
+
+
+def archives_of_two_kinds(outside):
+    """Those where one thing takes the place of another, and odd names."""
+    plain, out = pack(member("plain")), str(outside)
+    link, hard, directory = tarfile.SYMTYPE, tarfile.LNKTYPE, tarfile.DIRTYPE
+    yield "directory, then a link in its place", plain, pack(member("d/f"), member("d", link, link=out))
+    yield "link, then a directory in its place", plain, pack(member("way", link, link=out),
+                                                             member("way/", directory), member("way/evil"))
+    yield "file, then a directory in its place", plain, pack(member("both"), member("both/", directory),
+                                                             member("both/x"))
+    yield "hard link to a later file", plain, pack(member("hard", hard, link="later"), member("later"))
+    yield "hard link to a directory", plain, pack(member("d", directory), member("hard", hard, link="d"))
+    yield "hard link to itself", plain, pack(member("hard", hard, link="hard"), member("x"))
+    yield "dot names", plain, pack(member(".evil/x"), member("./.evil"), member("x"))
+    yield "the destination itself", plain, pack(member(".", directory, mode=0o777), member("./x"))
+    yield "the name of a staging directory", plain, pack(member(".confsave-restore-0123456789abcdef/0"),
+                                                         member("gw/.confsave-restore-0123456789abcdef/0"))
+    yield "line feed", plain, pack(member("a\nb"), member("x"))
+    yield "deep", plain, pack(member("d/" * 70 + "x"))
+    yield "one directory as two", pack(member("both")), pack(member("both/x"))
 
 
 def archives(outside, full):
@@ -89,6 +112,7 @@ def archives(outside, full):
         names.insert(position, "corlu.serv")
         yield f"corlu.serv at {position}", plain, pack(*map(member, names), member("user/corlu.serv"),
                                                         member("deep/er/corlu.serv/x"))
+    yield from archives_of_two_kinds(outside)
     yield "old format", plain, pack(member("x"), form=tarfile.USTAR_FORMAT)
     yield "extended headers", plain, pack(member("ü" * 200), form=tarfile.PAX_FORMAT)
     yield "zeros", plain, zeros(1 << 30 if full else 32 << 20)
@@ -130,20 +154,28 @@ def store(gateway, etc, keybase):
     connection.close()
 
 
-def strike(gateway, outside, target):
+# As unsafe, or as damaged.
+REFUSED = ("exception code 10 ", "exception code 9 ")
+
+
+def strike(gateway, outside, verb, target):
     """Loads into a target, or into place."""
-    others = [outside, gateway.state.parent / "beside"]
+    others, places = [outside, gateway.state.parent / "beside"], [gateway.config, ETC]
     if target is not None:
-        others += [gateway.config, ETC]
-    before = picture(*others)
-    words = ["load", "weekly"] + ([f"{target}/"] if target is not None else [])
+        others, places = others + places, [target]
+    before, was = picture(*others), picture(*places)
+    words = [verb, "weekly"] + ([f"{target}/"] if target is not None else [])
     status, output = gateway.run(*words, timeout=120)
-    require(output in ("done\n", "status 36 \n"), "ended with", status, output)
     require(picture(*others) == before, "something outside changed")
     require(not list(gateway.temp.iterdir()), "a temporary file is left")
-    for root in (gateway.config, ETC) if target is None else (target,):
+    for root in places:
         served = list(root.rglob("corlu.serv*"))
         require(not served, "came back:", served)
+    if verb == "load":
+        require(output in ("done\n", "status 36 \n"), "ended with", status, output)
+    elif status != 0:
+        require(output.startswith(REFUSED), "was refused with", output)
+        require(picture(*places) == was, "was refused, and something changed")
     return status == 0
 
 
@@ -155,15 +187,15 @@ def campaign(program, full, source):
             (directory / "victim").write_text("untouched\n")
         gateway.write_configuration("new")
         gateway.do("save", "weekly")
-        kinds, restored = 0, 0
+        kinds, restored = 0, {"load": 0, "typed-load": 0}
         for title, etc, keybase in archives(outside, full):
-            store(gateway, etc, keybase)
-            for place in (target, None):
+            for verb, place in itertools.product(restored, (target, None)):
+                store(gateway, etc, keybase)
                 target.mkdir(exist_ok=True)
                 try:
-                    restored += strike(gateway, outside, place)
+                    restored[verb] += strike(gateway, outside, verb, place)
                 except Exception as failure:
-                    raise type(failure)(f"{title}: {failure}") from failure
+                    raise type(failure)(f"{title}, {verb}: {failure}") from failure
                 for root in (gateway.config, ETC, target):
                     for path in root.iterdir():
                         remove(path)
@@ -171,8 +203,10 @@ def campaign(program, full, source):
                     directory.mkdir()
                 gateway.write_configuration("new")
             kinds += 1
-    require(kinds >= 17, "only", kinds)
-    return f"{kinds} kinds of archive into two places, {restored} restored, nothing outside changed"
+    require(kinds >= 17 and all(restored.values()), "only", kinds, restored)
+    first, second = restored["load"], restored["typed-load"]
+    return (f"{kinds} kinds of archive into two places, {first} restored by the first library and "
+            f"{second} by the second, nothing outside changed")
 
 
 main(campaign)

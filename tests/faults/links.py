@@ -3,19 +3,20 @@
 
     links.py OPERATE [--full] [--seed=N]
 
-The library follows such links (quirk Q66): files get written outside the configuration, in a number of
-tries that is reported and must not be 0. The program refuses to load into directories that others can
-change, and into links, and writes nothing.
+The first library follows such links (quirk Q66): files get written outside the configuration, in a number
+of tries that is reported and must not be 0. The second library never writes outside; what it leaves is the
+old configuration or the new one.
 
 Where no other user can be had the campaign is skipped, with status 77.
 """
 
 import os
+import re
 import shutil
 import subprocess
 import sys
 
-from gateway import Gateway, main, require
+from gateway import ETC, FAILOVER, Gateway, main, remove, require
 from stored import found_by_library
 
 NOBODY = 65534
@@ -45,6 +46,23 @@ while True:
             os.rename(f"{directory}/{entry}", f"{directory}/moved away")
             os.rename(link, f"{directory}/{entry}")
             sys.exit()
+"""
+
+
+# The same for the second library, again and again.
+STAGING_REPLACER = OTHER_USER + """
+number = 0
+while True:
+    for entry in os.listdir(directory):
+        if entry.startswith(".confsave-restore-") and not os.path.islink(f"{directory}/{entry}"):
+            try:
+                os.rename(f"{directory}/{entry}", f"{directory}/moved {number}")
+                os.rename(link, f"{directory}/{entry}")
+            except OSError:
+                pass
+            number += 1
+            if not os.path.islink(link):
+                os.symlink(outside, link)
 """
 
 
@@ -81,20 +99,6 @@ def make_configuration(gateway, content):
         (gateway.config / "user" / "key_set" / str(number)).write_text(content)
 
 
-def load_by_program(gateway):
-    return subprocess.run([gateway.confsave, "load", "weekly", "--yes"], env=gateway.environment(),
-                          stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60, check=False)
-
-
-def require_refusal(gateway, path, why):
-    before = {str(p): p.read_bytes() for p in gateway.config.rglob("*") if p.is_file()}
-    result = load_by_program(gateway)
-    refused = result.returncode == 1 and f"'{path}'" in result.stderr
-    require(refused, why, "was not refused:", result.returncode, result.stderr)
-    after = {str(p): p.read_bytes() for p in gateway.config.rglob("*") if p.is_file()}
-    require(before == after, why, "was refused, and files changed")
-
-
 def outcomes(attack, operation, tries):
     """Whether files got out, in so many tries; in ten times as many where the other user is too slow."""
     out = []
@@ -104,29 +108,100 @@ def outcomes(attack, operation, tries):
     return out
 
 
-def refusals(gateway, attacks):
-    """What the program says to each of the directories that others can lead elsewhere."""
-    count = 0
-    for attack in attacks:
-        attack.prepare()
-        require_refusal(gateway, attack.opened, f"{attack.opened} open to others")
-        require(not attack.gets_out(lambda: load_by_program(gateway)), "the program wrote outside")
-        count += 2
-    for name in ("user", "hub", "user/key_set"):
-        attacks[0].prepare()
-        gateway.config.chmod(0o755)
-        os.chown(gateway.config / name, NOBODY, NOBODY)
-        require_refusal(gateway, gateway.config / name, f"{name} of another user")
-        shutil.rmtree(gateway.config / name)
-        (gateway.config / name).symlink_to(gateway.root / "outside")
-        require_refusal(gateway, gateway.config / name, f"{name} a link")
-        require(not any((gateway.root / "outside").iterdir()), "the program wrote through a link")
-        count += 2
-    attacks[0].prepare()
-    gateway.config.chmod(0o755)
-    result = load_by_program(gateway)
-    require(result.returncode == 0, "directories of our own were refused:", result.stderr)
-    return count
+# The second library -----------------------------------------------------------------------------------
+
+
+class Loop:
+    """Another user who never stops, in a directory that is open to him."""
+
+    def __init__(self, gateway, opened, script, victim=""):
+        self.gateway, self.outside = gateway, gateway.root / "outside"
+        self.opened, self.script, self.victim = opened, script, victim
+        self.done = self.refused = 0
+        self.other = None
+
+    def start(self):
+        goal = self.outside if self.script is STAGING_REPLACER or (self.opened / self.victim).is_dir() \
+            else self.outside / "victim"
+        words = [sys.executable, "-c", self.script, self.opened, self.victim, goal]
+        self.opened.chmod(0o777)
+        self.other = subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        require(self.other.stdout.readline() == b"ready\n", "there is nobody else")
+
+    def stop(self):
+        """What the other user did is undone by hand, and what was interrupted by the library."""
+        self.other.kill()
+        self.other.wait()
+        self.other.stdout.close()
+        link, victim = self.opened / "link", self.opened / self.victim
+        if self.victim and victim.is_symlink():
+            victim.unlink()
+            link.rename(victim)
+        elif os.path.lexists(link):
+            remove(link)
+        for path in [*self.opened.glob("moved *"), *self.opened.glob(".confsave-restore-*")]:
+            if path.is_symlink() or path.name.startswith("moved"):
+                remove(path)
+        self.gateway.do("typed-recover")
+
+    def restore(self, name):
+        status, output = self.gateway.run("typed-load", name, "no-keep")
+        names = sorted(path.name for path in self.outside.iterdir())
+        text = (self.outside / "victim").read_text()
+        require((names, text) == (["victim"], "untouched"), "outside:", names, text)
+        if status == 0:
+            self.done += 1
+            return True
+        self.refused += 1
+        require(re.match(r"exception code \d+ .*/", output), "was refused without a path:", output)
+        return "code 17 " not in output and "mixed" not in output
+
+    def is_armed(self):
+        """False when the link was restored away."""
+        return not self.victim or any(path.is_symlink() for path in (self.opened / "link",
+                                                                     self.opened / self.victim))
+
+    def run(self, tries):
+        self.start()
+        for number in range(tries):
+            if not self.restore(["old", "new"][number % 2]) or not self.is_armed():
+                self.stop()
+                self.start()
+        self.stop()
+        for name in ("old", "new"):
+            self.gateway.do("typed-load", name, "no-keep")
+            require_whole(self.gateway, name)
+
+
+def require_whole(gateway, content):
+    names = [gateway.config / "user" / "key_set" / str(number) for number in range(100)]
+    names += [gateway.config / "gw1.conf", gateway.config / "hub" / "out"]
+    names += [ETC / name for name in FAILOVER]
+    found = {path.read_text().split(" ")[0] for path in names}
+    require(found == {content}, "there is a mixture of", found)
+    left = [*gateway.config.glob(".confsave*"), *ETC.glob(".confsave*")]
+    require(not left, "left", left)
+
+
+def attack_second_library(gateway, tries):
+    """How many restores were done and refused."""
+    attacks = [(gateway.config, EXCHANGER, "user"), (gateway.config, EXCHANGER, "hub"),
+               (gateway.config / "user", EXCHANGER, "key_set"), (gateway.config, EXCHANGER, "gw1.conf"),
+               (ETC, EXCHANGER, "failover.ini"), (gateway.config, STAGING_REPLACER, ""),
+               (ETC, STAGING_REPLACER, "")]
+    done = refused = 0
+    for opened, script, victim in attacks:
+        shutil.rmtree(gateway.config)
+        shutil.rmtree(gateway.root / "outside", ignore_errors=True)
+        make_configuration(gateway, "new")
+        (gateway.root / "outside").mkdir()
+        (gateway.root / "outside" / "victim").write_text("untouched")
+        loop = Loop(gateway, opened, script, victim)
+        loop.run(tries)
+        opened.chmod(0o755)
+        done, refused = done + loop.done, refused + loop.refused
+    require(done and refused, "of the restores", done, "were done and", refused, "refused")
+    return done, refused
 
 
 def skip_without_another_user():
@@ -148,10 +223,14 @@ def campaign(program, full, source):
         first, second = (outcomes(attack, lambda: gateway.run("load", "weekly"), 20 if full else 4)
                          for attack in attacks)
         require(len(found_by_library(gateway)) == 1, "the snapshot is lost")
-        count = refusals(gateway, attacks)
-    return (f"by the library files got out in {sum(first)} of {len(first)} tries with the configuration "
-            f"directory open and in {sum(second)} of {len(second)} with user/ open; "
-            f"the program refused in {count} cases")
+        for content in ("old", "new"):
+            shutil.rmtree(gateway.config)
+            make_configuration(gateway, content)
+            gateway.do("typed-save", content)
+        done, refused = attack_second_library(gateway, 1000 if full else 12)
+    return (f"by the first library files got out in {sum(first)} of {len(first)} tries with the "
+            f"configuration directory open and in {sum(second)} of {len(second)} with user/ open; "
+            f"by the second one never, {done} restores were done and {refused} refused")
 
 
 main(campaign)

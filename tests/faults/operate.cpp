@@ -14,11 +14,13 @@
 //
 // A step is the beginning and the end of each command, statement and log record.
 //
+// `save` and `typed-save` take a name and a type.
+//
 // Prints "done" or what went wrong; exits with 0 or 1.
 //
 // `operate typed-load NAME [TARGET] [exact] [no-keep] [check=COMMAND]` restores by the second library, and
 // `operate typed-plan NAME [TARGET] [exact]` plans that. They print a line for each change and each
-// warning.
+// warning. `operate typed-differences NAME [TARGET] [exact]` prints the plan in full.
 //
 // `operate inspect` reads lines "STATE TARGET [NAME...]". For each it opens the storage of that state
 // directory, lists it, loads the named rows, or all, into directories below TARGET, and lists it again. It
@@ -43,6 +45,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iomanip>
 #include <iostream>
 #include <iterator>
 #include <map>
@@ -50,6 +53,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -218,8 +222,14 @@ void demand(const snapshots::Error& error) {
       " " + kAftermaths[static_cast<int>(error.aftermath)] + " " + error.path + ": " + error.text);
 }
 
-void typed_save(const std::string& name) {
+conftype type_of(const Arguments& words) {
+  return words.size() > 1 ? static_cast<conftype>(std::stoi(words[1])) : conf_full;
+}
+
+void typed_save(const Arguments& words) {
+  const std::string& name = words.at(0);
   snapshots::SaveOptions options;
+  options.type = type_of(words);
   options.overwrite = true;
   options.comment = "by operate";
   const auto saved = snapshots::save({name}, options);
@@ -279,6 +289,28 @@ void typed_plan(const Arguments& words) {
   show(*plan);
 }
 
+void show_exactly(const std::string& action, const std::string& flags, const std::string& path) {
+  std::cout << action << ' ' << flags << ". " << std::hex << std::setfill('0');
+  for (const char letter : path) std::cout << std::setw(2) << (static_cast<unsigned>(letter) & 0xffU);
+  std::cout << std::dec << '\n';
+}
+
+/// What differs too, and the files that stay; paths in hexadecimal, for they may have any byte.
+void typed_differences(const Arguments& words) {
+  const auto plan = snapshots::plan({words.at(0)}, restore_options({words.begin() + 1, words.end()}));
+  if (!plan) demand(plan.error());
+  constexpr const char* kActions[] = {"create", "replace", "remove", "attributes"};
+  for (const snapshots::PlannedChange& change : plan->changes) {
+    const snapshots::Difference& found = change.difference;
+    std::string flags;
+    const std::pair<bool, char> all[] = {
+        {found.content, 'c'}, {found.mode, 'p'}, {found.owner, 'u'}, {found.group, 'g'}, {found.time, 't'}};
+    for (const auto& [differs, letter] : all) flags.append(differs ? 1 : 0, letter);
+    show_exactly(kActions[static_cast<int>(change.action)], flags, found.path);
+  }
+  for (const std::string& path : plan->extra) show_exactly("extra", "", path);
+}
+
 void typed_recover() {
   const auto recovery = snapshots::recover();
   if (!recovery) demand(recovery.error());
@@ -290,13 +322,14 @@ void typed_recover() {
 const std::map<std::string, std::function<void(const Arguments&)>> kVerbs{
     {"typed-load", typed_load},
     {"typed-plan", typed_plan},
+    {"typed-differences", typed_differences},
     {"typed-recover", [](const Arguments&) { typed_recover(); }},
-    {"typed-save", [](const Arguments& a) { typed_save(a.at(0)); }},
+    {"typed-save", typed_save},
     {"typed-remove", [](const Arguments& a) { demand(snapshots::remove({a.at(0)})); }},
     {"typed-verify", [](const Arguments&) { typed_verify(); }},
     {"save",
      [](const Arguments& a) {
-       answer(save(a.at(0), conf_full, 0, true));
+       answer(save(a.at(0), type_of(a), 0, true));
        demand_row(a[0], CURRENT_VERSION);
      }},
     {"load",
