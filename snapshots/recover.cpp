@@ -3,7 +3,6 @@
 #include "snapshots/recover.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -22,6 +21,14 @@ namespace {
 std::string owner_file() { return state_directory() + "/restore.lock"; }
 
 std::string quoted(const Snapshot& snapshot) { return "'" + printable(snapshot.config.name) + "'"; }
+
+/// Unlike flock(2), this lock can be asked for without being taken.
+struct flock whole_file() {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
 
 Error is_pending(const Snapshot& snapshot) {
   return {Code::pending, 0, "", "the restore of " + quoted(snapshot) + " waits for its check"};
@@ -129,7 +136,7 @@ Result<std::optional<Unfinished>> find_unfinished(const Deadline& deadline) {
   const Snapshot& snapshot = (*record)->snapshot;
   Unfinished unfinished{snapshot.config.name, snapshot.config.vers, false};
   if ((*record)->state == State::pending) {
-    unfinished.is_pending = !PendingOwner::become(snapshot);
+    unfinished.is_pending = PendingOwner::is_alive();
   } else if (Lock::is_taken()) {
     // Its process is at work.
     return std::optional<Unfinished>();
@@ -143,11 +150,18 @@ Result<PendingOwner> PendingOwner::become(const Snapshot& snapshot) {
   const std::string path = owner_file();
   Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
   if (!file) return system_error(path);
-  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno == EWOULDBLOCK) return is_pending(snapshot);
+  struct flock lock = whole_file();
+  if (fcntl(file.get(), F_OFD_SETLK, &lock) != 0) {
+    if (errno == EAGAIN || errno == EACCES) return is_pending(snapshot);
     return system_error(path);
   }
   return PendingOwner(std::move(file));
+}
+
+bool PendingOwner::is_alive() {
+  const Descriptor file(open(owner_file().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  struct flock lock = whole_file();
+  return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,

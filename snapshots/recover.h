@@ -35,6 +35,9 @@ class PendingOwner {
   /// Code::pending if another process, or another thread, is it.
   static Result<PendingOwner> become(const Snapshot& snapshot);
 
+  /// Whether there is one. Takes no lock.
+  static bool is_alive();
+
  private:
   explicit PendingOwner(Descriptor file) : file_(std::move(file)) {}
 
