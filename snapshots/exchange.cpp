@@ -351,8 +351,8 @@ Error Exchange::sweep(std::vector<std::string>& left) {
     if (step.what != Step::What::attributes && sites_[step.root].staging) note(sweep_slot(number, left));
   }
   for (Site& site : sites_) {
-    if (!site.staging) continue;
-    if (steps_.empty()) note(sweep_numbers(site));
+    // One that could be made and not opened is empty.
+    if (steps_.empty() && site.staging) note(sweep_numbers(site));
     if (unlinkat(site.beneath.root(), site.name.c_str(), AT_REMOVEDIR) == 0) {
       site.staging = Descriptor();
       fsync(site.beneath.root());

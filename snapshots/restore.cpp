@@ -201,7 +201,9 @@ class Restoring {
   }
 
   Error undo(Error why, Foreign foreign) {
-    Error error = take_back(*journal_, record_, sites_, foreign, restored_.warnings);
+    std::vector<std::string> warnings;
+    Error error = take_back(*journal_, record_, sites_, foreign, warnings);
+    for (const std::string& warning : warnings) why.text += "; " + warning;
     if (error.code == Code::ok) return with_aftermath(std::move(why), Aftermath::put_back);
     why.text += "; not put back: " + error.path + ": " + error.text;
     return with_aftermath(std::move(why), Aftermath::mixed);
