@@ -19,13 +19,6 @@ constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 /// With more directories than this, one sync of the file system is faster.
 constexpr std::size_t kSyncsOneByOne = 16;
 
-/// Nothing if `name` does not exist, or cannot be looked at.
-Identity look(int directory, const std::string& name) {
-  struct stat status = {};
-  if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
-  return identity_of(status);
-}
-
 bool is_empty(int parent, const std::string& name) {
   Descriptor opened(openat(parent, name.c_str(), kDirectory));
   const Directory directory(opened ? fdopendir(opened.get()) : nullptr);
@@ -57,14 +50,13 @@ int exchange(int a, const std::string& a_name, int b, const std::string& b_name)
   return renameat2(a, a_name.c_str(), b, b_name.c_str(), RENAME_EXCHANGE);
 }
 
-/// Why a directory cannot be deleted that somebody has put something into.
-bool is_occupied(int number) { return number == ENOTEMPTY || number == EEXIST; }
-
-bool is_number(const std::string& name) {
-  return !name.empty() && name.find_first_not_of("0123456789") == std::string::npos;
-}
-
 }  // namespace
+
+Identity look(int directory, const std::string& name) {
+  struct stat status = {};
+  if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
+  return identity_of(status);
+}
 
 Exchange::Slot Exchange::slot_of(std::size_t number) const {
   const std::string name = std::to_string(number);
@@ -306,63 +298,6 @@ bool Exchange::has_undone_step() {
     }
   }
   return false;
-}
-
-Error Exchange::sweep_slot(std::size_t number, std::vector<std::string>& left) {
-  const Step& step = steps_[number];
-  const Slot slot = slot_of(number);
-  for (const std::string& name : {slot.name, slot.old_name, slot.aside}) {
-    const std::string path = sites_[step.root].name + "/" + name;
-    const Identity found = look(slot.staging, name);
-    if (!found.exists() && errno == ENOENT) continue;
-    if (!found.exists()) return sites_[step.root].beneath.failure(path, errno);
-    const bool is_known = is_unchanged(found, step.before) || is_unchanged(found, step.after);
-    const int flags = S_ISDIR(found.kind) ? AT_REMOVEDIR : 0;
-    if (is_known && unlinkat(slot.staging, name.c_str(), flags) == 0) continue;
-    if (is_known && !is_occupied(errno)) return sites_[step.root].beneath.failure(path, errno);
-    left.push_back(sites_[step.root].beneath.shown(path));
-  }
-  return {};
-}
-
-/// Before the steps were written down, all that a staging directory has is staged.
-Error Exchange::sweep_numbers(Site& site) {
-  const Directory directory(fdopendir(openat(site.staging.get(), ".", kDirectory)));
-  if (directory == nullptr) return site.beneath.failure(site.name, errno);
-  std::vector<std::string> names;
-  while (const dirent* entry = readdir(directory.get())) {
-    if (is_number(entry->d_name)) names.emplace_back(entry->d_name);
-  }
-  for (const std::string& name : names) {
-    const int flags = S_ISDIR(look(site.staging.get(), name).kind) ? AT_REMOVEDIR : 0;
-    if (unlinkat(site.staging.get(), name.c_str(), flags) == 0 || is_occupied(errno)) continue;
-    return site.beneath.failure(site.name + "/" + name, errno);
-  }
-  return {};
-}
-
-Error Exchange::sweep(std::vector<std::string>& left) {
-  Error first;
-  const auto note = [&first](Error error) {
-    if (first.code == Code::ok) first = std::move(error);
-  };
-  for (std::size_t number = 0; number < steps_.size(); ++number) {
-    const Step& step = steps_[number];
-    if (step.what != Step::What::attributes && sites_[step.root].staging) note(sweep_slot(number, left));
-  }
-  for (Site& site : sites_) {
-    // One that could be made and not opened is empty.
-    if (steps_.empty() && site.staging) note(sweep_numbers(site));
-    if (unlinkat(site.beneath.root(), site.name.c_str(), AT_REMOVEDIR) == 0) {
-      site.staging = Descriptor();
-      fsync(site.beneath.root());
-    } else if (errno != ENOENT && !is_occupied(errno)) {
-      note(site.beneath.failure(site.name, errno));
-    } else if (errno != ENOENT && left.empty() && first.code == Code::ok) {
-      left.push_back(site.beneath.shown(site.name));
-    }
-  }
-  return first;
 }
 
 }  // namespace ConfSave::snapshots

@@ -8,6 +8,9 @@
 
 namespace ConfSave::snapshots {
 
+/// Which file `name` is; nothing with errno if it does not exist, or cannot be looked at.
+Identity look(int directory, const std::string& name);
+
 /// What to do about a file that is neither the one of before nor the staged one.
 enum class Foreign {
   leave,      ///< leave everything as it is, and report it
@@ -64,6 +67,7 @@ class Exchange {
   Error changed(const Step& step) const;
   Error foreign_file(const Step& step, const std::string& slot) const;
   bool is_moved_away(std::size_t root, const std::string& directory) const;
+  void empty_staged(std::size_t number, const std::string& name);
   Error sweep_slot(std::size_t number, std::vector<std::string>& left);
   static Error sweep_numbers(Site& site);
   void touch(const Step& step);
