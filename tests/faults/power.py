@@ -1,26 +1,35 @@
 #!/usr/bin/env python3
-"""Cuts the power after a load that reported success, on a real ext4.
+"""Cuts the power during and after a restore, on a real ext4.
 
     power.py OPERATE [--full] [--seed=N]
 
-The configuration, the failover files and the storage are on a file system in an image file. The image is
-copied while it is mounted, some seconds after the end of the load: the copy is what a power cut leaves at
-that moment. It is mounted and read. After a load by the program every file is the restored one, whole, and
-the storage loads. The library syncs nothing (quirk Q65): a load by it alone has to lose files right after
-its end, or else the cut shows nothing.
+The configuration, the failover files and the storage are on a file system in an image file, mounted with
+options that promise little. The image is copied while it is mounted: the copy is what a power cut leaves at
+that moment. It is mounted in the place of the first one, and the second library recovers.
 
-Where there are no loop devices the campaign is skipped, with status 77.
+- After a restore that reported success every file is the restored one, whole, at every moment, and the
+  storage loads.
+- In the middle of a restore, which is stopped at its system calls: the files are those of before, in the
+  same inodes, or those of after.
+
+The first library syncs nothing (quirk Q65): a load by it alone has to lose files right after its end, or
+else the cut shows nothing. Where there are no loop devices the campaign is skipped, with status 77.
 """
 
+import os
 import pathlib
+import signal
 import subprocess
 import sys
 import time
 
+from disk_model import described, difference, read_tree
 from gateway import ETC, Gateway, main, require
-from stored import found_by_library, found_by_program
+from stored import found_by_library
 
 PLACE = pathlib.Path("/mnt/power")
+OPTIONS = ["data=ordered", "noauto_da_alloc", "data=writeback"]
+CALLS = "fsync,fdatasync,syncfs,renameat2,unlinkat,mkdirat"
 
 
 def call(*words):
@@ -29,18 +38,18 @@ def call(*words):
 
 
 class Disk:
-    """A new ext4 in an image file."""
+    """A new ext4 in an image file, and copies of it."""
 
-    def __init__(self):
+    def __init__(self, options="data=ordered"):
         PLACE.mkdir(exist_ok=True)
-        self.image, self.place, self.copies = PLACE / "image", PLACE / "disk", {}
+        self.image, self.place, self.copies, self.options = PLACE / "image", PLACE / "disk", 0, options
 
     def __enter__(self):
         self.place.mkdir(exist_ok=True)
         with self.image.open("wb") as image:
             image.truncate(64 << 20)
         call("mkfs.ext4", "-q", "-F", self.image)
-        call("mount", "-o", "loop", self.image, self.place)
+        call("mount", "-o", f"loop,{self.options}", self.image, self.place)
         (self.place / "etc").mkdir()
         call("mount", "--bind", self.place / "etc", ETC)
         return self
@@ -49,57 +58,102 @@ class Disk:
         for place in (ETC, self.place):
             subprocess.run(["umount", place], check=False)
 
-    def cut(self, seconds):
-        copy = PLACE / f"copy{seconds}"
+    def cut(self):
+        self.copies += 1
+        copy = PLACE / f"copy{self.copies}"
         call("cp", "--sparse=always", self.image, copy)
         return copy
 
-
-def read_after(gateway, copy):
-    """Mounts a copy. Its restored files, and what the library and the program find in its storage."""
-    place = PLACE / "after"
-    place.mkdir(exist_ok=True)
-    call("mount", "-o", "loop", copy, place)
-    try:
-        root = place / gateway.root.name
-        found = {}
-        for name in gateway.expected_files(""):
-            for directory in (root / "config", place / "etc"):
-                if (directory / name).is_file():
-                    found[name] = (directory / name).read_bytes()
-        stored = (found_by_library(gateway, state=root / "state"),
-                  found_by_program(gateway, "weekly", state=root / "state"))
-        return found, stored
-    finally:
-        call("umount", place)
-        copy.unlink()
+    def replace(self, image):
+        """Mounts another image in the place of this one."""
+        self.__exit__()
+        call("mount", "-o", f"loop,{self.options}", image, self.place)
+        call("mount", "--bind", self.place / "etc", ETC)
 
 
-def cut_after(gateway, disk, load, delays, size):
-    """For each delay, how many files are not whole after a power cut then."""
-    gateway.write_configuration("new", size)
-    call("sync", "-f", disk.place)
-    load()
-    end = time.monotonic()
-    copies = []
-    for delay in delays:
-        time.sleep(max(0, end + delay - time.monotonic()))
-        copies.append(disk.cut(delay))
-    expected = gateway.expected_files("old", size)
-    lost = []
-    for copy in copies:
-        found, stored = read_after(gateway, copy)
-        lost.append(sum(found.get(name) != contents for name, contents in expected.items()))
-        for rows in stored:
-            require(list(rows.values()) == [expected], "the storage did not survive")
-    return lost
+def live(gateway, numbers=False):
+    """The configuration and the failover files as they are."""
+    roots = [str(gateway.config), str(ETC)]
+    return described(roots, read_tree(roots)[0], numbers)
 
 
-def load_by_program(gateway):
-    result = subprocess.run([gateway.confsave, "load", "weekly", "--yes"], env=gateway.environment(),
-                            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60,
-                            check=False)
-    require(result.returncode == 0, "confsave load:", result.returncode, result.stderr)
+class Restore:
+    """One restore on a disk, and the copies that were made meanwhile."""
+
+    def __init__(self, gateway, disk, size):
+        gateway.write_configuration("old", size)
+        gateway.do("typed-save", "weekly")
+        gateway.write_configuration("new", size)
+        call("sync", "-f", disk.place)
+        self.gateway, self.disk = gateway, disk
+        self.old, self.expected = live(gateway, True), gateway.expected_files("old", size)
+        self.during, self.after = [], []
+
+    def stop_at(self, calls, keep):
+        """Runs the restore, and stops it after each of the calls; copies the image where `keep` says so."""
+        trace = self.gateway.root.parent.parent / "trace"
+        tracer = ["strace", "-o", str(trace), "-e", f"trace={calls}", "-e", f"inject={calls}:signal=STOP"]
+        trace.write_bytes(b"")
+        process = self.gateway.start("typed-load", "weekly", "no-keep", prefix=tracer)
+        stops = 0
+        while process.poll() is None:
+            if trace.read_bytes().count(b"--- stopped by SIGSTOP") == stops:
+                time.sleep(0.001)
+                continue
+            if keep(stops):
+                self.during.append((stops, self.disk.cut()))
+            stops += 1
+            children = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children")
+            for child in children.read_text("ascii").split():
+                os.kill(int(child), signal.SIGCONT)
+        require(process.returncode == 0, "the restore failed:", process.stdout.read())
+        return stops
+
+    def cut_after(self, delays):
+        """From now on."""
+        end = time.monotonic()
+        for delay in delays:
+            time.sleep(max(0, end + delay - time.monotonic()))
+            self.after.append((delay, self.disk.cut()))
+
+    def check(self):
+        """Recovers on each copy. How many of those from the middle of the restore have the new files."""
+        new, found = live(self.gateway), [0, 0]
+        for moment, copies in (("at stop", self.during), ("seconds", self.after)):
+            for number, copy in copies:
+                self.disk.replace(copy)
+                try:
+                    is_new = self.recover(new)
+                    require(is_new or copies is self.during, "success was reported, and lost")
+                    found[is_new] += copies is self.during
+                except Exception as failure:
+                    raise type(failure)(f"{moment} {number}, {self.disk.options}: {failure}") from failure
+                copy.unlink()
+        return found
+
+    def recover(self, new):
+        self.gateway.do("typed-recover")
+        self.gateway.do("typed-verify")
+        stored = found_by_library(self.gateway, "weekly")
+        require(list(stored.values()) == [self.expected], "the storage did not survive")
+        is_new = live(self.gateway) == new
+        if not is_new:
+            wrong = difference(self.old, live(self.gateway, True))
+            require(not wrong, "neither before nor after:", wrong, difference(new, live(self.gateway)))
+        return is_new
+
+
+def lost_by_library(program):
+    """How many files are not whole when the power fails right after a load by the first library."""
+    with Disk() as disk, Gateway(program, parent=disk.place) as gateway:
+        restore = Restore(gateway, disk, 0)
+        gateway.do("load", "weekly")
+        new = live(gateway)
+        disk.replace(disk.cut())
+        found = live(gateway)
+        lost = [path for path, file in new.items() if path not in found or found[path][3] != file[3]]
+        require(lost, "a load without a sync lost nothing: the cut does not bite")
+        return len(lost), len(restore.expected)
 
 
 def skip_without_loop_devices():
@@ -115,21 +169,19 @@ def skip_without_loop_devices():
 
 def campaign(program, full, source):
     skip_without_loop_devices()
-    delays = [0, 2, 5, 10, 36] if full else [0, 2]
     figures = []
-    for size in (0, 300000) if full else (0,):
-        with Disk() as disk, Gateway(program, parent=disk.place) as gateway:
-            gateway.write_configuration("old", size)
-            gateway.do("save", "weekly")
-            files = len(gateway.expected_files(""))
-            alone = cut_after(gateway, disk, lambda g=gateway: g.do("load", "weekly"), [0], size)
-            require(alone[0] > 0, "a load without a sync lost nothing: the cut does not bite")
-            lost = cut_after(gateway, disk, lambda g=gateway: load_by_program(g), delays, size)
-            require(not any(lost), "after a load by the program, files that are not whole:",
-                    dict(zip(delays, lost)), "of", files)
-            figures.append(f"files of {size + 20} bytes: {len(delays)} power cuts after a load by the "
-                           f"program, no file lost; after one by the library alone {alone[0]} of {files}")
-    return "; ".join(figures)
+    for options in OPTIONS if full else [source.choice(OPTIONS)]:
+        for size in (0, 300000) if full else (0,):
+            with Disk(options) as disk, Gateway(program, parent=disk.place) as gateway:
+                restore = Restore(gateway, disk, size)
+                stops = restore.stop_at(CALLS, lambda _: full or source.random() < 0.1)
+                restore.cut_after([0, 1, 2, 5, 10, 20, 36] if full else [0])
+                before, after = restore.check()
+                figures.append(f"{options}, files of {size + 20} bytes: {before + after} power cuts at "
+                               f"{stops} system calls, {before} before and {after} after; "
+                               f"{len(restore.after)} after success, no file lost")
+    lost, of = lost_by_library(program)
+    return "; ".join(figures) + f"; after a load by the library alone {lost} of {of} files lost"
 
 
 main(campaign)

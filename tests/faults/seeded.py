@@ -20,7 +20,7 @@ import tempfile
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PROGRAMS = ["databases", "floor-memory", "memory", "snapshots-tests"]
 SKIPPED, SHORT = 77, ["hot-journal-deleted", "fetch-out-of-memory", "failed-cp-ignored"]
-TARGETS = ["operate", "locker", "confsave-console", *PROGRAMS]
+TARGETS = ["operate", "inodes", "locker", "confsave-console", *PROGRAMS]
 
 
 def copy_tree(target):
