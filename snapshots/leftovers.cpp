@@ -3,9 +3,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <optional>
+#include <set>
 
 #include "places.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/journal.h"
 #include "snapshots/lock.h"
 
 namespace ConfSave::snapshots {
@@ -20,13 +23,35 @@ bool is_made_name(const std::string& name) {
          has("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789");
 }
 
+bool is_staging_name(const std::string& name) {
+  const std::string prefix = ".confsave-restore-";
+  constexpr std::size_t kDigits = 16;
+  return name.size() == prefix.size() + kDigits && name.compare(0, prefix.size(), prefix) == 0 &&
+         name.find_first_not_of("0123456789abcdef", prefix.size()) == std::string::npos;
+}
+
+/// The paths of the staging directories that the journal knows. No value if it cannot be read: a recovery
+/// may need every one that is there.
+std::optional<std::set<std::string>> known_staging(const Deadline& deadline) {
+  std::set<std::string> known;
+  Result<std::optional<Journal>> journal = Journal::open(deadline.left());
+  if (!journal) return {};
+  if (!*journal) return known;
+  const Result<std::optional<Record>> record = (*journal)->read();
+  if (!record) return {};
+  if (!*record) return known;
+  for (const Root& root : (*record)->roots) known.insert(root.path + root.staging);
+  return known;
+}
+
 /// Appends the entries of `directory` of this kind and mode. A directory that cannot be read has none.
-void look_in(std::string directory, mode_t kind_and_mode, std::vector<std::string>& found) {
+void look_in(std::string directory, mode_t kind_and_mode, bool (*is_name)(const std::string&),
+             std::vector<std::string>& found) {
   if (directory.empty() || directory.back() != '/') directory += '/';
   const Directory opened(opendir(directory.c_str()));
   if (opened == nullptr) return;
   while (const dirent* entry = readdir(opened.get())) {
-    if (!is_made_name(entry->d_name)) continue;
+    if (!is_name(entry->d_name)) continue;
     struct stat status = {};
     if (lstat((directory + entry->d_name).c_str(), &status) != 0) continue;
     const bool is_ours = status.st_uid == geteuid() || status.st_uid == 0;
@@ -36,12 +61,19 @@ void look_in(std::string directory, mode_t kind_and_mode, std::vector<std::strin
 
 }  // namespace
 
-std::vector<std::string> leftovers() {
+std::vector<std::string> leftovers(const Deadline& deadline) {
   std::vector<std::string> found;
   if (Lock::is_taken()) return found;
-  look_in(config_directory(), S_IFDIR | S_IRWXU, found);
-  look_in(kFailoverDirectory, S_IFDIR | S_IRWXU, found);
-  look_in(temporary_directory(), S_IFREG | S_IRUSR | S_IWUSR, found);
+  const std::optional<std::set<std::string>> known = known_staging(deadline);
+  for (const std::string& destination : {config_directory(), std::string(kFailoverDirectory)}) {
+    look_in(destination, S_IFDIR | S_IRWXU, is_made_name, found);
+    if (known) look_in(destination, S_IFDIR | S_IRWXU, is_staging_name, found);
+  }
+  look_in(temporary_directory(), S_IFREG | S_IRUSR | S_IWUSR, is_made_name, found);
+  if (known) {
+    const auto is_known = [&known](const std::string& path) { return known->count(path) != 0; };
+    found.erase(std::remove_if(found.begin(), found.end(), is_known), found.end());
+  }
   std::sort(found.begin(), found.end());
   return found;
 }

@@ -14,6 +14,7 @@
 #include "snapshots/boundary.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/leftovers.h"
+#include "snapshots/sentence.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -51,8 +52,24 @@ int64 look_at_rows(const Snapshots& rows, Status& status) {
   return largest;
 }
 
-void look_for_leftovers(Status& status) {
-  for (const std::string& path : leftovers()) {
+/// A journal that cannot be read may hide one. Only who holds its lock is waited for, and reported.
+Error look_for_a_restore(const Deadline& deadline, Status& status) {
+  const Result<std::optional<Unfinished>> found = unfinished(ReadOptions{deadline.left()});
+  if (!found) {
+    if (found.error().code == Code::busy) return found.error();
+    status.attention.push_back({"interrupted", sentence(found.error())});
+  } else if (*found) {
+    const std::string restore = "the restore of " + quoted((*found)->name);
+    status.attention.push_back(
+        (*found)->is_pending
+            ? Attention{"pending", restore + " waits for its check"}
+            : Attention{"interrupted", restore + " was interrupted: run 'confsave recover'"});
+  }
+  return {};
+}
+
+void look_for_leftovers(const Deadline& deadline, Status& status) {
+  for (const std::string& path : leftovers(deadline)) {
     status.attention.push_back(
         {"leftovers", quoted(path) + " is left from a process that was killed: remove it"});
   }
@@ -95,12 +112,14 @@ Error look_at_space(int64 largest, Status& status) {
 }
 
 Result<Status> look(const ReadOptions& options) {
+  const Deadline deadline(options.wait);
   Query query;
-  query.wait = options.wait;
+  query.wait = deadline.left();
   const Result<Snapshots> rows = list(query);
   if (!rows) return rows.error();
   Status status;
-  look_for_leftovers(status);
+  if (Error error = look_for_a_restore(deadline, status); error.code != Code::ok) return error;
+  look_for_leftovers(deadline, status);
   look_for_failover_files(status);
   look_for_readers(status);
   const int64 largest = look_at_rows(*rows, status);

@@ -85,6 +85,50 @@ TEST_F(StatusTest, LeftoversOfKilledProcesses) {
   EXPECT_EQ(attention(), Texts());
 }
 
+TEST_F(StatusTest, ARestoreThatIsNotFinished) {
+  ASSERT_TRUE(save({"typed"}));
+  shell("rm " + config_dir() + "gw1.conf");
+  RestoreOptions options;
+  options.keep = false;
+  options.check = [this] {
+    EXPECT_EQ(attention(), Texts{"pending: the restore of 'typed' waits for its check"});
+    // The journal as it is now is what a power cut would leave.
+    shell("cp -a " + state_dir() + " " + root() + "/then; cd " + config_dir() +
+          " && cp -a .confsave-restore-* " + root() + "/then");
+    return true;
+  };
+  EXPECT_TRUE(restore({"typed"}, options));
+  EXPECT_EQ(attention(), Texts());
+  shell("cp -a " + root() + "/then/restore.db* " + state_dir() + "; mv " + root() +
+        "/then/.confsave-restore-* " + config_dir());
+  EXPECT_EQ(attention(),
+            Texts{"interrupted: the restore of 'typed' was interrupted: run 'confsave recover'"});
+  shell("rm -r " + config_dir() + ".confsave-restore-*; rm " + state_dir() + "/restore.db*");
+  EXPECT_EQ(attention(), Texts());
+  write_file(state_dir() + "/restore.db", std::string(5000, 'x'));
+  const Texts found = attention();
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found[0].find("interrupted: <root>/state/restore.db: "), 0U) << found[0];
+}
+
+TEST_F(StatusTest, StagingDirectoriesThatNoJournalKnows) {
+  for (const std::string& dir : {config_dir(), etc_dir()}) {
+    for (const char* name : {".confsave-restore-0123456789abcdef", ".confsave-restore-0123456789abcde",
+                             ".confsave-restore-0123456789abcdefa", ".confsave-restore-0123456789abcdeg",
+                             ".confsave-0123456789abcdef", "confsave-restore-0123456789abcdef"}) {
+      mkdir((dir + name).c_str(), 0700);
+    }
+  }
+  const std::string killed = " is left from a process that was killed: remove it";
+  EXPECT_EQ(attention(), (Texts{"leftovers: '/mnt/main/etc/.confsave-restore-0123456789abcdef'" + killed,
+                                "leftovers: '<root>/config/.confsave-restore-0123456789abcdef'" + killed}));
+  // Recovery may need them.
+  write_file(state_dir() + "/restore.db", std::string(5000, 'x'));
+  EXPECT_EQ(attention().size(), 1U);
+  shell("cd " + config_dir() + " && rm -r .confsave-* confsave-*; cd " + etc_dir() +
+        " && rm -r .confsave-* confsave-*");
+}
+
 TEST_F(StatusTest, MissingFailoverFiles) {
   shell("rm " + etc_dir() + "failover.ini " + etc_dir() + "failoverd-config.crg");
   EXPECT_EQ(attention(),
