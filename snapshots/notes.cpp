@@ -13,11 +13,26 @@ constexpr int64 kLayout = 2;
 /// The first one with parents of members.
 constexpr int64 kParentLayout = 2;
 
+/// A manifest may have very many members, and a save should not take much longer.
+constexpr std::size_t kMostSwept = 4;
+
 constexpr const char* kNoteTable =
     "create table note (id integer primary key, saved integer not null, keybase integer not null, "
     "etc integer not null, comment text not null, author text not null, pinned integer not null); ";
 
 std::string notes_file() { return state_directory() + "/notes.db"; }
+
+/// Whether what begins with the columns id, saved, keybase and etc is about `snapshot`.
+bool belongs(const Statement& row, const Snapshot& snapshot) {
+  return row.number(0) == snapshot.id && row.number(1) == snapshot.config.save_time &&
+         row.number(2) == snapshot.keybase_size && row.number(3) == snapshot.etc_size;
+}
+
+std::map<int64, const Snapshot*> by_id(const Snapshots& snapshots) {
+  std::map<int64, const Snapshot*> rows;
+  for (const Snapshot& snapshot : snapshots) rows[snapshot.id] = &snapshot;
+  return rows;
+}
 
 }  // namespace
 
@@ -97,8 +112,7 @@ Result<std::map<int64, Note>> Notes::read(const Snapshots& snapshots) {
   Result<Statement> statement =
       database_.prepare("select id, saved, keybase, etc, comment, author, pinned from note");
   if (!statement) return statement.error();
-  std::map<int64, const Snapshot*> rows;
-  for (const Snapshot& snapshot : snapshots) rows[snapshot.id] = &snapshot;
+  const std::map<int64, const Snapshot*> rows = by_id(snapshots);
   std::map<int64, Note> notes;
   for (;;) {
     const int code = statement->step();
@@ -106,11 +120,8 @@ Result<std::map<int64, Note>> Notes::read(const Snapshots& snapshots) {
     if (code != SQLITE_ROW) return database_.error();
     const auto row = rows.find(statement->number(0));
     if (row == rows.end()) continue;
-    const Snapshot& snapshot = *row->second;
-    const bool belongs = statement->number(1) == snapshot.config.save_time &&
-                         statement->number(2) == snapshot.keybase_size &&
-                         statement->number(3) == snapshot.etc_size;
-    if (belongs) notes[snapshot.id] = {statement->text(4), statement->text(5), statement->number(6) != 0};
+    if (!belongs(*statement, *row->second)) continue;
+    notes[row->first] = {statement->text(4), statement->text(5), statement->number(6) != 0};
   }
 }
 
@@ -169,6 +180,33 @@ Error Notes::forget(int64 id) {
     const Error error = make_tables();
     return error.code == Code::ok ? remove(id) : error;
   });
+}
+
+Error Notes::sweep(const Snapshots& rows) {
+  return in_transaction([&]() -> Error {
+    const Result<std::vector<int64>> strangers = find_strangers(rows);
+    if (!strangers) return strangers.error();
+    for (const int64 id : *strangers) {
+      if (Error error = delete_manifest(database_, id); error.code != Code::ok) return error;
+    }
+    return {};
+  });
+}
+
+Result<std::vector<int64>> Notes::find_strangers(const Snapshots& snapshots) {
+  const std::map<int64, const Snapshot*> rows = by_id(snapshots);
+  std::vector<int64> strangers;
+  Result<Statement> statement = database_.prepare("select id, saved, keybase, etc from manifest");
+  if (!statement) return statement.error();
+  while (strangers.size() < kMostSwept) {
+    const int code = statement->step();
+    if (code == SQLITE_DONE) break;
+    if (code != SQLITE_ROW) return database_.error();
+    const auto row = rows.find(statement->number(0));
+    const bool is_known = row != rows.end() && belongs(*statement, *row->second);
+    if (!is_known) strangers.push_back(statement->number(0));
+  }
+  return strangers;
 }
 
 Error Notes::remove(int64 id) {

@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "snapshots/database.h"
 #include "snapshots/deadline.h"
@@ -52,6 +53,10 @@ class Notes {
   /// Forgets everything about the row `id`, durably.
   Error forget(int64 id);
 
+  /// Deletes manifests that belong to none of `rows`, a few in each call: another program deletes rows
+  /// without them. Notes stay: they are small, and the storage may be another one for a while.
+  Error sweep(const Snapshots& rows);
+
  private:
   explicit Notes(Database database) : database_(std::move(database)) {}
 
@@ -68,6 +73,8 @@ class Notes {
   Error read_and_replace(const Snapshot& snapshot, const std::function<void(Note&)>& change);
   Error replace(const Snapshot& snapshot, const Note& note);
   Error remove(int64 id);
+  /// The ids of manifests that belong to none of `snapshots`, not too many.
+  Result<std::vector<int64>> find_strangers(const Snapshots& snapshots);
   Error in_transaction(const std::function<Error()>& change);
 
   Database database_;

@@ -58,11 +58,12 @@ class Saving {
     query.wait = deadline_.left();
     Result<Snapshots> all = list(query);
     if (!all) return all.error();
-    for (Snapshot& snapshot : *all) {
+    for (const Snapshot& snapshot : *all) {
       const Config& config = snapshot.config;
       if (config.name == id_.name && config.vers == id_.version) old_ = snapshot;
-      if (config.type == options_.type && config.name != kPacketFilter) newest_ = std::move(snapshot);
+      if (config.type == options_.type && config.name != kPacketFilter) newest_ = snapshot;
     }
+    rows_ = std::move(*all);
     return {};
   }
 
@@ -165,13 +166,18 @@ class Saving {
   Error write_notes(const Note& note, const Manifest& manifest) {
     Result<Notes> notes = Notes::open_to_write(deadline_.left());
     if (!notes) return notes.error();
-    return notes->replace_manifest(saved_.snapshot, note, manifest, replaced_id_);
+    Error error = notes->replace_manifest(saved_.snapshot, note, manifest, replaced_id_);
+    rows_.push_back(saved_.snapshot);
+    // What fails here is done by a later save.
+    if (error.code == Code::ok) static_cast<void>(notes->sweep(rows_));
+    return error;
   }
 
   const Id& id_;
   const SaveOptions& options_;
   const Deadline& deadline_;
   std::string author_;
+  Snapshots rows_;
   std::optional<Snapshot> old_;
   std::optional<Snapshot> newest_;
   int64 replaced_id_ = 0;

@@ -76,6 +76,8 @@ TEST_F(Keep, WhatIsNoCopyDoesNotCount) {
   storage.run("delete from Config where name <> 'weekly'");
   for (const char* sql : {"update Config set type = 2", "update Config set version = 0",
                           "update Config set save_time = save_time - 1"}) {
+    // The save sweeps a manifest that belongs to no row.
+    const std::string notes = read_file(notes_file());
     storage.run("begin");
     storage.run("create temp table before as select * from Config");
     storage.run(sql);
@@ -84,6 +86,7 @@ TEST_F(Keep, WhatIsNoCopyDoesNotCount) {
     storage.run("delete from Config");
     storage.run("insert into Config select * from before");
     storage.run("drop table before");
+    write_file(notes_file(), notes);
     EXPECT_EQ(kept(), "weekly") << sql;
   }
   shell("rm " + notes_file());

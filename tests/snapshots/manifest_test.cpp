@@ -209,6 +209,28 @@ TEST_F(ManifestTest, AnUpdateThatFailsChangesNothing) {
   EXPECT_EQ(row().comment, "x");
 }
 
+TEST_F(ManifestTest, ASaveSweepsThoseOfRowsThatAreGone) {
+  for (int i = 0; i < 6; ++i) EXPECT_TRUE(save({"typed-" + std::to_string(i)}));
+  EXPECT_EQ(note({"typed-0"}, "stays").code, Code::ok);
+  const test::Database storage(database());
+  storage.run("create table was as select * from Config");
+  storage.run("delete from Config where name like 'typed-%' and name <> 'typed-5'");
+  storage.run("update Config set save_time = save_time - 1 where name = 'typed-5'");
+  const test::Database notes(notes_file());
+  for (const char* left : {"3", "2"}) {
+    EXPECT_TRUE(save({"next-" + std::string(left)}));
+    EXPECT_EQ(notes.value("select count(*) from manifest"), left);
+  }
+  for (const char* table : {"member", "parent"}) {
+    EXPECT_EQ(notes.value("select count(distinct manifest) from " + std::string(table)), "2") << table;
+  }
+  EXPECT_TRUE(stored("next-3"));
+  EXPECT_TRUE(stored("next-2"));
+  // The storage may have been another one for a while.
+  storage.run("insert into Config select * from was where name = 'typed-0'");
+  EXPECT_EQ(row("typed-0").comment, "stays");
+}
+
 TEST_F(ManifestTest, NoteAndManifestAreWrittenTogetherOrNotAtAll) {
   EXPECT_EQ(writable().replace_manifest(row(), {"old", "", false}, present()).code, Code::ok);
   Manifest twice = present();
