@@ -25,12 +25,12 @@ Error not_found(const std::string& name) {
 Result<Snapshot> row_of(const Id& id, StorageReader& reader) {
   Query query;
   query.pattern = literally(id.name);
-  query.version = id.version;
   query.corlu_config = true;
   Snapshots rows;
   Error error = reader.for_each(query, [&](Snapshot snapshot) {
-    // SQLite's glob ends at a NUL byte.
-    if (snapshot.config.name == id.name) rows.push_back(std::move(snapshot));
+    // SQLite's glob ends at a NUL byte, and a version of another type equals no number.
+    const Config& config = snapshot.config;
+    if (config.name == id.name && config.vers == id.version) rows.push_back(std::move(snapshot));
     return Error{};
   });
   if (error.code != Code::ok) return error;
@@ -65,10 +65,11 @@ Error choose_overwriting(Database& storage, bool disk_is_full) {
   return *layout != 0 || disk_is_full ? storage.run("pragma secure_delete=off") : Error{};
 }
 
-/// Within a transaction.
+/// Within a transaction. Values of other types than the table's count as what they are listed as.
 Error delete_row(Database& storage, const Snapshot& row) {
-  Result<Statement> statement =
-      storage.prepare("delete from Config where id = ? and name = ? and version = ?");
+  Result<Statement> statement = storage.prepare(
+      "delete from Config where id = ? and cast(name as text) = ? and "
+      "ifnull(cast(version as integer), 0) = ?");
   if (!statement) return statement.error();
   statement->bind(row.id).bind(row.config.name).bind(row.config.vers);
   if (statement->step() != SQLITE_DONE) return storage.error();

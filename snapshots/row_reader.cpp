@@ -22,7 +22,12 @@ Error find_rowid(OpenRow& row) {
   Result<Statement> statement = row.reader.database().prepare(
       "select rowid from Config where id = ? and cast(name as text) = ? and "
       "ifnull(cast(version as integer), 0) = ?");
-  if (!statement) return statement.error();
+  if (!statement) {
+    // The columns were listed already.
+    Error error = statement.error();
+    if ((error.number & 0xff) == SQLITE_ERROR) error.text = "the table 'Config' is one without row ids";
+    return error;
+  }
   statement->bind(row.snapshot.id).bind(row.snapshot.config.name).bind(row.snapshot.config.vers);
   const int code = statement->step();
   if (code == SQLITE_DONE) return not_found(row.snapshot.config.name);

@@ -25,13 +25,14 @@ const char* order_of(Query::Order order) {
   return "id";
 }
 
+/// A name that another program stored as a blob is a name too; SQLite matches only texts.
 std::string text_of(const Query& query) {
   std::string text =
       "select id, name, version, type, save_time, load_time, "
-      "ifnull(length(keybase), 0), ifnull(length(etc), 0) from Config where name glob ?";
+      "ifnull(length(keybase), 0), ifnull(length(etc), 0) from Config where cast(name as text) glob ?";
   if (query.version) text += " and version = ?";
   if (query.up_to) text += " and version <= ?";
-  if (!query.corlu_config) text += " and name <> 'corlu-config'";
+  if (!query.corlu_config) text += " and cast(name as text) <> 'corlu-config'";
   return text + " order by " + order_of(query.order);
 }
 

@@ -176,6 +176,22 @@ TEST_F(Reading, ADigestIsThatOfTheContent) {
   FAIL() << "the member is missing";
 }
 
+TEST_F(Reading, ATableWithoutRowIdsIsListedOnly) {
+  make_configuration();
+  save("weekly");
+  const Database storage(database());
+  storage.run("alter table Config rename to was");
+  storage.run(
+      "create table Config (id integer primary key, name text, version integer, keybase blob, etc blob, "
+      "type integer, save_time integer, load_time integer) without rowid");
+  storage.run("insert into Config select * from was");
+  EXPECT_EQ(list()->size(), 1U);
+  const auto result = members({"weekly"});
+  ASSERT_FALSE(result);
+  EXPECT_EQ(result.error().code, Code::no_storage);
+  EXPECT_EQ(result.error().text, "the table 'Config' is one without row ids");
+}
+
 TEST_F(Reading, VerifySaysWhatIsWrong) {
   make_configuration();
   save("weekly");

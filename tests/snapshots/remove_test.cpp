@@ -166,6 +166,21 @@ TEST_F(RemoveTest, WhatIsNoStorageIsRefused) {
   EXPECT_EQ(query("select count(*) from Stored"), Rows{{"1"}});
 }
 
+TEST_F(RemoveTest, ValuesOfOtherTypesAreWhatTheyAreListedAs) {
+  put({"daily", kCurrent});
+  put({"yearly", kCurrent});
+  const Database storage(database());
+  storage.run("update Config set name = cast(name as blob) where name = 'weekly'");
+  storage.run("update Config set version = cast('17264017408x' as text) where name = 'daily'");
+  for (const char* name : {"weekly", "daily"}) {
+    Query query;
+    query.pattern = name;
+    EXPECT_TRUE(find(query)) << name;
+    EXPECT_EQ(snapshots::remove({name}).code, Code::ok) << name;
+  }
+  EXPECT_EQ(names(), Texts{"yearly@" + kCurrentText});
+}
+
 TEST_F(RemoveTest, SeveralRowsOfOneIdAreNotDeleted) {
   const Database storage(database());
   storage.run("drop table Config");
