@@ -238,6 +238,7 @@ class ArchiveReading {
     switch (archive_entry_filetype(entry)) {
       case AE_IFREG:
         current_.size = archive_entry_size(entry);
+        has_holes_ = archive_entry_sparse_count(entry) > 0;
         return {};
       case AE_IFDIR:
         current_.kind = Kind::directory;
@@ -276,9 +277,14 @@ class ArchiveReading {
   }
 
   Error finish_content() {
-    if (delivered_ <= current_.size) return deliver_zeros_up_to(current_.size);
-    // The map of a sparse file reaches beyond its size.
-    return {Code::damaged, 0, printable(current_.path), "the content is longer than the header says"};
+    const bool is_longer = delivered_ > current_.size;
+    const bool is_whole = delivered_ == current_.size || has_holes_;
+    if (!is_longer && is_whole) return deliver_zeros_up_to(current_.size);
+    // The map of a sparse file reaches beyond its size, or a record names a size that the content of a file
+    // without holes does not have: tar and libarchive restore different files.
+    const char* how = is_longer ? "longer" : "shorter";
+    return {Code::damaged, 0, printable(current_.path),
+            "the content is " + std::string(how) + " than the header says"};
   }
 
   /// The holes of a sparse file are not in the packed bytes.
@@ -320,6 +326,7 @@ class ArchiveReading {
   Paths paths_;
   Entry current_;
   int64 delivered_ = 0;  ///< bytes of the current file
+  bool has_holes_ = false;
   int64 count_ = 0;
   int64 content_size_ = 0;
 };

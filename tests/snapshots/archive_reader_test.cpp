@@ -92,6 +92,28 @@ TEST_F(ArchiveReader, ASparseFileIsNoLongerThanItsHeaderSays) {
   EXPECT_EQ(last.code, Code::damaged);
 }
 
+TEST_F(ArchiveReader, ARecordOfAnotherSizeIsRefused) {
+  for (const char* record : {"SCHILY.realsize:=11", "SCHILY.realsize:=100", "SCHILY.realsize:=5"}) {
+    ASSERT_EQ(
+        shell("cd " + root() +
+              " && printf 'hello world' > f && tar czf t.gz --format=pax --pax-option=" + record + " f"),
+        0);
+    const std::string answer = read(read_file(root() + "/t.gz"));
+    const std::string size = record + std::string("SCHILY.realsize:=").size();
+    const std::string how = size == "5" ? "longer" : "shorter";
+    EXPECT_EQ(answer, size == "11" ? "" : "f: the content is " + how + " than the header says") << record;
+  }
+}
+
+TEST_F(ArchiveReader, AFileOfHolesOnlyIsWhole) {
+  for (const char* format : {"gnu", "posix"}) {
+    ASSERT_EQ(shell("cd " + root() + " && truncate -s 5000 s && tar cSzf t.gz --format=" + format + " s"),
+              0);
+    EXPECT_EQ(read(read_file(root() + "/t.gz")), "") << format;
+    EXPECT_EQ(seen.back(), "file 0644 s [" + std::string(5000, '\0') + "]") << format;
+  }
+}
+
 TEST_F(ArchiveReader, LongAndOddNamesAreBytes) {
   const std::string name = std::string(200, 'n') + "\xff\xfe\t" + std::string(20, 'o');
   for (const char* format : {"gnu", "posix"}) {
