@@ -10,10 +10,10 @@ changes any part that keeps these rules, which are the assumptions about a file 
   was done.
 - A rename is done or not done, also between two directories, and so is an exchange: there is no moment
   without the name, or with one half.
-- A change of entries needs those before it that concern the same name in the same directory, or that gave
-  another name to the file that loses one. The removal of a directory needs that of its entries. All other
-  changes become durable in any order: also those in a directory whose own name is not durable, and what
-  is there then is lost.
+- A change of entries needs those before it that concern the same name in the same directory, that gave
+  another name to the file that loses one, or that moved the directory in which it works. The removal of a
+  directory needs that of its entries. All other changes become durable in any order: also those in a new
+  directory whose own name is not durable, and what is there then is lost.
 - Writes, truncations and attributes of a file become durable in any order, each alone. Of a write there
   may be any number of sectors from its beginning, or its length with zeros in the place of what lies
   behind the old end.

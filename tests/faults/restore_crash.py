@@ -126,9 +126,9 @@ BELOW = {"user", "hub", "station", "station/deep", "station/deep/one", "hub/out"
          "hub/old/key", "peer1", "peer1/address", "/failover.ini"}
 # What is asked for, which of the paths there are, and whether the file systems can exchange files. With few
 # files each is synced, with more the file system.
-SCENARIOS = {"files": (["no-keep"], FILES, True),
+SCENARIOS = {"everything": (["exact", "no-keep"], None, True),
+             "files": (["no-keep"], FILES, True),
              "directories": (["exact", "no-keep"], BELOW, True),
-             "everything": (["exact", "no-keep"], None, True),
              "without exchange": (["exact", "no-keep"], FILES | BELOW, False),
              "kept": ([], FILES, True),
              "checked": (["no-keep", "check=true"], FILES, True),
