@@ -56,7 +56,8 @@ TEST_F(RestoreTest, WritesOnlyWhatDiffers) {
   auto after = everything(true);
   for (const char* path :
        {"<config>/user/gateway.conf", "<config>/hub/out", "/mnt/main/etc/failover.ini"}) {
-    EXPECT_NE(after[path], before.at(path)) << path;
+    // A new file may get the inode of one that was deleted.
+    if (path != std::string("<config>/hub/out")) EXPECT_NE(after[path], before.at(path)) << path;
     after[path] = before.at(path);
   }
   EXPECT_EQ(after, before);
@@ -69,11 +70,13 @@ TEST_F(RestoreTest, AFailedCheckBringsBackTheVeryFiles) {
     EXPECT_EQ(everything(), saved_);
     const auto found = cs::unfinished();
     EXPECT_TRUE(found && *found && (*found)->is_pending && (*found)->name == "weekly");
-    EXPECT_EQ(cs::restore({"weekly"}).error().code, Code::pending);
-    EXPECT_EQ(cs::recover().error().code, Code::pending);
-    EXPECT_TRUE(cs::save({"meanwhile"}));
-    const auto all = cs::members({"meanwhile"});
-    for (const cs::Member& member : all ? *all : cs::Members()) {
+    EXPECT_EQ(refused().code, Code::pending);
+    const auto recovered = cs::recover();
+    EXPECT_TRUE(!recovered && recovered.error().code == Code::pending);
+    saved("meanwhile");
+    const auto members = cs::members({"meanwhile"});
+    if (!members) return ADD_FAILURE() << shown(members.error()), false;
+    for (const cs::Member& member : *members) {
       EXPECT_EQ(member.path.find(".confsave-restore-"), std::string::npos) << member.path;
     }
     return false;
