@@ -101,7 +101,7 @@ def verifications(typed, rounds):
 
 
 def make_packed(bench):
-    """The archives of the snapshot, and what `tar xzf` makes of them on the file system of the live files."""
+    """The archives of the snapshot as files, and a way to unpack them over the live files."""
     run = functools.partial(bench.run, "sqlite3", bench.root / "state/storage.db")
     run(f"select writefile('{bench.root}/k', keybase), writefile('{bench.root}/e', etc) from Config")
     k, e = bench.root / "k", bench.root / "e"

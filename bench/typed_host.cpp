@@ -1,7 +1,7 @@
 // The host of the second library that is measured: performs one operation.
 //
-//   bench-typed save NAME | save-if-changed NAME | open | show NAME | diff NAME | verify NAME | decode NAME |
-//               restore NAME | restore-and-keep NAME | plan NAME
+//   bench-typed save NAME | save-if-changed NAME | open | show NAME | diff NAME | verify NAME | decode NAME
+//   bench-typed restore NAME | restore-and-keep NAME | plan NAME
 //
 // "decode" only unpacks both archives, and only reads the files of the live configuration. With
 // BENCH_FIGURES=FILE it also writes, as JSON: the seconds of the operation, the most memory that the
