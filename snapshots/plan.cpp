@@ -64,17 +64,30 @@ class Planning {
 
  private:
   Error read_both() {
-    Result<std::map<std::string, Wanted>> wanted = read_wanted(row_, destinations_, progress());
-    if (!wanted) return wanted.error();
-    plan_.wanted = std::move(*wanted);
-    // Without a manifest, every file is read.
     const std::optional<Manifest> saved = find_manifest(row_.snapshot, deadline_);
     if (saved) parents_ = saved->parents;
-    const bool knows_files = saved && options_.target.empty();
-    Result<Tree> live = read_parts(parts(), knows_files ? &saved->tree : nullptr);
+    ContentCheck quick(ContentCheck::Digests::only_compared);
+    Error error = read_both(quick);
+    if (error.code != Code::ok || !needs_digests(quick)) return error;
+    ContentCheck thorough(ContentCheck::Digests::computed);
+    return read_both(thorough);
+  }
+
+  Error read_both(ContentCheck& check) {
+    Result<std::map<std::string, Wanted>> wanted = read_wanted(row_, destinations_, check, progress());
+    if (!wanted) return wanted.error();
+    plan_.wanted = std::move(*wanted);
+    Result<Tree> live = read_parts(parts(), check);
     if (!live) return live.error();
     plan_.live = std::move(live->members);
     return {};
+  }
+
+  bool needs_digests(const ContentCheck& check) const {
+    return std::any_of(plan_.wanted.begin(), plan_.wanted.end(), [&](const auto& wanted) {
+      const auto live = plan_.live.find(wanted.first);
+      return live != plan_.live.end() && check.needs_digests(wanted.second.member, live->second);
+    });
   }
 
   PackedProgress progress() const {

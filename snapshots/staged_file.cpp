@@ -25,7 +25,6 @@ StagedFile::StagedFile(int directory, const std::string& name)
 std::size_t StagedFile::to_block_end() const { return kBlock - static_cast<std::size_t>(size_) % kBlock; }
 
 bool StagedFile::add(std::string_view piece) {
-  sha256_.add(piece.data(), piece.size());
   while (!piece.empty()) {
     const std::string_view block = piece.substr(0, to_block_end());
     const bool skips = is_hole(block);

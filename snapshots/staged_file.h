@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "confsave/snapshots.h"
 #include "snapshots/descriptor.h"
-#include "snapshots/digest.h"
 
 namespace ConfSave::snapshots {
 
@@ -24,7 +24,6 @@ class StagedFile {
   bool finish();
 
   int64 size() const { return size_; }
-  Digest digest() { return sha256_.finish(); }
 
  private:
   std::size_t to_block_end() const;
@@ -33,7 +32,6 @@ class StagedFile {
 
   Descriptor file_;
   int64 size_ = 0;
-  Sha256 sha256_;
 };
 
 }  // namespace ConfSave::snapshots

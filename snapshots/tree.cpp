@@ -341,14 +341,11 @@ Result<Tree> read_tree(conftype type, const Limits& limits, std::vector<std::str
   return read(type, limits, known, unreadable);
 }
 
-Result<Tree> read_parts(const std::vector<TreePart>& parts, const Tree* saved) {
+Result<Tree> read_parts(const std::vector<TreePart>& parts, const KnownDigests& known) {
   const Limits limits;
-  std::optional<SavedDigests> known;
-  if (saved != nullptr) known.emplace(*saved);
-  Tree tree{now(), {}};
+  Tree tree{known.moment(), {}};
   for (const TreePart& part : parts) {
-    TreeReading reading(part.base, part.directory, limits, known ? &*known : nullptr, tree.members,
-                        nullptr);
+    TreeReading reading(part.base, part.directory, limits, &known, tree.members, nullptr);
     if (Error error = reading.run(part.paths, part.alone); error.code != Code::ok) return error;
   }
   return tree;

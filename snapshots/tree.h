@@ -63,7 +63,7 @@ struct TreePart {
   std::vector<std::string> alone;  ///< relative; a directory without what is below
 };
 
-/// The files at these paths, as read_tree reads them. With `saved`, as read_tree_since does.
-Result<Tree> read_parts(const std::vector<TreePart>& parts, const Tree* saved);
+/// The files at these paths, as read_tree reads them.
+Result<Tree> read_parts(const std::vector<TreePart>& parts, const KnownDigests& known);
 
 }  // namespace ConfSave::snapshots

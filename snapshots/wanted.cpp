@@ -14,12 +14,15 @@ namespace {
 /// Gathers what one archive restores.
 class Collecting {
  public:
-  Collecting(Base base, std::string destination)
+  Collecting(Base base, std::string destination, ContentCheck& check)
       : base_(base),
         prefix_(directory_of(base).size()),
         destination_(std::move(destination)),
-        reader_(base, OwnedBy::whom_a_restore_sets,
-                [this](Member member) { return add(std::move(member)); }) {}
+        reader_(
+            base, OwnedBy::whom_a_restore_sets, [this](Member member) { return add(std::move(member)); },
+            &check) {
+    check.enter(destination_);
+  }
 
   EntryHandler handler() { return reader_.handler(); }
 
@@ -81,13 +84,13 @@ bool is_of_packet_filter(const std::string& path) {
 }
 
 Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinations& destinations,
-                                                  const PackedProgress& progress) {
+                                                  ContentCheck& check, const PackedProgress& progress) {
   std::map<std::string, Wanted> wanted;
   std::vector<Column> columns = columns_of(row.snapshot.config.type);
   // Where both go into one directory, the configuration's files win.
   std::reverse(columns.begin(), columns.end());
   for (const Column& column : columns) {
-    Collecting collecting(column.base, destinations.of(column.base));
+    Collecting collecting(column.base, destinations.of(column.base), check);
     Error error = read_column(row, column, collecting.handler(), progress);
     if (error.code != Code::ok) return error;
     collecting.take(wanted);

@@ -28,9 +28,10 @@ struct Destinations {
 };
 
 /// Decodes both archives to the end. By path, except what a restore never brings back: the file of the
-/// running packet filter, and top-level names that begin with a dot.
+/// running packet filter, and top-level names that begin with a dot. `check` compares the content with the
+/// files at the destinations.
 Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinations& destinations,
-                                                  const PackedProgress& progress = {});
+                                                  ContentCheck& check, const PackedProgress& progress = {});
 
 /// The file of the running packet filter, wherever it is, is never restored, and never removed.
 bool is_of_packet_filter(const std::string& path);
