@@ -27,9 +27,11 @@ InterruptCatcher::~InterruptCatcher() { sigaction(SIGINT, &before_, nullptr); }
 
 bool interrupted() { return seen != 0; }
 
+void forget_interrupt() { seen = 0; }
+
 void note_interrupt() { seen = 1; }
 
-void wait_for_typed_line() {
+void wait_for_input() {
   if (isatty(STDIN_FILENO) == 0) return;
   // Held back until the wait: between the look at the flag and the wait it would be missed.
   sigset_t interrupt;

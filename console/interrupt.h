@@ -20,11 +20,13 @@ class InterruptCatcher {
 /// Whether an interrupt came since the last InterruptCatcher was made.
 bool interrupted();
 
+void forget_interrupt();
+
 /// Notes the interrupt that ended a command: the process itself ignores it meanwhile.
 void note_interrupt();
 
-/// Waits until a line was typed at the terminal, or an interrupt came. Returns at once if standard input is
-/// no terminal.
-void wait_for_typed_line();
+/// Waits until something was typed at the terminal, or an interrupt came. Returns at once if standard input
+/// is no terminal.
+void wait_for_input();
 
 }  // namespace console

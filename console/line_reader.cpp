@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <iostream>
 
-#include "shell_completion.h"
+#include "interrupt.h"
 
 namespace console {
 namespace {
@@ -22,12 +22,14 @@ std::string common_beginning(const Arguments& words) {
   return common;
 }
 
+LineReader::Completion completion_of_words = nullptr;
+
 /// The tab key: completes the word as far as it is clear, and lists the candidates when it is not.
 unsigned char complete(EditLine* editor, int) {
   const LineInfo* info = el_line(editor);
   const std::string line(info->buffer, info->cursor);
   const std::string begun = line.substr(line.find_last_of(" \t") + 1);
-  const Arguments words = shell_candidates(line, begun);
+  const Arguments words = completion_of_words(line, begun);
   if (words.empty()) return CC_ERROR;
   const std::string end = common_beginning(words).substr(begun.size()) + (words.size() == 1 ? " " : "");
   if (!end.empty()) return el_insertstr(editor, end.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
@@ -35,6 +37,15 @@ unsigned char complete(EditLine* editor, int) {
   for (const std::string& word : words) std::cout << word << '\n';
   std::cout.flush();
   return CC_REDISPLAY;
+}
+
+/// The editor's own way does not end at an interrupt. Returns the number of letters.
+int read_letter(EditLine*, wchar_t* letter) {
+  wait_for_input();
+  unsigned char byte = 0;
+  if (interrupted() || ::read(STDIN_FILENO, &byte, 1) != 1) return 0;
+  *letter = static_cast<wchar_t>(byte);
+  return 1;
 }
 
 std::string current_prompt;
@@ -50,7 +61,8 @@ void unbind_commands(EditLine* editor) {
 
 }  // namespace
 
-LineReader::LineReader() {
+LineReader::LineReader(Completion completion) {
+  completion_of_words = completion;
   if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) return;
   HistEvent event = {};
   history_ = history_init();
@@ -64,19 +76,20 @@ LineReader::LineReader() {
   el_set(editor_, EL_ADDFN, "complete", "Complete the word", complete);
   el_set(editor_, EL_BIND, "^I", "complete", nullptr);
   unbind_commands(editor_);
+  el_wset(editor_, EL_GETCFN, read_letter);
 }
 
-bool LineReader::read(const char* prompt, std::string& line) {
-  if (!at_terminal()) return static_cast<bool>(std::getline(std::cin, line));
+LineReader::Answer LineReader::read(const char* prompt, std::string& line) {
+  if (!at_terminal()) return std::getline(std::cin, line) ? Answer::line : Answer::end;
   current_prompt = prompt;
   int length = 0;
   const char* typed = el_gets(editor_, &length);
-  if (typed == nullptr || length <= 0) return false;
+  if (typed == nullptr || length <= 0) return interrupted() ? Answer::interrupt : Answer::end;
   line.assign(typed, static_cast<std::size_t>(length));
   if (line.back() == '\n') line.pop_back();
   HistEvent event = {};
   if (!line.empty()) history(history_, &event, H_ENTER, line.c_str());
-  return true;
+  return Answer::line;
 }
 
 }  // namespace console

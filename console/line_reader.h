@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "words.h"
+
 namespace console {
 
 /// Reads the lines of the interactive shell. At a terminal a line can be edited and completed with the tab
@@ -11,15 +13,19 @@ namespace console {
 /// editor is not read, and no key starts another program.
 class LineReader {
  public:
-  LineReader();
+  /// The words that complete `begun`, the last word of `line`.
+  using Completion = Arguments (*)(const std::string& line, const std::string& begun);
+
+  explicit LineReader(Completion completion);
   LineReader(const LineReader&) = delete;
   LineReader& operator=(const LineReader&) = delete;
   ~LineReader() = default;
 
+  enum class Answer { line, interrupt, end };
+
   bool at_terminal() const { return editor_ != nullptr; }
 
-  /// False at the end of input.
-  bool read(const char* prompt, std::string& line);
+  Answer read(const char* prompt, std::string& line);
 
  private:
   // Neither is ended: the editor forgets what it has allocated for the tab key. There is one LineReader.

@@ -21,14 +21,19 @@ struct Options {
   ConfSave::conftype type = ConfSave::conf_full;
   std::optional<ConfSave::int64> version;  ///< --version, until it is part of `snapshot`
   std::string target;
+  std::string check;
   std::string file;
   std::string comment;
   std::optional<ConfSave::int64> upto;
   std::string sort;
+  unsigned days = 31;
   unsigned max = 0;
   unsigned wait = 30;
   bool force = false;
   bool yes = false;
+  bool exact = false;
+  bool dry_run = false;
+  bool keep = true;
   bool all = false;
   bool json = false;
   bool table = false;

@@ -4,10 +4,16 @@
 
 #include <csignal>
 #include <cstdio>
+#include <system_error>
 #include <utility>
 
 namespace console {
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// The line appears when the work takes this long, and is rewritten as often.
+constexpr auto kPatience = std::chrono::milliseconds(500);
 
 void write_to_terminal(const std::string& text) {
   if (write(STDERR_FILENO, text.data(), text.size()) < 0) return;  // Progress is not worth a failure.
@@ -15,23 +21,28 @@ void write_to_terminal(const std::string& text) {
 
 }  // namespace
 
-ProgressLine::ProgressLine(std::string what, Clock::time_point start)
-    : what_(std::move(what)), start_(start) {
-  // Signals are for the thread that runs the command.
+ProgressLine::ProgressLine(std::string what) : what_(std::move(what)) {
+  if (isatty(STDERR_FILENO) == 0) return;
+  // Signals are for the thread that works.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
   try {
     thread_ = std::thread([this] { show(); });
-  } catch (...) {
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    throw;
+  } catch (const std::system_error&) {
+    // No thread to be had: the work goes on in silence.
   }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-ProgressLine::~ProgressLine() {
+void ProgressLine::say(const std::string& what) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  what_ = what;
+}
+
+void ProgressLine::end() {
+  if (!thread_.joinable()) return;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     over_ = true;
@@ -42,10 +53,10 @@ ProgressLine::~ProgressLine() {
 
 void ProgressLine::show() {
   std::unique_lock<std::mutex> lock(mutex_);
+  const auto start = Clock::now();
   bool shown = false;
-  for (auto next = start_ + kPatience; !ended_.wait_until(lock, next, [this] { return over_; });
-       next = Clock::now() + kPatience) {
-    const auto seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+  while (!ended_.wait_until(lock, Clock::now() + kPatience, [this] { return over_; })) {
+    const auto seconds = std::chrono::duration<double>(Clock::now() - start).count();
     char time[32];
     static_cast<void>(std::snprintf(time, sizeof time, "%.1f s", seconds));
     write_to_terminal("\r" + what_ + " " + time + "\x1b[K");

@@ -1,5 +1,7 @@
 #include "question.h"
 
+#include <confsave.h>
+
 #include <algorithm>
 #include <cctype>
 #include <iostream>
@@ -11,9 +13,9 @@ namespace console {
 bool ask(const std::string& question) {
   for (;;) {
     std::cout.flush();
-    std::cerr << question << " [yes/no] " << std::flush;
+    std::cerr << question << ConfSave::YES_NO_SUFFIX << std::flush;
     std::string answer;
-    wait_for_typed_line();
+    wait_for_input();
     if (interrupted() || !std::getline(std::cin, answer) || interrupted()) {
       std::cerr << '\n';
       return false;

@@ -57,7 +57,7 @@ std::string next_step(const cs::Error& error, bool waits) {
     case Code::damaged:
       return "'confsave verify --all' says which snapshots are whole";
     case Code::unsafe:
-      return is_absolute(error.path) ? "Put a file or a directory in its place"
+      return is_absolute(error.path) ? "Put a plain file or directory there, or use another path"
                                      : "'confsave verify --all' says which snapshots are whole";
     case Code::changed_meanwhile:
       return "Try again when no program changes it";
@@ -67,6 +67,14 @@ std::string next_step(const cs::Error& error, bool waits) {
       return "Free some space and try again";
     case Code::no_storage:
       return step_for_storage(error);
+    case Code::newer:
+      return "Give --force to restore it all the same";
+    case Code::pending:
+      return "Try again when the check has ended";
+    case Code::check_failed:
+      return "Mend the snapshot or the check, and try again";
+    case Code::needs_attention:
+      return "'confsave status' says more";
     default:
       return "Mend that and try again";
   }
@@ -116,6 +124,21 @@ std::optional<cs::Snapshot> find_only(const Selection& selection, std::chrono::m
   return std::nullopt;
 }
 
+void print_failure(const cs::Error& error) {
+  std::cout.flush();
+  std::cerr << "confsave: ";
+  if (!error.path.empty()) std::cerr << '\'' << readable(error.path) << "': ";
+  std::cerr << readable(error.text) << '.';
+}
+
+/// An archive's error does not name its snapshot.
+void name_archive(cs::Error& error, const std::string& which) {
+  const bool of_archive = error.code == cs::Code::damaged || error.code == cs::Code::unsafe;
+  if (!of_archive || is_absolute(error.path)) return;
+  error.text.insert(0, error.path + ": ");
+  error.path = which;
+}
+
 }  // namespace
 
 int exit_status(cs::Code code) {
@@ -135,6 +158,9 @@ int exit_status(cs::Code code) {
       return kNewer;
     case Code::busy:
       return kBusy;
+    case Code::pending:
+    case Code::needs_attention:
+      return kPending;
     case Code::taken:
     case Code::pinned:
       return kRefused;
@@ -144,26 +170,44 @@ int exit_status(cs::Code code) {
 }
 
 int report(const cs::Error& error, bool waits) {
-  std::cout.flush();
-  std::cerr << "confsave: ";
-  if (!error.path.empty()) std::cerr << '\'' << readable(error.path) << "': ";
-  std::cerr << readable(error.text) << ". ";
+  print_failure(error);
   if (error.code != cs::Code::busy && ends_with(error.path, "/notes.db")) {
     std::cerr
-        << "Mend it, or move it away: without this file only comments, pins and manifests are lost.\n";
+        << " Mend it, or move it away: without this file only comments, pins and manifests are lost.\n";
     return error.code == cs::Code::no_storage ? kFailed : exit_status(error.code);
   }
-  std::cerr << next_step(error, waits) << ".\n";
+  std::cerr << ' ' << next_step(error, waits) << ".\n";
   return exit_status(error.code);
 }
 
-int report_reading(cs::Error error, const std::string& which) {
-  const bool of_archive = error.code == cs::Code::damaged || error.code == cs::Code::unsafe;
-  if (of_archive && !is_absolute(error.path)) {
-    error.text.insert(0, error.path + ": ");
-    error.path = which;
+int report_restore(cs::Error error) {
+  print_failure(error);
+  const bool mixed = error.aftermath == cs::Aftermath::mixed;
+  if (mixed) std::cerr << " Some files are not as they were before: 'confsave recover' tries again.";
+  // The text of an interrupted restore says what to do.
+  if (!mixed && error.code != cs::Code::needs_attention) {
+    const bool untouched = error.aftermath == cs::Aftermath::untouched;
+    std::cerr << (untouched ? " Nothing was changed. " : " Everything was put back. ")
+              << next_step(error, true) << '.';
   }
+  std::cerr << '\n';
+  return exit_status(error.code);
+}
+
+int report_restore(cs::Error error, const cs::Snapshot& snapshot) {
+  name_archive(error, label(snapshot));
+  return report_restore(error);
+}
+
+int report_reading(cs::Error error, const std::string& which) {
+  name_archive(error, which);
   return report(error);
+}
+
+void print_warnings(const std::vector<std::string>& warnings) {
+  for (const std::string& warning : warnings) {
+    std::cerr << "confsave: warning: " << readable(warning) << ".\n";
+  }
 }
 
 std::string label(const std::string& name, ConfSave::int64 version) {

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "json.h"
 #include "options.h"
@@ -21,8 +22,15 @@ int exit_status(cs::Code code);
 /// status.
 int report(const cs::Error& error, bool waits = false);
 
+/// The same for an error of restoring or recovering: also says in which state the configuration is.
+int report_restore(cs::Error error);
+int report_restore(cs::Error error, const cs::Snapshot& snapshot);
+
 /// The same for an error of reading the snapshots `which`: an archive's error does not name its snapshot.
 int report_reading(cs::Error error, const std::string& which);
+
+/// Prints the library's warnings.
+void print_warnings(const std::vector<std::string>& warnings);
 
 /// NAME@VERSION, as a person types it.
 std::string label(const std::string& name, ConfSave::int64 version);

@@ -79,12 +79,4 @@ std::string readable(const std::string& text) {
   return escaped(text, utf8);
 }
 
-std::string reason(const XTOOStatus& error) {
-  const std::string text = error.ErrorMessage();
-  if (text.empty()) return "status " + std::to_string(error.Status());
-  // A short read or write sets no error.
-  if (text == std::strerror(0)) return "fewer bytes were written or read than expected";
-  return printable(text);
-}
-
 }  // namespace console

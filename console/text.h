@@ -1,7 +1,5 @@
 #pragma once
 
-#include <kelmor/status.h>
-
 #include <string>
 
 namespace console {
@@ -15,8 +13,5 @@ std::string printable(const std::string& text);
 /// The same, but where the locale has UTF-8 with its letters as they are. Characters that control a
 /// terminal or the direction of writing are not letters.
 std::string readable(const std::string& text);
-
-/// Why the library failed: the text of `error`, or what its status stands for when it has no text.
-std::string reason(const XTOOStatus& error);
 
 }  // namespace console

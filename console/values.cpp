@@ -54,6 +54,16 @@ std::string parse_sort(const std::string& text) {
   throw CLI::ValidationError("'" + text + "' is not one of name, saved, loaded, version");
 }
 
+std::string parse_directory(const std::string& text) {
+  if (!text.empty()) return text;
+  throw CLI::ValidationError("the directory is empty");
+}
+
+std::string parse_command(const std::string& text) {
+  if (text.find_first_not_of(" \t\n") != std::string::npos) return text;
+  throw CLI::ValidationError("the command is empty");
+}
+
 std::string parse_member(const std::string& text) {
   if (!text.empty() && text.front() == '/') return text;
   throw CLI::ValidationError("'" + text +

@@ -27,6 +27,12 @@ ConfSave::conftype parse_type(const std::string& text);
 /// One of the keys of list.
 std::string parse_sort(const std::string& text);
 
+/// A directory; its path is not empty.
+std::string parse_directory(const std::string& text);
+
+/// A command line, which is not empty.
+std::string parse_command(const std::string& text);
+
 /// The path of a member, which is absolute.
 std::string parse_member(const std::string& text);
 

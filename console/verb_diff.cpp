@@ -2,8 +2,8 @@
 
 #include "exit_status.h"
 #include "patch.h"
+#include "plan_text.h"
 #include "report.h"
-#include "text.h"
 #include "verb_functions.h"
 
 namespace console {
@@ -34,25 +34,10 @@ Json json_of(const cs::Difference& difference) {
   return object;
 }
 
-/// Five columns: what became of the file, and what else of it differs.
-std::string columns_of(const cs::Difference& difference) {
-  switch (difference.change) {
-    case cs::Change::added:
-      return "+....";
-    case cs::Change::removed:
-      return "-....";
-    case cs::Change::modified:
-      break;
-  }
-  const auto letter = [](bool differs, char shown) { return differs ? shown : '.'; };
-  return {letter(difference.content, 'c'), letter(difference.mode, 'p'), letter(difference.owner, 'u'),
-          letter(difference.group, 'g'), letter(difference.time, 't')};
-}
-
 void print(const Sides& sides, const cs::Differences& differences, bool json) {
   if (!json) {
     for (const cs::Difference& difference : differences) {
-      std::cout << columns_of(difference) << ' ' << readable(difference.path) << '\n';
+      std::cout << line_of(difference) << '\n';
     }
     return;
   }

@@ -12,6 +12,7 @@ int show(const Options& options);
 int save(const Options& options);
 int diff(const Options& options);
 int load(const Options& options);
+int recover(const Options& options);
 int show_status(const Options& options);
 int verify(const Options& options);
 int note(const Options& options);

@@ -1,66 +1,99 @@
 #include <algorithm>
+#include <chrono>
+#include <ctime>
 #include <iostream>
 
-#include "advice.h"
-#include "destination.h"
-#include "directories.h"
 #include "exit_status.h"
-#include "interrupt.h"
-#include "lock.h"
-#include "permissions.h"
-#include "snapshots.h"
-#include "text.h"
+#include "names.h"
+#include "saving.h"
 #include "verb_functions.h"
 
 namespace console {
 namespace {
 
-ConfSave::Configs autosaves_of_this_version() {
-  ConfSave::Storage storage;
-  return storage.FindMatching("autosave*", ConfSave::CURRENT_VERSION, true);
+/// So many autosaves of one second have a name.
+constexpr unsigned kMostOfOneSecond = 1000;
+
+cs::Result<cs::Snapshots> autosaves(std::chrono::milliseconds wait) {
+  cs::Query query;
+  query.pattern = "autosave-*";
+  query.order = cs::Query::Order::saved;
+  query.wait = wait;
+  auto found = cs::list(query);
+  if (!found) return found;
+  const auto is_other = [](const cs::Snapshot& snapshot) { return !is_autosave(snapshot.config.name); };
+  found->erase(std::remove_if(found->begin(), found->end(), is_other), found->end());
+  return found;
 }
 
-ConfSave::int64 newest(const ConfSave::Configs& configs) {
-  ConfSave::int64 time = 0;
-  for (const ConfSave::Config& config : configs) time = std::max(time, config.save_time);
-  return time;
+std::string name_of_now() {
+  const std::time_t now = std::time(nullptr);
+  std::tm parts = {};
+  localtime_r(&now, &parts);
+  char text[64] = "";
+  return {text, std::strftime(text, sizeof text, "autosave-%Y-%m-%d-%H-%M-%S", &parts)};
+}
+
+/// Under the first name of this moment that is free.
+cs::Result<cs::Saved> save_new(const Options& options) {
+  cs::SaveOptions how;
+  how.type = options.type;
+  how.if_changed = options.if_changed;
+  const std::string name = name_of_now();
+  auto saved = save_in_time({name}, how, options.wait);
+  for (unsigned number = 0; number < kMostOfOneSecond; ++number) {
+    if (saved || saved.error().code != cs::Code::taken) break;
+    saved = save_in_time({name + "-" + std::to_string(number)}, how, options.wait);
+  }
+  return saved;
+}
+
+/// Deletes the oldest autosaves but `options.max`. A pinned one does not count, and stays; so does the one
+/// that was just stored, whatever the clock says. One that cannot be deleted does not stop the others.
+int delete_surplus(const cs::Saved& saved, const Options& options) {
+  const std::chrono::seconds wait(options.wait);
+  auto found = autosaves(wait);
+  if (!found) return report(found.error(), true);
+  const auto pinned = [](const cs::Snapshot& snapshot) { return snapshot.pinned; };
+  found->erase(std::remove_if(found->begin(), found->end(), pinned), found->end());
+  std::size_t surplus = found->size() > options.max ? found->size() - options.max : 0;
+  cs::RemoveOptions how;
+  how.wait = wait;
+  int status = kDone;
+  for (const cs::Snapshot& old : *found) {
+    if (surplus == 0) break;
+    if (old.id == saved.snapshot.id) continue;
+    --surplus;
+    const cs::Error error = cs::remove(id_of(old), how);
+    const bool gone = error.code == cs::Code::ok || error.code == cs::Code::not_found;
+    if (!gone && error.code != cs::Code::pinned) status = report(error, true);
+  }
+  return status;
 }
 
 }  // namespace
 
 int autosave(const Options& options) {
-  if (!check_directories()) return kFailed;
-  OperationLock lock;
-  if (const int status = lock.take("an autosave", options.wait); status != kDone) return status;
-  if (const int status = check_storage(); status != kDone) return status;
-  warn_without_failover_files(options.type);
-  warn_of_acls(Destination(""));
-
-  const std::time_t start = later_than(newest(autosaves_of_this_version()));
-  try {
-    ConfSave::AutoSave("", options.type, options.max);
-  } catch (const XTOOStatus& error) {
-    if (interrupted()) {
-      std::cerr << "confsave: interrupted; nothing was stored.\n";
-    } else {
-      std::cerr << "confsave: the autosave failed: " << reason(error) << ".\n";
-      print_next_step();
-    }
-    return kFailed;
-  }
-  const ConfSave::Configs stored = autosaves_of_this_version();
-  const auto is_new = [&](const ConfSave::Config& config) { return is_since(config.save_time, start); };
-  if (std::any_of(stored.begin(), stored.end(), is_new)) return kDone;
-  std::cerr << "confsave: no autosave was stored.\n";
-  print_next_step();
-  return kFailed;
+  const auto saved = save_new(options);
+  if (!saved) return report_unsaved(saved.error());
+  print_warnings(*saved);
+  print_if_unchanged(*saved);
+  return delete_surplus(*saved, options);
 }
 
-int check_old(const Options&) {
-  if (const int status = check_storage(); status != kDone) return status;
-  std::cout << (ConfSave::CheckOld() ? "An autosave older than 31 days is stored.\n"
-                                     : "No autosave older than 31 days is stored.\n");
-  return kDone;
+int check_old(const Options& options) {
+  const auto found = autosaves(std::chrono::seconds(1));
+  if (!found) return report(found.error());
+  if (found->empty()) {
+    std::cout << "There is no autosave.\n";
+    return kFindings;
+  }
+  const ConfSave::Config& newest = found->back().config;
+  std::cout << "The newest autosave is '" << newest.name << "', saved on "
+            << ConfSave::time_format(newest.save_time) << ".\n";
+  constexpr ConfSave::int64 kDay = 86400;
+  const ConfSave::int64 age = static_cast<ConfSave::int64>(std::time(nullptr)) - newest.save_time;
+  return age > options.days * kDay ? kFindings : kDone;
 }
 
 int version(const Options&) {

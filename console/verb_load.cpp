@@ -1,146 +1,212 @@
-#include <places.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <filesystem>
 #include <iostream>
+#include <limits>
+#include <stdexcept>
 
-#include "advice.h"
-#include "conversation.h"
-#include "destination.h"
-#include "directories.h"
+#include "check_command.h"
 #include "exit_status.h"
 #include "interrupt.h"
-#include "lock.h"
 #include "names.h"
-#include "permissions.h"
-#include "snapshots.h"
-#include "storage_wait.h"
+#include "plan_text.h"
+#include "progress_line.h"
+#include "question.h"
+#include "recovering.h"
 #include "text.h"
+#include "turns.h"
 #include "verb_functions.h"
 
 namespace console {
 namespace {
 
-/// Keeps those without a version. False when the library could not tell one of them from the others.
-bool keep_without_version(ConfSave::Configs& found) {
-  const auto has_version = [](const ConfSave::Config& config) { return config.vers != 0; };
-  const auto end = std::remove_if(found.begin(), found.end(), has_version);
-  const bool is_clear = end == found.begin() || end == found.end();
-  found.erase(end, found.end());
-  return is_clear;
+using Outcome = cs::Restored::Outcome;
+
+constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+
+const char* name_of(cs::Action action) {
+  switch (action) {
+    case cs::Action::create:
+      return "create";
+    case cs::Action::replace:
+      return "replace";
+    case cs::Action::remove:
+      return "remove";
+    case cs::Action::attributes:
+      break;
+  }
+  return "attributes";
 }
 
-/// The one snapshot that matches. Otherwise prints the reason and sets `status`.
-std::optional<ConfSave::Config> find_only(const Options& options, int& status) {
-  ConfSave::Storage storage;
-  const std::string& name = options.snapshot.name;
-  ConfSave::Configs found = storage.FindMatching(name, options.snapshot.version.value_or(0), true);
-  if (options.snapshot.version == 0 && !keep_without_version(found)) {
-    std::cerr << "confsave: '" << printable(name) << "' is stored with and without a version. "
-              << "'confsave shell' loads the one without: load NAME.\n";
-    status = kFailed;
-    return std::nullopt;
+void print_as_json(const cs::Plan& plan, const char* result, const std::string& kept) {
+  Json document = json_id(plan.snapshot);
+  document["result"] = result;
+  document["changes"] = Json::array();
+  for (const cs::PlannedChange& change : plan.changes) {
+    Json object;
+    object["path"] = json_bytes(change.difference.path);
+    object["change"] = name_of(change.action);
+    document["changes"].push_back(object);
   }
-  if (found.empty()) {
-    print_not_found(name);
-    status = kNotFound;
-    return std::nullopt;
+  document["extra"] = json_all(plan.extra);
+  document["kept"] = kept.empty() ? Json(nullptr) : json_bytes(kept);
+  document["deadline_utc"] = nullptr;
+  print_json(document);
+}
+
+void print_unchanged(std::ostream& out, const cs::Plan& plan) {
+  out << "Unchanged: nothing differs from '" << label(plan.snapshot) << "'.\n";
+}
+
+void print_extra(std::ostream& out, const cs::Plan& plan) {
+  if (!plan.extra.empty()) out << text_of_extra(plan.extra) << ".\n";
+}
+
+/// Before a plan is made: what an earlier restore left must be settled.
+int settle(const Options& options) {
+  const auto left = cs::unfinished();
+  if (!left) return report(left.error());
+  if (!*left) return kDone;
+  // A plan refuses by itself.
+  if (options.dry_run) return kDone;
+  const auto done = recover_in_time(options.wait);
+  return done ? print_recovery(std::cerr, *done) : report_restore(done.error());
+}
+
+int dry_run(const cs::Snapshot& snapshot, const Options& options, const cs::RestoreOptions& how) {
+  const auto plan = cs::plan(id_of(snapshot), how);
+  if (!plan) return report_restore(plan.error(), snapshot);
+  if (options.json) {
+    print_as_json(*plan, plan->changes.empty() ? "unchanged" : "planned", "");
+  } else {
+    print_plan(std::cout, *plan, kAll);
+    if (plan->changes.empty()) print_unchanged(std::cout, *plan);
+    print_extra(std::cout, *plan);
   }
-  // Of several matches only one may have been read.
-  const bool names_one = is_name(name) && options.snapshot.version.value_or(0) != 0;
-  if (storage_is_damaged() && !names_one) {
-    print_storage_damaged();
-    status = kNoStorage;
-    return std::nullopt;
-  }
-  if (found.size() > 1) {
-    std::cerr << "confsave: '" << name << "' matches more than one snapshot. Type more of the name, "
-              << "or give --version:\n";
-    for (ConfSave::Config config : found) {
-      config.name = printable(config.name);
-      std::cerr << config << '\n';
+  return plan->changes.empty() ? kDone : kFindings;
+}
+
+/// Shows the plan and asks, without any lock. What is agreed to becomes part of `how`.
+int agree(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptions& how) {
+  std::ostream& out = options.json ? std::cerr : std::cout;
+  for (bool may_ask = !how.exact;; may_ask = false) {
+    how.expected.reset();
+    auto plan = cs::plan(id_of(snapshot), how);
+    if (!plan) return report_restore(plan.error(), snapshot);
+    print_plan(out, *plan, lines_of_screen());
+    print_extra(out, *plan);
+    const bool is_empty = plan->changes.empty();
+    const bool asks = may_ask && !plan->extra.empty();
+    if (is_empty && !asks) print_unchanged(out, *plan);
+    how.expected = std::move(*plan);
+    if (asks) {
+      how.exact = ask(how.expected->extra.size() == 1 ? "Remove it too?" : "Remove them too?");
+      if (interrupted()) return kDeclined;
+      // Shown anew, with what will be removed.
+      if (how.exact) continue;
     }
-    status = kAmbiguous;
-    return std::nullopt;
+    if (is_empty || ask("Go on?")) return kDone;
+    return kDeclined;
   }
-  if (!is_name(found.front().name)) {
-    std::cerr << "confsave: the stored name '" << printable(found.front().name)
-              << "' has characters that a name must not have. Rename the row with sqlite3 in '"
-              << printable(ConfSave::storage_file()) << "'.\n";
-    status = kFailed;
-    return std::nullopt;
-  }
-  if (!has_plain_name(found.front())) {
-    status = kFailed;
-    return std::nullopt;
-  }
-  return found.front();
 }
 
-bool is_refused_as_newer(const ConfSave::Config& config, const Options& options) {
-  if (config.vers <= ConfSave::CURRENT_VERSION || !options.yes || options.force) return false;
-  std::cerr << "confsave: '" << config.name << "' is of version " << config.version()
-            << ", newer than the running " << ConfSave::Config::version(ConfSave::CURRENT_VERSION)
-            << ". Give --force to restore it all the same.\n";
-  return true;
+std::string text_of(const cs::Progress& progress) {
+  using Phase = cs::Progress::Phase;
+  const std::string part =
+      progress.total > 0 ? " " + std::to_string(100 * progress.done / progress.total) + " %," : "";
+  switch (progress.phase) {
+    case Phase::reading:
+      return "reading" + part;
+    case Phase::staging:
+      return "writing" + part;
+    case Phase::keeping:
+      return "storing the present configuration";
+    case Phase::exchange:
+      break;
+  }
+  return "exchanging the files";
 }
 
-int failure(const Conversation& conversation) {
-  if (conversation.disproved()) return kFailed;
-  if (conversation.printed("Operation aborted!\n")) {
-    if (interrupted()) std::cerr << "confsave: interrupted; nothing was restored.\n";
-    return interrupted() ? kFailed : kDeclined;
-  }
-  if (conversation.printed("No such config.\n")) return kNotFound;
-  print_partial_restore();
-  return kFailed;
+cs::RestoreOptions restore_options(const Options& options) {
+  cs::RestoreOptions how;
+  if (!options.target.empty()) how.target = std::filesystem::absolute(options.target);
+  how.exact = options.exact;
+  how.keep = options.keep;
+  how.allow_newer = options.force;
+  return how;
 }
 
-int restore(const ConfSave::Config& config, const Options& options, const Destination& destination) {
-  const std::time_t start = later_than(config.load_time);
-  {
-    const KeptPermissions permissions(destination);
-    const Conversation conversation([](const std::string& name, std::time_t since) {
-      return was_saved(name, ConfSave::CURRENT_VERSION, since);
-    });
-    ConfSave::load(config.name, options.target.empty() ? nullptr : options.target.c_str(), config.vers,
-                   options.yes);
-    if (!conversation.errors().empty()) return failure(conversation);
+cs::Result<cs::Restored> restore(const cs::Id& id, cs::RestoreOptions how, const Options& options) {
+  ProgressLine line("restoring");
+  // Up to the exchange an interrupt ends the restore: the recovery sweeps what was written so far.
+  how.progress = [&line](const cs::Progress& progress) {
+    if (interrupted()) throw std::runtime_error("interrupted");
+    line.say(text_of(progress));
+  };
+  const auto attempt = [&](std::chrono::milliseconds wait) {
+    how.wait = wait;
+    return cs::restore(id, how);
+  };
+  if (options.check.empty()) return in_turns(options.wait, attempt);
+  how.check = [&line, &options] {
+    line.end();
+    return run_check(options.check);
+  };
+  // After the check the lock is waited for once more, and as long as the options allow.
+  return attempt(std::chrono::seconds(options.wait));
+}
+
+int print_restored(const cs::Restored& restored, const Options& options, bool was_shown) {
+  const bool unchanged = restored.outcome == Outcome::unchanged;
+  print_warnings(restored.warnings);
+  if (options.json) {
+    print_as_json(restored.plan, unchanged ? "unchanged" : "restored", restored.kept);
+    return kDone;
   }
-  if (!destination.sync()) return kFailed;
-  if (was_loaded(config.name, config.vers, start)) return kDone;
-  print_missing_stamp(config.name);
-  return kFailed;
+  if (!was_shown && unchanged) print_unchanged(std::cout, restored.plan);
+  if (!was_shown) print_extra(std::cout, restored.plan);
+  if (!restored.kept.empty()) {
+    std::cout << "'" << readable(restored.kept) << "' holds the configuration of before.\n";
+  }
+  return kDone;
+}
+
+int restore_and_report(const cs::Snapshot& snapshot, const cs::RestoreOptions& how, const Options& options,
+                       bool was_shown) {
+  const auto restored = restore(id_of(snapshot), how, options);
+  if (restored) return print_restored(*restored, options, was_shown);
+  const bool untouched = restored.error().aftermath == cs::Aftermath::untouched;
+  if (!interrupted() || !untouched) return report_restore(restored.error(), snapshot);
+  const auto left = cs::unfinished();
+  if (left && *left) {
+    const auto done = recover_in_time(1);
+    if (!done) return report_restore(done.error());
+  }
+  std::cerr << "confsave: interrupted; nothing was restored.\n";
+  return kDeclined;
 }
 
 }  // namespace
 
 int load(const Options& options) {
-  Options checked = options;
-  if (!check_pattern(checked.snapshot.name)) return kUsage;
-  if (!checked.target.empty() && !check_target(checked.target)) return kUsage;
-  if (!checked.yes && isatty(STDIN_FILENO) == 0) {
-    std::cerr << "confsave: load asks questions, but standard input is not a terminal. Give --yes to be "
+  if (!check_pattern(options.snapshot.name)) return kUsage;
+  const bool asks = !options.yes && !options.dry_run;
+  if (asks && isatty(STDIN_FILENO) == 0) {
+    std::cerr << "confsave: load asks a question, but standard input is not a terminal. Give --yes to be "
                  "asked none.\n";
     return kUsage;
   }
-  if (!check_directories()) return kFailed;
-  OperationLock lock;
-  if (const int status = lock.take("loading " + checked.snapshot.name, checked.wait); status != kDone)
-    return status;
-  if (const int status = check_storage(); status != kDone) return status;
-
+  if (const int status = settle(options); status != kDone) return status;
   int status = kDone;
-  const auto config = find_only(checked, status);
-  if (!config) return status;
-  if (is_refused_as_newer(*config, checked)) return kNewer;
-  const Destination destination(checked.target);
-  if (!destination.is_safe()) return kFailed;
-  if (!checked.force && !can_be_restored(*config)) {
-    if (!interrupted()) std::cerr << "confsave: nothing was restored. --force skips this rehearsal.\n";
-    return kFailed;
-  }
-  return restore(*config, checked, destination);
+  const auto snapshot = choose(options.snapshot, status);
+  if (!snapshot) return status;
+  cs::RestoreOptions how = restore_options(options);
+  if (options.dry_run) return dry_run(*snapshot, options, how);
+  if (asks) status = agree(*snapshot, options, how);
+  if (status == kDone && !interrupted()) return restore_and_report(*snapshot, how, options, asks);
+  if (status != kDone && status != kDeclined) return status;
+  std::cerr << "confsave: " << (interrupted() ? "interrupted; " : "") << "nothing was restored.\n";
+  return kDeclined;
 }
 
 }  // namespace console

@@ -13,7 +13,26 @@ namespace {
 /// Null when there is no such snapshot.
 Json json_time(ConfSave::int64 time) { return time != 0 ? json_utc(time) : Json(nullptr); }
 
-void print_as_json(const cs::Status& found) {
+/// The restore that waits, or that was interrupted; null if there is none.
+Json json_pending(const std::optional<cs::Unfinished>& left) {
+  if (!left || !left->is_pending) return nullptr;
+  Json object;
+  object["name"] = json_bytes(left->name);
+  object["version"] = left->version;
+  object["deadline_utc"] = nullptr;
+  object["seconds_left"] = nullptr;
+  return object;
+}
+
+Json json_interrupted(const std::optional<cs::Unfinished>& left) {
+  if (!left || left->is_pending) return nullptr;
+  Json object;
+  object["name"] = json_bytes(left->name);
+  object["version"] = left->version;
+  return object;
+}
+
+void print_as_json(const cs::Status& found, const std::optional<cs::Unfinished>& left) {
   Json document;
   document["attention"] = Json::array();
   for (const cs::Attention& attention : found.attention) {
@@ -22,8 +41,8 @@ void print_as_json(const cs::Status& found) {
     object["text"] = attention.text;
     document["attention"].push_back(object);
   }
-  document["pending"] = nullptr;
-  document["interrupted"] = nullptr;
+  document["pending"] = json_pending(left);
+  document["interrupted"] = json_interrupted(left);
   document["snapshots"] = found.snapshots;
   document["newest_utc"] = json_time(found.newest);
   document["newest_autosave_utc"] = json_time(found.newest_autosave);
@@ -67,7 +86,9 @@ int show_status(const Options& options) {
   const auto found = cs::status();
   if (!found) return report(found.error());
   if (options.json) {
-    print_as_json(*found);
+    // What cannot be read needs attention, and is among that.
+    const auto left = cs::unfinished();
+    print_as_json(*found, left ? *left : std::nullopt);
   } else {
     print_as_text(*found);
   }

@@ -29,7 +29,6 @@ struct Option {
 enum Trait : unsigned {
   kPlain = 0,
   kInterruptible = 1,  ///< prints what an interrupt left behind, and then ends by it
-  kContract = 2,       ///< uses the contract library, whose waiting for the storage has to be limited
 };
 
 struct Verb {

@@ -1,31 +1,19 @@
 #include "verbs.h"
 
-#include <confsave/snapshots.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <iostream>
-#include <sstream>
 
+#include "completion.h"
 #include "exit_status.h"
 #include "interrupt.h"
-#include "names.h"
-#include "storage_wait.h"
 #include "text.h"
 #include "verb_functions.h"
 #include "verb_table.h"
 
 namespace console {
 namespace {
-
-Arguments split(const std::string& list) {
-  std::istringstream stream(list);
-  Arguments words;
-  for (std::string word; stream >> word;) words.push_back(word);
-  return words;
-}
 
 void add_operand(CLI::App& parser, const Operand& operand, Options& options) {
   parser
@@ -65,29 +53,11 @@ int refuse(const std::string& problem, const std::string& help) {
   return kUsage;
 }
 
-/// A verb that ran out of time may have missed rows, or not done all that it was asked to do.
-int run_in_time(const Verb& verb, const Options& options) {
-  if ((verb.traits & kContract) == 0) return verb.run(options);
-  // Who only reads waits for nobody.
-  const unsigned wait = lists(verb.options, "--wait") ? options.wait : 1;
-  limit_storage_wait(std::chrono::seconds(wait));
-  const int status = verb.run(options);
-  if (verb.run == shell) return status;
-  if (storage_wait_expired()) {
-    print_storage_wait_expired();
-    return kBusy;
-  }
-  const bool unreliable = status == kNotFound || (verb.run == check_old && status == kDone);
-  if (!storage_is_damaged() || !unreliable) return status;
-  print_storage_damaged();
-  return kNoStorage;
-}
-
 int run_verb(const Verb& verb, const Options& options) {
-  if ((verb.traits & kInterruptible) == 0) return run_in_time(verb, options);
+  if ((verb.traits & kInterruptible) == 0) return verb.run(options);
   const int status = [&] {
     const InterruptCatcher catcher;
-    return run_in_time(verb, options);
+    return verb.run(options);
   }();
   if (interrupted() && status != kDone) {
     std::cout.flush();
@@ -150,9 +120,7 @@ int print_candidates(const Arguments& arguments) {
   return kDone;
 }
 
-}  // namespace
-
-int run(const Arguments& arguments) {
+int run_checked(const Arguments& arguments) {
   if (arguments.empty()) return print_help(std::cerr, kUsage);
   const std::string& first = arguments.front();
   if (first == "--help" || first == "-h") return print_help(std::cout, kDone);
@@ -162,34 +130,19 @@ int run(const Arguments& arguments) {
   return refuse("there is no verb '" + first + "'", "confsave --help");
 }
 
-Arguments candidates(const Arguments& words) {
-  Arguments result;
-  if (words.empty()) {
-    for (const Verb& verb : verbs()) result.emplace_back(verb.name);
-    return result;
-  }
-  const Verb* verb = find_verb(words.front());
-  if (verb == nullptr) return result;
-  if (const Option* last = find_option(words.back()); last != nullptr && last->value[0] != '\0') {
-    return split(last->values);
-  }
-  if (verb->first != nullptr && verb->first->is_snapshot) result = stored_names();
-  for (const std::string& option : split(verb->options)) result.push_back(option);
-  return result;
-}
+}  // namespace
 
-Arguments stored_names() {
-  namespace cs = ConfSave::snapshots;
-  cs::Query query;
-  query.order = cs::Query::Order::name;
-  const auto snapshots = cs::list(query);
-  Arguments names;
-  if (!snapshots) return names;
-  for (const cs::Snapshot& snapshot : *snapshots) {
-    const std::string& name = snapshot.config.name;
-    if (is_name(name) && (names.empty() || names.back() != name)) names.push_back(name);
+int run(const Arguments& arguments) {
+  int status = kFailed;
+  try {
+    status = run_checked(arguments);
+  } catch (const std::exception& error) {
+    std::cerr << "confsave: failed: " << printable(error.what()) << ".\n";
   }
-  return names;
+  std::cout.flush();
+  if (std::cout || (status != kDone && status != kFindings)) return status;
+  std::cerr << "confsave: standard output could not be written.\n";
+  return kFailed;
 }
 
 }  // namespace console

@@ -10,7 +10,6 @@ set -u
 . "$(dirname "$0")/support/check.sh"
 make_gateway "$1"
 cd "$work" || exit 1
-mkdir target
 echo content >config/user/gateway.conf
 
 names=()
@@ -38,24 +37,40 @@ for name in "${names[@]}"; do
     refuses delete -- "$name"
     # A load takes these for patterns.
     [[ $name == a[]*?[]b ]] || refuses load --yes -- "$name"
-    [[ $name == *[[:space:]]* || -z $name ]] || printf 'save %s\ndelete %s\n' "$name" "$name"
+    [[ $name == *[[:space:]\'\"\\]* || -z $name ]] || printf 'save %s\ndelete %s\n' "$name" "$name"
 done >lines
 confsave shell <lines >answers 2>&1
 grep -q 'character' answers || complain 'the shell refused nothing'
 
-targets=('' . .. ///.. relative ./target "$work/missing" "$work/config/user/gateway.conf" //-rf /-rf
-    "$work/../target" "$work/target/.." /.. "$work/-target" -- -rf '~' '$HOME'
-    "$work/target -rf")
+refuses load --yes --target= weekly
+refuses load --yes --check= weekly
+expect 'what was written' '' "$(find state tmp -mindepth 1)"
+[ ! -e pwned ] || complain 'a command was run'
+expect 'the files of the configuration' 1 "$(find config -type f | wc -l)"
+
+# A target may have any name: no shell reads it.
+quietly confsave save weekly
+targets=('target' '-rf' '~' '$HOME' '../odd' "$work/-target" "$work/odd -rf" "$work/odd/..; touch pwned")
 for letter in ' ' '"' "'" '%' ';' '&' '|' '$' '`' '\' '*' '?' '[' ']' '(' ')' '{' '}' '<' '>' '!' '#' \
     '~' '^' $'\t' $'\n' $'\r' $'\e' $'\x7f' $'\x80' $'\xff'; do
-    mkdir -p "$work/target${letter}x"
     targets+=("$work/target${letter}x")
 done
-for target in "${targets[@]}"; do refuses load --yes "--target=$target" weekly; done
+mkdir odd in
+cd in || exit 1
+for target in "${targets[@]}"; do
+    mkdir -p -- "$target"
+    quietly confsave load --yes "--target=$target" weekly
+    expect "what was restored into $(printf %q "$target")" content "$(cat -- "$target/user/gateway.conf")"
+    rm -r -- "$target"
+    confsave load --yes "--target=$target" weekly >answer 2>&1 && complain 'a missing target was taken'
+    [ -z "$(LC_ALL=C tr -d '\n -~' <answer)" ] || complain "raw output: $(printf %q "$target")"
+done
+cd ..
 
 [ "${#names[@]}" -ge 200 ] || complain "only ${#names[@]} names"
-[ "${#targets[@]}" -ge 50 ] || complain "only ${#targets[@]} targets"
-expect 'what was written' '' "$(find state tmp target* -mindepth 1)"
+[ "${#targets[@]}" -ge 30 ] || complain "only ${#targets[@]} targets"
+expect 'what was written beside the targets' './lines ./in/answer ./answers' \
+    "$(find . -type f -not -path './state/*' -not -path './config/*' -not -name '.*' | sort -r | xargs)"
 [ ! -e pwned ] || complain 'a command was run'
 expect 'the files of the configuration' 1 "$(find config -type f | wc -l)"
 echo "${#names[@]} names, ${#targets[@]} targets"

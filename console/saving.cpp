@@ -1,0 +1,57 @@
+#include "saving.h"
+
+#include <algorithm>
+#include <iostream>
+
+#include "command_runner.h"
+#include "exit_status.h"
+#include "interrupt.h"
+#include "progress_line.h"
+#include "text.h"
+#include "turns.h"
+
+namespace console {
+namespace {
+
+/// More lines than that hide what was printed before.
+constexpr std::size_t kMostMissing = 20;
+
+}  // namespace
+
+cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, unsigned seconds) {
+  const ProgressLine progress("saving");
+  return in_turns(seconds, [&](std::chrono::milliseconds wait) {
+    how.wait = wait;
+    forget_failed_command();
+    return cs::save(id, how);
+  });
+}
+
+int report_unsaved(cs::Error error) {
+  if (interrupted()) {
+    std::cerr << "confsave: interrupted; nothing was stored.\n";
+    return kFailed;
+  }
+  const std::string& ending = failed_command();
+  if (!ending.empty() && error.code == cs::Code::failed) error.text.append(": ").append(ending);
+  return report(error, true);
+}
+
+void print_warnings(const cs::Saved& saved) {
+  const std::size_t shown = std::min(saved.missing.size(), kMostMissing);
+  for (std::size_t i = 0; i < shown; ++i) {
+    std::cerr << "confsave: warning: '" << readable(saved.missing[i])
+              << "' is not in the snapshot: it cannot be read, or is gone.\n";
+  }
+  if (shown < saved.missing.size()) {
+    std::cerr << "confsave: warning: in all, " << saved.missing.size() << " files are not in it.\n";
+  }
+  print_warnings(saved.warnings);
+}
+
+void print_if_unchanged(const cs::Saved& saved) {
+  if (saved.outcome != cs::Saved::Outcome::unchanged) return;
+  std::cout << "Nothing has changed since '" << label(saved.snapshot) << "'. Nothing was stored.\n";
+}
+
+}  // namespace console

@@ -1,0 +1,22 @@
+#pragma once
+
+// What the verbs share that save: waiting, progress, warnings.
+
+#include "report.h"
+
+namespace console {
+
+/// Saves, and waits for others as long as the options allow. Ends at an interrupt. Shows progress at a
+/// terminal.
+cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, unsigned seconds);
+
+/// Prints why nothing was stored. Returns the exit status.
+int report_unsaved(cs::Error error);
+
+/// Prints what is not in the snapshot, and the library's warnings.
+void print_warnings(const cs::Saved& saved);
+
+/// Prints that nothing was stored, if that is so.
+void print_if_unchanged(const cs::Saved& saved);
+
+}  // namespace console

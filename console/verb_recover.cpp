@@ -1,0 +1,42 @@
+#include <iostream>
+
+#include "exit_status.h"
+#include "recovering.h"
+#include "turns.h"
+#include "verb_functions.h"
+
+namespace console {
+
+cs::Result<cs::Recovery> recover_in_time(unsigned seconds) {
+  return in_turns(seconds, [](std::chrono::milliseconds wait) {
+    cs::ChangeOptions limits;
+    limits.wait = wait;
+    return cs::recover(limits);
+  });
+}
+
+int print_recovery(std::ostream& out, const cs::Recovery& done) {
+  using Outcome = cs::Recovery::Outcome;
+  const std::string which = "'" + label(done.name, done.version) + "'";
+  switch (done.outcome) {
+    case Outcome::nothing:
+      break;
+    case Outcome::undone:
+      out << "A restore of " << which << " was interrupted, and is undone: the files of before are back.\n";
+      break;
+    case Outcome::finished:
+      out << "A restore of " << which << " was interrupted, and is finished.\n";
+      break;
+  }
+  print_warnings(done.warnings);
+  return kDone;
+}
+
+int recover(const Options& options) {
+  const auto done = recover_in_time(options.wait);
+  if (!done) return report_restore(done.error());
+  if (done->outcome == cs::Recovery::Outcome::nothing) std::cout << "No restore was interrupted.\n";
+  return print_recovery(std::cout, *done);
+}
+
+}  // namespace console
