@@ -18,7 +18,7 @@ import tarfile
 
 from gateway import ETC, Failure, Gateway, main, require
 from makers import Hand, make_snapshot, store, stored_row
-from trees import (ACCESS, CONFIGURATION, DIRECTORY, FAILOVER, FILE, GROUP_OBJ, LINK, MASK,
+from trees import (ACCESS, CONFIGURATION, DIRECTORY, FAILOVER, FILE, GROUP_OBJ, HARD, LINK, MASK,
                    NOBODY_IN_PARTICULAR, OTHER, OTHERS, USER, USER_OBJ, Node, clear, draw, groups, make,
                    mutate, pack_list, picture)
 from wanted import IMPLICIT, after, wanted
@@ -251,7 +251,8 @@ def by_both(gateway, prepare, look):
         clear(gateway.config)
         clear(ETC)
         make(gateway.config, {"user/filter.conf": Node(FILE, data=b"live"), "user/config.db": Node(FILE),
-                              "gw.d/1": Node(FILE), "gw.d/2": Node(FILE)})
+                              "gw.d/1": Node(FILE), "gw.d/2": Node(FILE), "gw1": Node(FILE),
+                              "gw2": Node(FILE)})
         make(ETC, {"failover.ini": Node(FILE)})
         prepare()
         gateway.run(verb, "weekly")
@@ -270,7 +271,8 @@ def require_better(gateway):
         hand = Hand(random.Random(1), tarfile.GNU_FORMAT, False, "./")
         keybase = {"user/filter.conf": Node(FILE, data=b"stored", mode=0o640), "gw.d/1": Node(FILE),
                    "gw.d": Node(DIRECTORY, mode=0o755, time=10**18), "peer.d": Node(DIRECTORY, time=10**18),
-                   "peer.d/1": Node(FILE)}
+                   "peer.d/1": Node(FILE), "gw1": Node(FILE),
+                   "gw2": Node(HARD, target="gw1")}
         store(gateway, 1, hand.pack(keybase, list(keybase)), hand.pack(etc, list(etc)))
 
     snapshot({"failover.ini": Node(FILE, data=b"stored")})
@@ -285,6 +287,8 @@ def require_better(gateway):
     found = by_both(gateway, lambda: os.utime(config / "gw.d", (5, 5)),
                     lambda: [int((config / name).stat().st_mtime) for name in ("gw.d", "peer.d")])
     require(found == [[10**9, 10**9], [5, 10**9]], "the times of directories:", found)
+    found = by_both(gateway, lambda: None, lambda: (config / "gw2").stat().st_nlink)
+    require(found == [2, 2], "names of one file:", found)
     found = by_both(gateway, lambda: shutil.rmtree(ETC),
                     lambda: ((user / "config.db").exists(), (user / "filter.conf").read_text()))
     require(found == [(False, "live"), (True, "live")], "without a failover directory:", found)

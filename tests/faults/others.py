@@ -350,6 +350,31 @@ def killed_in_check(site):
     alive.unlink()
 
 
+def recovered_beside_a_link(site):
+    """A directory becomes a link before an interrupted restore is recovered: nothing is put there."""
+    gateway, outside = site.gateway, site.gateway.root / "outside"
+    site.write("old")
+    renames = [number for call, number in calls_of(gateway) if call == "renameat2"]
+    site.write("old")
+    before = site.pictures()
+    stopped = Stopped(gateway, "renameat2", renames[-1])
+    require(stopped.wait(), "was not stopped")
+    os.killpg(stopped.process.pid, signal.SIGKILL)
+    gateway.wait_for_group(stopped.process)
+    user = gateway.config / "user"
+    user.rename(gateway.root / "user")
+    outside.mkdir()
+    user.symlink_to(outside)
+    status, output = gateway.run("typed-recover")
+    require(status != 0 and str(user) in output, "recovery through a link ended with", output)
+    require(not list(outside.iterdir()), "recovery wrote outside")
+    user.unlink()
+    (gateway.root / "user").rename(user)
+    gateway.do("typed-recover")
+    require(site.pictures() == before, "not everything was put back")
+    outside.rmdir()
+
+
 def killed_while_packing(site):
     """tar packs what is kept, and holds the lock until it ends."""
     site.write("old")
@@ -400,8 +425,9 @@ def stopped_holder(site):
             require(status == 8 if waits else status in (0, 8, 9), words, "ended with", status, text)
             require(not waits or says in text, words, "said", text)
         saver = gateway.start("save", "meanwhile")
-        time.sleep(0.5)
-        require(name == "mkdirat" or saver.poll() is None, "a save did not wait for the exchange")
+        if name == "renameat2":
+            time.sleep(2)
+            require(saver.poll() is None, "a save did not wait for the exchange")
         status, output = stopped.finish()
         require(status == 0 and site.content() == "new", "the stopped restore ended with", output)
         require(saver.wait(60) == 0, "the save ended with", saver.stdout.read())
@@ -417,6 +443,7 @@ def campaign(program, full, source):
         keep_written(site)
         killed_in_check(site)
         killed_while_packing(site)
+        recovered_beside_a_link(site)
         figures.append(stopped_holder(site))
         gateway.require_integrity()
     return "; ".join(figures)
