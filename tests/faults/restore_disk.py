@@ -6,7 +6,7 @@
 The directories are file systems of their own. With too little room in one, the restore is refused before
 the first change, and names it; nothing is left. With more room, it is done. A file system that becomes
 read-only before the exchange, or in the middle of it, is reported, and once it can be written again a
-recovery leaves the tree of before. Nobody can read the storage, as for a save, meanwhile.
+recovery leaves the tree of before. Nobody else can read the storage during the exchange, as a save would.
 """
 
 import os
@@ -160,14 +160,30 @@ def points_around_exchange(restoring):
     return [calls[moves[0] - 1][:2], calls[moves[len(moves) // 2]][:2]]
 
 
-def made_read_only(restoring, place, call, number):
+def stopped(restoring, call, number):
+    """A restore that was stopped at a call, and the number of its process."""
     restoring.reset()
     prefix = restoring.tracer(call, f"inject={call}:signal=STOP:when={number}")
     (restoring.gateway.root / "trace").write_bytes(b"")
     process = restoring.gateway.start("typed-load", "weekly", *restoring.words, prefix=prefix)
-    child = wait_until_stopped(restoring.gateway, process)
+    return process, wait_until_stopped(restoring.gateway, process)
+
+
+def others_are_kept_out(restoring):
+    """Also by a restore that does not write to the storage before its check."""
+    for call, number in points_around_exchange(restoring):
+        process, child = stopped(restoring, call, number)
+        is_kept_out = is_locked(restoring.gateway)
+        os.kill(child, signal.SIGCONT)
+        process.wait(60)
+        process.stdout.close()
+        require(is_kept_out, "others can read the storage, and pack a mixture")
+        restoring.require_finished("after")
+
+
+def made_read_only(restoring, place, call, number):
+    process, child = stopped(restoring, call, number)
     try:
-        require(is_locked(restoring.gateway), "others can read the storage, and pack a mixture")
         remount(place, "ro")
         os.kill(child, signal.SIGCONT)
         process.wait(60)
@@ -195,6 +211,7 @@ def campaign(program, full, source):
         for call, number in points_around_exchange(restoring):
             for place in (gateway.config, ETC) if full else (gateway.config,):
                 answers.append(made_read_only(restoring, place, call, number))
+        others_are_kept_out(Filled(gateway, SCENARIO._replace(words=["no-keep", "check=true"])))
     require("mixed" in answers, "no file system was read-only in the middle of an exchange")
     sizes = ", ".join(f"{name} {refused} and {done}" for name, (refused, done) in found.items())
     return (f"refused and done with a directory full up to some step of 4 KiB: {sizes}; "
