@@ -180,7 +180,7 @@ int report(const cs::Error& error, bool waits) {
   return exit_status(error.code);
 }
 
-int report_restore(cs::Error error) {
+int report_restore(const cs::Error& error) {
   print_failure(error);
   const bool mixed = error.aftermath == cs::Aftermath::mixed;
   if (mixed) std::cerr << " Some files are not as they were before: 'confsave recover' tries again.";

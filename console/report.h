@@ -23,7 +23,7 @@ int exit_status(cs::Code code);
 int report(const cs::Error& error, bool waits = false);
 
 /// The same for an error of restoring or recovering: also says in which state the configuration is.
-int report_restore(cs::Error error);
+int report_restore(const cs::Error& error);
 int report_restore(cs::Error error, const cs::Snapshot& snapshot);
 
 /// The same for an error of reading the snapshots `which`: an archive's error does not name its snapshot.
