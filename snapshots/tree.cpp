@@ -13,33 +13,13 @@
 #include "snapshots/descriptor.h"
 #include "snapshots/digest.h"
 #include "snapshots/member_collector.h"
+#include "snapshots/saved_digests.h"
 
 namespace ConfSave::snapshots {
 namespace {
 
 constexpr int kAttempts = 3;
 constexpr std::size_t kPiece = 128 << 10;
-/// Nanoseconds. File systems store times in steps of up to two seconds.
-constexpr int64 kCoarsestTick = 2000000000;
-
-/// What a tree of the past says of files that did not change since.
-class SavedDigests : public KnownDigests {
- public:
-  explicit SavedDigests(const Tree& saved) : saved_(saved), is_past_(saved.moment <= moment()) {}
-
-  const Digest* digest_of(const std::string& path, const Stamp& stamp) const override {
-    const auto found = saved_.members.find(path);
-    if (!is_past_ || found == saved_.members.end()) return nullptr;
-    const LiveMember& before = found->second;
-    const bool is_file = before.member.kind == Kind::file || before.member.kind == Kind::hardlink;
-    const bool is_old = std::max(stamp.modified, stamp.changed) + kCoarsestTick < saved_.moment;
-    return is_file && is_old && is_same(before.stamp, stamp) ? &before.member.sha256 : nullptr;
-  }
-
- private:
-  const Tree& saved_;
-  bool is_past_;
-};
 
 /// Reads what belongs to one of the two directories.
 class TreeReading {

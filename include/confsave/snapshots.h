@@ -90,8 +90,8 @@ enum class Aftermath {
 struct Error {
   Code code = Code::ok;
   int number = 0;  ///< errno, or SQLite's extended code for a file that SQLite could not use; 0 if neither
-  std::string path;  ///< the file or member that it is about; may be empty
-  std::string text;  ///< one sentence without the path, without a line end
+  std::string path;                            ///< the file or member that it is about; may be empty
+  std::string text;                            ///< one sentence without the path, without a line end
   Aftermath aftermath = Aftermath::untouched;  ///< of restore() and recover()
 };
 
@@ -317,7 +317,7 @@ CONFSAVE_API Error remove(const Id& id, const RemoveOptions& options = {});
 /// What a restore does to a path.
 enum class Action {
   create,
-  replace,     ///< with other content, or another kind of file
+  replace,  ///< with other content, or another kind of file
   remove,
   attributes,  ///< same content; mode, owner, group or time differ
 };
