@@ -63,10 +63,10 @@ for word in $(echo "$words" | grep -E '^[A-Z][A-Za-z]*[a-z][A-Za-z]*(\.[A-Za-z0-
 done
 
 # The campaigns: what script/faults describes, what it runs, and what the table has.
-run=$(sed -n "s/.*campaigns='\([a-z -]*\)'$/\1/p" script/faults | tr ' ' '\n' | sort)
+run=$(tr '\n' ' ' <script/faults | sed -n "s/.*campaigns='\([a-z _-]*\)'.*/\1/p" | xargs -n 1 | sort)
 [ "$(echo "$run" | wc -l)" -ge 9 ] || complain 'script/faults runs fewer than 9 campaigns'
-sed -nE 's/^# \| ([a-z-]+) +\|.*/\1/p' script/faults | grep -vx campaign | sort |
+sed -nE 's/^# \| ([a-z_-]+) +\|.*/\1/p' script/faults | grep -vx campaign | sort |
     same 'script/faults does not run the campaigns that it describes' "$run"
 # shellcheck disable=SC2016 # the back quotes are those of the page
-sed -nE 's/^\| `([a-z-]+)` \|.*/\1/p' "$testing" | sort |
+sed -nE 's/^\| `([a-z_-]+)` \|.*/\1/p' "$testing" | sort |
     same "script/faults does not run the campaigns of $testing" "$run"

@@ -17,7 +17,7 @@ import time
 
 PATIENCE = 20
 # The verb, and the end of its question.
-QUESTIONS = [(["save", "weekly"], "[yes/no] ")]
+QUESTIONS = [(["save", "weekly"], "[Yes/No] "), (["load", "weekly"], "[Yes/No] ")]
 
 
 def start_at_a_terminal(command, environment):
