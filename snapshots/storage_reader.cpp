@@ -25,15 +25,23 @@ const char* order_of(Query::Order order) {
   return "id";
 }
 
-/// A name that another program stored as a blob is a name too; SQLite matches only texts.
-std::string text_of(const Query& query) {
+std::string rows_of(const Query& query, const std::string& names) {
   std::string text =
       "select id, name, version, type, save_time, load_time, "
-      "ifnull(length(keybase), 0), ifnull(length(etc), 0) from Config where cast(name as text) glob ?";
-  if (query.version) text += " and version = ?";
-  if (query.up_to) text += " and version <= ?";
+      "ifnull(length(keybase), 0), ifnull(length(etc), 0) from Config where " +
+      names;
+  if (query.version) text += " and version = ?2";
+  if (query.up_to) text += " and version <= ?3";
   if (!query.corlu_config) text += " and cast(name as text) <> 'corlu-config'";
-  return text + " order by " + order_of(query.order);
+  return text;
+}
+
+/// A name that another program stored as a blob is a name too. SQLite sorts blobs behind all texts, so that
+/// it finds both in the index: a row elsewhere that is damaged does not matter then.
+std::string text_of(const Query& query) {
+  return rows_of(query, "name glob ?1") + " union all " +
+         rows_of(query, "likelihood(name >= x'', 0.000001) and cast(name as text) glob ?1") + " order by " +
+         order_of(query.order);
 }
 
 Snapshot read_row(const Statement& statement) {
@@ -91,9 +99,7 @@ Error StorageReader::begin() { return database_.run("begin"); }
 Error StorageReader::for_each(const Query& query, const std::function<Error(Snapshot)>& row) {
   Result<Statement> statement = database_.prepare(text_of(query));
   if (!statement) return statement.error();
-  statement->bind(query.pattern);
-  if (query.version) statement->bind(*query.version);
-  if (query.up_to) statement->bind(*query.up_to);
+  statement->bind(query.pattern).bind(query.version.value_or(0)).bind(query.up_to.value_or(0));
   for (;;) {
     const int code = statement->step();
     if (code == SQLITE_DONE) return {};
