@@ -43,7 +43,8 @@ bool is_autosave(const std::string& name) {
   std::replace_if(digits.begin(), digits.end(), is_digit, '0');
   if (digits.compare(0, form.size(), form) != 0) return false;
   const std::string rest = digits.substr(form.size());
-  return rest.empty() || (rest.size() > 1 && rest[0] == '-' && rest.find_first_not_of('0', 1) == rest.npos);
+  return rest.empty() ||
+         (rest.size() > 1 && rest[0] == '-' && rest.find_first_not_of('0', 1) == std::string::npos);
 }
 
 bool check_name(const std::string& name) {
