@@ -4,6 +4,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -73,6 +74,16 @@ std::optional<std::string> value_of(int file, const std::string& name) {
   }
 }
 
+/// One that has gone meanwhile is copied.
+bool copy_attribute(int from, int to, const std::string& name) {
+  const std::optional<std::string> found = value_of(from, name);
+  if (!found) return errno == ENODATA;
+  const std::string value = name == kAccess ? limited_by_mask(*found) : *found;
+  if (fsetxattr(to, name.c_str(), value.data(), value.size(), 0) == 0) return true;
+  // The labels of a security module are given by the kernel to who may not set them.
+  return name.compare(0, 9, "security.") == 0 && errno == EPERM && geteuid() != 0;
+}
+
 }  // namespace
 
 std::string limited_by_mask(std::string list) {
@@ -96,18 +107,9 @@ bool set_access_list(int directory, const std::string& list) {
 
 bool copy_extended_attributes(int from, int to) {
   const std::optional<std::vector<std::string>> names = names_of(from);
-  if (!names) return false;
-  for (const std::string& name : *names) {
-    std::optional<std::string> value = value_of(from, name);
-    if (!value && errno == ENODATA) continue;
-    if (!value) return false;
-    if (name == kAccess) *value = limited_by_mask(*value);
-    if (fsetxattr(to, name.c_str(), value->data(), value->size(), 0) == 0) continue;
-    // The labels of a security module are given by the kernel to who may not set them.
-    const bool is_label = name.compare(0, 9, "security.") == 0 && errno == EPERM && geteuid() != 0;
-    if (!is_label) return false;
-  }
-  return true;
+  return names && std::all_of(names->begin(), names->end(), [from, to](const std::string& name) {
+           return copy_attribute(from, to, name);
+         });
 }
 
 bool remove_access_lists(int directory) {
