@@ -180,7 +180,7 @@ class Restoring {
     return {};
   }
 
-  Error apply_all(Exchange& exchange) {
+  Error apply_all(Exchange& exchange) const {
     for (std::size_t number = 0; number < record_.steps.size(); ++number) {
       if (Error error = exchange.apply(number); error.code != Code::ok) return error;
     }

@@ -48,7 +48,8 @@ int replaced(int result, struct stat* status) {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-easily-swappable-parameters)
+// Their signatures, with names that can be read.
+// NOLINTBEGIN(bugprone-easily-swappable-parameters,readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 int fstat(int file, struct stat* status) noexcept {
@@ -76,4 +77,4 @@ int statx(int directory, const char* path, int flags, unsigned mask, struct stat
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-easily-swappable-parameters)
+// NOLINTEND(bugprone-easily-swappable-parameters,readability-inconsistent-declaration-parameter-name)
