@@ -97,7 +97,7 @@ TEST_F(RecoverBefore, TheSnapshotOfAPendingRestoreStays) {
 
 TEST_F(RecoverBefore, APendingRestoreDoesNotKeepOthersFromWorking) {
   saved("other");
-  while_pending([this] {
+  while_pending([] {
     EXPECT_EQ(failure({"weekly", 5}).code, Code::ok);
     EXPECT_EQ(code("next"), Code::ok);
     EXPECT_TRUE(is_live("next"));

@@ -76,8 +76,8 @@ TEST_F(RestoreTest, AFailedCheckBringsBackTheVeryFiles) {
     EXPECT_TRUE(!recovered && recovered.error().code == Code::pending);
     saved("meanwhile");
     const auto members = cs::members({"meanwhile"});
-    if (!members) return ADD_FAILURE() << shown(members.error()), false;
-    for (const cs::Member& member : *members) {
+    EXPECT_TRUE(members);
+    for (const cs::Member& member : members ? *members : cs::Members()) {
       EXPECT_EQ(member.path.find(".confsave-restore-"), std::string::npos) << member.path;
     }
     return false;
