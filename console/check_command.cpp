@@ -30,6 +30,7 @@ constexpr std::chrono::milliseconds kPause{10};
   standard.sa_handler = SIG_DFL;
   sigemptyset(&standard.sa_mask);
   sigaction(SIGINT, &standard, nullptr);
+  TerminationCatcher::reset();
   const int nothing = open("/dev/null", O_RDONLY);
   const bool ready =
       nothing != -1 && dup2(nothing, STDIN_FILENO) != -1 && dup2(STDERR_FILENO, STDOUT_FILENO) != -1;

@@ -25,6 +25,29 @@ InterruptCatcher::InterruptCatcher() : before_() {
 
 InterruptCatcher::~InterruptCatcher() { sigaction(SIGINT, &before_, nullptr); }
 
+TerminationCatcher::TerminationCatcher() : before_() {
+  struct sigaction* before = before_;
+  for (const int number : kSignals) {
+    sigaction(number, nullptr, before);
+    struct sigaction action = {};
+    action.sa_handler = number == SIGPIPE ? SIG_IGN : note;
+    sigemptyset(&action.sa_mask);
+    if (before++->sa_handler != SIG_IGN) sigaction(number, &action, nullptr);
+  }
+}
+
+TerminationCatcher::~TerminationCatcher() {
+  const struct sigaction* before = before_;
+  for (const int number : kSignals) sigaction(number, before++, nullptr);
+}
+
+void TerminationCatcher::reset() {
+  struct sigaction standard = {};
+  standard.sa_handler = SIG_DFL;
+  sigemptyset(&standard.sa_mask);
+  for (const int number : kSignals) sigaction(number, &standard, nullptr);
+}
+
 bool interrupted() { return seen != 0; }
 
 void forget_interrupt() { seen = 0; }

@@ -17,6 +17,23 @@ class InterruptCatcher {
   struct sigaction before_;
 };
 
+/// While it lives, nothing that ends a session (SIGHUP, SIGTERM, SIGQUIT) ends the process: it counts as an
+/// interrupt. A reader of the output that has gone does not end it either (SIGPIPE).
+class TerminationCatcher {
+ public:
+  TerminationCatcher();
+  TerminationCatcher(const TerminationCatcher&) = delete;
+  TerminationCatcher& operator=(const TerminationCatcher&) = delete;
+  ~TerminationCatcher();
+
+  /// After fork(): what is caught ends the child.
+  static void reset();
+
+ private:
+  static constexpr int kSignals[] = {SIGHUP, SIGTERM, SIGQUIT, SIGPIPE};
+  struct sigaction before_[4];
+};
+
 /// Whether an interrupt came since the last InterruptCatcher was made.
 bool interrupted();
 

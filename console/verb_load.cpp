@@ -152,6 +152,8 @@ cs::Result<cs::Restored> restore(const cs::Id& id, cs::RestoreOptions how, const
     line.end();
     return run_check(options.check);
   };
+  // Whatever ends the session must not end the process before the restore is taken back.
+  const TerminationCatcher catcher;
   // After the check the lock is waited for once more, and as long as the options allow.
   return attempt(std::chrono::seconds(options.wait));
 }

@@ -193,7 +193,9 @@ Error Exchange::undo_move(std::size_t number, Foreign foreign) {
   const Result<std::optional<struct stat>> found = sites_[step.root].beneath.look(step.path);
   if (!found) return found.error();
   const Identity live = *found ? identity_of(**found) : Identity();
-  const bool is_staged = is_same_file(look(slot.staging, slot.name), step.after);
+  const Identity in_slot = look(slot.staging, slot.name);
+  const bool is_staged =
+      is_same_file(in_slot, step.after) || is_same_file(look(slot.staging, slot.aside), step.after);
   if (!step.before.exists()) {
     if (!live.exists() || is_staged) return {};
     if (!is_same_file(live, step.after) && foreign == Foreign::leave) {
@@ -211,6 +213,9 @@ Error Exchange::undo_move(std::size_t number, Foreign foreign) {
     if (is_foreign && foreign == Foreign::leave) return foreign_file(step, from);
     return put_back(step, slot, from, live.exists());
   }
+  // Somebody had replaced the file of before, and the exchange was about to put that one back.
+  const bool is_ours = !live.exists() || is_same_file(live, step.after);
+  if (in_slot.exists() && !is_staged && is_ours) return put_back(step, slot, slot.name, live.exists());
   // The step was not done, and somebody has replaced or deleted the file of before.
   if (is_staged || step.what == Step::What::remove) return {};
   return foreign_file(step, slot.name);
@@ -230,7 +235,8 @@ Error Exchange::put_back(const Step& step, const Slot& slot, const std::string& 
   // No directory can replace a file.
   const bool is_linked =
       !S_ISDIR(step.before.kind) &&
-      (linkat(*parent, name.c_str(), slot.staging, slot.aside.c_str(), 0) == 0 || errno == EEXIST);
+      (linkat(*parent, name.c_str(), slot.staging, slot.aside.c_str(), 0) == 0 ||
+       (errno == EEXIST && is_same_file(look(slot.staging, slot.aside), look(*parent, name))));
   if (!is_linked && move(*parent, name, slot.staging, slot.aside) != 0) {
     return beneath.failure(step.path, errno);
   }
@@ -294,7 +300,9 @@ bool Exchange::has_undone_step() {
     // A directory that somebody has made since may have got the same inode.
     if (step.what == Step::What::remove && !S_ISDIR(step.before.kind)) {
       const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
-      if (now && *now && is_unchanged(identity_of(**now), step.before)) return true;
+      const bool is_back = now && *now && is_unchanged(identity_of(**now), step.before);
+      const Slot slot = slot_of(number);
+      if (is_back && !is_same_file(look(slot.staging, slot.name), step.before)) return true;
     }
   }
   return false;

@@ -76,6 +76,10 @@ std::optional<std::string> value_of(int file, const std::string& name) {
 
 /// One that has gone meanwhile is copied.
 bool copy_attribute(int from, int to, const std::string& name) {
+  // These vouch for the content that goes.
+  for (const char* other : {"security.capability", "security.ima", "security.evm"}) {
+    if (name == other) return true;
+  }
   const std::optional<std::string> found = value_of(from, name);
   if (!found) return errno == ENODATA;
   const std::string value = name == kAccess ? limited_by_mask(*found) : *found;
@@ -105,10 +109,10 @@ bool set_access_list(int directory, const std::string& list) {
   return list.empty() || fsetxattr(directory, kAccess, list.data(), list.size(), 0) == 0;
 }
 
-bool copy_extended_attributes(int from, int to) {
+bool copy_extended_attributes(int from, int to, bool with_access_list) {
   const std::optional<std::vector<std::string>> names = names_of(from);
-  return names && std::all_of(names->begin(), names->end(), [from, to](const std::string& name) {
-           return copy_attribute(from, to, name);
+  return names && std::all_of(names->begin(), names->end(), [=](const std::string& name) {
+           return (name == kAccess && !with_access_list) || copy_attribute(from, to, name);
          });
 }
 

@@ -4,9 +4,10 @@
 
 namespace ConfSave::snapshots {
 
-/// Copies the extended attributes of one file to another, access lists included. Named users and groups get
-/// no more than they have now: what the mask takes from them is taken from the copy. False with errno.
-bool copy_extended_attributes(int from, int to);
+/// Copies the extended attributes of one file to another, its access list if `with_access_list`. Named
+/// users and groups get no more than they have now: what the mask takes from them is taken from the copy.
+/// False with errno.
+bool copy_extended_attributes(int from, int to, bool with_access_list);
 
 /// The access list of a directory, as the kernel has it; empty without one.
 std::string access_list(int directory);

@@ -245,7 +245,9 @@ Error Journal::set_state(State state) {
   return in_transaction([&]() -> Error {
     Result<Statement> row = database_.prepare("update restore set state = ?");
     if (!row) return failure();
-    return row->bind(static_cast<int64>(state)).run() ? Error{} : failure();
+    if (!row->bind(static_cast<int64>(state)).run()) return failure();
+    // Somebody else has taken it back.
+    return sqlite3_changes(database_.get()) == 1 ? Error{} : not_understood("the record is gone");
   });
 }
 

@@ -114,7 +114,7 @@ Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& 
   return name;
 }
 
-void remove_old_kept(const Snapshot& loading, const Deadline& deadline,
+void remove_old_kept(const Snapshot& loading, const std::string& kept_name, const Deadline& deadline,
                      std::vector<std::string>& warnings) {
   const Result<Snapshots> rows = newest_rows(kPrefix + std::string("*"), deadline);
   if (!rows) {
@@ -123,7 +123,8 @@ void remove_old_kept(const Snapshot& loading, const Deadline& deadline,
   }
   std::size_t kept = 0;
   for (const Snapshot& row : *rows) {
-    const bool counts = is_dated_name(kPrefix, row.config.name) && !row.pinned && row.id != loading.id;
+    const bool counts = is_dated_name(kPrefix, row.config.name) && !row.pinned && row.id != loading.id &&
+                        row.config.name != kept_name;
     if (!counts || ++kept <= kMostKept) continue;
     const Error error = remove_under_lock({row.config.name, row.config.vers}, {}, deadline);
     if (error.code == Code::ok || error.code == Code::pinned) continue;

@@ -17,8 +17,9 @@ namespace ConfSave::snapshots {
 Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& deadline,
                                        std::vector<std::string>& warnings);
 
-/// Removes the snapshots that keep_configuration() made, except the newest five, those that are pinned, and
-/// `loading`.
-void remove_old_kept(const Snapshot& loading, const Deadline& deadline, std::vector<std::string>& warnings);
+/// Removes the snapshots that keep_configuration() made, except the newest five, those that are pinned,
+/// `loading`, and those named `kept`.
+void remove_old_kept(const Snapshot& loading, const std::string& kept, const Deadline& deadline,
+                     std::vector<std::string>& warnings);
 
 }  // namespace ConfSave::snapshots

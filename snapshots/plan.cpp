@@ -10,11 +10,9 @@
 
 #include "snapshots/archive_path.h"
 #include "snapshots/beneath.h"
-#include "snapshots/boundary.h"
 #include "snapshots/differences.h"
 #include "snapshots/member_collector.h"
 #include "snapshots/notes.h"
-#include "snapshots/recover.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -55,14 +53,29 @@ class Planning {
     if (error.code == Code::ok) error = remove_database();
     if (error.code != Code::ok) return error;
     for (const auto& [path, wanted] : plan_.wanted) compare(path, wanted);
+    if (in_the_way_.code != Code::ok) return in_the_way_;
     compare_links();
     consider_the_rest();
     for (auto& [path, change] : changes_) plan_.shown.changes.push_back(std::move(change));
     write_steps(plan_);
+    plan_.shown.present = present();
     return std::move(plan_);
   }
 
  private:
+  /// Every change of a file changes its stamp.
+  Digest present() const {
+    Sha256 sha256;
+    for (const PlannedStep& planned : plan_.steps) {
+      const Stamp stamp = planned.stamp.value_or(Stamp());
+      for (const int64 number : {static_cast<int64>(stamp.device), static_cast<int64>(stamp.inode),
+                                 stamp.size, stamp.modified, stamp.changed}) {
+        sha256.add(&number, sizeof number);
+      }
+    }
+    return sha256.finish();
+  }
+
   Error read_both() {
     const std::optional<Manifest> saved = find_manifest(row_.snapshot, deadline_);
     if (saved) parents_ = saved->parents;
@@ -160,7 +173,12 @@ class Planning {
     std::string parent = parent_of(path.substr(prefix));
     for (; !parent.empty(); parent = parent_of(parent)) {
       const std::string absolute = beneath.path() + parent;
-      if (plan_.wanted.count(absolute) != 0 || !seen_.insert(absolute).second) return {};
+      const auto member = plan_.wanted.find(absolute);
+      if (member != plan_.wanted.end() && member->second.member.kind != Kind::directory) {
+        return {Code::unsafe, ENOTDIR, printable(absolute),
+                "one archive has a file here, and the other one files below"};
+      }
+      if (member != plan_.wanted.end() || !seen_.insert(absolute).second) return {};
       const auto live = plan_.live.find(absolute);
       if (live == plan_.live.end()) {
         const Result<std::optional<struct stat>> now = beneath.look(parent);
@@ -264,6 +282,10 @@ class Planning {
     const auto& live = plan_.live;
     for (auto next = live.lower_bound(path + "/"); next != live.end(); ++next) {
       if (!begins_with(next->first, path + "/")) return;
+      if (is_of_packet_filter(next->first)) {
+        in_the_way_ = {Code::unsafe, 0, printable(next->first),
+                       "the directory of this file would have to go, and the file is never removed"};
+      }
       remove(next->first, next->second);
     }
   }
@@ -304,25 +326,9 @@ class Planning {
   Parents parents_;
   std::map<std::string, PlannedChange> changes_;
   std::set<std::string> removed_;
+  Error in_the_way_;
   std::set<std::string> seen_;  ///< directories that were considered as parents
 };
-
-bool is_same(const PlannedChange& a, const PlannedChange& b) {
-  const Difference& x = a.difference;
-  const Difference& y = b.difference;
-  return a.action == b.action && x.path == y.path && x.content == y.content && x.mode == y.mode &&
-         x.owner == y.owner && x.group == y.group && x.time == y.time;
-}
-
-Result<Plan> plan_restore(const Id& id, const RestoreOptions& options) {
-  const Deadline deadline(options.wait);
-  if (Error error = check_finished(deadline); error.code != Code::ok) return error;
-  Result<OpenRow> row = open_row(id, deadline);
-  if (!row) return row.error();
-  Result<DetailedPlan> plan = make_plan(*row, options, deadline);
-  if (!plan) return plan.error();
-  return std::move(plan->shown);
-}
 
 }  // namespace
 
@@ -332,18 +338,6 @@ Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, cons
                  "the snapshot '" + printable(row.snapshot.config.name) + "' is of a newer version"};
   }
   return Planning(row, options, deadline).run();
-}
-
-bool is_same_plan(const Plan& a, const Plan& b) {
-  return a.snapshot.id == b.snapshot.id && a.snapshot.config.save_time == b.snapshot.config.save_time &&
-         a.snapshot.keybase_size == b.snapshot.keybase_size && a.snapshot.etc_size == b.snapshot.etc_size &&
-         a.extra == b.extra &&
-         std::equal(a.changes.begin(), a.changes.end(), b.changes.begin(), b.changes.end(),
-                    static_cast<bool (*)(const PlannedChange&, const PlannedChange&)>(is_same));
-}
-
-Result<Plan> plan(const Id& id, const RestoreOptions& options) {
-  return at_boundary([&] { return plan_restore(id, options); });
 }
 
 }  // namespace ConfSave::snapshots

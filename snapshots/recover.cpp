@@ -43,6 +43,10 @@ void warn_of(const std::vector<std::string>& left, std::vector<std::string>& war
   }
 }
 
+bool is_below(const std::string& path, const std::string& directory) {
+  return path.compare(0, directory.size() + 1, directory + "/") == 0;
+}
+
 class Recovering {
  public:
   Recovering(Journal& journal, const Record& record, const Deadline& deadline)
@@ -59,7 +63,8 @@ class Recovering {
     Exchange exchange(*sites, record_.steps);
     // A restore that failed to record its end was undone, and may have failed to record that.
     puts_back = puts_back || (record_.state == State::exchanged && exchange.has_undone_step());
-    if (puts_back) return put_back(*sites);
+    if (puts_back) return put_back(*sites, unfinished);
+    warn_of_other_directories(*sites);
     recovery_.outcome =
         record_.state == State::exchanged ? Recovery::Outcome::finished : Recovery::Outcome::undone;
     if (record_.state == State::exchanged) unfinished = stamp();
@@ -68,12 +73,21 @@ class Recovering {
   }
 
  private:
-  Result<Recovery> put_back(std::vector<Site>& sites) {
+  void warn_of_other_directories(const std::vector<Site>& sites) {
+    for (std::size_t root = 0; root < sites.size(); ++root) {
+      if (!sites[root].name.empty()) continue;
+      const std::string path = printable(record_.roots[root].path);
+      recovery_.warnings.push_back(path + ": this is not the directory that was restored into; if '" +
+                                   record_.roots[root].staging + "' is in it some day, delete that");
+    }
+  }
+
+  Result<Recovery> put_back(std::vector<Site>& sites, Error& unfinished) {
     const Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
     // The files can be put back without the storage.
     if (!storage && storage.error().code == Code::busy) return storage.error();
     const Foreign foreign = record_.state == State::pending ? Foreign::set_aside : Foreign::leave;
-    Error error = take_back(journal_, record_, sites, foreign, recovery_.warnings);
+    Error error = take_back(journal_, record_, sites, foreign, recovery_.warnings, unfinished);
     if (error.code != Code::ok) return error;
     recovery_.outcome = Recovery::Outcome::undone;
     return std::move(recovery_);
@@ -113,9 +127,14 @@ Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished)
     if (!become) return become.error();
     owner.emplace(std::move(*become));
   }
+  const bool puts_back = (*record)->state == State::prepared || (*record)->state == State::pending;
   Result<Journal> journal = Journal::open_to_write(deadline.left());
   if (!journal) return journal.error();
-  return Recovering(*journal, **record, deadline).run(unfinished);
+  Result<Recovery> recovery = Recovering(*journal, **record, deadline).run(unfinished);
+  if (recovery || !puts_back) return recovery;
+  Error error = recovery.error();
+  error.aftermath = Aftermath::mixed;
+  return error;
 }
 
 Result<Recovery> lock_and_recover(const ChangeOptions& options) {
@@ -158,6 +177,13 @@ Result<PendingOwner> PendingOwner::become(const Snapshot& snapshot) {
   return PendingOwner(std::move(file));
 }
 
+PendingOwner::~PendingOwner() {
+  if (!file_) return;
+  struct flock lock = whole_file();
+  lock.l_type = F_UNLCK;
+  fcntl(file_.get(), F_OFD_SETLK, &lock);
+}
+
 bool PendingOwner::is_alive() {
   const Descriptor file(open(owner_file().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   struct flock lock = whole_file();
@@ -165,19 +191,21 @@ bool PendingOwner::is_alive() {
 }
 
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
-                std::vector<std::string>& warnings) {
+                std::vector<std::string>& warnings, Error& unfinished) {
   Exchange exchange(sites, record.steps);
   Error first;
   std::string others;
   std::vector<const Step*> failed;
   for (std::size_t number = record.steps.size(); number-- > 0;) {
     const Step& step = record.steps[number];
-    // A directory that moved away would take along what it still has.
-    const bool is_above = std::any_of(failed.begin(), failed.end(), [&step](const Step* below) {
-      return below->root == step.root && below->path.compare(0, step.path.size() + 1, step.path + "/") == 0;
+    // A directory that moved away would take along what it still has, and a file would move into a
+    // directory of somebody else.
+    const bool waits = std::any_of(failed.begin(), failed.end(), [&step](const Step* other) {
+      return other->root == step.root &&
+             (is_below(other->path, step.path) || is_below(step.path, other->path));
     });
     Error error =
-        is_above ? sites[step.root].beneath.failure(step.path, ENOTEMPTY) : exchange.undo(number, foreign);
+        waits ? sites[step.root].beneath.failure(step.path, ENOTEMPTY) : exchange.undo(number, foreign);
     if (error.code == Code::ok) continue;
     failed.push_back(&step);
     if (first.code == Code::ok) {
@@ -195,7 +223,7 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
     return first;
   }
   // The files are as before, whatever fails here.
-  static_cast<void>(clean_up(journal, exchange, warnings));
+  unfinished = clean_up(journal, exchange, warnings);
   return {};
 }
 

@@ -21,8 +21,9 @@ Error check_finished(const Deadline& deadline);
 
 /// Puts back the old files of all steps, durably, and cleans up. What fails is Aftermath::mixed, and stays
 /// in the journal.
+/// `unfinished` is why the journal is not free then.
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
-                std::vector<std::string>& warnings);
+                std::vector<std::string>& warnings, Error& unfinished);
 
 /// Deletes the staging directories and the record. What fails is a warning, too, and the record stays, so
 /// that the next recovery tries again.
@@ -37,6 +38,11 @@ class PendingOwner {
 
   /// Whether there is one. Takes no lock.
   static bool is_alive();
+
+  PendingOwner(PendingOwner&& other) noexcept = default;
+  PendingOwner& operator=(PendingOwner&& other) = delete;
+  /// Also frees it from a process that the check has forked and that has inherited it.
+  ~PendingOwner();
 
  private:
   explicit PendingOwner(Descriptor file) : file_(std::move(file)) {}

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <optional>
@@ -26,6 +27,22 @@ Error with_aftermath(Error error, Aftermath aftermath) {
   return error;
 }
 
+bool is_same(const PlannedChange& a, const PlannedChange& b) {
+  const Difference& x = a.difference;
+  const Difference& y = b.difference;
+  return a.action == b.action && x.path == y.path && x.content == y.content && x.mode == y.mode &&
+         x.owner == y.owner && x.group == y.group && x.time == y.time;
+}
+
+/// Whether both do the same to the same files.
+bool is_same_plan(const Plan& a, const Plan& b) {
+  return a.snapshot.id == b.snapshot.id && a.snapshot.config.save_time == b.snapshot.config.save_time &&
+         a.snapshot.keybase_size == b.snapshot.keybase_size && a.snapshot.etc_size == b.snapshot.etc_size &&
+         a.present == b.present && a.extra == b.extra &&
+         std::equal(a.changes.begin(), a.changes.end(), b.changes.begin(), b.changes.end(),
+                    static_cast<bool (*)(const PlannedChange&, const PlannedChange&)>(is_same));
+}
+
 class Restoring {
  public:
   Restoring(const Id& id, const RestoreOptions& options)
@@ -36,13 +53,15 @@ class Restoring {
     if (error.code == Code::ok) error = recover_wholly(deadline_);
     if (error.code == Code::ok) error = make_plan();
     if (error.code != Code::ok) return error;
+    error = sync_equal_files();
+    if (error.code != Code::ok) return error;
     if (plan_.steps.empty()) return finish(Restored::Outcome::unchanged);
     error = prepare();
     if (error.code != Code::ok) return error;
     error = exchange();
     if (error.code != Code::ok) return error;
     row_.reset();
-    remove_old_kept(record_.snapshot, deadline_, restored_.warnings);
+    remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
     return finish(Restored::Outcome::restored);
   }
 
@@ -75,6 +94,17 @@ class Restoring {
     plan_ = std::move(*plan);
     if (!options_.expected || is_same_plan(*options_.expected, plan_.shown)) return {};
     return {Code::changed_meanwhile, 0, "", "the files or the snapshot changed since the plan was made"};
+  }
+
+  /// Files that equal the snapshot are part of what lasts, and who wrote them may not have synced them.
+  Error sync_equal_files() const {
+    for (const std::string& path : plan_.directories) {
+      const Result<Beneath> directory = Beneath::open(path);
+      if (!directory && directory.error().number == ENOENT) continue;
+      if (!directory) return directory.error();
+      if (syncfs(directory->root()) != 0) return directory->failure("", errno);
+    }
+    return {};
   }
 
   // ---- Up to here, and in what follows, no live file changes.
@@ -201,8 +231,11 @@ class Restoring {
   }
 
   Error undo(Error why, Foreign foreign) {
+    // A state that could not be written may have been written all the same.
+    static_cast<void>(journal_->set_state(foreign == Foreign::leave ? State::prepared : State::pending));
     std::vector<std::string> warnings;
-    Error error = take_back(*journal_, record_, sites_, foreign, warnings);
+    Error unfinished;
+    Error error = take_back(*journal_, record_, sites_, foreign, warnings, unfinished);
     for (const std::string& warning : warnings) why.text += "; " + warning;
     if (error.code == Code::ok) return with_aftermath(std::move(why), Aftermath::put_back);
     why.text += "; not put back: " + error.path + ": " + error.text;
@@ -242,6 +275,8 @@ class Restoring {
   }
 
   Error come_back() {
+    // The check may have moved directories.
+    for (Site& site : sites_) site.beneath.forget();
     if (Error error = take_lock(); error.code != Code::ok) return error;
     Result<Journal> journal = Journal::open_to_write(deadline_.left());
     if (!journal) return journal.error();
@@ -277,7 +312,21 @@ class Restoring {
   Restored restored_;
 };
 
+Result<Plan> plan_restore(const Id& id, const RestoreOptions& options) {
+  const Deadline deadline(options.wait);
+  if (Error error = check_finished(deadline); error.code != Code::ok) return error;
+  Result<OpenRow> row = open_row(id, deadline);
+  if (!row) return row.error();
+  Result<DetailedPlan> plan = make_plan(*row, options, deadline);
+  if (!plan) return plan.error();
+  return std::move(plan->shown);
+}
+
 }  // namespace
+
+Result<Plan> plan(const Id& id, const RestoreOptions& options) {
+  return at_boundary([&] { return plan_restore(id, options); });
+}
 
 Result<Restored> restore(const Id& id, const RestoreOptions& options) {
   return at_boundary([&] { return Restoring(id, options).run(); });

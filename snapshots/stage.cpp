@@ -63,6 +63,9 @@ class Staging {
     site.staging =
         Descriptor(openat(root, site.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!site.staging) return site.beneath.failure(site.name, errno);
+    struct stat status = {};
+    if (fstat(site.staging.get(), &status) != 0) return site.beneath.failure(site.name, errno);
+    if (status.st_uid != geteuid()) return site.beneath.failure(site.name, EPERM);
     // What it inherits from its parent would be inherited in it.
     const bool is_private =
         remove_access_lists(site.staging.get()) && fchmod(site.staging.get(), S_IRWXU) == 0;
@@ -177,13 +180,23 @@ class Staging {
     }
     if (!file.finish()) return failure(step);
     if (geteuid() == 0 && fchown(file.get(), member.uid, member.gid) != 0) return failure(step);
+    struct stat status = {};
+    if (fstat(file.get(), &status) != 0) return failure(step);
     if (Error error = carry_over(planned, file.get()); error.code != Code::ok) return error;
     const timespec times[] = {seconds(member.time), seconds(member.time)};
-    if (fchmod(file.get(), member.mode) != 0 || futimens(file.get(), times) != 0) return failure(step);
+    const bool done = fchmod(file.get(), mode_for(member, status)) == 0 && futimens(file.get(), times) == 0;
+    if (!done) return failure(step);
     return syncs_all_ || fsync(file.get()) == 0 ? Error{} : failure(step);
   }
 
-  /// Extended attributes and access lists of the file that goes.
+  /// Without the rights of root the file has another owner: it must not run as that one.
+  static mode_t mode_for(const Member& member, const struct stat& status) {
+    const bool has_owner = status.st_uid == member.uid && status.st_gid == member.gid;
+    return has_owner ? member.mode : member.mode & ~static_cast<mode_t>(S_ISUID | S_ISGID);
+  }
+
+  /// Extended attributes of the file that goes. Its access list too, unless it belongs to somebody who has
+  /// no say in who reads the new one.
   Error carry_over(const PlannedStep& planned, int file) {
     if (!S_ISREG(planned.step.before.kind)) return {};
     Beneath& beneath = site_of(planned.step).beneath;
@@ -191,8 +204,11 @@ class Staging {
     if (!parent) return parent.error();
     const Descriptor old(openat(*parent, name_of(planned.step.path).c_str(),
                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!old) return failure(planned.step);
-    return copy_extended_attributes(old.get(), file) ? Error{} : failure(planned.step);
+    struct stat status = {};
+    if (!old || fstat(old.get(), &status) != 0) return failure(planned.step);
+    const bool has_say =
+        geteuid() != 0 || status.st_uid == 0 || status.st_uid == planned.wanted->member.uid;
+    return copy_extended_attributes(old.get(), file, has_say) ? Error{} : failure(planned.step);
   }
 
   /// The other names of a file.

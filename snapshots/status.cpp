@@ -70,8 +70,11 @@ Error look_for_a_restore(const Deadline& deadline, Status& status) {
 
 void look_for_leftovers(const Deadline& deadline, Status& status) {
   for (const std::string& path : leftovers(deadline)) {
+    const bool is_staging = path.find("/.confsave-restore-") != std::string::npos;
     status.attention.push_back(
-        {"leftovers", quoted(path) + " is left from a process that was killed: remove it"});
+        {"leftovers", quoted(path) + (is_staging ? " may hold files that a restore has set aside: look at "
+                                                   "them, then remove it"
+                                                 : " is left from a process that was killed: remove it")});
   }
 }
 

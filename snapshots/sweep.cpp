@@ -87,14 +87,18 @@ Error Exchange::sweep(std::vector<std::string>& left) {
     if (step.what != Step::What::attributes && sites_[step.root].staging) note(sweep_slot(number, left));
   }
   for (Site& site : sites_) {
+    if (site.name.empty()) continue;
     // One that could be made and not opened is empty.
     if (steps_.empty() && site.staging) note(sweep_numbers(site));
-    if (unlinkat(site.beneath.root(), site.name.c_str(), AT_REMOVEDIR) == 0) {
+    const bool is_gone =
+        unlinkat(site.beneath.root(), site.name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT;
+    if (is_gone) {
       site.staging = Descriptor();
-      fsync(site.beneath.root());
-    } else if (errno != ENOENT && !is_occupied(errno)) {
+      // A sweep that was killed may have deleted it, and not come to this.
+      if (fsync(site.beneath.root()) != 0) note(site.beneath.failure("", errno));
+    } else if (!is_occupied(errno)) {
       note(site.beneath.failure(site.name, errno));
-    } else if (errno != ENOENT && left.empty() && first.code == Code::ok) {
+    } else if (left.empty() && first.code == Code::ok) {
       left.push_back(site.beneath.shown(site.name));
     }
   }

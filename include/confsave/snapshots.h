@@ -334,6 +334,8 @@ struct Plan {
   std::vector<PlannedChange> changes;  ///< in the order of paths; empty: nothing would change
   /// Files of the contents that the snapshot does not have, and that stay.
   std::vector<std::string> extra;
+  /// Stands for the files that would change, as they are now: another one if one of them changes.
+  Digest present{};
 };
 
 /// How far a restore is.

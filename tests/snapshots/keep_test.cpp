@@ -175,7 +175,7 @@ TEST_F(Keep, TheNewestFiveStay) {
                      "autosave-2026-01-02-03-04-05"};
   for (const std::string& name : others) put_row(name);
   expected.insert(expected.end(), others.begin(), others.end());
-  remove_old_kept(row(expected[1]), Deadline(milliseconds(5000)), warnings);
+  remove_old_kept(row(expected[1]), "", Deadline(milliseconds(5000)), warnings);
   EXPECT_EQ(stored(), expected);
   EXPECT_EQ(warnings, Texts());
 }
@@ -184,12 +184,12 @@ TEST_F(Keep, WhatIsNotRemovedIsAWarning) {
   for (int i = 0; i < 6; ++i) put_row(dated(i));
   {
     const LockHolder holder(database(), 60000);
-    remove_old_kept({}, Deadline(milliseconds(50)), warnings);
+    remove_old_kept({}, "", Deadline(milliseconds(50)), warnings);
   }
   ASSERT_EQ(warnings.size(), 1U);
   EXPECT_EQ(warnings[0].find("old snapshots were not removed: " + database()), 0U) << warnings[0];
   write_file(notes_file(), std::string(5000, 'x'));
-  remove_old_kept({}, Deadline(milliseconds(5000)), warnings);
+  remove_old_kept({}, "", Deadline(milliseconds(5000)), warnings);
   ASSERT_EQ(warnings.size(), 2U);
   EXPECT_EQ(warnings[1].find("'" + dated(0) + "' was not removed: " + notes_file()), 0U) << warnings[1];
   EXPECT_EQ(stored().size(), 6U);

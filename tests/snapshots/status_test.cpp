@@ -119,7 +119,7 @@ TEST_F(StatusTest, StagingDirectoriesThatNoJournalKnows) {
       mkdir((dir + name).c_str(), 0700);
     }
   }
-  const std::string killed = " is left from a process that was killed: remove it";
+  const std::string killed = " may hold files that a restore has set aside: look at them, then remove it";
   EXPECT_EQ(attention(), (Texts{"leftovers: '/mnt/main/etc/.confsave-restore-0123456789abcdef'" + killed,
                                 "leftovers: '<root>/config/.confsave-restore-0123456789abcdef'" + killed}));
   // Recovery may need them.
