@@ -187,6 +187,15 @@ Error Exchange::undo_attributes(const Step& step) {
   return set_attributes(step, step.old, step.old_access, -1);
 }
 
+Error Exchange::undo_creation(const Step& step, const Slot& slot, const Identity& live, Foreign foreign) {
+  if (!is_same_file(live, step.after) && foreign == Foreign::leave) return foreign_file(step, slot.name);
+  Beneath& beneath = sites_[step.root].beneath;
+  const Result<int> parent = beneath.directory(parent_of(step.path));
+  if (!parent) return parent.error();
+  const bool done = move(*parent, name_of(step.path), slot.staging, slot.name) == 0;
+  return done ? Error{} : beneath.failure(step.path, errno);
+}
+
 Error Exchange::undo_move(std::size_t number, Foreign foreign) {
   const Step& step = steps_[number];
   const Slot slot = slot_of(number);
@@ -197,14 +206,7 @@ Error Exchange::undo_move(std::size_t number, Foreign foreign) {
   const bool is_staged =
       is_same_file(in_slot, step.after) || is_same_file(look(slot.staging, slot.aside), step.after);
   if (!step.before.exists()) {
-    if (!live.exists() || is_staged) return {};
-    if (!is_same_file(live, step.after) && foreign == Foreign::leave) {
-      return foreign_file(step, slot.name);
-    }
-    const Result<int> parent = sites_[step.root].beneath.directory(parent_of(step.path));
-    if (!parent) return parent.error();
-    const bool done = move(*parent, name_of(step.path), slot.staging, slot.name) == 0;
-    return done ? Error{} : sites_[step.root].beneath.failure(step.path, errno);
+    return !live.exists() || is_staged ? Error{} : undo_creation(step, slot, live, foreign);
   }
   if (is_same_file(live, step.before)) return {};
   for (const std::string& from : {slot.name, slot.old_name}) {

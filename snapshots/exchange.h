@@ -62,6 +62,7 @@ class Exchange {
                        int64 time);
   Error undo_attributes(const Step& step);
   Error undo_move(std::size_t number, Foreign foreign);
+  Error undo_creation(const Step& step, const Slot& slot, const Identity& live, Foreign foreign);
   Error put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied);
   bool is_as_before(const Slot& slot, const std::string& name, const Step& step) const;
   Error changed(const Step& step) const;
