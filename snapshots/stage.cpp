@@ -84,9 +84,8 @@ class Staging {
     for (const PlannedStep& planned : plan_.steps) going.insert(planned.step.before.inode);
     for (const auto& [path, wanted] : plan_.wanted) {
       if (wanted.member.kind != Kind::file || changed.count(path) != 0) continue;
-      auto& sources = sources_[wanted.base];
-      const auto source = sources.find(wanted.entry);
-      if (source == sources.end() || source->second.unchanged != nullptr) continue;
+      const auto source = sources_[wanted.base].find(wanted.entry);
+      if (source == sources_[wanted.base].end() || source->second.unchanged != nullptr) continue;
       const auto live = plan_.live.find(path);
       // A new link changes the stamp of the file, which the exchange compares.
       const bool stays = live != plan_.live.end() && going.count(live->second.stamp.inode) == 0;
