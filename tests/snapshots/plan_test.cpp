@@ -100,6 +100,15 @@ TEST_F(PlanTest, TheFileOfThePacketFilterIsNeitherRestoredNorRemoved) {
   EXPECT_EQ(read_file(config("station/corlu.serv")), "new\n");
 }
 
+TEST_F(PlanTest, ADirectoryWithTheFileOfThePacketFilterIsNotReplaced) {
+  shell("cd " + config_dir() + " && rm station && mkdir station && echo rules > station/corlu.serv");
+  const auto before = everything(true);
+  const auto error = refused(without_keeping());
+  EXPECT_EQ(error.code, Code::unsafe);
+  EXPECT_EQ(without_root(error.path), "<config>/station/corlu.serv");
+  EXPECT_EQ(everything(true), before);
+}
+
 TEST_F(PlanTest, TopLevelNamesWithADotInFrontAreNotRestored) {
   shell("cd " + config_dir() +
         " && echo old > .hidden && echo old > gw8 && mkdir .dir hub/.dir && touch .dir/x" + " hub/.dir/x");
@@ -181,6 +190,12 @@ TEST_F(PlanTest, AnotherPlanThanTheExpectedOneIsRefused) {
   const auto before = everything(true);
   EXPECT_EQ(refused(options).code, Code::changed_meanwhile);
   EXPECT_EQ(everything(true), before);
+  // The same lines, but not the same file.
+  write_file(config("station"), "shown");
+  options.expected = *cs::plan({"weekly"});
+  write_file(config("station"), "since");
+  EXPECT_EQ(refused(options).code, Code::changed_meanwhile);
+  EXPECT_EQ(read_file(config("station")), "since");
   options.expected = *cs::plan({"weekly"});
   EXPECT_TRUE(cs::restore({"weekly"}, options));
 }
