@@ -139,7 +139,8 @@ def autosaves(gateway, rounds):
                                     and output.endswith("already exists\n")), status, output)
         stored = gateway.query("select count(*) from Config where name like 'autosave%'")[0][0] - before
         done = sum(status == 0 for status, _ in results)
-        require(stored == done, done, "said done,", stored, "are there")
+        # One may delete the row that another has just stored (quirk Q52).
+        require(1 <= stored <= done, done, "said done,", stored, "are there")
     require_contents(gateway, "autosave*", of_anybody)
     twice = gateway.query("select name from Config group by name, version having count(*) > 1")
     require(not twice, "twice:", twice)
