@@ -13,7 +13,7 @@ namespace {
 /// Null when there is no such snapshot.
 Json json_time(ConfSave::int64 time) { return time != 0 ? json_utc(time) : Json(nullptr); }
 
-/// The restore that waits, or that was interrupted; null if there is none.
+/// The restore that waits, or that was interrupted; else null.
 Json json_pending(const std::optional<cs::Unfinished>& left) {
   if (!left || !left->is_pending) return nullptr;
   Json object;

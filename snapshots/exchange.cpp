@@ -122,7 +122,7 @@ Error Exchange::put(std::size_t number, int parent, const std::string& name) {
 }
 
 /// The old file gets a second name, and the new one replaces it. A directory cannot have two names: for a
-/// moment there is none.
+/// moment it is missing.
 Error Exchange::put_without_exchange(const Step& step, const Slot& slot, int parent,
                                      const std::string& name) {
   const Beneath& beneath = sites_[step.root].beneath;
