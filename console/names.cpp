@@ -2,7 +2,6 @@
 
 #include <confsave.h>
 
-#include <algorithm>
 #include <iostream>
 
 #include "text.h"
@@ -34,17 +33,6 @@ bool check_characters(const char* what, const std::string& text, const std::stri
 bool is_name(const std::string& text) {
   return !text.empty() && text.size() <= kLongestName &&
          text.find_first_not_of(ConfSave::VALID_NAME_CHARS) == std::string::npos;
-}
-
-bool is_autosave(const std::string& name) {
-  const std::string form = "autosave-0000-00-00-00-00-00";
-  std::string digits = name;
-  const auto is_digit = [](char letter) { return letter >= '0' && letter <= '9'; };
-  std::replace_if(digits.begin(), digits.end(), is_digit, '0');
-  if (digits.compare(0, form.size(), form) != 0) return false;
-  const std::string rest = digits.substr(form.size());
-  return rest.empty() ||
-         (rest.size() > 1 && rest[0] == '-' && rest.find_first_not_of('0', 1) == std::string::npos);
 }
 
 bool check_name(const std::string& name) {

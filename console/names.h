@@ -9,9 +9,6 @@ namespace console {
 /// True for 1 to 80 characters of ConfSave::VALID_NAME_CHARS. Prints nothing.
 bool is_name(const std::string& text);
 
-/// "autosave-YYYY-MM-DD-HH-MM-SS", with or without "-N" behind it. Prints nothing.
-bool is_autosave(const std::string& name);
-
 bool check_name(const std::string& name);
 
 /// A pattern is a name in which * ? [ ] may stand too.

@@ -28,6 +28,9 @@ struct Options {
   std::string sort;
   unsigned days = 31;
   unsigned max = 0;
+  unsigned keep_newest = 0;
+  std::optional<unsigned> older_than;  ///< days
+  std::optional<std::string> match;
   unsigned wait = 30;
   bool force = false;
   bool yes = false;

@@ -16,14 +16,28 @@ namespace {
 /// More lines than that hide what was printed before.
 constexpr std::size_t kMostMissing = 20;
 
+template <class Save>
+auto in_time(unsigned seconds, Save save) {
+  const ProgressLine progress("saving");
+  return in_turns(seconds, [&](std::chrono::milliseconds wait) {
+    forget_failed_command();
+    return save(wait);
+  });
+}
+
 }  // namespace
 
 cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, unsigned seconds) {
-  const ProgressLine progress("saving");
-  return in_turns(seconds, [&](std::chrono::milliseconds wait) {
+  return in_time(seconds, [&](std::chrono::milliseconds wait) {
     how.wait = wait;
-    forget_failed_command();
     return cs::save(id, how);
+  });
+}
+
+cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, unsigned seconds) {
+  return in_time(seconds, [&](std::chrono::milliseconds wait) {
+    how.wait = wait;
+    return cs::autosave(how);
   });
 }
 

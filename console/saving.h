@@ -10,6 +10,9 @@ namespace console {
 /// terminal.
 cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, unsigned seconds);
 
+/// The same for an autosave.
+cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, unsigned seconds);
+
 /// Prints why nothing was stored. Returns the exit status.
 int report_unsaved(cs::Error error);
 

@@ -19,6 +19,7 @@ int note(const Options& options);
 int pin(const Options& options);
 int unpin(const Options& options);
 int remove(const Options& options);
+int prune(const Options& options);
 int autosave(const Options& options);
 int check_old(const Options& options);
 int shell(const Options& options);

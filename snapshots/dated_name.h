@@ -5,6 +5,9 @@
 
 namespace ConfSave::snapshots {
 
+/// What the names of autosaves begin with.
+constexpr const char* kAutosavePrefix = "autosave-";
+
 /// `prefix` followed by "YYYY-MM-DD-HH-MM-SS" in local time.
 std::string dated_name(const std::string& prefix, std::time_t time);
 

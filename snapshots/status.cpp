@@ -12,7 +12,6 @@
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
-#include "snapshots/dated_name.h"
 #include "snapshots/leftovers.h"
 #include "snapshots/sentence.h"
 #include "snapshots/system_error.h"
@@ -37,7 +36,7 @@ int64 look_at_rows(const Snapshots& rows, Status& status) {
   for (const Snapshot& row : rows) {
     largest = std::max(largest, row.keybase_size + row.etc_size);
     status.newest = std::max(status.newest, row.config.save_time);
-    if (is_dated_name("autosave-", row.config.name)) {
+    if (is_autosave(row.config.name)) {
       status.newest_autosave = std::max(status.newest_autosave, row.config.save_time);
     }
   }

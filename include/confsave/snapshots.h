@@ -458,4 +458,67 @@ struct Status {
 /// stale, and little room. Changes nothing.
 CONFSAVE_API Result<Status> status(const ReadOptions& options = {});
 
+// ---------------------------------------------------------------------------------------------------
+// Keeping house
+
+/// Whether this is the name of an autosave: "autosave-YYYY-MM-DD-HH-MM-SS", with or without "-N" behind it.
+CONFSAVE_API bool is_autosave(const std::string& name);
+
+/// Which snapshots prune() deletes.
+struct PruneOptions {
+  int64 keep = 0;                                ///< how many stay, 1 or more: the newest by save time
+  std::optional<std::chrono::hours> older_than;  ///< delete only what was saved longer ago than this
+  std::optional<std::string> pattern;            ///< of the name, as in Query; default: every autosave
+  bool dry_run = false;                          ///< delete nothing
+  std::chrono::milliseconds wait{30000};
+};
+
+/// A snapshot that was deleted, or would be.
+struct Victim {
+  Snapshot snapshot;
+  std::string reason;  ///< why: a phrase without a line end
+};
+
+/// A snapshot that should have been deleted, and is still there.
+struct Undeleted {
+  Victim victim;
+  Error error;
+};
+
+/// What prune() did, or would do.
+struct Pruned {
+  int64 kept = 0;                    ///< how many of those that count stay
+  std::vector<Victim> deleted;       ///< the oldest first
+  std::vector<Undeleted> undeleted;  ///< the others were deleted all the same
+};
+
+/// Deletes the snapshots that match, except the newest ones. Never deletes a pinned snapshot, that of a
+/// restore that is not finished (neither counts), the packet filter's own one, or the last snapshot that
+/// can be restored: one that verify() finds intact or unproven always stays. If it cannot be known which
+/// snapshots are pinned, nothing is deleted: the error of the notes. A dry run chooses by the same code; it
+/// changes nothing, and takes no lock of the floor.
+CONFSAVE_API Result<Pruned> prune(const PruneOptions& options);
+
+/// How to autosave.
+struct AutosaveOptions {
+  int64 most = 0;  ///< how many autosaves stay, 1 or more; pinned ones do not count
+  conftype type = conf_full;
+  bool if_changed = false;  ///< as for save()
+  std::chrono::milliseconds wait{30000};
+};
+
+/// What autosave() did.
+struct Autosaved {
+  Saved saved;
+  std::vector<Victim> deleted;       ///< the oldest first
+  std::vector<Undeleted> undeleted;  ///< the others were deleted all the same
+  Error undecided;                   ///< why no old one was deleted, if it is not known which ones may go
+};
+
+/// Saves the live configuration under the name of an autosave in local time, then deletes the oldest
+/// autosaves if there are too many. The new one is stored and proven before an old one goes: after an error
+/// every old one is there. It stays, whatever the clock says; for the others the rules of prune() hold. All
+/// of it happens under one lock.
+CONFSAVE_API Result<Autosaved> autosave(const AutosaveOptions& options);
+
 }  // namespace ConfSave::snapshots
