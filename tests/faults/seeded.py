@@ -72,6 +72,8 @@ def run(tree, campaign):
 
 def campaigns_of(bug):
     first = bug.read_text().split("\n")[0]
+    if not first.startswith("Noticed by: "):
+        sys.exit(f"seeded: {bug.name} does not say what notices it")
     return first.removeprefix("Noticed by: ").split()
 
 
@@ -115,6 +117,7 @@ def main():
         for bug in bugs:
             if not patch(tree, bug, "--dry-run"):
                 sys.exit(f"seeded: {bug.name} does not apply: make it anew")
+            campaigns_of(bug)
         configure(tree)
         build(tree)
         named = {campaign.split(":")[0] for bug in chosen for campaign in campaigns_of(bug)}
