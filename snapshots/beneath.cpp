@@ -2,6 +2,9 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
+#include <cerrno>
+
 #include "snapshots/archive_path.h"
 #include "snapshots/system_error.h"
 
@@ -55,24 +58,37 @@ Result<Descriptor> Beneath::walk(const std::string& relative) const {
   return directory;
 }
 
+Result<Beneath::Opened> Beneath::open_again(const std::string& relative, const Opened* opened) const {
+  Result<Descriptor> found = walk(relative);
+  if (!found) return found.error();
+  Opened now{std::move(*found), {}};
+  if (fstat(now.descriptor.get(), &now.status) != 0) return failure(relative, errno);
+  const bool is_it = opened == nullptr || (now.status.st_ino == opened->status.st_ino &&
+                                           now.status.st_dev == opened->status.st_dev);
+  if (is_it) return now;
+  return Error{Code::changed_meanwhile, 0, shown(relative), "this is another directory than before"};
+}
+
+void Beneath::close_one() {
+  const auto is_open = [](const auto& entry) { return static_cast<bool>(entry.second.descriptor); };
+  if (static_cast<std::size_t>(std::count_if(opened_.begin(), opened_.end(), is_open)) < kMostOpened)
+    return;
+  std::find_if(opened_.begin(), opened_.end(), is_open)->second.descriptor = Descriptor();
+}
+
 Result<int> Beneath::directory(const std::string& relative) {
   if (relative.empty()) return root_.get();
   const auto found = opened_.find(relative);
-  if (found != opened_.end()) return found->second.get();
-  Result<Descriptor> opened = walk(relative);
+  if (found != opened_.end() && found->second.descriptor) return found->second.descriptor.get();
+  Result<Opened> opened = open_again(relative, found != opened_.end() ? &found->second : nullptr);
   if (!opened) return opened.error();
-  if (opened_.size() >= kMostOpened) opened_.erase(opened_.begin());
-  return opened_.emplace(relative, std::move(*opened)).first->second.get();
+  close_one();
+  return opened_.insert_or_assign(relative, std::move(*opened)).first->second.descriptor.get();
 }
 
 bool Beneath::is_in_place(const std::string& relative) const {
   const auto found = opened_.find(relative);
-  if (found == opened_.end()) return true;
-  const Result<Descriptor> now = walk(relative);
-  struct stat a = {};
-  struct stat b = {};
-  return now && fstat(now->get(), &a) == 0 && fstat(found->second.get(), &b) == 0 && a.st_ino == b.st_ino &&
-         a.st_dev == b.st_dev;
+  return found == opened_.end() || open_again(relative, &found->second);
 }
 
 Result<std::optional<struct stat>> Beneath::look(const std::string& relative) {

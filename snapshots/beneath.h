@@ -25,8 +25,9 @@ class Beneath {
   int root() const { return root_.get(); }
 
   /// The directory at `relative`, empty for the root; this object owns the descriptor, until the next
-  /// call. Once opened it stays the same one, wherever it is moved. The number of the error is ENOENT if
-  /// it is missing; Code::unsafe if something else is in its place.
+  /// call. Once opened it stays the same one, wherever it is moved; of many, only the last ones can be
+  /// followed, and Code::changed_meanwhile is the error if another one is there. The number of the error is
+  /// ENOENT if it is missing; Code::unsafe if something else is in its place.
   Result<int> directory(const std::string& relative);
 
   /// Whether the directory that was opened is still at its path.
@@ -41,12 +42,20 @@ class Beneath {
   Error failure(const std::string& relative, int number) const;
 
  private:
+  struct Opened {
+    Descriptor descriptor;  ///< none if it was closed, to open others
+    struct stat status = {};
+  };
+
   Result<Descriptor> walk(const std::string& relative) const;
+  /// The directory at `relative` as it is now. Code::changed_meanwhile unless it is that of `opened`.
+  Result<Opened> open_again(const std::string& relative, const Opened* opened) const;
+  void close_one();
 
   std::string path_;
   Descriptor root_;
   struct stat status_ = {};
-  std::map<std::string, Descriptor> opened_;
+  std::map<std::string, Opened> opened_;
 };
 
 /// "a/b" of "a/b/c"; empty without a "/".

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <optional>
 
 #include "snapshots/archive_path.h"
-#include "snapshots/extended_attributes.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -19,16 +19,18 @@ constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 /// With more directories than this, one sync of the file system is faster.
 constexpr std::size_t kSyncsOneByOne = 16;
 
-bool is_empty(int parent, const std::string& name) {
+/// No value with errno if the directory cannot be read.
+std::optional<bool> is_empty(int parent, const std::string& name) {
   Descriptor opened(openat(parent, name.c_str(), kDirectory));
   const Directory directory(opened ? fdopendir(opened.get()) : nullptr);
-  if (directory == nullptr) return false;
+  if (directory == nullptr) return {};
   opened.release();
+  errno = 0;
   while (const dirent* entry = readdir(directory.get())) {
     const std::string child = entry->d_name;
     if (child != "." && child != "..") return false;
   }
-  return true;
+  return errno == 0 ? std::optional(true) : std::nullopt;
 }
 
 /// Whether the file system, or the kernel, does not have the flag of the last renameat2.
@@ -82,9 +84,18 @@ Error Exchange::foreign_file(const Step& step, const std::string& slot) const {
               "'. Move this one away, then run 'confsave recover'"};
 }
 
-bool Exchange::is_as_before(const Slot& slot, const std::string& name, const Step& step) const {
-  const Identity now = look(slot.staging, name);
-  return is_unchanged(now, step.before) && (!S_ISDIR(now.kind) || is_empty(slot.staging, name));
+/// Moving a file sets the time of its inode: mode and owner are compared by themselves.
+Error Exchange::compare_with_before(const Slot& slot, const std::string& name, const Step& step) const {
+  struct stat now = {};
+  const Beneath& beneath = sites_[step.root].beneath;
+  if (fstatat(slot.staging, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) {
+    return beneath.failure(step.path, errno);
+  }
+  if (!is_unchanged(identity_of(now), step.before) || !has_attributes(now, step.old)) return changed(step);
+  if (!S_ISDIR(now.st_mode)) return {};
+  const std::optional<bool> found = is_empty(slot.staging, name);
+  if (!found) return beneath.failure(step.path, errno);
+  return *found ? Error{} : changed(step);
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -93,9 +104,7 @@ bool Exchange::is_as_before(const Slot& slot, const std::string& name, const Ste
 Error Exchange::apply(std::size_t number) {
   const Step& step = steps_[number];
   touch(step);
-  if (step.what == Step::What::attributes) {
-    return set_attributes(step, step.fresh, limited_by_mask(step.old_access), step.time);
-  }
+  if (step.what == Step::What::attributes) return apply_attributes(step);
   const Result<int> parent = sites_[step.root].beneath.directory(parent_of(step.path));
   if (!parent) return parent.error();
   const std::string name = name_of(step.path);
@@ -110,11 +119,9 @@ Error Exchange::put(std::size_t number, int parent, const std::string& name) {
     return errno == EEXIST ? changed(step) : sites_[step.root].beneath.failure(step.path, errno);
   }
   if (exchange(slot.staging, slot.name, parent, name) == 0) {
-    if (is_as_before(slot, slot.name, step)) return {};
-    if (exchange(slot.staging, slot.name, parent, name) != 0) {
-      return sites_[step.root].beneath.failure(step.path, errno);
-    }
-    return changed(step);
+    Error error = compare_with_before(slot, slot.name, step);
+    if (error.code == Code::ok || exchange(slot.staging, slot.name, parent, name) == 0) return error;
+    return sites_[step.root].beneath.failure(step.path, errno);
   }
   if (errno == ENOENT) return changed(step);
   if (!lacks_flag()) return sites_[step.root].beneath.failure(step.path, errno);
@@ -131,10 +138,10 @@ Error Exchange::put_without_exchange(const Step& step, const Slot& slot, int par
   if (!is_linked && move(parent, name, slot.staging, slot.old_name) != 0) {
     return errno == ENOENT ? changed(step) : beneath.failure(step.path, errno);
   }
-  if (!is_as_before(slot, slot.old_name, step)) {
+  if (Error error = compare_with_before(slot, slot.old_name, step); error.code != Code::ok) {
     const int undone = is_linked ? unlinkat(slot.staging, slot.old_name.c_str(), 0)
                                  : move(slot.staging, slot.old_name, parent, name);
-    return undone == 0 ? changed(step) : beneath.failure(step.path, errno);
+    return undone == 0 ? error : beneath.failure(step.path, errno);
   }
   if (renameat(slot.staging, slot.name.c_str(), parent, name.c_str()) == 0) return {};
   return beneath.failure(step.path, errno);
@@ -146,28 +153,9 @@ Error Exchange::take_away(std::size_t number, int parent, const std::string& nam
   if (move(parent, name, slot.staging, slot.name) != 0) {
     return errno == ENOENT ? changed(step) : sites_[step.root].beneath.failure(step.path, errno);
   }
-  if (is_as_before(slot, slot.name, step)) return {};
-  if (move(slot.staging, slot.name, parent, name) == 0) return changed(step);
+  Error error = compare_with_before(slot, slot.name, step);
+  if (error.code == Code::ok || move(slot.staging, slot.name, parent, name) == 0) return error;
   return sites_[step.root].beneath.failure(step.path, errno);
-}
-
-/// The mode comes last: it is the mask of the access list, and a new owner clears the set-id bits.
-Error Exchange::set_attributes(const Step& step, const Attributes& attributes, const std::string& access,
-                               int64 time) {
-  Beneath& beneath = sites_[step.root].beneath;
-  const Result<int> parent = beneath.directory(parent_of(step.path));
-  if (!parent) return parent.error();
-  const Descriptor directory(openat(*parent, name_of(step.path).c_str(), kDirectory));
-  struct stat status = {};
-  if (!directory || fstat(directory.get(), &status) != 0) return beneath.failure(step.path, errno);
-  if (!is_same_file(identity_of(status), step.after)) return changed(step);
-  const bool done = (geteuid() != 0 || fchown(directory.get(), attributes.uid, attributes.gid) == 0) &&
-                    set_access_list(directory.get(), access) &&
-                    fchmod(directory.get(), attributes.mode) == 0;
-  if (!done) return beneath.failure(step.path, errno);
-  if (time < 0) return {};
-  const timespec times[] = {{time, 0}, {time, 0}};
-  return futimens(directory.get(), times) == 0 ? Error{} : beneath.failure(step.path, errno);
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -177,14 +165,6 @@ Error Exchange::undo(std::size_t number, Foreign foreign) {
   const Step& step = steps_[number];
   touch(step);
   return step.what == Step::What::attributes ? undo_attributes(step) : undo_move(number, foreign);
-}
-
-/// Where the directory is not, or is another one, the step that put it there is undone after this one.
-Error Exchange::undo_attributes(const Step& step) {
-  const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
-  if (!now) return now.error();
-  if (!*now || !is_same_file(identity_of(**now), step.after)) return {};
-  return set_attributes(step, step.old, step.old_access, -1);
 }
 
 Error Exchange::undo_creation(const Step& step, const Slot& slot, const Identity& live, Foreign foreign) {

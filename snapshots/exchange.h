@@ -11,6 +11,9 @@ namespace ConfSave::snapshots {
 /// Which file `name` is; nothing with errno if it does not exist, or cannot be looked at.
 Identity look(int directory, const std::string& name);
 
+/// Whether mode and owner are these.
+bool has_attributes(const struct stat& status, const Attributes& attributes);
+
 /// What to do about a file that is neither the one of before nor the staged one.
 enum class Foreign {
   leave,      ///< leave everything as it is, and report it
@@ -60,11 +63,12 @@ class Exchange {
   Error take_away(std::size_t number, int parent, const std::string& name);
   Error set_attributes(const Step& step, const Attributes& attributes, const std::string& access,
                        int64 time);
+  Error apply_attributes(const Step& step);
   Error undo_attributes(const Step& step);
   Error undo_move(std::size_t number, Foreign foreign);
   Error undo_creation(const Step& step, const Slot& slot, const Identity& live, Foreign foreign);
   Error put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied);
-  bool is_as_before(const Slot& slot, const std::string& name, const Step& step) const;
+  Error compare_with_before(const Slot& slot, const std::string& name, const Step& step) const;
   Error changed(const Step& step) const;
   Error foreign_file(const Step& step, const std::string& slot) const;
   bool is_moved_away(std::size_t root, const std::string& directory) const;

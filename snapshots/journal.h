@@ -48,8 +48,8 @@ struct Step {
   std::string path;  ///< relative to the root
   Identity before;   ///< what was there
   Identity after;    ///< what was staged
-  Attributes old;    ///< of `attributes`, as the next two
-  Attributes fresh;
+  Attributes old;  ///< of what was there; of a directory that the restore makes, those that it is made with
+  Attributes fresh;        ///< of `attributes`
   std::string old_access;  ///< the access list of that directory, as the kernel has it; may be empty
   int64 time = -1;         ///< of a directory that the restore makes, in seconds since the epoch; else -1
 };

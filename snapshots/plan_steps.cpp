@@ -38,6 +38,7 @@ PlannedStep step_for(const DetailedPlan& plan, Step::What what, const std::strin
   const auto live = plan.live.find(path);
   if (live != plan.live.end()) {
     planned.step.before = identity_of(live->second);
+    planned.step.old = attributes_of(live->second.member);
     planned.stamp = live->second.stamp;
   }
   return planned;
@@ -51,7 +52,6 @@ PlannedStep attributes_step(const DetailedPlan& plan, const std::string& path, c
   step.fresh = attributes_of(wanted.member);
   if (action == Action::attributes) {
     step.after = step.before;
-    step.old = attributes_of(plan.live.at(path).member);
     return planned;
   }
   step.old = {S_IRWXU, geteuid(), getegid()};
