@@ -238,11 +238,11 @@ Error Notes::replace(const Snapshot& snapshot, const Note& note) {
   return statement->step() == SQLITE_DONE ? Error{} : database_.error();
 }
 
-std::optional<Manifest> find_manifest(const Snapshot& snapshot, const Deadline& deadline) {
+Result<std::optional<Manifest>> find_manifest(const Snapshot& snapshot, const Deadline& deadline) {
   Result<std::optional<Notes>> notes = Notes::open(deadline.left());
-  if (!notes || !*notes) return {};
-  Result<std::optional<Manifest>> found = (*notes)->manifest(snapshot);
-  return found ? std::move(*found) : std::nullopt;
+  if (!notes) return notes.error();
+  if (!*notes) return std::optional<Manifest>();
+  return (*notes)->manifest(snapshot);
 }
 
 }  // namespace ConfSave::snapshots

@@ -81,7 +81,7 @@ class Notes {
   bool has_parents_ = true;
 };
 
-/// The manifest of `snapshot`; no value without notes that can be read.
-std::optional<Manifest> find_manifest(const Snapshot& snapshot, const Deadline& deadline);
+/// The manifest of `snapshot`; no value without one.
+Result<std::optional<Manifest>> find_manifest(const Snapshot& snapshot, const Deadline& deadline);
 
 }  // namespace ConfSave::snapshots

@@ -13,6 +13,7 @@
 #include "snapshots/differences.h"
 #include "snapshots/member_collector.h"
 #include "snapshots/notes.h"
+#include "snapshots/sentence.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -77,8 +78,9 @@ class Planning {
   }
 
   Error read_both() {
-    const std::optional<Manifest> saved = find_manifest(row_.snapshot, deadline_);
-    if (saved) parents_ = saved->parents;
+    Result<std::optional<Manifest>> saved = find_manifest(row_.snapshot, deadline_);
+    if (!saved) no_manifest_ = saved.error();
+    if (saved && *saved) parents_ = std::move((*saved)->parents);
     ContentCheck quick(ContentCheck::Digests::only_compared);
     Error error = read_both(quick);
     if (error.code != Code::ok || !needs_digests(quick)) return error;
@@ -143,10 +145,6 @@ class Planning {
                        [&relative](const std::string& entry) { return is_covered(relative, entry); });
   }
 
-  bool is_of_contents(const std::string& path) const {
-    return is_of_contents(path, Base::configuration) || is_of_contents(path, Base::failover);
-  }
-
   /// Directories that members are in, and that neither the snapshot nor the disk has.
   Error add_parents() {
     std::map<std::string, Wanted> made;
@@ -162,6 +160,10 @@ class Planning {
         Error error = add_parents_of(path, wanted.base, *beneath, made);
         if (error.code != Code::ok) return error;
       }
+    }
+    if (!made.empty() && no_manifest_.code == Code::busy) return no_manifest_;
+    if (!made.empty() && no_manifest_.code != Code::ok) {
+      plan_.warnings.push_back("missing directories are for their owner only: " + sentence(no_manifest_));
     }
     plan_.wanted.merge(made);
     return {};
@@ -295,7 +297,8 @@ class Planning {
     for (auto next = plan_.live.rbegin(); next != plan_.live.rend(); ++next) {
       const auto& [path, live] = *next;
       const bool is_known = plan_.wanted.count(path) != 0 || removed_.count(path) != 0;
-      if (is_known || !is_of_contents(path) || is_of_packet_filter(path)) continue;
+      const bool counts = is_of_contents(path, Base::configuration) || is_of_contents(path, Base::failover);
+      if (is_known || !counts || is_of_packet_filter(path)) continue;
       const bool is_directory = live.member.kind == Kind::directory;
       if (options_.exact && (!is_directory || becomes_empty(path))) {
         remove(path, live);
@@ -324,6 +327,7 @@ class Planning {
   DetailedPlan plan_;
   std::map<Base, std::vector<std::string>> contents_;  ///< relative, by base
   Parents parents_;
+  Error no_manifest_;  ///< why there may be one that cannot be read
   std::map<std::string, PlannedChange> changes_;
   std::set<std::string> removed_;
   Error in_the_way_;

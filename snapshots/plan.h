@@ -30,7 +30,8 @@ struct DetailedPlan {
   std::vector<std::string> directories;  ///< that are restored into, by the number of a step's root
   std::map<std::string, Wanted> wanted;
   std::map<std::string, LiveMember> live;
-  std::vector<PlannedStep> steps;  ///< in the order of execution
+  std::vector<PlannedStep> steps;     ///< in the order of execution
+  std::vector<std::string> warnings;  ///< a sentence each
 };
 
 /// Compares a row with the live files, or with those in the target.

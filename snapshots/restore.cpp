@@ -92,6 +92,7 @@ class Restoring {
     Result<DetailedPlan> plan = snapshots::make_plan(*row_, options_, deadline_);
     if (!plan) return plan.error();
     plan_ = std::move(*plan);
+    restored_.warnings = plan_.warnings;
     if (!options_.expected || is_same_plan(*options_.expected, plan_.shown)) return {};
     return {Code::changed_meanwhile, 0, "", "the files or the snapshot changed since the plan was made"};
   }

@@ -143,6 +143,29 @@ TEST_F(PlanTest, WithoutAManifestAMissingDirectoryIsForItsOwnerOnly) {
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | S_IRWXU));
 }
 
+TEST_F(PlanTest, NotesThatCannotBeReadAreNamedIfTheyMatter) {
+  shell("chmod 2750 " + config("hub"));
+  saved("weekly", overwrite());
+  shell("rm -r " + config("hub"));
+  auto options = without_keeping();
+  {
+    const LockHolder holder(notes_file(), 60000);
+    options.wait = std::chrono::milliseconds(50);
+    EXPECT_EQ(refused(options).code, Code::busy);
+    EXPECT_FALSE(exists(config("hub")));
+    std::filesystem::create_directory(config("hub"));
+    EXPECT_EQ(code(options), Code::ok);
+    std::filesystem::remove(config("hub"));
+  }
+  write_file(notes_file(), std::string(5000, 'x'));
+  const auto result = cs::restore({"weekly"}, options);
+  ASSERT_TRUE(result) << shown(result.error());
+  ASSERT_EQ(result->warnings.size(), 1U);
+  EXPECT_EQ(result->warnings[0].find("missing directories are for their owner only: " + notes_file()), 0U)
+      << result->warnings[0];
+  EXPECT_EQ(std::filesystem::status(config("hub")).permissions(), std::filesystem::perms::owner_all);
+}
+
 TEST_F(PlanTest, ALinkInADirectorysPlaceIsNotFollowed) {
   shell("cd " + config_dir() + " && mv user ../elsewhere && ln -s ../elsewhere user");
   const auto error = refused();
@@ -168,6 +191,33 @@ TEST_F(PlanTest, ATargetReceivesBothArchives) {
   EXPECT_EQ(read_file(options.target + "/hub/out"), read_file(config("hub/out")));
   EXPECT_EQ(everything(true), before);
   EXPECT_EQ(query("select load_time from Config")[0][0], "NULL");
+}
+
+TEST_F(PlanTest, TwoArchivesThatDisagreeAreRefused) {
+  const std::string other = root() + "/other/";
+  std::filesystem::create_directories(other + "gw8");
+  write_file(other + "gw8/inside", "below");
+  write_file(config("gw8"), "a file");
+  RowSpec row{"disagreeing", kCurrent};
+  cs::RestoreOptions options;
+  options.target = root() + "/target/";
+  std::filesystem::create_directories(options.target);
+  const std::pair<Bytes, Bytes> archives[] = {
+      {make_archive(config_dir(), "gw8"), make_archive(other, "gw8")},
+      {make_archive(other, "gw8/inside"), make_archive(config_dir(), "gw8")}};
+  for (const auto& [keybase, etc] : archives) {
+    row.keybase = hex(keybase);
+    row.etc = hex(etc);
+    put(row);
+    const auto result = cs::restore({"disagreeing"}, options);
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().code, Code::unsafe) << shown(result.error());
+    EXPECT_EQ(result.error().path, options.target + "gw8");
+    EXPECT_EQ(result.error().aftermath, cs::Aftermath::untouched);
+    EXPECT_EQ(names_in(options.target), Texts());
+    Database(database()).run("delete from Config where name = 'disagreeing'");
+  }
+  shell("rm " + config("gw8"));
 }
 
 TEST_F(PlanTest, ASnapshotOfANewerVersionIsRefusedUnlessAllowed) {
