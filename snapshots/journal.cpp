@@ -1,10 +1,14 @@
 #include "snapshots/journal.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 
 #include "places.h"
 #include "snapshots/own_file.h"
 #include "snapshots/stamp.h"
+#include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -34,6 +38,14 @@ Error not_understood(const std::string& why) {
           why +
               "; if no directory .confsave-restore-* is left where configurations are restored, delete "
               "the file, else keep both and ask for help"};
+}
+
+/// What cannot be opened is no reason to delete it.
+Error not_opened(const Error& error) {
+  if (error.number == 0) return not_understood(error.text);
+  if (faccessat(AT_FDCWD, journal_file().c_str(), R_OK, AT_EACCESS) != 0)
+    return system_error(journal_file());
+  return {error.code == Code::no_storage ? Code::failed : error.code, error.number, error.path, error.text};
 }
 
 Identity read_identity(const Statement& row, int column) {
@@ -79,7 +91,7 @@ Result<std::optional<Journal>> Journal::open(std::chrono::milliseconds wait) {
   Result<Database> database = Database::open(journal_file(), wait);
   if (!database) {
     if (database.error().number == ENOENT) return std::optional<Journal>();
-    return not_understood(database.error().text);
+    return not_opened(database.error());
   }
   return std::optional<Journal>(Journal(std::move(*database)));
 }
@@ -87,7 +99,7 @@ Result<std::optional<Journal>> Journal::open(std::chrono::milliseconds wait) {
 Result<Journal> Journal::open_to_write(std::chrono::milliseconds wait) {
   if (Error error = make_own_file(journal_file()); error.code != Code::ok) return error;
   Result<Database> database = Database::open(journal_file(), wait);
-  if (!database) return not_understood(database.error().text);
+  if (!database) return not_opened(database.error());
   Journal journal(std::move(*database));
   // By default SQLite does not sync the deletion of its journal, which a power cut could bring back. With
   // the journal kept, the change of a state after the exchange needs no room on the disk.
@@ -109,6 +121,7 @@ Error Journal::make_tables() {
 /// What SQLite cannot read, a person has to look at.
 Error Journal::failure() const {
   Error error = database_.error();
+  if ((error.number & 0xff) == SQLITE_CANTOPEN) return not_opened(error);
   return error.code == Code::no_storage ? not_understood(error.text) : error;
 }
 

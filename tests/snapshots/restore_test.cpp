@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
 
 #include <stdexcept>
 
@@ -117,6 +119,79 @@ TEST_F(RestoreTest, KeepsThePresentConfiguration) {
   ASSERT_TRUE(result) << shown(result.error());
   EXPECT_EQ(everything(), damaged);
   EXPECT_EQ(result->kept, "weekly");
+}
+
+TEST_F(RestoreTest, AnOldKeptSnapshotThatIsLoadedStays) {
+  const std::string oldest = "before-load-2001-01-01-00-00-00";
+  saved(oldest);
+  for (int i = 1; i <= 6; ++i) put({"before-load-2001-01-01-00-00-0" + std::to_string(i), 0});
+  damage();
+  for (const Restored::Outcome outcome : {Restored::Outcome::restored, Restored::Outcome::unchanged}) {
+    const auto result = cs::restore({oldest});
+    ASSERT_TRUE(result) << shown(result.error());
+    EXPECT_EQ(result->outcome, outcome);
+    EXPECT_EQ(everything(), saved_);
+  }
+  EXPECT_EQ(query("select count(*) from Config where name = '" + oldest + "'")[0][0], "1");
+  EXPECT_EQ(query("select count(*) from Config where name like 'before-load-%'")[0][0], "7");
+}
+
+TEST_F(RestoreTest, WhatVouchesForTheContentOfAFileIsNotCarriedOver) {
+  const std::string file = config("user/gateway.conf");
+  // A capability, as the kernel stores it: version 2, effective, CAP_NET_BIND_SERVICE.
+  const std::string capability(
+      "\x01\x00\x00\x02\x00\x04\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00", 20);
+  damage();
+  const auto set = [&file](const char* name, const std::string& value) {
+    return setxattr(file.c_str(), name, value.data(), value.size(), 0) == 0;
+  };
+  if (!set("security.capability", capability)) GTEST_SKIP() << "no capabilities of files here";
+  const char* ordinary = set("user.origin", "by hand") ? "user.origin" : "trusted.origin";
+  ASSERT_TRUE(set(ordinary, "by hand"));
+  restored();
+  EXPECT_EQ(everything(), saved_);
+  EXPECT_EQ(getxattr(file.c_str(), "security.capability", nullptr, 0), -1);
+  EXPECT_EQ(getxattr(file.c_str(), ordinary, nullptr, 0), 7);
+}
+
+TEST_F(RestoreTest, ADirectoryThatTheCheckMovesAwayIsReported) {
+  const std::string new_content = read_file(config("user/gateway.conf"));
+  damage();
+  const auto before = everything(true);
+  const std::string away = root() + "/away";
+  for (const char* link : {"", "ln -s /nowhere "}) {
+    const auto moves = [&] {
+      shell("mv " + config("user") + " " + away);
+      if (*link != 0) shell(link + config("user"));
+      return false;
+    };
+    const auto error = refused(with_check(moves));
+    EXPECT_EQ(error.aftermath, Aftermath::mixed) << link;
+    EXPECT_NE(error.text.find(config("user")), std::string::npos) << shown(error);
+    EXPECT_EQ(read_file(away + "/gateway.conf"), new_content) << link;
+    EXPECT_FALSE(exists(config("user/gateway.conf"))) << link;
+    shell("rm -f " + config("user") + " && mv " + away + " " + config("user"));
+    const auto recovered = cs::recover();
+    ASSERT_TRUE(recovered) << shown(recovered.error());
+    EXPECT_EQ(recovered->outcome, cs::Recovery::Outcome::undone) << link;
+    EXPECT_EQ(everything(true), before) << link;
+  }
+}
+
+TEST_F(RestoreTest, AJournalThatMayNotBeReadIsDenied) {
+  if (geteuid() != 0) GTEST_SKIP() << "root may read everything";
+  damage();
+  restored();
+  ASSERT_EQ(shell("chmod 755 " + root() + " " + state_dir()), 0);
+  constexpr uid_t kNobody = 65534;
+  ASSERT_EQ(seteuid(kNobody), 0);
+  const auto found = cs::unfinished();
+  const auto plan = cs::plan({"weekly"});
+  ASSERT_EQ(seteuid(0), 0);
+  ASSERT_FALSE(found);
+  EXPECT_EQ(found.error().code, Code::denied) << shown(found.error());
+  EXPECT_EQ(found.error().path, state_dir() + "/restore.db");
+  EXPECT_EQ(plan.error().code, Code::denied);
 }
 
 TEST_F(RestoreTest, NamesOfOneFileAreLinkedAgain) {
