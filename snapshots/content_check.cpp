@@ -53,6 +53,7 @@ bool ContentCheck::goes_on_with(std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t size = read(live_.get(), buffer_.data(), std::min(bytes.size(), buffer_.size()));
     if (size < 0 && errno == EINTR) continue;
+    if (size < 0) live_ = Descriptor();  // What cannot be read is not known to differ.
     if (size <= 0 || std::memcmp(bytes.data(), buffer_.data(), static_cast<std::size_t>(size)) != 0) {
       return false;
     }

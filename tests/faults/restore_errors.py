@@ -167,12 +167,27 @@ def in_recoveries(restoring, figures, count, source):
         figures.of_recovery += 1
 
 
+def unreadable(restoring):
+    """A file that cannot be read is named, and is not taken for one that differs."""
+    gateway, name = restoring.gateway, "user/gateway.conf"
+    paths = [word for path in (gateway.config / name, name, "gateway.conf") for word in ("-P", str(path))]
+    for calls, error, text in (("read", "EIO", "Input/output error"),
+                               ("openat,openat2", "EMFILE", "Too many open files")):
+        restoring.reset()
+        status, output = restoring.load(restoring.tracer(calls, f"inject={calls}:error={error}") + paths)
+        require(status == 1 and " untouched " in output and f"{gateway.config / name}: {text}" in output,
+                "the answer to", error, "is", output)
+        restoring.require_finished("before")
+
+
 def campaign(program, full, source):
     figures = Figures()
     with Gateway(program) as gateway:
         for scenario, fallback, count in RUNS:
             restoring = Restoring(gateway, scenario, fallback)
             in_restores(restoring, figures, count, full, source)
+            if scenario is KEEPING:
+                unreadable(restoring)
         restoring = Restoring(gateway, EVERYTHING)
         in_undo(restoring, figures, 30 if full else 3, source)
         in_recoveries(restoring, figures, 9999 if full else 2, source)
