@@ -104,6 +104,7 @@ int agree(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptio
       if (interrupted()) return kDeclined;
       // Shown anew, with what will be removed.
       if (how.exact) continue;
+      if (is_empty) print_unchanged(out, *how.expected);
     }
     if (is_empty || ask("Go on?")) return kDone;
     return kDeclined;
