@@ -162,9 +162,12 @@ TEST_F(Keep, TheNewestFiveStay) {
   for (int i = 0; i < 9; ++i) {
     const std::string name = dated(1000 - i) + (i % 2 == 0 ? "" : "-12");
     put_row(name, std::to_string(1000 - i));
-    if (i == 0 || i == 1 || i >= 4) expected.push_back(name);
+    if (i == 0 || i == 1 || i >= 3) expected.push_back(name);
   }
-  ASSERT_EQ(pin({expected[0]}, true).code, Code::ok);
+  // What is pinned does not count, either.
+  for (const std::string& name : {expected.front(), expected.back()}) {
+    ASSERT_EQ(pin({name}, true).code, Code::ok);
+  }
   const Texts others{"before-load",
                      "before-load-",
                      dated(0) + "-",
@@ -177,6 +180,18 @@ TEST_F(Keep, TheNewestFiveStay) {
   expected.insert(expected.end(), others.begin(), others.end());
   remove_old_kept(row(expected[1]), "", Deadline(milliseconds(5000)), warnings);
   EXPECT_EQ(stored(), expected);
+  EXPECT_EQ(warnings, Texts());
+}
+
+TEST_F(Keep, TheSnapshotThatHoldsThePresentConfigurationStays) {
+  saved(dated(0));
+  // Of no version: they count as kept, and are not compared.
+  for (int i = 1; i <= 7; ++i) put({dated(i), 0});
+  const std::string name = kept();
+  ASSERT_EQ(name, dated(0));
+  remove_old_kept({}, name, Deadline(milliseconds(5000)), warnings);
+  EXPECT_EQ(stored(), (Texts{dated(0), dated(3), dated(4), dated(5), dated(6), dated(7)}));
+  EXPECT_TRUE(is_live(dated(0)));
   EXPECT_EQ(warnings, Texts());
 }
 

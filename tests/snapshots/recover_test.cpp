@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "snapshots/journal.h"
 #include "snapshots/restoring.h"
@@ -14,10 +17,11 @@ using cs::State;
 
 class RecoverTest : public Restoring {
  protected:
-  /// A restore whose process dies after it has exchanged all files, and has written that state.
-  void interrupt(State state) {
+  /// A restore after `change`, whose process dies after it has exchanged all files, and has written that
+  /// state.
+  void interrupt(State state, const std::string& change = "rm gw1.conf && touch gw9.conf") {
     write_file(config("user/gateway.conf"), "damaged\n");
-    shell("rm " + config("gw1.conf") + " && touch " + config("gw9.conf"));
+    ASSERT_EQ(shell("cd " + config_dir() + " && " + change), 0);
     before_ = everything(true);
     const pid_t child = fork();
     if (child == 0) {
@@ -107,6 +111,41 @@ TEST_F(RecoverTest, AFileOfSomebodyElseIsLeftAloneAndNamed) {
   shell("mv " + config("user/gateway.conf") + " " + root() + "/edited");
   EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
   expect_undone();
+}
+
+TEST_F(RecoverTest, NothingIsPutIntoADirectoryOfSomebodyElse) {
+  interrupt(State::prepared, "rm station && mkdir station && touch station/one station/two");
+  shell("cd " + config_dir() + " && rm station && mkdir station && touch station/mine");
+  const auto error = not_recovered();
+  EXPECT_EQ(error.code, Code::needs_attention);
+  EXPECT_EQ(without_root(error.path), "<config>/station");
+  for (const char* file : {"station/one", "station/two"}) {
+    EXPECT_NE(error.text.find(config(file)), std::string::npos) << error.text;
+  }
+  EXPECT_EQ(names_in(config("station")), Texts{"mine"});
+  shell("mv " + config("station") + " " + root() + "/mine");
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
+TEST_F(RecoverTest, AnUnfinishedCleanUpKeepsOutARestoreAndNothingElse) {
+  interrupt(State::exchanged);
+  const std::string slots = config(staging_directories().at(0));
+  const std::string slot = slots + "/" + names_in(slots).at(0);
+  // What is mounted on cannot be deleted.
+  ASSERT_EQ(mount(slot.c_str(), slot.c_str(), nullptr, MS_BIND, nullptr), 0);
+  saved("next");
+  EXPECT_EQ(cs::remove({"next"}).code, Code::ok);
+  EXPECT_EQ(cs::note({"weekly"}, "text").code, Code::ok);
+  const auto error = refused();
+  EXPECT_EQ(error.number, EBUSY) << shown(error);
+  EXPECT_EQ(error.path, slot);
+  EXPECT_EQ(error.aftermath, cs::Aftermath::untouched);
+  EXPECT_TRUE(exists(slot));
+  EXPECT_EQ(everything(), saved_);
+  ASSERT_EQ(umount(slot.c_str()), 0);
+  EXPECT_EQ(refused(without_keeping()).code, Code::ok);
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::nothing);
 }
 
 TEST_F(RecoverTest, WhatWasEditedDuringACheckIsSetAsideAndNamed) {
