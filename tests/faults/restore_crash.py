@@ -16,6 +16,7 @@ on files of the state directory, which is careful, and those of staged names, wh
 import os
 import sqlite3
 import subprocess
+import sys
 
 from disk_model import Disk, Entries, Sync, described, difference, empty, read_tree, write_tree
 from gateway import ETC, Failure, Gateway, main, require
@@ -326,6 +327,54 @@ def recovery(operation, source, when):
     return result
 
 
+# Writes files anew, in the process that restores then.
+WRITER = """
+import os, sys
+for path, text, time in eval(sys.argv[1]):
+    file = os.open(path, os.O_WRONLY | os.O_TRUNC)
+    os.write(file, text.encode())
+    os.utime(file, ns=(time, time))
+    os.close(file)
+os.execv(sys.argv[2], sys.argv[2:])
+"""
+
+
+def others_wrote(gateway, source):
+    """Another program has put back what the snapshot has, and synced nothing: once the restore has found it
+    equal, it lasts. How many syncs were left out, and noticed."""
+    for root in gateway.roots:
+        empty(root)
+    saved = [entry for entry in SAVED if entry[0] in FILES]
+    gateway.fill(saved)
+    gateway.do("typed-save", "weekly")
+    gateway.archives = gateway.query("select keybase, etc from Config where name = 'weekly'")[0]
+    gateway.stamps, gateway.can_exchange = False, True
+    texts = {path: text for path, text, _, _ in saved}
+    files = [(gateway.config / "user/filter.conf", texts["user/filter.conf"]),
+             (ETC / "failover.ini", texts["/failover.ini"])]
+    written = repr([(str(path), text, OLD * 10**9) for path, text in files])
+    for path, _ in files:
+        path.write_text("changed")
+    before, _ = read_tree(gateway.roots)
+    recorder = record(gateway, gateway.roots, "typed-load", "weekly", "no-keep",
+                      prefix=[sys.executable, "-c", WRITER, written])
+    after, _ = read_tree(gateway.roots)
+    operation = Operation(gateway, recorder, before, after)
+    syncs = [number for number in operation.syncs(True) if number < recorder.said]
+    require(len(syncs) == len(files), "the restore synced", len(syncs), "file systems")
+    for left_out in (None, *syncs):
+        events = [None if number == left_out else event for number, event in enumerate(operation.events)]
+        failure = None
+        try:
+            for position, tree in operation.states_along(events, source, (1, 1, (0.3, 0.7)), recorder.said):
+                operation.cut(position, tree)
+        except Failure as found:
+            failure = found
+        require(left_out is not None or failure is None, "what others wrote is lost:", failure)
+        require(left_out is None or failure is not None, "nothing shows that this sync is left out")
+    return f"{len(syncs)} syncs of what others wrote left out and noticed"
+
+
 class Total:
     """The figures of some operations."""
 
@@ -372,7 +421,8 @@ def campaign(program, full, source):
     restores, recoveries = Total(), Total()
     with Place(program) as gateway:
         (in_full if full else in_short)(gateway, source, restores, recoveries)
-    return f"{restores.figures('restores')}; {recoveries.figures('recoveries', full)}"
+        equal = others_wrote(gateway, source)
+    return f"{restores.figures('restores')}; {recoveries.figures('recoveries', full)}; {equal}"
 
 
 main(campaign)
