@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <optional>
@@ -182,22 +183,28 @@ Error Exchange::undo_move(std::size_t number, Foreign foreign) {
   const Result<std::optional<struct stat>> found = sites_[step.root].beneath.look(step.path);
   if (!found) return found.error();
   const Identity live = *found ? identity_of(**found) : Identity();
-  const Identity in_slot = look(slot.staging, slot.name);
-  const bool is_staged =
-      is_same_file(in_slot, step.after) || is_same_file(look(slot.staging, slot.aside), step.after);
+  const std::array<std::string, 3> names = {slot.name, slot.old_name, slot.aside};
+  std::array<Identity, 3> there;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    there[i] = look(slot.staging, names[i]);
+    // It may be the file of before. Without a staging directory there is none.
+    if (there[i].exists() || errno == ENOENT || errno == EBADF) continue;
+    return sites_[step.root].beneath.failure(sites_[step.root].name + "/" + names[i], errno);
+  }
+  const bool is_staged = is_same_file(there[0], step.after) || is_same_file(there[2], step.after);
   if (!step.before.exists()) {
     return !live.exists() || is_staged ? Error{} : undo_creation(step, slot, live, foreign);
   }
   if (is_same_file(live, step.before)) return {};
-  for (const std::string& from : {slot.name, slot.old_name}) {
-    if (!is_same_file(look(slot.staging, from), step.before)) continue;
+  for (const std::size_t from : {0U, 1U}) {
+    if (!is_same_file(there[from], step.before)) continue;
     const bool is_foreign = live.exists() && !is_same_file(live, step.after);
-    if (is_foreign && foreign == Foreign::leave) return foreign_file(step, from);
-    return put_back(step, slot, from, live.exists());
+    if (is_foreign && foreign == Foreign::leave) return foreign_file(step, names[from]);
+    return put_back(step, slot, names[from], live.exists());
   }
   // Somebody had replaced the file of before, and the exchange was about to put that one back.
   const bool is_ours = !live.exists() || is_same_file(live, step.after);
-  if (in_slot.exists() && !is_staged && is_ours) return put_back(step, slot, slot.name, live.exists());
+  if (there[0].exists() && !is_staged && is_ours) return put_back(step, slot, slot.name, live.exists());
   // The step was not done, and somebody has replaced or deleted the file of before.
   if (is_staged || step.what == Step::What::remove) return {};
   return foreign_file(step, slot.name);

@@ -143,6 +143,25 @@ TEST_F(ExchangeTest, AKillBeforeAForeignFileIsMovedBackLosesNothing) {
   EXPECT_FALSE(exists(slot(0)));
 }
 
+TEST_F(ExchangeTest, AnUndoThatCannotLookAtAFileSaysSo) {
+  if (geteuid() != 0) GTEST_SKIP() << "root may look at everything";
+  add(Step::What::remove, "live");
+  put("elsewhere");
+  shell("chmod 755 " + root() + " " + config_dir());
+  for (const std::size_t number : {0U, 1U}) {
+    ASSERT_EQ(exchange().apply(number).code, Code::ok);
+    constexpr uid_t kNobody = 65534;
+    ASSERT_EQ(seteuid(kNobody), 0);
+    const Error error = exchange().undo(number, Foreign::leave);
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(error.code, Code::denied) << number;
+    EXPECT_EQ(error.path, slot(static_cast<int>(number))) << number;
+    EXPECT_EQ(exchange().undo(number, Foreign::leave).code, Code::ok) << number;
+  }
+  EXPECT_EQ(read_file(config("live")), "old");
+  EXPECT_EQ(read_file(config("elsewhere")), "of somebody else");
+}
+
 TEST_F(ExchangeTest, ADirectoryThatWasMovedAwayIsNoticedAmongMany) {
   put_into_many();
   for (int i = 0; i < kMany; i += 50) {
