@@ -101,14 +101,14 @@ TARGETS = ["user/filter.conf", "gw1.conf", "user/config.db", "user/key_set/2"]
 
 
 class Stopped:
-    """A restore that stops after a call."""
+    """A restore that stops after a call; `more` is for strace."""
 
-    def __init__(self, gateway, call, number):
+    def __init__(self, gateway, call, number, *more):
         self.gateway, self.trace = gateway, gateway.root / "trace"
         self.trace.unlink(missing_ok=True)
         self.process = gateway.start("typed-load", "new", "no-keep", prefix=[
             "strace", "-f", "-qq", "-o", str(self.trace), "-e", f"trace={CALLS}",
-            *(["-e", f"inject={call}:signal=SIGSTOP:when={number}"] if call else [])])
+            *(["-e", f"inject={call}:signal=SIGSTOP:when={number}"] if call else []), *more])
 
     def wait(self):
         """Until it stops; false if it ends before."""
@@ -375,6 +375,28 @@ def recovered_beside_a_link(site):
     outside.rmdir()
 
 
+def killed_before_it_puts_back(site):
+    """What comes out of the first exchange is somebody else's file, and the process dies right then."""
+    gateway = site.gateway
+    site.write("old")
+    calls = calls_of(gateway)
+    first = next(i for i, (call, _) in enumerate(calls) if call == "renameat2")
+    site.write("old")
+    plan = gateway.do("typed-plan", "new").splitlines()
+    path = pathlib.Path(next(line for line in plan if line.startswith("replace ")).split(" ", 1)[1])
+    stopped = Stopped(gateway, *calls[first - 1],
+                      "-e", f"inject=renameat2:signal=KILL:when={calls[first][1] + 1}")
+    require(stopped.wait(), "was not stopped")
+    replace(path)
+    before = {name: {other: seen for other, seen in found.items() if LEFT not in other}
+              for name, found in site.pictures().items()}
+    status, output = stopped.finish()
+    require(status == -signal.SIGKILL and path.read_bytes()[:3] == b"new", "ended with", status, output)
+    output = gateway.do("typed-recover")
+    require(output.startswith("undone"), "recovery said", output)
+    require(site.pictures() == before, "the file of somebody else, or another one, is not back:", output)
+
+
 def killed_while_packing(site):
     """tar packs what is kept, and holds the lock until it ends."""
     site.write("old")
@@ -442,6 +464,7 @@ def campaign(program, full, source):
                    restores_at_once(site, 100 if full else 5), reader(site, 500 if full else 20)]
         keep_written(site)
         killed_in_check(site)
+        killed_before_it_puts_back(site)
         killed_while_packing(site)
         recovered_beside_a_link(site)
         figures.append(stopped_holder(site))
