@@ -144,12 +144,17 @@ Error Database::run(const char* text) {
 }
 
 Error Database::error() const {
-  const int code = sqlite3_extended_errcode(db_.get());
+  Error found = error(sqlite3_extended_errcode(db_.get()));
+  found.text = sqlite3_errmsg(db_.get());
+  return found;
+}
+
+Error Database::error(int code) const {
   require_memory(code);
   // A full quota, and a full disk where a file is made, are failures of other names to SQLite.
   const bool is_full = code_of_number(sqlite3_system_errno(db_.get())) == Code::no_space;
   const bool has_number = (code & 0xff) == SQLITE_IOERR || (code & 0xff) == SQLITE_CANTOPEN;
-  return {has_number && is_full ? Code::no_space : code_of(code), code, file_, sqlite3_errmsg(db_.get())};
+  return {has_number && is_full ? Code::no_space : code_of(code), code, file_, sqlite3_errstr(code)};
 }
 
 Result<std::unique_ptr<BlobSource>> BlobSource::open(Database& database, const char* column, int64 id) {

@@ -67,6 +67,8 @@ class Database {
 
   /// The error of the last call that failed.
   Error error() const;
+  /// The error of a function whose failure the connection does not note.
+  Error error(int code) const;
 
   sqlite3* get() const { return db_.get(); }
   const std::string& file() const { return file_; }

@@ -29,7 +29,8 @@ Error ExclusiveStorage::stamp(const Snapshot& snapshot, int64 time) {
     return {Code::changed_meanwhile, 0, "",
             "the snapshot '" + printable(snapshot.config.name) + "' was replaced or deleted"};
   }
-  return sqlite3_db_cacheflush(database_.get()) == SQLITE_OK ? Error{} : database_.error();
+  const int code = sqlite3_db_cacheflush(database_.get());
+  return code == SQLITE_OK ? Error{} : database_.error(code);
 }
 
 Error ExclusiveStorage::commit() { return database_.run("commit"); }

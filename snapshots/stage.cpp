@@ -57,6 +57,15 @@ class Staging {
     return error;
   }
 
+  /// The plan found a file at `path`. If none is there any more, somebody deleted or replaced it.
+  Error failure_of_live(const Step& step, const std::string& path, int number = errno) {
+    return number == ENOENT || number == ELOOP ? changed(path) : failure(step, number);
+  }
+
+  static Error changed(const std::string& path) {
+    return {Code::changed_meanwhile, 0, path, "the file changed while the restore was prepared"};
+  }
+
   static Error make_directory(Site& site) {
     const int root = site.beneath.root();
     if (mkdirat(root, site.name.c_str(), S_IRWXU) != 0) return site.beneath.failure(site.name, errno);
@@ -204,7 +213,9 @@ class Staging {
     const Descriptor old(openat(*parent, name_of(planned.step.path).c_str(),
                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status = {};
-    if (!old || fstat(old.get(), &status) != 0) return failure(planned.step);
+    if (!old || fstat(old.get(), &status) != 0) {
+      return failure_of_live(planned.step, beneath.shown(planned.step.path));
+    }
     const bool has_say =
         geteuid() != 0 || status.st_uid == 0 || status.st_uid == planned.wanted->member.uid;
     return copy_extended_attributes(old.get(), file, has_say) ? Error{} : failure(planned.step);
@@ -250,12 +261,10 @@ class Staging {
     const bool done =
         linkat(*parent, name_of(relative).c_str(), site.staging.get(), slot.c_str(), 0) == 0 &&
         fstatat(site.staging.get(), slot.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (!done) return failure(step);
+    if (!done) return failure_of_live(step, printable(live.member.path));
     const bool is_it = status.st_ino == live.stamp.inode && status.st_size == live.stamp.size &&
                        stamp_of(status).modified == live.stamp.modified;
-    if (is_it) return {};
-    return {Code::changed_meanwhile, 0, printable(live.member.path),
-            "the file changed while the restore was prepared"};
+    return is_it ? Error{} : changed(printable(live.member.path));
   }
 
   /// The names in the staging directories, and their own names, have to last as the files do.

@@ -113,9 +113,17 @@ def filled(restoring, full, source):
                 done = done + 1 if strike(restoring, place, steps) else 0
                 refused += done == 0
         else:
-            for steps in (0, 1, *source.sample(range(2, 40), 2), 150):
+            # Where the refusals end, the last thing that takes room fails.
+            too_little, enough = 0, 150
+            for steps in (0, 150, source.randrange(1, 40)):
                 was_done = strike(restoring, place, steps)
                 done, refused = done + was_done, refused + (not was_done)
+            while enough - too_little > 1:
+                steps = (too_little + enough) // 2
+                if strike(restoring, place, steps):
+                    enough, done = steps, done + 1
+                else:
+                    too_little, refused = steps, refused + 1
         require(done > 0 and refused > 0, name, "refused", refused, "and done", done)
         found[name] = (refused, done)
     return found
