@@ -216,6 +216,9 @@ class Staging {
     if (!old || fstat(old.get(), &status) != 0) {
       return failure_of_live(planned.step, beneath.shown(planned.step.path));
     }
+    if (!is_same_file(identity_of(status), planned.step.before)) {
+      return changed(beneath.shown(planned.step.path));
+    }
     const bool has_say =
         geteuid() != 0 || status.st_uid == 0 || status.st_uid == planned.wanted->member.uid;
     return copy_extended_attributes(old.get(), file, has_say) ? Error{} : failure(planned.step);

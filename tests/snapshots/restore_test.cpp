@@ -154,6 +154,29 @@ TEST_F(RestoreTest, WhatVouchesForTheContentOfAFileIsNotCarriedOver) {
   EXPECT_EQ(getxattr(file.c_str(), ordinary, nullptr, 0), 7);
 }
 
+TEST_F(RestoreTest, AFileThatGoesWhileItIsStagedHasChanged) {
+  const std::string file = config("user/gateway.conf");
+  for (const char* change : {"true", "ln -s /nowhere ", "mkdir ", "cp /etc/passwd "}) {
+    write_file(file, "damaged\n");
+    const auto before = everything();
+    cs::RestoreOptions options = without_keeping();
+    bool is_staging = false;
+    options.progress = [&](const cs::Progress& progress) {
+      if (is_staging || progress.phase != cs::Progress::Phase::staging) return;
+      is_staging = true;
+      shell("rm " + file + " && " + change + (change == std::string("true") ? "" : file));
+    };
+    const auto error = refused(options);
+    EXPECT_TRUE(is_staging) << change;
+    EXPECT_EQ(error.code, Code::changed_meanwhile) << change << shown(error);
+    EXPECT_EQ(error.path, file) << change;
+    EXPECT_EQ(error.aftermath, Aftermath::untouched) << change;
+    shell("rm -rf " + file);
+    write_file(file, "damaged\n");
+    EXPECT_EQ(everything().size(), before.size()) << change;
+  }
+}
+
 TEST_F(RestoreTest, ADirectoryThatTheCheckMovesAwayIsReported) {
   const std::string new_content = read_file(config("user/gateway.conf"));
   damage();
