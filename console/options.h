@@ -18,6 +18,8 @@ struct Options {
   Selection snapshot;
   Selection other;
   std::string text;
+  std::string exchanged;          ///< the file of an export or import; "-" is a pipe
+  std::optional<std::string> as;  ///< the new name
   ConfSave::conftype type = ConfSave::conf_full;
   std::optional<ConfSave::int64> version;  ///< --version, until it is part of `snapshot`
   std::string target;

@@ -204,6 +204,19 @@ int report_reading(cs::Error error, const std::string& which) {
   return report(error);
 }
 
+int report_import(const cs::Error& error) {
+  print_failure(error);
+  std::cerr << " Nothing was stored.";
+  if (error.code == cs::Code::newer) std::cerr << " Give --force to store it all the same.";
+  if (error.code == cs::Code::taken || error.code == cs::Code::pinned) {
+    std::cerr << " Give --force to overwrite it, or another name by --as.";
+  }
+  if (error.code == cs::Code::busy) std::cerr << " Try again later, or wait longer with --wait.";
+  if (error.code == cs::Code::pending) std::cerr << " Try again when the check has ended.";
+  std::cerr << '\n';
+  return exit_status(error.code);
+}
+
 void print_warnings(const std::vector<std::string>& warnings) {
   for (const std::string& warning : warnings) {
     std::cerr << "confsave: warning: " << readable(warning) << ".\n";

@@ -29,6 +29,9 @@ int report_restore(cs::Error error, const cs::Snapshot& snapshot);
 /// The same for an error of reading the snapshots `which`: an archive's error does not name its snapshot.
 int report_reading(cs::Error error, const std::string& which);
 
+/// The same for an error of importing.
+int report_import(const cs::Error& error);
+
 /// Prints the library's warnings.
 void print_warnings(const std::vector<std::string>& warnings);
 

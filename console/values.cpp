@@ -32,6 +32,12 @@ Selection parse_selection(const std::string& text) {
   return {text.substr(0, at), parse_version(text.substr(at + 1))};
 }
 
+Selection parse_one(const std::string& text) {
+  Selection selection = parse_selection(text);
+  if (selection.name.empty()) throw CLI::ValidationError("the name is empty");
+  return selection;
+}
+
 unsigned parse_number(const std::string& text, unsigned least) {
   unsigned number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);

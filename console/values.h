@@ -20,6 +20,9 @@ std::string version_text(ConfSave::int64 version);
 /// NAME or NAME@VERSION.
 Selection parse_selection(const std::string& text);
 
+/// The same, where no name would mean every one.
+Selection parse_one(const std::string& text);
+
 unsigned parse_number(const std::string& text, unsigned least);
 
 ConfSave::conftype parse_type(const std::string& text);

@@ -22,6 +22,8 @@ int remove(const Options& options);
 int prune(const Options& options);
 int autosave(const Options& options);
 int check_old(const Options& options);
+int export_snapshots(const Options& options);
+int import_snapshots(const Options& options);
 int shell(const Options& options);
 int version(const Options& options);
 

@@ -20,6 +20,21 @@ constexpr Operand kOther{
 constexpr Operand kText{"TEXT", true, false, "the comment; an empty one removes it",
                         [](const std::string& value, Options& options) { options.text = value; }};
 
+/// With --all the only operand is the file. Which one the first is, the second shows.
+constexpr Operand kExported{"NAME", false, true, "a name, or a pattern; or NAME@VERSION; none with --all",
+                            [](const std::string& value, Options& options) { options.exchanged = value; }};
+constexpr Operand kFile{"FILE", false, false, "the new file; - for standard output",
+                        [](const std::string& value, Options& options) {
+                          options.snapshot = parse_one(options.exchanged);
+                          options.exchanged = value;
+                        }};
+constexpr Operand kImported{"FILE", true, false,
+                            "an exported file, or any storage.db; - for standard input",
+                            [](const std::string& value, Options& options) { options.exchanged = value; }};
+constexpr Operand kInFile{
+    "NAME", false, false, "only this one; a name or a pattern, or NAME@VERSION",
+    [](const std::string& value, Options& options) { options.snapshot = parse_one(value); }};
+
 constexpr Verb kVerbs[] = {
     {"list", nullptr, nullptr, kPlain, "--upto --sort --all --long --json ", "", "list the snapshots",
      list},
@@ -46,6 +61,10 @@ constexpr Verb kVerbs[] = {
      "--keep ", "delete old autosaves, or what matches", prune},
     {"autosave", nullptr, nullptr, kInterruptible, "--max --type --if-changed --wait ", "--max ",
      "store the configuration under a name made from the time", autosave},
+    {"export", &kExported, &kFile, kPlain, "--all --force --json ", "", "copy snapshots into a file",
+     export_snapshots},
+    {"import", &kImported, &kInFile, kInterruptible, "--as --force --wait --json ", "",
+     "store the snapshots of a file", import_snapshots},
     {"check-old", nullptr, nullptr, kPlain, "--days ", "", "say how old the newest autosave is", check_old},
     {"shell", nullptr, nullptr, kPlain, "", "", "read verbs and run them", shell},
     {"version", nullptr, nullptr, kPlain, "", "", "show the versions of this program and of the gateway",
@@ -73,6 +92,8 @@ constexpr Option kOptions[] = {
      [](const std::string& value, Options& options) { options.check = parse_command(value); }},
     {"--no-keep", "", "", "do not store the present configuration first",
      [](const std::string&, Options& options) { options.keep = false; }},
+    {"--as", "NEWNAME", "", "store the snapshot under this name",
+     [](const std::string& value, Options& options) { options.as = value; }},
     {"--days", "N", "", "an older autosave is too old; default: 31",
      [](const std::string& value, Options& options) { options.days = parse_number(value, 1); }},
     {"--keep", "N", "", "keep the newest N",
@@ -126,6 +147,12 @@ std::string contradiction(const Verb& verb, const Options& options) {
   if (options.json && options.table) return "--json and --long cannot be combined";
   if (options.json && options.patch) return "--json and --patch cannot be combined";
   if (options.json && !options.file.empty()) return "--json and --file cannot be combined";
+  if (verb.run == export_snapshots) {
+    const bool has_name = !options.snapshot.name.empty();
+    if (options.exchanged.empty() || options.all == has_name)
+      return "give NAME and FILE, or --all and FILE";
+    if (options.json && options.exchanged == "-") return "--json and a FILE of - cannot be combined";
+  }
   if (verb.run != verify) return "";
   if (options.all && (!options.snapshot.name.empty() || options.version)) {
     return "--all and a snapshot cannot be combined";

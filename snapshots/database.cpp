@@ -73,6 +73,22 @@ Statement& Statement::bind(const Digest& digest) {
   return *this;
 }
 
+Statement& Statement::bind(const Statement& row, int column) {
+  sqlite3_value* value = sqlite3_column_value(row.statement_.get(), column);
+  require_memory(sqlite3_bind_value(statement_.get(), ++bound_, value));
+  return *this;
+}
+
+Statement& Statement::bind_zeros(int64 size) {
+  require_memory(sqlite3_bind_zeroblob64(statement_.get(), ++bound_, static_cast<sqlite3_uint64>(size)));
+  return *this;
+}
+
+Statement& Statement::bind_null() {
+  sqlite3_bind_null(statement_.get(), ++bound_);
+  return *this;
+}
+
 bool Statement::run() {
   const bool done = sqlite3_step(statement_.get()) == SQLITE_DONE;
   reset();
@@ -100,16 +116,23 @@ std::optional<Digest> Statement::digest(int column) const {
   return digest;
 }
 
+// SQLite falls back to reading only where it may not write.
 Result<Database> Database::open(const std::string& file, std::chrono::milliseconds wait) {
+  return open(file, wait, SQLITE_OPEN_READWRITE);
+}
+
+Result<Database> Database::open_read_only(const std::string& file, std::chrono::milliseconds wait) {
+  return open(file, wait, SQLITE_OPEN_READONLY);
+}
+
+Result<Database> Database::open(const std::string& file, std::chrono::milliseconds wait, int flags) {
   struct stat status = {};
   if (stat(file.c_str(), &status) != 0) return Error{Code::no_storage, errno, file, std::strerror(errno)};
   if (!S_ISREG(status.st_mode)) return Error{Code::no_storage, 0, file, "this is not a regular file"};
 
   Database database(file);
   sqlite3* opened = nullptr;
-  // SQLite falls back to reading only where it may not write.
-  const int code =
-      sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+  const int code = sqlite3_open_v2(file.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
   database.db_.reset(opened);
   if (opened == nullptr) throw std::bad_alloc();
   sqlite3_extended_result_codes(opened, 1);

@@ -28,6 +28,11 @@ class Statement {
   /// The bytes must outlive the statement. None are NULL, as are more than SQLite stores.
   Statement& bind(const std::vector<char>& blob);
   Statement& bind(const Digest& digest);
+  /// The value that `row` has in this column, whatever its type.
+  Statement& bind(const Statement& row, int column);
+  /// A blob of so many zeros, to be written piece by piece.
+  Statement& bind_zeros(int64 size);
+  Statement& bind_null();
 
   /// SQLITE_ROW, SQLITE_DONE, or SQLite's error.
   int step() { return sqlite3_step(statement_.get()); }
@@ -57,6 +62,9 @@ class Database {
   /// a missing file has the number ENOENT.
   static Result<Database> open(const std::string& file, std::chrono::milliseconds wait);
 
+  /// The same without ever writing: what a killed process left is an error.
+  static Result<Database> open_read_only(const std::string& file, std::chrono::milliseconds wait);
+
   Result<Statement> prepare(const std::string& text);
 
   /// Runs statements without a result. Rolls back if one fails within a transaction that they began.
@@ -79,6 +87,8 @@ class Database {
   };
 
   explicit Database(std::string file) : file_(std::move(file)) {}
+
+  static Result<Database> open(const std::string& file, std::chrono::milliseconds wait, int flags);
 
   std::string file_;
   std::unique_ptr<Deadline> deadline_ = std::make_unique<Deadline>(std::chrono::milliseconds(0));

@@ -42,13 +42,36 @@ Result<std::optional<Notes>> Notes::open(std::chrono::milliseconds wait) {
     if (database.error().number == ENOENT) return std::optional<Notes>();
     return database.error();
   }
-  Notes notes(std::move(*database));
+  return open_in(std::move(*database));
+}
+
+Result<std::optional<Notes>> Notes::open_in(Database database) {
+  Notes notes(std::move(database));
   const Result<int64> found = notes.layout();
   if (!found) return found.error();
   // The file is there before its tables.
   if (*found == 0) return std::optional<Notes>();
   notes.has_parents_ = *found >= kParentLayout;
   return std::optional<Notes>(std::move(notes));
+}
+
+Result<Notes> Notes::make_in(Database database) {
+  Notes notes(std::move(database));
+  Error error = notes.in_transaction([&notes] { return notes.make_tables(); });
+  if (error.code != Code::ok) return error;
+  return notes;
+}
+
+std::set<std::string> Notes::schema() {
+  const std::string texts = std::string(kManifestTables) + kNoteTable + kParentTable;
+  const std::string end = "; ";
+  std::set<std::string> result;
+  for (std::size_t start = 0, stop = 0; (stop = texts.find(end, start)) != std::string::npos;
+       start = stop + end.size()) {
+    const std::string text = texts.substr(start, stop - start);
+    result.insert("CREATE TABLE" + text.substr(std::string("create table").size()));
+  }
+  return result;
 }
 
 Result<Notes> Notes::open_to_write(std::chrono::milliseconds wait) {

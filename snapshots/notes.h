@@ -3,6 +3,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,15 @@ class Notes {
  public:
   /// No value if there is no file.
   static Result<std::optional<Notes>> open(std::chrono::milliseconds wait);
+
+  /// The notes in a file that is open already; no value if it has none.
+  static Result<std::optional<Notes>> open_in(Database database);
+
+  /// Makes the tables in a file that has none.
+  static Result<Notes> make_in(Database database);
+
+  /// The tables, as SQLite keeps their statements.
+  static std::set<std::string> schema();
 
   /// Makes the file unless it exists.
   static Result<Notes> open_to_write(std::chrono::milliseconds wait);

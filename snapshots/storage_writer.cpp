@@ -50,21 +50,29 @@ Error StorageWriter::choose_layout() {
 }
 
 Result<Stored> StorageWriter::store(const NewRow& row, bool overwrite) {
+  Stored stored;
+  Error error = in_transaction([&] { return store_in_transaction(row, overwrite, stored); });
+  if (error.code == Code::ok) return stored;
+  return error;
+}
+
+Error StorageWriter::in_transaction(const std::function<Error()>& change) {
   database_.limit_wait(deadline_.left());
   if (Error error = database_.run("begin immediate"); error.code != Code::ok) return error;
-  Stored stored;
-  Error error = store_in_transaction(row, overwrite, stored);
+  Error error = make_table();
+  if (error.code == Code::ok) error = change();
   database_.limit_wait(deadline_.left());
   if (error.code == Code::ok) error = database_.run("commit");
-  if (error.code == Code::ok) return stored;
-  database_.run("rollback");
+  if (error.code != Code::ok) database_.run("rollback");
   return error;
 }
 
 Error StorageWriter::store_in_transaction(const NewRow& row, bool overwrite, Stored& stored) {
-  Error error = make_table();
-  if (error.code == Code::ok) error = remove_old(row, overwrite, stored);
-  if (error.code == Code::ok) error = insert(row);
+  const Result<std::optional<int64>> replaced = make_room({row.name, row.version}, overwrite);
+  if (!replaced) return replaced.error();
+  stored.replaced = replaced->has_value();
+  stored.replaced_id = replaced->value_or(0);
+  Error error = insert(row);
   if (error.code == Code::ok) error = look_up(row, stored.snapshot);
   return error;
 }
@@ -75,18 +83,20 @@ Error StorageWriter::make_table() {
   return *has_table ? Error{} : database_.run(sql::create_table().c_str());
 }
 
-Error StorageWriter::remove_old(const NewRow& row, bool overwrite, Stored& stored) {
+Result<std::optional<int64>> StorageWriter::make_room(const Id& id, bool overwrite) {
   Result<Statement> old = database_.prepare("select id from Config where name = ? and version = ?");
   if (!old) return old.error();
-  const int code = old->bind(row.name).bind(row.version).step();
-  if (code == SQLITE_DONE) return {};
+  const int code = old->bind(id.name).bind(id.version).step();
+  if (code == SQLITE_DONE) return std::optional<int64>();
   if (code != SQLITE_ROW) return error();
-  if (!overwrite) return {Code::taken, 0, "", "there is a snapshot '" + row.name + "' of this version"};
-  stored.replaced = true;
-  stored.replaced_id = old->number(0);
+  if (!overwrite) {
+    return Error{Code::taken, 0, "", "there is a snapshot '" + id.name + "' of this version"};
+  }
+  const int64 replaced = old->number(0);
   Result<Statement> removal = database_.prepare("delete from Config where name = ? and version = ?");
   if (!removal) return removal.error();
-  return removal->bind(row.name).bind(row.version).step() == SQLITE_DONE ? Error{} : error();
+  if (removal->bind(id.name).bind(id.version).step() != SQLITE_DONE) return error();
+  return std::optional<int64>(replaced);
 }
 
 /// The order of the columns is that of the contract library. The load time stays null.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 
 #include "snapshots/database.h"
@@ -36,6 +38,16 @@ class StorageWriter {
   /// an error the storage is unchanged.
   Result<Stored> store(const NewRow& row, bool overwrite);
 
+  /// Runs `change` in one transaction in which the table exists; durable on return. After an error the
+  /// storage is unchanged.
+  Error in_transaction(const std::function<Error()>& change);
+
+  /// Within a transaction: deletes the row of this name and version, and returns its id. Code::taken if
+  /// there is one and `overwrite` is false.
+  Result<std::optional<int64>> make_room(const Id& id, bool overwrite);
+
+  Database& database() { return database_; }
+
  private:
   StorageWriter(Database database, const Deadline& deadline)
       : database_(std::move(database)), deadline_(deadline) {}
@@ -44,7 +56,6 @@ class StorageWriter {
   Error choose_layout();
   Error make_table();
   Error store_in_transaction(const NewRow& row, bool overwrite, Stored& stored);
-  Error remove_old(const NewRow& row, bool overwrite, Stored& stored);
   Error insert(const NewRow& row);
   Error look_up(const NewRow& row, Snapshot& snapshot);
   Error compare_archive(const char* column, int64 rowid, const std::vector<char>& archive);

@@ -521,4 +521,64 @@ struct Autosaved {
 /// of it happens under one lock.
 CONFSAVE_API Result<Autosaved> autosave(const AutosaveOptions& options);
 
+// ---------------------------------------------------------------------------------------------------
+// Exchanging
+
+using Ids = std::vector<Id>;
+
+/// How to export.
+struct ExportOptions {
+  bool overwrite = false;  ///< replace a file that exists; else Code::taken
+  std::chrono::milliseconds wait{1000};
+};
+
+/// What export_to() did.
+struct Exported {
+  Snapshots snapshots;                ///< in the order of the ids
+  std::vector<std::string> warnings;  ///< a sentence each; the file is there all the same
+};
+
+/// Writes these snapshots into `file`, which is a storage of its own: an SQLite file with the same table.
+/// Rows are copied as they are, with ids and times, whole or damaged; comments, pins, authors and manifests
+/// are beside them in tables of their own. The file has mode 0600, and appears whole and durable, or not at
+/// all.
+CONFSAVE_API Result<Exported> export_to(const Ids& ids, const std::string& file,
+                                        const ExportOptions& options = {});
+
+/// Passes the bytes of such a file to `sink`, from a temporary one.
+CONFSAVE_API Result<Exported> export_to(const Ids& ids, const Sink& sink, const ReadOptions& options = {});
+
+/// How to import.
+struct ImportOptions {
+  /// Only the one snapshot whose name matches, as in Query; default: all of them.
+  std::optional<std::string> pattern;
+  std::optional<int64> version;     ///< only of this version; with a pattern
+  std::optional<std::string> name;  ///< the new name, of the only snapshot
+  bool overwrite = false;           ///< replace snapshots of the same name and version, pinned ones too
+  bool allow_newer = false;         ///< else a snapshot of a newer version is Code::newer
+  std::chrono::milliseconds wait{30000};
+};
+
+/// What import_from() did.
+struct Imported {
+  Snapshots snapshots;                ///< as they are stored now, with new ids
+  std::vector<std::string> warnings;  ///< a sentence each; the snapshots are stored all the same
+};
+
+/// Stores the snapshots of an exported file, or of another gateway's "storage.db", with their times and
+/// notes: all of them, or none.
+///
+/// The file is opened for reading only and taken for hostile. Code::damaged if its structure or its tables
+/// are not those of a storage, if a value has another type or a name is none that save() takes, if an
+/// archive cannot be decoded to its end or is not what the manifest says; Code::unsafe if a restore must
+/// not follow a member, or if one is set-uid or set-gid. Without `overwrite` a snapshot of the same name
+/// and version is Code::taken, or Code::pinned. Code::pending while a restore waits for its check.
+CONFSAVE_API Result<Imported> import_from(const std::string& file, const ImportOptions& options = {});
+
+/// Gives the next bytes, valid until the next call; empty at the end.
+using Supply = std::function<Result<std::string_view>()>;
+
+/// The same from bytes that `supply` gives.
+CONFSAVE_API Result<Imported> import_from(const Supply& supply, const ImportOptions& options = {});
+
 }  // namespace ConfSave::snapshots

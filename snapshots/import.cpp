@@ -1,0 +1,227 @@
+// import_from: stores the snapshots of a file that nobody vouches for.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "places.h"
+#include "snapshots/archive_path.h"
+#include "snapshots/arguments.h"
+#include "snapshots/boundary.h"
+#include "snapshots/bundle_check.h"
+#include "snapshots/descriptor.h"
+#include "snapshots/lock.h"
+#include "snapshots/new_file.h"
+#include "snapshots/recover.h"
+#include "snapshots/reserve.h"
+#include "snapshots/sentence.h"
+#include "snapshots/storage_writer.h"
+#include "snapshots/system_error.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+class Importing {
+ public:
+  Importing(Bundle bundle, const ImportOptions& options, const Deadline& deadline)
+      : bundle_(std::move(bundle)), options_(options), deadline_(deadline) {}
+
+  Result<Imported> run() {
+    Error error = choose();
+    if (error.code == Code::ok) error = check_versions();
+    if (error.code == Code::ok) error = check_names();
+    if (error.code == Code::ok) error = check_content();
+    if (error.code == Code::ok) error = store();
+    if (error.code != Code::ok) return error;
+    for (std::size_t i = 0; i < rows_.size(); ++i)
+      keep_notes(rows_[i], imported_.snapshots[i], replaced_[i]);
+    Reserve::keep(storage_file());
+    return std::move(imported_);
+  }
+
+ private:
+  Error choose() {
+    Result<std::vector<BundleRow>> found = bundle_.rows(options_.pattern.value_or("*"), options_.version);
+    if (!found) return found.error();
+    if (found->empty() && options_.pattern) {
+      return {Code::not_found, 0, bundle_.file(),
+              "it has no snapshot '" + printable(*options_.pattern) + "'" +
+                  (options_.version ? " of this version" : "")};
+    }
+    if (found->size() > 1 && (options_.pattern || options_.name)) {
+      return {Code::ambiguous, 0, bundle_.file(),
+              std::to_string(found->size()) + " of its snapshots match"};
+    }
+    if (found->empty() && options_.name) return {Code::not_found, 0, bundle_.file(), "it has no snapshot"};
+    for (BundleRow& row : *found) rows_.push_back({std::move(row), {}, {}});
+    return {};
+  }
+
+  Error check_versions() const {
+    for (const CheckedRow& row : rows_) {
+      const Config& config = row.row.snapshot.config;
+      if (config.vers <= CURRENT_VERSION || options_.allow_newer) continue;
+      return {Code::newer, 0, bundle_.file(),
+              "'" + config.name + "' is of version " + Config::version(config.vers) + ", and this is " +
+                  Config::version(CURRENT_VERSION)};
+    }
+    return {};
+  }
+
+  /// Says early what storing would find out, with the pins.
+  Error check_names() {
+    Query query;
+    query.corlu_config = true;
+    query.wait = deadline_.left();
+    Result<Snapshots> all = list(query);
+    if (!all) return all.error();
+    for (Snapshot& old : *all) old_.emplace(std::pair(old.config.name, old.config.vers), std::move(old));
+    for (const CheckedRow& row : rows_) {
+      const auto old = old_.find({name_of(row), row.row.snapshot.config.vers});
+      if (old == old_.end() || options_.overwrite) continue;
+      const std::string which = "the snapshot '" + name_of(row) + "' exists";
+      if (old->second.pinned) return {Code::pinned, 0, "", which + " and is pinned"};
+      return {Code::taken, 0, "", which};
+    }
+    return {};
+  }
+
+  Error check_content() {
+    for (CheckedRow& row : rows_) {
+      Result<CheckedRow> checked = check_row(bundle_, row.row);
+      if (!checked) return checked.error();
+      row = std::move(*checked);
+    }
+    return {};
+  }
+
+  Error store() {
+    if (rows_.empty()) return {};
+    Result<StorageWriter> writer = StorageWriter::open(deadline_);
+    if (!writer) return writer.error();
+    return writer->in_transaction([&] {
+      for (const CheckedRow& row : rows_) {
+        if (Error error = store_row(row, *writer); error.code != Code::ok) return error;
+      }
+      return Error{};
+    });
+  }
+
+  Error store_row(const CheckedRow& row, StorageWriter& writer) {
+    Snapshot stored = row.row.snapshot;
+    stored.config.name = name_of(row);
+    const Result<std::optional<int64>> replaced =
+        writer.make_room({stored.config.name, stored.config.vers}, options_.overwrite);
+    if (!replaced) return replaced.error();
+    RowToCopy copy;
+    copy.rowid = row.row.rowid;
+    copy.name = stored.config.name;
+    copy.digests = &row.archives;
+    const Result<int64> id = copy_row(bundle_.database(), copy, writer.database());
+    if (!id) return bundle_.explain(id.error());
+    stored.id = *id;
+    imported_.snapshots.push_back(std::move(stored));
+    replaced_.push_back(replaced->value_or(0));
+    return {};
+  }
+
+  /// The row is stored: from here on a failure is a warning.
+  void keep_notes(const CheckedRow& row, Snapshot& stored, int64 replaced) {
+    Error error = write_notes(row, stored, replaced);
+    if (error.code == Code::ok) return;
+    imported_.warnings.push_back("the comment, the pin and the list of files of '" + stored.config.name +
+                                 "' were not kept: " + sentence(error));
+  }
+
+  Error write_notes(const CheckedRow& row, Snapshot& stored, int64 replaced) {
+    Result<RowNotes> found = notes_of(bundle_, row);
+    if (!found) return found.error();
+    Note& note = found->note;
+    const auto old = old_.find({stored.config.name, stored.config.vers});
+    if (old != old_.end() && old->second.pinned && old->second.id == replaced) note.pinned = true;
+    const bool is_empty = note.comment.empty() && note.author.empty() && !note.pinned && !found->manifest;
+    if (is_empty && replaced == 0) return {};
+    Result<Notes> notes = Notes::open_to_write(deadline_.left());
+    if (!notes) return notes.error();
+    Error error = found->manifest ? notes->replace_manifest(stored, note, *found->manifest, replaced)
+                                  : replace_note(*notes, stored, note, replaced);
+    if (error.code != Code::ok) return error;
+    stored.comment = note.comment;
+    stored.author = note.author;
+    stored.pinned = note.pinned;
+    return {};
+  }
+
+  static Error replace_note(Notes& notes, const Snapshot& stored, const Note& note, int64 replaced) {
+    Error error = replaced != 0 ? notes.forget(replaced) : Error{};
+    if (error.code != Code::ok) return error;
+    return notes.change(stored, [&note](Note& changed) { changed = note; });
+  }
+
+  std::string name_of(const CheckedRow& row) const {
+    return options_.name.value_or(row.row.snapshot.config.name);
+  }
+
+  Bundle bundle_;
+  const ImportOptions& options_;
+  const Deadline& deadline_;
+  std::vector<CheckedRow> rows_;
+  std::map<std::pair<std::string, int64>, Snapshot> old_;  ///< what was stored before
+  std::vector<int64> replaced_;
+  Imported imported_;
+};
+
+Error check(const ImportOptions& options) {
+  if (options.name) return check_id({*options.name});
+  if (options.version && !options.pattern) {
+    return {Code::bad_argument, 0, "", "a version without a name chooses nothing"};
+  }
+  return {};
+}
+
+Result<Imported> import_file(const std::string& file, const ImportOptions& options,
+                             const Deadline& deadline) {
+  const Result<Lock> lock = Lock::take("an import", deadline);
+  if (!lock) return lock.error();
+  if (Error error = recover_first(deadline); error.code != Code::ok) return error;
+  Result<Bundle> bundle = Bundle::open(file, deadline);
+  if (!bundle) return bundle.error();
+  return Importing(std::move(*bundle), options, deadline).run();
+}
+
+Error write(const Supply& supply, const std::string& file) {
+  const Descriptor opened(open(file.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!opened) return system_error(file);
+  for (;;) {
+    Result<std::string_view> piece = supply();
+    if (!piece) return piece.error();
+    if (piece->empty()) return {};
+    while (!piece->empty()) {
+      const ssize_t size = ::write(opened.get(), piece->data(), piece->size());
+      if (size < 0) return system_error(file);
+      piece->remove_prefix(static_cast<std::size_t>(size));
+    }
+  }
+}
+
+Result<Imported> import_supply(const Supply& supply, const ImportOptions& options) {
+  if (Error error = check(options); error.code != Code::ok) return error;
+  Result<NewFile> made = NewFile::make(temporary_directory() + "/");
+  if (!made) return made.error();
+  if (Error error = write(supply, made->name()); error.code != Code::ok) return error;
+  return import_file(made->name(), options, Deadline(options.wait));
+}
+
+}  // namespace
+
+Result<Imported> import_from(const std::string& file, const ImportOptions& options) {
+  return at_boundary([&]() -> Result<Imported> {
+    if (Error error = check(options); error.code != Code::ok) return error;
+    return import_file(file, options, Deadline(options.wait));
+  });
+}
+
+Result<Imported> import_from(const Supply& supply, const ImportOptions& options) {
+  return at_boundary([&] { return import_supply(supply, options); });
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,78 @@
+#include "snapshots/new_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "places.h"
+#include "snapshots/descriptor.h"
+#include "snapshots/system_error.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+Error taken(const std::string& file) { return {Code::taken, EEXIST, file, "the file exists"}; }
+
+/// Opens and syncs a file or directory.
+Error sync(const std::string& path, int flags) {
+  const Descriptor opened(open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
+  return opened && fsync(opened.get()) == 0 ? Error{} : system_error(path);
+}
+
+Error rename_over_nothing(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return {};
+  if (errno == EEXIST) return taken(to);
+  // The file system does not have it.
+  if (errno != EINVAL && errno != ENOSYS) return system_error(to);
+  struct stat status = {};
+  if (lstat(to.c_str(), &status) == 0) return taken(to);
+  return std::rename(from.c_str(), to.c_str()) == 0 ? Error{} : system_error(to);
+}
+
+}  // namespace
+
+Result<NewFile> NewFile::make(const std::string& prefix) {
+  std::string name = prefix + "XXXXXX";
+  const Descriptor file(mkostemp(name.data(), O_CLOEXEC));
+  if (!file) return system_error(directory_part(prefix));
+  return NewFile(std::move(name));
+}
+
+NewFile::~NewFile() {
+  if (!name_.empty()) unlink(name_.c_str());
+}
+
+Error NewFile::publish(const std::string& file, bool overwrite) {
+  if (Error error = sync(name_, 0); error.code != Code::ok) return error;
+  if (overwrite) {
+    if (std::rename(name_.c_str(), file.c_str()) != 0) return system_error(file);
+  } else if (Error error = rename_over_nothing(name_, file); error.code != Code::ok) {
+    return error;
+  }
+  name_.clear();
+  const std::string directory = directory_part(file);
+  return sync(directory.empty() ? "." : directory, O_DIRECTORY);
+}
+
+std::string directory_part(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
+
+Error check_destination(const std::string& file, bool overwrite) {
+  if (file.empty() || file.back() == '/')
+    return {Code::bad_argument, 0, file, "the name of the file is empty"};
+  struct stat status = {};
+  if (lstat(file.c_str(), &status) != 0) return errno == ENOENT ? Error{} : system_error(file);
+  if (!overwrite) return taken(file);
+  if (!S_ISREG(status.st_mode)) return {Code::bad_argument, 0, file, "this is not a regular file"};
+  for (const char* own : {"/storage.db", "/notes.db", "/restore.db", "/confsave.lock", "/restore.lock"}) {
+    struct stat found = {};
+    if (stat((state_directory() + own).c_str(), &found) != 0) continue;
+    if (found.st_dev != status.st_dev || found.st_ino != status.st_ino) continue;
+    return {Code::bad_argument, 0, file, "confsave uses this file itself"};
+  }
+  return {};
+}
+
+}  // namespace ConfSave::snapshots

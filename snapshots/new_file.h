@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+
+#include "confsave/snapshots.h"
+
+namespace ConfSave::snapshots {
+
+/// A file of mode 0600 that is made under a temporary name, and deleted with this object unless it got its
+/// own name.
+class NewFile {
+ public:
+  /// A new name that begins with `prefix`: six letters follow.
+  static Result<NewFile> make(const std::string& prefix);
+
+  NewFile(NewFile&& other) noexcept : name_(std::move(other.name_)) { other.name_.clear(); }
+  NewFile& operator=(NewFile&& other) = delete;
+  ~NewFile();
+
+  const std::string& name() const { return name_; }
+
+  /// Gives it the name `file`, durably with its content; Code::taken if that exists and `overwrite` is
+  /// false.
+  Error publish(const std::string& file, bool overwrite);
+
+ private:
+  explicit NewFile(std::string name) : name_(std::move(name)) {}
+
+  std::string name_;
+};
+
+/// The directory of a path, ending in "/" unless it is empty.
+std::string directory_part(const std::string& path);
+
+/// Whether a file can be exported under this name: Code::taken if it exists and `overwrite` is false. What
+/// is no regular file, or is one of the floor's own, is never replaced.
+Error check_destination(const std::string& file, bool overwrite);
+
+}  // namespace ConfSave::snapshots
