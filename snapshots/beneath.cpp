@@ -86,9 +86,15 @@ Result<int> Beneath::directory(const std::string& relative) {
   return opened_.insert_or_assign(relative, std::move(*opened)).first->second.descriptor.get();
 }
 
-bool Beneath::is_in_place(const std::string& relative) const {
+Result<bool> Beneath::is_in_place(const std::string& relative) const {
   const auto found = opened_.find(relative);
-  return found == opened_.end() || open_again(relative, &found->second);
+  if (found == opened_.end()) return true;
+  const Result<Opened> now = open_again(relative, &found->second);
+  if (now) return true;
+  const Error& error = now.error();
+  if (error.code == Code::changed_meanwhile || error.number == ENOENT || error.number == ENOTDIR)
+    return false;
+  return error;
 }
 
 Result<std::optional<struct stat>> Beneath::look(const std::string& relative) {

@@ -31,7 +31,7 @@ class Beneath {
   Result<int> directory(const std::string& relative);
 
   /// Whether the directory that was opened is still at its path.
-  bool is_in_place(const std::string& relative) const;
+  Result<bool> is_in_place(const std::string& relative) const;
 
   /// Forgets what was opened.
   void forget() { opened_.clear(); }

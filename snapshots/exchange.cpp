@@ -248,7 +248,9 @@ Error Exchange::check_directories() const {
   for (std::size_t number = 0; number < touched_.size(); ++number) {
     for (const std::string& directory : touched_[number]) {
       const Beneath& beneath = sites_[number].beneath;
-      if (beneath.is_in_place(directory) || is_moved_away(number, directory)) continue;
+      const Result<bool> is_in_place = beneath.is_in_place(directory);
+      if (!is_in_place) return is_in_place.error();
+      if (*is_in_place || is_moved_away(number, directory)) continue;
       return {Code::changed_meanwhile, 0, beneath.shown(directory),
               "the directory was moved away while files in it were restored"};
     }

@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "snapshots/exchange.h"
 #include "snapshots/saving.h"
 
@@ -184,6 +186,20 @@ TEST_F(ExchangeTest, ADirectoryThatWasMovedAwayIsNoticedAmongMany) {
       }
     }
   }
+}
+
+TEST_F(ExchangeTest, ADirectoryThatCannotBeLookedAtWasNotMovedAway) {
+  if (geteuid() != 0) GTEST_SKIP() << "root may look at everything";
+  put("user/gateway.conf");
+  Exchange exchange = this->exchange();
+  ASSERT_EQ(exchange.apply(0).code, Code::ok);
+  ASSERT_EQ(shell("chmod 700 " + config_dir()), 0);
+  constexpr uid_t kNobody = 65534;
+  ASSERT_EQ(seteuid(kNobody), 0);
+  const Error error = exchange.check_directories();
+  ASSERT_EQ(seteuid(0), 0);
+  EXPECT_EQ(error.code, Code::denied);
+  EXPECT_EQ(error.number, EACCES);
 }
 
 TEST_F(ExchangeTest, NothingIsPutIntoADirectoryThatTookThePlaceOfOneAmongMany) {
