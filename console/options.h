@@ -34,11 +34,14 @@ struct Options {
   std::optional<unsigned> older_than;  ///< days
   std::optional<std::string> match;
   unsigned wait = 30;
+  unsigned confirm_within = 0;  ///< seconds; 0: no confirmation
   bool force = false;
   bool yes = false;
   bool exact = false;
   bool dry_run = false;
   bool keep = true;
+  bool if_due = false;
+  bool when_due = false;
   bool all = false;
   bool json = false;
   bool table = false;

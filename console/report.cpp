@@ -39,6 +39,13 @@ std::string step_for_storage(const cs::Error& error) {
   }
 }
 
+std::string step_for_pending() {
+  const auto found = cs::pending();
+  const bool is_checked = found && *found && (*found)->is_checked;
+  return is_checked ? "Try again when the check has ended"
+                    : "'confsave confirm' keeps it, 'confsave revert' takes it back";
+}
+
 std::string next_step(const cs::Error& error, bool waits) {
   using cs::Code;
   switch (error.code) {
@@ -70,7 +77,7 @@ std::string next_step(const cs::Error& error, bool waits) {
     case Code::newer:
       return "Give --force to restore it all the same";
     case Code::pending:
-      return "Try again when the check has ended";
+      return step_for_pending();
     case Code::check_failed:
       return "Mend the snapshot or the check, and try again";
     case Code::needs_attention:

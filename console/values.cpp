@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
+#include <confsave/snapshots.h>
 #include <limits>
 
 #include "text.h"
@@ -44,6 +45,24 @@ unsigned parse_number(const std::string& text, unsigned least) {
   if (error == std::errc() && end == text.data() + text.size() && number >= least) return number;
   throw CLI::ValidationError("'" + text + "' is not a number from " + std::to_string(least) + " to " +
                              std::to_string(std::numeric_limits<unsigned>::max()));
+}
+
+unsigned parse_time(const std::string& text) {
+  namespace cs = ConfSave::snapshots;
+  constexpr ConfSave::int64 kMinute = 60;
+  constexpr ConfSave::int64 kHour = 3600;
+  ConfSave::int64 number = 0;
+  const char* const last = text.data() + text.size();
+  const auto [end, error] = std::from_chars(text.data(), last, number);
+  const bool has_unit = error == std::errc() && end + 1 == last && number > 0 && number <= 24 * kHour;
+  ConfSave::int64 seconds = 0;
+  if (has_unit && *end == 's') seconds = number;
+  if (has_unit && *end == 'm') seconds = number * kMinute;
+  if (has_unit && *end == 'h') seconds = number * kHour;
+  if (seconds >= cs::kShortestWindow.count() && seconds <= cs::kLongestWindow.count()) {
+    return static_cast<unsigned>(seconds);
+  }
+  throw CLI::ValidationError("'" + text + "' is not a time from 10s to 24h; write 90s, 10m or 2h");
 }
 
 ConfSave::conftype parse_type(const std::string& text) {

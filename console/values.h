@@ -25,6 +25,9 @@ Selection parse_one(const std::string& text);
 
 unsigned parse_number(const std::string& text, unsigned least);
 
+/// Seconds: "90s", "10m" or "2h", as long as a restore may wait for its confirmation.
+unsigned parse_time(const std::string& text);
+
 ConfSave::conftype parse_type(const std::string& text);
 
 /// One of the keys of list.

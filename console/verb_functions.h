@@ -11,6 +11,8 @@ int list(const Options& options);
 int show(const Options& options);
 int save(const Options& options);
 int diff(const Options& options);
+int confirm(const Options& options);
+int revert(const Options& options);
 int load(const Options& options);
 int recover(const Options& options);
 int show_status(const Options& options);

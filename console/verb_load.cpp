@@ -9,6 +9,7 @@
 #include "exit_status.h"
 #include "interrupt.h"
 #include "names.h"
+#include "pending_text.h"
 #include "plan_text.h"
 #include "progress_line.h"
 #include "question.h"
@@ -38,7 +39,26 @@ const char* name_of(cs::Action action) {
   return "attributes";
 }
 
-void print_as_json(const cs::Plan& plan, const char* result, const std::string& kept) {
+const char* name_of(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::unchanged:
+      return "unchanged";
+    case Outcome::pending:
+      return "pending";
+    case Outcome::restored:
+      break;
+  }
+  return "restored";
+}
+
+/// What the process is started from that takes a pending restore back.
+std::string this_program() {
+  std::error_code error;
+  return std::filesystem::read_symlink("/proc/self/exe", error);
+}
+
+void print_as_json(const cs::Plan& plan, const char* result, const cs::Restored& restored = {}) {
+  const std::string& kept = restored.kept;
   Json document = json_id(plan.snapshot);
   document["result"] = result;
   document["changes"] = Json::array();
@@ -50,7 +70,7 @@ void print_as_json(const cs::Plan& plan, const char* result, const std::string& 
   }
   document["extra"] = json_all(plan.extra);
   document["kept"] = kept.empty() ? Json(nullptr) : json_bytes(kept);
-  document["deadline_utc"] = nullptr;
+  document["deadline_utc"] = restored.deadline != 0 ? json_utc(restored.deadline) : Json(nullptr);
   print_json(document);
 }
 
@@ -77,7 +97,7 @@ int dry_run(const cs::Snapshot& snapshot, const Options& options, const cs::Rest
   const auto plan = cs::plan(id_of(snapshot), how);
   if (!plan) return report_restore(plan.error(), snapshot);
   if (options.json) {
-    print_as_json(*plan, plan->changes.empty() ? "unchanged" : "planned", "");
+    print_as_json(*plan, plan->changes.empty() ? "unchanged" : "planned");
   } else {
     print_plan(std::cout, *plan, kAll);
     if (plan->changes.empty()) print_unchanged(std::cout, *plan);
@@ -134,6 +154,8 @@ cs::RestoreOptions restore_options(const Options& options) {
   how.exact = options.exact;
   how.keep = options.keep;
   how.allow_newer = options.force;
+  how.confirm_within = std::chrono::seconds(options.confirm_within);
+  if (options.confirm_within != 0) how.program = this_program();
   return how;
 }
 
@@ -163,7 +185,7 @@ int print_restored(const cs::Restored& restored, const Options& options, bool wa
   const bool unchanged = restored.outcome == Outcome::unchanged;
   print_warnings(restored.warnings);
   if (options.json) {
-    print_as_json(restored.plan, unchanged ? "unchanged" : "restored", restored.kept);
+    print_as_json(restored.plan, name_of(restored.outcome), restored);
     return kDone;
   }
   if (!was_shown && unchanged) print_unchanged(std::cout, restored.plan);
@@ -171,6 +193,7 @@ int print_restored(const cs::Restored& restored, const Options& options, bool wa
   if (!restored.kept.empty()) {
     std::cout << "'" << readable(restored.kept) << "' holds the configuration of before.\n";
   }
+  if (restored.outcome == Outcome::pending) std::cout << paragraph_of(restored);
   return kDone;
 }
 

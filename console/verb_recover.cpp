@@ -1,7 +1,9 @@
 #include <iostream>
 
 #include "exit_status.h"
+#include "pending_text.h"
 #include "recovering.h"
+#include "text.h"
 #include "turns.h"
 #include "verb_functions.h"
 
@@ -27,6 +29,12 @@ int print_recovery(std::ostream& out, const cs::Recovery& done) {
     case Outcome::finished:
       out << "A restore of " << which << " was interrupted, and is finished.\n";
       break;
+    case Outcome::reverted:
+      out << "The restore of " << which << " is taken back: the files of before are back.\n";
+      break;
+  }
+  if (!done.kept.empty()) {
+    out << "What was edited since is kept as '" << readable(done.kept) << "'.\n";
   }
   print_warnings(done.warnings);
   return kDone;
@@ -34,6 +42,14 @@ int print_recovery(std::ostream& out, const cs::Recovery& done) {
 
 int recover(const Options& options) {
   const auto done = recover_in_time(options.wait);
+  if (!done && done.error().code == cs::Code::pending) {
+    // One that waits to be confirmed is neither to be finished nor to be undone.
+    const auto waiting = cs::pending();
+    if (waiting && *waiting && !(*waiting)->is_checked) {
+      mention_pending();
+      return kDone;
+    }
+  }
   if (!done) return report_restore(done.error());
   if (done->outcome == cs::Recovery::Outcome::nothing) std::cout << "No restore was interrupted.\n";
   return print_recovery(std::cout, *done);

@@ -13,14 +13,14 @@ namespace {
 /// Null when there is no such snapshot.
 Json json_time(ConfSave::int64 time) { return time != 0 ? json_utc(time) : Json(nullptr); }
 
-/// The restore that waits, or that was interrupted; else null.
-Json json_pending(const std::optional<cs::Unfinished>& left) {
-  if (!left || !left->is_pending) return nullptr;
+/// While a check runs there is no deadline.
+Json json_pending(const std::optional<cs::Pending>& pending) {
+  if (!pending) return nullptr;
   Json object;
-  object["name"] = json_bytes(left->name);
-  object["version"] = left->version;
-  object["deadline_utc"] = nullptr;
-  object["seconds_left"] = nullptr;
+  object["name"] = json_bytes(pending->name);
+  object["version"] = pending->version;
+  object["deadline_utc"] = pending->is_checked ? Json(nullptr) : json_utc(pending->deadline);
+  object["seconds_left"] = pending->is_checked ? Json(nullptr) : Json(pending->seconds_left);
   return object;
 }
 
@@ -32,7 +32,8 @@ Json json_interrupted(const std::optional<cs::Unfinished>& left) {
   return object;
 }
 
-void print_as_json(const cs::Status& found, const std::optional<cs::Unfinished>& left) {
+void print_as_json(const cs::Status& found, const std::optional<cs::Pending>& pending,
+                   const std::optional<cs::Unfinished>& left) {
   Json document;
   document["attention"] = Json::array();
   for (const cs::Attention& attention : found.attention) {
@@ -41,7 +42,7 @@ void print_as_json(const cs::Status& found, const std::optional<cs::Unfinished>&
     object["text"] = attention.text;
     document["attention"].push_back(object);
   }
-  document["pending"] = json_pending(left);
+  document["pending"] = json_pending(pending);
   document["interrupted"] = json_interrupted(left);
   document["snapshots"] = found.snapshots;
   document["newest_utc"] = json_time(found.newest);
@@ -87,8 +88,9 @@ int show_status(const Options& options) {
   if (!found) return report(found.error());
   if (options.json) {
     // What cannot be read needs attention, and is among that.
+    const auto pending = cs::pending();
     const auto left = cs::unfinished();
-    print_as_json(*found, left ? *left : std::nullopt);
+    print_as_json(*found, pending ? *pending : std::nullopt, left ? *left : std::nullopt);
   } else {
     print_as_text(*found);
   }

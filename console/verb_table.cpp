@@ -45,14 +45,19 @@ constexpr Verb kVerbs[] = {
      "store the configuration as it is now", save},
     {"diff", &kPattern, &kOther, kPlain, "--version --patch --json ", "",
      "list what changed since a snapshot", diff},
-    {"load", &kPattern, nullptr, kInterruptible,
-     "--version --target --exact --dry-run --check --no-keep --yes --force --wait --json ", "",
-     "restore a snapshot", load},
-    {"recover", nullptr, nullptr, kInterruptible, "--wait ", "",
+    {"load", &kPattern, nullptr, kInterruptible | kSettling,
+     "--version --target --exact --dry-run --confirm-within --check --no-keep --yes --force --wait "
+     "--json ",
+     "", "restore a snapshot", load},
+    {"confirm", nullptr, nullptr, kInterruptible | kSettling, "--wait ", "", "keep a pending restore",
+     confirm},
+    {"revert", nullptr, nullptr, kInterruptible | kSettling, "--if-due --when-due --wait ", "",
+     "take a pending restore back", revert},
+    {"recover", nullptr, nullptr, kInterruptible | kSettling, "--wait ", "",
      "finish or undo a restore that was interrupted", recover},
     {"verify", &kMaybePattern, nullptr, kPlain, "--version --all --json ", "",
      "check whether snapshots can be restored", verify},
-    {"status", nullptr, nullptr, kPlain, "--json ", "", "say what needs attention", show_status},
+    {"status", nullptr, nullptr, kSettling, "--json ", "", "say what needs attention", show_status},
     {"note", &kName, &kText, kPlain, "--version --wait ", "", "set the comment of a snapshot", note},
     {"pin", &kName, nullptr, kPlain, "--version --wait ", "", "protect a snapshot from being deleted", pin},
     {"unpin", &kName, nullptr, kPlain, "--version --wait ", "", "end the protection", unpin},
@@ -66,8 +71,8 @@ constexpr Verb kVerbs[] = {
     {"import", &kImported, &kInFile, kInterruptible, "--as --force --wait --json ", "",
      "store the snapshots of a file", import_snapshots},
     {"check-old", nullptr, nullptr, kPlain, "--days ", "", "say how old the newest autosave is", check_old},
-    {"shell", nullptr, nullptr, kPlain, "", "", "read verbs and run them", shell},
-    {"version", nullptr, nullptr, kPlain, "", "", "show the versions of this program and of the gateway",
+    {"shell", nullptr, nullptr, kSettling, "", "", "read verbs and run them", shell},
+    {"version", nullptr, nullptr, kSettling, "", "", "show the versions of this program and of the gateway",
      version},
 };
 
@@ -88,6 +93,13 @@ constexpr Option kOptions[] = {
      [](const std::string&, Options& options) { options.exact = true; }},
     {"--dry-run", "", "", "print what would change, and change nothing",
      [](const std::string&, Options& options) { options.dry_run = true; }},
+    {"--confirm-within", "TIME", "",
+     "take the restore back after this time, as 10m, unless it is confirmed",
+     [](const std::string& value, Options& options) { options.confirm_within = parse_time(value); }},
+    {"--if-due", "", "", "only if its time is up",
+     [](const std::string&, Options& options) { options.if_due = true; }},
+    {"--when-due", "", "", "wait until its time is up",
+     [](const std::string&, Options& options) { options.when_due = true; }},
     {"--check", "COMMAND", "", "run this command afterwards, and undo the restore if it fails",
      [](const std::string& value, Options& options) { options.check = parse_command(value); }},
     {"--no-keep", "", "", "do not store the present configuration first",
@@ -153,6 +165,10 @@ std::string contradiction(const Verb& verb, const Options& options) {
       return "give NAME and FILE, or --all and FILE";
     if (options.json && options.exchanged == "-") return "--json and a FILE of - cannot be combined";
   }
+  if (options.confirm_within != 0 && !options.target.empty()) {
+    return "--confirm-within and --target cannot be combined";
+  }
+  if (options.if_due && options.when_due) return "--if-due and --when-due cannot be combined";
   if (verb.run != verify) return "";
   if (options.all && (!options.snapshot.name.empty() || options.version)) {
     return "--all and a snapshot cannot be combined";

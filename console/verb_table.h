@@ -29,6 +29,7 @@ struct Option {
 enum Trait : unsigned {
   kPlain = 0,
   kInterruptible = 1,  ///< prints what an interrupt left behind, and then ends by it
+  kSettling = 2,       ///< says itself what is to say about a pending restore, or nothing
 };
 
 struct Verb {

@@ -8,6 +8,7 @@
 #include "completion.h"
 #include "exit_status.h"
 #include "interrupt.h"
+#include "pending_text.h"
 #include "text.h"
 #include "verb_functions.h"
 #include "verb_table.h"
@@ -54,6 +55,7 @@ int refuse(const std::string& problem, const std::string& help) {
 }
 
 int run_verb(const Verb& verb, const Options& options) {
+  if ((verb.traits & kSettling) == 0) mention_pending();
   if ((verb.traits & kInterruptible) == 0) return verb.run(options);
   const int status = [&] {
     const InterruptCatcher catcher;

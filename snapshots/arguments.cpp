@@ -74,4 +74,14 @@ Error check_comment(const std::string& comment) {
   return {};
 }
 
+Error check_window(const RestoreOptions& options) {
+  const std::chrono::seconds length = options.confirm_within;
+  if (length.count() == 0) return {};
+  if (length < kShortestWindow || length > kLongestWindow) {
+    return {Code::bad_argument, 0, "", "the time for the confirmation is not 10 seconds to 24 hours"};
+  }
+  if (options.target.empty()) return {};
+  return {Code::bad_argument, 0, "", "a restore into a target directory needs no confirmation"};
+}
+
 }  // namespace ConfSave::snapshots

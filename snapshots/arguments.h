@@ -17,4 +17,7 @@ Error check_type(conftype type);
 /// At most 4,096 bytes without control characters.
 Error check_comment(const std::string& comment);
 
+/// Nothing, or as long as a restore may wait for its confirmation.
+Error check_window(const RestoreOptions& options);
+
 }  // namespace ConfSave::snapshots

@@ -39,14 +39,14 @@ std::string terminal() {
 
 }  // namespace
 
+Person person() { return {user(), login(), terminal()}; }
+
 std::string author() {
-  const std::string owner = user();
-  std::string session = login();
-  if (session == owner) session.clear();
-  const std::string where = terminal();
-  if (!session.empty() && !where.empty()) session += ", ";
-  session += where;
-  return printable(session.empty() ? owner : owner + " (" + session + ")");
+  const Person who = person();
+  std::string session = who.login != who.user ? who.login : "";
+  if (!session.empty() && !who.terminal.empty()) session += ", ";
+  session += who.terminal;
+  return printable(session.empty() ? who.user : who.user + " (" + session + ")");
 }
 
 }  // namespace ConfSave::snapshots

@@ -4,8 +4,16 @@
 
 namespace ConfSave::snapshots {
 
-/// Who runs this process, for a person: the user, and in parentheses whom the session belongs to and its
-/// terminal, as far as the system says. For example "root (anna, pts/3)".
+/// Who runs this process, as far as the system says.
+struct Person {
+  std::string user;
+  std::string login;     ///< whom the session belongs to; may be empty
+  std::string terminal;  ///< without "/dev/"; may be empty
+};
+
+Person person();
+
+/// The same for people, for example "root (anna, pts/3)".
 std::string author();
 
 }  // namespace ConfSave::snapshots

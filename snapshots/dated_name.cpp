@@ -4,13 +4,22 @@
 
 namespace ConfSave::snapshots {
 
-std::string dated_name(const std::string& prefix, std::time_t time) {
+namespace {
+
+std::string formatted(const char* format, std::time_t time) {
   std::tm local = {};
   localtime_r(&time, &local);
   char date[80] = {};
-  const std::size_t size = std::strftime(date, sizeof date, "%Y-%m-%d-%H-%M-%S", &local);
-  return prefix + std::string(date, size);
+  return {date, std::strftime(date, sizeof date, format, &local)};
 }
+
+}  // namespace
+
+std::string dated_name(const std::string& prefix, std::time_t time) {
+  return prefix + formatted("%Y-%m-%d-%H-%M-%S", time);
+}
+
+std::string local_time(std::time_t time) { return formatted("%Y-%m-%d %H:%M:%S", time); }
 
 bool is_dated_name(const std::string& prefix, const std::string& name) {
   if (name.compare(0, prefix.size(), prefix) != 0) return false;

@@ -19,7 +19,9 @@ constexpr int64 kLayout = 1;
 constexpr const char* kTables =
     "create table restore (state integer not null, snapshot integer not null, name text not null, "
     "version integer not null, type integer not null, saved integer not null, keybase integer not null, "
-    "etc integer not null, loaded integer not null);"
+    "etc integer not null, loaded integer not null, author text not null, boot text not null, "
+    "deadline integer not null, ending integer not null);"
+    "create table ended (name text not null, ending integer not null, time integer not null);"
     "create table root (number integer primary key, path text not null, inode integer not null, "
     "staging text not null);"
     "create table step (number integer primary key, what integer not null, root integer not null, "
@@ -134,6 +136,26 @@ Error Journal::in_transaction(const std::function<Error()>& change) {
   return error;
 }
 
+Result<Record> Journal::read_restore(const Statement& row) {
+  const int64 state = row.number(0);
+  if (state < 0 || state > static_cast<int64>(State::reverting))
+    return not_understood("the state is unknown");
+  Record record;
+  record.state = static_cast<State>(state);
+  record.snapshot.id = row.number(1);
+  record.snapshot.config.name = row.text(2);
+  record.snapshot.config.vers = row.number(3);
+  record.snapshot.config.type = static_cast<conftype>(row.number(4));
+  record.snapshot.config.save_time = row.number(5);
+  record.snapshot.keybase_size = row.number(6);
+  record.snapshot.etc_size = row.number(7);
+  record.load_time = row.number(8);
+  record.author = row.text(9);
+  record.window = {row.text(10), row.number(11)};
+  record.ending = static_cast<Ending>(row.number(12));
+  return record;
+}
+
 Result<std::optional<Record>> Journal::read() {
   Result<Statement> layout = database_.prepare("pragma user_version");
   if (!layout || layout->step() != SQLITE_ROW) return failure();
@@ -144,7 +166,8 @@ Result<std::optional<Record>> Journal::read() {
   layout->reset();
   if (database_.run("begin").code != Code::ok) return failure();
   Result<Statement> row = database_.prepare(
-      "select state, snapshot, name, version, type, saved, keybase, etc, loaded from restore");
+      "select state, snapshot, name, version, type, saved, keybase, etc, loaded, author, boot, deadline, "
+      "ending from restore");
   if (!row) return failure();
   const int code = row->step();
   if (code != SQLITE_ROW) {
@@ -152,18 +175,9 @@ Result<std::optional<Record>> Journal::read() {
     if (code == SQLITE_DONE) return std::optional<Record>();
     return failure();
   }
-  Record record;
-  const int64 state = row->number(0);
-  if (state < 0 || state > static_cast<int64>(State::undone)) return not_understood("the state is unknown");
-  record.state = static_cast<State>(state);
-  record.snapshot.id = row->number(1);
-  record.snapshot.config.name = row->text(2);
-  record.snapshot.config.vers = row->number(3);
-  record.snapshot.config.type = static_cast<conftype>(row->number(4));
-  record.snapshot.config.save_time = row->number(5);
-  record.snapshot.keybase_size = row->number(6);
-  record.snapshot.etc_size = row->number(7);
-  record.load_time = row->number(8);
+  Result<Record> read = read_restore(*row);
+  if (!read) return read.error();
+  Record record = std::move(*read);
   row->reset();
   Error error = read_roots(record);
   if (error.code == Code::ok) error = read_steps(record);
@@ -209,13 +223,13 @@ Error Journal::read_steps(Record& record) {
 Error Journal::begin(const Record& record) {
   return in_transaction([&]() -> Error {
     Result<Statement> row = database_.prepare(
-        "insert into restore (state, snapshot, name, version, type, saved, keybase, etc, loaded) "
-        "values (?,?,?,?,?,?,?,?,0)");
+        "insert into restore (state, snapshot, name, version, type, saved, keybase, etc, loaded, author, "
+        "boot, deadline, ending) values (?,?,?,?,?,?,?,?,0,?,'',0,0)");
     if (!row) return failure();
     const Snapshot& snapshot = record.snapshot;
     row->bind(static_cast<int64>(State::staging)).bind(snapshot.id).bind(snapshot.config.name);
     row->bind(snapshot.config.vers).bind(int64{snapshot.config.type}).bind(snapshot.config.save_time);
-    row->bind(snapshot.keybase_size).bind(snapshot.etc_size);
+    row->bind(snapshot.keybase_size).bind(snapshot.etc_size).bind(record.author);
     if (!row->run()) return failure();
     Result<Statement> roots = database_.prepare("insert into root (path, inode, staging) values (?,?,?)");
     if (!roots) return failure();
@@ -237,38 +251,68 @@ Error Journal::write_step(Statement& statement, const Step& step) {
   return statement.run() ? Error{} : failure();
 }
 
-Error Journal::prepare(const std::vector<Step>& steps, int64 load_time) {
+Error Journal::prepare(const Record& record) {
   return in_transaction([&]() -> Error {
     Result<Statement> statement = database_.prepare(
         "insert into step (what, root, path, old_inode, old_size, old_time, old_kind, new_inode, "
         "new_size, new_time, new_kind, old_mode, old_uid, old_gid, new_mode, new_uid, new_gid, "
         "old_access, time) values (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
     if (!statement) return failure();
-    for (const Step& step : steps) {
+    for (const Step& step : record.steps) {
       if (Error error = write_step(*statement, step); error.code != Code::ok) return error;
     }
-    Result<Statement> row = database_.prepare("update restore set state = ?, loaded = ?");
+    Result<Statement> row =
+        database_.prepare("update restore set state = ?, loaded = ?, boot = ?, deadline = ?");
     if (!row) return failure();
-    row->bind(static_cast<int64>(State::prepared)).bind(load_time);
+    row->bind(static_cast<int64>(State::prepared)).bind(record.load_time);
+    row->bind(record.window.boot).bind(record.window.deadline);
     return row->run() ? Error{} : failure();
   });
 }
 
-Error Journal::set_state(State state) {
+Error Journal::set_state(State state, Ending ending) {
   return in_transaction([&]() -> Error {
-    Result<Statement> row = database_.prepare("update restore set state = ?");
+    Result<Statement> row = database_.prepare("update restore set state = ?, ending = ?");
     if (!row) return failure();
-    if (!row->bind(static_cast<int64>(state)).run()) return failure();
+    if (!row->bind(static_cast<int64>(state)).bind(static_cast<int64>(ending)).run()) return failure();
     // Somebody else has taken it back.
     return sqlite3_changes(database_.get()) == 1 ? Error{} : not_understood("the record is gone");
   });
 }
 
+Error Journal::replace_after(const std::map<std::size_t, Identity>& identities) {
+  return in_transaction([&]() -> Error {
+    Result<Statement> row = database_.prepare(
+        "update step set new_inode = ?, new_size = ?, new_time = ?, new_kind = ? where number = ?");
+    if (!row) return failure();
+    for (const auto& [number, identity] : identities) {
+      bind(*row, identity);
+      // SQLite counts from 1.
+      row->bind(static_cast<int64>(number) + 1);
+      if (!row->run()) return failure();
+    }
+    return {};
+  });
+}
+
 Error Journal::clear() {
   return in_transaction([&]() -> Error {
-    const Error error = database_.run("delete from step; delete from root; delete from restore;");
+    const Error error = database_.run(
+        "delete from ended where exists (select 1 from restore where ending <> 0);"
+        "insert into ended select name, ending, cast(strftime('%s', 'now') as integer) from restore "
+        "where ending <> 0;"
+        "delete from step; delete from root; delete from restore;");
     return error.code == Code::ok ? error : failure();
   });
+}
+
+Result<std::optional<Ended>> Journal::last_ended() {
+  Result<Statement> row = database_.prepare("select name, ending, time from ended");
+  if (!row) return failure();
+  const int code = row->step();
+  if (code == SQLITE_DONE) return std::optional<Ended>();
+  if (code != SQLITE_ROW) return failure();
+  return std::optional<Ended>(Ended{row->text(0), static_cast<Ending>(row->number(1)), row->number(2)});
 }
 
 }  // namespace ConfSave::snapshots

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -66,8 +67,28 @@ enum class State {
   staging,    ///< no live file has changed: delete the staging directories
   prepared,   ///< live files may have changed: put back the old ones
   exchanged,  ///< the point of no return is passed: delete the old files
-  pending,    ///< all live files are new, and a check decides
+  checking,   ///< all live files are new, and a check decides
   undone,     ///< all live files are the old ones: delete the staged ones
+  pending,    ///< all live files are new until the window closes, unless somebody confirms them
+  reverting,  ///< as prepared, but what is there now may be somebody's work
+};
+
+/// How a restore with a window ended.
+enum class Ending { none, confirmed, reverted, expired, restarted };
+
+/// How long a restore waits for its confirmation.
+struct Window {
+  std::string boot;    ///< the boot of the machine that it counts in
+  int64 deadline = 0;  ///< milliseconds since that boot; 0 without a window
+
+  bool exists() const { return deadline != 0; }
+};
+
+/// The last restore with a window.
+struct Ended {
+  std::string name;
+  Ending ending = Ending::none;
+  int64 time = 0;
 };
 
 /// A restore that is not finished.
@@ -75,6 +96,9 @@ struct Record {
   State state = State::staging;
   Snapshot snapshot;    ///< without notes
   int64 load_time = 0;  ///< what the row gets; 0 for a restore that stamps none
+  std::string author;   ///< who restores
+  Window window;
+  Ending ending = Ending::none;
   std::vector<Root> roots;
   std::vector<Step> steps;  ///< in the order of execution
 };
@@ -96,19 +120,26 @@ class Journal {
   /// Begins a record, without steps.
   Error begin(const Record& record);
 
-  /// The steps, and State::prepared.
-  Error prepare(const std::vector<Step>& steps, int64 load_time);
+  /// The steps, the load time and the window of a record, and State::prepared.
+  Error prepare(const Record& record);
 
-  Error set_state(State state);
+  Error set_state(State state, Ending ending = Ending::none);
 
-  /// Nothing is left to do.
+  /// What the restore has put there is another file now: the identities after these steps, by number.
+  Error replace_after(const std::map<std::size_t, Identity>& identities);
+
+  /// Nothing is left to do. How a restore with a window ended is kept until the next such one.
   Error clear();
+
+  /// No value if no restore with a window has ended.
+  Result<std::optional<Ended>> last_ended();
 
  private:
   explicit Journal(Database database) : database_(std::move(database)) {}
 
   Error in_transaction(const std::function<Error()>& change);
   Error make_tables();
+  Result<Record> read_restore(const Statement& row);
   Error read_roots(Record& record);
   Error read_steps(Record& record);
   Error write_step(Statement& statement, const Step& step);

@@ -40,4 +40,7 @@ Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, cons
 /// Turns the changes of `plan` into steps.
 void write_steps(DetailedPlan& plan);
 
+/// Whether both do the same to the same files.
+bool is_same_plan(const Plan& a, const Plan& b);
+
 }  // namespace ConfSave::snapshots

@@ -2,37 +2,22 @@
 
 #include "snapshots/recover.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 
 #include "places.h"
 #include "snapshots/archive_path.h"
+#include "snapshots/audit.h"
+#include "snapshots/boot.h"
 #include "snapshots/boundary.h"
-#include "snapshots/exclusive_storage.h"
+#include "snapshots/check_owner.h"
+#include "snapshots/edited.h"
 #include "snapshots/lock.h"
-#include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
 namespace {
 
-std::string owner_file() { return state_directory() + "/restore.lock"; }
-
 std::string quoted(const Snapshot& snapshot) { return "'" + printable(snapshot.config.name) + "'"; }
-
-/// Unlike flock(2), this lock can be asked for without being taken.
-struct flock whole_file() {
-  struct flock lock = {};
-  lock.l_type = F_WRLCK;
-  lock.l_whence = SEEK_SET;
-  return lock;
-}
-
-Error is_pending(const Snapshot& snapshot) {
-  return {Code::pending, 0, "", "the restore of " + quoted(snapshot) + " waits for its check"};
-}
 
 /// What was there before stays there: it may be somebody's work.
 void warn_of(const std::vector<std::string>& left, std::vector<std::string>& warnings) {
@@ -47,17 +32,39 @@ bool is_below(const std::string& path, const std::string& directory) {
   return path.compare(0, directory.size() + 1, directory + "/") == 0;
 }
 
+/// The files are as the restore has left them, except what was edited since.
+bool is_live(State state) { return state == State::checking || state == State::pending; }
+
+bool is_to_be_undone(State state) {
+  return state == State::prepared || state == State::reverting || is_live(state);
+}
+
+const char* reason(Ending ending) {
+  switch (ending) {
+    case Ending::reverted:
+      return "demanded";
+    case Ending::expired:
+      return "not confirmed in time";
+    case Ending::restarted:
+      return "not confirmed before the restart";
+    default:
+      return "";
+  }
+}
+
 class Recovering {
  public:
-  Recovering(Journal& journal, const Record& record, const Deadline& deadline)
+  /// `ending` is that of a pending restore.
+  Recovering(Journal& journal, Record& record, Ending ending, const Deadline& deadline)
       : journal_(journal), record_(record), deadline_(deadline) {
     recovery_.name = record.snapshot.config.name;
     recovery_.version = record.snapshot.config.vers;
+    if (record.state == State::pending) record.ending = ending;
   }
 
   /// What could not be finished is a warning for a person, and in `unfinished` for who goes on.
   Result<Recovery> run(Error& unfinished) {
-    bool puts_back = record_.state == State::prepared || record_.state == State::pending;
+    bool puts_back = is_to_be_undone(record_.state);
     Result<std::vector<Site>> sites = open_sites(record_.roots, !puts_back);
     if (!sites) return sites.error();
     Exchange exchange(*sites, record_.steps);
@@ -83,14 +90,40 @@ class Recovering {
   }
 
   Result<Recovery> put_back(std::vector<Site>& sites, Error& unfinished) {
+    if (is_live(record_.state)) {
+      recovery_.kept = keep_edited(journal_, record_, sites, deadline_, recovery_.warnings);
+    }
     const Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
-    // The files can be put back without the storage.
-    if (!storage && storage.error().code == Code::busy) return storage.error();
-    const Foreign foreign = record_.state == State::pending ? Foreign::set_aside : Foreign::leave;
-    Error error = take_back(journal_, record_, sites, foreign, recovery_.warnings, unfinished);
+    if (!storage && storage.error().code == Code::busy && !goes_on_without_storage()) {
+      return storage.error();
+    }
+    Error error = begin_reverting();
+    if (error.code == Code::ok) {
+      const Foreign foreign = record_.state == State::reverting ? Foreign::set_aside : Foreign::leave;
+      error = take_back(journal_, record_, sites, foreign, recovery_.warnings, unfinished);
+    }
     if (error.code != Code::ok) return error;
-    recovery_.outcome = Recovery::Outcome::undone;
+    recovery_.outcome =
+        record_.ending == Ending::none ? Recovery::Outcome::undone : Recovery::Outcome::reverted;
     return std::move(recovery_);
+  }
+
+  /// A person may be locked out until the files are back. Whoever keeps the storage for so long can at
+  /// worst save a mixture.
+  bool goes_on_without_storage() {
+    if (record_.ending != Ending::expired && record_.ending != Ending::restarted) return false;
+    recovery_.warnings.emplace_back(
+        "another process did not give the storage free; a save of it at this moment may hold old and new "
+        "files");
+    return true;
+  }
+
+  /// From here on what was edited is kept, and nobody can confirm the restore.
+  Error begin_reverting() {
+    if (!is_live(record_.state)) return {};
+    Error error = journal_.set_state(State::reverting, record_.ending);
+    if (error.code == Code::ok) record_.state = State::reverting;
+    return error;
   }
 
   /// The snapshot, or all of the storage, may be gone by now.
@@ -107,55 +140,92 @@ class Recovering {
   }
 
   Journal& journal_;
-  const Record& record_;
+  Record& record_;
   const Deadline& deadline_;
   Recovery recovery_;
 };
 
-Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished) {
+/// How a pending restore ends if it ends now; Ending::none if it goes on.
+Result<Ending> ending_of(const Record& record, Demand demand) {
+  if (record.state != State::pending) return Ending::none;
+  if (demand == Demand::now) return Ending::reverted;
+  const Result<int64> left = left_of(record.window);
+  if (!left) return left.error();
+  if (*left > 0) return Ending::none;
+  return is_of_another_boot(record.window) ? Ending::restarted : Ending::expired;
+}
+
+void log_end(const Record& record, const Result<Recovery>& recovery) {
+  if (record.ending == Ending::none || record.ending == Ending::confirmed) return;
+  const AuditFields more = {{"reason", reason(record.ending)},
+                            {"loaded-by", record.author},
+                            {"kept", recovery ? recovery->kept : ""}};
+  const Config& config = record.snapshot.config;
+  if (recovery) {
+    audit("revert", record.snapshot, "ok", more);
+  } else {
+    audit("revert", Id{config.name, config.vers}, recovery.error(), more);
+  }
+}
+
+}  // namespace
+
+Result<std::optional<Record>> read_record(const Deadline& deadline) {
+  Result<std::optional<Journal>> journal = Journal::open(deadline.left());
+  if (!journal) return journal.error();
+  return *journal ? (*journal)->read() : std::optional<Record>();
+}
+
+Error refuse_pending(const Snapshot& snapshot) {
+  return {Code::pending, 0, "", "the restore of " + quoted(snapshot) + " waits to be confirmed"};
+}
+
+Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished, Demand demand) {
   // Most of the time there is nothing to recover, and nothing is to be made then.
-  Result<std::optional<Journal>> found = Journal::open(deadline.left());
+  Result<std::optional<Record>> found = read_record(deadline);
   if (!found) return found.error();
   if (!*found) return Recovery{};
-  Result<std::optional<Record>> record = (*found)->read();
-  if (!record) return record.error();
-  if (!*record) return Recovery{};
-  found->reset();
-  std::optional<PendingOwner> owner;
-  if ((*record)->state == State::pending) {
-    Result<PendingOwner> become = PendingOwner::become((*record)->snapshot);
+  Record& record = **found;
+  std::optional<CheckOwner> owner;
+  if (record.state == State::checking) {
+    Result<CheckOwner> become = CheckOwner::become(record.snapshot);
     if (!become) return become.error();
     owner.emplace(std::move(*become));
   }
-  const bool puts_back = (*record)->state == State::prepared || (*record)->state == State::pending;
+  const Result<Ending> ending = ending_of(record, demand);
+  if (!ending) return ending.error();
+  if (record.state == State::pending && *ending == Ending::none) return refuse_pending(record.snapshot);
+  const bool is_mixed = record.state == State::prepared || record.state == State::reverting;
   Result<Journal> journal = Journal::open_to_write(deadline.left());
   if (!journal) return journal.error();
-  Result<Recovery> recovery = Recovering(*journal, **record, deadline).run(unfinished);
-  if (recovery || !puts_back) return recovery;
+  Result<Recovery> recovery = Recovering(*journal, record, *ending, deadline).run(unfinished);
+  log_end(record, recovery);
+  if (recovery || !is_mixed) return recovery;
   Error error = recovery.error();
   error.aftermath = Aftermath::mixed;
   return error;
 }
+
+namespace {
 
 Result<Recovery> lock_and_recover(const ChangeOptions& options) {
   const Deadline deadline(options.wait);
   const Result<Lock> lock = Lock::take("a recovery", deadline);
   if (!lock) return lock.error();
   Error unfinished;
-  return recover_under_lock(deadline, unfinished);
+  return recover_under_lock(deadline, unfinished, Demand::when_due);
 }
 
 Result<std::optional<Unfinished>> find_unfinished(const Deadline& deadline) {
-  Result<std::optional<Journal>> journal = Journal::open(deadline.left());
-  if (!journal) return journal.error();
-  if (!*journal) return std::optional<Unfinished>();
-  const Result<std::optional<Record>> record = (*journal)->read();
+  const Result<std::optional<Record>> record = read_record(deadline);
   if (!record) return record.error();
   if (!*record) return std::optional<Unfinished>();
   const Snapshot& snapshot = (*record)->snapshot;
-  Unfinished unfinished{snapshot.config.name, snapshot.config.vers, false};
-  if ((*record)->state == State::pending) {
-    unfinished.is_pending = PendingOwner::is_alive();
+  Unfinished unfinished{snapshot.config.name, snapshot.config.vers, (*record)->state == State::pending};
+  if ((*record)->state == State::checking) {
+    unfinished.is_pending = CheckOwner::is_alive();
+  } else if (unfinished.is_pending) {
+    return std::optional<Unfinished>(std::move(unfinished));
   } else if (Lock::is_taken()) {
     // Its process is at work.
     return std::optional<Unfinished>();
@@ -164,31 +234,6 @@ Result<std::optional<Unfinished>> find_unfinished(const Deadline& deadline) {
 }
 
 }  // namespace
-
-Result<PendingOwner> PendingOwner::become(const Snapshot& snapshot) {
-  const std::string path = owner_file();
-  Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (!file) return system_error(path);
-  struct flock lock = whole_file();
-  if (fcntl(file.get(), F_OFD_SETLK, &lock) != 0) {
-    if (errno == EAGAIN || errno == EACCES) return is_pending(snapshot);
-    return system_error(path);
-  }
-  return PendingOwner(std::move(file));
-}
-
-PendingOwner::~PendingOwner() {
-  if (!file_) return;
-  struct flock lock = whole_file();
-  lock.l_type = F_UNLCK;
-  fcntl(file_.get(), F_OFD_SETLK, &lock);
-}
-
-bool PendingOwner::is_alive() {
-  const Descriptor file(open(owner_file().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  struct flock lock = whole_file();
-  return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-}
 
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
                 std::vector<std::string>& warnings, Error& unfinished) {
@@ -216,7 +261,7 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
     }
   }
   if (first.code == Code::ok) first = exchange.sync();
-  if (first.code == Code::ok) first = journal.set_state(State::undone);
+  if (first.code == Code::ok) first = journal.set_state(State::undone, record.ending);
   if (first.code != Code::ok) {
     first.text += others;
     first.aftermath = Aftermath::mixed;
@@ -239,15 +284,40 @@ Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& w
   return error;
 }
 
+void finish_storage(Journal& journal, Exchange& exchange, std::optional<ExclusiveStorage>& storage,
+                    const Error& stamped, std::vector<std::string>& warnings) {
+  storage.reset();
+  if (stamped.code != Code::ok) warnings.push_back("the load time is not stored: " + stamped.text);
+  if (stamped.code == Code::ok || stamped.code == Code::changed_meanwhile) {
+    static_cast<void>(clean_up(journal, exchange, warnings));
+  }
+}
+
+Error confirm_record(Journal& journal, const Record& record, std::vector<Site>& sites,
+                     std::optional<ExclusiveStorage>& storage, std::vector<std::string>& warnings) {
+  Error stamped;
+  if (!storage) {
+    stamped = {Code::no_storage, 0, storage_file(), "the storage cannot be opened"};
+  } else if (record.load_time != 0) {
+    stamped = storage->stamp(record.snapshot, record.load_time);
+  }
+  const Ending ending = record.window.exists() ? Ending::confirmed : Ending::none;
+  if (Error error = journal.set_state(State::exchanged, ending); error.code != Code::ok) return error;
+  if (stamped.code == Code::ok) stamped = storage->commit();
+  Exchange exchange(sites, record.steps);
+  finish_storage(journal, exchange, storage, stamped, warnings);
+  return {};
+}
+
 Error recover_first(const Deadline& deadline) {
   Error unfinished;
-  const Result<Recovery> recovery = recover_under_lock(deadline, unfinished);
+  const Result<Recovery> recovery = recover_under_lock(deadline, unfinished, Demand::when_due);
   return recovery ? Error{} : recovery.error();
 }
 
 Error recover_wholly(const Deadline& deadline) {
   Error unfinished;
-  const Result<Recovery> recovery = recover_under_lock(deadline, unfinished);
+  const Result<Recovery> recovery = recover_under_lock(deadline, unfinished, Demand::when_due);
   return recovery ? unfinished : recovery.error();
 }
 
@@ -256,8 +326,7 @@ Error check_finished(const Deadline& deadline) {
   if (!found) return found.error();
   if (!*found) return {};
   const std::string name = "'" + printable((*found)->name) + "'";
-  if ((*found)->is_pending)
-    return {Code::pending, 0, "", "the restore of " + name + " waits for its check"};
+  if ((*found)->is_pending) return {Code::pending, 0, "", "the restore of " + name + " is pending"};
   return {Code::needs_attention, 0, "",
           "the restore of " + name + " was interrupted; run 'confsave recover' first"};
 }

@@ -1,12 +1,26 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "snapshots/deadline.h"
 #include "snapshots/exchange.h"
+#include "snapshots/exclusive_storage.h"
 
 namespace ConfSave::snapshots {
+
+/// The restore that is not finished, if there is one.
+Result<std::optional<Record>> read_record(const Deadline& deadline);
+
+/// Code::pending.
+Error refuse_pending(const Snapshot& snapshot);
+
+/// When a pending restore is taken back.
+enum class Demand { when_due, now };
+
+/// What recover() does. Why the journal is not free afterwards is in `unfinished`.
+Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished, Demand demand);
 
 /// Recovers what an earlier process has left, if anything, so that the live files are all old or all new.
 /// The caller holds the lock of the floor.
@@ -29,25 +43,13 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
 /// that the next recovery tries again.
 Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings);
 
-/// The process that waits for the check of a pending restore. Its death frees it, whatever it has started
-/// lives on.
-class PendingOwner {
- public:
-  /// Code::pending if another process, or another thread, is it.
-  static Result<PendingOwner> become(const Snapshot& snapshot);
+/// Commits the load time, unless `stamped` is an error, and cleans up. The restore is done: what fails is a
+/// warning, and the next recovery tries again, unless the snapshot is gone.
+void finish_storage(Journal& journal, Exchange& exchange, std::optional<ExclusiveStorage>& storage,
+                    const Error& stamped, std::vector<std::string>& warnings);
 
-  /// Whether there is one. Takes no lock.
-  static bool is_alive();
-
-  PendingOwner(PendingOwner&& other) noexcept = default;
-  PendingOwner& operator=(PendingOwner&& other) = delete;
-  /// Also frees it from a process that the check has forked and that has inherited it.
-  ~PendingOwner();
-
- private:
-  explicit PendingOwner(Descriptor file) : file_(std::move(file)) {}
-
-  Descriptor file_;
-};
+/// Keeps a restore that has waited. After an error the journal says whether it still waits.
+Error confirm_record(Journal& journal, const Record& record, std::vector<Site>& sites,
+                     std::optional<ExclusiveStorage>& storage, std::vector<std::string>& warnings);
 
 }  // namespace ConfSave::snapshots

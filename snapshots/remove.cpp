@@ -1,6 +1,7 @@
 // remove: deletes one row, and gives its pages back to the file system.
 
 #include "snapshots/archive_path.h"
+#include "snapshots/audit.h"
 #include "snapshots/boundary.h"
 #include "snapshots/lock.h"
 #include "snapshots/notes.h"
@@ -103,19 +104,31 @@ void forget_note(int64 id, const Deadline& deadline) {
   if (notes && *notes) (*notes)->forget(id);
 }
 
-Error lock_and_remove(const Id& id, const RemoveOptions& options) {
+Error lock_and_remove(const Id& id, const RemoveOptions& options, Snapshot& removed) {
   const Deadline deadline(options.wait);
   const Result<Lock> lock = Lock::take("a deletion", deadline);
   if (!lock) return lock.error();
   Error error = recover_before(id, deadline);
   // Perhaps the deletion makes the room that the recovery needs.
   if (error.code != Code::ok && error.code != Code::no_space) return error;
-  return remove_under_lock(id, options, deadline);
+  return remove_under_lock(id, options, deadline, &removed);
+}
+
+Error remove_and_log(const Id& id, const RemoveOptions& options) {
+  Snapshot removed;
+  Error error = lock_and_remove(id, options, removed);
+  if (error.code == Code::ok) {
+    audit("delete", removed, "ok");
+  } else {
+    audit("delete", id, error);
+  }
+  return error;
 }
 
 }  // namespace
 
-Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadline& deadline) {
+Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadline& deadline,
+                        Snapshot* removed) {
   Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
   if (!reader) return reader.error();
   if (!*reader) return not_found(id.name);
@@ -135,6 +148,7 @@ Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadli
       if (Error pinned = check_pin(*row, deadline); pinned.code != Code::ok) return pinned;
     }
     deleted = row->id;
+    if (removed != nullptr) *removed = *row;
     return delete_row(storage, *row);
   });
   if (error.code == Code::ok) give_back_pages(storage, reserve);
@@ -145,7 +159,7 @@ Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadli
 }
 
 Error remove(const Id& id, const RemoveOptions& options) {
-  return error_at_boundary([&] { return lock_and_remove(id, options); });
+  return error_at_boundary([&] { return remove_and_log(id, options); });
 }
 
 }  // namespace ConfSave::snapshots

@@ -10,14 +10,20 @@
 
 #include "places.h"
 #include "snapshots/archive_path.h"
+#include "snapshots/arguments.h"
+#include "snapshots/audit.h"
+#include "snapshots/author.h"
+#include "snapshots/boot.h"
 #include "snapshots/boundary.h"
-#include "snapshots/exclusive_storage.h"
+#include "snapshots/check_owner.h"
+#include "snapshots/edited.h"
 #include "snapshots/keep.h"
 #include "snapshots/lock.h"
 #include "snapshots/plan.h"
 #include "snapshots/preflight.h"
 #include "snapshots/recover.h"
 #include "snapshots/stage.h"
+#include "snapshots/waiter.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -25,22 +31,6 @@ namespace {
 Error with_aftermath(Error error, Aftermath aftermath) {
   error.aftermath = aftermath;
   return error;
-}
-
-bool is_same(const PlannedChange& a, const PlannedChange& b) {
-  const Difference& x = a.difference;
-  const Difference& y = b.difference;
-  return a.action == b.action && x.path == y.path && x.content == y.content && x.mode == y.mode &&
-         x.owner == y.owner && x.group == y.group && x.time == y.time;
-}
-
-/// Whether both do the same to the same files.
-bool is_same_plan(const Plan& a, const Plan& b) {
-  return a.snapshot.id == b.snapshot.id && a.snapshot.config.save_time == b.snapshot.config.save_time &&
-         a.snapshot.keybase_size == b.snapshot.keybase_size && a.snapshot.etc_size == b.snapshot.etc_size &&
-         a.present == b.present && a.extra == b.extra &&
-         std::equal(a.changes.begin(), a.changes.end(), b.changes.begin(), b.changes.end(),
-                    static_cast<bool (*)(const PlannedChange&, const PlannedChange&)>(is_same));
 }
 
 class Restoring {
@@ -62,7 +52,10 @@ class Restoring {
     if (error.code != Code::ok) return error;
     row_.reset();
     remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
-    return finish(Restored::Outcome::restored);
+    if (!is_windowed()) return finish(Restored::Outcome::restored);
+    const Result<int64> left = left_of(record_.window);
+    restored_.deadline = std::time(nullptr) + (left ? in_seconds(*left) : 0);
+    return finish(Restored::Outcome::pending);
   }
 
  private:
@@ -72,6 +65,8 @@ class Restoring {
     lock_.emplace(std::move(*lock));
     return {};
   }
+
+  bool is_windowed() const { return options_.confirm_within.count() != 0; }
 
   Result<Restored> finish(Restored::Outcome outcome) {
     restored_.outcome = outcome;
@@ -121,6 +116,7 @@ class Restoring {
     Result<Journal> journal = Journal::open_to_write(deadline_.left());
     if (!journal) return journal.error();
     journal_.emplace(std::move(*journal));
+    record_.author = author();
     if (Error error = journal_->begin(record_); error.code != Code::ok) return error;
     try {
       Error error = stage_and_keep();
@@ -141,7 +137,10 @@ class Restoring {
     report(Progress::Phase::exchange);
     if (error.code == Code::ok) error = close_storage();
     if (error.code == Code::ok) error = check_live_files();
-    return error.code == Code::ok ? write_steps() : error;
+    if (error.code == Code::ok) error = write_steps();
+    // What has nobody to take it back in time must not begin.
+    if (error.code == Code::ok && is_windowed()) error = start_waiter(options_.program, record_.window);
+    return error;
   }
 
   Error keep() {
@@ -164,7 +163,7 @@ class Restoring {
     storage_.emplace(std::move(*storage));
     if (!options_.target.empty()) return {};
     record_.load_time = std::time(nullptr);
-    return options_.check ? Error{} : storage_->stamp(record_.snapshot, record_.load_time);
+    return options_.check || is_windowed() ? Error{} : storage_->stamp(record_.snapshot, record_.load_time);
   }
 
   Error check_live_files() {
@@ -182,7 +181,12 @@ class Restoring {
 
   Error write_steps() {
     for (const PlannedStep& planned : plan_.steps) record_.steps.push_back(planned.step);
-    return journal_->prepare(record_.steps, record_.load_time);
+    if (is_windowed()) {
+      Result<Window> window = open_window(options_.confirm_within);
+      if (!window) return window.error();
+      record_.window = std::move(*window);
+    }
+    return journal_->prepare(record_);
   }
 
   /// What fails here is done by the next recovery.
@@ -204,10 +208,17 @@ class Restoring {
       static_cast<void>(undo({}, Foreign::leave));
       throw;
     }
-    if (error.code == Code::ok && options_.check) return check(exchange);
-    if (error.code == Code::ok) error = journal_->set_state(State::exchanged);
+    if (error.code == Code::ok && options_.check) return check();
+    if (error.code == Code::ok) {
+      error = journal_->set_state(is_windowed() ? State::pending : State::exchanged);
+    }
     if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
-    finish_storage(storage_->commit(), exchange);
+    if (is_windowed()) {
+      storage_.reset();
+      return {};
+    }
+    const Error stamped = storage_->commit();
+    finish_storage(*journal_, exchange, storage_, stamped, restored_.warnings);
     return {};
   }
 
@@ -219,22 +230,18 @@ class Restoring {
     return error.code == Code::ok ? exchange.sync() : error;
   }
 
-  /// The restore is done: a load time that is not stored does not undo it. The next recovery stores it,
-  /// unless the snapshot is gone.
-  void finish_storage(const Error& stamped, Exchange& exchange) {
-    storage_.reset();
-    if (stamped.code != Code::ok) {
-      restored_.warnings.push_back("the load time is not stored: " + stamped.text);
-    }
-    if (stamped.code == Code::ok || stamped.code == Code::changed_meanwhile) {
-      static_cast<void>(clean_up(*journal_, exchange, restored_.warnings));
-    }
-  }
-
   Error undo(Error why, Foreign foreign) {
-    // A state that could not be written may have been written all the same.
-    static_cast<void>(journal_->set_state(foreign == Foreign::leave ? State::prepared : State::pending));
     std::vector<std::string> warnings;
+    if (foreign == Foreign::set_aside) {
+      // It is stored like any other snapshot.
+      storage_.reset();
+      const std::string kept = keep_edited(*journal_, record_, sites_, deadline_, warnings);
+      if (!kept.empty()) warnings.push_back("what was edited since is kept as '" + kept + "'");
+      Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
+      if (storage) storage_.emplace(std::move(*storage));
+    }
+    // A state that could not be written may have been written all the same.
+    static_cast<void>(journal_->set_state(foreign == Foreign::leave ? State::prepared : State::reverting));
     Error unfinished;
     Error error = take_back(*journal_, record_, sites_, foreign, warnings, unfinished);
     for (const std::string& warning : warnings) why.text += "; " + warning;
@@ -245,9 +252,9 @@ class Restoring {
 
   // ---- With a check, a person or a program decides.
 
-  Error check(Exchange& exchange) {
-    Result<PendingOwner> owner = PendingOwner::become(record_.snapshot);
-    Error error = owner ? journal_->set_state(State::pending) : owner.error();
+  Error check() {
+    Result<CheckOwner> owner = CheckOwner::become(record_.snapshot);
+    Error error = owner ? journal_->set_state(State::checking) : owner.error();
     if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
     // The check may do what it likes, except another restore.
     journal_.reset();
@@ -260,10 +267,10 @@ class Restoring {
       failure.text += ", and the next command takes it back";
       return with_aftermath(std::move(failure), Aftermath::mixed);
     }
-    if (!is_good) {
-      return undo({Code::check_failed, 0, "", "the check failed"}, Foreign::set_aside);
-    }
-    error = confirm(exchange);
+    if (!is_good) return undo({Code::check_failed, 0, "", "the check failed"}, Foreign::set_aside);
+    error = is_windowed() ? journal_->set_state(State::pending)
+                          : confirm_record(*journal_, record_, sites_, storage_, restored_.warnings);
+    storage_.reset();
     return error.code == Code::ok ? error : undo(std::move(error), Foreign::set_aside);
   }
 
@@ -285,19 +292,6 @@ class Restoring {
     Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
     if (storage) storage_.emplace(std::move(*storage));
     return storage || storage.error().code != Code::busy ? Error{} : storage.error();
-  }
-
-  Error confirm(Exchange& exchange) {
-    Error stamped;
-    if (!storage_) {
-      stamped = {Code::no_storage, 0, storage_file(), "the storage cannot be opened"};
-    } else if (record_.load_time != 0) {
-      stamped = storage_->stamp(record_.snapshot, record_.load_time);
-    }
-    if (Error error = journal_->set_state(State::exchanged); error.code != Code::ok) return error;
-    if (stamped.code == Code::ok) stamped = storage_->commit();
-    finish_storage(stamped, exchange);
-    return {};
   }
 
   const Id& id_;
@@ -323,6 +317,30 @@ Result<Plan> plan_restore(const Id& id, const RestoreOptions& options) {
   return std::move(plan->shown);
 }
 
+const char* result_of(Restored::Outcome outcome) {
+  switch (outcome) {
+    case Restored::Outcome::unchanged:
+      return "unchanged";
+    case Restored::Outcome::pending:
+      return "pending";
+    case Restored::Outcome::restored:
+      break;
+  }
+  return "ok";
+}
+
+Result<Restored> restore_and_log(const Id& id, const RestoreOptions& options) {
+  if (Error error = check_window(options); error.code != Code::ok) return error;
+  Result<Restored> restored = Restoring(id, options).run();
+  const AuditFields target = {{"target", printable(options.target)}};
+  if (restored) {
+    audit("load", restored->plan.snapshot, result_of(restored->outcome), target);
+  } else {
+    audit("load", id, restored.error(), target);
+  }
+  return restored;
+}
+
 }  // namespace
 
 Result<Plan> plan(const Id& id, const RestoreOptions& options) {
@@ -330,7 +348,7 @@ Result<Plan> plan(const Id& id, const RestoreOptions& options) {
 }
 
 Result<Restored> restore(const Id& id, const RestoreOptions& options) {
-  return at_boundary([&] { return Restoring(id, options).run(); });
+  return at_boundary([&] { return restore_and_log(id, options); });
 }
 
 }  // namespace ConfSave::snapshots

@@ -6,6 +6,7 @@
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
+#include "snapshots/audit.h"
 #include "snapshots/author.h"
 #include "snapshots/boundary.h"
 #include "snapshots/lock.h"
@@ -197,6 +198,18 @@ Result<Saved> check_and_save(const Id& id, const SaveOptions& options) {
   return save_under_lock(id, options, deadline);
 }
 
+Result<Saved> save_and_log(const Id& id, const SaveOptions& options) {
+  Result<Saved> saved = check_and_save(id, options);
+  if (!saved) {
+    audit("save", id, saved.error());
+  } else if (saved->outcome == Saved::Outcome::unchanged) {
+    audit("save", saved->snapshot, "unchanged");
+  } else {
+    audit("save", saved->snapshot, saved->outcome == Saved::Outcome::replaced ? "replaced" : "ok");
+  }
+  return saved;
+}
+
 }  // namespace
 
 Result<Saved> save_under_lock(const Id& id, const SaveOptions& options, const Deadline& deadline) {
@@ -204,7 +217,7 @@ Result<Saved> save_under_lock(const Id& id, const SaveOptions& options, const De
 }
 
 Result<Saved> save(const Id& id, const SaveOptions& options) {
-  return at_boundary([&] { return check_and_save(id, options); });
+  return at_boundary([&] { return save_and_log(id, options); });
 }
 
 }  // namespace ConfSave::snapshots

@@ -51,18 +51,28 @@ int64 look_at_rows(const Snapshots& rows, Status& status) {
   return largest;
 }
 
+std::string text_of(const Pending& pending) {
+  const std::string restore = "the restore of " + quoted(pending.name);
+  if (pending.is_checked) return restore + " waits for its check";
+  if (pending.seconds_left == 0) return restore + " was not confirmed in time: run 'confsave revert'";
+  return restore + " is taken back at " + local_time(pending.deadline) +
+         " unless 'confsave confirm' keeps it";
+}
+
 /// A journal that cannot be read may hide one. Only who holds its lock is waited for, and reported.
 Error look_for_a_restore(const Deadline& deadline, Status& status) {
   const Result<std::optional<Unfinished>> found = unfinished(ReadOptions{deadline.left()});
   if (!found) {
     if (found.error().code == Code::busy) return found.error();
     status.attention.push_back({"interrupted", sentence(found.error())});
-  } else if (*found) {
-    const std::string restore = "the restore of " + quoted((*found)->name);
-    status.attention.push_back(
-        (*found)->is_pending
-            ? Attention{"pending", restore + " waits for its check"}
-            : Attention{"interrupted", restore + " was interrupted: run 'confsave recover'"});
+    return {};
+  }
+  const Result<std::optional<Pending>> waiting = pending(ReadOptions{deadline.left()});
+  if (waiting && *waiting) {
+    status.attention.push_back({"pending", text_of(**waiting)});
+  } else if (*found && !(*found)->is_pending) {
+    status.attention.push_back({"interrupted", "the restore of " + quoted((*found)->name) +
+                                                   " was interrupted: run 'confsave recover'"});
   }
   return {};
 }

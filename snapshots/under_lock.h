@@ -15,7 +15,8 @@ Error recover_before(const Id& id, const Deadline& deadline);
 /// What save() does.
 Result<Saved> save_under_lock(const Id& id, const SaveOptions& options, const Deadline& deadline);
 
-/// What remove() does.
-Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadline& deadline);
+/// What remove() does. `removed` gets the row.
+Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadline& deadline,
+                        Snapshot* removed = nullptr);
 
 }  // namespace ConfSave::snapshots

@@ -65,7 +65,8 @@ enum class Code {
   taken,              ///< a snapshot of this name and version exists
   pinned,             ///< the snapshot is protected from being deleted
   busy,               ///< another process holds a lock, and the wait is over
-  pending,            ///< a restore waits for its check, and would be disturbed
+  pending,            ///< a restore waits for its check or for confirm(), and would be disturbed
+  not_pending,        ///< no restore waits for confirm(); the text says how the last one ended
   incomplete,         ///< there is nothing to save: no file of the contents exists
   damaged,            ///< an archive cannot be decoded to its end, or a row has values of the wrong type
   unsafe,             ///< an archive has a member that a restore must not follow
@@ -365,20 +366,31 @@ struct RestoreOptions {
   /// Called when the files are restored, without any lock: it may call every function here. If it returns
   /// false or throws, or this process dies, the restore is taken back.
   std::function<bool()> check = {};
+  /// The restore is taken back when this time is over, unless confirm() keeps it: kShortestWindow to
+  /// kLongestWindow; 0: it needs no confirmation. Not with `target`.
+  std::chrono::seconds confirm_within{0};
+  /// The program that is started to take it back, with the arguments "revert --when-due"; empty: the
+  /// installed "confsave".
+  std::string program = {};
   /// Called now and then, by the calling thread. If it throws, the restore ends, and nothing was changed.
   std::function<void(const Progress&)> progress = {};
   std::chrono::milliseconds wait{30000};
 };
+
+constexpr std::chrono::seconds kShortestWindow{10};
+constexpr std::chrono::seconds kLongestWindow{24 * 3600};
 
 /// What restore() did.
 struct Restored {
   enum class Outcome {
     unchanged,  ///< the configuration equals the snapshot already
     restored,
+    pending,  ///< restored, and taken back at `deadline` unless confirm() keeps it
   };
 
   Outcome outcome = Outcome::unchanged;
   Plan plan;                          ///< what was done
+  int64 deadline = 0;                 ///< of a pending restore, by the clock as it is set now
   std::string kept;                   ///< the snapshot that holds the configuration of before; may be empty
   std::vector<std::string> warnings;  ///< a sentence each; the restore is done all the same
 };
@@ -400,36 +412,82 @@ CONFSAVE_API Result<Plan> plan(const Id& id, const RestoreOptions& options = {})
 /// of that name stay, and pinned ones.
 CONFSAVE_API Result<Restored> restore(const Id& id, const RestoreOptions& options = {});
 
-/// What recover() did.
+/// What recover() or revert() did.
 struct Recovery {
   enum class Outcome {
-    nothing,   ///< no restore was interrupted
+    nothing,   ///< no restore was interrupted, or is due
     undone,    ///< the files of before are back
     finished,  ///< the restore had passed its point of no return
+    reverted,  ///< a pending restore was taken back: the files of before are back
   };
 
   Outcome outcome = Outcome::nothing;
   std::string name;  ///< of the snapshot
   int64 version = 0;
+  std::string kept;                   ///< the snapshot of what was edited since the restore; may be empty
   std::vector<std::string> warnings;  ///< a sentence each
 };
 
-/// Finishes or undoes a restore that was interrupted; save(), note(), pin(), remove() and restore() do the
-/// same first. While a restore waits for its check, its snapshot is neither replaced nor deleted
-/// (Code::pending).
-/// Code::pending while the restore's process is alive and waits for its check; Code::needs_attention if
-/// files are in the way that nobody can account for: they are left alone, and named.
+/// Finishes or undoes a restore that was interrupted, and takes back a pending one whose time is up or
+/// whose machine was restarted; save(), note(), pin(), remove() and restore() do the same first. While a
+/// restore is pending, its snapshot is neither replaced nor deleted (Code::pending). Code::pending while a
+/// restore waits for its check or for confirm(); Code::needs_attention if files are in the way that nobody
+/// can account for: they are left alone, and named.
 CONFSAVE_API Result<Recovery> recover(const ChangeOptions& options = {});
 
-/// A restore that waits for its check, or was interrupted.
+/// A restore that waits for its check or for confirm(), or was interrupted.
 struct Unfinished {
   std::string name;  ///< of the snapshot
   int64 version = 0;
-  bool is_pending = false;  ///< its process is alive, and waits for the check
+  bool is_pending = false;  ///< it waits
 };
 
 /// The restore that is not finished, if there is one. Changes nothing.
 CONFSAVE_API Result<std::optional<Unfinished>> unfinished(const ReadOptions& options = {});
+
+// ---------------------------------------------------------------------------------------------------
+// Pending restores
+//
+// A restore with `confirm_within` is pending: it is taken back unless confirm() keeps it in time. The time
+// is that since the boot of the machine, whatever the clock says, and a restart ends it. A process of its
+// own, or a timer of systemd, takes the restore back. If it is killed, the next call that changes something
+// does, and recover() at the boot.
+
+/// A restore that waits for confirm() or for its check.
+struct Pending {
+  std::string name;  ///< of the snapshot
+  int64 version = 0;
+  std::string author;       ///< who restored it
+  bool is_checked = false;  ///< its check runs: there is no deadline yet
+  int64 deadline = 0;       ///< by the clock as it is set now; in the past after a restart
+  int64 seconds_left = 0;   ///< 0: it is taken back now, or by the next call that changes something
+};
+
+/// The restore that is pending, if there is one. Changes nothing.
+CONFSAVE_API Result<std::optional<Pending>> pending(const ReadOptions& options = {});
+
+/// What confirm() did.
+struct Confirmed {
+  std::string name;  ///< of the snapshot
+  int64 version = 0;
+  std::vector<std::string> warnings;  ///< a sentence each; the restore is kept all the same
+};
+
+/// Keeps the pending restore, durably. Code::not_pending if there is none, or its time is up: then it is
+/// taken back.
+CONFSAVE_API Result<Confirmed> confirm(const ChangeOptions& options = {});
+
+/// When revert() takes a pending restore back.
+enum class When {
+  now,
+  if_due,    ///< only if its time is up, or the machine was restarted
+  when_due,  ///< waits for that, or until it is confirmed or taken back; `wait` is for each attempt
+};
+
+/// Takes the pending restore back: the very files that were there before. Files that were edited since are
+/// kept first, in a snapshot named "reverted-YYYY-MM-DD-HH-MM-SS". `When::now` without a pending restore is
+/// Code::not_pending.
+CONFSAVE_API Result<Recovery> revert(When when, const ChangeOptions& options = {});
 
 /// Something that a person should look at.
 struct Attention {

@@ -51,6 +51,16 @@ class RecoverTest : public Restoring {
     return result ? cs::Error{} : result.error();
   }
 
+  static std::string content(const std::string& name, const std::string& path) {
+    std::string content;
+    const auto error = cs::read_file({name}, path, [&content](std::string_view piece) {
+      content += piece;
+      return cs::Error{};
+    });
+    EXPECT_EQ(error.code, Code::ok) << error.text;
+    return content;
+  }
+
   void expect_undone() {
     EXPECT_EQ(everything(true), before_);
     EXPECT_EQ(query("select load_time from Config where name = 'weekly'")[0][0], "NULL");
@@ -86,7 +96,7 @@ TEST_F(RecoverTest, AfterItTheRestoreIsFinished) {
 }
 
 TEST_F(RecoverTest, ACheckWhoseProcessDiedHasFailed) {
-  interrupt(State::pending);
+  interrupt(State::checking);
   EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
   expect_undone();
 }
@@ -148,10 +158,22 @@ TEST_F(RecoverTest, AnUnfinishedCleanUpKeepsOutARestoreAndNothingElse) {
   EXPECT_EQ(recovered().outcome, Recovery::Outcome::nothing);
 }
 
-TEST_F(RecoverTest, WhatWasEditedDuringACheckIsSetAsideAndNamed) {
-  interrupt(State::pending);
+TEST_F(RecoverTest, WhatWasEditedDuringACheckIsKeptAsASnapshot) {
+  interrupt(State::checking);
   shell("cd " + config_dir() + " && echo edited > new && mv new user/gateway.conf");
   const Recovery recovery = recovered();
+  EXPECT_EQ(recovery.warnings, Texts());
+  EXPECT_EQ(content(recovery.kept, config("user/gateway.conf")), "edited\n");
+  expect_undone();
+}
+
+TEST_F(RecoverTest, WhatCannotBeKeptIsSetAsideAndNamed) {
+  interrupt(State::checking);
+  shell("cd " + config_dir() + " && echo edited > new && mv new user/gateway.conf");
+  // Without a manifest nothing proves that the snapshot has it.
+  write_file(state_dir() + "/notes.db", "no database");
+  Recovery recovery = recovered();
+  EXPECT_EQ(content(recovery.kept, config("user/gateway.conf")), "edited\n");
   ASSERT_EQ(recovery.warnings.size(), 1U);
   const std::string path = recovery.warnings[0].substr(0, recovery.warnings[0].find(": "));
   EXPECT_EQ(read_file(path), "edited\n");

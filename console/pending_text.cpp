@@ -1,0 +1,46 @@
+#include "pending_text.h"
+
+#include <ctime>
+
+namespace console {
+namespace {
+
+/// For example "in 9 min 30 s".
+std::string in_words(ConfSave::int64 seconds) {
+  constexpr ConfSave::int64 kMinute = 60;
+  constexpr ConfSave::int64 kHour = 3600;
+  std::string text = "in";
+  if (seconds >= kHour) text += " " + std::to_string(seconds / kHour) + " h";
+  if (seconds % kHour >= kMinute) text += " " + std::to_string(seconds % kHour / kMinute) + " min";
+  if (seconds < kHour && seconds % kMinute != 0) text += " " + std::to_string(seconds % kMinute) + " s";
+  return seconds > 0 ? text : "now";
+}
+
+/// With the seconds: a window may be as short as ten of them.
+std::string moment(std::time_t deadline, ConfSave::int64 left) {
+  std::tm local = {};
+  localtime_r(&deadline, &local);
+  char text[80] = "";
+  const std::size_t size = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  return std::string(text, size) + " (" + in_words(left) + ")";
+}
+
+}  // namespace
+
+std::string text_of(const cs::Pending& pending) {
+  const std::string restore = "the restore of '" + label(pending.name, pending.version) + "'";
+  if (pending.is_checked) return restore + " waits for its check";
+  if (pending.seconds_left == 0) return restore + " was not confirmed in time, and is to be taken back";
+  return restore + " is taken back at " + moment(pending.deadline, pending.seconds_left) +
+         " unless 'confsave confirm' keeps it";
+}
+
+std::string paragraph_of(const cs::Restored& restored) {
+  const ConfSave::int64 left = restored.deadline - static_cast<ConfSave::int64>(std::time(nullptr));
+  return "This restore is pending. The files of before come back at " + moment(restored.deadline, left) +
+         ",\nand at a restart before that, unless you run 'confsave confirm'.\n"
+         "'confsave revert' takes the restore back at once; 'confsave status' shows the time that is "
+         "left.\n";
+}
+
+}  // namespace console

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "confsave/snapshots.h"
+
+namespace ConfSave::snapshots {
+
+/// Fields of an audit line, in their order.
+using AuditFields = std::vector<std::pair<std::string, std::string>>;
+
+/// Writes one line of key=value to the system log: what was done by whom to which snapshot, and how it
+/// ended. An `error` of Code::busy is not logged: nothing was done, and the caller may try again at once.
+void audit(const std::string& action, const Id& id, const Error& error, const AuditFields& more = {});
+
+/// The same, for a success.
+void audit(const std::string& action, const Snapshot& snapshot, const std::string& result,
+           const AuditFields& more = {});
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,202 @@
+// pending, confirm, revert: a restore that is taken back unless somebody keeps it.
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "snapshots/archive_path.h"
+#include "snapshots/audit.h"
+#include "snapshots/boot.h"
+#include "snapshots/boundary.h"
+#include "snapshots/check_owner.h"
+#include "snapshots/dated_name.h"
+#include "snapshots/lock.h"
+#include "snapshots/recover.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+using std::chrono::milliseconds;
+
+/// Whoever waits notices so soon that the restore was confirmed.
+constexpr milliseconds kLongestSleep{5000};
+constexpr milliseconds kFirstPause{250};
+constexpr milliseconds kLongestPause{60'000};
+
+std::string quoted(const std::string& name) { return "'" + printable(name) + "'"; }
+
+const char* words_for(Ending ending) {
+  switch (ending) {
+    case Ending::confirmed:
+      return "was confirmed";
+    case Ending::expired:
+      return "was not confirmed in time, and was taken back";
+    case Ending::restarted:
+      return "was not confirmed before a restart, and was taken back";
+    default:
+      return "was taken back";
+  }
+}
+
+/// Code::not_pending, with what became of the last one.
+Error not_pending(const Deadline& deadline) {
+  Error error{Code::not_pending, 0, "", "no restore is pending"};
+  Result<std::optional<Journal>> journal = Journal::open(deadline.left());
+  if (!journal || !*journal) return error;
+  const Result<std::optional<Ended>> last = (*journal)->last_ended();
+  if (!last || !*last) return error;
+  error.text += "; that of " + quoted((*last)->name) + " " + words_for((*last)->ending) + " at " +
+                local_time((*last)->time);
+  return error;
+}
+
+Result<std::optional<Pending>> find_pending(const Deadline& deadline) {
+  const Result<std::optional<Record>> found = read_record(deadline);
+  if (!found) return found.error();
+  if (!*found) return std::optional<Pending>();
+  const Record& record = **found;
+  Pending pending;
+  pending.name = record.snapshot.config.name;
+  pending.version = record.snapshot.config.vers;
+  pending.author = record.author;
+  pending.is_checked = record.state == State::checking && CheckOwner::is_alive();
+  if (pending.is_checked) return std::optional<Pending>(std::move(pending));
+  if (record.state != State::pending) return std::optional<Pending>();
+  const Result<int64> left = left_of(record.window);
+  if (!left) return left.error();
+  pending.seconds_left = in_seconds(*left);
+  pending.deadline = std::time(nullptr) + pending.seconds_left;
+  return std::optional<Pending>(std::move(pending));
+}
+
+Error too_late(const Record& record) {
+  return {Code::not_pending, 0, "",
+          "the time of the restore of " + quoted(record.snapshot.config.name) +
+              " was up, and it was taken back"};
+}
+
+/// The record that waits; Code::not_pending if none does, after what else is left was recovered.
+Result<Record> take_pending(const Deadline& deadline) {
+  Result<std::optional<Record>> found = read_record(deadline);
+  if (!found) return found.error();
+  bool is_due = false;
+  if (*found && (*found)->state == State::pending) {
+    const Result<int64> left = left_of((*found)->window);
+    if (!left) return left.error();
+    if (*left > 0) return std::move(**found);
+    is_due = true;
+  }
+  if (*found) {
+    Error unfinished;
+    const Result<Recovery> recovery = recover_under_lock(deadline, unfinished, Demand::when_due);
+    if (!recovery) return recovery.error();
+  }
+  return is_due ? too_late(**found) : not_pending(deadline);
+}
+
+Result<Confirmed> confirm_under_lock(const Deadline& deadline, Record& record) {
+  Result<Record> taken = take_pending(deadline);
+  if (!taken) return taken.error();
+  record = std::move(*taken);
+  Result<std::vector<Site>> sites = open_sites(record.roots, true);
+  if (!sites) return sites.error();
+  std::optional<ExclusiveStorage> storage;
+  Result<ExclusiveStorage> opened = ExclusiveStorage::open(deadline);
+  if (!opened && opened.error().code == Code::busy) return opened.error();
+  if (opened) storage.emplace(std::move(*opened));
+  Result<Journal> journal = Journal::open_to_write(deadline.left());
+  if (!journal) return journal.error();
+  Confirmed confirmed{record.snapshot.config.name, record.snapshot.config.vers, {}};
+  Error error = confirm_record(*journal, record, *sites, storage, confirmed.warnings);
+  if (error.code != Code::ok) return error;
+  return confirmed;
+}
+
+Result<Confirmed> lock_and_confirm(const ChangeOptions& options) {
+  const Deadline deadline(options.wait);
+  const Result<Lock> lock = Lock::take("a confirmation", deadline);
+  if (!lock) return lock.error();
+  Record record;
+  Result<Confirmed> confirmed = confirm_under_lock(deadline, record);
+  if (confirmed) {
+    audit("confirm", record.snapshot, "ok", {{"loaded-by", record.author}});
+  } else {
+    audit("confirm", Id{record.snapshot.config.name, record.snapshot.config.vers}, confirmed.error());
+  }
+  return confirmed;
+}
+
+Result<Recovery> revert_under_lock(When when, const Deadline& deadline) {
+  Error unfinished;
+  const bool is_asked = when == When::now;
+  Result<Recovery> recovery =
+      recover_under_lock(deadline, unfinished, is_asked ? Demand::now : Demand::when_due);
+  if (!is_asked && !recovery && recovery.error().code == Code::pending) return Recovery{};
+  const bool was_undone = recovery && (recovery->outcome == Recovery::Outcome::reverted ||
+                                       recovery->outcome == Recovery::Outcome::undone);
+  return is_asked && recovery && !was_undone ? not_pending(deadline) : recovery;
+}
+
+Result<Recovery> lock_and_revert(When when, milliseconds wait) {
+  const Deadline deadline(wait);
+  const Result<Lock> lock = Lock::take("taking a restore back", deadline);
+  if (!lock) return lock.error();
+  return revert_under_lock(when, deadline);
+}
+
+/// By the clock that the deadline is of: time asleep counts.
+void sleep_for(milliseconds time) {
+  const int64 end = since_boot() + time.count();
+  const timespec at = {static_cast<std::time_t>(end / 1000), static_cast<long>(end % 1000) * 1'000'000};
+  while (clock_nanosleep(CLOCK_BOOTTIME, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+  }
+}
+
+/// How long a restore needs nobody, or nothing if it is due or its process has died.
+milliseconds rest_of(const Record& record) {
+  if (record.state == State::pending) {
+    const Result<int64> left = left_of(record.window);
+    return left ? std::min(milliseconds(*left), kLongestSleep) : milliseconds(0);
+  }
+  const bool is_at_work = record.state == State::checking ? CheckOwner::is_alive() : Lock::is_taken();
+  return is_at_work ? kFirstPause : milliseconds(0);
+}
+
+Result<Recovery> wait_and_revert(milliseconds wait) {
+  std::optional<Window> mine;
+  for (milliseconds pause = kFirstPause;;) {
+    const Result<std::optional<Record>> record = read_record(Deadline(wait));
+    if (record && !*record) return Recovery{};
+    if (record) {
+      const Window& window = (*record)->window;
+      if (mine && (mine->deadline != window.deadline || mine->boot != window.boot)) return Recovery{};
+      mine = window;
+      if (const milliseconds rest = rest_of(**record); rest.count() > 0) {
+        sleep_for(rest);
+        continue;
+      }
+      Result<Recovery> recovery = lock_and_revert(When::if_due, wait);
+      if (recovery && recovery->outcome != Recovery::Outcome::nothing) return recovery;
+    }
+    sleep_for(pause);
+    pause = std::min(pause * 2, kLongestPause);
+  }
+}
+
+}  // namespace
+
+Result<std::optional<Pending>> pending(const ReadOptions& options) {
+  return at_boundary([&] { return find_pending(Deadline(options.wait)); });
+}
+
+Result<Confirmed> confirm(const ChangeOptions& options) {
+  return at_boundary([&] { return lock_and_confirm(options); });
+}
+
+Result<Recovery> revert(When when, const ChangeOptions& options) {
+  return at_boundary([&] {
+    return when == When::when_due ? wait_and_revert(options.wait) : lock_and_revert(when, options.wait);
+  });
+}
+
+}  // namespace ConfSave::snapshots

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+#include "snapshots/journal.h"
+
+namespace ConfSave::snapshots {
+
+/// Starts what takes a pending restore back when its time is up: under systemd a transient timer, else a
+/// process in a session of its own, which has no terminal, no lock and no file of this one. `program` is
+/// called with the arguments "revert --when-due"; empty: the installed one.
+Error start_waiter(const std::string& program, const Window& window);
+
+}  // namespace ConfSave::snapshots

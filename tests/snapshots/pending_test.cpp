@@ -1,0 +1,417 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <thread>
+
+#include "snapshots/journal.h"
+#include "snapshots/restoring.h"
+#include "support/test_host.h"
+
+namespace {
+
+using namespace test;
+using namespace std::chrono_literals;
+using cs::Code;
+using cs::When;
+using Outcome = cs::Recovery::Outcome;
+
+/// Nobody waits for the window: these tests do it themselves.
+class PendingTest : public Restoring {
+ protected:
+  PendingTest() { change(); }
+
+  void change() {
+    write_file(config("gw1.conf"), "changed");
+    shell("touch -d @1500000000 " + config("gw1.conf") + "; rm " + config("hub/key"));
+    write_file(config("user/nat.conf"), "extra");
+    before_ = everything(true);
+  }
+
+  static cs::RestoreOptions windowed(std::chrono::seconds window = 60s) {
+    cs::RestoreOptions options = exactly();
+    options.keep = false;
+    options.confirm_within = window;
+    options.program = "/bin/true";
+    return options;
+  }
+
+  static cs::SaveOptions overwriting() {
+    cs::SaveOptions options;
+    options.overwrite = true;
+    return options;
+  }
+
+  void make_pending() {
+    const auto result = cs::restore({"weekly"}, windowed());
+    ASSERT_TRUE(result) << shown(result.error());
+    ASSERT_EQ(result->outcome, cs::Restored::Outcome::pending);
+    ASSERT_EQ(everything(), saved_);
+  }
+
+  void journal(const std::string& statement) const { Database(state_dir() + "/restore.db").run(statement); }
+  void make_due() const { journal("update restore set deadline = 1"); }
+  void restart() const { journal("update restore set boot = 'another'"); }
+
+  std::string load_time() { return query("select load_time from Config where name = 'weekly'")[0][0]; }
+
+  static cs::Error not_confirmed() {
+    const auto result = cs::confirm({100ms});
+    return result ? cs::Error{} : result.error();
+  }
+
+  /// What was done, after a check that it succeeded.
+  static cs::Recovery reverted(When when = When::now) {
+    const auto result = cs::revert(when, {1s});
+    EXPECT_TRUE(result) << shown(result ? cs::Error{} : result.error());
+    return result ? *result : cs::Recovery{};
+  }
+
+  void expect_as_before() {
+    EXPECT_EQ(everything(true), before_);
+    EXPECT_EQ(load_time(), "NULL");
+    const auto left = cs::unfinished();
+    EXPECT_TRUE(left && !*left);
+  }
+
+  static std::string content(const std::string& name, const std::string& path) {
+    std::string content;
+    const auto error = cs::read_file({name}, path, [&content](std::string_view piece) {
+      content += piece;
+      return cs::Error{};
+    });
+    return error.code == Code::ok ? content : error.text;
+  }
+
+  std::map<std::string, std::string> before_;
+};
+
+TEST_F(PendingTest, ARestoreWaitsForItsConfirmation) {
+  const auto now = std::time(nullptr);
+  const auto result = cs::restore({"weekly"}, windowed());
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_EQ(result->outcome, cs::Restored::Outcome::pending);
+  EXPECT_GE(result->deadline, now + 60);
+  EXPECT_LE(result->deadline, now + 62);
+  EXPECT_EQ(everything(), saved_);
+  EXPECT_EQ(load_time(), "NULL");
+  const auto pending = cs::pending();
+  ASSERT_TRUE(pending && *pending);
+  EXPECT_EQ((*pending)->name, "weekly");
+  EXPECT_EQ((*pending)->version, ConfSave::CURRENT_VERSION);
+  EXPECT_FALSE((*pending)->is_checked);
+  EXPECT_NE((*pending)->author, "");
+  EXPECT_NEAR(static_cast<double>((*pending)->seconds_left), 59.5, 1);
+  EXPECT_LE(std::abs((*pending)->deadline - result->deadline), 1);
+
+  const auto confirmed = cs::confirm();
+  ASSERT_TRUE(confirmed) << shown(confirmed.error());
+  EXPECT_EQ(confirmed->name, "weekly");
+  EXPECT_EQ(confirmed->warnings, Texts());
+  EXPECT_EQ(everything(), saved_);
+  EXPECT_EQ(load_time(), "<now>");
+  const auto after = cs::pending();
+  EXPECT_TRUE(after && !*after);
+}
+
+TEST_F(PendingTest, AnEmptyPlanLeavesNothingPending) {
+  make_pending();
+  ASSERT_TRUE(cs::confirm());
+  const auto result = cs::restore({"weekly"}, windowed());
+  ASSERT_TRUE(result);
+  EXPECT_EQ(result->outcome, cs::Restored::Outcome::unchanged);
+  EXPECT_FALSE(*cs::pending());
+}
+
+TEST_F(PendingTest, ARevertBringsTheVeryFilesBack) {
+  make_pending();
+  const cs::Recovery recovery = reverted();
+  EXPECT_EQ(recovery.outcome, Outcome::reverted);
+  EXPECT_EQ(recovery.name, "weekly");
+  EXPECT_EQ(recovery.kept, "");
+  EXPECT_EQ(recovery.warnings, Texts());
+  expect_as_before();
+}
+
+TEST_F(PendingTest, WhoeverComesSecondIsSaidWhatTheFirstDid) {
+  const auto expect = [](const cs::Error& error, const std::string& text) {
+    EXPECT_EQ(error.code, Code::not_pending);
+    EXPECT_EQ(error.text.substr(0, text.size()), text);
+  };
+  expect(not_confirmed(), "no restore is pending");
+  make_pending();
+  reverted();
+  expect(not_confirmed(), "no restore is pending; that of 'weekly' was taken back at ");
+  expect(cs::revert(When::now).error(), "no restore is pending; that of 'weekly' was taken back at ");
+  make_pending();
+  make_due();
+  reverted(When::if_due);
+  expect(not_confirmed(),
+         "no restore is pending; that of 'weekly' was not confirmed in time, and was taken back at ");
+  make_pending();
+  restart();
+  reverted(When::if_due);
+  expect(not_confirmed(),
+         "no restore is pending; that of 'weekly' was not confirmed before a restart, and was taken back ");
+  make_pending();
+  ASSERT_TRUE(cs::confirm());
+  expect(cs::revert(When::now).error(), "no restore is pending; that of 'weekly' was confirmed at ");
+  EXPECT_EQ(reverted(When::if_due).outcome, Outcome::nothing);
+}
+
+TEST_F(PendingTest, BeforeItsTimeNothingTakesItBack) {
+  make_pending();
+  EXPECT_EQ(reverted(When::if_due).outcome, Outcome::nothing);
+  EXPECT_EQ(cs::recover().error().code, Code::pending);
+  EXPECT_EQ(everything(), saved_);
+  reverted();
+}
+
+TEST_F(PendingTest, WhenItsTimeIsUpEveryCallThatChangesSomethingTakesItBack) {
+  const std::vector<std::function<void()>> calls = {
+      [] { reverted(When::if_due); },
+      [] { reverted(When::when_due); },
+      [] { EXPECT_EQ(cs::recover()->outcome, Outcome::reverted); },
+      [] { EXPECT_TRUE(cs::save({"other"}, overwriting())); },
+      [] { EXPECT_EQ(cs::remove({"nosuch"}).code, Code::not_found); },
+      [] { EXPECT_EQ(cs::note({"weekly"}, "text").code, Code::ok); },
+      [] {
+        EXPECT_EQ(not_confirmed().text,
+                  "the time of the restore of 'weekly' was up, and it was taken back");
+      }};
+  for (std::size_t number = 0; number < 2 * calls.size(); ++number) {
+    make_pending();
+    number % 2 == 0 ? make_due() : restart();
+    const auto pending = cs::pending();
+    ASSERT_TRUE(pending && *pending);
+    EXPECT_EQ((*pending)->seconds_left, 0);
+    calls[number / 2]();
+    SCOPED_TRACE(number);
+    expect_as_before();
+  }
+}
+
+TEST_F(PendingTest, WhileItIsPendingItIsNotDisturbed) {
+  make_pending();
+  EXPECT_EQ(refused(windowed()).code, Code::pending);
+  EXPECT_EQ(cs::plan({"weekly"}).error().code, Code::pending);
+  const auto saved = cs::save({"weekly"}, overwriting());
+  EXPECT_EQ(saved ? Code::ok : saved.error().code, Code::pending);
+  EXPECT_EQ(cs::remove({"weekly"}).code, Code::pending);
+  EXPECT_TRUE(cs::save({"other"}));
+  EXPECT_EQ(cs::remove({"other"}).code, Code::ok);
+  reverted();
+  expect_as_before();
+}
+
+TEST_F(PendingTest, WhatWasEditedSinceIsKeptAsASnapshot) {
+  make_pending();
+  write_file(config("gw1.conf"), "edited in place");
+  shell("cd " + config_dir() + " && echo renamed > new && mv new hub/key && echo again > user/nat.conf");
+  const cs::Recovery recovery = reverted();
+  EXPECT_EQ(recovery.warnings, Texts());
+  EXPECT_EQ(recovery.kept.substr(0, 11), "reverted-20");
+  EXPECT_EQ(content(recovery.kept, config("gw1.conf")), "edited in place");
+  EXPECT_EQ(content(recovery.kept, config("hub/key")), "renamed\n");
+  EXPECT_EQ(content(recovery.kept, config("user/nat.conf")), "again\n");
+  expect_as_before();
+}
+
+TEST_F(PendingTest, ADeletionCountsAsAnEdit) {
+  make_pending();
+  shell("rm " + config("gw1.conf"));
+  const cs::Recovery recovery = reverted();
+  EXPECT_NE(recovery.kept, "");
+  EXPECT_EQ(recovery.warnings, Texts());
+  EXPECT_EQ(content(recovery.kept, config("gw1.conf")).substr(0, 16), "the snapshot has");
+  expect_as_before();
+}
+
+TEST_F(PendingTest, EditsOfOtherFilesStay) {
+  make_pending();
+  write_file(config("user/gateway.conf"), "of somebody");
+  EXPECT_EQ(reverted().kept, "");
+  EXPECT_EQ(read_file(config("user/gateway.conf")), "of somebody");
+}
+
+TEST_F(PendingTest, WhatCannotBeKeptIsSetAside) {
+  make_pending();
+  write_file(config("gw1.conf"), "edited");
+  shell("rm " + state_dir() + "/storage.db* && mkdir " + state_dir() + "/storage.db");
+  const cs::Recovery recovery = reverted();
+  EXPECT_EQ(recovery.kept, "");
+  ASSERT_EQ(recovery.warnings.size(), 2U);
+  EXPECT_NE(recovery.warnings[0].find("not kept as a snapshot"), std::string::npos);
+  const std::string path = recovery.warnings[1].substr(0, recovery.warnings[1].find(": "));
+  EXPECT_EQ(read_file(path), "edited");
+  EXPECT_EQ(everything(true), before_);
+  std::filesystem::remove_all(std::filesystem::path(path).parent_path());
+  shell("rmdir " + state_dir() + "/storage.db");
+}
+
+TEST_F(PendingTest, NeitherTheStorageNorTheNotesAreNeeded) {
+  for (const bool keeps : {false, true}) {
+    make_pending();
+    shell("cp " + state_dir() + "/storage.db " + root() + "/copy && rm " + state_dir() + "/storage.db " +
+          state_dir() + "/notes.db");
+    if (keeps) {
+      const auto confirmed = cs::confirm();
+      ASSERT_TRUE(confirmed) << shown(confirmed.error());
+      EXPECT_EQ(confirmed->warnings.size(), 1U);
+      EXPECT_EQ(everything(), saved_);
+    } else {
+      EXPECT_EQ(reverted().outcome, Outcome::reverted);
+      EXPECT_EQ(everything(true), before_);
+    }
+    shell("cp " + root() + "/copy " + state_dir() + "/storage.db");
+  }
+  ASSERT_TRUE(cs::recover());
+}
+
+TEST_F(PendingTest, AHeldStorageDelaysARevertButDoesNotPreventAnExpiry) {
+  make_pending();
+  {
+    Database holder(state_dir() + "/storage.db");
+    holder.run("begin exclusive");
+    EXPECT_EQ(cs::revert(When::now, {100ms}).error().code, Code::busy);
+    EXPECT_EQ(cs::confirm({100ms}).error().code, Code::busy);
+    EXPECT_EQ(everything(), saved_);
+    make_due();
+    const auto result = cs::revert(When::if_due, {100ms});
+    ASSERT_TRUE(result) << shown(result.error());
+    EXPECT_EQ(result->outcome, Outcome::reverted);
+    EXPECT_EQ(result->warnings.size(), 1U);
+  }
+  expect_as_before();
+}
+
+TEST_F(PendingTest, ARestoreThatNobodyCouldTakeBackDoesNotBegin) {
+  for (const char* program : {"/nonexistent/confsave", "/etc/passwd", "/etc"}) {
+    cs::RestoreOptions options = windowed();
+    options.program = program;
+    const cs::Error error = refused(options);
+    EXPECT_EQ(error.path, program);
+    EXPECT_NE(error.number, 0);
+    EXPECT_EQ(error.aftermath, cs::Aftermath::untouched);
+    expect_as_before();
+  }
+  for (const auto window : {9s, -1s, 86401s}) {
+    EXPECT_EQ(refused(windowed(window)).code, Code::bad_argument);
+  }
+  cs::RestoreOptions options = windowed();
+  options.target = root();
+  EXPECT_EQ(refused(options).code, Code::bad_argument);
+  expect_as_before();
+}
+
+TEST_F(PendingTest, ARestoreThatFailsLeavesNothingArmed) {
+  cs::RestoreOptions options = windowed();
+  options.check = [] { return false; };
+  EXPECT_EQ(refused(options).code, Code::check_failed);
+  expect_as_before();
+  EXPECT_EQ(not_confirmed().text, "no restore is pending");
+}
+
+TEST_F(PendingTest, AfterAGoodCheckItWaitsForItsConfirmation) {
+  cs::RestoreOptions options = windowed();
+  options.check = [] {
+    const auto pending = cs::pending();
+    EXPECT_TRUE(pending && *pending && (*pending)->is_checked);
+    EXPECT_EQ(not_confirmed().code, Code::pending);
+    EXPECT_EQ(cs::revert(When::now, {100ms}).error().code, Code::pending);
+    return true;
+  };
+  const auto result = cs::restore({"weekly"}, options);
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_EQ(result->outcome, cs::Restored::Outcome::pending);
+  EXPECT_EQ(reverted().outcome, Outcome::reverted);
+  expect_as_before();
+}
+
+TEST_F(PendingTest, WhoWaitsTakesItBackInTime) {
+  make_pending();
+  timespec boot = {};
+  clock_gettime(CLOCK_BOOTTIME, &boot);
+  const auto deadline = boot.tv_sec * 1000 + boot.tv_nsec / 1'000'000 + 300;
+  journal("update restore set deadline = " + std::to_string(deadline));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(reverted(When::when_due).outcome, Outcome::reverted);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 250ms);
+  expect_as_before();
+}
+
+TEST_F(PendingTest, WhoWaitsEndsWhenTheRestoreIsConfirmed) {
+  make_pending();
+  std::thread waiter([] { EXPECT_EQ(reverted(When::when_due).outcome, Outcome::nothing); });
+  EXPECT_TRUE(cs::confirm());
+  waiter.join();
+  EXPECT_EQ(everything(), saved_);
+}
+
+/// What the program that waits has from its host: a session of its own, and no file.
+TEST_F(PendingTest, WhoWaitsHasNothingOfTheHost) {
+  const std::string script = root() + "/waiter";
+  write_file(script, "#!/bin/sh\nreadlink /proc/$$/fd/* >" + root() +
+                         "/files\n{ echo $*; pwd; readlink /proc/$$/fd/2;"
+                         " ps -o sid= -o ppid= -p $$; } >" +
+                         root() + "/new\nmv " + root() + "/new " + root() + "/seen\n");
+  shell("chmod 700 " + script);
+  cs::RestoreOptions options = windowed();
+  options.program = script;
+  ASSERT_TRUE(cs::restore({"weekly"}, options));
+  for (int i = 0; i < 200 && !exists(root() + "/seen"); ++i) std::this_thread::sleep_for(20ms);
+  const std::string files = read_file(root() + "/files");
+  EXPECT_EQ(files.find(state_dir()), std::string::npos) << files;
+  EXPECT_EQ(files.find(config_dir()), std::string::npos) << files;
+  std::ifstream seen(root() + "/seen");
+  std::string words;
+  std::getline(seen, words);
+  EXPECT_EQ(words, "revert --when-due");
+  std::string directory;
+  std::string terminal;
+  long session = 0;
+  long parent = 0;
+  seen >> directory >> terminal >> session >> parent;
+  EXPECT_EQ(directory, "/");
+  EXPECT_EQ(terminal, "/dev/null");
+  EXPECT_NE(session, getsid(0));
+  EXPECT_NE(parent, getpid());
+  reverted();
+}
+
+TEST_F(PendingTest, TheSystemLogSaysWhoDidWhat) {
+  auto& log = TestHost::instance().system_log;
+  const auto last = [&log] {
+    std::string line = log.empty() ? "" : log.back().second;
+    // Who runs this test is not known.
+    return line.substr(0, line.find(" user="));
+  };
+  log.clear();
+  make_pending();
+  const std::string which =
+      " snapshot=weekly version=" + ConfSave::Config::version(ConfSave::CURRENT_VERSION);
+  const std::string with_id = which + " id=1";
+  EXPECT_EQ(last(), "confsave: action=load result=pending" + with_id);
+  EXPECT_NE(log.back().second.find(" user="), std::string::npos);
+  ASSERT_EQ(log.size(), 1U);
+  EXPECT_EQ(refused(windowed()).code, Code::pending);
+  EXPECT_EQ(last(), "confsave: action=load result=pending" + which +
+                        " reason=\"the restore of 'weekly' waits to be confirmed\"");
+  make_due();
+  reverted(When::if_due);
+  EXPECT_EQ(last().substr(0, last().find(" loaded-by=")),
+            "confsave: action=revert result=ok" + with_id + " reason=\"not confirmed in time\"");
+  EXPECT_NE(log.back().second.find(" loaded-by="), std::string::npos);
+  make_pending();
+  ASSERT_TRUE(cs::confirm());
+  EXPECT_EQ(last().substr(0, last().find(" loaded-by=")), "confsave: action=confirm result=ok" + with_id);
+  ASSERT_TRUE(cs::save({"other"}));
+  EXPECT_EQ(last().substr(0, last().find(" version=")), "confsave: action=save result=ok snapshot=other");
+  ASSERT_EQ(cs::remove({"other"}).code, Code::ok);
+  EXPECT_EQ(last().substr(0, last().find(" version=")), "confsave: action=delete result=ok snapshot=other");
+}
+
+}  // namespace
