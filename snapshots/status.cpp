@@ -12,6 +12,7 @@
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
+#include "snapshots/dated_name.h"
 #include "snapshots/leftovers.h"
 #include "snapshots/sentence.h"
 #include "snapshots/system_error.h"
