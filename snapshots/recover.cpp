@@ -326,7 +326,12 @@ Error check_finished(const Deadline& deadline) {
   if (!found) return found.error();
   if (!*found) return {};
   const std::string name = "'" + printable((*found)->name) + "'";
-  if ((*found)->is_pending) return {Code::pending, 0, "", "the restore of " + name + " is pending"};
+  if ((*found)->is_pending) {
+    const Result<std::optional<Record>> record = read_record(deadline);
+    const bool is_checked = record && *record && (*record)->state == State::checking;
+    return {Code::pending, 0, "",
+            "the restore of " + name + (is_checked ? " waits for its check" : " waits to be confirmed")};
+  }
   return {Code::needs_attention, 0, "",
           "the restore of " + name + " was interrupted; run 'confsave recover' first"};
 }

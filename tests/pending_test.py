@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A restore takes itself back unless it is confirmed: what the program does in each state, and to each loss.
+"""A restore takes itself back unless it is confirmed: in each state, and whatever is lost.
 
     tests/pending_test.py PROGRAM PAGE CLOCK [TEST...]
 
@@ -26,7 +26,8 @@ WINDOW = 10
 # The time that a revert may take after the deadline.
 PUNCTUAL = 2
 VERBS = {"load": ["load", "--yes", "--no-keep", "old"], "save X": ["save", "--force", "new"],
-         "save": ["save", "another"], "delete X": ["delete", "new"], "revert --if-due": ["revert", "--if-due"],
+         "save": ["save", "another"], "delete X": ["delete", "new"],
+         "revert --if-due": ["revert", "--if-due"],
          "status": ["status", "--json"]}
 # As the journal numbers them.
 PREPARED, EXCHANGED, REVERTING = 1, 2, 6
@@ -49,10 +50,21 @@ class Gateway:
             directory.chmod(0o700)
         self.kept = None
         for name in ("new", "old"):
-            for path in self.paths():
-                path.write_text(f"{name} {path.name}\n", encoding="ascii")
-                os.utime(path, (1_500_000_000 + len(name + path.name), 1_500_000_000))
+            self.configure(name)
             self.must("save", name)
+        shutil.copytree(self.state, self.root / "copy")
+
+    def configure(self, name):
+        for path in self.paths():
+            path.write_text(f"{name} {path.name}\n", encoding="ascii")
+            os.utime(path, (1_500_000_000, 1_500_000_000))
+
+    def reset(self):
+        """As it was when it was made."""
+        self.sweep()
+        shutil.rmtree(self.state)
+        shutil.copytree(self.root / "copy", self.state)
+        self.configure("old")
 
     def paths(self):
         return [self.root / "config/user/gateway.conf", self.root / "config/hub/key",
@@ -119,13 +131,17 @@ class Gateway:
         assert not left, left
         assert self.status()["pending"] is None
 
-    def close(self):
+    def sweep(self):
         self.kill_waiters()
+        for directory in (self.root / "config", ETC):
+            for path in directory.glob(".confsave-*"):
+                shutil.rmtree(path)
+
+    def close(self):
+        self.sweep()
         shutil.rmtree(self.root)
         for path in self.paths():
             path.unlink(missing_ok=True)
-        for path in ETC.glob(".confsave-*"):
-            shutil.rmtree(path)
 
 
 def since_boot():
@@ -163,7 +179,7 @@ def cells(page):
     """(state, verb, exit status, "old" or "new") of the only table whose first column is State."""
     rows = [[cell.strip() for cell in line.strip("|\n").split("|")]
             for line in page.read_text(encoding="utf-8").splitlines() if line.startswith("|")]
-    begin = next(number for number, row in enumerate(rows) if row[0] == "State")
+    begin = [row[0] for row in rows].index("State")
     verbs = rows[begin][1:]
     for row in rows[begin + 2:]:
         if len(row) != len(verbs) + 1:
@@ -211,20 +227,18 @@ def try_cell(gateway, state, words):
 
 
 def in_each_state(program, page, _):
-    count = 0
+    count, gateway = 0, Gateway(program)
     for state, verb, status, live in cells(page):
-        gateway = Gateway(program)
-        try:
-            done, found = try_cell(gateway, state, VERBS.get(verb, [verb]))
-            assert (done.returncode, found) == (status, live), (
-                state, verb, done.returncode, found, done.stdout, done.stderr)
-            mentions = state in ("checking", "pending") and verb in ("save", "list")
-            assert ("the restore of 'new@" in done.stderr) >= mentions, (state, verb, done.stderr)
-            if verb == "status":
-                require_status(state, json.loads(done.stdout))
-        finally:
-            gateway.close()
+        gateway.reset()
+        done, found = try_cell(gateway, state, VERBS.get(verb, [verb]))
+        assert (done.returncode, found) == (status, live), (
+            state, verb, done.returncode, found, done.stdout, done.stderr)
+        mentions = state in ("checking", "pending") and verb in ("save", "list")
+        assert ("the restore of 'new@" in done.stderr) >= mentions, (state, verb, done.stderr)
+        if verb == "status":
+            require_status(state, json.loads(done.stdout))
         count += 1
+    gateway.close()
     assert count == 80, count
     return f"{count} cells"
 
@@ -251,8 +265,8 @@ def locked_out(program, _, __):
         gateway.kept = gateway.seen()
         session, terminal = pty.fork()
         if session == 0:
-            os.execve("/bin/sh", ["sh", "-c", f"{program} load --yes --no-keep new --confirm-within {WINDOW}s; "
-                                  "sleep 1000"], gateway.environment)
+            line = f"{program} load --yes --no-keep new --confirm-within {WINDOW}s; sleep 1000"
+            os.execve("/bin/sh", ["sh", "-c", line], gateway.environment)
         wait_for("the restore", lambda: (gateway.status()["pending"] or {}).get("name") == "new", 20)
         deadline = gateway.journal("select deadline from restore")[0][0]
         for process in pathlib.Path("/proc").glob("[0-9]*"):
@@ -304,7 +318,8 @@ def clock_set(program, _, clock):
     """A year forward or back changes nothing: neither for who waits, nor for who looks."""
     gateway = Gateway(program)
     for seconds in (31_536_000, -31_536_000):
-        shifted = {**gateway.environment, "LD_PRELOAD": clock, "ASAN_OPTIONS": "verify_asan_link_order=0", "CLOCK_SHIFT": str(seconds)}
+        shifted = {**gateway.environment, "LD_PRELOAD": clock, "CLOCK_SHIFT": str(seconds),
+                   "ASAN_OPTIONS": "verify_asan_link_order=0"}
         deadline = gateway.load(env=shifted if seconds > 0 else gateway.environment)
         gateway.must("revert", "--if-due", env=shifted)
         gateway.must("list", env=shifted)
@@ -358,10 +373,8 @@ def losses(program, _, __):
 
 
 def on_a_small_disk(gateway):
-    copy = gateway.root / "copy"
-    shutil.copytree(gateway.state, copy)
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=3m,mode=700", "tmpfs", gateway.state], check=True)
-    shutil.copytree(copy, gateway.state, dirs_exist_ok=True)
+    shutil.copytree(gateway.root / "copy", gateway.state, dirs_exist_ok=True)
 
 
 def require_kept(gateway, name, done):

@@ -1,4 +1,4 @@
-// A library for LD_PRELOAD: the time of day is CLOCK_SHIFT seconds later than it is. Other clocks are right.
+// A library for LD_PRELOAD: the time of day is CLOCK_SHIFT seconds later. Other clocks are right.
 
 #include <dlfcn.h>
 #include <sys/time.h>
@@ -18,7 +18,8 @@ std::time_t shift() {
 extern "C" {
 
 int clock_gettime(clockid_t clock, timespec* result) noexcept {
-  static const auto real = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+  static const auto real =
+      reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
   const int status = real(clock, result);
   const bool is_shifted = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
   if (status == 0 && is_shifted) result->tv_sec += shift();
