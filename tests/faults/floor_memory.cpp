@@ -226,6 +226,9 @@ std::string shown(const Snapshot& snapshot) {
   return snapshot.config.name + " " + snapshot.comment + (snapshot.pinned ? "!" : "");
 }
 
+/// A file with the live configuration as the snapshot "daily".
+std::string exported() { return gateway->root() / "exported"; }
+
 /// What a call may change.
 enum Changes { kNothing, kNotes, kRow };
 
@@ -281,6 +284,33 @@ const std::vector<Entry>& entries() {
            ending.add(std::to_string(found.snapshots));
          });
        }},
+      {"prune, dry", kNothing,
+       [](Ending& ending) {
+         PruneOptions options;
+         options.keep = 1;
+         options.pattern = "*";
+         options.dry_run = true;
+         tell(ending, prune(options), [&](const Pruned& found) {
+           for (const Victim& victim : found.deleted) ending.add(shown(victim.snapshot));
+         });
+       }},
+      {"export", kNothing,
+       [](Ending& ending) {
+         const auto sink = [](std::string_view) { return Error{}; };
+         tell(ending, export_to({{"daily"}}, sink), [&](const Exported& done) {
+           for (const Snapshot& snapshot : done.snapshots) ending.add(shown(snapshot));
+         });
+       }},
+      {"import",
+       kRow,
+       [](Ending& ending) {
+         ImportOptions options;
+         options.overwrite = true;
+         tell(ending, import_from(exported(), options), [&](const Imported& done) {
+           for (const Snapshot& snapshot : done.snapshots) ending.add(snapshot.config.name);
+         });
+       },
+       {"daily", ConfSave::CURRENT_VERSION}},
       {"save",
        kRow,
        [](Ending& ending) {
@@ -444,6 +474,9 @@ void prepare() {
   static_cast<void>(getpwuid(123456789));
   if (note({"daily"}, "before").code != Code::ok) std::abort();
   fs::copy_file(notes_file(), gateway->root() / "kept-notes.db");
+  SaveOptions options;
+  options.overwrite = true;
+  if (!ConfSave::snapshots::save({"daily"}, options) || !export_to({{"daily"}}, exported())) std::abort();
 }
 
 }  // namespace
