@@ -14,6 +14,9 @@ using namespace ConfSave::snapshots;
 class ExportTest : public Exporting {
  protected:
   ExportTest() {
+    // Ids have gaps.
+    saved("gone");
+    EXPECT_EQ(ConfSave::snapshots::remove({"gone"}).code, Code::ok);
     saved("part", of_type(ConfSave::conf_part));
     saved("packets", of_type(ConfSave::conf_corlu));
     EXPECT_TRUE(cs::save({"weekly", 0}));

@@ -189,6 +189,19 @@ TEST_F(ImportTest, TablesThatNoStorageHas) {
       other);
 }
 
+TEST_F(ImportTest, AStructureThatIsDamaged) {
+  // The index, which reading the rows does not need.
+  const std::string page =
+      test::Database(exported())
+          .value("select rootpage from sqlite_schema where name like 'sqlite_autoindex_Config%'");
+  std::string bytes = original_;
+  const std::size_t at = bytes.find("weekly", (std::stoul(page) - 1) * 4096);
+  ASSERT_LT(at, std::stoul(page) * 4096);
+  bytes[at] = 'x';
+  write_file(exported(), bytes);
+  EXPECT_EQ(refusal().substr(0, 23), "damaged: it is damaged:");
+}
+
 TEST_F(ImportTest, NotesThatDoNotFit) {
   EXPECT_EQ(refusal("update member set mode = 511 where path glob '*/gw1.conf'"),
             "damaged: 'weekly': <config>/gw1.conf: the member is not what was saved");
