@@ -37,6 +37,14 @@ expect 'the exit statuses on the page' \
     "$(grep -oE '= [0-9]+,' "$tree/console/exit_status.h" | tr -dc '0-9\n')" \
     "$(sed -n '/^\.Sh EXIT STATUS/,/^\.Sh EXAMPLES/s/^\.It \([0-9]*\)$/\1/p' "$page")"
 
+# What the page shows of a restore from afar is what a dialogue has seen.
+shown=$(sed -n '/^Restore from afar/,/^\.Ed/p' "$page" | grep -E '^(\$|This|and|\\&|confsave)' |
+    sed -E "s/^[$\\&]+ ?//; s/10m/10s/; s/[0-9-]{10} [0-9:]{8}( \([^)]*\))?/MOMENT/")
+[ "$(echo "$shown" | wc -l)" = 6 ] || complain 'the page does not show a restore from afar'
+echo "$shown" | while IFS= read -r line; do
+    grep -qF -- "$line" "$tree/tests/dialogues/pending.txt" || complain "the page shows '$line'"
+done
+
 # shellcheck source=/dev/null
 . "$tree/console/confsave.bash"
 completes() {

@@ -22,6 +22,9 @@
 // `operate typed-plan NAME [TARGET] [exact]` plans that. They print a line for each change and each
 // warning. `operate typed-differences NAME [TARGET] [exact]` prints the plan in full.
 //
+// With within=SECONDS the restore is pending: `operate typed-confirm` keeps it, `operate typed-revert` takes
+// it back, `operate typed-wait` does so when its time is up.
+//
 // `operate inspect` reads lines "STATE TARGET [NAME...]". For each it opens the storage of that state
 // directory, lists it, loads the named rows, or all, into directories below TARGET, and lists it again. It
 // prints a line for each row and a last one with a dot.
@@ -267,6 +270,11 @@ snapshots::RestoreOptions restore_options(const Arguments& words) {
     if (word[0] == '/') options.target = word;
     if (word == "exact") options.exact = true;
     if (word == "no-keep") options.keep = false;
+    if (word.rfind("within=", 0) == 0) {
+      options.confirm_within = std::chrono::seconds(std::strtol(word.c_str() + 7, nullptr, 10));
+      // The campaign itself takes it back.
+      options.program = "/bin/true";
+    }
     if (word.rfind("check=", 0) == 0) {
       options.check = [command = word.substr(6)] { return run_by_platform(command) == 0; };
     }
@@ -311,19 +319,28 @@ void typed_differences(const Arguments& words) {
   for (const std::string& path : plan->extra) show_exactly("extra", "", path);
 }
 
-void typed_recover() {
-  const auto recovery = snapshots::recover();
+void show_recovery(const snapshots::Result<snapshots::Recovery>& recovery) {
   if (!recovery) demand(recovery.error());
-  constexpr const char* kOutcomes[] = {"nothing", "undone", "finished"};
+  constexpr const char* kOutcomes[] = {"nothing", "undone", "finished", "reverted"};
   show(recovery->warnings);
+  if (!recovery->kept.empty()) std::cout << "kept " << recovery->kept << "\n";
   std::cout << kOutcomes[static_cast<int>(recovery->outcome)] << " " << recovery->name << "\n";
+}
+
+void typed_confirm() {
+  const auto confirmed = snapshots::confirm();
+  if (!confirmed) demand(confirmed.error());
+  show(confirmed->warnings);
 }
 
 const std::map<std::string, std::function<void(const Arguments&)>> kVerbs{
     {"typed-load", typed_load},
     {"typed-plan", typed_plan},
     {"typed-differences", typed_differences},
-    {"typed-recover", [](const Arguments&) { typed_recover(); }},
+    {"typed-recover", [](const Arguments&) { show_recovery(snapshots::recover()); }},
+    {"typed-confirm", [](const Arguments&) { typed_confirm(); }},
+    {"typed-revert", [](const Arguments&) { show_recovery(snapshots::revert(snapshots::When::now)); }},
+    {"typed-wait", [](const Arguments&) { show_recovery(snapshots::revert(snapshots::When::when_due)); }},
     {"typed-save", typed_save},
     {"typed-remove", [](const Arguments& a) { demand(snapshots::remove({a.at(0)})); }},
     {"typed-verify", [](const Arguments&) { typed_verify(); }},

@@ -203,4 +203,5 @@ def campaign(program, full, source):
             f"{figures.states['after']} restored, nothing left")
 
 
-main(campaign)
+if __name__ == "__main__":
+    main(campaign)
