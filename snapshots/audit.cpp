@@ -118,4 +118,14 @@ void audit(const std::string& action, const Snapshot& snapshot, const std::strin
   write_line(LOG_NOTICE, std::move(fields), more);
 }
 
+void audit_save(const Id& id, const Result<Saved>& saved) {
+  if (!saved) {
+    audit("save", id, saved.error());
+  } else if (saved->outcome == Saved::Outcome::unchanged) {
+    audit("save", saved->snapshot, "unchanged");
+  } else {
+    audit("save", saved->snapshot, saved->outcome == Saved::Outcome::replaced ? "replaced" : "ok");
+  }
+}
+
 }  // namespace ConfSave::snapshots

@@ -19,4 +19,7 @@ void audit(const std::string& action, const Id& id, const Error& error, const Au
 void audit(const std::string& action, const Snapshot& snapshot, const std::string& result,
            const AuditFields& more = {});
 
+/// The same, for a save.
+void audit_save(const Id& id, const Result<Saved>& saved);
+
 }  // namespace ConfSave::snapshots

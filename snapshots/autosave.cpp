@@ -4,6 +4,7 @@
 #include <set>
 
 #include "snapshots/arguments.h"
+#include "snapshots/audit.h"
 #include "snapshots/boundary.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/lock.h"
@@ -41,7 +42,9 @@ Result<Saved> save_new(const AutosaveOptions& options, const Deadline& deadline)
     if (!name) return name.error();
     Result<Saved> saved = save_under_lock({*name}, how, deadline);
     // A program that does not take the lock of the floor was faster.
-    if (saved || saved.error().code != Code::taken) return saved;
+    if (!saved && saved.error().code == Code::taken) continue;
+    audit_save({*name}, saved);
+    return saved;
   }
 }
 

@@ -6,6 +6,7 @@
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
+#include "snapshots/audit.h"
 #include "snapshots/boundary.h"
 #include "snapshots/bundle_check.h"
 #include "snapshots/descriptor.h"
@@ -188,6 +189,18 @@ Result<Imported> import_file(const std::string& file, const ImportOptions& optio
   return Importing(std::move(*bundle), options, deadline).run();
 }
 
+Result<Imported> import_and_log(const std::string& file, const ImportOptions& options) {
+  Result<Imported> imported = import_file(file, options, Deadline(options.wait));
+  const AuditFields from = {{"file", printable(file)}};
+  if (!imported) {
+    audit("import", Id{options.name.value_or(options.pattern.value_or("")), options.version.value_or(0)},
+          imported.error(), from);
+    return imported;
+  }
+  for (const Snapshot& snapshot : imported->snapshots) audit("import", snapshot, "ok", from);
+  return imported;
+}
+
 Error write(const Supply& supply, const std::string& file) {
   const Descriptor opened(open(file.c_str(), O_WRONLY | O_CLOEXEC));
   if (!opened) return system_error(file);
@@ -208,7 +221,7 @@ Result<Imported> import_supply(const Supply& supply, const ImportOptions& option
   Result<NewFile> made = NewFile::make(temporary_directory() + "/");
   if (!made) return made.error();
   if (Error error = write(supply, made->name()); error.code != Code::ok) return error;
-  return import_file(made->name(), options, Deadline(options.wait));
+  return import_and_log(made->name(), options);
 }
 
 }  // namespace
@@ -216,7 +229,7 @@ Result<Imported> import_supply(const Supply& supply, const ImportOptions& option
 Result<Imported> import_from(const std::string& file, const ImportOptions& options) {
   return at_boundary([&]() -> Result<Imported> {
     if (Error error = check(options); error.code != Code::ok) return error;
-    return import_file(file, options, Deadline(options.wait));
+    return import_and_log(file, options);
   });
 }
 

@@ -317,26 +317,16 @@ Result<Plan> plan_restore(const Id& id, const RestoreOptions& options) {
   return std::move(plan->shown);
 }
 
-const char* result_of(Restored::Outcome outcome) {
-  switch (outcome) {
-    case Restored::Outcome::unchanged:
-      return "unchanged";
-    case Restored::Outcome::pending:
-      return "pending";
-    case Restored::Outcome::restored:
-      break;
-  }
-  return "ok";
-}
-
 Result<Restored> restore_and_log(const Id& id, const RestoreOptions& options) {
   if (Error error = check_window(options); error.code != Code::ok) return error;
   Result<Restored> restored = Restoring(id, options).run();
-  const AuditFields target = {{"target", printable(options.target)}};
+  constexpr const char* kResults[] = {"unchanged", "ok", "pending"};
+  const std::string target = printable(options.target);
   if (restored) {
-    audit("load", restored->plan.snapshot, result_of(restored->outcome), target);
+    audit("load", restored->plan.snapshot, kResults[static_cast<int>(restored->outcome)],
+          {{"target", target}, {"kept", restored->kept}});
   } else {
-    audit("load", id, restored.error(), target);
+    audit("load", id, restored.error(), {{"target", target}});
   }
   return restored;
 }

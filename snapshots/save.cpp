@@ -200,13 +200,7 @@ Result<Saved> check_and_save(const Id& id, const SaveOptions& options) {
 
 Result<Saved> save_and_log(const Id& id, const SaveOptions& options) {
   Result<Saved> saved = check_and_save(id, options);
-  if (!saved) {
-    audit("save", id, saved.error());
-  } else if (saved->outcome == Saved::Outcome::unchanged) {
-    audit("save", saved->snapshot, "unchanged");
-  } else {
-    audit("save", saved->snapshot, saved->outcome == Saved::Outcome::replaced ? "replaced" : "ok");
-  }
+  audit_save(id, saved);
   return saved;
 }
 

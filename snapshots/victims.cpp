@@ -4,6 +4,7 @@
 #include <iterator>
 #include <set>
 
+#include "snapshots/audit.h"
 #include "snapshots/notes.h"
 #include "snapshots/under_lock.h"
 
@@ -142,8 +143,10 @@ void delete_victims(std::vector<Victim> victims, const Deadline& deadline, std::
   for (Victim& victim : victims) {
     Error error = remove_under_lock(id_of(victim.snapshot), {}, deadline);
     if (error.code == Code::ok) {
+      audit("prune", victim.snapshot, "ok", {{"reason", victim.reason}});
       deleted.push_back(std::move(victim));
     } else if (error.code != Code::not_found) {
+      audit("prune", id_of(victim.snapshot), error);
       undeleted.push_back({std::move(victim), std::move(error)});
     }
   }

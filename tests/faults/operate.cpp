@@ -22,8 +22,8 @@
 // `operate typed-plan NAME [TARGET] [exact]` plans that. They print a line for each change and each
 // warning. `operate typed-differences NAME [TARGET] [exact]` prints the plan in full.
 //
-// With within=SECONDS the restore is pending: `operate typed-confirm` keeps it, `operate typed-revert` takes
-// it back, `operate typed-wait` does so when its time is up.
+// With within=SECONDS the restore is pending: `operate typed-confirm` keeps it, `operate typed-revert`
+// takes it back, `operate typed-wait` does so when its time is up.
 //
 // `operate inspect` reads lines "STATE TARGET [NAME...]". For each it opens the storage of that state
 // directory, lists it, loads the named rows, or all, into directories below TARGET, and lists it again. It

@@ -410,8 +410,24 @@ TEST_F(PendingTest, TheSystemLogSaysWhoDidWhat) {
   EXPECT_EQ(last().substr(0, last().find(" loaded-by=")), "confsave: action=confirm result=ok" + with_id);
   ASSERT_TRUE(cs::save({"other"}));
   EXPECT_EQ(last().substr(0, last().find(" version=")), "confsave: action=save result=ok snapshot=other");
-  ASSERT_EQ(cs::remove({"other"}).code, Code::ok);
-  EXPECT_EQ(last().substr(0, last().find(" version=")), "confsave: action=delete result=ok snapshot=other");
+  cs::PruneOptions rule;
+  rule.keep = 1;
+  rule.pattern = "other*";
+  ASSERT_TRUE(cs::save({"other2"}));
+  const auto pruned = cs::prune(rule);
+  ASSERT_TRUE(pruned) << shown(pruned.error());
+  ASSERT_EQ(pruned->deleted.size(), 1U);
+  EXPECT_EQ(last().substr(0, last().find(" version=")), "confsave: action=prune result=ok snapshot=other");
+  const std::string file = root() + "/exported";
+  ASSERT_TRUE(cs::export_to({{"weekly"}}, file));
+  cs::ImportOptions as;
+  as.name = "imported";
+  ASSERT_TRUE(cs::import_from(file, as));
+  EXPECT_EQ(last().substr(0, last().find(" version=")),
+            "confsave: action=import result=ok snapshot=imported");
+  ASSERT_EQ(cs::remove({"other2"}).code, Code::ok);
+  EXPECT_EQ(last().substr(0, last().find(" version=")),
+            "confsave: action=delete result=ok snapshot=other2");
 }
 
 }  // namespace
