@@ -155,7 +155,7 @@ def store(gateway, etc, keybase):
 
 
 # As unsafe, or as damaged.
-REFUSED = ("exception code 10 ", "exception code 9 ")
+REFUSED = ("exception code 11 ", "exception code 10 ")
 
 
 def strike(gateway, outside, verb, target):

@@ -150,7 +150,7 @@ class Loop:
             status, output = self.gateway.run("typed-recover")
             if status == 0:
                 return
-            found = re.match(r"exception code 17 number 0 mixed (/.*?): somebody else", output)
+            found = re.match(r"exception code 18 number 0 mixed (/.*?): somebody else", output)
             require(found, "recovery ended with", output)
             os.rename(found.group(1), self.gateway.root / f"away {number}")
             remove(self.gateway.root / f"away {number}")
@@ -166,7 +166,7 @@ class Loop:
             return True
         self.refused += 1
         require(re.match(r"exception code \d+ .*/", output), "was refused without a path:", output)
-        return "code 17 " not in output and "mixed" not in output
+        return "code 18 " not in output and "mixed" not in output
 
     def is_armed(self):
         """False when the link was restored away."""

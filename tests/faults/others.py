@@ -24,7 +24,7 @@ from gateway import CONFIG, DATABASE, ETC, FAILOVER, Gateway, main, remove, requ
 from trees import picture
 
 CALLS = "renameat2,fsync,fdatasync,syncfs,mkdirat,unlinkat,fchmod,linkat"
-CHANGED, BUSY = "code 11 ", "code 6 "
+CHANGED, BUSY = "code 12 ", "code 6 "
 LEFT = ".confsave-restore-"
 
 

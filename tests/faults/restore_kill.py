@@ -10,11 +10,14 @@ Files that people have put in the way after a kill survive, and are named.
 """
 
 import collections
+import io
 import os
 import pathlib
+import re
 import signal
+import tarfile
 
-from gateway import Gateway, main, remove, require
+from gateway import Gateway, main, require
 from restoring import (ATTRIBUTES, CHANGING, CHECKED, EVERYTHING, KEEPING, REFUSED, TARGET, Restoring,
                        without_inodes)
 
@@ -175,11 +178,13 @@ def edited_during_the_check(restoring):
     edit = f"printf mine > {path}.new && mv {path}.new {path} && false"
     status, output = restoring.run("typed-load", "weekly", "no-keep", f"check={edit}")
     require(status == 1 and " put_back " in output, "the answer is", output)
-    kept = [found for found in restoring.gateway.config.rglob("*")
-            if found.is_file() and found.read_bytes() == b"mine"]
-    require(len(kept) == 1, "the file of a person is", kept)
-    require(str(kept[0]) in output, "the answer does not name", kept[0], "but is", output)
-    remove(kept[0].parent)
+    kept = re.search("is kept as '([^']+)'", output)
+    require(kept, "the answer does not name a snapshot:", output)
+    rows = restoring.gateway.query(f"select keybase from Config where name = '{kept.group(1)}'")
+    require(len(rows) == 1, kept.group(1), "is stored", len(rows), "times")
+    with tarfile.open(fileobj=io.BytesIO(rows[0][0]), mode="r:gz") as archive:
+        content = archive.extractfile("user/gateway.conf").read()
+    require(content == b"mine", "the file of a person is kept as", content)
     restoring.require_finished("before")
 
 
