@@ -15,7 +15,7 @@ from gateway import Gateway, main, require
 from differential import Site, read_plan, require_plan, require_untouched
 from makers import make_snapshot, stored_row
 from trees import (ACCESS, CONFIGURATION, DEFAULT, DIRECTORY, FAILOVER, FILE, GROUP, GROUP_OBJ, LINK, MASK,
-                   NOBODY_IN_PARTICULAR, OTHER, OTHERS, USER, USER_OBJ, draw, draw_name, drop, groups,
+                   NOBODY_IN_PARTICULAR, OTHER, OTHERS, USER, USER_OBJ, Node, draw, draw_name, drop, groups,
                    insert, mutate, pack_list, unpack_list)
 from wanted import DATABASE, IMPLICIT, after, wanted
 
@@ -153,7 +153,7 @@ class Case:
             require(status != 0, "the check failed, and the restore was done")
         return status == 0
 
-    def restore(self, before):
+    def restore(self, before, way):
         status, planned = self.gateway.run("typed-differences", "weekly")
         require(status == 0, "no plan:", planned)
         plan, _ = read_plan(planned, self.site)
@@ -165,7 +165,11 @@ class Case:
             right = after(before[name], files.get(name, {}), name == "config")
             require(seen.keys() == right.keys(), name, "has other paths:", seen.keys() ^ right.keys())
             for path, new in seen.items():
-                self.require_file(f"{name} {path!r}", before[name].get(path), new, right[path])
+                old, expected = before[name].get(path), right[path]
+                if expected is IMPLICIT and way == "typed-save":
+                    # The snapshot says how a directory was that is no member.
+                    expected = self.stored[name][path]
+                self.require_file(f"{name} {path!r}", old, new, expected)
             members = files.get(name, {})
             same = {frozenset(path for path, other in members.items() if other is what)
                     for what in members.values() if what.kind != DIRECTORY}
@@ -174,8 +178,10 @@ class Case:
         self.figures["paths"] += len(plan)
 
     def require_file(self, path, old, new, right):
-        if right is IMPLICIT:
+        if right is IMPLICIT or isinstance(right, Node):
             require(new.kind == DIRECTORY, path, new)
+            require(right is IMPLICIT or (new.mode, new.uid, new.gid) == (right.mode, right.uid, right.gid),
+                    path, "is", new, "and was saved as", right)
         else:
             require(new.same(right), path, "is", new, "and not", right)
         if new.kind == LINK:
@@ -199,7 +205,7 @@ class Case:
         self.site.fill(self.live)
         before = self.site.pictures()
         if not self.take_back(before):
-            self.restore(before)
+            self.restore(before, way)
 
 
 def campaign(program, full, source):
