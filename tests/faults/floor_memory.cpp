@@ -109,35 +109,35 @@ void operator delete(void* memory, std::size_t) noexcept { operator delete(memor
 
 #else
 
-// The names are the C library's. NOLINTBEGIN(bugprone-reserved-identifier,*-declaration-parameter-name)
+// The names are the C library's. NOLINTBEGIN(*-declaration-parameter-name)
 extern "C" {
 
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* old, std::size_t size);
-void __libc_free(void* memory);
+void* c_malloc(std::size_t size) __asm__("__libc_malloc");
+void* c_calloc(std::size_t count, std::size_t size) __asm__("__libc_calloc");
+void* c_realloc(void* old, std::size_t size) __asm__("__libc_realloc");
+void c_free(void* memory) __asm__("__libc_free");
 
 void* malloc(std::size_t size) {
-  return strikes(__builtin_return_address(0)) ? nullptr : counted(__libc_malloc(size));
+  return strikes(__builtin_return_address(0)) ? nullptr : counted(c_malloc(size));
 }
 
 void* calloc(std::size_t count, std::size_t size) {
-  return strikes(__builtin_return_address(0)) ? nullptr : counted(__libc_calloc(count, size));
+  return strikes(__builtin_return_address(0)) ? nullptr : counted(c_calloc(count, size));
 }
 
 void* realloc(void* old, std::size_t size) {
   if (strikes(__builtin_return_address(0))) return nullptr;
-  void* memory = __libc_realloc(old, size);
+  void* memory = c_realloc(old, size);
   return old == nullptr ? counted(memory) : memory;
 }
 
 void free(void* memory) {
   if (memory != nullptr) --alive;
-  __libc_free(memory);
+  c_free(memory);
 }
 
 }  // extern "C"
-   // NOLINTEND(bugprone-reserved-identifier,*-declaration-parameter-name)
+   // NOLINTEND(*-declaration-parameter-name)
 
 #endif
 
