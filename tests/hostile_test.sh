@@ -1,7 +1,9 @@
 #!/bin/bash
 # The program refuses what must not reach a statement or a command line, and writes nothing anywhere.
 #
-#   tests/hostile_test.sh PROGRAM
+#   tests/hostile_test.sh PROGRAM [STRIDE]
+#
+# The shell reads all names. One in STRIDE of those with an odd byte has processes of its own too.
 #
 # shellcheck disable=SC1003,SC2016 # Nothing that looks like an expansion is meant as one.
 set -u
@@ -32,12 +34,16 @@ refuses() {
     [ -z "$(printf '%s' "$output" | LC_ALL=C tr -d '\n -~')" ] || complain "raw output: $call"
 }
 
+stride=${2-1}
+number=0
 for name in "${names[@]}"; do
+    [[ $name == *[[:space:]\'\"\\]* || -z $name ]] || printf 'save %s\ndelete %s\n' "$name" "$name"
+    number=$((number + 1))
+    [[ $name != a?b || $((number % stride)) == 0 ]] || continue
     refuses save -- "$name"
     refuses delete -- "$name"
     # A load takes these for patterns.
     [[ $name == a[]*?[]b ]] || refuses load --yes -- "$name"
-    [[ $name == *[[:space:]\'\"\\]* || -z $name ]] || printf 'save %s\ndelete %s\n' "$name" "$name"
 done >lines
 confsave shell <lines >answers 2>&1
 grep -q 'character' answers || complain 'the shell refused nothing'
