@@ -45,6 +45,11 @@ Result<int64> left_of(const Window& window) {
   return *boot == window.boot ? std::max<int64>(window.deadline - since_boot(), 0) : 0;
 }
 
+int64 end_of(const Window& window) {
+  const Result<int64> left = left_of(window);
+  return std::time(nullptr) + (left ? in_seconds(*left) : 0);
+}
+
 bool is_of_another_boot(const Window& window) {
   const Result<std::string> boot = boot_identity();
   return boot && *boot != window.boot;

@@ -22,6 +22,9 @@ Result<int64> left_of(const Window& window);
 /// Rounded up: what is due has 0 seconds left.
 inline int64 in_seconds(int64 milliseconds) { return (milliseconds + 999) / 1000; }
 
+/// When the window closes, by the clock as it is set now.
+int64 end_of(const Window& window);
+
 /// Whether the machine was restarted since the window was opened.
 bool is_of_another_boot(const Window& window);
 

@@ -280,6 +280,15 @@ Error Journal::set_state(State state, Ending ending) {
   });
 }
 
+Error Journal::set_pending(const Window& window) {
+  return in_transaction([&]() -> Error {
+    Result<Statement> row = database_.prepare("update restore set state = ?, boot = ?, deadline = ?");
+    if (!row) return failure();
+    row->bind(static_cast<int64>(State::pending)).bind(window.boot).bind(window.deadline);
+    return row->run() ? Error{} : failure();
+  });
+}
+
 Error Journal::replace_after(const std::map<std::size_t, Identity>& identities) {
   return in_transaction([&]() -> Error {
     Result<Statement> row = database_.prepare(

@@ -125,6 +125,9 @@ class Journal {
 
   Error set_state(State state, Ending ending = Ending::none);
 
+  /// State::pending, until this window closes.
+  Error set_pending(const Window& window);
+
   /// What the restore has put there is another file now: the identities after these steps, by number.
   Error replace_after(const std::map<std::size_t, Identity>& identities);
 

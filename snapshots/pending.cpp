@@ -163,14 +163,15 @@ milliseconds rest_of(const Record& record) {
 }
 
 Result<Recovery> wait_and_revert(milliseconds wait) {
-  std::optional<Window> mine;
+  // No other restore stages in a directory of this name.
+  std::string mine;
   for (milliseconds pause = kFirstPause;;) {
     const Result<std::optional<Record>> record = read_record(Deadline(wait));
     if (record && !*record) return Recovery{};
     if (record) {
-      const Window& window = (*record)->window;
-      if (mine && (mine->deadline != window.deadline || mine->boot != window.boot)) return Recovery{};
-      mine = window;
+      const std::string& staging = (*record)->roots.front().staging;
+      if (!mine.empty() && mine != staging) return Recovery{};
+      mine = staging;
       if (const milliseconds rest = rest_of(**record); rest.count() > 0) {
         sleep_for(rest);
         continue;

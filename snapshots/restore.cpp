@@ -42,19 +42,16 @@ class Restoring {
     Error error = take_lock();
     if (error.code == Code::ok) error = recover_wholly(deadline_);
     if (error.code == Code::ok) error = make_plan();
-    if (error.code != Code::ok) return error;
-    error = sync_equal_files();
+    if (error.code == Code::ok) error = sync_equal_files();
     if (error.code != Code::ok) return error;
     if (plan_.steps.empty()) return finish(Restored::Outcome::unchanged);
     error = prepare();
-    if (error.code != Code::ok) return error;
-    error = exchange();
+    if (error.code == Code::ok) error = exchange();
     if (error.code != Code::ok) return error;
     row_.reset();
     remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
     if (!is_windowed()) return finish(Restored::Outcome::restored);
-    const Result<int64> left = left_of(record_.window);
-    restored_.deadline = std::time(nullptr) + (left ? in_seconds(*left) : 0);
+    restored_.deadline = end_of(record_.window);
     return finish(Restored::Outcome::pending);
   }
 
@@ -134,13 +131,13 @@ class Restoring {
     // A transaction that reads the storage would keep out those that write.
     row_.reset();
     if (error.code == Code::ok) error = keep();
+    // What has nobody to take it back in time must not begin. It may take long, so the storage is still
+    // open.
+    if (error.code == Code::ok && is_windowed()) error = open_window();
     report(Progress::Phase::exchange);
     if (error.code == Code::ok) error = close_storage();
     if (error.code == Code::ok) error = check_live_files();
-    if (error.code == Code::ok) error = write_steps();
-    // What has nobody to take it back in time must not begin.
-    if (error.code == Code::ok && is_windowed()) error = start_waiter(options_.program, record_.window);
-    return error;
+    return error.code == Code::ok ? write_steps() : error;
   }
 
   Error keep() {
@@ -181,12 +178,21 @@ class Restoring {
 
   Error write_steps() {
     for (const PlannedStep& planned : plan_.steps) record_.steps.push_back(planned.step);
-    if (is_windowed()) {
-      Result<Window> window = open_window(options_.confirm_within);
-      if (!window) return window.error();
-      record_.window = std::move(*window);
-    }
     return journal_->prepare(record_);
+  }
+
+  Error open_window() {
+    Result<Window> window = snapshots::open_window(options_.confirm_within);
+    if (!window) return window.error();
+    record_.window = std::move(*window);
+    return start_waiter(options_.program, record_.window);
+  }
+
+  /// The whole window begins when the files are there, and the check was good.
+  Error begin_waiting() {
+    Result<Window> window = snapshots::open_window(options_.confirm_within);
+    if (window) record_.window = std::move(*window);
+    return journal_->set_pending(record_.window);
   }
 
   /// What fails here is done by the next recovery.
@@ -210,7 +216,7 @@ class Restoring {
     }
     if (error.code == Code::ok && options_.check) return check();
     if (error.code == Code::ok) {
-      error = journal_->set_state(is_windowed() ? State::pending : State::exchanged);
+      error = is_windowed() ? begin_waiting() : journal_->set_state(State::exchanged);
     }
     if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
     if (is_windowed()) {
@@ -268,7 +274,7 @@ class Restoring {
       return with_aftermath(std::move(failure), Aftermath::mixed);
     }
     if (!is_good) return undo({Code::check_failed, 0, "", "the check failed"}, Foreign::set_aside);
-    error = is_windowed() ? journal_->set_state(State::pending)
+    error = is_windowed() ? begin_waiting()
                           : confirm_record(*journal_, record_, sites_, storage_, restored_.warnings);
     storage_.reset();
     return error.code == Code::ok ? error : undo(std::move(error), Foreign::set_aside);

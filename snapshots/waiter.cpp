@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "snapshots/boot.h"
+#include "snapshots/deadline.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/system_error.h"
 
@@ -22,6 +24,9 @@ using Words = std::vector<std::string>;
 
 /// The end of a pipe that a child keeps until it has become the program.
 constexpr int kReport = 3;
+/// A busy systemd may need seconds; then a process waits instead.
+constexpr std::chrono::seconds kLongestWait{10};
+constexpr std::chrono::milliseconds kPause{2};
 
 bool is_under_systemd() {
   struct stat status = {};
@@ -72,14 +77,22 @@ void reset_signals() {
 
 // ----
 
-/// The wait status of a child.
+/// The wait status of a child, which is killed after kLongestWait.
 int wait_for(pid_t process) {
-  int status = 0;
-  while (waitpid(process, &status, 0) == -1) {
+  const Deadline deadline(kLongestWait);
+  for (;;) {
+    int status = 0;
+    const pid_t ended = waitpid(process, &status, WNOHANG);
+    if (ended == process) return status;
     // A host that ignores SIGCHLD has no children to wait for.
-    if (errno != EINTR) return 0;
+    if (ended == -1 && errno != EINTR) return 0;
+    if (deadline.left().count() == 0) {
+      kill(process, SIGKILL);
+      waitpid(process, nullptr, 0);
+      return -1;
+    }
+    std::this_thread::sleep_for(kPause);
   }
-  return status;
 }
 
 /// Runs a program: detached, or up to its end.

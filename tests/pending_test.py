@@ -27,6 +27,7 @@ WINDOW = 10
 PUNCTUAL = 2
 VERBS = {"load": ["load", "--yes", "--no-keep", "old"], "save X": ["save", "--force", "new"],
          "save": ["save", "another"], "delete X": ["delete", "new"],
+         "import": ["import", "FILE", "--as", "imported"],
          "revert --if-due": ["revert", "--if-due"],
          "status": ["status", "--json"]}
 # As the journal numbers them.
@@ -53,6 +54,7 @@ class Gateway:
             self.configure(name)
             self.must("save", name)
         shutil.copytree(self.state, self.root / "copy")
+        self.must("export", "new", str(self.root / "exported"))
 
     def configure(self, name):
         for path in self.paths():
@@ -179,9 +181,9 @@ def cells(page):
     """(state, verb, exit status, "old" or "new") of the only table whose first column is State."""
     rows = [[cell.strip() for cell in line.strip("|\n").split("|")]
             for line in page.read_text(encoding="utf-8").splitlines() if line.startswith("|")]
-    begin = [row[0] for row in rows].index("State")
-    verbs = rows[begin][1:]
-    for row in rows[begin + 2:]:
+    first = [row[0] for row in rows].index("State")
+    verbs = rows[first][1:]
+    for row in rows[first + 2:]:
         if len(row) != len(verbs) + 1:
             break
         for verb, cell in zip(verbs, row[1:]):
@@ -213,6 +215,14 @@ def try_cell(gateway, state, words):
     if state == "checking":
         with Checking(gateway):
             return gateway.run(*words), gateway.live()
+    begin(gateway, state)
+    if state == "restarted":
+        with OtherBoot(gateway):
+            return gateway.run(*words), gateway.live()
+    return gateway.run(*words), gateway.live()
+
+
+def begin(gateway, state):
     if state != "none":
         gateway.load("1h")
         gateway.kill_waiters()
@@ -220,17 +230,15 @@ def try_cell(gateway, state, words):
                "confirmed": f"state = {EXCHANGED}", "due": "deadline = 1"}
     if state in changes:
         gateway.journal(f"update restore set {changes[state]}")
-    if state == "restarted":
-        with OtherBoot(gateway):
-            return gateway.run(*words), gateway.live()
-    return gateway.run(*words), gateway.live()
 
 
 def in_each_state(program, page, _):
     count, gateway = 0, Gateway(program)
     for state, verb, status, live in cells(page):
         gateway.reset()
-        done, found = try_cell(gateway, state, VERBS.get(verb, [verb]))
+        words = [str(gateway.root / "exported") if word == "FILE" else word
+                 for word in VERBS.get(verb, [verb])]
+        done, found = try_cell(gateway, state, words)
         assert (done.returncode, found) == (status, live), (
             state, verb, done.returncode, found, done.stdout, done.stderr)
         mentions = state in ("checking", "pending") and verb in ("save", "list")
@@ -239,8 +247,25 @@ def in_each_state(program, page, _):
             require_status(state, json.loads(done.stdout))
         count += 1
     gateway.close()
-    assert count == 80, count
+    assert count == 88, count
     return f"{count} cells"
+
+
+def restarted(program, page, _):
+    """Whatever the state, the boot leaves nothing that is not finished."""
+    gateway = Gateway(program)
+    expected = {state: live for state, verb, _, live in cells(page) if verb == "recover"}
+    for state in expected.keys() - {"checking"}:
+        gateway.reset()
+        begin(gateway, state)
+        with OtherBoot(gateway):
+            gateway.must("recover")
+            wanted = "old" if state == "pending" else expected[state]
+            assert gateway.live() == wanted, (state, gateway.live())
+            answer = gateway.status()
+        assert answer["attention"] == [], (state, answer)
+    gateway.close()
+    return f"{len(expected) - 1} states"
 
 
 def require_status(state, answer):
@@ -389,7 +414,7 @@ def require_kept(gateway, name, done):
     assert shown.stdout == "edited\n", name
 
 
-TESTS = {"states": in_each_state, "lockout": locked_out, "killed": waiter_killed,
+TESTS = {"states": in_each_state, "lockout": locked_out, "restarted": restarted, "killed": waiter_killed,
          "waiters": confirmed_or_taken_back, "clock": clock_set, "losses": losses}
 
 
