@@ -47,7 +47,11 @@ Result<int64> left_of(const Window& window) {
 
 int64 end_of(const Window& window) {
   const Result<int64> left = left_of(window);
-  return std::time(nullptr) + (left ? in_seconds(*left) : 0);
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  // To the nearest second, so that who asks twice sees the same.
+  const int64 milliseconds = int64{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000 + (left ? *left : 0);
+  return (milliseconds + 500) / 1000;
 }
 
 bool is_of_another_boot(const Window& window) {

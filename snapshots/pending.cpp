@@ -65,7 +65,7 @@ Result<std::optional<Pending>> find_pending(const Deadline& deadline) {
   const Result<int64> left = left_of(record.window);
   if (!left) return left.error();
   pending.seconds_left = in_seconds(*left);
-  pending.deadline = std::time(nullptr) + pending.seconds_left;
+  pending.deadline = end_of(record.window);
   return std::optional<Pending>(std::move(pending));
 }
 
