@@ -219,7 +219,7 @@ int report_import(const cs::Error& error) {
     std::cerr << " Give --force to overwrite it, or another name by --as.";
   }
   if (error.code == cs::Code::busy) std::cerr << " Try again later, or wait longer with --wait.";
-  if (error.code == cs::Code::pending) std::cerr << " Try again when the check has ended.";
+  if (error.code == cs::Code::pending) std::cerr << ' ' << step_for_pending() << '.';
   std::cerr << '\n';
   return exit_status(error.code);
 }

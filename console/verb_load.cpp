@@ -54,7 +54,9 @@ const char* name_of(Outcome outcome) {
 /// What the process is started from that takes a pending restore back.
 std::string this_program() {
   std::error_code error;
-  return std::filesystem::read_symlink("/proc/self/exe", error);
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  // One that was replaced since, as by an upgrade, is not there any more.
+  return std::filesystem::exists(program, error) ? program.string() : "";
 }
 
 void print_as_json(const cs::Plan& plan, const char* result, const cs::Restored& restored = {}) {

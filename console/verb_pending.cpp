@@ -54,6 +54,7 @@ int revert(const Options& options) {
 
 void mention_pending() {
   const auto found = cs::pending();
+  if (!found && found.error().code != cs::Code::denied) report(found.error());
   if (!found || !*found) return;
   if ((*found)->seconds_left == 0 && !(*found)->is_checked) {
     const auto done = revert_in_time(cs::When::if_due, 1);

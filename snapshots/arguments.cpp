@@ -1,7 +1,9 @@
 #include "snapshots/arguments.h"
 
 #include <algorithm>
+#include <vector>
 
+#include "places.h"
 #include "snapshots/archive_path.h"
 
 namespace ConfSave::snapshots {
@@ -82,6 +84,16 @@ Error check_window(const RestoreOptions& options) {
   }
   if (options.target.empty()) return {};
   return {Code::bad_argument, 0, "", "a restore into a target directory needs no confirmation"};
+}
+
+Error check_absolute(const Record& record) {
+  std::vector<std::string> paths = {state_directory()};
+  for (const Root& root : record.roots) paths.push_back(root.path);
+  for (const std::string& path : paths) {
+    if (!path.empty() && path.front() == '/') continue;
+    return {Code::bad_argument, 0, path, "a restore that is taken back later needs an absolute path"};
+  }
+  return {};
 }
 
 }  // namespace ConfSave::snapshots

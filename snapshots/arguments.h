@@ -3,6 +3,7 @@
 #include <string>
 
 #include "confsave/snapshots.h"
+#include "snapshots/journal.h"
 
 namespace ConfSave::snapshots {
 
@@ -19,5 +20,8 @@ Error check_comment(const std::string& comment);
 
 /// Nothing, or as long as a restore may wait for its confirmation.
 Error check_window(const RestoreOptions& options);
+
+/// Whether another process, in another directory, finds the files.
+Error check_absolute(const Record& record);
 
 }  // namespace ConfSave::snapshots

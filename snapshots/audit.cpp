@@ -118,6 +118,10 @@ void audit(const std::string& action, const Snapshot& snapshot, const std::strin
   write_line(LOG_NOTICE, std::move(fields), more);
 }
 
+void audit_delay(const std::string& action, const Snapshot& snapshot, const Error& error) {
+  audit(action, snapshot, name_of(error.code), {{"path", error.path}, {"reason", error.text}});
+}
+
 void audit_save(const Id& id, const Result<Saved>& saved) {
   if (!saved) {
     audit("save", id, saved.error());

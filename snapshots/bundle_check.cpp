@@ -78,13 +78,14 @@ Digest digest_of(const RowNotes& notes) {
   Sha256 sha256;
   add(sha256, notes.note.comment);
   add(sha256, notes.note.author);
-  add(sha256, int64{notes.note.pinned});
+  add(sha256, static_cast<int64>(notes.note.pinned));
   if (!notes.manifest) return sha256.finish();
   for (const auto& [path, live] : notes.manifest->tree.members) {
     const Member& member = live.member;
     add(sha256, path);
-    for (const int64 number : {static_cast<int64>(member.kind), int64{member.mode}, int64{member.uid},
-                               int64{member.gid}, member.size, member.time, int64{member.secret}}) {
+    for (const int64 number :
+         {static_cast<int64>(member.kind), int64{member.mode}, int64{member.uid}, int64{member.gid},
+          member.size, member.time, static_cast<int64>(member.secret)}) {
       add(sha256, number);
     }
     sha256.add(member.sha256.data(), member.sha256.size());

@@ -5,6 +5,7 @@
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/dated_name.h"
+#include "snapshots/exchange.h"
 #include "snapshots/notes.h"
 #include "snapshots/sentence.h"
 #include "snapshots/under_lock.h"
@@ -30,7 +31,8 @@ Identities find_edited(const Record& record, std::vector<Site>& sites) {
     const Result<std::optional<struct stat>> found = sites[step.root].beneath.look(step.path);
     if (!found) continue;
     const Identity now = *found ? identity_of(**found) : Identity();
-    if (S_ISDIR(now.kind) || is_unchanged(now, step.after) || is_same_file(now, step.before)) continue;
+    const bool is_as_put = is_unchanged(now, step.after) && has_attributes(**found, step.fresh);
+    if (S_ISDIR(now.kind) || is_as_put || is_same_file(now, step.before)) continue;
     if (now.exists() || step.after.exists()) edited[number] = now;
   }
   return edited;

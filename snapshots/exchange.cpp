@@ -213,7 +213,11 @@ Error Exchange::undo_move(std::size_t number, Foreign foreign) {
 Error Exchange::put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied) {
   Beneath& beneath = sites_[step.root].beneath;
   const Result<int> parent = beneath.directory(parent_of(step.path));
-  if (!parent) return parent.error();
+  if (!parent) {
+    Error error = parent.error();
+    if (error.number == ENOENT) error.text += "; make this directory, then run 'confsave recover'";
+    return error;
+  }
   const std::string name = name_of(step.path);
   if (!is_occupied) {
     return move(slot.staging, from, *parent, name) == 0 ? Error{} : beneath.failure(step.path, errno);

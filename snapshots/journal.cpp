@@ -285,7 +285,8 @@ Error Journal::set_pending(const Window& window) {
     Result<Statement> row = database_.prepare("update restore set state = ?, boot = ?, deadline = ?");
     if (!row) return failure();
     row->bind(static_cast<int64>(State::pending)).bind(window.boot).bind(window.deadline);
-    return row->run() ? Error{} : failure();
+    if (!row->run()) return failure();
+    return sqlite3_changes(database_.get()) == 1 ? Error{} : not_understood("the record is gone");
   });
 }
 

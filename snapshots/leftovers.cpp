@@ -30,8 +30,8 @@ bool is_staging_name(const std::string& name) {
          name.find_first_not_of("0123456789abcdef", prefix.size()) == std::string::npos;
 }
 
-/// The paths of the staging directories that the journal knows. No value if it cannot be read: a recovery
-/// may need every one that is there.
+/// The names of the staging directories that the journal knows: no two are the same, wherever they are. No
+/// value if it cannot be read: a recovery may need every one that is there.
 std::optional<std::set<std::string>> known_staging(const Deadline& deadline) {
   std::set<std::string> known;
   Result<std::optional<Journal>> journal = Journal::open(deadline.left());
@@ -40,7 +40,7 @@ std::optional<std::set<std::string>> known_staging(const Deadline& deadline) {
   const Result<std::optional<Record>> record = (*journal)->read();
   if (!record) return {};
   if (!*record) return known;
-  for (const Root& root : (*record)->roots) known.insert(root.path + root.staging);
+  for (const Root& root : (*record)->roots) known.insert(root.staging);
   return known;
 }
 
@@ -71,7 +71,9 @@ std::vector<std::string> leftovers(const Deadline& deadline) {
   }
   look_in(temporary_directory(), S_IFREG | S_IRUSR | S_IWUSR, is_made_name, found);
   if (known) {
-    const auto is_known = [&known](const std::string& path) { return known->count(path) != 0; };
+    const auto is_known = [&known](const std::string& path) {
+      return known->count(path.substr(path.rfind('/') + 1)) != 0;
+    };
     found.erase(std::remove_if(found.begin(), found.end(), is_known), found.end());
   }
   std::sort(found.begin(), found.end());

@@ -12,6 +12,7 @@
 #include "snapshots/dated_name.h"
 #include "snapshots/lock.h"
 #include "snapshots/recover.h"
+#include "snapshots/waiter.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -21,7 +22,8 @@ using std::chrono::milliseconds;
 /// Whoever waits notices so soon that the restore was confirmed.
 constexpr milliseconds kLongestSleep{5000};
 constexpr milliseconds kFirstPause{250};
-constexpr milliseconds kLongestPause{60'000};
+constexpr milliseconds kLongestPause{5000};
+constexpr milliseconds kLongestMiss{3600'000};
 
 std::string quoted(const std::string& name) { return "'" + printable(name) + "'"; }
 
@@ -162,27 +164,59 @@ milliseconds rest_of(const Record& record) {
   return is_at_work ? kFirstPause : milliseconds(0);
 }
 
-Result<Recovery> wait_and_revert(milliseconds wait) {
-  // No other restore stages in a directory of this name.
-  std::string mine;
-  for (milliseconds pause = kFirstPause;;) {
-    const Result<std::optional<Record>> record = read_record(Deadline(wait));
-    if (record && !*record) return Recovery{};
-    if (record) {
-      const std::string& staging = (*record)->roots.front().staging;
-      if (!mine.empty() && mine != staging) return Recovery{};
-      mine = staging;
-      if (const milliseconds rest = rest_of(**record); rest.count() > 0) {
-        sleep_for(rest);
-        continue;
+/// Waits for one restore, whatever becomes of it.
+class Waiter {
+ public:
+  explicit Waiter(milliseconds wait) : wait_(wait), last_(since_boot() + kLongestMiss.count()) {}
+
+  Result<Recovery> run() {
+    for (;;) {
+      Result<std::optional<Journal>> journal = Journal::open(wait_);
+      // The file system of a journal that is not there may come back.
+      const bool is_missing = journal && !*journal;
+      if (is_missing && (staging_.empty() || since_boot() > last_)) return Recovery{};
+      Result<std::optional<Record>> record = std::optional<Record>();
+      if (journal && *journal) record = (**journal).read();
+      if (journal && *journal && record) {
+        if (!*record || (*record)->roots.empty() || !is_mine(**record)) return Recovery{};
+        journal->reset();
+        if (const milliseconds rest = rest_of(**record); rest.count() > 0) {
+          sleep_for(rest);
+          continue;
+        }
+        Result<Recovery> recovery = lock_and_revert(When::if_due, wait_);
+        if (recovery && recovery->outcome != Recovery::Outcome::nothing) return recovery;
+        if (!recovery) log_delay(**record, recovery.error());
       }
-      Result<Recovery> recovery = lock_and_revert(When::if_due, wait);
-      if (recovery && recovery->outcome != Recovery::Outcome::nothing) return recovery;
+      sleep_for(pause_);
+      pause_ = std::min(pause_ * 2, kLongestPause);
     }
-    sleep_for(pause);
-    pause = std::min(pause * 2, kLongestPause);
   }
-}
+
+ private:
+  /// No other restore stages in a directory of this name.
+  bool is_mine(const Record& record) {
+    last_ = std::max(record.window.deadline, since_boot()) + kLongestMiss.count();
+    if (staging_.empty()) {
+      staging_ = record.roots.front().staging;
+      say_ready();
+    }
+    return staging_ == record.roots.front().staging;
+  }
+
+  /// Once: a lock may be held for long.
+  void log_delay(const Record& record, const Error& error) {
+    if (error.code != Code::busy || is_delay_logged_) return;
+    is_delay_logged_ = true;
+    audit_delay("revert", record.snapshot, error);
+  }
+
+  milliseconds wait_;
+  int64 last_;  ///< since the boot: for so long a journal may be missing
+  std::string staging_;
+  milliseconds pause_ = kFirstPause;
+  bool is_delay_logged_ = false;
+};
 
 }  // namespace
 
@@ -196,7 +230,7 @@ Result<Confirmed> confirm(const ChangeOptions& options) {
 
 Result<Recovery> revert(When when, const ChangeOptions& options) {
   return at_boundary([&] {
-    return when == When::when_due ? wait_and_revert(options.wait) : lock_and_revert(when, options.wait);
+    return when == When::when_due ? Waiter(options.wait).run() : lock_and_revert(when, options.wait);
   });
 }
 

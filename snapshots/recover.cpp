@@ -39,7 +39,7 @@ bool is_to_be_undone(State state) {
   return state == State::prepared || state == State::reverting || is_live(state);
 }
 
-const char* reason(Ending ending) {
+const char* cause(Ending ending) {
   switch (ending) {
     case Ending::reverted:
       return "demanded";
@@ -157,9 +157,12 @@ Result<Ending> ending_of(const Record& record, Demand demand) {
 
 void log_end(const Record& record, const Result<Recovery>& recovery) {
   if (record.ending == Ending::none || record.ending == Ending::confirmed) return;
-  const AuditFields more = {{"reason", reason(record.ending)},
-                            {"loaded-by", record.author},
-                            {"kept", recovery ? recovery->kept : ""}};
+  AuditFields more = {{"cause", cause(record.ending)},
+                      {"loaded-by", record.author},
+                      {"kept", recovery ? recovery->kept : ""}};
+  if (recovery) {
+    for (const std::string& warning : recovery->warnings) more.emplace_back("warning", warning);
+  }
   const Config& config = record.snapshot.config;
   if (recovery) {
     audit("revert", record.snapshot, "ok", more);

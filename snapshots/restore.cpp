@@ -182,6 +182,7 @@ class Restoring {
   }
 
   Error open_window() {
+    if (Error error = check_absolute(record_); error.code != Code::ok) return error;
     Result<Window> window = snapshots::open_window(options_.confirm_within);
     if (!window) return window.error();
     record_.window = std::move(*window);
@@ -192,7 +193,9 @@ class Restoring {
   Error begin_waiting() {
     Result<Window> window = snapshots::open_window(options_.confirm_within);
     if (window) record_.window = std::move(*window);
-    return journal_->set_pending(record_.window);
+    Error error = journal_->set_pending(record_.window);
+    if (error.code == Code::ok) storage_.reset();
+    return error;
   }
 
   /// What fails here is done by the next recovery.
@@ -219,10 +222,7 @@ class Restoring {
       error = is_windowed() ? begin_waiting() : journal_->set_state(State::exchanged);
     }
     if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
-    if (is_windowed()) {
-      storage_.reset();
-      return {};
-    }
+    if (is_windowed()) return {};
     const Error stamped = storage_->commit();
     finish_storage(*journal_, exchange, storage_, stamped, restored_.warnings);
     return {};

@@ -94,7 +94,7 @@ Result<std::optional<Digest>> digest_of(Database& database, const char* column, 
 
 Result<int64> copy_row(Database& from, const RowToCopy& row, Database& to) {
   bool is_blob[2] = {};
-  const Result<int64> id = insert(from, row, to, is_blob);
+  Result<int64> id = insert(from, row, to, is_blob);
   if (!id) return id.error();
   for (int archive = 0; archive < 2; ++archive) {
     if (!is_blob[archive]) continue;

@@ -292,6 +292,7 @@ class Staging {
         return failure(step);
       }
       step.after = identity_of(status);
+      step.fresh = {status.st_mode & 07777U, status.st_uid, status.st_gid};
       if (S_ISDIR(status.st_mode)) directories[{step.root, step.path}] = step.after;
     }
     for (PlannedStep& planned : plan_.steps) {

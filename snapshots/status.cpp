@@ -69,7 +69,9 @@ Error look_for_a_restore(const Deadline& deadline, Status& status) {
     return {};
   }
   const Result<std::optional<Pending>> waiting = pending(ReadOptions{deadline.left()});
-  if (waiting && *waiting) {
+  if (!waiting) {
+    status.attention.push_back({"pending", sentence(waiting.error())});
+  } else if (*waiting) {
     status.attention.push_back({"pending", text_of(**waiting)});
   } else if (*found && !(*found)->is_pending) {
     status.attention.push_back({"interrupted", "the restore of " + quoted((*found)->name) +

@@ -1,6 +1,7 @@
 #include "snapshots/waiter.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -24,6 +26,7 @@ using Words = std::vector<std::string>;
 
 /// The end of a pipe that a child keeps until it has become the program.
 constexpr int kReport = 3;
+constexpr const char* kReadyVariable = "CONFSAVE_READY";
 /// A busy systemd may need seconds; then a process waits instead.
 constexpr std::chrono::seconds kLongestWait{10};
 constexpr std::chrono::milliseconds kPause{2};
@@ -37,8 +40,9 @@ bool is_under_systemd() {
 
 [[noreturn]] void fail(int report) {
   const int number = errno;
-  static_cast<void>(!write(report, &number, sizeof number));
-  _exit(127);
+  const ssize_t written = write(report, &number, sizeof number);
+  // Whoever reads nothing has a program that failed.
+  _exit(written == static_cast<ssize_t>(sizeof number) ? 127 : 126);
 }
 
 /// No signal that the host ignores or holds back is ignored or held back by the program.
@@ -49,7 +53,7 @@ void reset_signals() {
   sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-[[noreturn]] void become(char* const* words, int report) {
+[[noreturn]] void become(char* const* words, char* const* settings, int report) {
   reset_signals();
   const int nothing = open("/dev/null", O_RDWR);
   if (nothing == -1) fail(report);
@@ -57,21 +61,21 @@ void reset_signals() {
   const int high = fcntl(report, F_DUPFD, kReport + 1);
   const bool ready = high != -1 && dup2(nothing, STDIN_FILENO) != -1 &&
                      dup2(nothing, STDOUT_FILENO) != -1 && dup2(nothing, STDERR_FILENO) != -1 &&
-                     dup2(high, kReport) != -1 && fcntl(kReport, F_SETFD, FD_CLOEXEC) == 0;
+                     dup2(high, kReport) != -1;
   if (!ready) fail(report);
   closefrom(kReport + 1);
   // The directory could not be unmounted.
   if (chdir("/") != 0) fail(kReport);
-  execv(words[0], words);
+  execve(words[0], words, settings);
   fail(kReport);
 }
 
 /// The child of a child belongs to no session and to nobody who waits for it.
-[[noreturn]] void become_detached(char* const* words, int report) {
+[[noreturn]] void become_detached(char* const* words, char* const* settings, int report) {
   if (setsid() == -1) fail(report);
   const pid_t process = fork();
   if (process == -1) fail(report);
-  if (process == 0) become(words, report);
+  if (process == 0) become(words, settings, report);
   _exit(0);
 }
 
@@ -84,8 +88,8 @@ int wait_for(pid_t process) {
     int status = 0;
     const pid_t ended = waitpid(process, &status, WNOHANG);
     if (ended == process) return status;
-    // A host that ignores SIGCHLD has no children to wait for.
-    if (ended == -1 && errno != EINTR) return 0;
+    // A host that ignores SIGCHLD has no children to wait for: how this one ended nobody knows.
+    if (ended == -1 && errno != EINTR) return -1;
     if (deadline.left().count() == 0) {
       kill(process, SIGKILL);
       waitpid(process, nullptr, 0);
@@ -95,12 +99,43 @@ int wait_for(pid_t process) {
   }
 }
 
-/// Runs a program: detached, or up to its end.
-Error start(Words words, bool detached) {
+std::vector<char*> pointers_of(Words& words) {
   std::vector<char*> pointers;
   pointers.reserve(words.size() + 1);
   for (std::string& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
+  return pointers;
+}
+
+/// The environment; a waiter finds in it where to say that it waits.
+Words settings(bool is_waiter) {
+  Words found;
+  for (char** setting = environ; *setting != nullptr; ++setting) found.emplace_back(*setting);
+  if (is_waiter) found.push_back(std::string(kReadyVariable) + "=" + std::to_string(kReport));
+  return found;
+}
+
+/// What a program that became detached says: a byte when it waits, the number of an error if it could not
+/// be run, nothing if it ended.
+Error read_report(const Descriptor& result, const std::string& program) {
+  pollfd poller = {result.get(), POLLIN, 0};
+  const Deadline deadline(kLongestWait);
+  while (poll(&poller, 1, static_cast<int>(deadline.left().count())) == -1 && errno == EINTR) {
+  }
+  int number = 0;
+  const ssize_t size = poller.revents != 0 ? read(result.get(), &number, sizeof number) : 0;
+  if (size == 1) return {};
+  if (size == static_cast<ssize_t>(sizeof number)) return system_error(program, number);
+  return {Code::failed, 0, program,
+          poller.revents != 0 ? "the program ended before it waited for the end of the window"
+                              : "the program does not say that it waits for the end of the window"};
+}
+
+/// Runs a program: detached, or up to its end.
+Error start(Words words, bool detached) {
+  std::vector<char*> pointers = pointers_of(words);
+  Words variables = settings(detached);
+  std::vector<char*> environment = pointers_of(variables);
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) return system_error(words[0]);
   const Descriptor result(ends[0]);
@@ -108,16 +143,12 @@ Error start(Words words, bool detached) {
   const pid_t process = fork();
   if (process == -1) return system_error(words[0]);
   if (process == 0) {
-    if (detached) become_detached(pointers.data(), report.get());
-    become(pointers.data(), report.get());
+    if (detached) become_detached(pointers.data(), environment.data(), report.get());
+    become(pointers.data(), environment.data(), report.get());
   }
   report = Descriptor();
-  int number = 0;
-  ssize_t size = 0;
-  while ((size = read(result.get(), &number, sizeof number)) == -1 && errno == EINTR) {
-  }
   const int status = wait_for(process);
-  if (size == static_cast<ssize_t>(sizeof number)) return system_error(words[0], number);
+  if (detached) return read_report(result, words[0]);
   if (status == 0) return {};
   return {Code::failed, 0, words[0], "the program failed"};
 }
@@ -143,6 +174,16 @@ Words timer_words(const std::string& program, const Window& window) {
 }
 
 }  // namespace
+
+void say_ready() {
+  const char* number = secure_getenv(kReadyVariable);
+  if (number == nullptr || std::to_string(kReport) != number) return;
+  unsetenv(kReadyVariable);
+  const Descriptor report(kReport);
+  // Who has started this has given up if nobody reads it.
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  if (write(report.get(), ".", 1) != 1) errno = 0;
+}
 
 Error start_waiter(const std::string& program, const Window& window) {
   const std::string path = program.empty() ? CONFSAVE_PROGRAM : program;

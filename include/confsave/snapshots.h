@@ -369,8 +369,8 @@ struct RestoreOptions {
   /// The restore is taken back when this time is over, unless confirm() keeps it: kShortestWindow to
   /// kLongestWindow; 0: it needs no confirmation. Not with `target`.
   std::chrono::seconds confirm_within{0};
-  /// The program that is started to take it back, with the arguments "revert --when-due"; empty: the
-  /// installed "confsave".
+  /// The program that is started to take it back, with the arguments "revert --when-due"; it has to call
+  /// revert(When::when_due). Empty: the installed "confsave".
   std::string program = {};
   /// Called now and then, by the calling thread. If it throws, the restore ends, and nothing was changed.
   std::function<void(const Progress&)> progress = {};

@@ -71,6 +71,10 @@ class Gateway:
         for directory in (self.config / "user", self.config / "hub", self.state, self.temp):
             directory.mkdir(parents=True)
         self.database = self.state / "storage.db"
+        # Says that it waits for the end of a window, and does not.
+        self.waiter = self.root / "waiter"
+        self.waiter.write_text("#!/bin/sh\nprintf . >&3\n", encoding="ascii")
+        self.waiter.chmod(0o700)
         self.targets = 0
         self.inspector = None
 
@@ -106,7 +110,7 @@ class Gateway:
     # What is run.
 
     def environment(self, **faults):
-        return {**os.environ,
+        return {**os.environ, "FAULT_WAITER": str(self.waiter),
                 "KELMOR_CONFIG_PATH": f"{self.config}/", "KELMOR_DYNAMIC_DIR": str(self.state),
                 "KELMOR_TEMP_DIR": str(self.temp), "KELMOR_LOG_FILE": str(self.root / "log"),
                 **{f"FAULT_{key}": str(value) for key, value in faults.items()}}

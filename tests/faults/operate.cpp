@@ -273,7 +273,7 @@ snapshots::RestoreOptions restore_options(const Arguments& words) {
     if (word.rfind("within=", 0) == 0) {
       options.confirm_within = std::chrono::seconds(std::strtol(word.c_str() + 7, nullptr, 10));
       // The campaign itself takes it back.
-      options.program = "/bin/true";
+      options.program = setting("FAULT_WAITER");
     }
     if (word.rfind("check=", 0) == 0) {
       options.check = [command = word.substr(6)] { return run_by_platform(command) == 0; };

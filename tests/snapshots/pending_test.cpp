@@ -22,7 +22,14 @@ using Outcome = cs::Recovery::Outcome;
 /// Nobody waits for the window: these tests do it themselves.
 class PendingTest : public Restoring {
  protected:
-  PendingTest() { change(); }
+  PendingTest() {
+    write_file(waiter(), "#!/bin/sh\nprintf . >&3\n");
+    shell("chmod 700 " + waiter());
+    change();
+  }
+
+  /// Says that it waits, and does not.
+  std::string waiter() const { return root() + "/waiter"; }
 
   void change() {
     write_file(config("gw1.conf"), "changed");
@@ -31,11 +38,11 @@ class PendingTest : public Restoring {
     before_ = everything(true);
   }
 
-  static cs::RestoreOptions windowed(std::chrono::seconds window = 60s) {
+  cs::RestoreOptions windowed(std::chrono::seconds window = 60s) const {
     cs::RestoreOptions options = exactly();
     options.keep = false;
     options.confirm_within = window;
-    options.program = "/bin/true";
+    options.program = waiter();
     return options;
   }
 
@@ -220,6 +227,66 @@ TEST_F(PendingTest, WhatWasEditedSinceIsKeptAsASnapshot) {
   expect_as_before();
 }
 
+TEST_F(PendingTest, AttributesAreEditedToo) {
+  make_pending();
+  shell("chmod 444 " + config("gw1.conf"));
+  EXPECT_NE(reverted().kept, "");
+  expect_as_before();
+  make_pending();
+  if (geteuid() == 0) shell("chown 1:1 " + config("gw1.conf"));
+  EXPECT_EQ(reverted().kept != "", geteuid() == 0);
+  expect_as_before();
+}
+
+TEST_F(PendingTest, ADirectoryThatIsGoneIsNamed) {
+  make_pending();
+  shell("mv " + config("user") + " " + root() + "/away");
+  const auto result = cs::revert(When::now, {1s});
+  ASSERT_FALSE(result);
+  EXPECT_EQ(without_root(result.error().path), "<config>/user");
+  EXPECT_NE(result.error().text.find("make this directory, then run 'confsave recover'"), std::string::npos)
+      << result.error().text;
+  shell("mv " + root() + "/away " + config("user"));
+  EXPECT_TRUE(cs::recover());
+  expect_as_before();
+}
+
+TEST_F(PendingTest, ARelativeDirectoryIsRefused) {
+  const std::string before = std::filesystem::current_path();
+  std::filesystem::current_path(root());
+  setenv("KELMOR_DYNAMIC_DIR", "state", 1);
+  const cs::Error error = refused(windowed());
+  setenv("KELMOR_DYNAMIC_DIR", state_dir().c_str(), 1);
+  std::filesystem::current_path(before);
+  EXPECT_EQ(error.code, Code::bad_argument);
+  EXPECT_EQ(error.path, "state");
+  expect_as_before();
+}
+
+TEST_F(PendingTest, AWayBackIsNotTakenForALeftover) {
+  make_pending();
+  setenv("KELMOR_CONFIG_PATH", (root() + "/./config/").c_str(), 1);
+  const auto status = cs::status();
+  setenv("KELMOR_CONFIG_PATH", config_dir().c_str(), 1);
+  ASSERT_TRUE(status);
+  for (const auto& one : status->attention) EXPECT_NE(one.code, "leftovers") << one.text;
+  reverted();
+}
+
+TEST_F(PendingTest, WhoWaitsOutlastsAJournalThatIsMissingForAWhile) {
+  make_pending();
+  std::thread waiter([] { EXPECT_EQ(reverted(When::when_due).outcome, Outcome::reverted); });
+  std::this_thread::sleep_for(200ms);
+  const std::string file = state_dir() + "/restore.db";
+  make_due();
+  shell("mv " + file + " " + root() + "/moved");
+  // Longer than it sleeps.
+  std::this_thread::sleep_for(5500ms);
+  shell("mv " + root() + "/moved " + file);
+  waiter.join();
+  expect_as_before();
+}
+
 TEST_F(PendingTest, ADeletionCountsAsAnEdit) {
   make_pending();
   shell("rm " + config("gw1.conf"));
@@ -298,6 +365,11 @@ TEST_F(PendingTest, ARestoreThatNobodyCouldTakeBackDoesNotBegin) {
     EXPECT_EQ(error.aftermath, cs::Aftermath::untouched);
     expect_as_before();
   }
+  // One that ends at once waits for nothing.
+  cs::RestoreOptions ends = windowed();
+  ends.program = "/bin/true";
+  EXPECT_EQ(refused(ends).text, "the program ended before it waited for the end of the window");
+  expect_as_before();
   for (const auto window : {9s, -1s, 86401s}) {
     EXPECT_EQ(refused(windowed(window)).code, Code::bad_argument);
   }
@@ -342,7 +414,7 @@ TEST_F(PendingTest, WhoWaitsTakesItBackInTime) {
   journal("update restore set deadline = " + std::to_string(deadline));
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(reverted(When::when_due).outcome, Outcome::reverted);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 250ms);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
   expect_as_before();
 }
 
@@ -356,8 +428,8 @@ TEST_F(PendingTest, WhoWaitsEndsWhenTheRestoreIsConfirmed) {
 
 /// What the program that waits has from its host: a session of its own, and no file.
 TEST_F(PendingTest, WhoWaitsHasNothingOfTheHost) {
-  const std::string script = root() + "/waiter";
-  write_file(script, "#!/bin/sh\nreadlink /proc/$$/fd/* >" + root() +
+  const std::string script = root() + "/other";
+  write_file(script, "#!/bin/sh\nprintf . >&3; exec 3>&-\nreadlink /proc/$$/fd/* >" + root() +
                          "/files\n{ echo $*; pwd; readlink /proc/$$/fd/2;"
                          " ps -o sid= -o ppid= -p $$; } >" +
                          root() + "/new\nmv " + root() + "/new " + root() + "/seen\n");
@@ -406,7 +478,7 @@ TEST_F(PendingTest, TheSystemLogSaysWhoDidWhat) {
   make_due();
   reverted(When::if_due);
   EXPECT_EQ(last().substr(0, last().find(" loaded-by=")),
-            "confsave: action=revert result=ok" + with_id + " reason=\"not confirmed in time\"");
+            "confsave: action=revert result=ok" + with_id + " cause=\"not confirmed in time\"");
   EXPECT_NE(log.back().second.find(" loaded-by="), std::string::npos);
   make_pending();
   ASSERT_TRUE(cs::confirm());

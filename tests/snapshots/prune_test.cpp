@@ -314,7 +314,7 @@ class PruneProperty : public PruneTest {
                      [](const Spec& one, const Spec& other) { return one.time > other.time; });
     std::set<std::string> result;
     const std::int64_t limit = std::time(nullptr) - 30 * kDay;
-    for (std::size_t i = static_cast<std::size_t>(options.keep); i < counting.size(); ++i) {
+    for (auto i = static_cast<std::size_t>(options.keep); i < counting.size(); ++i) {
       if (!options.older_than || counting[i].time < limit) result.insert(label(counting[i]));
     }
     return result;

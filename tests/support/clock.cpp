@@ -15,6 +15,8 @@ std::time_t shift() {
 
 }  // namespace
 
+// Their signatures, with names that can be read.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 int clock_gettime(clockid_t clock, timespec* result) noexcept {
@@ -39,4 +41,6 @@ std::time_t time(std::time_t* result) noexcept {
   if (result != nullptr) *result = now.tv_sec;
   return now.tv_sec;
 }
-}
+
+}  // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
