@@ -171,22 +171,17 @@ class Waiter {
 
   Result<Recovery> run() {
     for (;;) {
-      Result<std::optional<Journal>> journal = Journal::open(wait_);
-      // The file system of a journal that is not there may come back.
-      const bool is_missing = journal && !*journal;
-      if (is_missing && (staging_.empty() || since_boot() > last_)) return Recovery{};
-      Result<std::optional<Record>> record = std::optional<Record>();
-      if (journal && *journal) record = (**journal).read();
-      if (journal && *journal && record) {
-        if (!*record || (*record)->roots.empty() || !is_mine(**record)) return Recovery{};
-        journal->reset();
-        if (const milliseconds rest = rest_of(**record); rest.count() > 0) {
+      bool has_ended = false;
+      const std::optional<Record> record = look(has_ended);
+      if (has_ended) return Recovery{};
+      if (record) {
+        if (const milliseconds rest = rest_of(*record); rest.count() > 0) {
           sleep_for(rest);
           continue;
         }
         Result<Recovery> recovery = lock_and_revert(When::if_due, wait_);
         if (recovery && recovery->outcome != Recovery::Outcome::nothing) return recovery;
-        if (!recovery) log_delay(**record, recovery.error());
+        if (!recovery) log_delay(*record, recovery.error());
       }
       sleep_for(pause_);
       pause_ = std::min(pause_ * 2, kLongestPause);
@@ -194,6 +189,21 @@ class Waiter {
   }
 
  private:
+  /// No value if the record cannot be read now.
+  std::optional<Record> look(bool& has_ended) {
+    Result<std::optional<Journal>> journal = Journal::open(wait_);
+    if (!journal) return std::nullopt;
+    if (!*journal) {
+      // The file system of a journal that is missing may come back.
+      has_ended = staging_.empty() || since_boot() > last_;
+      return std::nullopt;
+    }
+    Result<std::optional<Record>> record = (*journal)->read();
+    if (!record) return std::nullopt;
+    has_ended = !*record || (*record)->roots.empty() || !is_mine(**record);
+    return std::move(*record);
+  }
+
   /// No other restore stages in a directory of this name.
   bool is_mine(const Record& record) {
     last_ = std::max(record.window.deadline, since_boot()) + kLongestMiss.count();

@@ -24,7 +24,7 @@ from restoring import CHANGING, COMMON, Entry, Restoring, Scenario, difference
 
 STEP = 4096
 ROOM = {"config": 4, "etc": 2, "state": 8, "temp": 4}  # MiB
-NO_SPACE = 15
+NO_SPACE = 16
 FILLER = "filler"
 
 
