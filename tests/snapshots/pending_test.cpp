@@ -234,7 +234,7 @@ TEST_F(PendingTest, AttributesAreEditedToo) {
   expect_as_before();
   make_pending();
   if (geteuid() == 0) shell("chown 1:1 " + config("gw1.conf"));
-  EXPECT_EQ(reverted().kept != "", geteuid() == 0);
+  EXPECT_NE(reverted().kept.empty(), geteuid() == 0);
   expect_as_before();
 }
 
