@@ -326,9 +326,9 @@ Result<Plan> plan_restore(const Id& id, const RestoreOptions& options) {
 Result<Restored> restore_and_log(const Id& id, const RestoreOptions& options) {
   if (Error error = check_window(options); error.code != Code::ok) return error;
   Result<Restored> restored = Restoring(id, options).run();
-  constexpr const char* kResults[] = {"unchanged", "ok", "pending"};
   const std::string target = printable(options.target);
   if (restored) {
+    constexpr const char* kResults[] = {"unchanged", "ok", "pending"};
     audit("load", restored->plan.snapshot, kResults[static_cast<int>(restored->outcome)],
           {{"target", target}, {"kept", restored->kept}});
   } else {
