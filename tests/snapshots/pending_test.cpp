@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <ctime>
 #include <fstream>
 #include <functional>
@@ -437,8 +438,8 @@ TEST_F(PendingTest, WhoWaitsHasNothingOfTheHost) {
   cs::RestoreOptions options = windowed();
   options.program = script;
   // The lock of the floor gets a number that the waiter does not use.
-  std::vector<int> opened;
-  for (int i = 0; i < 8; ++i) opened.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  std::array<int, 8> opened{};
+  for (int& file : opened) file = open("/dev/null", O_RDONLY | O_CLOEXEC);
   ASSERT_TRUE(cs::restore({"weekly"}, options));
   for (const int file : opened) close(file);
   for (int i = 0; i < 200 && !exists(root() + "/seen"); ++i) std::this_thread::sleep_for(20ms);
