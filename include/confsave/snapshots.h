@@ -101,10 +101,12 @@ template <class Value>
 class [[nodiscard]] Result {
  public:
   // Implicit, so that a function returns either.
+  // NOLINTBEGIN(google-explicit-constructor)
   // cppcheck-suppress noExplicitConstructor
   Result(Value value) : content_(std::move(value)) {}
   // cppcheck-suppress noExplicitConstructor
   Result(Error error) : content_(std::move(error)) {}
+  // NOLINTEND(google-explicit-constructor)
 
   /// True if there is a value.
   explicit operator bool() const { return std::holds_alternative<Value>(content_); }

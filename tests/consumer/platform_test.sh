@@ -34,7 +34,7 @@ build_host() {
 build_with() {
     name=$1
     shift
-    build "$tree" -B "$work/build" "$@"
+    build "$tree" -B "$work/build" -DCMAKE_CXX_FLAGS_DEBUG= -DCONFSAVE_BUILD_EXAMPLES=OFF "$@"
     quietly cmake --install "$work/build" --prefix "$work/$name"
     [ -d "$work/$name-host" ] || write_project "$work/$name-host"
     build_host "$name"
