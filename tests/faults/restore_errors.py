@@ -102,6 +102,8 @@ def strike(restoring, figures, call, number, error, *, for_good=False, run=None)
         hit = [line for _, _, line in restoring.traced() if "INJECTED" in line and
                (call != "renameat2" or not restoring.fallback)]
         figures.sorts.update(filter(None, (sort_of(restoring.gateway, line) for line in hit)))
+        restoring.unread = error == "EACCES" and any(sort_of(restoring.gateway, line) in
+                                                     ("configuration", "failover") for line in hit)
         answer = require_truth(restoring, call, for_good, output) if run is None else "of a recovery"
         figures.answers[answer] += 1
         if "check=false" in restoring.words:
