@@ -132,11 +132,13 @@ Error Notes::check() {
 }
 
 Result<std::map<int64, Note>> Notes::read(const Snapshots& snapshots) {
-  Result<Statement> statement =
-      database_.prepare("select id, saved, keybase, etc, comment, author, pinned from note");
-  if (!statement) return statement.error();
   const std::map<int64, const Snapshot*> rows = by_id(snapshots);
   std::map<int64, Note> notes;
+  if (rows.empty()) return notes;
+  Result<Statement> statement = database_.prepare(
+      "select id, saved, keybase, etc, comment, author, pinned from note where id between ? and ?");
+  if (!statement) return statement.error();
+  statement->bind(rows.begin()->first).bind(rows.rbegin()->first);
   for (;;) {
     const int code = statement->step();
     if (code == SQLITE_DONE) return notes;
