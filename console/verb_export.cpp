@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <optional>
 
 #include "exit_status.h"
 #include "report.h"
@@ -11,6 +12,8 @@
 
 namespace console {
 namespace {
+
+constexpr int kAttempts = 10;
 
 /// The snapshots that are to be copied.
 std::optional<cs::Snapshots> chosen(const Options& options, int& status) {
@@ -43,6 +46,22 @@ cs::Result<cs::Exported> export_into(const cs::Ids& ids, const Options& options)
   return cs::export_to(ids, options.exchanged, how);
 }
 
+/// With --all, what others delete in the meantime is left out.
+std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
+  for (int attempt = 1;; ++attempt) {
+    const auto snapshots = chosen(options, status);
+    if (!snapshots) return std::nullopt;
+    cs::Ids ids;
+    for (const cs::Snapshot& snapshot : *snapshots) ids.push_back(id_of(snapshot));
+    auto exported = export_into(ids, options);
+    if (exported) return std::move(*exported);
+    const bool is_deleted = options.all && exported.error().code == cs::Code::not_found;
+    if (is_deleted && attempt < kAttempts) continue;
+    status = report(exported.error());
+    return std::nullopt;
+  }
+}
+
 }  // namespace
 
 int export_snapshots(const Options& options) {
@@ -51,12 +70,8 @@ int export_snapshots(const Options& options) {
     return kUsage;
   }
   int status = kDone;
-  const auto snapshots = chosen(options, status);
-  if (!snapshots) return status;
-  cs::Ids ids;
-  for (const cs::Snapshot& snapshot : *snapshots) ids.push_back(id_of(snapshot));
-  const auto exported = export_into(ids, options);
-  if (!exported) return report(exported.error());
+  const auto exported = export_chosen(options, status);
+  if (!exported) return status;
   print_warnings(exported->warnings);
   if (!options.json) return kDone;
   JsonArray array;
