@@ -56,7 +56,7 @@ for word in $(echo "$words" | grep -E '^[A-Z][A-Za-z]*[a-z][A-Za-z]*(\.[A-Za-z0-
         Consumer.*) [ -e "tests/consumer/${test}_test.sh" ] ;;
         Symbols.*) grep -qF "add_script_test($word " tests/CMakeLists.txt ;;
         *.*) echo "$sources" | grep -qE "TEST(_F|_P)?\( ?$suite, $test ?\)" ;;
-        *) grep -q "^add_script_test($word " tests/CMakeLists.txt ||
+        *) grep -q "^ *add_script_test($word " tests/CMakeLists.txt ||
             echo "$sources" | grep -qE "TEST(_F|_P)?\( ?([A-Za-z]+, )?${word}[,)]" ||
             grep -rqE "(class|struct) $word\>" tests/support ;;
     esac || complain "$testing names $word, which is neither a test nor a class of the tests"
