@@ -283,22 +283,35 @@ Error Exchange::sync() {
   return {};
 }
 
-bool Exchange::has_undone_step() {
+Result<bool> Exchange::is_in_staging(const Step& step, const std::string& name, const Identity& file) {
+  Site& site = sites_[step.root];
+  const Result<std::optional<struct stat>> found = site.beneath.look(site.name + "/" + name);
+  if (!found) return found.error();
+  return *found && is_same_file(identity_of(**found), file);
+}
+
+Result<bool> Exchange::is_undone(std::size_t number) {
+  const Step& step = steps_[number];
+  const Slot slot = slot_of(number);
+  if (step.what == Step::What::put) {
+    const Result<bool> staged = is_in_staging(step, slot.name, step.after);
+    return !staged || *staged ? staged : is_in_staging(step, slot.aside, step.after);
+  }
+  // A directory that somebody has made since may have got the same inode.
+  if (step.what != Step::What::remove || S_ISDIR(step.before.kind)) return false;
+  const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
+  if (!now) return now.error();
+  if (!*now || !is_unchanged(identity_of(**now), step.before)) return false;
+  const Result<bool> staged = is_in_staging(step, slot.name, step.before);
+  return staged ? Result<bool>(!*staged) : staged;
+}
+
+Result<bool> Exchange::has_undone_step() {
   for (std::size_t number = 0; number < steps_.size(); ++number) {
-    const Step& step = steps_[number];
-    if (step.what == Step::What::put) {
-      const Slot slot = slot_of(number);
-      for (const std::string& name : {slot.name, slot.aside}) {
-        if (is_same_file(look(slot.staging, name), step.after)) return true;
-      }
-    }
-    // A directory that somebody has made since may have got the same inode.
-    if (step.what == Step::What::remove && !S_ISDIR(step.before.kind)) {
-      const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
-      const bool is_back = now && *now && is_unchanged(identity_of(**now), step.before);
-      const Slot slot = slot_of(number);
-      if (is_back && !is_same_file(look(slot.staging, slot.name), step.before)) return true;
-    }
+    // Another directory shows nothing of what became of this one.
+    if (sites_[steps_[number].root].name.empty()) continue;
+    const Result<bool> undone = is_undone(number);
+    if (!undone || *undone) return undone;
   }
   return false;
 }

@@ -43,7 +43,7 @@ class Exchange {
   Error sync();
 
   /// Whether the undo of a step shows: then an undo has begun, whatever was recorded.
-  bool has_undone_step();
+  Result<bool> has_undone_step();
 
   /// Deletes the staging directories with what steps have left in them. Files that no step knows, or that
   /// changed since, stay, and their paths go into `left`. The error is about a file that should have gone.
@@ -58,6 +58,9 @@ class Exchange {
   };
 
   Slot slot_of(std::size_t number) const;
+  /// Whether the file of this name in the staging directory is that one.
+  Result<bool> is_in_staging(const Step& step, const std::string& name, const Identity& file);
+  Result<bool> is_undone(std::size_t number);
   Error put(std::size_t number, int parent, const std::string& name);
   Error put_without_exchange(const Step& step, const Slot& slot, int parent, const std::string& name);
   Error take_away(std::size_t number, int parent, const std::string& name);

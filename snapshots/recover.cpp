@@ -21,11 +21,9 @@ std::string quoted(const Snapshot& snapshot) { return "'" + printable(snapshot.c
 
 /// What was there before stays there: it may be somebody's work.
 void warn_of(const std::vector<std::string>& left, std::vector<std::string>& warnings) {
-  for (const std::string& path : left) {
-    warnings.push_back(path +
-                       ": this file is not as the restore has left it; it stays, delete it when it is "
-                       "not needed");
-  }
+  const char* const text =
+      ": this file is not as the restore has left it; it stays, delete it when it is not needed";
+  for (const std::string& path : left) warnings.push_back(path + text);
 }
 
 bool is_below(const std::string& path, const std::string& directory) {
@@ -34,10 +32,6 @@ bool is_below(const std::string& path, const std::string& directory) {
 
 /// The files are as the restore has left them, except what was edited since.
 bool is_live(State state) { return state == State::checking || state == State::pending; }
-
-bool is_to_be_undone(State state) {
-  return state == State::prepared || state == State::reverting || is_live(state);
-}
 
 const char* cause(Ending ending) {
   switch (ending) {
@@ -64,12 +58,17 @@ class Recovering {
 
   /// What could not be finished is a warning for a person, and in `unfinished` for who goes on.
   Result<Recovery> run(Error& unfinished) {
-    bool puts_back = is_to_be_undone(record_.state);
+    bool puts_back =
+        is_live(record_.state) || record_.state == State::prepared || record_.state == State::reverting;
     Result<std::vector<Site>> sites = open_sites(record_.roots, !puts_back);
     if (!sites) return sites.error();
     Exchange exchange(*sites, record_.steps);
     // A restore that failed to record its end was undone, and may have failed to record that.
-    puts_back = puts_back || (record_.state == State::exchanged && exchange.has_undone_step());
+    if (record_.state == State::exchanged) {
+      const Result<bool> has_begun = exchange.has_undone_step();
+      if (!has_begun) return has_begun.error();
+      puts_back = *has_begun;
+    }
     if (puts_back) return put_back(*sites, unfinished);
     warn_of_other_directories(*sites);
     recovery_.outcome =

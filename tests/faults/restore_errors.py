@@ -11,6 +11,7 @@ A run that hits no file of some sort, or no undo, fails.
 
 import collections
 import re
+import sqlite3
 
 from gateway import ETC, Gateway, main, require
 from restoring import CHANGING, EVERYTHING, KEEPING, REFUSED, Restoring, difference, without_inodes
@@ -157,12 +158,21 @@ def killed_in_exchange(restoring):
     restoring.load(restoring.tracer("renameat2", f"inject=renameat2:signal=KILL:when={middle}"))
 
 
-def in_recoveries(restoring, figures, count, source):
-    """The recovery of a restore that was killed in the exchange."""
+def killed_in_undo(restoring):
+    """A restore that was to be finished, and of which a part is undone."""
     killed_in_exchange(restoring)
+    connection = sqlite3.connect(restoring.gateway.state / "restore.db")
+    with connection:
+        connection.execute("update restore set state = 2")
+    connection.close()
+
+
+def in_recoveries(restoring, figures, count, source, prepare):
+    """The recovery of a restore that was killed."""
+    prepare(restoring)
     calls = calls_of(restoring, restoring.recover)
     for call, number, is_change, _ in source.sample(calls, min(count, len(calls))):
-        killed_in_exchange(restoring)
+        prepare(restoring)
         error = source.choice(CHANGE_ERRORS if is_change else READ_ERRORS)
         strike(restoring, figures, call, number, error, for_good=source.random() < 0.4,
                run=restoring.recover)
@@ -192,7 +202,8 @@ def campaign(program, full, source):
                 unreadable(restoring)
         restoring = Restoring(gateway, EVERYTHING)
         in_undo(restoring, figures, 30 if full else 3, source)
-        in_recoveries(restoring, figures, 9999 if full else 2, source)
+        for prepare in (killed_in_exchange, killed_in_undo):
+            in_recoveries(restoring, figures, 9999 if full else 2, source, prepare)
     for sort in SORTS:
         require(figures.sorts[sort] > 0, "no failed call on", sort, figures.sorts)
     for answer in ("untouched", "put_back", "mixed", "done"):
