@@ -15,6 +15,7 @@
 #include "snapshots/dated_name.h"
 #include "snapshots/leftovers.h"
 #include "snapshots/sentence.h"
+#include "snapshots/storage_reader.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -32,24 +33,26 @@ void check_age(const std::string& what, int64 newest, Status& status) {
 }
 
 /// Counts the rows, and how much room the largest takes.
-int64 look_at_rows(const Snapshots& rows, Status& status) {
-  int64 largest = 0;
-  for (const Snapshot& row : rows) {
-    largest = std::max(largest, row.keybase_size + row.etc_size);
-    status.newest = std::max(status.newest, row.config.save_time);
-    if (is_autosave(row.config.name)) {
-      status.newest_autosave = std::max(status.newest_autosave, row.config.save_time);
-    }
-  }
-  status.snapshots = static_cast<int64>(rows.size());
-  if (rows.empty()) {
+Error count_rows(const Deadline& deadline, Status& status, int64& largest) {
+  Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
+  if (!reader) return reader.error();
+  if (!*reader) return {};
+  return (*reader)->count([&](const StorageReader::Counted& row) {
+    ++status.snapshots;
+    largest = std::max(largest, row.size);
+    status.newest = std::max(status.newest, row.saved);
+    if (is_autosave(row.name)) status.newest_autosave = std::max(status.newest_autosave, row.saved);
+  });
+}
+
+void look_at_ages(Status& status) {
+  if (status.snapshots == 0) {
     status.attention.push_back({"stale", "there is no snapshot"});
   } else {
     check_age("snapshot", status.newest, status);
   }
   // A gateway without autosaves may have other habits.
   if (status.newest_autosave != 0) check_age("autosave", status.newest_autosave, status);
-  return largest;
 }
 
 std::string text_of(const Pending& pending) {
@@ -128,16 +131,14 @@ Error look_at_space(int64 largest, Status& status) {
 
 Result<Status> look(const ReadOptions& options) {
   const Deadline deadline(options.wait);
-  Query query;
-  query.wait = deadline.left();
-  const Result<Snapshots> rows = list(query);
-  if (!rows) return rows.error();
   Status status;
+  int64 largest = 0;
+  if (Error error = count_rows(deadline, status, largest); error.code != Code::ok) return error;
   if (Error error = look_for_a_restore(deadline, status); error.code != Code::ok) return error;
   look_for_leftovers(deadline, status);
   look_for_failover_files(status);
   look_for_readers(status);
-  const int64 largest = look_at_rows(*rows, status);
+  look_at_ages(status);
   if (Error error = look_at_space(largest, status); error.code != Code::ok) return error;
   return status;
 }

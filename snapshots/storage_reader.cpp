@@ -108,4 +108,17 @@ Error StorageReader::for_each(const Query& query, const std::function<Error(Snap
   }
 }
 
+Error StorageReader::count(const std::function<void(const Counted&)>& row) {
+  Result<Statement> statement = database_.prepare(
+      "select name, save_time, ifnull(length(keybase), 0) + ifnull(length(etc), 0) from Config "
+      "where cast(name as text) <> 'corlu-config'");
+  if (!statement) return statement.error();
+  for (;;) {
+    const int code = statement->step();
+    if (code == SQLITE_DONE) return {};
+    if (code != SQLITE_ROW) return database_.error();
+    row({statement->text(0), statement->number(1), statement->number(2)});
+  }
+}
+
 }  // namespace ConfSave::snapshots
