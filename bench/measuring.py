@@ -81,6 +81,7 @@ class Bench:
         self.run(self.host, "fill", count, kibibytes)
 
 
+@functools.cache
 def real_files():
     """Many, in a fixed order: text of /etc and /usr/share first, then anything."""
     return [path for root in ("/etc", "/usr/share", "/usr/include", "/usr/lib/python3")
