@@ -21,8 +21,8 @@ import time
 from measuring import SIZES, Bench
 
 COLLECT = pathlib.Path(__file__).resolve().parent.parent / "examples/fleet/collect"
-NIGHTS, EACH, KEPT, FLEET = 30, 4, 14, 10_000
-CROWD = 1000
+NIGHTS, EACH, KEPT, FLEET = 30, 3, 14, 10_000
+CROWD = 400
 LINES = []
 
 
