@@ -5,6 +5,7 @@
 #include <ctime>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <set>
 #include <thread>
 
@@ -419,11 +420,18 @@ TEST_F(PendingTest, WhoWaitsTakesItBackInTime) {
   expect_as_before();
 }
 
+/// The next restore has a waiter of its own.
 TEST_F(PendingTest, WhoWaitsEndsWhenTheRestoreIsConfirmed) {
   make_pending();
-  std::thread waiter([] { EXPECT_EQ(reverted(When::when_due).outcome, Outcome::nothing); });
+  auto waiter = std::async(std::launch::async, [] { return reverted(When::when_due).outcome; });
+  std::this_thread::sleep_for(300ms);
   EXPECT_TRUE(cs::confirm());
-  waiter.join();
+  change();
+  make_pending();
+  EXPECT_EQ(waiter.wait_for(20s), std::future_status::ready);
+  EXPECT_TRUE(*cs::pending());
+  EXPECT_TRUE(cs::confirm());
+  EXPECT_EQ(waiter.get(), Outcome::nothing);
   EXPECT_EQ(everything(), saved_);
 }
 
