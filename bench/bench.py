@@ -194,7 +194,7 @@ def main():
     build_type = next(line.split("=")[1] for line in cache.splitlines() if "CMAKE_BUILD_TYPE:" in line)
     load = round(os.getloadavg()[0], 1)
     RESULTS["machine"] = {"rounds": rounds, "load before the run": load, "build": build_type,
-                          "SQLite": sqlite3.sqlite_version, "igzip": bool(shutil.which("igzip")),
+                          "SQLite": sqlite3.sqlite_version,
                           "Linux": platform.release().split("-")[0]}
     print("; ".join(f"{name} {value}" for name, value in RESULTS["machine"].items()))
     if build_type not in ("Release", "RelWithDebInfo"):

@@ -163,7 +163,8 @@ struct Gzip : CommandRunner {
   const std::string dir = "/tmp/confsave-gzip-" + std::to_string(getpid());
 };
 
-constexpr const char* kGzips[] = {"/usr/bin/gzip", "/usr/bin/igzip"};
+/// The stand-in's own first.
+constexpr const char* kGzips[] = {"", "/usr/bin/gzip", "/usr/bin/igzip"};
 
 TEST_F(Gzip, EitherReadsWhatTheOtherWrote) {
   for (const char* writer : kGzips) {
@@ -179,7 +180,6 @@ TEST_F(Gzip, EitherReadsWhatTheOtherWrote) {
 }
 
 TEST_F(Gzip, BrokenStreamsFailWithEither) {
-  ASSERT_EQ(pack(), 0);
   const std::string keep = "cp archive whole; size=$(stat -c %s whole); ";
   const std::string overwrite = "printf '\\125\\252' | dd of=archive bs=1 conv=notrunc status=none ";
   const std::string damages[] = {
@@ -204,6 +204,10 @@ TEST_F(Gzip, FullDiskFailsWithEither) {
       EXPECT_NE(my_system("cd %s/in && tar czf /dev/full %s 2>/dev/null", dir.c_str(), what), 0)
           << writer << " " << what;
     }
+    for (const char* file : {"in/data", "/dev/null"}) {
+      EXPECT_NE(my_system("cd %s && gzip <%s >/dev/full 2>/dev/null", dir.c_str(), file), 0)
+          << writer << " " << file;
+    }
   }
 }
 
@@ -220,13 +224,31 @@ TEST_F(Gzip, MissingProgramFails) {
   EXPECT_NE(my_system("cd %s/in && tar czf ../archive data 2>/dev/null", dir.c_str()), 0);
 }
 
-TEST_F(Gzip, IgzipIsTheDefault) {
+TEST_F(Gzip, WhatTarDoesNotAskForIsLeftToTheSystem) {
   const char* const program = "gzip --version 2>&1 | head -n 1 | cut -d ' ' -f 1";
-  EXPECT_EQ(output_of(program), "igzip\n");
-  setenv("KELMOR_GZIP", "", 1);
-  EXPECT_EQ(output_of(program), "igzip\n");
-  setenv("KELMOR_GZIP", "/usr/bin/gzip", 1);
   EXPECT_EQ(output_of(program), "gzip\n");
+  setenv("KELMOR_GZIP", "/usr/bin/igzip", 1);
+  EXPECT_EQ(output_of(program), "igzip\n");
+}
+
+TEST_F(Gzip, UnpacksMembersUpToWhatIsNone) {
+  const std::pair<const char*, const char*> streams[] = {
+      {"echo a | gzip", "a\n0\n"},
+      {"echo a | gzip; echo b | /usr/bin/gzip", "a\nb\n0\n"},
+      {"true | gzip", "0\n"},
+      {"echo a | gzip; head -c 100000 /dev/zero", "a\n0\n"},
+      {"echo a | gzip; echo garbage", "a\n0\n"},
+      {"echo a | gzip; echo b | gzip | head -c 12", "a\nb1\n"},
+      {"echo a | gzip; printf '\\037\\213'", "a\n1\n"},
+      {"echo a | gzip | head -c 5", "1\n"},
+      {"head -c 100 /dev/zero", "1\n"},
+      {"true", "1\n"},
+      {"for i in $(seq 300); do echo a | gzip; done | gzip -d | wc -l | gzip", "300\n0\n"},
+  };
+  for (const auto& [stream, answer] : streams) {
+    const std::string command = std::string("{ ") + stream + "; } | { gzip -d 2>/dev/null; echo $?; }";
+    EXPECT_EQ(output_of(command.c_str()), answer) << stream;
+  }
 }
 
 TEST_F(Gzip, RestOfThePathIsThatOfTheHost) {
