@@ -204,9 +204,9 @@ TEST_F(Gzip, FullDiskFailsWithEither) {
       EXPECT_NE(my_system("cd %s/in && tar czf /dev/full %s 2>/dev/null", dir.c_str(), what), 0)
           << writer << " " << what;
     }
-    for (const char* file : {"in/data", "/dev/null"}) {
-      EXPECT_NE(my_system("cd %s && gzip <%s >/dev/full 2>/dev/null", dir.c_str(), file), 0)
-          << writer << " " << file;
+    for (const char* name : {"in/data", "/dev/null"}) {
+      EXPECT_NE(my_system("cd %s && gzip <%s >/dev/full 2>/dev/null", dir.c_str(), name), 0)
+          << writer << " " << name;
     }
   }
 }
