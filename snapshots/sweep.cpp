@@ -66,9 +66,12 @@ Error Exchange::sweep_numbers(Site& site) {
   const Directory directory(fdopendir(openat(site.staging.get(), ".", kDirectory)));
   if (directory == nullptr) return site.beneath.failure(site.name, errno);
   std::vector<std::string> names;
+  errno = 0;
   while (const dirent* entry = readdir(directory.get())) {
     if (is_number(entry->d_name)) names.emplace_back(entry->d_name);
+    errno = 0;
   }
+  if (errno != 0) return site.beneath.failure(site.name, errno);
   for (const std::string& name : names) {
     const int flags = S_ISDIR(look(site.staging.get(), name).kind) ? AT_REMOVEDIR : 0;
     if (unlinkat(site.staging.get(), name.c_str(), flags) == 0 || is_occupied(errno)) continue;
