@@ -142,7 +142,10 @@ TEST_F(GunzipTest, AnEndAnywhereIsNoticed) {
 TEST_F(GunzipTest, AnyFlippedByteOfTheDataIsNoticed) {
   const std::string content = text_of(3000);
   const std::string packed = gzip(content, "-n");
+  // Bits of the last byte before the checksum and the size may mean nothing.
+  const std::size_t last = packed.size() - 9;
   for (std::size_t at = 10; at < packed.size(); ++at) {
+    if (at == last) continue;
     std::string flipped = packed;
     flipped[at] = static_cast<char>(flipped[at] ^ 0x20);
     EXPECT_NE(unpack(flipped).error.code, Code::ok) << at;
