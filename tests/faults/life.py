@@ -280,6 +280,8 @@ class Life:
                 worker.join()
             self.look_back()
         self.empty()
+        if self.journal() is not None:
+            self.must("revert")
         self.must("verify", "--all")
         names = [row[1] for row in self.pinned.values()]
         for (name, _), found in found_by_program(self.gateway, *names).items():
