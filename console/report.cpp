@@ -69,7 +69,8 @@ std::string next_step(const cs::Error& error, bool waits) {
     case Code::changed_meanwhile:
       return "Try again when no program changes it";
     case Code::denied:
-      return "Run confsave as the owner of the file";
+      return error.number == EROFS ? "Make the file system writable, or use another directory"
+                                   : "Run confsave as the owner of the file";
     case Code::no_space:
       return "Free some space and try again";
     case Code::no_storage:
@@ -131,6 +132,21 @@ std::optional<cs::Snapshot> find_only(const Selection& selection, std::chrono::m
   return std::nullopt;
 }
 
+/// Whether what the notes hold is the matter, and not where they are.
+bool is_about_notes(const cs::Error& error) {
+  using cs::Code;
+  switch (error.code) {
+    case Code::bad_argument:
+    case Code::taken:
+    case Code::busy:
+    case Code::no_space:
+    case Code::denied:
+      return false;
+    default:
+      return ends_with(error.path, "/notes.db");
+  }
+}
+
 void print_failure(const cs::Error& error) {
   std::cout.flush();
   std::cerr << "confsave: ";
@@ -178,7 +194,7 @@ int exit_status(cs::Code code) {
 
 int report(const cs::Error& error, bool waits) {
   print_failure(error);
-  if (error.code != cs::Code::busy && ends_with(error.path, "/notes.db")) {
+  if (is_about_notes(error)) {
     std::cerr
         << " Mend it, or move it away: without this file only comments, pins and manifests are lost.\n";
     return error.code == cs::Code::no_storage ? kFailed : exit_status(error.code);
@@ -215,6 +231,10 @@ int report_import(const cs::Error& error) {
   print_failure(error);
   std::cerr << " Nothing was stored.";
   if (error.code == cs::Code::newer) std::cerr << " Give --force to store it all the same.";
+  if (error.code == cs::Code::no_space || error.code == cs::Code::denied ||
+      error.code == cs::Code::no_storage) {
+    std::cerr << ' ' << next_step(error, true) << '.';
+  }
   if (error.code == cs::Code::taken || error.code == cs::Code::pinned) {
     std::cerr << " Give --force to overwrite it, or another name by --as.";
   }

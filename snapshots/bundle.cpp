@@ -30,6 +30,7 @@ Error check_file(const std::string& file) {
   const bool is_storage = stat(storage_file().c_str(), &storage) == 0 && storage.st_dev == status.st_dev &&
                           storage.st_ino == status.st_ino;
   if (is_storage) return {Code::bad_argument, 0, file, "this is the storage itself"};
+  if (status.st_size == 0) return {Code::damaged, 0, file, "the file is empty"};
   const Descriptor opened(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!opened) return system_error(file);
   char header[20] = {};

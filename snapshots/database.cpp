@@ -132,7 +132,9 @@ Result<Database> Database::open(const std::string& file, std::chrono::millisecon
 
   Database database(file);
   sqlite3* opened = nullptr;
-  const int code = sqlite3_open_v2(file.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+  // SQLite takes ":memory:" and "file:x" for something else than paths.
+  const std::string path = file.front() == '/' ? file : "./" + file;
+  const int code = sqlite3_open_v2(path.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
   database.db_.reset(opened);
   if (opened == nullptr) throw std::bad_alloc();
   sqlite3_extended_result_codes(opened, 1);

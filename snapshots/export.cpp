@@ -78,7 +78,14 @@ class Exporting {
     }
     row.keep_id = true;
     const Result<int64> copied = copy_row(storage, row, made);
-    return copied ? Error{} : copied.error();
+    if (copied) return {};
+    Error error = copied.error();
+    // An archive's error names neither.
+    if (error.path.empty()) {
+      error.path = storage.file();
+      error.text.insert(0, "'" + printable(snapshot.config.name) + "': ");
+    }
+    return error;
   }
 
   static Error write_origin(Database& made) {
@@ -150,9 +157,13 @@ Result<Exported> export_into_file(const Ids& ids, const std::string& file, const
   return exported;
 }
 
-Error pass(const std::string& file, const Sink& sink) {
+/// The file has no name any more while the sink is at work: what ends the process there, as a pipe without
+/// a reader does, leaves no copy of the keys.
+Error pass(NewFile& made, const Sink& sink) {
+  const std::string file = made.name();
   const Descriptor opened(open(file.c_str(), O_RDONLY | O_CLOEXEC));
   if (!opened) return system_error(file);
+  made.remove();
   std::string buffer(128 << 10, '\0');
   for (;;) {
     const ssize_t size = read(opened.get(), buffer.data(), buffer.size());
@@ -169,7 +180,7 @@ Result<Exported> export_into_sink(const Ids& ids, const Sink& sink, const ReadOp
   if (!made) return made.error();
   Result<Exported> exported = Exporting(ids, deadline).run(made->name());
   if (!exported) return exported.error();
-  if (Error error = pass(made->name(), sink); error.code != Code::ok) return error;
+  if (Error error = pass(*made, sink); error.code != Code::ok) return error;
   return exported;
 }
 

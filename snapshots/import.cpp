@@ -189,13 +189,17 @@ Result<Imported> import_file(const std::string& file, const ImportOptions& optio
   return Importing(std::move(*bundle), options, deadline).run();
 }
 
-Result<Imported> import_and_log(const std::string& file, const ImportOptions& options) {
+/// `shown` is the name that the caller knows the file by.
+Result<Imported> import_and_log(const std::string& file, const std::string& shown,
+                                const ImportOptions& options) {
   Result<Imported> imported = import_file(file, options, Deadline(options.wait));
-  const AuditFields from = {{"file", printable(file)}};
+  const AuditFields from = {{"file", printable(shown)}};
   if (!imported) {
+    Error error = imported.error();
+    if (error.path == file) error.path = shown;
     audit("import", Id{options.name.value_or(options.pattern.value_or("")), options.version.value_or(0)},
-          imported.error(), from);
-    return imported;
+          error, from);
+    return error;
   }
   for (const Snapshot& snapshot : imported->snapshots) audit("import", snapshot, "ok", from);
   return imported;
@@ -221,7 +225,7 @@ Result<Imported> import_supply(const Supply& supply, const ImportOptions& option
   Result<NewFile> made = NewFile::make(temporary_directory() + "/");
   if (!made) return made.error();
   if (Error error = write(supply, made->name()); error.code != Code::ok) return error;
-  return import_and_log(made->name(), options);
+  return import_and_log(made->name(), "-", options);
 }
 
 }  // namespace
@@ -229,7 +233,7 @@ Result<Imported> import_supply(const Supply& supply, const ImportOptions& option
 Result<Imported> import_from(const std::string& file, const ImportOptions& options) {
   return at_boundary([&]() -> Result<Imported> {
     if (Error error = check(options); error.code != Code::ok) return error;
-    return import_and_log(file, options);
+    return import_and_log(file, file, options);
   });
 }
 

@@ -19,6 +19,9 @@ class NewFile {
 
   const std::string& name() const { return name_; }
 
+  /// Deletes it. Who has it open can still read it.
+  void remove();
+
   /// Gives it the name `file`, durably with its content; Code::taken if that exists and `overwrite` is
   /// false.
   Error publish(const std::string& file, bool overwrite);
@@ -33,7 +36,7 @@ class NewFile {
 std::string directory_part(const std::string& path);
 
 /// Whether a file can be exported under this name: Code::taken if it exists and `overwrite` is false. What
-/// is no regular file, or is one of the floor's own, is never replaced.
+/// is no regular file, or is one of the floor's own, is never replaced, nor is a name of these given away.
 Error check_destination(const std::string& file, bool overwrite);
 
 }  // namespace ConfSave::snapshots

@@ -115,8 +115,9 @@ TEST_F(ExportTest, NoOtherKindOfFileIsReplaced) {
   ExportOptions options;
   options.overwrite = true;
   ASSERT_EQ(symlink("target", exported().c_str()), 0);
-  for (const std::string& file : {exported(), state_dir(), database(), notes_file(),
-                                  std::string("/dev/null"), std::string(), root() + "/"}) {
+  for (const std::string& file :
+       {exported(), state_dir(), database(), notes_file(), state_dir() + "/restore.db",
+        std::string("/dev/null"), std::string(), root() + "/"}) {
     const auto refusal = export_to({{"weekly"}}, file, options);
     ASSERT_FALSE(refusal) << file;
     EXPECT_EQ(refusal.error().code, Code::bad_argument) << file;
@@ -126,7 +127,9 @@ TEST_F(ExportTest, NoOtherKindOfFileIsReplaced) {
 
 TEST_F(ExportTest, ASinkGetsTheSameFile) {
   std::string bytes;
-  done(export_to(all_, [&bytes](std::string_view piece) {
+  done(export_to(all_, [&bytes, this](std::string_view piece) {
+    // A sink that ends the process leaves no keys behind.
+    EXPECT_EQ(names_in(temp_dir()), Texts());
     bytes += piece;
     return Error{};
   }));
