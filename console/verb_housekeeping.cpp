@@ -42,8 +42,12 @@ int check_old(const Options& options) {
   std::cout << "The newest autosave is '" << newest.name << "', saved on "
             << ConfSave::time_format(newest.save_time) << ".\n";
   constexpr ConfSave::int64 kDay = 86400;
-  const ConfSave::int64 age = static_cast<ConfSave::int64>(std::time(nullptr)) - newest.save_time;
-  return age > options.days * kDay ? kFindings : kDone;
+  const auto now = static_cast<ConfSave::int64>(std::time(nullptr));
+  if (newest.save_time > now + kDay) {
+    std::cout << "That is more than a day ahead of the clock, so its age is unknown.\n";
+    return kFindings;
+  }
+  return newest.save_time < now - options.days * kDay ? kFindings : kDone;
 }
 
 int version(const Options&) {

@@ -26,7 +26,15 @@ constexpr int64 kDay = 86400;
 std::string quoted(const std::string& path) { return "'" + printable(path) + "'"; }
 
 void check_age(const std::string& what, int64 newest, Status& status) {
-  const int64 age = static_cast<int64>(std::time(nullptr)) - newest;
+  const auto now = static_cast<int64>(std::time(nullptr));
+  if (newest > now + kDay) {
+    // It would hide for years that nothing is saved any more.
+    status.attention.push_back({"stale", "the newest " + what +
+                                             " is dated more than a day ahead of the "
+                                             "clock, so its age is unknown: set the clock, or delete it"});
+    return;
+  }
+  const int64 age = now - newest;
   if (age <= std::chrono::seconds(kStaleAfter).count()) return;
   status.attention.push_back(
       {"stale", "the newest " + what + " is " + std::to_string(age / kDay) + " days old"});

@@ -29,7 +29,8 @@ LEAST_ROOM = 4 << 20
 PROCESSES = 8
 ROUNDS = 40, 1250
 MINUTES = 8  # from one round to the next: a week in all
-STALE = 31 * 86400
+DAY = 86400
+STALE = 31 * DAY
 PENDING = 5
 AUTOSAVE = r"autosave-\d{4}(-\d\d){5}(-\d+)?"
 # Of the program: how often, the words, and the exit statuses of one that meets no fault.
@@ -223,7 +224,8 @@ class Life:
         # Nobody is at work: a restore that waits for its check waits for ever.
         is_so = {"pending": state == PENDING, "interrupted": state not in (None, PENDING),
                  "leftovers": bool(self.left()), "failover-missing": False, "readable": False,
-                 "stale": not rows or now - newest > STALE or 0 < newest_autosave < now - STALE,
+                 "stale": not rows or not now - STALE <= newest <= now + DAY or
+                 0 < newest_autosave < now - STALE,
                  "space": disk.f_bavail * disk.f_frsize < needed}
         for code, holds in is_so.items():
             require((code in said) == bool(holds), "status says", sorted(said), "and", code, "is", holds,

@@ -174,6 +174,13 @@ TEST_F(StatusTest, OldSnapshots) {
   EXPECT_EQ(attention(), Texts{"stale: the newest autosave is 31 days old"});
   put_aged("autosave-2026-02-02-03-04-05", 30);
   EXPECT_EQ(attention(), Texts());
+  put_aged("autosave-2026-02-03-03-04-05", -1);
+  EXPECT_EQ(attention(), Texts());
+  put_aged("autosave-2026-02-04-03-04-05", -2);
+  const std::string ahead =
+      " is dated more than a day ahead of the clock, so its age is unknown: set the clock, or delete it";
+  EXPECT_EQ(attention(),
+            (Texts{"stale: the newest snapshot" + ahead, "stale: the newest autosave" + ahead}));
   shell("rm " + database());
   EXPECT_EQ(attention(), Texts{"stale: there is no snapshot"});
 }
