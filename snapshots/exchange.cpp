@@ -310,7 +310,7 @@ Result<bool> Exchange::has_undone_step() {
   for (std::size_t number = 0; number < steps_.size(); ++number) {
     // Another directory shows nothing of what became of this one.
     if (sites_[steps_[number].root].name.empty()) continue;
-    const Result<bool> undone = is_undone(number);
+    Result<bool> undone = is_undone(number);
     if (!undone || *undone) return undone;
   }
   return false;

@@ -28,7 +28,7 @@ std::uint8_t input[kBuffer];
 std::uint8_t output[4 * kBuffer];
 
 int fail(const char* why) {
-  std::fprintf(stderr, "gzip: %s\n", why);
+  static_cast<void>(std::fprintf(stderr, "gzip: %s\n", why));
   return kFailed;
 }
 
@@ -97,7 +97,7 @@ enum class Header { read, none, bad };
 
 /// isal_inflate() reads headers as well, but forgets half of one when the input ends in it.
 Header read_header(inflate_state& state) {
-  isal_gzip_header header;
+  isal_gzip_header header = {};
   isal_inflate_reset(&state);
   isal_gzip_header_init(&header);
   if (state.avail_in == 0 && !refill(state)) return Header::none;

@@ -247,7 +247,7 @@ TEST_F(Gzip, UnpacksMembersUpToWhatIsNone) {
   };
   for (const auto& [stream, answer] : streams) {
     const std::string command = std::string("{ ") + stream + "; } | { gzip -d 2>/dev/null; echo $?; }";
-    EXPECT_EQ(output_of(command.c_str()), answer) << stream;
+    EXPECT_EQ(output_of(command), answer) << stream;
   }
 }
 
