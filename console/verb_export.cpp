@@ -8,6 +8,7 @@
 #include "exit_status.h"
 #include "report.h"
 #include "text.h"
+#include "turns.h"
 #include "verb_functions.h"
 
 namespace console {
@@ -31,6 +32,7 @@ std::optional<cs::Snapshots> chosen(const Options& options, int& status) {
 
 cs::Error write_out(std::string_view bytes) {
   while (!bytes.empty()) {
+    if (interrupted()) return {cs::Code::failed, EINTR, "standard output", "interrupted"};
     const ssize_t size = write(STDOUT_FILENO, bytes.data(), bytes.size());
     if (size < 0 && errno == EINTR) continue;
     if (size < 0) return {cs::Code::failed, errno, "standard output", std::strerror(errno)};
@@ -57,7 +59,12 @@ std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
     if (exported) return std::move(*exported);
     const bool is_deleted = options.all && exported.error().code == cs::Code::not_found;
     if (is_deleted && attempt < kAttempts) continue;
-    status = report(exported.error());
+    if (interrupted()) {
+      status = kFailed;
+      std::cerr << "confsave: interrupted; the copy is not whole.\n";
+    } else {
+      status = report(exported.error());
+    }
     return std::nullopt;
   }
 }
