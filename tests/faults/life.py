@@ -223,7 +223,8 @@ class Life:
         needed = max([LEAST_ROOM, *(3 * size for *_, size in rows)])
         # Nobody is at work: a restore that waits for its check waits for ever.
         is_so = {"pending": state == PENDING, "interrupted": state not in (None, PENDING),
-                 "leftovers": bool(self.left()), "failover-missing": False, "readable": False,
+                 "leftovers": any(map(has_made_name, self.left())),
+                 "failover-missing": False, "readable": False,
                  "stale": not rows or not now - STALE <= newest <= now + DAY or
                  0 < newest_autosave < now - STALE,
                  "space": disk.f_bavail * disk.f_frsize < needed}
@@ -288,6 +289,11 @@ class Life:
         names = [row[1] for row in self.pinned.values()]
         for (name, _), found in found_by_program(self.gateway, *names).items():
             require(name not in names or (isinstance(found, dict) and found), name, "does not load:", found)
+
+
+def has_made_name(path):
+    """One of six lower-case letters may be of a person."""
+    return not re.fullmatch("[a-z]{6}", os.path.basename(path))
 
 
 def seconds(text):
