@@ -31,7 +31,8 @@
 // returns Code::busy.
 //
 // Memory. Archives are read as streams: memory does not grow with the size of a snapshot. Only save() holds
-// its packed archives, and SQLite a copy of them.
+// its packed archives, and SQLite a copy of them. SQLite also holds the packed archives of a row that is
+// exported, imported or stamped by a restore, up to twice.
 //
 // Times are seconds since the epoch, of 64 bits. Versions are packed, see <confsave.h>. Paths of members
 // are absolute: where a restore puts them.
