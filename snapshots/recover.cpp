@@ -255,12 +255,11 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
         waits ? sites[step.root].beneath.failure(step.path, ENOTEMPTY) : exchange.undo(number, foreign);
     if (error.code == Code::ok) continue;
     failed.push_back(&step);
-    if (first.code == Code::ok) {
-      first = std::move(error);
-    } else {
-      others += others.empty() ? "; not put back either: " : ", ";
-      others += error.path;
-    }
+    // An error may be about a directory on the way.
+    const std::string path = sites[step.root].beneath.shown(step.path);
+    const bool is_named = first.code == Code::ok && error.path == path;
+    if (first.code == Code::ok) first = std::move(error);
+    if (!is_named) others += (others.empty() ? "; not put back either: " : ", ") + path;
   }
   if (first.code == Code::ok) first = exchange.sync();
   if (first.code == Code::ok) first = journal.set_state(State::undone, record.ending);
