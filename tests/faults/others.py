@@ -20,7 +20,7 @@ import tarfile
 import threading
 import time
 
-from gateway import CONFIG, DATABASE, ETC, FAILOVER, Gateway, main, remove, require
+from gateway import CONFIG, DATABASE, ETC, FAILOVER, Failure, Gateway, main, remove, require
 from trees import picture
 
 CALLS = "renameat2,fsync,fdatasync,syncfs,mkdirat,unlinkat,fchmod,linkat"
@@ -378,18 +378,30 @@ def recovered_beside_a_link(site):
     outside.rmdir()
 
 
+def stopped_before_the_exchange(site):
+    """By its last call before, and killed after the first call that puts something back."""
+    for _ in range(5):
+        site.write("old")
+        calls = calls_of(site.gateway)
+        first = next(i for i, (call, _) in enumerate(calls) if call == "renameat2")
+        site.write("old")
+        stopped = Stopped(site.gateway, *calls[first - 1],
+                          "-e", f"inject=renameat2:signal=KILL:when={calls[first][1] + 1}")
+        if stopped.wait():
+            return stopped
+        # Not every run syncs as often, so that the call may have had another number.
+        stopped.finish()
+        site.gateway.do("typed-recover")
+    raise Failure("was not stopped")
+
+
 def killed_before_it_puts_back(site):
     """What comes out of the first exchange is somebody else's file, and the process dies right then."""
     gateway = site.gateway
     site.write("old")
-    calls = calls_of(gateway)
-    first = next(i for i, (call, _) in enumerate(calls) if call == "renameat2")
-    site.write("old")
     plan = gateway.do("typed-plan", "new").splitlines()
     path = pathlib.Path(next(line for line in plan if line.startswith("replace ")).split(" ", 1)[1])
-    stopped = Stopped(gateway, *calls[first - 1],
-                      "-e", f"inject=renameat2:signal=KILL:when={calls[first][1] + 1}")
-    require(stopped.wait(), "was not stopped")
+    stopped = stopped_before_the_exchange(site)
     replace(path)
     before = {name: {other: seen for other, seen in found.items() if LEFT not in other}
               for name, found in site.pictures().items()}
