@@ -85,11 +85,12 @@ int pack() {
   return close(STDOUT_FILENO) == 0 ? 0 : fail_as_the_system_says("gzip: standard output");
 }
 
-/// False at the end, or after an error.
+/// False at the end. An error ends the process: it must not count as the end.
 bool refill(inflate_state& state) {
   const ssize_t length = read_some(STDIN_FILENO, input);
+  if (length == -1) std::exit(fail_as_the_system_says("gzip: standard input"));
   state.next_in = input;
-  state.avail_in = length > 0 ? static_cast<std::uint32_t>(length) : 0;
+  state.avail_in = static_cast<std::uint32_t>(length);
   return length > 0;
 }
 

@@ -251,6 +251,17 @@ TEST_F(Gzip, UnpacksMembersUpToWhatIsNone) {
   }
 }
 
+/// The last read is the one that finds the end.
+TEST_F(Gzip, AnErrorBehindAMemberIsNotTheEnd) {
+  // A sanitizer that looks for leaks cannot do so while it is traced.
+  const std::string command = "cd " + dir + "; export ASAN_OPTIONS=detect_leaks=0; echo a | gzip >a.gz; " +
+                              "strace -qq -o calls -e trace=read gzip -d <a.gz >unpacked; " +
+                              "last=$(grep -n 'read(0' calls | tail -n 1 | cut -d : -f 1); " +
+                              "strace -qq -o again -e trace=read -e inject=read:error=EIO:when=$last " +
+                              "gzip -d <a.gz 2>&1 >unpacked; echo $?; cat unpacked";
+  EXPECT_EQ(output_of(command), "gzip: standard input: Input/output error\n1\na\n");
+}
+
 TEST_F(Gzip, RestOfThePathIsThatOfTheHost) {
   EXPECT_EQ(output_of("echo ${PATH#*:}"), std::string(std::getenv("PATH")) + "\n");
 }
