@@ -64,7 +64,6 @@ VERBS = [
 # Of a host, which knows nothing of pins and restores, and has snapshots of its own.
 HOST = [(8, ["save", NAME]), (4, ["app-save", NAME]), (4, ["app-del", NAME]), (5, ["load", NAME, FILE]),
         (4, ["autosave", "1000000"]), (4, ["list"])]
-NO_ROOM = re.compile(r"No space left|disk is full|bytes of room|full|disk I/O", re.I)
 
 
 class Life:
