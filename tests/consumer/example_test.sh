@@ -12,7 +12,7 @@ filter=$work/config/user/filter.conf
 failover=/mnt/main/etc/failover.ini
 echo 'permit established' >"$filter"
 
-block embedding cpp 2 | same 'the page shows another program' "$(cat "$tree/examples/undo_on_failure.cpp")"
+block embedding cpp 3 | same 'the page shows another program' "$(cat "$tree/examples/undo_on_failure.cpp")"
 
 # try COMMAND EXPECTED: what the example prints, and its exit status.
 try() {

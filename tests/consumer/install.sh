@@ -21,8 +21,8 @@ build() {
 # write_project DIRECTORY [PROGRAM CMAKE]: a stranger's project, as the page has it in these blocks.
 write_project() {
     mkdir "$1"
-    block embedding cpp "${2-1}" >"$1/host.cpp"
-    block embedding cmake "${3-1}" >"$1/CMakeLists.txt"
+    block embedding cpp "${2-2}" >"$1/host.cpp"
+    block embedding cmake "${3-2}" >"$1/CMakeLists.txt"
 }
 
 # To the commands of a page, c++ is the compiler that the library was built with.

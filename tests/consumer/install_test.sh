@@ -24,42 +24,47 @@ mv "$work/first" "$prefix"
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name confsave.pc)")
 libraries=$(dirname "$(find "$prefix" -name libconfsave.so)")
 export CMAKE_PREFIX_PATH="$prefix" PKG_CONFIG_PATH
+# The host of the typed library takes a change back, is short, and has nothing to guard against.
+write_project "$work/typed" 1 1
+cd "$work/typed"
+[ "$(wc -l <host.cpp)" -le 25 ] || complain 'the host of the typed library has more than 25 lines'
+filter=$KELMOR_CONFIG_PATH/user/filter.conf
+failover=/mnt/main/etc/failover.ini
+takes_back() {
+    failing="echo 'permit any' >'$filter'; rm $failover; touch '$KELMOR_CONFIG_PATH/user/nat.conf'; false"
+    expect "what the host built by $1 takes back" "$failover
+${KELMOR_CONFIG_PATH}user/filter.conf
+${KELMOR_CONFIG_PATH}user/nat.conf" "$("$2" "$failing")"
+    expect "the files that the host built by $1 takes back" 'permit established permit established' \
+        "$(cat "$filter" "$failover" "$KELMOR_CONFIG_PATH"/user/nat.conf 2>/dev/null | xargs)"
+    expect "the comment of the host built by $1" "$failing" \
+        "$(sqlite3 "$KELMOR_DYNAMIC_DIR/notes.db" "select comment from note where comment glob 'echo*'")"
+    expect "what the host built by $1 prints of a command that succeeds" '' "$("$2" "echo deny >'$filter'")"
+    expect "the file that the host built by $1 keeps" deny "$(cat "$filter")"
+    echo 'permit established' >"$filter"
+    rm "$KELMOR_DYNAMIC_DIR/notes.db"
+}
+block embedding sh 1 >commands
+quietly sh -e commands
+takes_back CMake build/host
+block embedding sh 2 >commands
+quietly sh -e commands
+export LD_LIBRARY_PATH="$libraries"
+takes_back pkg-config ./host
+unset LD_LIBRARY_PATH
+refused=$(build/host 2>&1) && complain 'the typed host accepts no arguments'
+expect 'what it prints then' '' "$refused"
+rm "$KELMOR_DYNAMIC_DIR"/*
+confsave save weekly
+
 write_project "$work/project"
 cd "$work/project"
 block embedding sh 1 >commands
 quietly sh -e commands
-lists CMake <"$work/.written"
-block embedding sh 2 >commands
-quietly sh -e commands
-LD_LIBRARY_PATH=$libraries ./host | lists pkg-config
-
-# The host of the typed library, which saves with a comment and prints what changed, is short.
-write_project "$work/typed" 3 2
-cd "$work/typed"
-[ "$(wc -l <host.cpp)" -lt 25 ] || complain 'the host of the typed library has 25 lines or more'
-filter=$KELMOR_CONFIG_PATH/user/filter.conf
-shows_changes() {
-    echo 'deny any' >"$filter"
-    changed=$("$2" 'before the new filter' "echo 'permit any' >'$filter'; rm /mnt/main/etc/failover.ini") ||
-        complain "the typed host built by $1 fails"
-    expect "what the typed host built by $1 prints" "/mnt/main/etc/failover.ini
-${KELMOR_CONFIG_PATH}user/filter.conf" "$changed"
-    expect "the comment of the typed host built by $1" 'before the new filter' \
-        "$(sqlite3 "$KELMOR_DYNAMIC_DIR/notes.db" "select comment from note where comment <> ''")"
-    expect "what the typed host built by $1 prints of no change" '' "$("$2" again true)"
-    echo 'permit established' >/mnt/main/etc/failover.ini
-    rm "$KELMOR_DYNAMIC_DIR/notes.db"
-}
-block embedding sh 1 | head -n 2 >commands
-quietly sh -e commands
-shows_changes CMake build/host
+build/host | lists CMake
 block embedding sh 3 >commands
 quietly sh -e commands
-export LD_LIBRARY_PATH="$libraries"
-shows_changes pkg-config ./host
-unset LD_LIBRARY_PATH
-refused=$(build/host 2>&1) && complain 'the typed host accepts no arguments'
-expect 'what it prints then' '' "$refused"
+LD_LIBRARY_PATH=$libraries ./host | lists pkg-config
 
 # A host needs no other headers than the installed ones.
 for header in confsave.h confsave/snapshots.h; do
