@@ -3,6 +3,8 @@
 #include <confsave/snapshots.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <utility>
 
 #include "names.h"
 #include "values.h"
@@ -16,16 +18,33 @@ namespace cs = ConfSave::snapshots;
 constexpr const char* kPathChars =
     "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-_./+,=@:";
 
-/// The names of stored snapshots, each once.
-Arguments stored_names() {
+/// The rows that match, in the order of names.
+cs::Snapshots stored(const std::string& pattern) {
   cs::Query query;
+  query.pattern = pattern;
   query.order = cs::Query::Order::name;
-  const auto snapshots = cs::list(query);
+  auto snapshots = cs::list(query);
+  return snapshots ? std::move(*snapshots) : cs::Snapshots();
+}
+
+void add_once(Arguments& words, const std::string& word) {
+  if (std::find(words.begin(), words.end(), word) == words.end()) words.push_back(word);
+}
+
+/// The names of stored snapshots, each once, and NAME@VERSION where a name has several versions.
+Arguments stored_names() {
+  const cs::Snapshots snapshots = stored("*");
   Arguments names;
-  if (!snapshots) return names;
-  for (const cs::Snapshot& snapshot : *snapshots) {
-    const std::string& name = snapshot.config.name;
-    if (is_name(name) && (names.empty() || names.back() != name)) names.push_back(name);
+  for (auto at = snapshots.begin(); at != snapshots.end(); ++at) {
+    const std::string& name = at->config.name;
+    if (!is_name(name)) continue;
+    const auto is_another = [&](const cs::Snapshot& other) {
+      return &other != &*at && other.config.name == name;
+    };
+    add_once(names, name);
+    if (std::any_of(snapshots.begin(), snapshots.end(), is_another)) {
+      add_once(names, name + "@" + version_text(at->config.vers));
+    }
   }
   return names;
 }
@@ -35,21 +54,35 @@ bool takes_value(const std::string& word) {
   return option != nullptr && option->value[0] != '\0';
 }
 
-/// The first word that is neither the verb nor part of an option.
-std::string first_operand(const Arguments& words) {
+/// The words that are neither the verb nor part of an option.
+Arguments operands(const Arguments& words) {
+  Arguments result;
   for (std::size_t i = 1; i < words.size(); ++i) {
     if (takes_value(words[i])) {
       ++i;
     } else if (words[i].substr(0, 1) != "-") {
-      return words[i];
+      result.push_back(words[i]);
     }
   }
-  return "";
+  return result;
+}
+
+/// The versions of the snapshots that the words name; of all, if they name none.
+Arguments versions(const Arguments& words) {
+  const Arguments named = operands(words);
+  Arguments result;
+  for (const cs::Snapshot& snapshot : stored(named.empty() ? "*" : named.front())) {
+    add_once(result, version_text(snapshot.config.vers));
+  }
+  add_once(result, "none");
+  return result;
 }
 
 /// The files of the snapshot that the words name.
 Arguments paths(const Arguments& words) try {
-  const Selection selection = parse_selection(first_operand(words));
+  const Arguments named = operands(words);
+  if (named.empty()) return {};
+  const Selection selection = parse_selection(named.front());
   cs::Query query;
   query.pattern = selection.name;
   query.version = selection.version;
@@ -78,10 +111,16 @@ Arguments candidates(const Arguments& words) {
   }
   const Verb* verb = find_verb(words.front());
   if (verb == nullptr) return result;
-  if (words.back() == "--file") return paths(words);
-  if (takes_value(words.back())) return split(find_option(words.back())->values);
-  if (verb->first != nullptr && verb->first->is_snapshot) result = stored_names();
-  for (const std::string& option : split(verb->options)) result.push_back(option);
+  const std::string& last = words.back();
+  if (last == "--file") return paths(words);
+  if (last == "--version" || last == "--upto") return versions(words);
+  if (takes_value(last)) return split(find_option(last)->values);
+  const std::size_t count = operands(words).size();
+  const Operand* next = count == 0 ? verb->first : count == 1 ? verb->second : nullptr;
+  if (next != nullptr && next->is_snapshot) result = stored_names();
+  for (const std::string& option : split(verb->options)) {
+    if (std::find(words.begin(), words.end(), option) == words.end()) result.push_back(option);
+  }
   return result;
 }
 

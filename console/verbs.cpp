@@ -114,10 +114,19 @@ int print_help(std::ostream& out, int status) {
   return status;
 }
 
-/// For the completion of a command line in bash.
+/// For the completion of a command line in a shell: a candidate, and behind a tab what a verb or option
+/// does.
 int print_candidates(const Arguments& arguments) {
-  for (const std::string& candidate : candidates({arguments.begin() + 1, arguments.end()})) {
-    std::cout << candidate << '\n';
+  const Arguments words(arguments.begin() + 1, arguments.end());
+  for (const std::string& candidate : candidates(words)) {
+    std::cout << candidate;
+    const Option* option = find_option(candidate);
+    if (words.empty()) {
+      std::cout << '\t' << find_verb(candidate)->effect;
+    } else if (option != nullptr) {
+      std::cout << '\t' << option->effect;
+    }
+    std::cout << '\n';
   }
   return kDone;
 }

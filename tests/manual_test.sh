@@ -20,10 +20,10 @@ entry_of() {
         verbs && mine' "$page"
 }
 
-verbs=$(confsave --complete)
+verbs=$(confsave --complete | cut -f 1)
 [ "$(echo "$verbs" | wc -w)" -ge 8 ] || complain 'fewer than 8 verbs'
 for verb in $verbs; do
-    offered=$(confsave --complete "$verb" | grep '^--' | sort)
+    offered=$(confsave --complete "$verb" | cut -f 1 | grep '^--' | sort)
     [ -n "$(entry_of "$verb")" ] || complain "the page does not describe $verb"
     expect "the options of $verb on the page" "$offered" \
         "$(entry_of "$verb" | sed -n 's/^\.It Fl -\([a-z-]*\).*/--\1/p' | sort)"
@@ -44,27 +44,3 @@ shown=$(sed -n '/^Restore from afar/,/^\.Ed/p' "$page" | grep -E '^(\$|This|and|
 echo "$shown" | while IFS= read -r line; do
     grep -qF -- "$line" "$tree/tests/dialogues/pending.txt" || complain "the page shows '$line'"
 done
-
-# shellcheck source=/dev/null
-. "$tree/console/confsave.bash"
-completes() {
-    COMP_WORDS=(confsave "${@:2}")
-    COMP_CWORD=$(($# - 1))
-    COMPREPLY=()
-    _confsave
-    expect "the completion of '${*:2}'" "$1" "${COMPREPLY[*]}"
-}
-
-touch "$work/config/user/gateway.conf"
-for name in weekly working daily; do confsave save --type corlu "$name"; done
-completes "$(echo "$verbs" | xargs)" ''
-completes 'show save status shell' s
-completes 'weekly working' load w
-completes 'daily weekly working --version --force --wait' delete ''
-completes 'daily weekly working --version --patch --json' diff weekly ''
-completes 'none' pin weekly --version ''
-completes '--type' save --t
-completes 'full part corlu' save --type ''
-completes 'saved' list --sort s
-completes '' load --target ''
-completes '' nonsense ''
