@@ -36,6 +36,7 @@ void ContentCheck::begin(const Entry& entry) {
   // Of entries with the same path the last one counts.
   known_.erase(path_);
   live_ = Descriptor();
+  is_equal_ = false;
   if (entry.kind != Kind::file && entry.kind != Kind::hardlink) return;
   open_live(entry.path);
   if (!live_) return;

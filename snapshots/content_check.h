@@ -34,6 +34,9 @@ class ContentCheck : public KnownDigests {
   /// Ends a regular file, with the digest that it gets.
   void end(const Digest& digest);
 
+  /// Whether the last file of the archives is the same as the live one.
+  bool is_equal() const { return is_equal_; }
+
   const Digest* digest_of(const std::string& path, const Stamp& stamp) const override;
 
   /// Whether it takes digests to know if the two contents differ: the live file has changed since it was

@@ -44,7 +44,8 @@ class Planning {
         destinations_(Destinations::of(options.target)),
         owners_count_(geteuid() == 0) {}
 
-  Result<DetailedPlan> run() {
+  Result<DetailedPlan> run(std::size_t room) {
+    plan_.decoded = DecodedFiles(room);
     plan_.shown.snapshot = row_.snapshot;
     plan_.directories.push_back(destinations_.configuration);
     const bool has_failover = row_.snapshot.config.type != conf_corlu;
@@ -89,7 +90,8 @@ class Planning {
   }
 
   Error read_both(ContentCheck& check) {
-    Result<std::map<std::string, Wanted>> wanted = read_wanted(row_, destinations_, check, progress());
+    Result<std::map<std::string, Wanted>> wanted =
+        read_wanted(row_, destinations_, check, plan_.decoded, progress());
     if (!wanted) return wanted.error();
     plan_.wanted = std::move(*wanted);
     Result<Tree> live = read_parts(parts(), check);
@@ -336,12 +338,13 @@ class Planning {
 
 }  // namespace
 
-Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, const Deadline& deadline) {
+Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, const Deadline& deadline,
+                               std::size_t room) {
   if (row.snapshot.config.vers > CURRENT_VERSION && !options.allow_newer) {
     return Error{Code::newer, 0, "",
                  "the snapshot '" + printable(row.snapshot.config.name) + "' is of a newer version"};
   }
-  return Planning(row, options, deadline).run();
+  return Planning(row, options, deadline).run(room);
 }
 
 }  // namespace ConfSave::snapshots

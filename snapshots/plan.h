@@ -30,12 +30,14 @@ struct DetailedPlan {
   std::vector<std::string> directories;  ///< that are restored into, by the number of a step's root
   std::map<std::string, Wanted> wanted;
   std::map<std::string, LiveMember> live;
+  DecodedFiles decoded;
   std::vector<PlannedStep> steps;     ///< in the order of execution
   std::vector<std::string> warnings;  ///< a sentence each
 };
 
-/// Compares a row with the live files, or with those in the target.
-Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, const Deadline& deadline);
+/// Compares a row with the live files, or with those in the target. `room` in bytes, for decoded files.
+Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, const Deadline& deadline,
+                               std::size_t room = 0);
 
 /// Turns the changes of `plan` into steps.
 void write_steps(DetailedPlan& plan);

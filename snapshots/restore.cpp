@@ -33,6 +33,9 @@ Error with_aftermath(Error error, Aftermath aftermath) {
   return error;
 }
 
+/// For decoded files: more are decoded twice.
+constexpr std::size_t kRoom = 8 << 20;
+
 class Restoring {
  public:
   Restoring(const Id& id, const RestoreOptions& options)
@@ -42,9 +45,8 @@ class Restoring {
     Error error = take_lock();
     if (error.code == Code::ok) error = recover_wholly(deadline_);
     if (error.code == Code::ok) error = make_plan();
-    if (error.code == Code::ok) error = sync_equal_files();
     if (error.code != Code::ok) return error;
-    if (plan_.steps.empty()) return finish(Restored::Outcome::unchanged);
+    if (plan_.steps.empty()) return stay();
     error = prepare();
     if (error.code == Code::ok) error = exchange();
     if (error.code != Code::ok) return error;
@@ -65,6 +67,11 @@ class Restoring {
 
   bool is_windowed() const { return options_.confirm_within.count() != 0; }
 
+  Result<Restored> stay() {
+    Error error = sync_destinations(plan_.directories);
+    return error.code == Code::ok ? finish(Restored::Outcome::unchanged) : Result<Restored>(error);
+  }
+
   Result<Restored> finish(Restored::Outcome outcome) {
     restored_.outcome = outcome;
     restored_.plan = std::move(plan_.shown);
@@ -81,23 +88,12 @@ class Restoring {
     Result<OpenRow> row = open_row(id_, deadline_);
     if (!row) return row.error();
     row_.emplace(std::move(*row));
-    Result<DetailedPlan> plan = snapshots::make_plan(*row_, options_, deadline_);
+    Result<DetailedPlan> plan = snapshots::make_plan(*row_, options_, deadline_, kRoom);
     if (!plan) return plan.error();
     plan_ = std::move(*plan);
     restored_.warnings = plan_.warnings;
     if (!options_.expected || is_same_plan(*options_.expected, plan_.shown)) return {};
     return {Code::changed_meanwhile, 0, "", "the files or the snapshot changed since the plan was made"};
-  }
-
-  /// Files that equal the snapshot are part of what lasts, and who wrote them may not have synced them.
-  Error sync_equal_files() const {
-    for (const std::string& path : plan_.directories) {
-      const Result<Beneath> directory = Beneath::open(path);
-      if (!directory && directory.error().number == ENOENT) continue;
-      if (!directory) return directory.error();
-      if (syncfs(directory->root()) != 0) return directory->failure("", errno);
-    }
-    return {};
   }
 
   // ---- Up to here, and in what follows, no live file changes.
@@ -127,9 +123,12 @@ class Restoring {
   }
 
   Error stage_and_keep() {
+    report(Progress::Phase::staging);
     Error error = stage(*row_, plan_, sites_, options_);
+    plan_.decoded.clear();
     // A transaction that reads the storage would keep out those that write.
     row_.reset();
+    if (error.code == Code::ok) error = sync_destinations(plan_.directories, sites_);
     if (error.code == Code::ok) error = keep();
     // What has nobody to take it back in time must not begin. It may take long, so the storage is still
     // open.

@@ -17,9 +17,6 @@
 namespace ConfSave::snapshots {
 namespace {
 
-/// Fewer files than this are synced each; with more, one sync of the file system is faster.
-constexpr std::size_t kSyncsOneByOne = 8;
-
 timespec seconds(int64 time) { return {time, 0}; }
 
 class Staging {
@@ -32,11 +29,9 @@ class Staging {
       if (Error error = make_directory(site); error.code != Code::ok) return error;
     }
     find_sources();
-    syncs_all_ = sources_[Base::configuration].size() + sources_[Base::failover].size() > kSyncsOneByOne;
     Error error = stage_others();
     if (error.code == Code::ok) error = stage_files();
     if (error.code == Code::ok) error = link_names();
-    if (error.code == Code::ok) error = sync();
     return error.code == Code::ok ? note_identities() : error;
   }
 
@@ -133,12 +128,32 @@ class Staging {
     return done ? Error{} : failure(step);
   }
 
-  /// Reads the archives again, as far as there is something to stage.
+  /// Reads the archives again, as far as the plan has not left what there is to stage.
   Error stage_files() {
     for (const Column& column : columns_of(row_.snapshot.config.type)) {
       const auto sources = sources_.find(column.base);
       if (sources == sources_.end()) continue;
-      if (Error error = stage_column(column, sources->second); error.code != Code::ok) return error;
+      Error error = is_decoded(column.base, sources->second) ? stage_decoded(column.base, sources->second)
+                                                             : stage_column(column, sources->second);
+      if (error.code != Code::ok) return error;
+    }
+    return {};
+  }
+
+  bool is_decoded(Base base, const std::map<int64, Source>& sources) const {
+    return std::all_of(sources.begin(), sources.end(), [&](const auto& source) {
+      return source.second.unchanged != nullptr || plan_.decoded.find(base, source.first) != nullptr;
+    });
+  }
+
+  Error stage_decoded(Base base, const std::map<int64, Source>& sources) {
+    for (const auto& [entry, source] : sources) {
+      if (source.unchanged != nullptr) continue;
+      const std::size_t number = source.steps.front();
+      const PlannedStep& planned = plan_.steps[number];
+      StagedFile file(site_of(planned.step).staging.get(), std::to_string(number));
+      if (!file || !file.add(*plan_.decoded.find(base, entry))) return failure(planned.step);
+      if (Error error = finish_file(planned, file); error.code != Code::ok) return error;
     }
     return {};
   }
@@ -193,8 +208,7 @@ class Staging {
     if (Error error = carry_over(planned, file.get()); error.code != Code::ok) return error;
     const timespec times[] = {seconds(member.time), seconds(member.time)};
     const bool done = fchmod(file.get(), mode_for(member, status)) == 0 && futimens(file.get(), times) == 0;
-    if (!done) return failure(step);
-    return syncs_all_ || fsync(file.get()) == 0 ? Error{} : failure(step);
+    return done ? Error{} : failure(step);
   }
 
   /// Without the rights of root the file has another owner: it must not run as that one.
@@ -270,16 +284,6 @@ class Staging {
     return is_it ? Error{} : changed(printable(live.member.path));
   }
 
-  /// The names in the staging directories, and their own names, have to last as the files do.
-  Error sync() {
-    for (Site& site : sites_) {
-      const int root = site.beneath.root();
-      const bool done = syncs_all_ ? syncfs(root) == 0 : fsync(site.staging.get()) == 0 && fsync(root) == 0;
-      if (!done) return site.beneath.failure(site.name, errno);
-    }
-    return {};
-  }
-
   Error note_identities() {
     std::map<std::pair<std::size_t, std::string>, Identity> directories;
     for (std::size_t number = 0; number < plan_.steps.size(); ++number) {
@@ -314,11 +318,29 @@ class Staging {
   std::vector<Site>& sites_;
   const RestoreOptions& options_;
   std::map<Base, std::map<int64, Source>> sources_;  ///< by the entry of the archive
-  bool syncs_all_ = false;
   Progress progress_;
 };
 
 }  // namespace
+
+Error sync_destinations(const std::vector<std::string>& directories, const std::vector<Site>& sites) {
+  std::set<dev_t> synced;
+  const auto sync = [&synced](const Beneath& directory) {
+    const bool done = !synced.insert(directory.status().st_dev).second || syncfs(directory.root()) == 0;
+    return done ? Error{} : directory.failure("", errno);
+  };
+  // Through a descriptor that was opened before the writes, a failure of theirs is not missed.
+  for (const Site& site : sites) {
+    if (Error error = sync(site.beneath); error.code != Code::ok) return error;
+  }
+  for (const std::string& path : directories) {
+    const Result<Beneath> directory = Beneath::open(path);
+    if (!directory && directory.error().number == ENOENT) continue;
+    if (!directory) return directory.error();
+    if (Error error = sync(*directory); error.code != Code::ok) return error;
+  }
+  return {};
+}
 
 Error stage(OpenRow& row, DetailedPlan& plan, std::vector<Site>& sites, const RestoreOptions& options) {
   return Staging(row, plan, sites, options).run();

@@ -14,17 +14,30 @@ namespace {
 /// Gathers what one archive restores.
 class Collecting {
  public:
-  Collecting(Base base, std::string destination, ContentCheck& check)
+  Collecting(Base base, std::string destination, ContentCheck& check, DecodedFiles& decoded)
       : base_(base),
         prefix_(directory_of(base).size()),
         destination_(std::move(destination)),
+        check_(check),
+        decoded_(decoded),
         reader_(
             base, OwnedBy::whom_a_restore_sets, [this](Member member) { return add(std::move(member)); },
             &check) {
     check.enter(destination_);
   }
 
-  EntryHandler handler() { return reader_.handler(); }
+  EntryHandler handler() {
+    EntryHandler handler = reader_.handler();
+    handler.begin = [this, begin = std::move(handler.begin)](const Entry& entry) {
+      decoded_.begin();
+      return begin(entry);
+    };
+    handler.content = [this, content = std::move(handler.content)](std::string_view piece) {
+      decoded_.add(piece);
+      return content(piece);
+    };
+    return handler;
+  }
 
   void take(std::map<std::string, Wanted>& wanted) {
     for (auto& [path, found] : found_) {
@@ -37,6 +50,7 @@ class Collecting {
  private:
   Error add(Member member) {
     const std::string path = member.path.substr(prefix_);
+    if (member.kind == Kind::file && !check_.is_equal()) decoded_.keep(base_, count_);
     Wanted wanted{std::move(member), base_, count_++};
     if (wanted.member.kind == Kind::hardlink) {
       // tar gives a link what its file has. The reader has seen to it that the file comes first.
@@ -51,6 +65,8 @@ class Collecting {
   Base base_;
   std::size_t prefix_;
   std::string destination_;
+  ContentCheck& check_;
+  DecodedFiles& decoded_;
   MemberReader reader_;
   std::unordered_map<std::string, Wanted> found_;  ///< by relative path
   int64 count_ = 0;
@@ -84,13 +100,15 @@ bool is_of_packet_filter(const std::string& path) {
 }
 
 Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinations& destinations,
-                                                  ContentCheck& check, const PackedProgress& progress) {
+                                                  ContentCheck& check, DecodedFiles& decoded,
+                                                  const PackedProgress& progress) {
+  decoded.clear();
   std::map<std::string, Wanted> wanted;
   std::vector<Column> columns = columns_of(row.snapshot.config.type);
   // Where both go into one directory, the configuration's files win.
   std::reverse(columns.begin(), columns.end());
   for (const Column& column : columns) {
-    Collecting collecting(column.base, destinations.of(column.base), check);
+    Collecting collecting(column.base, destinations.of(column.base), check, decoded);
     Error error = read_column(row, column, collecting.handler(), progress);
     if (error.code != Code::ok) return error;
     collecting.take(wanted);

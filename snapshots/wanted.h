@@ -3,6 +3,7 @@
 #include <map>
 #include <string>
 
+#include "snapshots/decoded_files.h"
 #include "snapshots/row_reader.h"
 
 namespace ConfSave::snapshots {
@@ -29,9 +30,10 @@ struct Destinations {
 
 /// Decodes both archives to the end. By path, except what a restore never brings back: the file of the
 /// running packet filter, and top-level names that begin with a dot. `check` compares the content with the
-/// files at the destinations.
+/// files at the destinations; those that differ are left in `decoded`.
 Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinations& destinations,
-                                                  ContentCheck& check, const PackedProgress& progress = {});
+                                                  ContentCheck& check, DecodedFiles& decoded,
+                                                  const PackedProgress& progress = {});
 
 /// The file of the running packet filter, wherever it is, is never restored, and never removed.
 bool is_of_packet_filter(const std::string& path);

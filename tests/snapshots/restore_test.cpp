@@ -154,6 +154,30 @@ TEST_F(RestoreTest, WhatVouchesForTheContentOfAFileIsNotCarriedOver) {
   EXPECT_EQ(getxattr(file.c_str(), ordinary, nullptr, 0), 7);
 }
 
+TEST_F(RestoreTest, AnArchiveIsDecodedAgainOnlyForWhatDoesNotFit) {
+  const std::string large(6 << 20, 'x');
+  write_file(config("user/gateway.conf"), large + "1");
+  write_file(config("gw1"), large + "2");
+  cs::SaveOptions again;
+  again.overwrite = true;
+  saved("weekly", again);
+  saved_ = everything();
+  const auto read_again = [this](const std::vector<std::string>& files) {
+    for (const std::string& file : files) write_file(config(file), "damaged\n");
+    cs::RestoreOptions options = without_keeping();
+    bool reads = false;
+    options.progress = [&reads](const cs::Progress& progress) {
+      reads = reads || (progress.phase == cs::Progress::Phase::staging && progress.done > 0);
+    };
+    restored(options);
+    EXPECT_EQ(everything(), saved_) << files.front();
+    return reads;
+  };
+  EXPECT_FALSE(read_again({"user/gateway.conf"}));
+  EXPECT_TRUE(read_again({"user/gateway.conf", "gw1"}));
+  EXPECT_FALSE(read_again({"gw1"}));
+}
+
 TEST_F(RestoreTest, AFileThatGoesWhileItIsStagedHasChanged) {
   const std::string file = config("user/gateway.conf");
   for (const char* change : {"true", "ln -s /nowhere ", "mkdir ", "cp /etc/passwd "}) {
