@@ -85,4 +85,17 @@ Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
   return {};
 }
 
+Error check_live_files(const DetailedPlan& plan, std::vector<Site>& sites) {
+  for (const PlannedStep& planned : plan.steps) {
+    Site& site = sites[planned.step.root];
+    const Result<std::optional<struct stat>> now = site.beneath.look(planned.step.path);
+    if (!now) return now.error();
+    const bool is_same_file = planned.stamp ? *now && is_same(stamp_of(**now), *planned.stamp) : !*now;
+    if (is_same_file || (planned.step.what == Step::What::attributes && !planned.stamp)) continue;
+    return {Code::changed_meanwhile, 0, site.beneath.shown(planned.step.path),
+            "the file changed while the restore was prepared"};
+  }
+  return {};
+}
+
 }  // namespace ConfSave::snapshots

@@ -15,4 +15,7 @@ Result<Record> begin_record(DetailedPlan& plan);
 /// written to, another file system below a directory.
 Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan);
 
+/// Code::changed_meanwhile if one of the files that will change is not the one that the plan compared.
+Error check_live_files(const DetailedPlan& plan, std::vector<Site>& sites);
+
 }  // namespace ConfSave::snapshots

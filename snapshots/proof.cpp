@@ -26,7 +26,7 @@ Error decode(const std::vector<char>& archive, Base base, ContentCheck& check,
 /// One packing after another, each compared with the files that it packed.
 class Proving {
  public:
-  explicit Proving(conftype type) : type_(type) {}
+  Proving(conftype type, Phases& phases) : type_(type), phases_(phases) {}
 
   Result<Proven> run() {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -50,6 +50,7 @@ class Proving {
     Error error = pack(proven.packed, check, packed);
     std::vector<std::string> unreadable;
     Result<Tree> live = read_tree(type_, {}, &unreadable, &check);
+    phases_.end("compare");
     has_changed_ = live && has_changed_since_last_time(*live);
     if (!live) return live.error();
     if (error.code == Code::ok) error = compare_with(packed, *live, proven.missing);
@@ -60,13 +61,17 @@ class Proving {
     return error;
   }
 
-  Error pack(Packed& archives, ContentCheck& check, std::map<std::string, Member>& members) const {
+  Error pack(Packed& archives, ContentCheck& check, std::map<std::string, Member>& members) {
     Result<Packed> packed = pack_configuration(type_);
     if (!packed) return packed.error();
     archives = std::move(*packed);
+    phases_.end("pack");
     Error error = decode(archives.keybase, Base::configuration, check, members);
-    if (error.code != Code::ok || type_ == conf_corlu) return error;
-    return decode(archives.etc, Base::failover, check, members);
+    if (error.code == Code::ok && type_ != conf_corlu) {
+      error = decode(archives.etc, Base::failover, check, members);
+    }
+    phases_.end("decode");
+    return error;
   }
 
   bool has_changed_since_last_time(const Tree& live) const {
@@ -100,6 +105,7 @@ class Proving {
   }
 
   conftype type_;
+  Phases& phases_;
   std::optional<Tree> before_;  ///< the live files after the last packing
   bool has_changed_ = false;
   Error last_;
@@ -107,6 +113,6 @@ class Proving {
 
 }  // namespace
 
-Result<Proven> pack_and_prove(conftype type) { return Proving(type).run(); }
+Result<Proven> pack_and_prove(conftype type, Phases& phases) { return Proving(type, phases).run(); }
 
 }  // namespace ConfSave::snapshots

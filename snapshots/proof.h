@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "snapshots/packing.h"
+#include "snapshots/phases.h"
 #include "snapshots/tree.h"
 
 namespace ConfSave::snapshots {
@@ -18,6 +19,6 @@ struct Proven {
 
 /// Packs until the archives equal the live files; Code::changed_meanwhile after some attempts. Any other
 /// error is one that came twice while nothing changed.
-Result<Proven> pack_and_prove(conftype type);
+Result<Proven> pack_and_prove(conftype type, Phases& phases);
 
 }  // namespace ConfSave::snapshots

@@ -1,10 +1,5 @@
 // restore: puts a snapshot in the place of the live files, all or nothing.
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <ctime>
 #include <optional>
 
@@ -19,6 +14,7 @@
 #include "snapshots/edited.h"
 #include "snapshots/keep.h"
 #include "snapshots/lock.h"
+#include "snapshots/phases.h"
 #include "snapshots/plan.h"
 #include "snapshots/preflight.h"
 #include "snapshots/recover.h"
@@ -43,8 +39,11 @@ class Restoring {
 
   Result<Restored> run() {
     Error error = take_lock();
+    phases_.end("lock");
     if (error.code == Code::ok) error = recover_wholly(deadline_);
+    phases_.end("recover");
     if (error.code == Code::ok) error = make_plan();
+    phases_.end("plan");
     if (error.code != Code::ok) return error;
     if (plan_.steps.empty()) return stay();
     error = prepare();
@@ -52,6 +51,7 @@ class Restoring {
     if (error.code != Code::ok) return error;
     row_.reset();
     remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
+    phases_.end("remove old kept");
     if (!is_windowed()) return finish(Restored::Outcome::restored);
     restored_.deadline = end_of(record_.window);
     return finish(Restored::Outcome::pending);
@@ -69,6 +69,7 @@ class Restoring {
 
   Result<Restored> stay() {
     Error error = sync_destinations(plan_.directories);
+    phases_.end("sync");
     return error.code == Code::ok ? finish(Restored::Outcome::unchanged) : Result<Restored>(error);
   }
 
@@ -111,6 +112,7 @@ class Restoring {
     journal_.emplace(std::move(*journal));
     record_.author = author();
     if (Error error = journal_->begin(record_); error.code != Code::ok) return error;
+    phases_.end("journal");
     try {
       Error error = stage_and_keep();
       if (error.code != Code::ok) abandon();
@@ -126,17 +128,23 @@ class Restoring {
     report(Progress::Phase::staging);
     Error error = stage(*row_, plan_, sites_, options_);
     plan_.decoded.clear();
+    phases_.end("stage");
     // A transaction that reads the storage would keep out those that write.
     row_.reset();
     if (error.code == Code::ok) error = sync_destinations(plan_.directories, sites_);
+    phases_.end("sync");
     if (error.code == Code::ok) error = keep();
+    phases_.end("keep");
     // What has nobody to take it back in time must not begin. It may take long, so the storage is still
     // open.
     if (error.code == Code::ok && is_windowed()) error = open_window();
     report(Progress::Phase::exchange);
     if (error.code == Code::ok) error = close_storage();
-    if (error.code == Code::ok) error = check_live_files();
-    return error.code == Code::ok ? write_steps() : error;
+    phases_.end("close the storage");
+    if (error.code == Code::ok) error = check_live_files(plan_, sites_);
+    if (error.code == Code::ok) error = write_steps();
+    phases_.end("prepared");
+    return error;
   }
 
   Error keep() {
@@ -160,19 +168,6 @@ class Restoring {
     if (!options_.target.empty()) return {};
     record_.load_time = std::time(nullptr);
     return options_.check || is_windowed() ? Error{} : storage_->stamp(record_.snapshot, record_.load_time);
-  }
-
-  Error check_live_files() {
-    for (const PlannedStep& planned : plan_.steps) {
-      Site& site = sites_[planned.step.root];
-      const Result<std::optional<struct stat>> now = site.beneath.look(planned.step.path);
-      if (!now) return now.error();
-      const bool is_same_file = planned.stamp ? *now && is_same(stamp_of(**now), *planned.stamp) : !*now;
-      if (is_same_file || (planned.step.what == Step::What::attributes && !planned.stamp)) continue;
-      return {Code::changed_meanwhile, 0, site.beneath.shown(planned.step.path),
-              "the file changed while the restore was prepared"};
-    }
-    return {};
   }
 
   Error write_steps() {
@@ -216,14 +211,17 @@ class Restoring {
       static_cast<void>(undo({}, Foreign::leave));
       throw;
     }
+    phases_.end("exchange");
     if (error.code == Code::ok && options_.check) return check();
     if (error.code == Code::ok) {
       error = is_windowed() ? begin_waiting() : journal_->set_state(State::exchanged);
     }
     if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
+    phases_.end("exchanged");
     if (is_windowed()) return {};
     const Error stamped = storage_->commit();
     finish_storage(*journal_, exchange, storage_, stamped, restored_.warnings);
+    phases_.end("commit and clean up");
     return {};
   }
 
@@ -302,6 +300,7 @@ class Restoring {
   const Id& id_;
   const RestoreOptions& options_;
   Deadline deadline_;
+  Phases phases_{"restore"};
   std::optional<Lock> lock_;
   std::optional<OpenRow> row_;
   DetailedPlan plan_;

@@ -31,22 +31,28 @@ class Saving {
 
   Result<Saved> run() {
     if (Error error = look_around(); error.code != Code::ok) return error;
+    phases_.end("list");
     if (options_.if_changed && newest_) {
       const Result<bool> is_unchanged = compare_with_newest();
+      phases_.end("compare with the newest");
       if (!is_unchanged) return is_unchanged.error();
       if (*is_unchanged) return saved_;
     }
     if (Error error = check_overwriting(); error.code != Code::ok) return error;
-    Result<Proven> proven = pack_and_prove(options_.type);
+    Result<Proven> proven = pack_and_prove(options_.type, phases_);
     if (!proven) return proven.error();
     count(proven->tree);
     if (saved_.files == 0 && !options_.allow_empty) {
       return Error{Code::incomplete, 0, "", "no file of the contents exists"};
     }
     find_missing(*proven);
+    phases_.end("missing");
     if (Error error = store(*proven); error.code != Code::ok) return error;
+    phases_.end("store");
     keep_notes(*proven);
+    phases_.end("notes");
     Reserve::keep(storage_file());
+    phases_.end("reserve");
     return saved_;
   }
 
@@ -178,6 +184,7 @@ class Saving {
   const SaveOptions& options_;
   const Deadline& deadline_;
   std::string author_;
+  Phases phases_{"save"};
   Snapshots rows_;
   std::optional<Snapshot> old_;
   std::optional<Snapshot> newest_;
