@@ -1,9 +1,12 @@
-"""What the benchmarks share: a gateway to measure on, ways that take turns, and the tables."""
+"""What the benchmarks share: a gateway to measure on, and ways that take turns."""
 
+import dataclasses
+import filecmp
 import functools
 import json
 import os
 import pathlib
+import random
 import shutil
 import statistics
 import subprocess
@@ -14,7 +17,21 @@ import time
 HERE = pathlib.Path(__file__).resolve().parent
 ETC = pathlib.Path("/mnt/main/etc")
 SIZES = {"200 KiB": 200 << 10, "5 MiB": 5 << 20, "50 MiB": 50 << 20}
-RESULTS = {"tables": {}}
+RESULTS = {"machine": {}, "tables": {}, "figures": {}}
+GZIP = "/usr/bin/gzip"
+
+
+@dataclasses.dataclass
+class Effort:
+    """How long to measure: `most` rounds, but a way that has taken `seconds` stops after the `least`."""
+    most: int
+    least: int
+    seconds: float
+    sizes: dict
+
+
+FULL = Effort(most=21, least=5, seconds=6, sizes=SIZES)
+QUICK = Effort(most=5, least=3, seconds=0.5, sizes={name: SIZES[name] for name in ("200 KiB", "5 MiB")})
 
 
 def packed_files(build):
@@ -26,58 +43,99 @@ def packed_files(build):
 
 
 class Bench:
+    """A gateway in a temporary directory, and the programs of ConfSave that work on it."""
+
     def __init__(self, build):
-        self.host = str(build / "bench/bench-host")
+        self.host, self.typed_host = str(build / "bench/bench-host"), str(build / "bench/bench-typed")
+        self.program = str(build / "console/confsave")
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="confsave-bench-"))
+        self.config, self.state, self.target = (self.root / name for name in ("config", "state", "target"))
         self.files = packed_files(build)
         self.real = real_files()
         for name in ("config", "state", "tmp", "target"):
             (self.root / name).mkdir()
 
-    def start(self, *words, **environment):
-        environment = {**os.environ, "KELMOR_CONFIG_PATH": f"{self.root}/config/", "LC_ALL": "C",
-                       "KELMOR_DYNAMIC_DIR": f"{self.root}/state", "KELMOR_TEMP_DIR": f"{self.root}/tmp",
+    def start(self, *words, cwd=None, **environment):
+        environment = {**os.environ, "KELMOR_CONFIG_PATH": f"{self.config}/", "LC_ALL": "C",
+                       "KELMOR_DYNAMIC_DIR": str(self.state), "KELMOR_TEMP_DIR": f"{self.root}/tmp",
                        "KELMOR_LOG_LEVEL": "0", "FILES": " ".join(self.files), **environment}
-        return subprocess.Popen(list(map(str, words)), env=environment, stdout=subprocess.DEVNULL,
-                                stderr=subprocess.DEVNULL)
+        return subprocess.Popen(list(map(str, words)), env=environment, cwd=cwd, stdin=subprocess.DEVNULL,
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
-    def run(self, *words, **environment):
+    def run(self, *words, **how):
         """Returns how many seconds a command takes."""
         start = time.perf_counter()
-        if self.start(*words, **environment).wait() != 0:
+        if self.start(*words, **how).wait() != 0:
             sys.exit(f"bench: failed: {' '.join(map(str, words))}: run it by hand to see why")
         return time.perf_counter() - start
 
-    def figures(self, *words):
+    def figures(self, host, *words, **environment):
+        """What one of the hosts measures within its process."""
         file = self.root / "figures"
-        self.run(self.host, *words, BENCH_FIGURES=str(file))
+        self.run(host, *words, BENCH_FIGURES=str(file), BENCH_FILES=str(self.root / "names"), **environment)
         return json.loads(file.read_text())
 
-    def ways(self, *words):
-        """The same work by hand, by the library with gzip, and by the library as it is."""
-        return {"floor": lambda: self.run(HERE / "floor", *words),
-                "confsave, gzip": lambda: self.run(self.host, *words, KELMOR_GZIP="/usr/bin/gzip"),
-                "confsave": lambda: self.run(self.host, *words)}
+    def plain_ways(self, *words):
+        """The same work by hand, by the plain library with gzip, and by the plain library as it is."""
+        return {"by hand": lambda: self.run(HERE / "floor", *words),
+                "plain library, gzip": lambda: self.run(self.host, *words, KELMOR_GZIP=GZIP),
+                "plain library": lambda: self.run(self.host, *words)}
 
-    def clear(self, name):
-        shutil.rmtree(self.root / name)
-        (self.root / name).mkdir()
+    def confsave(self, *words):
+        return lambda: self.run(self.program, *words)
+
+    def save(self):
+        """Files that changed just before a save are read again by each comparison, so it waits first."""
+        self.clear(self.state)
+        time.sleep(3)
+        self.run(self.program, "save", "weekly")
+
+    @staticmethod
+    def clear(directory):
+        shutil.rmtree(directory, ignore_errors=True)
+        directory.mkdir()
 
     def make_configuration(self, size):
-        """Real files of this machine, arranged as a gateway's."""
-        self.clear("config")
+        """Real files of this machine, arranged as a gateway's; a copy of them stays in "original"."""
+        self.clear(self.config)
         share = size // len(self.files)
         files = iter(self.real)
         for name in self.files:
-            path = self.root / "config" / name
+            path = self.config / name
             path.parent.mkdir(exist_ok=True)
             with open(path, "wb") as out:
                 while out.tell() < share:
                     out.write(next(files).read_bytes()[:share - out.tell()])
         (ETC / "failover.ini").write_bytes(self.real[0].read_bytes()[:2000])
+        live = [path for root in (self.config, ETC) for path in root.rglob("*") if path.is_file()]
+        (self.root / "names").write_text("".join(f"{path}\n" for path in live))
+        shutil.rmtree(self.root / "original", ignore_errors=True)
+        shutil.copytree(self.config, self.root / "original")
+
+    def change_a_line(self):
+        with open(self.config / self.files[0], "ab") as out:
+            out.write(b"one line more %d\n" % time.time_ns())
+
+    def renew(self):
+        """A new tree, with the same files."""
+        shutil.rmtree(self.config)
+        shutil.copytree(self.root / "original", self.config)
+
+    def damage(self):
+        for name in self.files[::10]:
+            path = self.config / name
+            path.write_bytes(path.read_bytes().swapcase() + b"damaged\n")
+
+    def check_restored(self, name, tree):
+        """Ends the run unless each file has its original bytes."""
+        for original in (self.root / "original").rglob("*"):
+            restored = tree / original.relative_to(self.root / "original")
+            if original.is_file() and not (restored.is_file() and
+                                           filecmp.cmp(original, restored, shallow=False)):
+                sys.exit(f"bench: {name} has not restored {restored}: its time means nothing; see why")
 
     def fill(self, count, kibibytes):
-        self.clear("state")
+        self.clear(self.state)
         self.run(self.host, "fill", count, kibibytes)
 
 
@@ -90,77 +148,53 @@ def real_files():
             and 200 < path.stat().st_size < 2_000_000][:6000] * 20
 
 
-def quartiles(times):
-    low, middle, high = statistics.quantiles(times, n=4) if len(times) > 1 else times * 3
-    return {"median": middle, "low": low, "high": high}
+def quartiles(values):
+    low, middle, high = statistics.quantiles(values, n=4) if len(values) > 1 else values * 3
+    return {"median": middle, "low": low, "high": high, "rounds": len(values)}
 
 
-def turn_about(rounds, ways, prepare=lambda: None):
-    """ways: name -> function that returns seconds. They take turns; the first round does not count."""
-    times = {name: [] for name in ways}
-    for number in range(rounds + 1):
-        for name, way in ways.items():
-            prepare()
-            seconds = way()
-            if number > 0:
-                times[name].append(seconds)
-    return {name: quartiles(values) for name, values in times.items()}
+class Turns:
+    """Ways take turns, in an order that is drawn anew for each round.
+
+    Before each of them everything written so far is synced: nobody pays for the way before. The first
+    round does not count.
+    """
+
+    def __init__(self, effort, seed):
+        self.effort, self.order = effort, random.Random(seed)
+
+    def take(self, ways, prepare=lambda name: None, check=lambda name: None):
+        """ways: name -> function that returns seconds. `check` follows each way in the first round."""
+        times = {name: [] for name in ways}
+        for number in range(self.effort.most + 1):
+            names = [name for name in ways if self.goes_on(times[name])]
+            self.order.shuffle(names)
+            for name in names:
+                prepare(name)
+                os.sync()
+                seconds = ways[name]()
+                if number > 0:
+                    times[name].append(seconds)
+                else:
+                    check(name)
+        return {name: quartiles(values) for name, values in times.items()}
+
+    def goes_on(self, times):
+        return len(times) < self.effort.least or sum(times) < self.effort.seconds
 
 
 def show(title, rows, base):
-    """rows: label -> name -> quartiles. Ratios are to `base`."""
+    """rows: label -> name -> quartiles of seconds. Ratios are to `base`."""
     RESULTS["tables"][title] = {"base": base, "rows": rows}
     print(f"\n{title}")
     for label, ways in rows.items():
         for name, way in ways.items():
-            print(f"  {label:<12} {name:<16} {way['median'] * 1000:10.2f} ms  "
-                  f"[{way['low'] * 1000:.2f} … {way['high'] * 1000:.2f}] "
-                  f"{way['median'] / ways[base]['median']:6.2f}")
+            ratio = f"{way['median'] / ways[base]['median']:6.2f}" if base in ways else ""
+            print(f"  {label:<9} {name:<24} {way['median'] * 1000:10.2f} ms  "
+                  f"[{way['low'] * 1000:.2f} … {way['high'] * 1000:.2f}] {ratio}", flush=True)
 
 
-def note(label, text):
+def note(label, text, value=None):
     """A figure without a base."""
-    RESULTS.setdefault("figures", {})[label] = text
-    print(f"  {label}: {text}")
-
-
-def rounds_for(rounds, size):
-    return max(3, rounds if size < 20 << 20 else rounds // 3)
-
-
-def others(bench):
-    """Tools that keep files too, where they are installed."""
-    ways, root, config = {}, bench.root, bench.root / "config"
-    run = functools.partial(bench.run, HOME=str(root), RESTIC_PASSWORD="x",
-                            BORG_UNKNOWN_UNENCRYPTED_REPO_ACCESS_IS_OK="yes")
-    for name in ("git", "restic", "borg"):
-        shutil.rmtree(root / name, ignore_errors=True)
-    if shutil.which("git"):
-        run("git", "init", "-q", root / "git")
-        git = ["git", f"--git-dir={root}/git/.git", f"--work-tree={config}", "-c", "user.name=x", "-c",
-               "user.email=x@example.com"]
-        ways["git"] = lambda: (run(*git, "add", "-A") +
-                               run(*git, "commit", "-q", "--allow-empty", "-m", "x"))
-    if shutil.which("restic"):
-        run("restic", "init", "-r", root / "restic")
-        ways["restic"] = lambda: run("restic", "-q", "-r", root / "restic", "backup", config)
-    if shutil.which("borg"):
-        run("borg", "init", "-e", "none", root / "borg")
-        ways["borg"] = lambda: run("borg", "create", f"{root}/borg::{time.time_ns()}", config)
-    return ways
-
-
-def page():
-    """The tables and figures in Markdown. Other ways than the base are ratios to it."""
-    lines = ["; ".join(f"{name} {value}" for name, value in RESULTS["machine"].items()) + "."]
-    for title, table in RESULTS["tables"].items():
-        names = list(next(iter(table["rows"].values())))
-        lines += ["", f"| {title} | " + " | ".join(names) + " |", "|---" * (len(names) + 1) + "|"]
-        for label, ways in table["rows"].items():
-            base = ways[table["base"]]["median"]
-            cells = [f"{base * 1000:,.2f} ms" if name == table["base"] else f"{way['median'] / base:.2f}"
-                     for name, way in ways.items()]
-            lines.append(f"| {label} | " + " | ".join(cells) + " |")
-    lines += ["", "| figure | |", "|---|---|"]
-    lines += [f"| {label} | {text} |" for label, text in RESULTS["figures"].items()]
-    return "\n".join(lines) + "\n"
+    RESULTS["figures"][label] = {"text": text, "value": value}
+    print(f"  {label}: {text}", flush=True)

@@ -1,0 +1,95 @@
+"""What the libraries cost by themselves: their own part, memory, contention, commands, instructions."""
+
+import os
+import shutil
+import sqlite3
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+from beside import forget_notes
+from measuring import SIZES, note
+
+
+def own_part(bench, rounds):
+    bench.make_configuration(SIZES["5 MiB"])
+    bench.clear(bench.state)
+    print("\nthe plain library's own part (all but commands and syncs)")
+    for words in (("save", "weekly"), ("load", "weekly", f"{bench.target}/")):
+        figures = [bench.figures(bench.host, *words) for _ in range(rounds)]
+        own = statistics.median(f["all"] - f["commands"] - f["syncs"] for f in figures)
+        note(f"the plain library's own part of a {words[0]} of 5 MiB",
+             f"{own * 1000:.1f} ms; memory grows by {max(f['memory'] for f in figures):,} KiB")
+    connection = sqlite3.connect(bench.state / "storage.db")
+    size = connection.execute("select length(keybase) + length(etc) from Config").fetchone()[0]
+    connection.close()
+    note("bytes stored for 5 MiB", f"{size:,}")
+
+
+def memory(bench):
+    """Beyond a process that only opens the storage."""
+    grown = {}
+    for label in ("200 KiB", "50 MiB"):
+        bench.make_configuration(SIZES[label])
+        bench.clear(bench.state)
+        bench.run(bench.program, "save", "weekly")
+        opened = bench.figures(bench.typed_host, "open")["peak"]
+        for verb in ("show", "diff", "verify", "restore", "save"):
+            forget_notes(bench)
+            bench.damage()
+            peak = bench.figures(bench.typed_host, verb, "weekly")["peak"]
+            grown.setdefault(verb, []).append((peak - opened) / 1024)
+    for verb, (small, large) in grown.items():
+        note(f"peak memory of {verb} beyond an opened storage",
+             f"{small:.1f} MiB at 200 KiB, {large:.1f} MiB at 50 MiB", large)
+    connection = sqlite3.connect(bench.state / "storage.db")
+    size = connection.execute("select length(keybase) + length(etc) from Config").fetchone()[0]
+    connection.close()
+    note("archives of 50 MiB", f"{size / (1 << 20):.1f} MiB", size / (1 << 20))
+
+
+def contention(bench, seconds):
+    bench.make_configuration(SIZES["200 KiB"])
+    print("\ncontention, 200 KiB")
+    for count in (1, 2, 4, 8):
+        bench.clear(bench.state)
+        end, waits, running, number = time.perf_counter() + seconds, [], {}, 0
+        while running or time.perf_counter() < end:
+            while len(running) < count and time.perf_counter() < end:
+                number += 1
+                process = bench.start(bench.host, "save", f"name{number}")
+                running[process.pid] = process, time.perf_counter()
+            pid, status = os.wait()
+            if status != 0:
+                sys.exit("bench: a save failed beside others: run script/faults processes")
+            process, start = running.pop(pid)
+            process.returncode = status
+            waits.append(time.perf_counter() - start)
+        note(f"{count} saving at once", f"{len(waits) / seconds:.1f} saves a second; "
+                                        f"the longest took {max(waits) * 1000:.0f} ms")
+
+
+def commands(build, quick):
+    """How long a command takes to start, in small and large hosts."""
+    for mebibytes in (16, 1024) if quick else (16, 1024, 4096):
+        out = subprocess.check_output([build / "bench/bench-spawn", str(mebibytes), "100"], text=True)
+        note(f"starting a command in a host of {mebibytes:,} MiB",
+             "; ".join(" ".join(line.split()) for line in out.splitlines()[1:]))
+
+
+def instructions(build):
+    if not shutil.which("valgrind"):
+        return
+    print("\ninstructions, by callgrind")
+
+    def count(part, rounds):
+        with tempfile.NamedTemporaryFile() as out:
+            report = subprocess.run(["valgrind", "--tool=callgrind", f"--callgrind-out-file={out.name}",
+                                     build / "bench/bench-pure", part, str(rounds)],
+                                    capture_output=True, text=True, check=True).stderr
+        return int(next(line for line in report.splitlines() if "Collected" in line).rsplit(None, 1)[1])
+
+    for part in ("version-to-text", "text-to-version", "statement", "time", "record-line"):
+        note(f"instructions, {part}", f"{(count(part, 3000) - count(part, 1000)) / 2000:,.0f}")
