@@ -54,13 +54,13 @@ def follow_the_scheme(svg, title):
     return "\n".join(line.rstrip() for line in svg.splitlines()) + "\n"
 
 
-def frame(title, right=MARGIN):
+def frame(title, left=90, right=MARGIN):
     return f"""set terminal svg size {WIDTH},{HEIGHT} font 'Arial,15' background rgb '{PAPER[0]}' noenhanced
 set title '{title}' tc rgb '{INK[0]}'
 set border 3 lc rgb '{INK[0]}'
 set grid lt 1 lc rgb '{GRID[0]}'
 set tics nomirror tc rgb '{INK[0]}'
-set lmargin at screen {90 / WIDTH}
+set lmargin at screen {left / WIDTH}
 set rmargin at screen {1 - right / WIDTH}
 set tmargin at screen {1 - 50 / HEIGHT}
 set bmargin at screen {70 / HEIGHT}
@@ -102,9 +102,10 @@ def lines(title, rows, places, names, x_title):
     values = [value for points in data.values() for point in points for value in point[1:]]
     marks = steps(min(values), max(values))
     least, most = min(places.values()) / 1.3, max(places.values())
-    script = frame(title) + f"set logscale xy\nset xrange [{least}:{most}]\n"
-    script += f"set yrange [{marks[0]}:{marks[-1]}]\nset xlabel '{x_title}' tc rgb '{INK[0]}'\n"
-    script += f"set ylabel 'median and quartiles' offset -1.5 tc rgb '{INK[0]}'\n"
+    script = frame(f"{title}: medians and quartiles")
+    script += f"set logscale xy\nset xrange [{least}:{most}]\n"
+    script += f"set yrange [{marks[0]}:{marks[-1]}]\n"
+    script += f"set xlabel '{x_title}; both scales are logarithmic' tc rgb '{INK[0]}'\n"
     script += "set ytics (" + ", ".join(f"'{words_of(mark)}' {mark}" for mark in marks) + ")\n"
     script += "set xtics (" + ", ".join(f"'{label}' {place}" for label, place in places.items()) + ")\n"
     ends = {}
@@ -131,7 +132,7 @@ def bars(title, rows, names):
     """From zero: one bar for each way and row."""
     looks = (LOOKS["confsave"][1], LOOKS["git"][1])
     most = max(max(ways.values()) for ways in rows.values())
-    script = frame(title, 60).replace(f"{90 / WIDTH}", f"{210 / WIDTH}")
+    script = frame(title, left=210, right=60)
     script += f"set xrange [0:{most * 1.1}]\nset yrange [-0.6:{len(names) - 0.4 + 0.9}]\nset grid noytics\n"
     script += f"set xlabel 'MB on the disk' tc rgb '{INK[0]}'\nset style fill solid 1 noborder\n"
     script += "set ytics (" + ", ".join(f"'{name}' {len(names) - 1 - number}"
