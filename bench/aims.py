@@ -25,7 +25,7 @@ REASONS = {
     "compare": dict.fromkeys(("tar", "git"), "It starts with fewer libraries."),
     "verify": {
         "tar": "It decodes the archive, and computes no digest.",
-        "git": "Its store holds the same bytes once.",
+        "git": "It starts with fewer libraries.",
         "restic": "It reads its store in several threads.",
         "borg": "Its store is compressed less, and faster to decode."},
     "list": {
@@ -53,7 +53,7 @@ def ahead(results):
                        if peer in ways and ways[peer]["median"] < ways["confsave"]["median"]]
             if factors:
                 found.setdefault((task, peer), []).append(f"{title}: {', '.join(factors)}")
-    return ["| program | ConfSave takes, of its time | why |", "|---|---|---|",
+    return ["| program | ConfSave takes so many times as long | why |", "|---|---|---|",
             *(f"| {peer} | {'; '.join(where)} | {REASONS[task][peer]} |"
               for (task, peer), where in found.items())]
 

@@ -54,7 +54,6 @@ def describe(build_type, effort, quick):
 def measure(bench, build, effort, quick):
     others = peers.all_peers(bench)
     turns = Turns(effort, SEED)
-    inside.commands(build, quick)
     beside.saves(bench, others, turns)
     beside.restores(bench, others, turns)
     beside.comparisons(bench, others, turns)
@@ -66,7 +65,9 @@ def measure(bench, build, effort, quick):
     inside.own_part(bench, effort.most)
     inside.memory(bench)
     inside.contention(bench, 1 if quick else 5)
-    inside.instructions(build)
+    if not quick:
+        inside.commands(build)
+        inside.instructions(build)
 
 
 def main():

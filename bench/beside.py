@@ -19,12 +19,12 @@ def peers_do(peers, task, *arguments):
             for peer in peers if getattr(peer, task, None)}
 
 
-def new_stores(bench, peers):
+def new_stores(bench, peers, wait=0):
     """One snapshot in each."""
     for peer in peers:
         peer.new()
         peer.save()
-    bench.save()
+    bench.save(wait)
 
 
 def saves(bench, peers, turns):
@@ -37,7 +37,7 @@ def saves(bench, peers, turns):
         first[label] = turns.take(ways, lambda name: by_name[name].new() if name in by_name
                                   else bench.clear(bench.state))
         later[label] = turns.take(ways, lambda name: bench.change_a_line())
-        new_stores(bench, peers)
+        new_stores(bench, peers, wait=3)
         unchanged[label] = turns.take({"confsave": bench.confsave("save", "weekly", "--if-changed"),
                                        **peers_do([peer for peer in peers if peer.keeps_history], "save")})
     for title, rows in zip((*SAVES, UNCHANGED), (first, later, unchanged)):
@@ -88,7 +88,7 @@ def comparisons(bench, peers, turns):
     host = bench.typed_host
     for label, size in turns.effort.sizes.items():
         bench.make_configuration(size)
-        new_stores(bench, peers)
+        new_stores(bench, peers, wait=3)
         known = turns.take({"confsave": bench.confsave("diff", "weekly"), **peers_do(peers, "compare")})
         with_manifest = quartiles([bench.figures(host, "diff", "weekly")["all"]
                                    for _ in range(turns.effort.most)])

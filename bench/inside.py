@@ -71,9 +71,9 @@ def contention(bench, seconds):
                                         f"the longest took {max(waits) * 1000:.0f} ms")
 
 
-def commands(build, quick):
+def commands(build):
     """How long a command takes to start, in small and large hosts."""
-    for mebibytes in (16, 1024) if quick else (16, 1024, 4096):
+    for mebibytes in (16, 1024, 4096):
         out = subprocess.check_output([build / "bench/bench-spawn", str(mebibytes), "100"], text=True)
         note(f"starting a command in a host of {mebibytes:,} MiB",
              "; ".join(" ".join(line.split()) for line in out.splitlines()[1:]))

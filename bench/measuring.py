@@ -84,10 +84,10 @@ class Bench:
     def confsave(self, *words):
         return lambda: self.run(self.program, *words)
 
-    def save(self):
-        """Files that changed just before a save are read again by each comparison, so it waits first."""
+    def save(self, wait=0):
+        """A storage with one snapshot. Files that changed within the last seconds are not known by it."""
         self.clear(self.state)
-        time.sleep(3)
+        time.sleep(wait)
         self.run(self.program, "save", "weekly")
 
     @staticmethod
@@ -150,7 +150,7 @@ def real_files():
 
 def quartiles(values):
     low, middle, high = statistics.quantiles(values, n=4) if len(values) > 1 else values * 3
-    return {"median": middle, "low": low, "high": high, "rounds": len(values)}
+    return {"median": round(middle, 7), "low": round(low, 7), "high": round(high, 7), "rounds": len(values)}
 
 
 class Turns:
