@@ -1,6 +1,6 @@
 #!/bin/sh
-# confsave(3) names only what the headers have, and its example compiles; docs/testing.md names only what
-# exists.
+# confsave(3) and snapshots(3) name only what the headers have, and their examples compile; docs/testing.md
+# names only what exists.
 #
 #   tests/pages_test.sh INCLUDE_DIRECTORY...
 set -eu
@@ -10,27 +10,37 @@ set -eu
 CPATH=$(realpath "$@" | paste -sd :)
 export CPATH LC_ALL=C
 cd "$tree"
-page=docs/man/confsave.3
 testing=docs/testing.md
 
-mandoc -Tlint -W warning "$page" || complain "$page: mandoc warns"
-grep -qx '\.In confsave\.h' "$page" || complain "$page does not name the header"
-# The names that a macro marks as functions or classes.
-names=$(grep '^\.' "$page" | grep -oE '[[:space:]](Fn|Vt) [^[:space:]]+' | awk '{ print $2 }' | sort -u)
-[ "$(echo "$names" | wc -l)" -ge 10 ] || complain "$page names fewer than 10 functions and classes"
-for name in $names; do
-    grep -qw "$name" include/confsave.h platform/include/kelmor/status.h ||
-        complain "$page names $name, which no header has"
-done
-awk -v work="$work" '
-    /^\.Sh/ { examples = /EXAMPLES/ }
-    examples && /^\.Ed/ { program = "" }
-    program { gsub(/\\e/, "\\"); print > program }
-    examples && /^\.Bd -literal/ { program = work "/example" ++count }' "$page"
-[ -s "$work/example1" ] || fail "$page has no example"
-for example in "$work"/example*; do
-    compiles -pedantic <"$example" || complain "$page: an example does not compile"
-done
+# check_page PAGE HEADER: the page names the header and nothing that it does not have, and its example
+# compiles.
+check_page() {
+    page=$1
+    mandoc -Tlint -W warning "$page" || complain "$page: mandoc warns"
+    grep -qx "\.In $(echo "$2" | sed 's/\./\\./')" "$page" || complain "$page does not name the header"
+    # The names that a macro marks as functions or classes.
+    names=$(grep '^\.' "$page" | grep -oE '[[:space:]](Fn|Vt) [^[:space:]]+' | awk '{ print $2 }' | sort -u)
+    [ "$(echo "$names" | wc -l)" -ge 10 ] || complain "$page names fewer than 10 functions and classes"
+    for name in $names; do
+        grep -qw "$name" "include/$2" platform/include/kelmor/status.h ||
+            complain "$page names $name, which no header has"
+    done
+    awk -v program="$work/example" '
+        /^\.Sh/ { examples = /EXAMPLES/ }
+        examples && /^\.Ed/ { shown = 0 }
+        shown { gsub(/\\e/, "\\"); print > program }
+        examples && /^\.Bd -literal/ { shown = 1 }' "$page"
+    [ -s "$work/example" ] || fail "$page has no example"
+    compiles -pedantic <"$work/example" || complain "$page: the example does not compile"
+}
+check_page docs/man/confsave.3 confsave.h
+check_page docs/man/snapshots.3 confsave/snapshots.h
+block embedding cpp 1 | same 'docs/man/snapshots.3 has another host than docs/embedding.md' \
+    "$(cat "$work/example")"
+sed -nE 's/^CONFSAVE_API [^(]*[ >&]([a-z_]+)\(.*/\1/p' include/confsave/snapshots.h | sort -u |
+    while read -r name; do
+        grep -qw "Fn $name" docs/man/snapshots.3 || complain "docs/man/snapshots.3 does not name $name"
+    done
 
 # Each word of docs/testing.md that is set as code, in a line or in a block.
 words=$(awk '
