@@ -32,7 +32,7 @@ def chill(stores, name):
 
 
 def how_cold():
-    return "all caches of the machine" if os.access(CACHES, os.W_OK) else "what is cached of the stores"
+    return "what this machine has cached" if os.access(CACHES, os.W_OK) else "what is cached of the stores"
 
 
 def to_default_layout(file):
@@ -82,7 +82,7 @@ def by_number(bench, peers, turns, quick):
             table[f"{count:,}"] = turns.take(ways, functools.partial(chill, stores) if cold else as_it_is)
     for cold, title in BY_NUMBER.items():
         show(title, rows[cold], "by hand")
-    note("cold lists", f"{how_cold()} are emptied before each")
+    note("before each cold list", f"{how_cold()} is dropped")
 
 
 def by_size(bench, turns, quick):

@@ -122,9 +122,10 @@ class Bench:
         shutil.copytree(self.root / "original", self.config)
 
     def damage(self):
+        """Each time in another way: a configuration that is stored already would not be kept again."""
         for name in self.files[::10]:
             path = self.config / name
-            path.write_bytes(path.read_bytes().swapcase() + b"damaged\n")
+            path.write_bytes(path.read_bytes().swapcase() + b"damaged %d\n" % time.time_ns())
 
     def check_restored(self, name, tree):
         """Ends the run unless each file has its original bytes."""

@@ -1,7 +1,6 @@
 // The host of the second library that is measured: performs one operation.
 //
-//   bench-typed save NAME | save-if-changed NAME | open | show NAME | diff NAME | verify NAME | decode NAME
-//   bench-typed restore NAME | restore-and-keep NAME | plan NAME
+//   bench-typed save NAME | open | show NAME | diff NAME | verify NAME | decode NAME | restore NAME
 //
 // "decode" only unpacks both archives, and only reads the files of the live configuration. With
 // BENCH_FIGURES=FILE it also writes, as JSON: the seconds of the operation, the most memory that the
@@ -63,17 +62,15 @@ void decode(const Id& id) {
 void perform(const std::string& verb, const Id& id) {
   SaveOptions options;
   options.overwrite = true;
-  options.if_changed = verb == "save-if-changed";
-  if (verb == "save" || verb == "save-if-changed") expect(save(id, options));
+  if (verb == "save") expect(save(id, options));
   if (verb == "open") expect(list());
   if (verb == "show") expect(members(id));
   if (verb == "diff") expect(compare(id, Live{}));
   if (verb == "verify") expect(verify(id));
   if (verb == "decode") decode(id);
-  if (verb == "plan") expect(plan(id));
   RestoreOptions how;
-  how.keep = verb == "restore-and-keep";
-  if (verb == "restore" || how.keep) expect(restore(id, how));
+  how.keep = false;
+  if (verb == "restore") expect(restore(id, how));
 }
 
 /// In KiB. Not getrusage's, which a process has from the one that started it.
