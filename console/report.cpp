@@ -26,7 +26,8 @@ bool ends_with(const std::string& text, const std::string& end) {
 bool is_absolute(const std::string& path) { return !path.empty() && path.front() == '/'; }
 
 std::string step_for_storage(const cs::Error& error) {
-  if (error.number == ENOENT) return "Make the directory, or set KELMOR_DYNAMIC_DIR to another one";
+  if (error.number == ENOENT)
+    return "Make the directory, or use another one: see ENVIRONMENT in confsave(1)";
   switch (error.number & 0xff) {
     case EACCES:
     case SQLITE_CANTOPEN:
@@ -35,7 +36,7 @@ std::string step_for_storage(const cs::Error& error) {
     case SQLITE_NOTADB:
       return "Nothing was changed. Copy the file, and recover the copy with sqlite3: .recover";
     default:
-      return "Move it away, or set KELMOR_DYNAMIC_DIR to another directory";
+      return "Move it away, or use another directory: see ENVIRONMENT in confsave(1)";
   }
 }
 
