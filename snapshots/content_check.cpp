@@ -1,9 +1,7 @@
 #include "snapshots/content_check.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,16 +11,18 @@ namespace ConfSave::snapshots {
 
 void ContentCheck::enter(const std::string& directory) {
   directory_ = directory;
-  root_ = Descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  Result<Beneath> root = Beneath::open(directory);
+  root_.reset();
+  if (root) root_.emplace(std::move(*root));
 }
 
 /// Without a descriptor the file is not compared: who reads the tree says why it cannot be read.
 void ContentCheck::open_live(const std::string& path) {
-  struct open_how how = {};
-  how.flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+  if (!root_) return;
+  const Result<int> parent = root_->directory(parent_of(path));
+  if (!parent) return;
   live_ = Descriptor(
-      root_ ? static_cast<int>(syscall(SYS_openat2, root_.get(), path.c_str(), &how, sizeof how)) : -1);
+      openat(*parent, name_of(path).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status = {};
   if (!live_ || fstat(live_.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     live_ = Descriptor();

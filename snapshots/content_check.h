@@ -1,11 +1,13 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include "snapshots/archive_reader.h"
+#include "snapshots/beneath.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/tree.h"
 
@@ -57,7 +59,7 @@ class ContentCheck : public KnownDigests {
 
   Digests digests_;
   std::string directory_;
-  Descriptor root_;
+  std::optional<Beneath> root_;
   std::string path_;  ///< of the current file, absolute
   Descriptor live_;   ///< the live file there, if one can be read
   Stamp stamp_;       ///< of it, before it was read
