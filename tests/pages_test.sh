@@ -42,6 +42,24 @@ sed -nE 's/^CONFSAVE_API [^(]*[ >&]([a-z_]+)\(.*/\1/p' include/confsave/snapshot
         grep -qw "Fn $name" docs/man/snapshots.3 || complain "docs/man/snapshots.3 does not name $name"
     done
 
+# The overviews of the headers compile.
+overview() {
+    sed -n '/^\/\/   #include/,/^#include/p' "$1" | sed -n 's|^//   ||p'
+}
+overview include/confsave.h | grep -v "^storage.Create" | {
+    echo '#include <iostream>'
+    sed 's/^#include.*/&\nint overview() {/' && echo 'return 0; }'
+} | compiles || complain 'the overview of confsave.h does not compile'
+overview include/confsave/snapshots.h | {
+    echo '#include <iostream>'
+    sed 's/^namespace cs.*/&\nint fail(const cs::Error\&);\nint overview() {/' && echo 'return 0; }'
+} | compiles || complain 'the overview of snapshots.h does not compile'
+
+# The example of docs/testing.md is a test.
+block testing cpp 1 >"$work/shown"
+tr -s '\n ' '  ' <tests/storage/exists_delete_test.cpp | grep -qF "$(tr -s '\n ' '  ' <"$work/shown")" ||
+    complain "$testing shows another test"
+
 # Each word of docs/testing.md that is set as code, in a line or in a block.
 words=$(awk '
     /^ *```/ { block = !block; next }
