@@ -1,17 +1,7 @@
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <array>
-#include <ctime>
-#include <fstream>
 #include <functional>
-#include <future>
-#include <set>
 #include <thread>
 
-#include "snapshots/journal.h"
-#include "snapshots/restoring.h"
-#include "support/test_host.h"
+#include "snapshots/pending.h"
 
 namespace {
 
@@ -20,83 +10,6 @@ using namespace std::chrono_literals;
 using cs::Code;
 using cs::When;
 using Outcome = cs::Recovery::Outcome;
-
-/// Nobody waits for the window: these tests do it themselves.
-class PendingTest : public Restoring {
- protected:
-  PendingTest() {
-    write_file(waiter(), "#!/bin/sh\nprintf . >&3\n");
-    shell("chmod 700 " + waiter());
-    change();
-  }
-
-  /// Says that it waits, and does not.
-  std::string waiter() const { return root() + "/waiter"; }
-
-  void change() {
-    write_file(config("gw1.conf"), "changed");
-    shell("touch -d @1500000000 " + config("gw1.conf") + "; rm " + config("hub/key"));
-    write_file(config("user/nat.conf"), "extra");
-    before_ = everything(true);
-  }
-
-  cs::RestoreOptions windowed(std::chrono::seconds window = 60s) const {
-    cs::RestoreOptions options = exactly();
-    options.keep = false;
-    options.confirm_within = window;
-    options.program = waiter();
-    return options;
-  }
-
-  static cs::SaveOptions overwriting() {
-    cs::SaveOptions options;
-    options.overwrite = true;
-    return options;
-  }
-
-  void make_pending() {
-    const auto result = cs::restore({"weekly"}, windowed());
-    ASSERT_TRUE(result) << shown(result.error());
-    ASSERT_EQ(result->outcome, cs::Restored::Outcome::pending);
-    ASSERT_EQ(everything(), saved_);
-  }
-
-  void journal(const std::string& statement) const { Database(state_dir() + "/restore.db").run(statement); }
-  void make_due() const { journal("update restore set deadline = 1"); }
-  void restart() const { journal("update restore set boot = 'another'"); }
-
-  std::string load_time() { return query("select load_time from Config where name = 'weekly'")[0][0]; }
-
-  static cs::Error not_confirmed() {
-    const auto result = cs::confirm({100ms});
-    return result ? cs::Error{} : result.error();
-  }
-
-  /// What was done, after a check that it succeeded.
-  static cs::Recovery reverted(When when = When::now) {
-    const auto result = cs::revert(when, {1s});
-    EXPECT_TRUE(result) << shown(result ? cs::Error{} : result.error());
-    return result ? *result : cs::Recovery{};
-  }
-
-  void expect_as_before() {
-    EXPECT_EQ(everything(true), before_);
-    EXPECT_EQ(load_time(), "NULL");
-    const auto left = cs::unfinished();
-    EXPECT_TRUE(left && !*left);
-  }
-
-  static std::string content(const std::string& name, const std::string& path) {
-    std::string content;
-    const auto error = cs::read_file({name}, path, [&content](std::string_view piece) {
-      content += piece;
-      return cs::Error{};
-    });
-    return error.code == Code::ok ? content : error.text;
-  }
-
-  std::map<std::string, std::string> before_;
-};
 
 TEST_F(PendingTest, ARestoreWaitsForItsConfirmation) {
   const auto now = std::time(nullptr);
@@ -406,116 +319,6 @@ TEST_F(PendingTest, AfterAGoodCheckItWaitsForItsConfirmation) {
   EXPECT_GE((*cs::pending())->seconds_left, 59);
   EXPECT_EQ(reverted().outcome, Outcome::reverted);
   expect_as_before();
-}
-
-TEST_F(PendingTest, WhoWaitsTakesItBackInTime) {
-  make_pending();
-  timespec boot = {};
-  clock_gettime(CLOCK_BOOTTIME, &boot);
-  const auto deadline = boot.tv_sec * 1000 + boot.tv_nsec / 1'000'000 + 300;
-  journal("update restore set deadline = " + std::to_string(deadline));
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(reverted(When::when_due).outcome, Outcome::reverted);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
-  expect_as_before();
-}
-
-/// The next restore has a waiter of its own.
-TEST_F(PendingTest, WhoWaitsEndsWhenTheRestoreIsConfirmed) {
-  make_pending();
-  auto waiter = std::async(std::launch::async, [] { return reverted(When::when_due).outcome; });
-  std::this_thread::sleep_for(300ms);
-  EXPECT_TRUE(cs::confirm());
-  change();
-  make_pending();
-  EXPECT_EQ(waiter.wait_for(20s), std::future_status::ready);
-  EXPECT_TRUE(*cs::pending());
-  EXPECT_TRUE(cs::confirm());
-  EXPECT_EQ(waiter.get(), Outcome::nothing);
-  EXPECT_EQ(everything(), saved_);
-}
-
-/// What the program that waits has from its host: a session of its own, and no file.
-TEST_F(PendingTest, WhoWaitsHasNothingOfTheHost) {
-  const std::string script = root() + "/other";
-  write_file(script, "#!/bin/sh\nprintf . >&3; exec 3>&-\nreadlink /proc/$$/fd/* >" + root() +
-                         "/files\n{ echo $*; pwd; readlink /proc/$$/fd/2;"
-                         " ps -o sid= -o ppid= -p $$; } >" +
-                         root() + "/new\nmv " + root() + "/new " + root() + "/seen\n");
-  shell("chmod 700 " + script);
-  cs::RestoreOptions options = windowed();
-  options.program = script;
-  // The lock of the floor gets a number that the waiter does not use.
-  std::array<int, 8> opened{};
-  for (int& file : opened) file = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  ASSERT_TRUE(cs::restore({"weekly"}, options));
-  for (const int file : opened) close(file);
-  for (int i = 0; i < 200 && !exists(root() + "/seen"); ++i) std::this_thread::sleep_for(20ms);
-  const std::string files = read_file(root() + "/files");
-  EXPECT_EQ(files.find(state_dir()), std::string::npos) << files;
-  EXPECT_EQ(files.find(config_dir()), std::string::npos) << files;
-  std::ifstream seen(root() + "/seen");
-  std::string words;
-  std::getline(seen, words);
-  EXPECT_EQ(words, "revert --when-due");
-  std::string directory;
-  std::string terminal;
-  long session = 0;
-  long parent = 0;
-  seen >> directory >> terminal >> session >> parent;
-  EXPECT_EQ(directory, "/");
-  EXPECT_EQ(terminal, "/dev/null");
-  EXPECT_NE(session, getsid(0));
-  EXPECT_NE(parent, getpid());
-  reverted();
-}
-
-TEST_F(PendingTest, TheSystemLogSaysWhoDidWhat) {
-  auto& log = TestHost::instance().system_log;
-  const auto last = [&log] {
-    std::string line = log.empty() ? "" : log.back().second;
-    // Who runs this test is not known.
-    return line.substr(0, line.find(" user="));
-  };
-  log.clear();
-  make_pending();
-  const std::string which =
-      " snapshot=weekly version=" + ConfSave::Config::version(ConfSave::CURRENT_VERSION);
-  const std::string with_id = which + " id=1";
-  EXPECT_EQ(last(), "confsave: action=load result=pending" + with_id);
-  EXPECT_NE(log.back().second.find(" user="), std::string::npos);
-  ASSERT_EQ(log.size(), 1U);
-  EXPECT_EQ(refused(windowed()).code, Code::pending);
-  EXPECT_EQ(last(), "confsave: action=load result=pending" + which +
-                        " reason=\"the restore of 'weekly' waits to be confirmed\"");
-  make_due();
-  reverted(When::if_due);
-  EXPECT_EQ(last().substr(0, last().find(" loaded-by=")),
-            "confsave: action=revert result=ok" + with_id + " cause=\"not confirmed in time\"");
-  EXPECT_NE(log.back().second.find(" loaded-by="), std::string::npos);
-  make_pending();
-  ASSERT_TRUE(cs::confirm());
-  EXPECT_EQ(last().substr(0, last().find(" loaded-by=")), "confsave: action=confirm result=ok" + with_id);
-  ASSERT_TRUE(cs::save({"other"}));
-  EXPECT_EQ(last().substr(0, last().find(" version=")), "confsave: action=save result=ok snapshot=other");
-  cs::PruneOptions rule;
-  rule.keep = 1;
-  rule.pattern = "other*";
-  ASSERT_TRUE(cs::save({"other2"}));
-  const auto pruned = cs::prune(rule);
-  ASSERT_TRUE(pruned) << shown(pruned.error());
-  ASSERT_EQ(pruned->deleted.size(), 1U);
-  EXPECT_EQ(last().substr(0, last().find(" version=")), "confsave: action=prune result=ok snapshot=other");
-  const std::string file = root() + "/exported";
-  ASSERT_TRUE(cs::export_to({{"weekly"}}, file));
-  cs::ImportOptions as;
-  as.name = "imported";
-  ASSERT_TRUE(cs::import_from(file, as));
-  EXPECT_EQ(last().substr(0, last().find(" version=")),
-            "confsave: action=import result=ok snapshot=imported");
-  ASSERT_EQ(cs::remove({"other2"}).code, Code::ok);
-  EXPECT_EQ(last().substr(0, last().find(" version=")),
-            "confsave: action=delete result=ok snapshot=other2");
 }
 
 }  // namespace
