@@ -12,8 +12,18 @@ lists() {
         same "the host built by $1" '"weekly",	version 4.5.4,	full, saved on DATE, never loaded'
 }
 
+# The commands of the page, with directories of the test; what they would build is there already.
+printf '#!/bin/sh\nexec "$@"\n' >"$work/bin/sudo"
+printf '#!/bin/sh\n' >"$work/bin/ldconfig"
+chmod +x "$work/bin/sudo" "$work/bin/ldconfig"
+block embedding console | sed -n 's/^\$ //p' | sed -e "s|-B build/release|-B $work/configured|" \
+    -e "s|--build build/release|--build $work/configured -- -n|" \
+    -e "s|--install build/release --prefix /usr/local|--install $built --prefix $work/first|" \
+    -e "s| /etc/kelmor| $work/etc/kelmor|; s| /var/lib| $work/var/lib|g" >"$work/commands"
+(cd "$tree" && quietly sh -e "$work/commands")
+expect 'the directories that the page makes' '700 700 700' \
+    "$(cd "$work" && stat -c %a etc/kelmor var/lib/kelmor var/lib/kelmor/tmp | xargs)"
 # Nothing in the tree may depend on where it was installed.
-quietly cmake --install "$built" --prefix "$work/first"
 prefix=$work/prefix
 mv "$work/first" "$prefix"
 (cd "$prefix" && find . -not -type d | sed -E -e 's|^\./||' -e 's/\.so\.[0-9]+(\.[0-9]+)+$/.so.RELEASE/' \
