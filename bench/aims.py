@@ -76,7 +76,7 @@ class Aims:
         if value is None or limit is None:
             return ""
         met = value >= limit if at_least else value <= limit
-        return f"{digits(value) if limit > 2 else f'{value:.2f}'} {'met' if met else '**missed**'}"
+        return f"{digits(value)} {'met' if met else '**missed**'}"
 
     def add(self, text, unit, cells, at_least=False):
         """cells: (value, limit) for each size; the limit None where there is no aim."""
