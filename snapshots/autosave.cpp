@@ -8,6 +8,7 @@
 #include "snapshots/boundary.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/lock.h"
+#include "snapshots/summary.h"
 #include "snapshots/under_lock.h"
 #include "snapshots/victims.h"
 
@@ -79,6 +80,7 @@ Result<Autosaved> save_and_delete(const AutosaveOptions& options) {
   Autosaved done;
   done.saved = std::move(*saved);
   delete_surplus(options, deadline, done);
+  keep_summary();
   return done;
 }
 

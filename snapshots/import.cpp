@@ -16,6 +16,7 @@
 #include "snapshots/reserve.h"
 #include "snapshots/sentence.h"
 #include "snapshots/storage_writer.h"
+#include "snapshots/summary.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -186,7 +187,9 @@ Result<Imported> import_file(const std::string& file, const ImportOptions& optio
   if (Error error = recover_first(deadline); error.code != Code::ok) return error;
   Result<Bundle> bundle = Bundle::open(file, deadline);
   if (!bundle) return bundle.error();
-  return Importing(std::move(*bundle), options, deadline).run();
+  Result<Imported> imported = Importing(std::move(*bundle), options, deadline).run();
+  keep_summary();
+  return imported;
 }
 
 /// `shown` is the name that the caller knows the file by.

@@ -46,7 +46,7 @@ bool is_own(const std::string& file) {
   const std::string directory = directory_part(file);
   const bool is_there = is_same(directory.empty() ? "." : directory.c_str(), state.c_str());
   for (const char* own : {"storage.db", "notes.db", "restore.db", "confsave.lock", "restore.lock"}) {
-    for (const char* end : {"", "-journal", "-wal", "-shm", "-reserve"}) {
+    for (const char* end : {"", "-journal", "-wal", "-shm", "-reserve", "-summary"}) {
       const std::string name = std::string(own) + end;
       if (is_there && file.substr(directory.size()) == name) return true;
       if (is_same((state + name).c_str(), file.c_str())) return true;

@@ -7,6 +7,7 @@
 #include "snapshots/boundary.h"
 #include "snapshots/lock.h"
 #include "snapshots/recover.h"
+#include "snapshots/summary.h"
 #include "snapshots/victims.h"
 
 namespace ConfSave::snapshots {
@@ -63,6 +64,7 @@ Result<Pruned> choose_and_delete(const PruneOptions& options) {
     pruned.deleted = std::move(choice->victims);
   } else {
     delete_victims(std::move(choice->victims), deadline, pruned.deleted, pruned.undeleted);
+    keep_summary();
   }
   return pruned;
 }

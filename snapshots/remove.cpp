@@ -7,6 +7,7 @@
 #include "snapshots/notes.h"
 #include "snapshots/reserve.h"
 #include "snapshots/storage_reader.h"
+#include "snapshots/summary.h"
 #include "snapshots/under_lock.h"
 
 namespace ConfSave::snapshots {
@@ -111,7 +112,9 @@ Error lock_and_remove(const Id& id, const RemoveOptions& options, Snapshot& remo
   Error error = recover_before(id, deadline);
   // Perhaps the deletion makes the room that the recovery needs.
   if (error.code != Code::ok && error.code != Code::no_space) return error;
-  return remove_under_lock(id, options, deadline, &removed);
+  error = remove_under_lock(id, options, deadline, &removed);
+  keep_summary();
+  return error;
 }
 
 Error remove_and_log(const Id& id, const RemoveOptions& options) {

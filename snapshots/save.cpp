@@ -16,6 +16,7 @@
 #include "snapshots/reserve.h"
 #include "snapshots/sentence.h"
 #include "snapshots/storage_writer.h"
+#include "snapshots/summary.h"
 #include "snapshots/under_lock.h"
 
 namespace ConfSave::snapshots {
@@ -202,7 +203,9 @@ Result<Saved> check_and_save(const Id& id, const SaveOptions& options) {
   if (!lock) return lock.error();
   error = recover_before(id, deadline);
   if (error.code != Code::ok) return error;
-  return save_under_lock(id, options, deadline);
+  Result<Saved> saved = save_under_lock(id, options, deadline);
+  keep_summary();
+  return saved;
 }
 
 Result<Saved> save_and_log(const Id& id, const SaveOptions& options) {

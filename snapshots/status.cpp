@@ -15,7 +15,7 @@
 #include "snapshots/dated_name.h"
 #include "snapshots/leftovers.h"
 #include "snapshots/sentence.h"
-#include "snapshots/storage_reader.h"
+#include "snapshots/summary.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -38,19 +38,6 @@ void check_age(const std::string& what, int64 newest, Status& status) {
   if (age <= std::chrono::seconds(kStaleAfter).count()) return;
   status.attention.push_back(
       {"stale", "the newest " + what + " is " + std::to_string(age / kDay) + " days old"});
-}
-
-/// Counts the rows, and how much room the largest takes.
-Error count_rows(const Deadline& deadline, Status& status, int64& largest) {
-  Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
-  if (!reader) return reader.error();
-  if (!*reader) return {};
-  return (*reader)->count([&](const StorageReader::Counted& row) {
-    ++status.snapshots;
-    largest = std::max(largest, row.size);
-    status.newest = std::max(status.newest, row.saved);
-    if (is_autosave(row.name)) status.newest_autosave = std::max(status.newest_autosave, row.saved);
-  });
 }
 
 void look_at_ages(Status& status) {
@@ -139,15 +126,18 @@ Error look_at_space(int64 largest, Status& status) {
 
 Result<Status> look(const ReadOptions& options) {
   const Deadline deadline(options.wait);
+  const Result<Summary> summary = summarize(deadline);
+  if (!summary) return summary.error();
   Status status;
-  int64 largest = 0;
-  if (Error error = count_rows(deadline, status, largest); error.code != Code::ok) return error;
+  status.snapshots = summary->snapshots;
+  status.newest = summary->newest;
+  status.newest_autosave = summary->newest_autosave;
   if (Error error = look_for_a_restore(deadline, status); error.code != Code::ok) return error;
   look_for_leftovers(deadline, status);
   look_for_failover_files(status);
   look_for_readers(status);
   look_at_ages(status);
-  if (Error error = look_at_space(largest, status); error.code != Code::ok) return error;
+  if (Error error = look_at_space(summary->largest, status); error.code != Code::ok) return error;
   return status;
 }
 

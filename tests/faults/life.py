@@ -28,6 +28,11 @@ ROOM = 12 << 20
 LEAST_ROOM = 4 << 20
 PROCESSES = 8
 ROUNDS = 40, 1250
+# So many rows of the packet filter, which `status` does not count, that it has a summary.
+MANY_ROWS = """insert into Config (name, version, keybase, type, save_time)
+    with recursive n (n) as (select 1 union all select n + 1 from n where n < 1000)
+    select 'corlu-config', n, keybase, 3, save_time from n, Config where name = 's0'"""
+ROUNDS_WITH_SUMMARY = 15
 MINUTES = 8  # from one round to the next: a week in all
 DAY = 86400
 STALE = 31 * DAY
@@ -100,6 +105,7 @@ class Life:
         self.must("export", "--all", str(self.other))
         self.must("save", "s0", "--comment", "the first")
         self.pin()
+        change(self.gateway.database, MANY_ROWS)
 
     def edit(self):
         self.content += 1
@@ -174,6 +180,9 @@ class Life:
         if self.source.random() < 0.05:
             self.shift += self.source.choice([-1, 1]) * self.source.randrange(1, 40 * 86400)
         self.fill()
+        if self.round == ROUNDS_WITH_SUMMARY:
+            self.empty()
+            change(self.gateway.database, "delete from Config where name = 'corlu-config'")
         if self.source.random() < 0.4:
             self.edit()
         if len(self.pinned) > 3 and not self.is_full:
@@ -211,9 +220,10 @@ class Life:
         answer = self.confsave("status", "--json")
         require(answer.returncode in (0, 9), "status ended with", answer.returncode, answer.stderr)
         status = json.loads(answer.stdout)
+        self.seen["summaries"] += has_summary(self.gateway)
         said = {one["code"] for one in status["attention"]}
         rows = self.gateway.query("select name, save_time, ifnull(length(keybase), 0) + "
-                                  "ifnull(length(etc), 0) from Config")
+                                  "ifnull(length(etc), 0) from Config where name <> 'corlu-config'")
         newest = max((saved for _, saved, _ in rows), default=0)
         newest_autosave = max((saved for name, saved, _ in rows if re.fullmatch(AUTOSAVE, name)), default=0)
         now = time.time() + self.shift
@@ -290,6 +300,19 @@ class Life:
             require(name not in names or (isinstance(found, dict) and found), name, "does not load:", found)
 
 
+def change(database, sql):
+    connection = sqlite3.connect(database)
+    connection.execute(sql)
+    connection.commit()
+    connection.close()
+
+
+def has_summary(gateway):
+    """Whether one was kept after the latest change of the storage."""
+    summary = gateway.state / "storage.db-summary"
+    return summary.exists() and summary.stat().st_mtime_ns > gateway.database.stat().st_mtime_ns
+
+
 def has_made_name(path):
     """One of six lower-case letters may be of a person."""
     return not re.fullmatch("[a-z]{6}", os.path.basename(path))
@@ -324,8 +347,11 @@ def campaign(program, full, source):
     with Divided(program) as gateway:
         life = Life(gateway, source)
         life.live(rounds)
-    for what in ("killed", "fillings of the disk", "recoveries", "times pending", "times interrupted",
-                 "times leftovers", "times space", "times stale") if full else ("killed", "times pending"):
+    expected = ["killed", "times pending", "summaries"]
+    if full:
+        expected += ["fillings of the disk", "recoveries", "times interrupted", "times leftovers",
+                     "times space", "times stale"]
+    for what in expected:
         require(life.seen[what] > 0, "never:", what)
     seen = ", ".join(f"{count} {what}" for what, count in sorted(life.seen.items()) if count)
     return f"{sum(life.done.values())} operations in {rounds} rounds of eight processes: {seen}"
