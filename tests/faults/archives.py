@@ -205,7 +205,7 @@ def campaign(program, full, source):
             kinds += 1
     require(kinds >= 17 and all(restored.values()), "only", kinds, restored)
     first, second = restored["load"], restored["typed-load"]
-    return (f"{kinds} kinds of archive into two places, {first} restored by the first library and "
+    return (f"{kinds} kinds of archive into two places, {first} restored by the contract library and "
             f"{second} by the second, nothing outside changed")
 
 

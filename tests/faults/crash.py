@@ -8,7 +8,7 @@ recorded, of a small snapshot and of one that SQLite's cache does not hold, with
 nothing that the notes sync keeps the storage. disk_model.py says what a power
 cut leaves of them. In each state the library lists and loads first, then the program, each from a copy of
 its own: both find the old snapshot or both the new one, whole. Only then the database itself is looked at,
-and the second library verifies all. What the second library has reported as done lasts.
+and the typed library verifies all. What the typed library has reported as done lasts.
 """
 
 import pathlib
@@ -37,7 +37,7 @@ class Change:
         gateway.write_configuration("new", size)
         self.recorder = record(gateway, [gateway.state], verb, "weekly")
         require(any(isinstance(event, Sync) for event in self.recorder.events), "nothing was synced")
-        # By the first library a journal may come back, and with it the old snapshot.
+        # By the contract library a journal may come back, and with it the old snapshot.
         self.lasts = self.recorder.said if verb.startswith("typed") else None
         self.seen, self.states, self.found, self.hot = set(), 0, [0, 0], 0
         self.after = pathlib.Path(f"{gateway.state}-after")

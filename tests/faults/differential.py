@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Restores random snapshots twice: by the second library, and by the first one on the same tree.
+"""Restores random snapshots twice: by the typed library, and by the contract library on the same tree.
 
     differential.py OPERATE [--full] [--seed=N]
 
-Both leave the same files. Only where the first library gives a directory that is no member the mode of the
-umask (quirk Q61), the second one leaves it alone, or makes it with mode 0700. Where the first library
-fails, the second one restores all or nothing. The plan is what was done, and a second restore does nothing.
+Both leave the same files. Only where the contract library gives a directory that is no member the mode of
+the umask (quirk Q61), the typed one leaves it alone, or makes it with mode 0700. Where the contract library
+fails, the typed one restores all or nothing. The plan is what was done, and a second restore does nothing.
 """
 
 import collections
@@ -164,7 +164,7 @@ class Case:
                        for name, seen in before.items()}
 
     def restore(self):
-        """By the second library: the files of before and after, the plan and the answer."""
+        """By the typed library: the files of before and after, the plan and the answer."""
         self.site.fill(self.live)
         before = self.site.pictures()
         status, planned = self.operate("typed-differences")
@@ -235,7 +235,7 @@ class Case:
         status, _ = self.operate("load")
         if status != 0:
             return "only by the second" if answer == DONE else "by neither"
-        require(answer == DONE, "only the first library restores this; the second one says", answer)
+        require(answer == DONE, "only the contract library restores this; the typed one says", answer)
         self.require_same(typed, self.site.pictures(), files)
         return "by both"
 
@@ -244,7 +244,7 @@ class Case:
 
 
 def by_both(gateway, prepare, look):
-    """What both libraries leave, the first one first."""
+    """What both libraries leave, that of the contract library first."""
     found = []
     for verb in ("load", "typed-load"):
         ETC.mkdir(exist_ok=True)

@@ -3,8 +3,8 @@
 
     links.py OPERATE [--full] [--seed=N]
 
-The first library follows such links (quirk Q66): files get written outside the configuration, in a number
-of tries that is reported and must not be 0. The second library never writes outside; what it leaves is the
+The contract library follows such links (quirk Q66): files get written outside the configuration, in a
+number of tries that is reported and must not be 0. The typed library never writes outside; what it leaves is the
 old configuration or the new one.
 
 Where no other user can be had the campaign is skipped, with status 77.
@@ -49,7 +49,7 @@ while True:
 """
 
 
-# The same for the second library, again and again.
+# The same for the typed library, again and again.
 STAGING_REPLACER = OTHER_USER + """
 number = 0
 while True:
@@ -108,7 +108,7 @@ def outcomes(attack, operation, tries):
     return out
 
 
-# The second library -----------------------------------------------------------------------------------
+# The typed library -----------------------------------------------------------------------------------
 
 
 class Loop:
@@ -240,9 +240,9 @@ def campaign(program, full, source):
             make_configuration(gateway, content)
             gateway.do("typed-save", content)
         done, refused = attack_second_library(gateway, 1000 if full else 12)
-    return (f"by the first library files got out in {sum(first)} of {len(first)} tries with the "
+    return (f"by the contract library files got out in {sum(first)} of {len(first)} tries with the "
             f"configuration directory open and in {sum(second)} of {len(second)} with user/ open; "
-            f"by the second one never, {done} restores were done and {refused} refused")
+            f"by the typed one never, {done} restores were done and {refused} refused")
 
 
 main(campaign)

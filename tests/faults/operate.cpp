@@ -18,7 +18,7 @@
 //
 // Prints "done" or what went wrong; exits with 0 or 1.
 //
-// `operate typed-load NAME [TARGET] [exact] [no-keep] [check=COMMAND]` restores by the second library, and
+// `operate typed-load NAME [TARGET] [exact] [no-keep] [check=COMMAND]` restores by the typed library, and
 // `operate typed-plan NAME [TARGET] [exact]` plans that. They print a line for each change and each
 // warning. `operate typed-differences NAME [TARGET] [exact]` prints the plan in full.
 //
@@ -215,7 +215,7 @@ void repeat(const Arguments& arguments, const std::function<void(const std::stri
   for (int i = 0, count = std::stoi(arguments.at(1)); i < count; ++i) operation(std::to_string(i));
 }
 
-// The second library -----------------------------------------------------------------------------------
+// The typed library -----------------------------------------------------------------------------------
 
 void demand(const snapshots::Error& error) {
   if (error.code == snapshots::Code::ok) return;

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Lets others work on the files while the second library restores them.
+"""Lets others work on the files while the typed library restores them.
 
     others.py OPERATE [--full] [--seed=N]
 
@@ -249,7 +249,7 @@ def contents_of(row):
 
 
 def saves_meanwhile(site, rounds):
-    """By a host of the first library, and by the second one."""
+    """By a host of the contract library, and by the typed one."""
     site.write("old")
     gateway, results = site.gateway, []
     thread = threading.Thread(target=restores, args=(site, rounds, results))

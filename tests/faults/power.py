@@ -5,14 +5,14 @@
 
 The configuration, the failover files and the storage are on a file system in an image file, mounted with
 options that promise little. The image is copied while it is mounted: the copy is what a power cut leaves at
-that moment. It is mounted in the place of the first one, and the second library recovers.
+that moment. It is mounted in the place of the first one, and the typed library recovers.
 
 - After a restore that reported success every file is the restored one, whole, at every moment, and the
   storage loads.
 - In the middle of a restore, which is stopped at its system calls: the files are those of before, in the
   same inodes, or those of after.
 
-The first library syncs nothing (quirk Q65): a load by it alone has to lose files right after its end, or
+The contract library syncs nothing (quirk Q65): a load by it alone has to lose files right after its end, or
 else the cut shows nothing. Where there are no loop devices the campaign is skipped, with status 77.
 """
 
@@ -144,7 +144,7 @@ class Restore:
 
 
 def lost_by_library(program):
-    """How many files are not whole when the power fails right after a load by the first library."""
+    """How many files are not whole when the power fails right after a load by the contract library."""
     with Disk() as disk, Gateway(program, parent=disk.place) as gateway:
         restore = Restore(gateway, disk, 0)
         gateway.do("load", "weekly")

@@ -5,7 +5,7 @@
 
 The system calls of a restore on the configuration, the failover files and the storage are recorded, each on
 a file system of its own. disk_model.py says what a power cut leaves of them. Each state is made with real
-files, and the second library recovers; inodes.cpp lets it see the inode numbers that were recorded. Then
+files, and the typed library recovers; inodes.cpp lets it see the inode numbers that were recorded. Then
 the files are those of before, in the same inodes, or those of after, and only the latter once success was
 reported; nothing else is left, and the storage is sound. Recoveries are recorded and cut in the same way.
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Fills each of the four directories under a restore of the second library, and makes one read-only.
+"""Fills each of the four directories under a restore of the typed library, and makes one read-only.
 
     restore_disk.py OPERATE [--full] [--seed=N]
 

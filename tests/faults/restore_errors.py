@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Lets each system call of a restore of the second library fail, once and for good.
+"""Lets each system call of a restore of the typed library fail, once and for good.
 
     restore_errors.py OPERATE [--full] [--seed=N]
 

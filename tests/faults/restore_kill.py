@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Kills a restore of the second library, and its recovery, at each system call that changes something.
+"""Kills a restore of the typed library, and its recovery, at each system call that changes something.
 
     restore_kill.py OPERATE [--full] [--seed=N]
 

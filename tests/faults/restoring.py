@@ -1,4 +1,4 @@
-"""Restores by the second library: what they begin with, and what must hold after a fault in one."""
+"""Restores by the typed library: what they begin with, and what must hold after a fault in one."""
 
 import collections
 import os

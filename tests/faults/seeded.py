@@ -5,7 +5,7 @@
 
 Each tests/faults/seeded/BUG.patch is applied to a copy of the tree, alone; it is built, and the
 campaigns that its first line names run in their short forms, one with ":full" behind it in full;
-"snapshots-tests" are the tests of the second library. Each must
+"snapshots-tests" are the tests of the typed library. Each must
 fail. First all of these must pass without a bug. Prints a line for each bug, and the table bug x campaign.
 --short: all patches apply, and the bugs of SHORT are noticed.
 """
