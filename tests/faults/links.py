@@ -4,8 +4,8 @@
     links.py OPERATE [--full] [--seed=N]
 
 The contract library follows such links (quirk Q66): files get written outside the configuration, in a
-number of tries that is reported and must not be 0. The typed library never writes outside; what it leaves is the
-old configuration or the new one.
+number of tries that is reported and must not be 0. The typed library never writes outside; what it leaves
+is the old configuration or the new one.
 
 Where no other user can be had the campaign is skipped, with status 77.
 """
