@@ -239,94 +239,92 @@ struct Entry {
   Key row = {};  ///< with kRow, the one that it may delete or replace
 };
 
-const std::vector<Entry>& entries() {
-  static const auto differences = [](Ending& ending) {
-    return [&ending](const Differences& found) {
-      for (const Difference& difference : found) ending.add(difference.path);
-    };
+std::function<void(const Differences&)> differences(Ending& ending) {
+  return [&ending](const Differences& found) {
+    for (const Difference& difference : found) ending.add(difference.path);
   };
-  static const std::vector<Entry> all{
-      {"list", kNothing,
-       [](Ending& ending) {
-         tell(ending, list(), [&](const Snapshots& found) {
-           for (const Snapshot& snapshot : found) ending.add(shown(snapshot));
-         });
-       }},
-      {"find", kNothing,
-       [](Ending& ending) {
-         Query query;
-         query.pattern = "dail*";
-         tell(ending, find(query), [&](const Snapshot& found) { ending.add(shown(found)); });
-       }},
-      {"members", kNothing,
-       [](Ending& ending) {
-         tell(ending, members({"daily"}), [&](const Members& found) {
-           for (const Member& member : found) ending.add(member.path + std::to_string(member.sha256[0]));
-         });
-       }},
-      {"compare with live", kNothing,
-       [](Ending& ending) { tell(ending, compare({"daily"}, Live{}), differences(ending)); }},
-      {"compare two", kNothing,
-       [](Ending& ending) { tell(ending, compare({"daily"}, Id{"weekly"}), differences(ending)); }},
-      {"verify", kNothing,
-       [](Ending& ending) {
-         tell(ending, verify({"daily"}), [&](const Verdict& found) {
-           ending.add(std::to_string(static_cast<int>(found.state)));
-           for (const std::string& problem : found.problems) ending.add(problem);
-         });
-       }},
-      {"note", kNotes, [](Ending& ending) { tell(ending, note({"daily"}, "a comment")); }},
-      {"pin", kNotes, [](Ending& ending) { tell(ending, pin({"weekly"}, true)); }},
-      {"status", kNothing,
-       [](Ending& ending) {
-         tell(ending, status(), [&](const Status& found) {
-           for (const Attention& attention : found.attention) ending.add(attention.code);
-           ending.add(std::to_string(found.snapshots));
-         });
-       }},
-      {"prune, dry", kNothing,
-       [](Ending& ending) {
-         PruneOptions options;
-         options.keep = 1;
-         options.pattern = "*";
-         options.dry_run = true;
-         tell(ending, prune(options), [&](const Pruned& found) {
-           for (const Victim& victim : found.deleted) ending.add(shown(victim.snapshot));
-         });
-       }},
-      {"export", kNothing,
-       [](Ending& ending) {
-         const auto sink = [](std::string_view) { return Error{}; };
-         tell(ending, export_to({{"daily"}}, sink), [&](const Exported& done) {
-           for (const Snapshot& snapshot : done.snapshots) ending.add(shown(snapshot));
-         });
-       }},
-      {"import",
-       kRow,
-       [](Ending& ending) {
-         ImportOptions options;
-         options.overwrite = true;
-         tell(ending, import_from(exported(), options), [&](const Imported& done) {
-           for (const Snapshot& snapshot : done.snapshots) ending.add(snapshot.config.name);
-         });
-       },
-       {"daily", ConfSave::CURRENT_VERSION}},
-      {"save",
-       kRow,
-       [](Ending& ending) {
-         SaveOptions options;
-         options.overwrite = true;
-         tell(ending, ConfSave::snapshots::save({"daily"}, options),
-              [&](const Saved& saved) { ending.add(std::to_string(static_cast<int>(saved.outcome))); });
-       },
-       {"daily", ConfSave::CURRENT_VERSION}},
-      {"remove",
-       kRow,
-       [](Ending& ending) { tell(ending, ConfSave::snapshots::remove({"daily"})); },
-       {"daily", ConfSave::CURRENT_VERSION}},
-  };
-  return all;
 }
+
+const std::vector<Entry> kEntries{
+    {"list", kNothing,
+     [](Ending& ending) {
+       tell(ending, list(), [&](const Snapshots& found) {
+         for (const Snapshot& snapshot : found) ending.add(shown(snapshot));
+       });
+     }},
+    {"find", kNothing,
+     [](Ending& ending) {
+       Query query;
+       query.pattern = "dail*";
+       tell(ending, find(query), [&](const Snapshot& found) { ending.add(shown(found)); });
+     }},
+    {"members", kNothing,
+     [](Ending& ending) {
+       tell(ending, members({"daily"}), [&](const Members& found) {
+         for (const Member& member : found) ending.add(member.path + std::to_string(member.sha256[0]));
+       });
+     }},
+    {"compare with live", kNothing,
+     [](Ending& ending) { tell(ending, compare({"daily"}, Live{}), differences(ending)); }},
+    {"compare two", kNothing,
+     [](Ending& ending) { tell(ending, compare({"daily"}, Id{"weekly"}), differences(ending)); }},
+    {"verify", kNothing,
+     [](Ending& ending) {
+       tell(ending, verify({"daily"}), [&](const Verdict& found) {
+         ending.add(std::to_string(static_cast<int>(found.state)));
+         for (const std::string& problem : found.problems) ending.add(problem);
+       });
+     }},
+    {"note", kNotes, [](Ending& ending) { tell(ending, note({"daily"}, "a comment")); }},
+    {"pin", kNotes, [](Ending& ending) { tell(ending, pin({"weekly"}, true)); }},
+    {"status", kNothing,
+     [](Ending& ending) {
+       tell(ending, status(), [&](const Status& found) {
+         for (const Attention& attention : found.attention) ending.add(attention.code);
+         ending.add(std::to_string(found.snapshots));
+       });
+     }},
+    {"prune, dry", kNothing,
+     [](Ending& ending) {
+       PruneOptions options;
+       options.keep = 1;
+       options.pattern = "*";
+       options.dry_run = true;
+       tell(ending, prune(options), [&](const Pruned& found) {
+         for (const Victim& victim : found.deleted) ending.add(shown(victim.snapshot));
+       });
+     }},
+    {"export", kNothing,
+     [](Ending& ending) {
+       const auto sink = [](std::string_view) { return Error{}; };
+       tell(ending, export_to({{"daily"}}, sink), [&](const Exported& done) {
+         for (const Snapshot& snapshot : done.snapshots) ending.add(shown(snapshot));
+       });
+     }},
+    {"import",
+     kRow,
+     [](Ending& ending) {
+       ImportOptions options;
+       options.overwrite = true;
+       tell(ending, import_from(exported(), options), [&](const Imported& done) {
+         for (const Snapshot& snapshot : done.snapshots) ending.add(snapshot.config.name);
+       });
+     },
+     {"daily", ConfSave::CURRENT_VERSION}},
+    {"save",
+     kRow,
+     [](Ending& ending) {
+       SaveOptions options;
+       options.overwrite = true;
+       tell(ending, ConfSave::snapshots::save({"daily"}, options),
+            [&](const Saved& saved) { ending.add(std::to_string(static_cast<int>(saved.outcome))); });
+     },
+     {"daily", ConfSave::CURRENT_VERSION}},
+    {"remove",
+     kRow,
+     [](Ending& ending) { tell(ending, ConfSave::snapshots::remove({"daily"})); },
+     {"daily", ConfSave::CURRENT_VERSION}},
+};
 
 // The strikes ------------------------------------------------------------------------------------------
 
@@ -447,7 +445,7 @@ bool fail_one(const Entry& entry, long number) {
 
 int run(bool full, unsigned seed) {
   std::mt19937 source(seed);
-  for (const Entry& entry : entries()) {
+  for (const Entry& entry : kEntries) {
     // Twice, so that what a library keeps for ever is there.
     for (int i = 0; i < 2; ++i) {
       restore();
@@ -460,7 +458,7 @@ int run(bool full, unsigned seed) {
     }
   }
   std::cout << count << (kSanitized ? " of operator new and of SQLite's allocations" : " allocations")
-            << " failed, in " << entries().size() << " entry points; libarchive ended the process in "
+            << " failed, in " << kEntries.size() << " entry points; libarchive ended the process in "
             << ended_in_libarchive << "; seed " << seed << "\n";
   return failures == 0 && count > 100 ? 0 : 1;
 }
