@@ -70,6 +70,24 @@ def archives_of_two_kinds(outside):
     yield "one directory as two", pack(member("both")), pack(member("both/x"))
 
 
+def odd_files(plain, full):
+    """Those that are not one gzip file with one whole archive, and other formats."""
+    yield "old format", plain, pack(member("x"), form=tarfile.USTAR_FORMAT)
+    yield "extended headers", plain, pack(member("ü" * 200), form=tarfile.PAX_FORMAT)
+    yield "zeros", plain, zeros(1 << 30 if full else 32 << 20)
+    yield "zeros behind the end", plain, plain + gzip.compress(b"\0" * 1000000)
+    yield "two archives", plain, pack(member("x")) + pack(member("../../outside/evil"))
+    yield "no archive", plain, b"this is no archive"
+    yield "nothing", plain, b""
+    yield "an empty archive", plain, pack()
+    random_files = [member(f"f{i}", data=os.urandom(1000)) for i in range(20)]
+    yield "half an archive", plain, pack(*random_files)[:9000]
+    wrong = bytearray(plain)
+    wrong[-6] ^= 0xff
+    yield "wrong checksum", plain, bytes(wrong)
+    yield "not compressed", plain, gzip.decompress(plain)
+
+
 def archives(outside, full):
     """Title, etc archive, keybase archive."""
     plain = pack(member("plain"))
@@ -113,20 +131,7 @@ def archives(outside, full):
         yield f"corlu.serv at {position}", plain, pack(*map(member, names), member("user/corlu.serv"),
                                                         member("deep/er/corlu.serv/x"))
     yield from archives_of_two_kinds(outside)
-    yield "old format", plain, pack(member("x"), form=tarfile.USTAR_FORMAT)
-    yield "extended headers", plain, pack(member("ü" * 200), form=tarfile.PAX_FORMAT)
-    yield "zeros", plain, zeros(1 << 30 if full else 32 << 20)
-    yield "zeros behind the end", plain, plain + gzip.compress(b"\0" * 1000000)
-    yield "two archives", plain, pack(member("x")) + pack(member("../../outside/evil"))
-    yield "no archive", plain, b"this is no archive"
-    yield "nothing", plain, b""
-    yield "an empty archive", plain, pack()
-    random_files = [member(f"f{i}", data=os.urandom(1000)) for i in range(20)]
-    yield "half an archive", plain, pack(*random_files)[:9000]
-    wrong = bytearray(plain)
-    wrong[-6] ^= 0xff
-    yield "wrong checksum", plain, bytes(wrong)
-    yield "not compressed", plain, gzip.decompress(plain)
+    yield from odd_files(plain, full)
 
 
 def picture(*roots):
