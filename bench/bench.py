@@ -67,7 +67,6 @@ def measure(bench, build, effort, quick):
     inside.contention(bench, 1 if quick else 5)
     if not quick:
         inside.commands(build)
-        inside.instructions(build)
 
 
 def main():

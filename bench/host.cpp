@@ -1,6 +1,6 @@
 // The host that is measured: performs one operation, as a gateway's shell would.
 //
-//   bench-host save NAME | load NAME [TARGET] | list | autosave MAX | open | fill COUNT KIBIBYTES
+//   bench-host save NAME | load NAME [TARGET] | list | open | fill COUNT KIBIBYTES
 //
 // With BENCH_FIGURES=FILE it also writes, as JSON: the seconds of all, of its commands and of SQLite's
 // syncs, the bytes that were read, and by how many KiB its memory grew.
@@ -97,13 +97,16 @@ void fill(int count, int kibibytes) {
 int perform(const std::vector<std::string>& words) {
   const std::string& verb = words.at(0);
   if (verb == "save") return save(words.at(1), conf_full, 0, true) ? 0 : 1;
+  if (verb == "open") return Storage().opened ? 0 : 1;
   if (verb == "load") {
     Storage().Load(words.at(1), words.size() > 2 ? words[2].c_str() : nullptr, CURRENT_VERSION, true);
+  } else if (verb == "list") {
+    App::lst();
+  } else if (verb == "fill") {
+    fill(std::stoi(words.at(1)), std::stoi(words.at(2)));
+  } else {
+    return 2;
   }
-  if (verb == "list") App::lst();
-  if (verb == "autosave") AutoSave("", conf_full, static_cast<unsigned>(std::stoul(words.at(1))));
-  if (verb == "open") return Storage().opened ? 0 : 1;
-  if (verb == "fill") fill(std::stoi(words.at(1)), std::stoi(words.at(2)));
   return 0;
 }
 

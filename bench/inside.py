@@ -1,12 +1,10 @@
-"""What the libraries cost by themselves: their own part, memory, contention, commands, instructions."""
+"""What the libraries cost by themselves: their own part, memory, contention and commands."""
 
 import os
-import shutil
 import sqlite3
 import statistics
 import subprocess
 import sys
-import tempfile
 import time
 
 from beside import forget_notes
@@ -77,19 +75,3 @@ def commands(build):
         out = subprocess.check_output([build / "bench/bench-spawn", str(mebibytes), "100"], text=True)
         note(f"starting a command in a host of {mebibytes:,} MiB",
              "; ".join(" ".join(line.split()) for line in out.splitlines()[1:]))
-
-
-def instructions(build):
-    if not shutil.which("valgrind"):
-        return
-    print("\ninstructions, by callgrind")
-
-    def count(part, rounds):
-        with tempfile.NamedTemporaryFile() as out:
-            report = subprocess.run(["valgrind", "--tool=callgrind", f"--callgrind-out-file={out.name}",
-                                     build / "bench/bench-pure", part, str(rounds)],
-                                    capture_output=True, text=True, check=True).stderr
-        return int(next(line for line in report.splitlines() if "Collected" in line).rsplit(None, 1)[1])
-
-    for part in ("version-to-text", "text-to-version", "statement", "time", "record-line"):
-        note(f"instructions, {part}", f"{(count(part, 3000) - count(part, 1000)) / 2000:,.0f}")

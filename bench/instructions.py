@@ -110,6 +110,8 @@ def main():
     grown = [name for name, count in counts.items() if count > before[name] * ALLOWED]
     for name, count in counts.items():
         print(f"{name:40} {count:12,} {count / before[name]:6.2f}{' more than allowed' * (name in grown)}")
+    if any(count < before[name] / 2 for name, count in counts.items()):
+        sys.exit("instructions: one is less than half: check that it still does its work, then use --write")
     if grown:
         sys.exit("instructions: find out why, or if it is meant, write the table anew with --write")
 

@@ -1,6 +1,7 @@
 // The host of the second library that is measured: performs one operation.
 //
-//   bench-typed save NAME | open | show NAME | diff NAME | verify NAME | decode NAME | restore NAME
+//   bench-typed save NAME | save-if-changed NAME | open | show NAME | diff NAME | verify NAME | decode NAME
+//   bench-typed plan NAME | restore NAME
 //
 // "decode" only unpacks both archives, and only reads the files of the live configuration. With
 // BENCH_FIGURES=FILE it also writes, as JSON: the seconds of the operation, the most memory that the
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -59,18 +61,35 @@ void decode(const Id& id) {
   }
 }
 
-void perform(const std::string& verb, const Id& id) {
+void save_now(const Id& id, bool if_changed) {
   SaveOptions options;
   options.overwrite = true;
-  if (verb == "save") expect(save(id, options));
-  if (verb == "open") expect(list());
-  if (verb == "show") expect(members(id));
-  if (verb == "diff") expect(compare(id, Live{}));
-  if (verb == "verify") expect(verify(id));
-  if (verb == "decode") decode(id);
-  RestoreOptions how;
-  how.keep = false;
-  if (verb == "restore") expect(restore(id, how));
+  options.if_changed = if_changed;
+  expect(save(id, options));
+}
+
+void restore_now(const Id& id) {
+  RestoreOptions options;
+  options.keep = false;
+  expect(restore(id, options));
+}
+
+const std::map<std::string, void (*)(const Id&)> kVerbs{
+    {"save", [](const Id& id) { save_now(id, false); }},
+    {"save-if-changed", [](const Id& id) { save_now(id, true); }},
+    {"open", [](const Id&) { expect(list()); }},
+    {"show", [](const Id& id) { expect(members(id)); }},
+    {"diff", [](const Id& id) { expect(compare(id, Live{})); }},
+    {"verify", [](const Id& id) { expect(verify(id)); }},
+    {"decode", decode},
+    {"plan", [](const Id& id) { expect(plan(id)); }},
+    {"restore", restore_now},
+};
+
+bool perform(const std::string& verb, const Id& id) {
+  const auto found = kVerbs.find(verb);
+  if (found != kVerbs.end()) found->second(id);
+  return found != kVerbs.end();
 }
 
 /// In KiB. Not getrusage's, which a process has from the one that started it.
@@ -88,10 +107,13 @@ long peak_memory() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string verb = argv[1];
+  const std::string verb = argc > 1 ? argv[1] : "";
   const Id id{argc > 2 ? argv[2] : "", ConfSave::CURRENT_VERSION};
   const auto start = Clock::now();
-  perform(verb, id);
+  if (!perform(verb, id)) {
+    std::cerr << "bench-typed: no verb is called '" << verb << "'\n";
+    return 2;
+  }
   const double all = std::chrono::duration<double>(Clock::now() - start).count();
   const long peak = peak_memory();
   if (const char* file = std::getenv("BENCH_FIGURES")) {
