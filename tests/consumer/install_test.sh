@@ -42,14 +42,14 @@ filter=$KELMOR_CONFIG_PATH/user/filter.conf
 failover=/mnt/main/etc/failover.ini
 takes_back() {
     failing="echo 'permit any' >'$filter'; rm $failover; touch '$KELMOR_CONFIG_PATH/user/nat.conf'; false"
-    expect "what the host built by $1 takes back" "$failover
-${KELMOR_CONFIG_PATH}user/filter.conf
-${KELMOR_CONFIG_PATH}user/nat.conf" "$("$2" "$failing")"
+    expect "what the host built by $1 prints of a command that fails" '[1]' \
+        "$("$2" "$failing" 2>&1 || echo "[$?]")"
     expect "the files that the host built by $1 takes back" 'permit established permit established' \
         "$(cat "$filter" "$failover" "$KELMOR_CONFIG_PATH"/user/nat.conf 2>/dev/null | xargs)"
     expect "the comment of the host built by $1" "$failing" \
         "$(sqlite3 "$KELMOR_DYNAMIC_DIR/notes.db" "select comment from note where comment glob 'echo*'")"
-    expect "what the host built by $1 prints of a command that succeeds" '' "$("$2" "echo deny >'$filter'")"
+    expect "what the host built by $1 prints of a command that succeeds" '' \
+        "$("$2" "echo deny >'$filter'" 2>&1 || echo "[$?]")"
     expect "the file that the host built by $1 keeps" deny "$(cat "$filter")"
     echo 'permit established' >"$filter"
     rm "$KELMOR_DYNAMIC_DIR/notes.db"
