@@ -50,47 +50,56 @@ void require_memory(int code) {
 
 }  // namespace
 
-Statement& Statement::bind(int64 number) {
-  require_memory(sqlite3_bind_int64(statement_.get(), ++bound_, number));
+template <class Bind>
+Statement& Statement::attempt(Bind bind) {
+  ++bound_;
+  if (refused_ != SQLITE_OK) return *this;
+  const int code = bind();
+  require_memory(code);
+  // A parameter that the statement does not have is no matter.
+  if (code == SQLITE_TOOBIG) refused_ = code;
   return *this;
+}
+
+Statement& Statement::bind(int64 number) {
+  return attempt([&] { return sqlite3_bind_int64(statement_.get(), bound_, number); });
 }
 
 Statement& Statement::bind(const std::string& text) {
-  require_memory(sqlite3_bind_text64(statement_.get(), ++bound_, text.data(), text.size(), SQLITE_TRANSIENT,
-                                     SQLITE_UTF8));
-  return *this;
+  return attempt([&] {
+    return sqlite3_bind_text64(statement_.get(), bound_, text.data(), text.size(), SQLITE_TRANSIENT,
+                               SQLITE_UTF8);
+  });
 }
 
 Statement& Statement::bind(const std::vector<char>& blob) {
-  require_memory(sqlite3_bind_blob64(statement_.get(), ++bound_, blob.empty() ? nullptr : blob.data(),
-                                     blob.size(), SQLITE_STATIC));
-  return *this;
+  const char* bytes = blob.empty() ? nullptr : blob.data();
+  return attempt(
+      [&] { return sqlite3_bind_blob64(statement_.get(), bound_, bytes, blob.size(), SQLITE_STATIC); });
 }
 
 Statement& Statement::bind(const Digest& digest) {
-  require_memory(
-      sqlite3_bind_blob64(statement_.get(), ++bound_, digest.data(), digest.size(), SQLITE_TRANSIENT));
-  return *this;
+  return attempt([&] {
+    return sqlite3_bind_blob64(statement_.get(), bound_, digest.data(), digest.size(), SQLITE_TRANSIENT);
+  });
 }
 
 Statement& Statement::bind(const Statement& row, int column) {
   sqlite3_value* value = sqlite3_column_value(row.statement_.get(), column);
-  require_memory(sqlite3_bind_value(statement_.get(), ++bound_, value));
-  return *this;
+  return attempt([&] { return sqlite3_bind_value(statement_.get(), bound_, value); });
 }
 
 Statement& Statement::bind_zeros(int64 size) {
-  require_memory(sqlite3_bind_zeroblob64(statement_.get(), ++bound_, static_cast<sqlite3_uint64>(size)));
-  return *this;
+  return attempt(
+      [&] { return sqlite3_bind_zeroblob64(statement_.get(), bound_, static_cast<sqlite3_uint64>(size)); });
 }
 
 Statement& Statement::bind_null() {
-  sqlite3_bind_null(statement_.get(), ++bound_);
-  return *this;
+  return attempt([&] { return sqlite3_bind_null(statement_.get(), bound_); });
 }
 
 bool Statement::run() {
-  const bool done = sqlite3_step(statement_.get()) == SQLITE_DONE;
+  const bool done = step() == SQLITE_DONE;
   reset();
   return done;
 }
@@ -98,6 +107,7 @@ bool Statement::run() {
 void Statement::reset() {
   sqlite3_reset(statement_.get());
   bound_ = 0;
+  refused_ = SQLITE_OK;
 }
 
 std::string Statement::text(int column) const {
@@ -171,6 +181,11 @@ Error Database::run(const char* text) {
 Error Database::error() const {
   Error found = error(sqlite3_extended_errcode(db_.get()));
   found.text = sqlite3_errmsg(db_.get());
+  if (found.number == SQLITE_TOOBIG) {
+    const int most = sqlite3_limit(db_.get(), SQLITE_LIMIT_LENGTH, -1);
+    found.text = "SQLite stores at most " + std::to_string(most) +
+                 " bytes in a row; take large files out of the configuration";
+  }
   return found;
 }
 

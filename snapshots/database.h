@@ -25,7 +25,7 @@ class Statement {
 
   Statement& bind(int64 number);
   Statement& bind(const std::string& text);
-  /// The bytes must outlive the statement. None are NULL, as are more than SQLite stores.
+  /// The bytes must outlive the statement. None are NULL.
   Statement& bind(const std::vector<char>& blob);
   Statement& bind(const Digest& digest);
   /// The value that `row` has in this column, whatever its type.
@@ -34,8 +34,8 @@ class Statement {
   Statement& bind_zeros(int64 size);
   Statement& bind_null();
 
-  /// SQLITE_ROW, SQLITE_DONE, or SQLite's error.
-  int step() { return sqlite3_step(statement_.get()); }
+  /// SQLITE_ROW, SQLITE_DONE, or SQLite's error, also that of a value that is too large to be bound.
+  int step() { return refused_ != SQLITE_OK ? refused_ : sqlite3_step(statement_.get()); }
 
   /// Runs a statement without a result, to be bound and run again.
   bool run();
@@ -50,8 +50,14 @@ class Statement {
   std::optional<Digest> digest(int column) const;
 
  private:
+  /// Binds the next value, unless an earlier one was too large: SQLite would store NULL in its place, and
+  /// forget why with the next one.
+  template <class Bind>
+  Statement& attempt(Bind bind);
+
   std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement_;
   int bound_ = 0;
+  int refused_ = SQLITE_OK;  ///< SQLITE_TOOBIG after a value that is too large
 };
 
 /// A connection of our own to an SQLite file that nobody vouches for: its schema may not run functions with

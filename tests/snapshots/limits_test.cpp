@@ -12,6 +12,7 @@
 #include <random>
 
 #include "confsave/snapshots.h"
+#include "snapshots/database.h"
 #include "support/gateway.h"
 #include "tar_writer.h"
 
@@ -120,7 +121,7 @@ TEST_F(Limit, AHundredThousandMembersAreRead) {
 
 TEST_F(Limit, AHundredThousandRowsAreListed) {
   make_table();
-  Database(database())
+  test::Database(database())
       .run(
           "with recursive n(i) as (select 1 union all select i + 1 from n where i < 100000) "
           "insert into Config (name, version, keybase, etc, type, save_time) "
@@ -211,6 +212,28 @@ class Busybody {
 
   pid_t process_;
 };
+
+TEST_F(Limit, WhatSQLiteDoesNotStoreIsRefused) {
+  make_table();
+  const auto refusal = [this](const std::vector<char>& keybase, const std::vector<char>& etc) {
+    auto storage = ConfSave::snapshots::Database::open(database(), milliseconds(1000));
+    sqlite3_limit(storage->get(), SQLITE_LIMIT_LENGTH, 10000);
+    Result<Statement> insert = storage->prepare(
+        "insert into Config (name, version, keybase, etc) values (hex(randomblob(8)), 5, ?, ?)");
+    const bool done = insert->bind(keybase).bind(etc).run();
+    return done ? "" : storage->error().text;
+  };
+  const std::string too_large =
+      "SQLite stores at most 10000 bytes in a row; take large files out of the configuration";
+  const std::vector<char> most(9000);
+  const std::vector<char> half(6000);
+  const std::vector<char> more(10001);
+  EXPECT_EQ(refusal(most, {}), "");
+  EXPECT_EQ(refusal(more, {}), too_large);
+  EXPECT_EQ(refusal({}, more), too_large);
+  EXPECT_EQ(refusal(half, half), too_large);
+  EXPECT_EQ(query("select count(*) from Config")[0][0], "1");
+}
 
 TEST_F(Limit, FilesMayAppearVanishAndChangeWhileTheyAreRead) {
   make_configuration();
