@@ -107,7 +107,7 @@ int print_help(std::ostream& out, int status) {
   out << "Keep named snapshots of this gateway's configuration.\n\nconfsave VERB [OPTION...]\n\n";
   for (const Verb& verb : verbs()) {
     std::string call = "  " + call_of(verb);
-    call.resize(std::max<std::size_t>(call.size() + 2, 22), ' ');
+    call.resize(std::max<std::size_t>(call.size() + 2, 24), ' ');
     out << call << verb.effect << '\n';
   }
   out << "\n'confsave VERB --help' lists the options of a verb; 'man confsave' is the manual.\n";
