@@ -156,7 +156,9 @@ class TreeReading {
       return errno == ENOENT ? Error{} : failure(path);
     }
     if (static_cast<int64>(members_.size()) >= limits_.members) {
-      return unsafe(path, "there are too many files");
+      return {Code::failed, 0, printable(path),
+              "a snapshot has at most " + std::to_string(limits_.members) +
+                  " files; take some out of the configuration"};
     }
     switch (status.st_mode & S_IFMT) {
       case S_IFREG:
