@@ -19,6 +19,7 @@
 #include "snapshots/preflight.h"
 #include "snapshots/recover.h"
 #include "snapshots/stage.h"
+#include "snapshots/summary.h"
 #include "snapshots/waiter.h"
 
 namespace ConfSave::snapshots {
@@ -51,6 +52,7 @@ class Restoring {
     if (error.code != Code::ok) return error;
     row_.reset();
     remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
+    keep_summary();
     phases_.end("remove old kept");
     if (!is_windowed()) return finish(Restored::Outcome::restored);
     restored_.deadline = end_of(record_.window);

@@ -215,6 +215,13 @@ TEST_F(SummaryTest, EachCallThatChangesKeepsItOnce) {
              return done && done->deleted.size() == 3;
            },
            [] { return ConfSave::snapshots::remove({"s2"}).code == Code::ok; },
+           [this] {
+             write_file(config("user/gateway.conf"), "damaged\n");
+             RestoreOptions options;
+             options.keep = false;
+             const auto done = restore({"source"}, options);
+             return done && done->outcome == Restored::Outcome::restored;
+           },
            [&] {
              ImportOptions options;
              options.name = "imported";
