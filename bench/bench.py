@@ -64,6 +64,7 @@ def measure(bench, build, effort, quick):
     nights.measure(bench, others, quick)
     inside.own_part(bench, effort.most)
     inside.memory(bench)
+    inside.parts(bench, effort.most)
     inside.contention(bench, 1 if quick else 5)
     if not quick:
         inside.commands(build)

@@ -1,6 +1,7 @@
 """What the libraries cost by themselves: their own part, memory, contention and commands."""
 
 import os
+import re
 import sqlite3
 import statistics
 import subprocess
@@ -46,6 +47,28 @@ def memory(bench):
     size = connection.execute("select length(keybase) + length(etc) from Config").fetchone()[0]
     connection.close()
     note("archives of 50 MiB", f"{size / (1 << 20):.1f} MiB", size / (1 << 20))
+
+
+def parts(bench, rounds):
+    """Where the time of a save and of a restore goes, from the program's log."""
+    log = bench.root / "log"
+    for label in ("200 KiB", "5 MiB"):
+        bench.make_configuration(SIZES[label])
+        bench.save(3)
+        for what, words in {"save": ("save", "weekly", "--force"),
+                            "restore": ("load", "weekly", "--yes", "--no-keep")}.items():
+            found = {}
+            for _ in range(rounds):
+                if what == "restore":
+                    bench.damage()
+                os.sync()
+                log.unlink(missing_ok=True)
+                bench.run(bench.program, *words, KELMOR_LOG_LEVEL="4", KELMOR_LOG_FILE=str(log))
+                line = re.search(f"text={what}: (.*) ms", log.read_text(encoding="utf-8")).group(1)
+                for name, value in (part.rsplit(None, 1) for part in line.split(", ")):
+                    found.setdefault(name, []).append(float(value))
+            note(f"parts of a {what} of {label}, in ms",
+                 ", ".join(f"{name} {statistics.median(values):.2f}" for name, values in found.items()))
 
 
 def contention(bench, seconds):

@@ -3,8 +3,9 @@
 
     scale.py BUILD OUT
 
-100,000 snapshots; a storage of 20 GB; a configuration of 100,000 files, and of more than the limit; one file
-of 900 MB, and of more than SQLite stores. Each answer is checked. Run by script/bench --scale; needs 45 GB.
+100,000 snapshots; a storage of 20 GB; a configuration of 100,000 files, and of more than the limit; one
+file of 900 MB, and of more than SQLite stores. Each answer is checked. Run by script/bench --scale; needs
+45 GB.
 """
 
 import json
@@ -16,19 +17,11 @@ import sys
 import time
 
 from measuring import Bench
+from page import heading, row
 
 ROWS, LARGE, LARGE_ROWS, FILES, TOO_MANY = 100_000, 1024, 20_000, 100_000, 250_001
 BIG, TOO_BIG = 900_000_000, 1_100_000_000
 LINES = []
-
-
-def table(*rows):
-    """The first row is the heading."""
-    for number, row in enumerate(rows):
-        LINES.append("| " + " | ".join(map(str, row)) + " |")
-        if number == 0:
-            LINES.append("|---" * len(row) + "|")
-    LINES.append("")
 
 
 class Scale:
@@ -60,9 +53,10 @@ class Scale:
         return out.read_text(encoding="utf-8", errors="replace")
 
     def finish(self, title):
-        LINES.extend([f"**{title}**", ""])
-        table(("command", "seconds", "MiB of memory", ""), *self.rows)
-        print("\n".join(LINES[-len(self.rows) - 5:]), flush=True)
+        section = [f"**{title}**", "", *heading("command", "seconds", "MiB of memory", "")]
+        section += [*(row(*cells) for cells in self.rows), ""]
+        print("\n".join(section), flush=True)
+        LINES.extend(section)
         self.rows = []
 
     def storage(self):
@@ -79,7 +73,7 @@ def many_rows(scale, title, count, kibibytes):
     scale.run("save", "weekly", "--comment", "the last one")
     assert len(scale.run("list", "--all").splitlines()) >= count
     scale.run("list")
-    assert json.loads(scale.run("status", "--json"))["snapshots"] == count + 1
+    assert json.loads(scale.run("status", "--json", status=9))["snapshots"] == count + 1
     assert json.loads(scale.run("show", "weekly", "--json"))["members"]
     scale.run("diff", "weekly")
     (scale.root / "config/user/filter.conf").write_text("damaged\n")
@@ -116,7 +110,7 @@ def many_files(scale):
         path = station / str(number // 1000) / str(number)
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_text(f"file {number}\n")
-    scale.run("save", "more", status=1, expect="more than 250000 members")
+    scale.run("save", "more", status=1, expect="at most 250000 files")
     notes = (scale.root / "state/notes.db").stat().st_size
     scale.finish(f"{FILES:,} files, then {TOO_MANY:,}: {notes / 1e6:,.0f} MB of notes")
     shutil.rmtree(station)
@@ -143,7 +137,8 @@ def big_file(scale):
     write(TOO_BIG)
     scale.run("save", "more", status=1)
     assert "weekly" in scale.run("list") and "more" not in scale.run("list")
-    scale.finish(f"One file of {BIG / 1e6:,.0f} MB that cannot be compressed, then of {TOO_BIG / 1e6:,.0f} MB")
+    sizes = f"{BIG / 1e6:,.0f} MB that cannot be compressed, then of {TOO_BIG / 1e6:,.0f} MB"
+    scale.finish(f"One file of {sizes}")
 
 
 def main():
