@@ -35,22 +35,21 @@ class Scale:
 
     def run(self, *words, status=0, expect=""):
         """Keeps the seconds and the most memory of a command, and returns what it printed."""
+        peak = self.root / "peak"
+        # What wait4() says of a child's memory includes that of the process that has started it.
+        command = ["/usr/bin/time", "--quiet", "--format=%M", f"--output={peak}", self.bench.program, *words]
         start = time.perf_counter()
-        out, err = self.root / "out", self.root / "err"
-        with open(out, "wb") as output, open(err, "wb") as errors:
-            process = subprocess.Popen([self.bench.program, *words], stdout=output, stderr=errors,
-                                       env=self.environment, stdin=subprocess.DEVNULL)
-            _, result, usage = os.wait4(process.pid, 0)
-        process.returncode = os.waitstatus_to_exitcode(result)
+        done = subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL, check=False,
+                              capture_output=True, text=True)
         seconds = time.perf_counter() - start
-        message = err.read_text(encoding="utf-8").strip()
-        if process.returncode != status or expect not in message:
-            sys.exit(f"scale: {' '.join(words)} exited with {process.returncode}: {message}")
+        message = done.stderr.strip()
+        if done.returncode != status or expect not in message:
+            sys.exit(f"scale: {' '.join(words)} exited with {done.returncode}: {message}")
         said = message.replace(str(self.root), "").split("\n")[-1] if status == 1 else ""
         name = " ".join(words).replace(str(self.root), "")
-        self.rows.append((f"`{name}`", f"{seconds:,.2f}", f"{usage.ru_maxrss / 1024:,.0f}",
+        self.rows.append((f"`{name}`", f"{seconds:,.2f}", f"{int(peak.read_text()) / 1024:,.0f}",
                           f"refused: {said}" if said else ""))
-        return out.read_text(encoding="utf-8", errors="replace")
+        return done.stdout
 
     def finish(self, title):
         section = [f"**{title}**", "", *heading("command", "seconds", "MiB of memory", "")]

@@ -1,4 +1,4 @@
-// The host of the second library that is measured: performs one operation.
+// The host of the typed library that is measured: performs one operation.
 //
 //   bench-typed save NAME | save-if-changed NAME | open | show NAME | diff NAME | verify NAME | decode NAME
 //   bench-typed plan NAME | restore NAME
