@@ -37,7 +37,8 @@ class Scale:
         """Keeps the seconds and the most memory of a command, and returns what it printed."""
         peak = self.root / "peak"
         # What wait4() says of a child's memory includes that of the process that has started it.
-        command = ["/usr/bin/time", "--quiet", "--format=%M", f"--output={peak}", self.bench.program, *words]
+        command = ["/usr/bin/time", "--quiet", "--format=%M", f"--output={peak}", self.bench.program,
+                   *words]
         start = time.perf_counter()
         done = subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL, check=False,
                               capture_output=True, text=True)

@@ -11,6 +11,7 @@ that somebody made and no mixture, and `status` says what is so.
 
 import calendar
 import collections
+import fcntl
 import json
 import os
 import pathlib
@@ -69,6 +70,30 @@ VERBS = [
 # Of a host, which knows nothing of pins and restores, and has snapshots of its own.
 HOST = [(8, ["save", NAME]), (4, ["app-save", NAME]), (4, ["app-del", NAME]), (5, ["load", NAME, FILE]),
         (4, ["autosave", "1000000"]), (4, ["list"])]
+
+
+def journaled(gateway, query):
+    """The first column of what the journal of restores answers."""
+    file = gateway.state / "restore.db"
+    if not file.exists() or file.stat().st_size == 0:
+        return []
+    connection = sqlite3.connect(file)
+    try:
+        return [row[0] for row in connection.execute(query)]
+    finally:
+        connection.close()
+
+
+def wait_for_waiter(gateway):
+    """One that takes a restore back holds the lock, and status says nothing of its work."""
+    with open(gateway.state / "confsave.lock", "a", encoding="utf-8") as lock:
+        for _ in range(300):
+            try:
+                fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                return
+            except BlockingIOError:
+                time.sleep(0.1)
+    require(False, "somebody holds the lock for half a minute")
 
 
 class Life:
@@ -199,24 +224,18 @@ class Life:
 
     def journal(self):
         """The state of the restore that is not finished, or None."""
-        file = self.gateway.state / "restore.db"
-        if not file.exists() or file.stat().st_size == 0:
-            return None
-        connection = sqlite3.connect(file)
-        try:
-            return next(iter(connection.execute("select state from restore").fetchall()), (None,))[0]
-        finally:
-            connection.close()
+        return next(iter(journaled(self.gateway, "select state from restore")), None)
 
     def left(self):
         """What killed processes leave, and nobody needs."""
-        state = self.journal()
+        needed = journaled(self.gateway, "select staging from root")
         return sorted([str(path) for path in self.gateway.scratch_directories()] +
                       [str(path) for base in (self.gateway.config, ETC)
-                       for path in base.glob(".confsave-restore-*") if state is None])
+                       for path in base.glob(".confsave-restore-*") if path.name not in needed])
 
     def require_status(self):
         """What `status` says, and what is so."""
+        wait_for_waiter(self.gateway)
         answer = self.confsave("status", "--json")
         require(answer.returncode in (0, 9), "status ended with", answer.returncode, answer.stderr)
         status = json.loads(answer.stdout)
