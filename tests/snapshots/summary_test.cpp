@@ -184,10 +184,11 @@ TEST_F(SummaryTest, ChangesWithinOneTickOfTheClockShow) {
 TEST_F(SummaryTest, WhatTheContractLibraryDoesShows) {
   const std::string target = root() + "/target/";
   std::filesystem::create_directory(target);
-  for (const std::function<void()>& call : std::vector<std::function<void()>>{
-           [] { ConfSave::Storage().Create("contract", ConfSave::conf_full, ConfSave::CURRENT_VERSION); },
-           [&] { ConfSave::Storage().Load("contract", target.c_str(), ConfSave::CURRENT_VERSION, true); },
-           [] { ConfSave::Storage().Delete("contract", ConfSave::CURRENT_VERSION); }}) {
+  const std::vector<std::function<void()>> calls{
+      [] { ConfSave::Storage().Create("contract", ConfSave::conf_full, ConfSave::CURRENT_VERSION); },
+      [&] { ConfSave::Storage().Load("contract", target.c_str(), ConfSave::CURRENT_VERSION, true); },
+      [] { ConfSave::Storage().Delete("contract", ConfSave::CURRENT_VERSION); }};
+  for (const auto& call : calls) {
     expect_current();
     call();
     expect_outdated();
@@ -198,35 +199,36 @@ TEST_F(SummaryTest, WhatTheContractLibraryDoesShows) {
 TEST_F(SummaryTest, EachCallThatChangesKeepsItOnce) {
   const std::string exported = root() + "/exported";
   ASSERT_TRUE(export_to({{"source"}}, exported));
-  for (const std::function<bool()>& call : std::vector<std::function<bool()>>{
-           [] { return saved("new").outcome == Saved::Outcome::created; },
-           [] { return saved("new", overwrite()).outcome == Saved::Outcome::replaced; },
-           [] {
-             AutosaveOptions options;
-             options.most = 6;
-             const auto done = autosave(options);
-             return done && done->deleted.size() == 3;
-           },
-           [] {
-             PruneOptions options;
-             options.keep = 8;
-             options.pattern = "s99*";
-             const auto done = prune(options);
-             return done && done->deleted.size() == 3;
-           },
-           [] { return ConfSave::snapshots::remove({"s2"}).code == Code::ok; },
-           [this] {
-             write_file(config("user/gateway.conf"), "damaged\n");
-             RestoreOptions options;
-             options.keep = false;
-             const auto done = restore({"source"}, options);
-             return done && done->outcome == Restored::Outcome::restored;
-           },
-           [&] {
-             ImportOptions options;
-             options.name = "imported";
-             return bool(import_from(exported, options));
-           }}) {
+  const std::vector<std::function<bool()>> calls{
+      [] { return saved("new").outcome == Saved::Outcome::created; },
+      [] { return saved("new", overwrite()).outcome == Saved::Outcome::replaced; },
+      [] {
+        AutosaveOptions options;
+        options.most = 6;
+        const auto done = autosave(options);
+        return done && done->deleted.size() == 3;
+      },
+      [] {
+        PruneOptions options;
+        options.keep = 8;
+        options.pattern = "s99*";
+        const auto done = prune(options);
+        return done && done->deleted.size() == 3;
+      },
+      [] { return ConfSave::snapshots::remove({"s2"}).code == Code::ok; },
+      [this] {
+        write_file(config("user/gateway.conf"), "damaged\n");
+        RestoreOptions options;
+        options.keep = false;
+        const auto done = restore({"source"}, options);
+        return done && done->outcome == Restored::Outcome::restored;
+      },
+      [&] {
+        ImportOptions options;
+        options.name = "imported";
+        return bool(import_from(exported, options));
+      }};
+  for (const auto& call : calls) {
     // As many as it deletes.
     run("insert into Config (name, version) select 'more' || id, 0 from Config order by id desc limit 3");
     forget();
