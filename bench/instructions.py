@@ -25,10 +25,10 @@ ALLOWED = 1.1
 FILES = 40
 # What is counted, and what is done before: files damaged, the notes deleted, more rows. Those that need
 # files which are as old as the snapshot come first.
-PATHS = [("bench-host", "list", "rows"), ("bench-typed", "open", "rows"), ("bench-typed", "diff weekly", ""),
-         ("bench-typed", "save-if-changed weekly", ""), ("bench-typed", "diff weekly", "no notes"),
-         ("bench-typed", "verify weekly", ""), ("bench-typed", "save weekly", ""),
-         ("bench-typed", "restore weekly", "damage")]
+PATHS = [("bench-host", "list", "rows"), ("bench-typed", "open", "rows"),
+         ("bench-typed", "diff weekly", ""), ("bench-typed", "save-if-changed weekly", ""),
+         ("bench-typed", "diff weekly", "no notes"), ("bench-typed", "verify weekly", ""),
+         ("bench-typed", "save weekly", ""), ("bench-typed", "restore weekly", "damage")]
 
 
 class Gateway:
