@@ -96,21 +96,21 @@ class Aims:
     def restores(self):
         for way, how in (("confsave", "restore"), ("confsave, keep", "restore, the present kept first")):
             self.add_ratio(f"{how}: of `tar xzf`", beside.DAMAGED, way, "tar", [0.7] * 3)
-            self.add_ratio(f"{how}: of the plain library's load", beside.DAMAGED, way, "plain library",
-                           [0.35] * 3)
+            self.add_ratio(f"{how}: of the contract library's load", beside.DAMAGED, way,
+                           "contract library", [0.35] * 3)
         self.add_ratio("restore, nothing differs: of `tar xzf`", beside.EQUAL, "confsave", "tar", [0.5] * 3)
 
     def saves(self):
         later = beside.SAVES[1]
         self.add_ratio("save with proof: of `tar czf` with sync", later, "confsave", "tar + sync",
                        [None, 0.5, None])
-        for base in ("plain library", "plain library, gzip"):
+        for base in ("contract library", "contract library, gzip"):
             self.add_ratio(f"save with proof: of a save by the {base}", later, "confsave", base,
                            [1.5, 1.35, None])
         self.add_ratio("save if changed, nothing changed: of git's", beside.UNCHANGED, "confsave", "git",
                        [0.7] * 3)
         for verb, title, least in (("save", later, 0.7), ("load", beside.DAMAGED, 0.95)):
-            self.add_ratio(f"the plain library's {verb}: of the work by hand", title, "plain library",
+            self.add_ratio(f"the contract library's {verb}: of the work by hand", title, "contract library",
                            "by hand", [least, 1, 1])
 
     def readers(self):
@@ -121,7 +121,7 @@ class Aims:
                        "decode and read", [None, 1.2, None])
         self.add("verify, unpacked data", "MB/s", [(None, None), *(
             (self.figure(f"verify {label}"), 200) for label in SIZES[1:])], at_least=True)
-        value = self.ratio(listing.BY_SIZE[False], "1,000 × 1024 KiB", "plain library", "default layout")
+        value = self.ratio(listing.BY_SIZE[False], "1,000 × 1024 KiB", "contract library", "default layout")
         self.add("list of 1,000 snapshots of 1 MiB: of the default layout", "",
                  [(None, None), (None, None), (value, 0.06)])
         for verb in ("show", "diff", "verify", "restore", "save"):

@@ -32,7 +32,7 @@ def saves(bench, peers, turns):
     by_name = {peer.name: peer for peer in peers}
     for label, size in turns.effort.sizes.items():
         bench.make_configuration(size)
-        ways = {**bench.plain_ways("save", "weekly"),
+        ways = {**bench.contract_ways("save", "weekly"),
                 "confsave": bench.confsave("save", "weekly", "--force"), **peers_do(peers, "save")}
         first[label] = turns.take(ways, lambda name: by_name[name].new() if name in by_name
                                   else bench.clear(bench.state))
@@ -62,14 +62,14 @@ def restores(bench, peers, turns):
     for label, size in turns.effort.sizes.items():
         bench.make_configuration(size)
         new_stores(bench, peers)
-        ways = {**bench.plain_ways("load", "weekly"),
+        ways = {**bench.contract_ways("load", "weekly"),
                 "confsave": bench.confsave(*load, "--no-keep"), "confsave, keep": bench.confsave(*load),
                 **peers_do(peers, "restore", bench.config)}
         damaged[label] = turns.take(ways, lambda name: renew(name, True), check)
-        del ways["by hand"], ways["plain library, gzip"], ways["confsave, keep"]
+        del ways["by hand"], ways["contract library, gzip"], ways["confsave, keep"]
         equal[label] = turns.take(ways, lambda name: renew(name, False), check)
         empty[label] = turns.take(
-            {**bench.plain_ways("load", "weekly", f"{bench.target}/"),
+            {**bench.contract_ways("load", "weekly", f"{bench.target}/"),
              "confsave": bench.confsave(*load, "--target", bench.target),
              **peers_do(peers, "restore", bench.target)},
             lambda name: bench.clear(bench.target), lambda name: bench.check_restored(name, bench.target))

@@ -21,8 +21,8 @@ import page
 LOOKS = {
     "confsave": ("ConfSave", "#0063A6", "#58A6FF", 7, 1),
     "confsave, keep": ("ConfSave, keeps present", "#0063A6", "#58A6FF", 6, 2),
-    "plain library": ("plain library", "#00838F", "#4DD0E1", 5, 1),
-    "plain library, default layout": ("default layout of SQLite", "#00838F", "#4DD0E1", 4, 2),
+    "contract library": ("contract library", "#00838F", "#4DD0E1", 5, 1),
+    "contract library, default layout": ("default layout of SQLite", "#00838F", "#4DD0E1", 4, 2),
     "by hand": ("shell script", "#6E6E6E", "#A8A8A8", 2, 3),
     "tar": ("tar", "#24292F", "#E6EDF3", 8, 3),
     "tar + sync": ("tar, synced", "#24292F", "#E6EDF3", 9, 1),
@@ -160,16 +160,18 @@ def pictures(results):
     tables, titles = results["tables"], dict(page.PICTURES)
     sizes = {"200 KiB": 0.195, "5 MiB": 5, "50 MiB": 50}
     for name, table, ways in (
-            ("save", beside.SAVES[1], ("confsave", "plain library", "tar + sync", "git", "restic", "borg")),
-            ("restore", beside.DAMAGED, ("confsave", "confsave, keep", "plain library", "tar", "tar + sync",
-                                         "git", "restic", "borg"))):
+            ("save", beside.SAVES[1],
+             ("confsave", "contract library", "tar + sync", "git", "restic", "borg")),
+            ("restore", beside.DAMAGED,
+             ("confsave", "confsave, keep", "contract library", "tar", "tar + sync", "git", "restic",
+              "borg"))):
         rows = tables[table]["rows"]
         yield name, lines(titles[name], rows, {label: sizes[label] for label in rows}, ways,
                           "size of the configuration")
     rows = tables[listing.BY_NUMBER[False]]["rows"]
     yield "list", lines(titles["list"], rows, {label: int(label.replace(",", "")) for label in rows},
-                        ("confsave", "plain library", "plain library, default layout", "by hand", "git",
-                         "restic", "borg"), "snapshots of 50 KiB in the store")
+                        ("confsave", "contract library", "contract library, default layout", "by hand",
+                         "git", "restic", "borg"), "snapshots of 50 KiB in the store")
     stores = results["stores"]
     names = ("confsave", "confsave --if-changed", "tar", "borg", "restic", "git", "git, packed")
     title = stores["title"].replace("store", "Store", 1).replace(", in MB", "")

@@ -15,11 +15,11 @@ from measuring import SIZES, note
 def own_part(bench, rounds):
     bench.make_configuration(SIZES["5 MiB"])
     bench.clear(bench.state)
-    print("\nthe plain library's own part (all but commands and syncs)")
+    print("\nthe contract library's own part (all but commands and syncs)")
     for words in (("save", "weekly"), ("load", "weekly", f"{bench.target}/")):
         figures = [bench.figures(bench.host, *words) for _ in range(rounds)]
         own = statistics.median(f["all"] - f["commands"] - f["syncs"] for f in figures)
-        note(f"the plain library's own part of a {words[0]} of 5 MiB",
+        note(f"the contract library's own part of a {words[0]} of 5 MiB",
              f"{own * 1000:.1f} ms; memory grows by {max(f['memory'] for f in figures):,} KiB")
     connection = sqlite3.connect(bench.state / "storage.db")
     size = connection.execute("select length(keybase) + length(etc) from Config").fetchone()[0]

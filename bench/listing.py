@@ -56,7 +56,7 @@ def make_both(bench, count, kibibytes):
 def by_number(bench, peers, turns, quick):
     """restic and borg make a snapshot in half a second: they are measured up to a hundred."""
     rows = {False: {}, True: {}}
-    states = {"plain library": bench.state, "plain library, default layout": bench.root / "default"}
+    states = {"contract library": bench.state, "contract library, default layout": bench.root / "default"}
     histories = [peer for peer in peers if peer.keeps_history]
     bench.make_configuration(10 << 10)
     for peer in histories:
@@ -64,7 +64,7 @@ def by_number(bench, peers, turns, quick):
     made = 0
     for count in (10, 100, 1000) if quick else (10, 100, 1000, 10000):
         make_both(bench, count, 50)
-        ways = {"by hand": bench.plain_ways("list")["by hand"], "confsave": bench.confsave("list"),
+        ways = {"by hand": bench.contract_ways("list")["by hand"], "confsave": bench.confsave("list"),
                 **{name: functools.partial(bench.run, bench.host, "list", KELMOR_DYNAMIC_DIR=str(state))
                    for name, state in states.items()}}
         for peer in histories:
@@ -89,10 +89,10 @@ def by_size(bench, turns, quick):
     """Within the process: the start and the end are not the library's."""
     rows, count = {False: {}, True: {}}, 200 if quick else 1000
     for kibibytes in (64, 1024) if quick else (1, 64, 256, 1024):
-        states = {"plain library": bench.state, "default layout": make_both(bench, count, kibibytes)}
+        states = {"contract library": bench.state, "default layout": make_both(bench, count, kibibytes)}
         ways = {name: functools.partial(bench.figures, bench.host, "list", KELMOR_DYNAMIC_DIR=str(state))
                 for name, state in states.items()}
-        ours, default = ways["plain library"](), ways["default layout"]()
+        ours, default = ways["contract library"](), ways["default layout"]()
         label = f"{count:,} × {kibibytes} KiB"
         note(f"bytes read to list {label}", f"{ours['read']:,}; {default['read']:,} in the default layout")
         seconds = {name: lambda way=way: way()["all"] for name, way in ways.items()}
@@ -114,7 +114,7 @@ def layout_cost(bench, turns):
                   "delete": "delete from Config where id=(select max(id) from Config)"}
     other = make_both(bench, 100, 1024)
     connections = {name: sqlite3.connect(directory / "storage.db", isolation_level=None)
-                   for name, directory in (("default layout", other), ("plain library", bench.state))}
+                   for name, directory in (("default layout", other), ("contract library", bench.state))}
 
     def timed(connection, sql):
         start = time.perf_counter()

@@ -75,11 +75,11 @@ class Bench:
         self.run(host, *words, BENCH_FIGURES=str(file), BENCH_FILES=str(self.root / "names"), **environment)
         return json.loads(file.read_text())
 
-    def plain_ways(self, *words):
-        """The same work by hand, by the plain library with gzip, and by the plain library as it is."""
+    def contract_ways(self, *words):
+        """The same work by hand, by the contract library with gzip, and as it is."""
         return {"by hand": lambda: self.run(HERE / "floor", *words),
-                "plain library, gzip": lambda: self.run(self.host, *words, KELMOR_GZIP=GZIP),
-                "plain library": lambda: self.run(self.host, *words)}
+                "contract library, gzip": lambda: self.run(self.host, *words, KELMOR_GZIP=GZIP),
+                "contract library": lambda: self.run(self.host, *words)}
 
     def confsave(self, *words):
         return lambda: self.run(self.program, *words)
