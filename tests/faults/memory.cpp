@@ -32,79 +32,10 @@
 #include <string_view>
 #include <vector>
 
+#include "allocations.h"
 #include "memory_gateway.h"
 
 namespace fs = std::filesystem;
-
-namespace {
-
-constexpr long kNever = 1000000;
-
-// The allocations --------------------------------------------------------------------------------------
-
-/// Counts allocations down to the one that fails.
-struct Countdown {
-  long left = -1;
-  bool struck = false;
-
-  bool strikes() {
-    if (left < 0 || left-- != 0) return false;
-    struck = true;
-    return true;
-  }
-};
-
-Countdown cpp;
-Countdown sql;
-long alive = 0;
-
-sqlite3_mem_methods sqlite_memory;
-
-void* sqlite_malloc(int size) { return sql.strikes() ? nullptr : sqlite_memory.xMalloc(size); }
-void* sqlite_realloc(void* old, int size) {
-  return sql.strikes() ? nullptr : sqlite_memory.xRealloc(old, size);
-}
-
-void take_over_sqlite() {
-  sqlite3_config(SQLITE_CONFIG_GETMALLOC, &sqlite_memory);
-  sqlite3_mem_methods methods = sqlite_memory;
-  methods.xMalloc = sqlite_malloc;
-  methods.xRealloc = sqlite_realloc;
-  sqlite3_config(SQLITE_CONFIG_MALLOC, &methods);
-}
-
-/// The host's own allocations do not count.
-class Disarmed {
- public:
-  Disarmed() : cpp_(cpp.left), sql_(sql.left) { cpp.left = sql.left = -1; }
-  Disarmed(const Disarmed&) = delete;
-  Disarmed& operator=(const Disarmed&) = delete;
-  ~Disarmed() {
-    cpp.left = cpp_;
-    sql.left = sql_;
-  }
-
- private:
-  long cpp_;
-  long sql_;
-};
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  if (cpp.strikes()) throw std::bad_alloc();
-  void* memory = std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) throw std::bad_alloc();
-  ++alive;
-  return memory;
-}
-
-void operator delete(void* memory) noexcept {
-  if (memory != nullptr) --alive;
-  std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
 
 // The host ---------------------------------------------------------------------------------------------
 
@@ -129,6 +60,8 @@ void slput(int, const char*, ...) {}
 namespace {
 
 using namespace ConfSave;
+
+constexpr long kNever = 1000000;
 
 // The gateway ------------------------------------------------------------------------------------------
 
@@ -156,11 +89,11 @@ struct Entry {
   bool may_leave = false;  ///< what it cannot delete it logs and leaves
 };
 
-const std::vector<Entry>& entries() {
-  static const std::string target = gateway->target();
-  static const char* const kNotSaved = "Unknown error (while saving configuration)!\n";
-  static const char* const kNotLoaded = "Unknown error (while loading configuration)!\n";
-  static const std::vector<Entry> all{
+constexpr const char* kNotSaved = "Unknown error (while saving configuration)!\n";
+constexpr const char* kNotLoaded = "Unknown error (while loading configuration)!\n";
+
+std::vector<Entry> of_storage(const char* target) {
+  return {
       {"Storage", true, "", [] { Storage storage; }},
       {"Exists", true, "", [] { found = Storage().Exists("weekly", 0) ? 1 : 0; }},
       {"Create", true, "", [] { Storage().Create("new", conf_full, 0); }, kAdds, "new"},
@@ -169,15 +102,27 @@ const std::vector<Entry>& entries() {
       {"Delete", true, "", [] { Storage().Delete("daily", CURRENT_VERSION); }, kLoses, "daily"},
       {"List", true, "", [] { found = Storage().List(0, "name", true).size(); }},
       {"FindMatching", true, "", [] { found = Storage().FindMatching("*", 0, true).size(); }},
-      {"Load", true, "", [] { Storage().Load("daily", target.c_str(), CURRENT_VERSION, true); }, kStamps,
+      {"Load", true, "", [target] { Storage().Load("daily", target, CURRENT_VERSION, true); }, kStamps,
        "daily"},
+  };
+}
+
+std::vector<Entry> of_checked_operations(const char* target) {
+  return {
       {"save", true, kNotSaved, [] { save("daily", conf_full, 0, true); }, kReplaces | kLoses, "daily",
        "Q64"},
       {"save of a new name", true, kNotSaved, [] { save("fresh", conf_full, 0, false); }, kAdds, "fresh"},
-      {"load", false, kNotLoaded, [] { load("daily", target.c_str(), CURRENT_VERSION, true); }, kStamps,
+      {"load", false, kNotLoaded, [target] { load("daily", target, CURRENT_VERSION, true); }, kStamps,
        "daily"},
-      {"load of one of two", false, kNotLoaded, [] { load("weekly", target.c_str(), 0, true); }, kStamps,
+      {"load of one of two", false, kNotLoaded, [target] { load("weekly", target, 0, true); }, kStamps,
        "weekly", "Q20"},
+      {"load with questions", false, kNotLoaded, [target] { load("daily", target, 0, false); }, kStamps,
+       "daily"},
+  };
+}
+
+std::vector<Entry> of_app() {
+  return {
       {"App::lst", false, "Failed to open storage.\n", [] { App::lst(); }},
       {"App::save", false, "Failed to save configuration 'fresh'.\n", [] { App::save("fresh", conf_full); },
        kAdds, "fresh"},
@@ -186,6 +131,11 @@ const std::vector<Entry>& entries() {
       {"App::del", true, "", [] { App::del("weekly"); }, kLoses, "weekly 0"},
       {"App::load", true, "Unknown error while restoring configuration.\n", [] { App::load("weekly"); },
        kStamps, "weekly 0", "", true},
+  };
+}
+
+std::vector<Entry> of_autosaves() {
+  return {
       {"AutoSave", true, "", [] { AutoSave("", conf_full, 2); }, kAdds | kLoses, "autosave-", "", false, "",
        true},
       {"CheckOld", false, "", [] { found = CheckOld() ? 1 : 0; }},
@@ -201,10 +151,13 @@ const std::vector<Entry>& entries() {
          CleanAutosaves(storage, 1);
        },
        kLoses, "autosave-", "", false, "", true},
-      {"load with questions", false, kNotLoaded, [] { load("daily", target.c_str(), 0, false); }, kStamps,
-       "daily"},
+  };
+}
+
+std::vector<Entry> of_files_and_text(const std::string& target) {
+  return {
       {"Archive", true, "",
-       [] {
+       [&target] {
          Archive packed(conf_full, (gateway->root() / "config/").string());
          packed.Create();
          std::vector<char> etc;
@@ -222,7 +175,7 @@ const std::vector<Entry>& entries() {
          file.create();
        }},
       {"files", true, "",
-       [] {
+       [&target] {
          IsConfigDbExist(target.c_str());
          RemoveConfigDb(target.c_str());
        }},
@@ -235,6 +188,14 @@ const std::vector<Entry>& entries() {
        }},
       {"ask_user_yesno", true, "", [] { ask_user_yesno("Go on with a question that is long? ", false); }},
   };
+}
+
+std::vector<Entry> entries(const std::string& target) {
+  std::vector<Entry> all;
+  for (const auto& group : {of_storage(target.c_str()), of_checked_operations(target.c_str()), of_app(),
+                            of_autosaves(), of_files_and_text(target)}) {
+    all.insert(all.end(), group.begin(), group.end());
+  }
   return all;
 }
 
@@ -433,7 +394,9 @@ int run(bool full, unsigned seed) {
   std::mt19937 source(seed);
   long cpp_count = 0;
   long sql_count = 0;
-  for (const Entry& entry : entries()) {
+  const std::string target = gateway->target();
+  const std::vector<Entry> all = entries(target);
+  for (const Entry& entry : all) {
     const auto fail = [&](const char* kind, Countdown& countdown, long stride) {
       if (full) return fail_all(entry, kind, countdown, 1, 0);
       return fail_all(entry, kind, countdown, stride, static_cast<long>(source()) % stride);
@@ -442,7 +405,7 @@ int run(bool full, unsigned seed) {
     sql_count += fail("SQLite's allocation", sql, 23);
   }
   std::cout << cpp_count << " of operator new and " << sql_count << " of SQLite's allocations failed, in "
-            << entries().size() << " entry points; " << stored_anew << " rows stored anew, all whole";
+            << all.size() << " entry points; " << stored_anew << " rows stored anew, all whole";
   for (const auto& [quirk, count] : losses) std::cout << ", " << count << " exceptions of quirk " << quirk;
   std::cout << "; seed " << seed << "\n";
   return failures == 0 && cpp_count > 20 && sql_count > 50 && stored_anew > 20 ? 0 : 1;
