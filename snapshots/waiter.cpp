@@ -10,11 +10,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
-#include <thread>
 #include <vector>
 
-#include "snapshots/boot.h"
 #include "snapshots/deadline.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/system_error.h"
@@ -29,7 +26,6 @@ constexpr int kReport = 3;
 constexpr const char* kReadyVariable = "CONFSAVE_READY";
 /// A busy systemd may need seconds; then a process waits instead.
 constexpr std::chrono::seconds kLongestWait{10};
-constexpr std::chrono::milliseconds kPause{2};
 
 bool is_under_systemd() {
   struct stat status = {};
@@ -81,24 +77,6 @@ void reset_signals() {
 
 // ----
 
-/// The wait status of a child, which is killed after kLongestWait.
-int wait_for(pid_t process) {
-  const Deadline deadline(kLongestWait);
-  for (;;) {
-    int status = 0;
-    const pid_t ended = waitpid(process, &status, WNOHANG);
-    if (ended == process) return status;
-    // A host that ignores SIGCHLD has no children to wait for: how this one ended nobody knows.
-    if (ended == -1 && errno != EINTR) return -1;
-    if (deadline.left().count() == 0) {
-      kill(process, SIGKILL);
-      waitpid(process, nullptr, 0);
-      return -1;
-    }
-    std::this_thread::sleep_for(kPause);
-  }
-}
-
 std::vector<char*> pointers_of(Words& words) {
   std::vector<char*> pointers;
   pointers.reserve(words.size() + 1);
@@ -107,11 +85,11 @@ std::vector<char*> pointers_of(Words& words) {
   return pointers;
 }
 
-/// The environment; a waiter finds in it where to say that it waits.
-Words settings(bool is_waiter) {
+/// The environment, in which a waiter also finds where to say that it waits.
+Words settings() {
   Words found;
   for (char** setting = environ; *setting != nullptr; ++setting) found.emplace_back(*setting);
-  if (is_waiter) found.push_back(std::string(kReadyVariable) + "=" + std::to_string(kReport));
+  found.push_back(std::string(kReadyVariable) + "=" + std::to_string(kReport));
   return found;
 }
 
@@ -131,10 +109,10 @@ Error read_report(const Descriptor& result, const std::string& program) {
                               : "the program does not say that it waits for the end of the window"};
 }
 
-/// Runs a program: detached, or up to its end.
-Error start(Words words, bool detached) {
+/// Returns when the program says that it waits.
+Error start(Words words) {
   std::vector<char*> pointers = pointers_of(words);
-  Words variables = settings(detached);
+  Words variables = settings();
   std::vector<char*> environment = pointers_of(variables);
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) return system_error(words[0]);
@@ -142,34 +120,23 @@ Error start(Words words, bool detached) {
   Descriptor report(ends[1]);
   const pid_t process = fork();
   if (process == -1) return system_error(words[0]);
-  if (process == 0) {
-    if (detached) become_detached(pointers.data(), environment.data(), report.get());
-    become(pointers.data(), environment.data(), report.get());
-  }
+  if (process == 0) become_detached(pointers.data(), environment.data(), report.get());
   report = Descriptor();
-  const int status = wait_for(process);
-  if (detached) return read_report(result, words[0]);
-  if (status == 0) return {};
-  return {Code::failed, 0, words[0], "the program failed"};
+  while (waitpid(process, nullptr, 0) == -1 && errno == EINTR) {
+  }
+  return read_report(result, words[0]);
 }
 
-/// The service is no child of this process: it gets the settings of the platform from here.
-Words timer_words(const std::string& program, const Window& window) {
-  const int64 left = window.deadline - since_boot();
+/// A scope does not end with the host's service or session. The platform finds its places there as it does
+/// here: unlike the service of a timer, a scope has the environment and the file systems of who starts it.
+Words in_scope(const Words& waiter, const Window& window) {
   Words words = {"/usr/bin/systemd-run",
+                 "--scope",
                  "--quiet",
                  "--collect",
                  "--unit=confsave-revert-" + std::to_string(window.deadline),
-                 "--on-active=" + std::to_string(left) + "ms",
-                 "--timer-property=AccuracySec=100ms",
                  "--description=Take back a restore of the configuration unless it is confirmed"};
-  const std::string prefix = "KELMOR_";
-  for (char** setting = environ; *setting != nullptr; ++setting) {
-    if (std::strncmp(*setting, prefix.c_str(), prefix.size()) == 0) {
-      words.push_back(std::string("--setenv=") + *setting);
-    }
-  }
-  words.insert(words.end(), {program, "revert", "--when-due"});
+  words.insert(words.end(), waiter.begin(), waiter.end());
   return words;
 }
 
@@ -188,8 +155,9 @@ void say_ready() {
 Error start_waiter(const std::string& program, const Window& window) {
   const std::string path = program.empty() ? CONFSAVE_PROGRAM : program;
   if (access(path.c_str(), X_OK) != 0) return system_error(path);
-  if (is_under_systemd() && start(timer_words(path, window), false).code == Code::ok) return {};
-  return start({path, "revert", "--when-due"}, true);
+  const Words waiter = {path, "revert", "--when-due"};
+  if (is_under_systemd() && start(in_scope(waiter, window)).code == Code::ok) return {};
+  return start(waiter);
 }
 
 }  // namespace ConfSave::snapshots

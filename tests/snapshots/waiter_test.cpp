@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "snapshots/pending.h"
+#include "snapshots/small_disk.h"
 #include "support/test_host.h"
 
 namespace {
@@ -78,6 +79,14 @@ TEST_F(PendingTest, WhoWaitsHasNothingOfTheHost) {
   EXPECT_NE(session, getsid(0));
   EXPECT_NE(parent, getpid());
   reverted();
+}
+
+TEST_F(PendingTest, WhoWaitsNeedsNoSystemdThatAnswers) {
+  const SmallDisk hidden("/run", 1 << 20);
+  shell("mkdir -p /run/systemd/system");
+  make_pending();
+  EXPECT_EQ(reverted().outcome, Outcome::reverted);
+  expect_as_before();
 }
 
 TEST_F(PendingTest, TheSystemLogSaysWhoDidWhat) {
