@@ -1,5 +1,7 @@
 // compare: what differs between a snapshot and the live configuration, or another snapshot.
 
+#include "snapshots/compare.h"
+
 #include <algorithm>
 
 #include "snapshots/boundary.h"
@@ -19,7 +21,7 @@ bool needs_digests(const ContentCheck& check, const std::map<std::string, Member
 }
 
 /// Decodes the archives, and reads each live file while its copy is decoded.
-Result<Differences> compare_contents(OpenRow& row) {
+Result<Differences> compare_contents(OpenRow& row, const EachMember& each) {
   ContentCheck check(ContentCheck::Digests::only_compared);
   Result<std::map<std::string, Member>> stored = read_contents(row, &check);
   if (!stored) return stored.error();
@@ -31,20 +33,8 @@ Result<Differences> compare_contents(OpenRow& row) {
     if (!stored) return stored.error();
     if (!live) return live.error();
   }
+  for (const auto& [path, member] : *stored) each(member);
   return differences(*stored, live->members);
-}
-
-Result<Differences> compare_with_live(const Id& older, const ReadOptions& options) {
-  const Deadline deadline(options.wait);
-  Result<OpenRow> row = open_row(older, deadline);
-  if (!row) return row.error();
-  // The archives say the same, and take longer.
-  const Result<std::optional<Manifest>> saved = find_manifest(row->snapshot, deadline);
-  if (!saved || !*saved) return compare_contents(*row);
-  const Tree& tree = (*saved)->tree;
-  const Result<Tree> live = read_tree_since(tree, row->snapshot.config.type);
-  if (!live) return live.error();
-  return differences(tree.members, live->members);
 }
 
 Result<std::map<std::string, Member>> read_snapshot(const Id& id, const Deadline& deadline) {
@@ -64,8 +54,22 @@ Result<Differences> compare_rows(const Id& older, const Id& newer, const ReadOpt
 
 }  // namespace
 
+Result<Differences> compare_with_live(const Id& older, const Deadline& deadline, const EachMember& each) {
+  Result<OpenRow> row = open_row(older, deadline);
+  if (!row) return row.error();
+  // The archives say the same, and take longer.
+  const Result<std::optional<Manifest>> saved = find_manifest(row->snapshot, deadline);
+  if (!saved || !*saved) return compare_contents(*row, each);
+  const Tree& tree = (*saved)->tree;
+  const Result<Tree> live = read_tree_since(tree, row->snapshot.config.type);
+  if (!live) return live.error();
+  for (const auto& [path, stored] : tree.members) each(stored.member);
+  return differences(tree.members, live->members);
+}
+
 Result<Differences> compare(const Id& older, Live, const ReadOptions& options) {
-  return at_boundary([&] { return compare_with_live(older, options); });
+  return at_boundary(
+      [&] { return compare_with_live(older, Deadline(options.wait), [](const Member&) {}); });
 }
 
 Result<Differences> compare(const Id& older, const Id& newer, const ReadOptions& options) {

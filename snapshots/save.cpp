@@ -9,6 +9,7 @@
 #include "snapshots/audit.h"
 #include "snapshots/author.h"
 #include "snapshots/boundary.h"
+#include "snapshots/compare.h"
 #include "snapshots/lock.h"
 #include "snapshots/missing.h"
 #include "snapshots/notes.h"
@@ -85,14 +86,14 @@ class Saving {
   /// What is damaged or changes is not equal.
   Result<bool> compare_with_newest() {
     const Id newest{newest_->config.name, newest_->config.vers};
-    const Result<Differences> differences = compare(newest, Live(), ReadOptions{deadline_.left()});
+    Saved unchanged;
+    unchanged.outcome = Saved::Outcome::unchanged;
+    unchanged.snapshot = *newest_;
+    const Result<Differences> differences = compare_with_live(
+        newest, deadline_, [&unchanged](const Member& member) { count(member, unchanged); });
     if (!differences && differences.error().code == Code::busy) return differences.error();
     if (!differences || !differences->empty()) return false;
-    const Result<std::map<std::string, Member>> members = members_of_newest();
-    if (!members) return false;
-    saved_.outcome = Saved::Outcome::unchanged;
-    saved_.snapshot = *newest_;
-    for (const auto& [path, member] : *members) count(member);
+    saved_ = std::move(unchanged);
     return true;
   }
 
@@ -115,13 +116,13 @@ class Saving {
   }
 
   void count(const Tree& tree) {
-    for (const auto& [path, live] : tree.members) count(live.member);
+    for (const auto& [path, live] : tree.members) count(live.member, saved_);
   }
 
-  void count(const Member& member) {
+  static void count(const Member& member, Saved& saved) {
     if (member.kind == Kind::directory) return;
-    ++saved_.files;
-    saved_.bytes += member.size;
+    ++saved.files;
+    saved.bytes += member.size;
   }
 
   /// What tar left out, and what the newest snapshot has and this one does not.
@@ -204,7 +205,8 @@ Result<Saved> check_and_save(const Id& id, const SaveOptions& options) {
   error = recover_before(id, deadline);
   if (error.code != Code::ok) return error;
   Result<Saved> saved = save_under_lock(id, options, deadline);
-  keep_summary();
+  const bool is_unchanged = saved && saved->outcome == Saved::Outcome::unchanged;
+  if (!is_unchanged) keep_summary();
   return saved;
 }
 
