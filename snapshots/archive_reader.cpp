@@ -1,7 +1,5 @@
 #include "snapshots/archive_reader.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -14,6 +12,7 @@
 
 #include "snapshots/archive_path.h"
 #include "snapshots/gunzip.h"
+#include "snapshots/libarchive.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -37,10 +36,7 @@ class Utf8Names {
   locale_t before_;
 };
 
-struct FreeArchive {
-  void operator()(struct archive* reader) const { archive_read_free(reader); }
-};
-using Reader = std::unique_ptr<struct archive, FreeArchive>;
+using Reader = std::unique_ptr<struct archive, decltype(Libarchive::archive_read_free)>;
 
 /// What libarchive's callback reads from, and what went wrong in it.
 struct Input {
@@ -71,16 +67,16 @@ la_ssize_t read_input(struct archive*, void* context, const void** bytes) noexce
 
 /// As the header says. Where the archive has an access list, libarchive puts the permissions of the owning
 /// group into the mode, in the place of the mask.
-std::uint32_t mode_of(struct archive_entry* entry) {
-  const std::uint32_t mode = archive_entry_perm(entry);
-  if (archive_entry_acl_reset(entry, ARCHIVE_ENTRY_ACL_TYPE_ACCESS) == 0) return mode;
+std::uint32_t mode_of(const Libarchive& library, struct archive_entry* entry) {
+  const std::uint32_t mode = library.archive_entry_perm(entry);
+  if (library.archive_entry_acl_reset(entry, ARCHIVE_ENTRY_ACL_TYPE_ACCESS) == 0) return mode;
   int type = 0;
   int permissions = 0;
   int tag = 0;
   int id = 0;
   const char* name = nullptr;
-  while (archive_entry_acl_next(entry, ARCHIVE_ENTRY_ACL_TYPE_ACCESS, &type, &permissions, &tag, &id,
-                                &name) == ARCHIVE_OK) {
+  while (library.archive_entry_acl_next(entry, ARCHIVE_ENTRY_ACL_TYPE_ACCESS, &type, &permissions, &tag,
+                                        &id, &name) == ARCHIVE_OK) {
     if (tag != ARCHIVE_ENTRY_ACL_MASK) continue;
     return (mode & ~static_cast<std::uint32_t>(S_IRWXG)) | (static_cast<unsigned>(permissions) & 07U) << 3U;
   }
@@ -148,11 +144,14 @@ class Paths {
 
 class ArchiveReading {
  public:
-  ArchiveReading(Source& packed, const Limits& limits, const EntryHandler& handler)
-      : limits_(limits),
+  ArchiveReading(const Libarchive& library, Source& packed, const Limits& limits,
+                 const EntryHandler& handler)
+      : library_(library),
+        limits_(limits),
         handler_(handler),
         gunzip_(packed, limits),
         input_{gunzip_, {}, nullptr},
+        reader_(nullptr, library.archive_read_free),
         paths_(limits) {}
 
   Error run() {
@@ -165,17 +164,18 @@ class ArchiveReading {
 
  private:
   Error open() {
-    reader_.reset(archive_read_new());
+    reader_.reset(library_.archive_read_new());
     if (reader_ == nullptr) throw std::bad_alloc();
-    const bool is_ready = archive_read_support_format_tar(reader_.get()) == ARCHIVE_OK &&
-                          archive_read_support_format_empty(reader_.get()) == ARCHIVE_OK;
+    const bool is_ready = library_.archive_read_support_format_tar(reader_.get()) == ARCHIVE_OK &&
+                          library_.archive_read_support_format_empty(reader_.get()) == ARCHIVE_OK;
     if (!is_ready) throw std::bad_alloc();
     // Names are bytes: no locale may change or refuse them.
-    archive_read_set_format_option(reader_.get(), "tar", "hdrcharset", "BINARY");
-    if (archive_read_open(reader_.get(), &input_, nullptr, read_input, nullptr) == ARCHIVE_OK) return {};
+    library_.archive_read_set_format_option(reader_.get(), "tar", "hdrcharset", "BINARY");
+    if (library_.archive_read_open(reader_.get(), &input_, nullptr, read_input, nullptr) == ARCHIVE_OK)
+      return {};
     Error error = failure();
     // Before it has read anything, libarchive gives no reason only where memory runs out.
-    if (archive_errno(reader_.get()) == 0 && input_.error.code == Code::ok) throw std::bad_alloc();
+    if (library_.archive_errno(reader_.get()) == 0 && input_.error.code == Code::ok) throw std::bad_alloc();
     return error;
   }
 
@@ -183,14 +183,14 @@ class ArchiveReading {
   Error failure() const {
     if (input_.thrown) std::rethrow_exception(input_.thrown);
     if (input_.error.code != Code::ok) return input_.error;
-    if (archive_errno(reader_.get()) == ENOMEM) throw std::bad_alloc();
-    const std::string text = text_of(archive_error_string(reader_.get()));
+    if (library_.archive_errno(reader_.get()) == ENOMEM) throw std::bad_alloc();
+    const std::string text = text_of(library_.archive_error_string(reader_.get()));
     return {Code::damaged, 0, printable(current_.path), "the tar archive is damaged: " + printable(text)};
   }
 
   Error read_entry(bool& more) {
     struct archive_entry* entry = nullptr;
-    const int code = archive_read_next_header(reader_.get(), &entry);
+    const int code = library_.archive_read_next_header(reader_.get(), &entry);
     more = false;
     if (code == ARCHIVE_EOF) return {};
     if (code != ARCHIVE_OK && !(code == ARCHIVE_WARN && is_about_a_name())) return failure();
@@ -207,27 +207,30 @@ class ArchiveReading {
 
   /// Whether a warning says that a name is not UTF-8: its bytes count. tar fails where the others are.
   bool is_about_a_name() const {
-    return text_of(archive_error_string(reader_.get())).find("can't be converted") != std::string::npos;
+    return text_of(library_.archive_error_string(reader_.get())).find("can't be converted") !=
+           std::string::npos;
   }
 
   /// A larger number is in a record of its own, which counts more for tar than the name.
-  bool is_pax() const { return archive_format(reader_.get()) == ARCHIVE_FORMAT_TAR_PAX_INTERCHANGE; }
+  bool is_pax() const {
+    return library_.archive_format(reader_.get()) == ARCHIVE_FORMAT_TAR_PAX_INTERCHANGE;
+  }
 
   Error convert(struct archive_entry* entry) {
-    const std::string stored = text_of(archive_entry_pathname(entry));
+    const std::string stored = text_of(library_.archive_entry_pathname(entry));
     current_ = {};
     if (Error error = normalize(stored, limits_, current_.path); error.code != Code::ok) return error;
-    current_.mode = mode_of(entry);
-    current_.uid = static_cast<std::uint32_t>(archive_entry_uid(entry));
-    current_.gid = static_cast<std::uint32_t>(archive_entry_gid(entry));
+    current_.mode = mode_of(library_, entry);
+    current_.uid = static_cast<std::uint32_t>(library_.archive_entry_uid(entry));
+    current_.gid = static_cast<std::uint32_t>(library_.archive_entry_gid(entry));
     if (current_.uid <= kLargestInHeader || !is_pax()) {
-      current_.user = text_of(archive_entry_uname(entry));
+      current_.user = text_of(library_.archive_entry_uname(entry));
     }
     if (current_.gid <= kLargestInHeader || !is_pax()) {
-      current_.group = text_of(archive_entry_gname(entry));
+      current_.group = text_of(library_.archive_entry_gname(entry));
     }
-    current_.time = archive_entry_mtime(entry);
-    if (const char* link = archive_entry_hardlink(entry); link != nullptr) {
+    current_.time = library_.archive_entry_mtime(entry);
+    if (const char* link = library_.archive_entry_hardlink(entry); link != nullptr) {
       current_.kind = Kind::hardlink;
       return normalize(link, limits_, current_.target);
     }
@@ -235,17 +238,17 @@ class ArchiveReading {
   }
 
   Error convert_type(struct archive_entry* entry) {
-    switch (archive_entry_filetype(entry)) {
+    switch (library_.archive_entry_filetype(entry)) {
       case AE_IFREG:
-        current_.size = archive_entry_size(entry);
-        has_holes_ = archive_entry_sparse_count(entry) > 0;
+        current_.size = library_.archive_entry_size(entry);
+        has_holes_ = library_.archive_entry_sparse_count(entry) > 0;
         return {};
       case AE_IFDIR:
         current_.kind = Kind::directory;
         return {};
       case AE_IFLNK:
         current_.kind = Kind::symlink;
-        current_.target = text_of(archive_entry_symlink(entry));
+        current_.target = text_of(library_.archive_entry_symlink(entry));
         return {};
       default:
         return {Code::unsafe, 0, printable(current_.path), "a member is a device, a FIFO or a socket"};
@@ -267,7 +270,7 @@ class ArchiveReading {
       const void* bytes = nullptr;
       std::size_t size = 0;
       la_int64_t offset = 0;
-      const int code = archive_read_data_block(reader_.get(), &bytes, &size, &offset);
+      const int code = library_.archive_read_data_block(reader_.get(), &bytes, &size, &offset);
       if (code == ARCHIVE_EOF) return finish_content();
       if (code != ARCHIVE_OK) return failure();
       if (Error error = deliver_zeros_up_to(offset); error.code != Code::ok) return error;
@@ -318,6 +321,7 @@ class ArchiveReading {
     }
   }
 
+  const Libarchive& library_;
   const Limits& limits_;
   const EntryHandler& handler_;
   Gunzip gunzip_;
@@ -334,8 +338,10 @@ class ArchiveReading {
 }  // namespace
 
 Error read_archive(Source& packed, const Limits& limits, const EntryHandler& handler) {
+  const Result<const Libarchive*> library = libarchive();
+  if (!library) return library.error();
   const Utf8Names names;
-  return ArchiveReading(packed, limits, handler).run();
+  return ArchiveReading(**library, packed, limits, handler).run();
 }
 
 }  // namespace ConfSave::snapshots
