@@ -42,13 +42,22 @@ def packed_files(build):
             if base == "config" and "full" in types]
 
 
+def install(build, prefix):
+    """Returns where the programs are."""
+    for component in ("kelmor-platform", "confsave-library", "confsave-program", "confsave-benchmarks"):
+        subprocess.run(["cmake", "--install", build, "--prefix", prefix, "--component", component],
+                       check=True, stdout=subprocess.DEVNULL)
+    return prefix / "bin"
+
+
 class Bench:
     """A gateway in a temporary directory, and the programs of ConfSave that work on it."""
 
     def __init__(self, build):
-        self.host, self.typed_host = str(build / "bench/bench-host"), str(build / "bench/bench-typed")
-        self.program = str(build / "console/confsave")
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="confsave-bench-"))
+        programs = install(build, self.root / "installed")
+        self.program, self.host, self.typed_host = (
+            str(programs / name) for name in ("confsave", "bench-host", "bench-typed"))
         self.config, self.state, self.target = (self.root / name for name in ("config", "state", "target"))
         self.files = packed_files(build)
         self.real = real_files()
