@@ -6,7 +6,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <string_view>
 #include <vector>
 
 #include "interrupt.h"
@@ -34,10 +33,9 @@ int run_by_platform(const char* command) {
   return platform != nullptr ? platform("%s", command) : kCannotRun;
 }
 
-/// After an interrupt only what cleans up is run.
+/// The commands of a save pack files, and leave nothing to clean up: after an interrupt none is run.
 int run(const char* command) {
-  const bool cleans_up = std::string_view(command).substr(0, 3) == "rm ";
-  const int code = interrupted() && !cleans_up ? kInterrupted : run_by_platform(command);
+  const int code = interrupted() ? kInterrupted : run_by_platform(command);
   if (code == kInterrupted) note_interrupt();
   if (code != 0 && failure.empty()) failure = ending(code);
   return code;
