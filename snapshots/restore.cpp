@@ -51,7 +51,7 @@ class Restoring {
     if (error.code == Code::ok) error = exchange();
     if (error.code != Code::ok) return error;
     row_.reset();
-    remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
+    if (options_.keep) remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
     keep_summary();
     phases_.end("remove old kept");
     if (!is_windowed()) return finish(Restored::Outcome::restored);

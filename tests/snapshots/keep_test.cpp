@@ -195,6 +195,19 @@ TEST_F(Keep, TheSnapshotThatHoldsThePresentConfigurationStays) {
   EXPECT_EQ(warnings, Texts());
 }
 
+TEST_F(Keep, ARestoreThatKeepsNothingRemovesNothing) {
+  saved("weekly");
+  for (int i = 0; i < 7; ++i) put_row(dated(i));
+  for (const bool keep : {false, true}) {
+    change();
+    RestoreOptions options;
+    options.keep = keep;
+    const auto restored = restore({"weekly"}, options);
+    ASSERT_TRUE(restored) << restored.error().text;
+    EXPECT_EQ(stored().size(), keep ? 1U + 5U + 1U : 1U + 7U);
+  }
+}
+
 TEST_F(Keep, WhatIsNotRemovedIsAWarning) {
   for (int i = 0; i < 6; ++i) put_row(dated(i));
   {
