@@ -94,10 +94,10 @@ class Aims:
         return self.results["figures"].get(label, {"value": None})["value"]
 
     def restores(self):
-        for way, how in (("confsave", "restore"), ("confsave, keep", "restore, the present kept first")):
-            self.add_ratio(f"{how}: of `tar xzf`", beside.DAMAGED, way, "tar", [0.7] * 3)
-            self.add_ratio(f"{how}: of the contract library's load", beside.DAMAGED, way,
-                           "contract library", [0.35] * 3)
+        self.add_ratio("restore: of `tar xzf`", beside.DAMAGED, "confsave", "tar", [0.7] * 3)
+        for base in ("contract library", "contract library, gzip"):
+            self.add_ratio(f"restore: of a load by the {base}", beside.DAMAGED, "confsave", base,
+                           [0.35] * 3)
         self.add_ratio("restore, nothing differs: of `tar xzf`", beside.EQUAL, "confsave", "tar", [0.5] * 3)
 
     def saves(self):
