@@ -12,4 +12,8 @@ cs::Result<cs::Recovery> recover_in_time(unsigned seconds);
 /// Prints what was done, if anything was. Returns kDone.
 int print_recovery(std::ostream& out, const cs::Recovery& done);
 
+/// Before a verb that changes something: what an interrupted restore has left is finished or undone, and
+/// printed on standard error. The library would do it in silence. What fails, the verb meets again.
+void mention_recovery();
+
 }  // namespace console

@@ -40,6 +40,13 @@ int print_recovery(std::ostream& out, const cs::Recovery& done) {
   return kDone;
 }
 
+void mention_recovery() {
+  const auto left = cs::unfinished();
+  if (!left || !*left || (*left)->is_pending) return;
+  // Only the verb itself waits.
+  if (const auto done = recover_in_time(0)) print_recovery(std::cerr, *done);
+}
+
 int recover(const Options& options) {
   const auto done = recover_in_time(options.wait);
   if (!done && done.error().code == cs::Code::pending) {

@@ -29,7 +29,8 @@ struct Option {
 enum Trait : unsigned {
   kPlain = 0,
   kInterruptible = 1,  ///< prints what an interrupt left behind, and then ends by it
-  kSettling = 2,       ///< says itself what is to say about a pending restore, or nothing
+  kSettling = 2,       ///< says itself what is to say about an earlier restore, or nothing
+  kChanging = 4,       ///< finishes or undoes an interrupted restore before it does anything else
 };
 
 struct Verb {

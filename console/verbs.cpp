@@ -9,6 +9,7 @@
 #include "exit_status.h"
 #include "interrupt.h"
 #include "pending_text.h"
+#include "recovering.h"
 #include "text.h"
 #include "verb_functions.h"
 #include "verb_table.h"
@@ -56,6 +57,7 @@ int refuse(const std::string& problem, const std::string& help) {
 
 int run_verb(const Verb& verb, const Options& options) {
   if ((verb.traits & kSettling) == 0) mention_pending();
+  if ((verb.traits & kChanging) != 0 && !options.dry_run) mention_recovery();
   if ((verb.traits & kInterruptible) == 0) return verb.run(options);
   const int status = [&] {
     const InterruptCatcher catcher;
