@@ -65,11 +65,7 @@ bool follow(const std::string& line, bool at_terminal) {
   if (words->empty()) return true;
   const std::string& first = words->front();
   if (words->size() == 1 && (first == "exit" || first == "quit")) return false;
-  if (first == "help") {
-    Arguments call(words->begin() + 1, words->end());
-    call.emplace_back("--help");
-    run_line(call, at_terminal);
-  } else if (first == "shell") {
+  if (first == "shell") {
     std::cerr << "confsave: this is the shell.\n";
   } else {
     run_line(*words, at_terminal);

@@ -133,6 +133,14 @@ int print_candidates(const Arguments& arguments) {
   return kDone;
 }
 
+/// "help VERB" is "VERB --help".
+Arguments with_help_as_option(Arguments words) {
+  if (words.empty() || words.front() != "help") return words;
+  words.erase(words.begin());
+  words.emplace_back("--help");
+  return words;
+}
+
 int run_checked(const Arguments& arguments) {
   if (arguments.empty()) return print_help(std::cerr, kUsage);
   const std::string& first = arguments.front();
@@ -148,7 +156,7 @@ int run_checked(const Arguments& arguments) {
 int run(const Arguments& arguments) {
   int status = kFailed;
   try {
-    status = run_checked(arguments);
+    status = run_checked(with_help_as_option(arguments));
   } catch (const std::exception& error) {
     std::cerr << "confsave: failed: " << printable(error.what()) << ".\n";
   }
