@@ -46,7 +46,7 @@ int report_undeleted(const std::vector<cs::Undeleted>& undeleted) {
   std::cout.flush();
   for (const cs::Undeleted& one : undeleted) {
     std::cerr << "confsave: '" << label(one.victim.snapshot)
-              << "' was not deleted: " << readable(one.error.text) << ".\n";
+              << "' was not deleted: " << reason_and_step(one.error) << '\n';
   }
   return undeleted.empty() ? kDone : kFailed;
 }

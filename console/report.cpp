@@ -204,6 +204,11 @@ int report(const cs::Error& error, bool waits) {
   return exit_status(error.code);
 }
 
+std::string reason_and_step(const cs::Error& error) {
+  const std::string file = is_absolute(error.path) ? "'" + readable(error.path) + "': " : "";
+  return file + readable(error.text) + ". " + next_step(error, true) + ".";
+}
+
 int report_restore(const cs::Error& error) {
   print_failure(error);
   const bool mixed = error.aftermath == cs::Aftermath::mixed;

@@ -22,6 +22,9 @@ int exit_status(cs::Code code);
 /// status.
 int report(const cs::Error& error, bool waits = false);
 
+/// The same as words: the file, if it is one, the reason, and the next step. For a verb with --wait.
+std::string reason_and_step(const cs::Error& error);
+
 /// The same for an error of restoring or recovering: also says in which state the configuration is.
 int report_restore(const cs::Error& error);
 int report_restore(cs::Error error, const cs::Snapshot& snapshot);
