@@ -34,7 +34,7 @@ std::string step_for_storage(const cs::Error& error) {
       return "Run confsave as the owner of the file";
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-      return "Nothing was changed. Copy the file, and recover the copy with sqlite3: .recover";
+      return "Nothing was changed. What can still be read can be imported: see DIAGNOSTICS in confsave(1)";
     default:
       return "Move it away, or use another directory: see ENVIRONMENT in confsave(1)";
   }

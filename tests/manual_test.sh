@@ -91,7 +91,8 @@ shift
 KELMOR_DYNAMIC_DIR=$PWD/state KELMOR_TEMP_DIR=$PWD/tmp exec sh -c "$*"
 END
 chmod +x "$work/bin/systemctl" "$work/bin/ssh"
-awk '/^\.Ed/ { shown = 0 } shown && !/^\$/ && /^confsave [a-z]|^systemctl/ { print }
+awk '/^\.Sh DIAG/ { exit }
+    /^\.Ed/ { shown = 0 } shown && !/^\$/ && /^confsave [a-z]|^systemctl/ { print }
     /^\.Bd -literal/ { shown = 1 } /^\$ / { shown = 0 }' "$page" |
     sed "s|/etc/kelmor/|$work/config/|" >"$work/examples"
 [ "$(wc -l <"$work/examples")" -ge 15 ] || complain 'the page has fewer than 15 examples'
@@ -124,3 +125,20 @@ expect 'the snapshots of the other gateway' from-gateway-7 \
     "$(sqlite3 "$HOME/gateway-8/state/storage.db" 'select name from Config')"
 expect 'the copy on the other machine' before-change \
     "$(sqlite3 "$HOME/backup/gateway-7.db" "select name from Config where name = 'before-change'")"
+
+# A storage with a damaged page gives the snapshots of the others back, as the page says.
+for name in first second third lost; do
+    head -c 2500 /dev/urandom >"$filter"
+    confsave save "$name"
+done
+at=$(grep -abo lost "$work/state/storage.db" | tail -n 1 | cut -d : -f 1)
+head -c 8 /dev/zero |
+    dd of="$work/state/storage.db" bs=1 seek=$((at / 4096 * 4096)) conv=notrunc status=none
+status=0
+confsave list >"$work/said" 2>&1 || status=$?
+expect 'the exit status of a list of a damaged storage' 6 "$status"
+sed '1,/^\.Sh DIAG/d' "$page" | sed -n '/^\.Bd/,/^\.Ed/p' | grep -v '^\.' |
+    sed "s|/var/lib/kelmor|$work/state|" >"$work/commands"
+(quietly sh -e "$work/commands") 2>&1 || complain 'what can still be read cannot be imported'
+expect 'what a damaged storage gives back' 'permit established' \
+    "$(confsave show before-change --file "$filter")"
