@@ -52,155 +52,22 @@
 //
 // The gateway's maker supplies the platform (paths, log, command runner); see <kelmor/*.h>.
 
-#include <cstdint>
-#include <iosfwd>
 #include <string>
 #include <vector>
 
-#include "kelmor/status.h"
-
-#define CONFSAVE_API __attribute__((visibility("default")))
+#include "confsave/config.h"
+#include "confsave/exceptions.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
 
 namespace ConfSave {
 
-/// The integer type of versions and times. Log records spell it this way.
-using int64 = std::int64_t;
-
-/// The version of the running software, 4.5.4.
-constexpr int64 CURRENT_VERSION = 0x405040000;
-
 /// The characters that save() accepts in a name.
 CONFSAVE_API extern const std::string VALID_NAME_CHARS;
 
 /// The usual end of a question. Each source file that includes this header has its own copy.
 static const std::string YES_NO_SUFFIX = " [Yes/No] ";
-
-/// The type of a configuration: what it contains. Other values are legal; they print as nothing and pack
-/// like conf_part.
-enum conftype : std::int32_t {
-  conf_none = 0,   ///< not set
-  conf_full = 1,   ///< everything, the network description included
-  conf_part = 2,   ///< everything but the network description
-  conf_corlu = 3,  ///< the packet filter only; no failover archive
-};
-
-// ---------------------------------------------------------------------------------------------------
-// Records
-
-/// One snapshot without its archives. A plain value.
-class CONFSAVE_API Config {
- public:
-  std::string name;  ///< as stored
-  conftype type;     ///< what was packed
-  int64 vers;        ///< packed version
-  int64 save_time;   ///< seconds since the epoch
-  int64 load_time;   ///< seconds since the epoch; 0 if never loaded
-
-  /// An unnamed record of type conf_none with the given version, saved now, never loaded.
-  explicit Config(int64 version);
-
-  /// Sets save_time to now.
-  void update_save_time();
-
-  /// Sets load_time to now.
-  void update_load_time();
-
-  /// The text of a packed version, for example "4.5.4"; empty for 0. Omits the low 16 bits.
-  static std::string version(int64 v);
-
-  /// The text of this record's version.
-  std::string version() const;
-
-  /// Sets `vers` from a text such as "4.5.4": three decimal numbers below 2^32, separated and surrounded by
-  /// any white space and punctuation of the process's C locale. A minor or build above 255 carries over;
-  /// a minor or build of 2^31 or more counts as negative. Sets `vers` to 0 and returns false for any
-  /// other text.
-  bool vers_convert(std::string text);
-};
-
-/// Records in the order in which SQLite returned them.
-using Configs = std::vector<Config>;
-
-/// The local time of `t`, seconds since the epoch, as "01.03.2017 at 14:05"; empty for a time that
-/// localtime(3) cannot convert. Not thread-safe.
-CONFSAVE_API std::string time_format(int64 t);
-
-/// Writes "full", "part" or "corlu"; nothing for any other value, or if `out` is not good.
-CONFSAVE_API std::ostream& operator<<(std::ostream& out, conftype type);
-
-/// Writes the record as one line without a line end; nothing if `out` is not good:
-/// "weekly",<TAB>version 4.5.4,<TAB>full, saved on 01.03.2017 at 14:05, never loaded
-CONFSAVE_API std::ostream& operator<<(std::ostream& out, const Config& config);
-
-// ---------------------------------------------------------------------------------------------------
-// Exceptions
-//
-// All derive from XTOOStatus. A host can catch each as itself, as XTOOStatus or as XTOOMsg. Status()
-// returns status_none unless a comment says otherwise.
-
-/// What Status() of an exception returns. Values without a class in their comment belong to a plain
-/// XTOOStatus, which has the system's text.
-enum status_code : int {
-  status_none = 0,      ///< the class of the exception says what happened
-  status_mkdtemp = 3,   ///< cannot make a scratch directory in the destination
-  status_read = 5,      ///< cannot read an archive from its temporary file
-  status_write = 6,     ///< cannot write an archive to its temporary file
-  status_mkstemp = 17,  ///< cannot make a temporary file
-  status_access = 19,   ///< XExternalFailure: cannot find out whether a file exists
-  status_command = 36,  ///< XExternalFailure: a command failed. plain XTOOStatus: no temporary file
-  status_unlink = 43,   ///< XExternalFailure: cannot delete a file
-  status_fstat = 45,    ///< cannot get the size of a temporary file
-  status_lseek = 54,    ///< cannot rewind a temporary file
-};
-
-/// A command (status_command) or a system call (status_access, status_unlink) failed.
-class CONFSAVE_API XExternalFailure : public XTOOStatus {
- public:
-  using XTOOStatus::XTOOStatus;
-};
-
-/// The user declined.
-class CONFSAVE_API XCancel : public XTOOStatus {
- public:
-  using XTOOStatus::XTOOStatus;
-};
-
-/// No snapshot matches.
-class CONFSAVE_API XNotFound : public XTOOStatus {
- public:
-  using XTOOStatus::XTOOStatus;
-};
-
-/// More than one snapshot matches.
-class CONFSAVE_API XAmbiguity : public XTOOStatus {
- public:
-  using XTOOStatus::XTOOStatus;
-};
-
-/// A stored row is invalid, or a name and version already exist; the text says which.
-class CONFSAVE_API XConstraint : public XTOOStatus {
- public:
-  using XTOOStatus::XTOOStatus;
-};
-
-/// A directory could not be entered. The library never throws it, but catches it and prints a message: a
-/// host's command runner that changes directories may throw it.
-class CONFSAVE_API XChdir : public XExternalFailure {
- public:
-  /// As XTOOStatus. The message for the person contains `directory`.
-  XChdir(int status, bool flag, std::string directory);
-  /// As XTOOStatus, with a text.
-  XChdir(int status, const char* text, bool flag, std::string directory);
-
-  /// The directory. Owned by this object.
-  const std::string& Directory() const { return directory_; }
-
- private:
-  std::string directory_;
-};
 
 // ---------------------------------------------------------------------------------------------------
 // The storage

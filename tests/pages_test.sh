@@ -12,17 +12,19 @@ export CPATH LC_ALL=C
 cd "$tree"
 testing=docs/testing.md
 
-# check_page PAGE HEADER: the page names the header and nothing that it does not have, and its example
-# compiles.
+# check_page PAGE HEADER OTHER...: the page names the header, and nothing that this one and the others,
+# which it includes, do not have, and its example compiles.
 check_page() {
     page=$1
+    header=$2
+    shift
     mandoc -Tlint -W warning "$page" || complain "$page: mandoc warns"
-    grep -qx "\.In $(echo "$2" | sed 's/\./\\./')" "$page" || complain "$page does not name the header"
+    grep -qx "\.In $(echo "$header" | sed 's/\./\\./')" "$page" || complain "$page does not name the header"
     # The names that a macro marks as functions or classes.
     names=$(grep '^\.' "$page" | grep -oE '[[:space:]](Fn|Vt) [^[:space:]]+' | awk '{ print $2 }' | sort -u)
     [ "$(echo "$names" | wc -l)" -ge 10 ] || complain "$page names fewer than 10 functions and classes"
     for name in $names; do
-        grep -qw "$name" "include/$2" platform/include/kelmor/status.h ||
+        (cd include && grep -qw "$name" "$@" ../platform/include/kelmor/status.h) ||
             complain "$page names $name, which no header has"
     done
     awk -v program="$work/example" '
@@ -33,8 +35,9 @@ check_page() {
     [ -s "$work/example" ] || fail "$page has no example"
     compiles -pedantic <"$work/example" || complain "$page: the example does not compile"
 }
-check_page docs/man/confsave.3 confsave.h
-check_page docs/man/snapshots.3 confsave/snapshots.h
+check_page docs/man/confsave.3 confsave.h confsave/config.h confsave/exceptions.h
+check_page docs/man/snapshots.3 confsave/snapshots.h confsave/snapshots/options.h \
+    confsave/snapshots/result.h confsave/snapshots/values.h
 block embedding cpp 1 | same 'docs/man/snapshots.3 has another host than docs/embedding.md' \
     "$(cat "$work/example")"
 sed -nE 's/^CONFSAVE_API [^(]*[ >&]([a-z_]+)\(.*/\1/p' include/confsave/snapshots.h | sort -u |
