@@ -1,6 +1,7 @@
 #!/bin/bash
-# docs/formats.md is true: its commands, run as they stand on the page, list, check, copy, unpack and
-# restore what the program stores, and print what the page shows. storage.db(5) has the same columns.
+# docs/formats.md and docs/by-hand.md are true: their commands, run as they stand on the page, list, check,
+# copy, unpack and restore what the program stores, and print what the page shows. storage.db(5) has the
+# same columns.
 #
 #   tests/formats_test.sh PROGRAM PRINT_CONTENTS
 set -u
@@ -19,23 +20,27 @@ manual=$tree/docs/man/storage.db.5
 etc=/mnt/main/etc
 storage=$work/state/storage.db
 
-# --- The page -------------------------------------------------------------------------------------
+# --- The pages -------------------------------------------------------------------------------------
 
-# The blocks of commands in their order on the page, and those of answers.
-sum=1 row=2 snapshot=3 onto=4 back=5 check=6 copy=7
-sum_answer=1 row_answer=2 snapshot_answer=3 check_answer=4
+# The blocks of commands, and those of answers: the page, and the number on it.
+sum=formats:1 row=formats:2 snapshot=by-hand:1 onto=by-hand:2 back=by-hand:3 check=by-hand:4 copy=by-hand:5
+sum_answer=formats:1 row_answer=formats:2 snapshot_answer=by-hand:1 check_answer=by-hand:2
 
-# run NUMBER [NAME=VALUE...]: a block of commands, with other values in the assignments that it begins with.
+commands_of() { block "${1%:*}" sh "${1#*:}"; }
+answer_of() { block "${1%:*}" text "${1#*:}"; }
+blocks() { grep -c "^\`\`\`$2\$" "$tree/docs/$1.md"; }
+
+# run BLOCK [NAME=VALUE...]: a block of commands, with other values in the assignments that it begins with.
 run() {
-    local assignment name number=$1
-    block formats sh "$number" >commands
+    local assignment name
+    commands_of "$1" >commands
     for assignment in "${@:2}"; do
         name=${assignment%%=*}
-        expect "lines of commands $number that set $name" 1 "$(grep -c "^$name=" commands)"
+        expect "lines of commands $1 that set $name" 1 "$(grep -c "^$name=" commands)"
         sed -i "s|^$name=.*|$assignment|" commands
     done
     if grep -vF "$work" commands | grep -E '/(etc|mnt|var)/'; then
-        complain "commands $number would work on this machine's files"
+        complain "commands $1 would work on this machine's files"
         return 1
     fi
     sh -u commands
@@ -55,7 +60,7 @@ fails() {
     ! "${@:2}" >answer 2>&1 || complain "$1"
 }
 
-# The cells of a table of the page that begins with this column, without blanks and back quotes.
+# The cells of a table of docs/formats.md that begins with this column, without blanks and back quotes.
 table() {
     awk -v first="| $1 |" 'index($0, first) == 1 { inside = 1; next } !/^\|/ { inside = 0 }
         inside && !/^\|---/' "$page" | sed -E 's/`//g; s/^\| ?//; s/ ?\| ?/|/g'
@@ -85,7 +90,7 @@ make_configuration() {
         mkdir -p "$(dirname "$where/${name}x")"
         [[ $name == */ ]] || head -c $((number * number * 100)) /dev/urandom >"$where/$name"
         touch -d "@$((981173106 + number * 86399))" "$where/$name"
-    done < <(block formats text "$snapshot_answer" | grep -v '^[+|]')
+    done < <(answer_of "$snapshot_answer" | grep -v '^[+|]')
     : >config/user/nat.conf
     ln -sf ../remote.txt config/user/schedule.conf
     chmod 600 config/user/gateway.key
@@ -194,13 +199,13 @@ version_text() {
 
 # number_of MAJOR MINOR BUILD: as the page adds it up.
 number_of() {
-    block formats sh "$sum" | sed "s/4 << 32/$1 << 32/; s/5 << 24/$2 << 24/; s/4 << 16/$3 << 16/" | sh
+    commands_of "$sum" | sed "s/4 << 32/$1 << 32/; s/5 << 24/$2 << 24/; s/4 << 16/$3 << 16/" | sh
 }
 
 test_versions() {
     local expression number hex text count=0
-    run "$sum" | same 'the sum' "$(block formats text "$sum_answer")"
-    expect 'the running version' "$(block formats text "$sum_answer")" \
+    run "$sum" | same 'the sum' "$(answer_of "$sum_answer")"
+    expect 'the running version' "$(answer_of "$sum_answer")" \
         "$(sqlite3 "$storage" "select version from Config where name = 'before-change'")"
     od -An -v -tx1 "$storage" | tr -d '\n' | grep -q ' 00 04 05 04 00 00 ' ||
         complain 'a version is stored in other bytes'
@@ -218,7 +223,7 @@ test_versions() {
 }
 
 test_row() {
-    run "$row" "storage=$storage" | same 'the row in bytes' "$(block formats text "$row_answer")"
+    run "$row" "storage=$storage" | same 'the row in bytes' "$(answer_of "$row_answer")"
     KELMOR_GZIP=/usr/bin/gzip confsave save plain
     expect 'the bytes of gzip' 1F8B080000000000 \
         "$(sqlite3 "$storage" "select hex(substr(keybase, 1, 8)) from Config where name = 'plain'")"
@@ -232,7 +237,7 @@ test_row() {
 test_snapshot() {
     cp "$storage" before.db
     works 'a snapshot was not unpacked' unpack before-change 17264017408 out
-    same 'the answer' "$(block formats text "$snapshot_answer")" <answer
+    same 'the answer' "$(answer_of "$snapshot_answer")" <answer
     is out/config config
     is out/etc etc
     expect 'times in seconds' '981169506.789000000 981169506.000000000' \
@@ -244,7 +249,7 @@ test_snapshot() {
 # A missing row, a directory that exists already and a missing storage.
 test_nothing_to_unpack() {
     fails 'a missing version was unpacked' unpack before-change 17230331904 none
-    same 'the answer to a missing version' "$(block formats text "$snapshot_answer" | grep '^[+|]')" <answer
+    same 'the answer to a missing version' "$(answer_of "$snapshot_answer" | grep '^[+|]')" <answer
     [ ! -e none ] || complain 'a missing version left a directory'
     fails 'a snapshot was unpacked over another' unpack before-change 17264017408 out
     grep -q 'File exists' answer || complain 'an existing directory is not reported'
@@ -342,10 +347,10 @@ test_broken_archives() {
 }
 
 test_check() {
-    run "$check" "storage=$storage" | same 'the check' "$(block formats text "$check_answer")"
+    run "$check" "storage=$storage" | same 'the check' "$(answer_of "$check_answer")"
     cp "$storage" broken.db
     dd if=/dev/urandom of=broken.db bs=4096 seek=2 count=1 conv=notrunc status=none
-    [ "$(run "$check" "storage=$work/broken.db" 2>&1)" != "$(block formats text "$check_answer")" ] ||
+    [ "$(run "$check" "storage=$work/broken.db" 2>&1)" != "$(answer_of "$check_answer")" ] ||
         complain 'a broken storage passes the check'
 }
 
@@ -368,8 +373,8 @@ test_lock() {
     confsave delete locked
 }
 
-expect 'blocks of commands' 7 "$(grep -c '^```sh$' "$page")"
-expect 'blocks of answers' 4 "$(grep -c '^```text$' "$page")"
+expect 'blocks of commands' '2 5' "$(blocks formats sh) $(blocks by-hand sh)"
+expect 'blocks of answers' '2 2' "$(blocks formats text) $(blocks by-hand text)"
 make_configuration
 manifest config >expected/config
 manifest "$etc" >expected/etc
