@@ -57,7 +57,7 @@ std::string FilenameConvertor::GetShortFilename(FileId id) const {
 
 }  // namespace toolsunix
 
-// Returns the shell's exit code, not a wait status. A command that was killed has failed, too.
+// Returns the shell's exit status, not a wait status. A command that was killed has failed, too.
 int my_system(const char* format, ...) {
   std::vector<char> command(1 << 16);
   std::va_list arguments;

@@ -42,7 +42,7 @@ Result<Saved> save_new(const AutosaveOptions& options, const Deadline& deadline)
     const Result<std::string> name = free_name(deadline);
     if (!name) return name.error();
     Result<Saved> saved = save_under_lock({*name}, how, deadline);
-    // A program that does not take the lock of the floor was faster.
+    // A program that does not take "confsave.lock" was faster.
     if (!saved && saved.error().code == Code::taken) continue;
     audit_save({*name}, saved);
     return saved;

@@ -55,7 +55,7 @@ struct Step {
   int64 time = -1;         ///< of a directory that the restore makes, in seconds since the epoch; else -1
 };
 
-/// A directory that is restored into.
+/// A destination, as the journal records it.
 struct Root {
   std::string path;  ///< ends in "/"
   std::uint64_t inode = 0;

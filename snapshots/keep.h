@@ -8,7 +8,7 @@
 
 namespace ConfSave::snapshots {
 
-// The snapshots of the configuration before a restore. The caller holds the lock of the floor, and has no
+// The snapshots of the configuration before a restore. The caller holds "confsave.lock", and has no
 // transaction of its own on the storage. What goes wrong without being a failure goes into `warnings`.
 
 /// Saves the present configuration as a snapshot of type full, unless a stored one equals it. The name of

@@ -17,7 +17,7 @@ namespace ConfSave::snapshots {
 /// The directory, ending in "/", that the paths of `base` are relative to.
 std::string directory_of(Base base);
 
-/// Tells which paths hold keys: those that the contents say, and everything below them.
+/// Knows which paths hold keys: those that the contents say, and everything below them.
 class Secrets {
  public:
   explicit Secrets(Base base);

@@ -36,7 +36,7 @@ class NewFile {
 std::string directory_part(const std::string& path);
 
 /// Whether a file can be exported under this name: Code::taken if it exists and `overwrite` is false. What
-/// is no regular file, or is one of the floor's own, is never replaced, nor is a name of these given away.
+/// is no regular file, or is the library's own, is never replaced, nor is a name of these given away.
 Error check_destination(const std::string& file, bool overwrite);
 
 }  // namespace ConfSave::snapshots

@@ -23,7 +23,7 @@ enum class Demand { when_due, now };
 Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished, Demand demand);
 
 /// Recovers what an earlier process has left, if anything, so that the live files are all old or all new.
-/// The caller holds the lock of the floor.
+/// The caller holds "confsave.lock".
 Error recover_first(const Deadline& deadline);
 
 /// The same, with the clean-up: the journal is free for another restore.

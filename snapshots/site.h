@@ -8,7 +8,7 @@
 
 namespace ConfSave::snapshots {
 
-/// A directory that is restored into, with its staging directory, if that exists.
+/// A destination, opened, with its staging directory, if that exists.
 struct Site {
   Beneath beneath;
   std::string name;  ///< of the staging directory

@@ -21,8 +21,8 @@ struct Summary {
 /// The summary of the storage as it is now; all zero without one. Writes nothing.
 Result<Summary> summarize(const Deadline& deadline);
 
-/// Keeps the summary of a storage of many rows after it was changed. The caller holds the lock of the
-/// floor. Waits for nobody; a failure is ignored.
+/// Keeps the summary of a storage of many rows after it was changed. The caller holds
+/// "confsave.lock". Waits for nobody; a failure is ignored.
 void keep_summary() noexcept;
 
 }  // namespace ConfSave::snapshots

@@ -5,7 +5,7 @@
 
 namespace ConfSave::snapshots {
 
-// For callers that hold the lock of the floor and have checked the arguments. The `wait` of the options
+// For callers that hold "confsave.lock" and have checked the arguments. The `wait` of the options
 // counts for nothing: all waiting ends at the deadline.
 
 /// Recovers what an earlier restore has left. Code::pending if the restore of `id` waits for its check;

@@ -29,7 +29,7 @@ struct Choice {
 };
 Result<Choice> choose_victims(const Surplus& surplus, const Deadline& deadline);
 
-/// Deletes the victims. The caller holds the lock of the floor. One that cannot be deleted does not stop
+/// Deletes the victims. The caller holds "confsave.lock". One that cannot be deleted does not stop
 /// the others; one that somebody else has deleted is in neither list.
 void delete_victims(std::vector<Victim> victims, const Deadline& deadline, std::vector<Victim>& deleted,
                     std::vector<Undeleted>& undeleted);

@@ -20,7 +20,7 @@
 
 namespace {
 
-/// The exit code of a shell that cannot run a command.
+/// The exit status of a shell that cannot run a command.
 constexpr int kCannotRun = 127;
 
 bool begins_with(std::string_view text, std::string_view prefix) {
@@ -197,7 +197,7 @@ int my_system(const char* format, ...) {
   try {
     if (auto command = format_command(format, arguments)) result = run(std::move(*command));
   } catch (const std::exception&) {
-    // Memory ran out before anything ran. A C caller gets the exit code of a shell that cannot start.
+    // Memory ran out before anything ran. A C caller gets the exit status of a shell that cannot start.
   }
   va_end(arguments);
   return result;

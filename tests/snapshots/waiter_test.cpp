@@ -56,7 +56,7 @@ TEST_F(PendingTest, WhoWaitsHasNothingOfTheHost) {
   shell("chmod 700 " + script);
   cs::RestoreOptions options = windowed();
   options.program = script;
-  // The lock of the floor gets a number that the waiter does not use.
+  // "confsave.lock" gets a number that the waiter does not use.
   std::array<int, 8> opened{};
   for (int& file : opened) file = open("/dev/null", O_RDONLY | O_CLOEXEC);
   ASSERT_TRUE(cs::restore({"weekly"}, options));

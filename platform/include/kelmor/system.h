@@ -5,6 +5,6 @@
 extern "C" {
 
 /// Runs one shell command line, formatted as by printf(), and waits for it. Returns 0 for success, and the
-/// exit code of the command otherwise. A host may define this function itself.
+/// exit status of the command otherwise. A host may define this function itself.
 KELMOR_API int my_system(const char* format, ...);
 }
