@@ -39,6 +39,18 @@ for verb in $verbs; do
         "$(confsave "$verb" --help | grep -oE -- '--[a-z-]+' | grep -vx -- --help | sort -u)"
     confsave --help | grep -q "^  $verb " || complain "the help does not list $verb"
 done
+
+# Each call of the program on another page, in a block or in a line, has a verb and options of the help.
+# shellcheck disable=SC2016 # the back quotes are those of the pages
+calls=$(sed -E 's/^(\$ )?(confsave [^#]*).*/\2/; t; s/`(confsave [^`]*)`/\n\1\n/g' \
+    "$tree/README.md" "$tree"/docs/*.md | grep '^confsave [a-z]' | sort -u)
+[ "$(echo "$calls" | wc -l)" -ge 15 ] || complain 'the pages have fewer than 15 calls of the program'
+while read -r _ verb rest; do
+    offered=$(confsave "$verb" --help 2>&1) || complain "a page calls confsave $verb"
+    for option in $(echo "$rest" | grep -oE -- '--[a-z-]+'); do
+        echo "$offered" | grep -q -e "$option " || complain "a page gives confsave $verb the option $option"
+    done
+done <<<"$calls"
 description=$(sed -n '/^\.Sh DESCRIPTION/,/^\.Sh JSON/p' "$page")
 expect 'the verbs on the page' "$(echo "$verbs" | sort)" \
     "$(echo "$description" | sed -n 's/^\.It Cm \([a-z-]*\).*/\1/p' | sort)"

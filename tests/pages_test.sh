@@ -93,9 +93,36 @@ for word in $(echo "$words" | grep -E '^[A-Z][A-Za-z]*[a-z][A-Za-z]*(\.[A-Za-z0-
     esac || complain "$testing names $word, which is neither a test nor a class of the tests"
 done
 
-# The campaigns: what script/faults describes, what it runs, and what the table has.
-run=$(tr '\n' ' ' <script/faults | sed -n "s/.*campaigns='\([a-z _-]*\)'.*/\1/p" | xargs -n 1 | sort)
+# A script that refuses a word lists those that it takes, before it does anything else.
+# refusal SCRIPT WORD
+refusal() {
+    status=0
+    said=$("script/$1" "$2" 2>&1) || status=$?
+    [ "$status" = 2 ] || complain "script/$1 does not refuse '$2'"
+    printf '%s\n' "$said"
+}
+
+# Each call of a script on a page, in a block or in a line, has options that the script takes.
+# shellcheck disable=SC2016 # the back quotes are those of the pages
+calls=$(sed -E 's/^(script\/[^#]*).*/\1/; t; s/`(script\/[^`]*)`/\n\1\n/g' \
+    README.md CONTRIBUTING.md docs/*.md | grep '^script/[a-z]' | tr -d '[]|' | sort -u)
+[ "$(echo "$calls" | wc -l)" -ge 20 ] || complain 'the pages have fewer than 20 calls of scripts'
+for name in $(echo "$calls" | sed -E 's|^script/([a-z/]+).*|\1|' | grep -v / | sort -u); do
+    taken=$(refusal "$name" --no-such-option)
+    for option in $(echo "$calls" | grep -E "^script/$name( |$)" | grep -oE -- '--[a-z-]+' | sort -u); do
+        echo "$taken" | grep -qw -e "$option" || complain "a page gives script/$name the option $option"
+    done
+done
+for mode in $(echo "$calls" | sed -nE 's|^script/test ([a-z]+).*|\1|p' | sort -u); do
+    refusal test no-such-mode | grep -qw "$mode" || complain "a page gives script/test the mode $mode"
+done
+
+# The campaigns: what script/faults describes, what it takes, and what the table has.
+run=$(refusal faults no-such-campaign | sed -n 's/.*the campaigns are: //p' | xargs -n 1 | sort)
 [ "$(echo "$run" | wc -l)" -ge 9 ] || complain 'script/faults runs fewer than 9 campaigns'
+for campaign in $(echo "$calls" | sed -nE 's|^script/faults ([a-z_-]+).*|\1|p' | grep -v ^--); do
+    echo "$run" | grep -qx "$campaign" || complain "a page runs the campaign $campaign"
+done
 sed -nE 's/^# \| ([a-z_-]+) +\|.*/\1/p' script/faults | grep -vx campaign | sort |
     same 'script/faults does not run the campaigns that it describes' "$run"
 # shellcheck disable=SC2016 # the back quotes are those of the page
