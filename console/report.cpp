@@ -85,6 +85,7 @@ std::string next_step(const cs::Error& error, bool waits) {
     case Code::needs_attention:
       return "'confsave status' says more";
     default:
+      if (error.number == ENOENT && ends_with(error.path, "/")) return "Make the directory and try again";
       return "Mend that and try again";
   }
 }
