@@ -29,6 +29,15 @@ mv "$work/first" "$prefix"
 (cd "$prefix" && find . -not -type d | sed -E -e 's|^\./||' -e 's/\.so\.[0-9]+(\.[0-9]+)+$/.so.RELEASE/' \
     -e 's/-(debug|relwithdebinfo|release|noconfig)\.cmake$/-CONFIG.cmake/' | LC_ALL=C sort) |
     same 'installed files' "$(cat "$tree/tests/consumer/installed.txt")"
+(
+    # README.md begins where no gateway is.
+    rm -r /mnt/main "$KELMOR_CONFIG_PATH"
+    block ../README sh 2 | sed "s| /etc/kelmor| $KELMOR_CONFIG_PATH|g" >"$work/commands"
+    PATH=$prefix/bin:$PATH quietly sh -e "$work/commands"
+    cmp /etc/profile "$KELMOR_CONFIG_PATH/user/filter.conf" || complain 'README.md restores another file'
+    rm "$KELMOR_DYNAMIC_DIR"/*
+)
+echo 'permit established' | tee "$KELMOR_CONFIG_PATH/user/filter.conf" >/mnt/main/etc/failover.ini
 "$prefix/bin/confsave" save weekly || fail 'the program does not run'
 
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name confsave.pc)")

@@ -46,7 +46,8 @@ quietly() {
     "$@" >"$work/.written" 2>&1 || { cat "$work/.written" >&2; fail "failed: $*"; }
 }
 
-# block PAGE LANGUAGE [NUMBER]: a code block of a page, so that a test runs what a reader would.
+# block PAGE LANGUAGE [NUMBER]: a code block of a page, so that a test runs what a reader would. PAGE is the
+# name of one in docs, or ../README.
 block() {
     awk -v opening="\`\`\`$2" -v number="${3-1}" '
         $0 == opening && ++count == number { inside = 1; found = 1; next }
