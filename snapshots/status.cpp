@@ -2,11 +2,13 @@
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <set>
 
 #include "contents.h"
 #include "places.h"
@@ -42,7 +44,11 @@ void check_age(const std::string& what, int64 newest, Status& status) {
 
 void look_at_ages(Status& status) {
   if (status.snapshots == 0) {
-    status.attention.push_back({"stale", "there is no snapshot"});
+    const std::string storage = storage_file();
+    const bool is_there = access(storage.c_str(), F_OK) == 0;
+    // Another directory than that of yesterday looks like a gateway that was never saved.
+    status.attention.push_back(
+        {"stale", "there is no snapshot" + (is_there ? "" : ": " + quoted(storage) + " does not exist")});
   } else {
     check_age("snapshot", status.newest, status);
   }
@@ -110,6 +116,22 @@ void look_for_readers(Status& status) {
   }
 }
 
+/// Who can write in a directory that is restored into can put a link or files of their own there.
+void look_for_writers(Status& status) {
+  std::set<std::string> directories;
+  for (const ContentsEntry& entry : contents()) {
+    const std::string path =
+        (entry.base == Base::failover ? kFailoverDirectory : config_directory()) + entry.path;
+    directories.insert(path.substr(0, path.rfind('/')));
+  }
+  for (const std::string& path : directories) {
+    struct stat found = {};
+    if (stat(path.c_str(), &found) != 0 || (found.st_mode & (S_IWGRP | S_IWOTH)) == 0) continue;
+    status.attention.push_back(
+        {"readable", quoted(path) + " can be written by other users: remove that right by chmod go-w"});
+  }
+}
+
 Error look_at_space(int64 largest, Status& status) {
   struct statvfs disk = {};
   if (statvfs(state_directory().c_str(), &disk) != 0) return system_error(state_directory());
@@ -136,6 +158,7 @@ Result<Status> look(const ReadOptions& options) {
   look_for_leftovers(deadline, status);
   look_for_failover_files(status);
   look_for_readers(status);
+  look_for_writers(status);
   look_at_ages(status);
   if (Error error = look_at_space(summary->largest, status); error.code != Code::ok) return error;
   return status;

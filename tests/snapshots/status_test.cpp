@@ -158,6 +158,24 @@ TEST_F(StatusTest, WhatOtherUsersCanReadOrWrite) {
   }
 }
 
+TEST_F(StatusTest, DirectoriesThatOtherUsersCanWrite) {
+  for (const auto& [path, shown] : {std::pair(config_dir() + "user", "<root>/config/user"),
+                                    {config_dir() + "hub", "<root>/config/hub"},
+                                    {config_dir(), "<root>/config"},
+                                    {etc_dir(), "/mnt/main/etc"}}) {
+    std::filesystem::create_directories(path);
+    struct stat before = {};
+    ASSERT_EQ(stat(path.c_str(), &before), 0);
+    for (const mode_t mode : {0020U, 0002U}) {
+      chmod(path.c_str(), before.st_mode | mode);
+      EXPECT_EQ(attention(), Texts{"readable: '" + std::string(shown) +
+                                   "' can be written by other users: remove that right by chmod go-w"});
+    }
+    chmod(path.c_str(), before.st_mode);
+    EXPECT_EQ(attention(), Texts());
+  }
+}
+
 TEST_F(StatusTest, OldSnapshots) {
   test::Database(database()).run("delete from Config");
   EXPECT_EQ(attention(), Texts{"stale: there is no snapshot"});
@@ -182,7 +200,7 @@ TEST_F(StatusTest, OldSnapshots) {
   EXPECT_EQ(attention(),
             (Texts{"stale: the newest snapshot" + ahead, "stale: the newest autosave" + ahead}));
   shell("rm " + database());
-  EXPECT_EQ(attention(), Texts{"stale: there is no snapshot"});
+  EXPECT_EQ(attention(), Texts{"stale: there is no snapshot: '<root>/state/storage.db' does not exist"});
 }
 
 TEST_F(StatusTest, LittleRoom) {
