@@ -48,7 +48,7 @@ play() {
 }
 
 play 3
-expect 'what is installed' 'install restic' "$(cat "$work/apt-get.log")"
+expect 'what is installed' 'install restic openssh-client' "$(cat "$work/apt-get.log")"
 [ -s "$work/collector/key" ] || complain 'there is no key'
 play 1
 expect 'the run' '2 of 2 gateways were stored' "$(tail -n 1 "$work/said")"
