@@ -23,6 +23,12 @@
 //   if (!differences) return fail(differences.error());   // for example Code::not_found, Code::damaged
 //   for (const cs::Difference& difference : *differences) std::cout << difference.path << '\n';
 //
+//   // Back to it, all or nothing.
+//   auto restored = cs::restore({"weekly"});
+//   if (!restored) return fail(restored.error());   // aftermath: what it has left behind
+//
+// To link: "pkg-config --libs confsave-snapshots", or confsave::snapshots of the CMake package confsave.
+//
 // Results. Every function returns a Result: a value, or an Error with a code, the path that it is about,
 // the system's error number, and a sentence. Nothing is printed, nothing is asked, and no exception
 // except std::bad_alloc leaves a function. What calls take, what they return and how they fail is in
