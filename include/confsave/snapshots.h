@@ -129,7 +129,7 @@ CONFSAVE_API Result<Plan> plan(const Id& id, const RestoreOptions& options = {})
 /// root, owners are neither compared nor set.
 ///
 /// The snapshot of the present configuration is named "before-load-YYYY-MM-DD-HH-MM-SS"; the newest five
-/// of that name stay, and pinned ones.
+/// of that name stay, and pinned ones. Without `keep` none is stored, and none removed.
 CONFSAVE_API Result<Restored> restore(const Id& id, const RestoreOptions& options = {});
 
 /// Finishes or undoes a restore that was interrupted, and takes back a pending one whose time is up or
