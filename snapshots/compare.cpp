@@ -52,24 +52,33 @@ Result<Differences> compare_rows(const Id& older, const Id& newer, const ReadOpt
   return differences(*before, *after);
 }
 
+Result<Differences> compare_live(const Id& older, const Deadline& deadline) {
+  Result<OpenRow> row = open_row(older, deadline);
+  if (!row) return row.error();
+  const EachMember ignore = [](const Member&) {};
+  // The archives say the same, and take longer.
+  const Result<std::optional<Tree>> saved = find_tree(row->snapshot, deadline);
+  return saved && *saved ? compare_with_live(**saved, row->snapshot.config.type, ignore)
+                         : compare_contents(*row, ignore);
+}
+
 }  // namespace
+
+Result<Differences> compare_with_live(const Tree& saved, conftype type, const EachMember& each) {
+  const Result<Tree> live = read_tree_since(saved, type);
+  if (!live) return live.error();
+  for (const auto& [path, stored] : saved.members) each(stored.member);
+  return differences(saved.members, live->members);
+}
 
 Result<Differences> compare_with_live(const Id& older, const Deadline& deadline, const EachMember& each) {
   Result<OpenRow> row = open_row(older, deadline);
   if (!row) return row.error();
-  // The archives say the same, and take longer.
-  const Result<std::optional<Manifest>> saved = find_manifest(row->snapshot, deadline);
-  if (!saved || !*saved) return compare_contents(*row, each);
-  const Tree& tree = (*saved)->tree;
-  const Result<Tree> live = read_tree_since(tree, row->snapshot.config.type);
-  if (!live) return live.error();
-  for (const auto& [path, stored] : tree.members) each(stored.member);
-  return differences(tree.members, live->members);
+  return compare_contents(*row, each);
 }
 
 Result<Differences> compare(const Id& older, Live, const ReadOptions& options) {
-  return at_boundary(
-      [&] { return compare_with_live(older, Deadline(options.wait), [](const Member&) {}); });
+  return at_boundary([&] { return compare_live(older, Deadline(options.wait)); });
 }
 
 Result<Differences> compare(const Id& older, const Id& newer, const ReadOptions& options) {

@@ -4,13 +4,17 @@
 
 #include "confsave/snapshots.h"
 #include "snapshots/deadline.h"
+#include "snapshots/tree.h"
 
 namespace ConfSave::snapshots {
 
 using EachMember = std::function<void(const Member&)>;
 
-/// What differs between a snapshot and the live configuration. Calls `each` with the members of the
-/// snapshot.
+/// What differs between the files of a manifest, of a snapshot of `type`, and the live configuration. Calls
+/// `each` with the members of the snapshot.
+Result<Differences> compare_with_live(const Tree& saved, conftype type, const EachMember& each);
+
+/// The same, by the archives of the snapshot: this takes longer.
 Result<Differences> compare_with_live(const Id& older, const Deadline& deadline, const EachMember& each);
 
 }  // namespace ConfSave::snapshots

@@ -56,14 +56,14 @@ Result<Saved> save_as_reverted(const Record& record, const Deadline& deadline) {
 /// Leaves those of which `saved` provably has the content.
 void leave_saved(Identities& edited, const Record& record, const Snapshot& saved,
                  const Deadline& deadline) {
-  const Result<std::optional<Manifest>> manifest = find_manifest(saved, deadline);
+  const Result<std::optional<Tree>> tree = find_tree(saved, deadline);
   for (auto entry = edited.begin(); entry != edited.end();) {
     const Step& step = record.steps[entry->first];
     const Identity& now = entry->second;
     // What is missing may only have been moved: it counts as put there if it comes back.
     bool is_saved = false;
-    if (manifest && *manifest && now.exists()) {
-      const auto& members = (*manifest)->tree.members;
+    if (tree && *tree && now.exists()) {
+      const auto& members = (*tree)->members;
       const auto member = members.find(record.roots[step.root].path + step.path);
       is_saved = member != members.end() && member->second.stamp.inode == now.inode &&
                  member->second.stamp.size == now.size && member->second.stamp.modified == now.modified;

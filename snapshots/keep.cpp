@@ -46,9 +46,9 @@ class Comparing {
   /// False too if one of the two cannot be read, or files are there that a save leaves out: then a save
   /// says so.
   bool equals_live(const Snapshot& snapshot) {
-    const Result<std::optional<Manifest>> manifest = notes_.manifest(snapshot);
-    if (!manifest || !*manifest) return false;
-    const Tree& saved = (*manifest)->tree;
+    const Result<std::optional<Tree>> found = notes_.tree(snapshot);
+    if (!found || !*found) return false;
+    const Tree& saved = **found;
     if (!live_) live_ = std::make_unique<Result<Tree>>(read_tree_since(saved, conf_full));
     if (!*live_ || !differences(saved.members, (*live_)->members).empty()) return false;
     std::set<std::string> present;

@@ -113,10 +113,7 @@ Result<std::optional<ManifestReader>> ManifestReader::open(Database& notes, cons
   const int code = head->step();
   if (code != SQLITE_ROW && code != SQLITE_DONE) return notes.error();
   if (code == SQLITE_DONE || head->number(1) == 0) return std::optional<ManifestReader>();
-  Result<Statement> find = notes.prepare(std::string(kMembers) + " and path = ?");
-  if (!find) return find.error();
-  return std::optional<ManifestReader>(
-      ManifestReader(notes, snapshot.id, head->number(0), std::move(*find)));
+  return std::optional<ManifestReader>(ManifestReader(notes, snapshot.id, head->number(0)));
 }
 
 Error ManifestReader::damaged() const {
@@ -124,11 +121,16 @@ Error ManifestReader::damaged() const {
 }
 
 Result<std::optional<LiveMember>> ManifestReader::find(const std::string& path) {
-  find_.reset();
-  const int code = find_.bind(id_).bind(path).step();
+  if (!find_) {
+    Result<Statement> find = notes_->prepare(std::string(kMembers) + " and path = ?");
+    if (!find) return find.error();
+    find_.emplace(std::move(*find));
+  }
+  find_->reset();
+  const int code = find_->bind(id_).bind(path).step();
   if (code == SQLITE_DONE) return std::optional<LiveMember>();
   if (code != SQLITE_ROW) return notes_->error();
-  std::optional<LiveMember> member = read_member(find_);
+  std::optional<LiveMember> member = read_member(*find_);
   if (!member) return damaged();
   return member;
 }
@@ -144,6 +146,17 @@ Error ManifestReader::for_each(const std::function<void(LiveMember)>& take) {
     take(std::move(*member));
   }
   return {};
+}
+
+Result<Tree> ManifestReader::tree() {
+  Tree tree;
+  tree.moment = moment_;
+  Error error = for_each([&tree](LiveMember live) {
+    std::string path = live.member.path;
+    tree.members.emplace_hint(tree.members.end(), std::move(path), std::move(live));
+  });
+  if (error.code != Code::ok) return error;
+  return tree;
 }
 
 Result<std::vector<std::string>> ManifestReader::missing() {

@@ -37,19 +37,20 @@ class ManifestReader {
   Result<std::optional<LiveMember>> find(const std::string& path);
   /// In the order of paths.
   Error for_each(const std::function<void(LiveMember)>& take);
+  /// All of them.
+  Result<Tree> tree();
   Result<std::vector<std::string>> missing();
   Result<Parents> parents();
 
  private:
-  ManifestReader(Database& notes, int64 id, int64 moment, Statement find)
-      : notes_(&notes), id_(id), moment_(moment), find_(std::move(find)) {}
+  ManifestReader(Database& notes, int64 id, int64 moment) : notes_(&notes), id_(id), moment_(moment) {}
 
   Error damaged() const;
 
   Database* notes_;
   int64 id_;
   int64 moment_;
-  Statement find_;
+  std::optional<Statement> find_;
 };
 
 /// Deletes the manifest of the row `id`. The caller has begun a transaction.

@@ -175,22 +175,29 @@ Result<std::optional<Manifest>> Notes::manifest(const Snapshot& snapshot) {
   Result<std::optional<ManifestReader>> reader = open_manifest(snapshot);
   if (!reader) return reader.error();
   if (!*reader) return std::optional<Manifest>();
-  Manifest manifest;
-  manifest.tree.moment = (*reader)->moment();
-  auto& members = manifest.tree.members;
-  Error error = (*reader)->for_each([&members](LiveMember live) {
-    std::string path = live.member.path;
-    members.emplace_hint(members.end(), std::move(path), std::move(live));
-  });
-  if (error.code != Code::ok) return error;
+  Result<Tree> tree = (*reader)->tree();
+  if (!tree) return tree.error();
   Result<std::vector<std::string>> missing = (*reader)->missing();
   if (!missing) return missing.error();
-  manifest.missing = std::move(*missing);
-  if (!has_parents_) return std::optional<Manifest>(std::move(manifest));
-  Result<Parents> parents = (*reader)->parents();
+  Result<Parents> parents = has_parents_ ? (*reader)->parents() : Parents();
   if (!parents) return parents.error();
-  manifest.parents = std::move(*parents);
-  return std::optional<Manifest>(std::move(manifest));
+  return std::optional<Manifest>({std::move(*tree), std::move(*missing), std::move(*parents)});
+}
+
+Result<std::optional<Tree>> Notes::tree(const Snapshot& snapshot) {
+  Result<std::optional<ManifestReader>> reader = open_manifest(snapshot);
+  if (!reader) return reader.error();
+  if (!*reader) return std::optional<Tree>();
+  Result<Tree> tree = (*reader)->tree();
+  if (!tree) return tree.error();
+  return std::optional<Tree>(std::move(*tree));
+}
+
+Result<Parents> Notes::parents(const Snapshot& snapshot) {
+  if (!has_parents_) return Parents();
+  Result<std::optional<ManifestReader>> reader = open_manifest(snapshot);
+  if (!reader) return reader.error();
+  return *reader ? (*reader)->parents() : Parents();
 }
 
 Result<std::optional<ManifestReader>> Notes::open_manifest(const Snapshot& snapshot) {
@@ -263,11 +270,16 @@ Error Notes::replace(const Snapshot& snapshot, const Note& note) {
   return statement->step() == SQLITE_DONE ? Error{} : database_.error();
 }
 
-Result<std::optional<Manifest>> find_manifest(const Snapshot& snapshot, const Deadline& deadline) {
+Result<std::optional<Tree>> find_tree(const Snapshot& snapshot, const Deadline& deadline) {
   Result<std::optional<Notes>> notes = Notes::open(deadline.left());
   if (!notes) return notes.error();
-  if (!*notes) return std::optional<Manifest>();
-  return (*notes)->manifest(snapshot);
+  return *notes ? (*notes)->tree(snapshot) : std::optional<Tree>();
+}
+
+Result<Parents> find_parents(const Snapshot& snapshot, const Deadline& deadline) {
+  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
+  if (!notes) return notes.error();
+  return *notes ? (*notes)->parents(snapshot) : Parents();
 }
 
 }  // namespace ConfSave::snapshots

@@ -60,6 +60,12 @@ class Notes {
   /// The same, the manifest as a whole.
   Result<std::optional<Manifest>> manifest(const Snapshot& snapshot);
 
+  /// The same, its files.
+  Result<std::optional<Tree>> tree(const Snapshot& snapshot);
+
+  /// The same, its parents; none without a manifest.
+  Result<Parents> parents(const Snapshot& snapshot);
+
   /// Forgets everything about the row `id`, durably.
   Error forget(int64 id);
 
@@ -91,7 +97,10 @@ class Notes {
   bool has_parents_ = true;
 };
 
-/// The manifest of `snapshot`; no value without one.
-Result<std::optional<Manifest>> find_manifest(const Snapshot& snapshot, const Deadline& deadline);
+/// The files of the manifest of `snapshot`; no value without one.
+Result<std::optional<Tree>> find_tree(const Snapshot& snapshot, const Deadline& deadline);
+
+/// The parents of the manifest of `snapshot`; none without one.
+Result<Parents> find_parents(const Snapshot& snapshot, const Deadline& deadline);
 
 }  // namespace ConfSave::snapshots

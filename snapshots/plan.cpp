@@ -79,9 +79,9 @@ class Planning {
   }
 
   Error read_both() {
-    Result<std::optional<Manifest>> saved = find_manifest(row_.snapshot, deadline_);
-    if (!saved) no_manifest_ = saved.error();
-    if (saved && *saved) parents_ = std::move((*saved)->parents);
+    Result<Parents> parents = find_parents(row_.snapshot, deadline_);
+    if (!parents) no_manifest_ = parents.error();
+    if (parents) parents_ = std::move(*parents);
     ContentCheck quick(ContentCheck::Digests::only_compared);
     Error error = read_both(quick);
     if (error.code != Code::ok || !needs_digests(quick)) return error;

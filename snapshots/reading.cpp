@@ -6,19 +6,19 @@
 
 #include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
-#include "snapshots/deadline.h"
+#include "snapshots/listing.h"
 #include "snapshots/member_collector.h"
-#include "snapshots/notes.h"
 #include "snapshots/row_reader.h"
 
 namespace ConfSave::snapshots {
 namespace {
 
 /// Without notes that can be read, a snapshot has none.
-void add_notes(Snapshots& snapshots, const Deadline& deadline) {
-  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
-  if (!notes || !*notes) return;
-  const Result<std::map<int64, Note>> found = (*notes)->read(snapshots);
+void add_notes(Snapshots& snapshots, const Deadline& deadline, std::optional<Notes>& notes) {
+  Result<std::optional<Notes>> opened = Notes::open(deadline.left());
+  if (!opened || !*opened) return;
+  notes = std::move(*opened);
+  const Result<std::map<int64, Note>> found = notes->read(snapshots);
   if (!found) return;
   for (Snapshot& snapshot : snapshots) {
     const auto note = found->find(snapshot.id);
@@ -30,18 +30,8 @@ void add_notes(Snapshots& snapshots, const Deadline& deadline) {
 }
 
 Result<Snapshots> list_rows(const Query& query) {
-  const Deadline deadline(query.wait);
-  Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
-  if (!reader) return reader.error();
-  Snapshots snapshots;
-  if (!*reader) return snapshots;
-  const Error error = (*reader)->for_each(query, [&snapshots](Snapshot snapshot) {
-    snapshots.push_back(std::move(snapshot));
-    return Error{};
-  });
-  if (error.code != Code::ok) return error;
-  add_notes(snapshots, deadline);
-  return snapshots;
+  std::optional<Notes> notes;
+  return snapshots::list_rows(query, Deadline(query.wait), notes);
 }
 
 Result<Snapshot> find_row(const Query& query) {
@@ -119,6 +109,20 @@ Error pass_file(const Id& id, const std::string& path, const Sink& sink, const R
 }
 
 }  // namespace
+
+Result<Snapshots> list_rows(const Query& query, const Deadline& deadline, std::optional<Notes>& notes) {
+  Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
+  if (!reader) return reader.error();
+  Snapshots snapshots;
+  if (!*reader) return snapshots;
+  const Error error = (*reader)->for_each(query, [&snapshots](Snapshot snapshot) {
+    snapshots.push_back(std::move(snapshot));
+    return Error{};
+  });
+  if (error.code != Code::ok) return error;
+  add_notes(snapshots, deadline, notes);
+  return snapshots;
+}
 
 Result<Snapshots> list(const Query& query) {
   return at_boundary([&] { return list_rows(query); });

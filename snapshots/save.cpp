@@ -10,9 +10,9 @@
 #include "snapshots/author.h"
 #include "snapshots/boundary.h"
 #include "snapshots/compare.h"
+#include "snapshots/listing.h"
 #include "snapshots/lock.h"
 #include "snapshots/missing.h"
-#include "snapshots/notes.h"
 #include "snapshots/proof.h"
 #include "snapshots/reserve.h"
 #include "snapshots/sentence.h"
@@ -29,7 +29,7 @@ constexpr const char* kPacketFilter = "corlu-config";
 class Saving {
  public:
   Saving(const Id& id, const SaveOptions& options, const Deadline& deadline)
-      : id_(id), options_(options), deadline_(deadline), author_(author()) {}
+      : id_(id), options_(options), deadline_(deadline) {}
 
   Result<Saved> run() {
     if (Error error = look_around(); error.code != Code::ok) return error;
@@ -64,8 +64,8 @@ class Saving {
     Query query;
     query.corlu_config = true;
     query.order = Query::Order::saved;
-    query.wait = deadline_.left();
-    Result<Snapshots> all = list(query);
+    std::optional<Notes> notes;
+    Result<Snapshots> all = list_rows(query, deadline_, notes);
     if (!all) return all.error();
     for (const Snapshot& snapshot : *all) {
       const Config& config = snapshot.config;
@@ -73,7 +73,25 @@ class Saving {
       if (config.type == options_.type && config.name != kPacketFilter) newest_ = snapshot;
     }
     rows_ = std::move(*all);
+    if (notes && newest_) read_manifest(*notes);
     return {};
+  }
+
+  /// What it says of the newest row, as long as the notes are open.
+  void read_manifest(Notes& notes) {
+    Result<std::optional<ManifestReader>> manifest = notes.open_manifest(*newest_);
+    if (!manifest || !*manifest) return;
+    if (options_.if_changed) {
+      if (Result<Tree> tree = (*manifest)->tree()) newest_tree_ = std::move(*tree);
+      return;
+    }
+    std::set<std::string> fixed_paths;
+    for (const std::string& path : absent_fixed_paths(options_.type, {})) {
+      const Result<std::optional<LiveMember>> member = (*manifest)->find(path);
+      if (!member) return;
+      if (*member) fixed_paths.insert(path);
+    }
+    fixed_paths_of_newest_ = std::move(fixed_paths);
   }
 
   Error check_overwriting() const {
@@ -89,30 +107,29 @@ class Saving {
     Saved unchanged;
     unchanged.outcome = Saved::Outcome::unchanged;
     unchanged.snapshot = *newest_;
-    const Result<Differences> differences = compare_with_live(
-        newest, deadline_, [&unchanged](const Member& member) { count(member, unchanged); });
+    const EachMember count_it = [&unchanged](const Member& member) { count(member, unchanged); };
+    const Result<Differences> differences =
+        newest_tree_ ? compare_with_live(*newest_tree_, newest_->config.type, count_it)
+                     : compare_with_live(newest, deadline_, count_it);
     if (!differences && differences.error().code == Code::busy) return differences.error();
     if (!differences || !differences->empty()) return false;
     saved_ = std::move(unchanged);
     return true;
   }
 
-  /// From its manifest, or else from its archives.
-  Result<std::map<std::string, Member>> members_of_newest() const {
-    std::map<std::string, Member> result;
-    Result<std::optional<Notes>> notes = Notes::open(deadline_.left());
-    if (notes && *notes) {
-      Result<std::optional<Manifest>> manifest = (*notes)->manifest(*newest_);
-      if (manifest && *manifest) {
-        for (const auto& [path, live] : (*manifest)->tree.members) result[path] = live.member;
-        return result;
-      }
+  /// At least the fixed ones. From its manifest, or else from its archives.
+  Result<std::set<std::string>> paths_of_newest() const {
+    if (fixed_paths_of_newest_) return *fixed_paths_of_newest_;
+    std::set<std::string> paths;
+    if (newest_tree_) {
+      for (const auto& [path, live] : newest_tree_->members) paths.insert(path);
+      return paths;
     }
     const Id newest{newest_->config.name, newest_->config.vers};
     const Result<Members> found = members(newest, ReadOptions{deadline_.left()});
     if (!found) return found.error();
-    for (const Member& member : *found) result[member.path] = member;
-    return result;
+    for (const Member& member : *found) paths.insert(member.path);
+    return paths;
   }
 
   void count(const Tree& tree) {
@@ -133,13 +150,13 @@ class Saving {
     missing.insert(proven.missing.begin(), proven.missing.end());
     const std::set<std::string> absent = absent_fixed_paths(options_.type, present);
     if (newest_ && !absent.empty()) {
-      const Result<std::map<std::string, Member>> members = members_of_newest();
-      if (!members) {
+      const Result<std::set<std::string>> paths = paths_of_newest();
+      if (!paths) {
         saved_.warnings.push_back("it is not known which files are gone since '" +
-                                  printable(newest_->config.name) + "': " + sentence(members.error()));
+                                  printable(newest_->config.name) + "': " + sentence(paths.error()));
       }
       for (const std::string& path : absent) {
-        if (members && members->count(path) != 0) missing.insert(path);
+        if (paths && paths->count(path) != 0) missing.insert(path);
       }
     }
     saved_.missing.assign(missing.begin(), missing.end());
@@ -159,7 +176,7 @@ class Saving {
 
   /// The row is stored: from here on a failure is a warning.
   void keep_notes(Proven& proven) {
-    Note note{options_.comment, author_, old_ && old_->pinned && old_->id == replaced_id_};
+    Note note{options_.comment, author(), old_ && old_->pinned && old_->id == replaced_id_};
     Parents parents = parents_of(proven.tree);
     const Error error = write_notes(note, {std::move(proven.tree), saved_.missing, std::move(parents)});
     if (error.code != Code::ok) {
@@ -185,11 +202,12 @@ class Saving {
   const Id& id_;
   const SaveOptions& options_;
   const Deadline& deadline_;
-  std::string author_;
   Phases phases_{"save"};
   Snapshots rows_;
   std::optional<Snapshot> old_;
   std::optional<Snapshot> newest_;
+  std::optional<Tree> newest_tree_;                             ///< if it is to be compared
+  std::optional<std::set<std::string>> fixed_paths_of_newest_;  ///< if not
   int64 replaced_id_ = 0;
   Saved saved_;
 };
