@@ -68,15 +68,36 @@ std::string literally(const std::string& name) {
   return pattern;
 }
 
+namespace {
+
+/// False if a column is generated.
+Result<bool> has_plain_columns(Database& database) {
+  Result<Statement> columns = database.prepare("pragma table_xinfo(Config)");
+  if (!columns) return columns.error();
+  constexpr int kHidden = 6;
+  int code = columns->step();
+  for (; code == SQLITE_ROW; code = columns->step()) {
+    if (columns->number(kHidden) > 1) return false;
+  }
+  if (code != SQLITE_DONE) return database.error();
+  return true;
+}
+
+}  // namespace
+
 Result<bool> look_for_table(Database& database) {
   Result<Statement> statement = database.prepare(
-      "select count(*), ifnull(sum(name = 'Config' collate nocase and type = 'table' and rootpage > 0 and "
-      "not exists (select 1 from pragma_table_xinfo('Config') where hidden > 1)), 0) from sqlite_schema");
+      "select count(*), ifnull(sum(name = 'Config' collate nocase and type = 'table' and rootpage > 0), 0) "
+      "from sqlite_schema");
   if (!statement) return statement.error();
   if (statement->step() != SQLITE_ROW) return database.error();
-  if (statement->number(1) == 1) return true;
   // The file is there before its table.
   if (statement->number(0) == 0) return false;
+  if (statement->number(1) == 1) {
+    const Result<bool> is_plain = has_plain_columns(database);
+    if (!is_plain) return is_plain.error();
+    if (*is_plain) return true;
+  }
   return Error{Code::no_storage, 0, database.file(), "it has no table 'Config'"};
 }
 

@@ -31,8 +31,7 @@ class TreeReading {
         limits_(limits),
         known_(known),
         members_(members),
-        unreadable_(unreadable),
-        buffer_(kPiece) {}
+        unreadable_(unreadable) {}
 
   Error run(const std::vector<std::string>& paths, const std::vector<std::string>& alone = {}) {
     if (Error error = add_entries(paths); error.code != Code::ok) return error;
@@ -44,6 +43,7 @@ class TreeReading {
   Error add_entries(const std::vector<std::string>& paths) {
     root_ = Descriptor(open(base_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!root_) return errno == ENOENT ? Error{} : failure("");
+    parent_.reset();
     for (const std::string& path : paths) {
       Error error = add_entry(path);
       if (is_unreadable(error, error.path)) continue;
@@ -73,11 +73,14 @@ class TreeReading {
     const std::size_t slash = path.rfind('/');
     const std::string parent = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string name = path.substr(parent.size());
-    Descriptor directory;
-    if (Error error = open_parent(parent, directory); error.code != Code::ok) return error;
-    if (!directory) return {};
-    if (name.back() != '*') return add(directory.get(), parent, name);
-    return add_matching(directory, parent, name.substr(0, name.size() - 1));
+    if (parent_ != parent) {
+      parent_.reset();
+      if (Error error = open_parent(parent, parent_directory_); error.code != Code::ok) return error;
+      parent_ = parent;
+    }
+    if (!parent_directory_) return {};
+    if (name.back() != '*') return add(parent_directory_.get(), parent, name);
+    return add_matching(parent_directory_, parent, name.substr(0, name.size() - 1));
   }
 
   /// Opens "a/b/" component by component. No descriptor if one is missing.
@@ -260,6 +263,7 @@ class TreeReading {
   }
 
   Error digest(int file, const std::string& path, int64& size) {
+    buffer_.resize(kPiece);
     for (;;) {
       const ssize_t piece = read(file, buffer_.data(), buffer_.size());
       if (piece < 0 && errno == EINTR) continue;
@@ -281,6 +285,8 @@ class TreeReading {
   std::map<std::string, LiveMember>& members_;
   std::vector<std::string>* unreadable_;
   Descriptor root_;
+  std::optional<std::string> parent_;  ///< of the last entry; most entries share theirs
+  Descriptor parent_directory_;        ///< none if it is missing
   Sha256 sha256_;
   std::vector<char> buffer_;
   std::size_t depth_ = 0;
