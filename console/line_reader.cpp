@@ -23,16 +23,17 @@ std::string common_beginning(const Arguments& words) {
 }
 
 LineReader::Completion completion_of_words = nullptr;
+const Libedit* library = nullptr;
 
 /// The tab key: completes the word as far as it is clear, and lists the candidates when it is not.
 unsigned char complete(EditLine* editor, int) {
-  const LineInfo* info = el_line(editor);
+  const LineInfo* info = library->el_line(editor);
   const std::string line(info->buffer, info->cursor);
   const std::string begun = line.substr(line.find_last_of(" \t") + 1);
   const Arguments words = completion_of_words(line, begun);
   if (words.empty()) return CC_ERROR;
   const std::string end = common_beginning(words).substr(begun.size()) + (words.size() == 1 ? " " : "");
-  if (!end.empty()) return el_insertstr(editor, end.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
+  if (!end.empty()) return library->el_insertstr(editor, end.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
   std::cout << '\n';
   for (const std::string& word : words) std::cout << word << '\n';
   std::cout.flush();
@@ -55,40 +56,61 @@ char* prompt_of(EditLine*) { return current_prompt.data(); }
 /// The keys that ask for a command of the line editor, some of which start other programs.
 void unbind_commands(EditLine* editor) {
   for (const char* key : {"^[x", "^[X", "\\330", "\\370"}) {
-    el_set(editor, EL_BIND, key, "ed-unassigned", nullptr);
+    library->el_set(editor, EL_BIND, key, "ed-unassigned", nullptr);
   }
 }
 
 }  // namespace
 
-LineReader::LineReader(Completion completion) {
+LineReader::LineReader(Completion completion)
+    : at_terminal_(isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0) {
+  if (!at_terminal_) return;
   completion_of_words = completion;
-  if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) return;
+  const char* why = "";
+  library = libedit(why);
+  if (library != nullptr) {
+    start_editor();
+  } else {
+    std::cerr << "confsave: lines cannot be edited: " << why << ".\n";
+  }
+}
+
+void LineReader::start_editor() {
   HistEvent event = {};
-  history_ = history_init();
-  history(history_, &event, H_SETSIZE, kRemembered);
-  editor_ = el_init("confsave", stdin, stdout, stderr);
+  history_ = library->history_init();
+  library->history(history_, &event, H_SETSIZE, kRemembered);
+  editor_ = library->el_init("confsave", stdin, stdout, stderr);
   if (editor_ == nullptr) return;
-  el_set(editor_, EL_PROMPT, prompt_of);
-  el_set(editor_, EL_EDITOR, "emacs");
-  el_set(editor_, EL_SIGNAL, 1);
-  el_set(editor_, EL_HIST, history, history_);
-  el_set(editor_, EL_ADDFN, "complete", "Complete the word", complete);
-  el_set(editor_, EL_BIND, "^I", "complete", nullptr);
+  const auto set = library->el_set;
+  set(editor_, EL_PROMPT, prompt_of);
+  set(editor_, EL_EDITOR, "emacs");
+  set(editor_, EL_SIGNAL, 1);
+  set(editor_, EL_HIST, library->history, history_);
+  set(editor_, EL_ADDFN, "complete", "Complete the word", complete);
+  set(editor_, EL_BIND, "^I", "complete", nullptr);
   unbind_commands(editor_);
-  el_wset(editor_, EL_GETCFN, read_letter);
+  library->el_wset(editor_, EL_GETCFN, read_letter);
+}
+
+LineReader::Answer LineReader::read_plainly(const char* prompt, std::string& line) const {
+  if (at_terminal_) {
+    std::cout << prompt << std::flush;
+    wait_for_input();
+    if (interrupted()) return Answer::interrupt;
+  }
+  return std::getline(std::cin, line) ? Answer::line : Answer::end;
 }
 
 LineReader::Answer LineReader::read(const char* prompt, std::string& line) {
-  if (!at_terminal()) return std::getline(std::cin, line) ? Answer::line : Answer::end;
+  if (editor_ == nullptr) return read_plainly(prompt, line);
   current_prompt = prompt;
   int length = 0;
-  const char* typed = el_gets(editor_, &length);
+  const char* typed = library->el_gets(editor_, &length);
   if (typed == nullptr || length <= 0) return interrupted() ? Answer::interrupt : Answer::end;
   line.assign(typed, static_cast<std::size_t>(length));
   if (line.back() == '\n') line.pop_back();
   HistEvent event = {};
-  if (!line.empty()) history(history_, &event, H_ENTER, line.c_str());
+  if (!line.empty()) library->history(history_, &event, H_ENTER, line.c_str());
   return Answer::line;
 }
 

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """The shell at a terminal starts no other program, whatever is typed and whatever the user has configured.
+It works where the line editor cannot be loaded.
 
     tests/editor_test.py PROGRAM
 
@@ -48,8 +49,8 @@ class Shell:
         while self.screen.count(PROMPT) < expected and time.monotonic() < end:
             assert self.read(0.1), f"the shell ended after {keys!r}: {self.screen[-200:]}"
 
-    def leave(self):
-        os.write(self.terminal, b"\x15\x0bexit\r")
+    def leave(self, keys=b"\x15\x0bexit\r"):
+        os.write(self.terminal, keys)
         end = time.monotonic() + 5
         while self.read(0.1) and time.monotonic() < end:
             pass
@@ -64,6 +65,18 @@ def try_key(program, environment, key):
     shell.type("\x15\x0b" + ESCAPE + "v\r", 3)
     status = shell.leave()
     assert status == 0, f"after {key!r} the shell ended with {status}: {shell.screen}"
+
+
+def try_without_editor(program, environment, directory):
+    with open(f"{directory}/libedit.so.2", "wb"):
+        pass
+    shell = Shell(program, {**environment, "LD_LIBRARY_PATH": directory})
+    shell.type("", 1)
+    shell.type("help\r", 2)
+    shell.type("lis\x03", 3)
+    status = shell.leave(b"\x04")
+    shown = shell.screen
+    assert status == 0 and "lines cannot be edited: " in shown and "list the snapshots" in shown, shown
 
 
 def main():
@@ -87,6 +100,7 @@ def main():
         for key in keys:
             try_key(program, environment, key)
             assert not os.path.exists(pwned), f"{key!r} led to an editor"
+        try_without_editor(program, environment, directory)
     print(f"{len(keys)} keys")
 
 
