@@ -5,7 +5,6 @@
 namespace ConfSave::snapshots {
 namespace {
 
-constexpr std::size_t kBuffer = 256 << 10;
 /// The first byte of a member.
 constexpr std::uint8_t kMagic = 0x1f;
 
@@ -29,7 +28,8 @@ Error explain(int code) {
 }  // namespace
 
 Gunzip::Gunzip(Source& packed, const Limits& limits)
-    : packed_(packed), limits_(limits), state_(std::make_unique<inflate_state>()), buffer_(kBuffer) {
+    // Both are large, and not to be filled with zeros.
+    : packed_(packed), limits_(limits), state_(new inflate_state), buffer_(new Buffer) {
   isal_inflate_init(state_.get());
 }
 
@@ -86,10 +86,10 @@ Error Gunzip::check_size(int64 unpacked) const {
 }
 
 Error Gunzip::inflate(std::size_t& size) {
-  state_->next_out = reinterpret_cast<std::uint8_t*>(buffer_.data());
-  state_->avail_out = static_cast<std::uint32_t>(buffer_.size());
+  state_->next_out = reinterpret_cast<std::uint8_t*>(buffer_->data());
+  state_->avail_out = static_cast<std::uint32_t>(buffer_->size());
   const int code = isal_inflate(state_.get());
-  size = buffer_.size() - state_->avail_out;
+  size = buffer_->size() - state_->avail_out;
   if (code < 0 || code == ISAL_NEED_DICT) return explain(code);
   if (state_->block_state == ISAL_BLOCK_FINISH) position_ = Position::after_member;
   unpacked_size_ += static_cast<int64>(size);
@@ -129,7 +129,7 @@ Result<std::string_view> Gunzip::next() {
     }
     if (error.code != Code::ok) return error;
   }
-  return std::string_view(buffer_.data(), size);
+  return std::string_view(buffer_->data(), size);
 }
 
 }  // namespace ConfSave::snapshots

@@ -2,9 +2,9 @@
 
 #include <isa-l/igzip_lib.h>
 
+#include <array>
 #include <memory>
 #include <string_view>
-#include <vector>
 
 #include "snapshots/limits.h"
 #include "snapshots/source.h"
@@ -25,6 +25,8 @@ class Gunzip : public Source {
   Error check_size(int64 unpacked) const;
 
  private:
+  using Buffer = std::array<char, 256 << 10>;
+
   enum class Position { before_member, in_header, in_data, after_member, in_padding, at_end };
 
   /// Makes sure that there is input, unless the source has ended.
@@ -39,7 +41,7 @@ class Gunzip : public Source {
   Limits limits_;
   std::unique_ptr<inflate_state> state_;
   isal_gzip_header header_ = {};
-  std::vector<char> buffer_;
+  std::unique_ptr<Buffer> buffer_;
   Position position_ = Position::before_member;
   bool is_first_ = true;
   bool source_ended_ = false;
