@@ -215,9 +215,10 @@ Error Notes::forget(int64 id) {
 }
 
 Error Notes::sweep(const Snapshots& rows) {
+  const Result<std::vector<int64>> strangers = find_strangers(rows);
+  if (!strangers) return strangers.error();
+  if (strangers->empty()) return {};
   return in_transaction([&]() -> Error {
-    const Result<std::vector<int64>> strangers = find_strangers(rows);
-    if (!strangers) return strangers.error();
     for (const int64 id : *strangers) {
       if (Error error = delete_manifest(database_, id); error.code != Code::ok) return error;
     }
