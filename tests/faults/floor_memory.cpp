@@ -39,7 +39,7 @@
 
 #include "memory_gateway.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(CONFSAVE_SANITIZED)
 constexpr bool kSanitized = true;
 #else
 constexpr bool kSanitized = false;
@@ -91,7 +91,7 @@ class Disarmed {
 
 }  // namespace
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(CONFSAVE_SANITIZED)
 
 void* operator new(std::size_t size) {
   void* memory =

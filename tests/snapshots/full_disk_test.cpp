@@ -261,7 +261,7 @@ TEST_P(KillTest, AKilledDeletionLosesNoOtherRow) {
 }
 
 // A killed process says nothing of its memory.
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(CONFSAVE_SANITIZED)
 constexpr int kThirds = 1;
 #else
 constexpr int kThirds = 3;
