@@ -30,13 +30,19 @@ def new_stores(bench, peers, wait=0):
 def saves(bench, peers, turns):
     first, later, unchanged = {}, {}, {}
     by_name = {peer.name: peer for peer in peers}
+
+    def change(name):
+        bench.enter(f"state of {name}")
+        bench.change_a_line()
+
     for label, size in turns.effort.sizes.items():
         bench.make_configuration(size)
         ways = {**bench.contract_ways("save", "weekly"),
                 "confsave": bench.confsave("save", "weekly", "--force"), **peers_do(peers, "save")}
         first[label] = turns.take(ways, lambda name: by_name[name].new() if name in by_name
                                   else bench.clear(bench.state))
-        later[label] = turns.take(ways, lambda name: bench.change_a_line())
+        later[label] = turns.take(ways, change)
+        bench.enter("state")
         new_stores(bench, peers, wait=3)
         unchanged[label] = turns.take({"confsave": bench.confsave("save", "weekly", "--if-changed"),
                                        **peers_do([peer for peer in peers if peer.keeps_history], "save")})
