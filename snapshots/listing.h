@@ -4,10 +4,17 @@
 
 #include "snapshots/deadline.h"
 #include "snapshots/notes.h"
+#include "snapshots/storage_reader.h"
 
 namespace ConfSave::snapshots {
 
-/// What list() does. `notes` gets the notes that it has opened; no value without any that can be read.
-Result<Snapshots> list_rows(const Query& query, const Deadline& deadline, std::optional<Notes>& notes);
+/// What list() has opened. Nobody changes a row as long as `storage` lives: it is in a read transaction.
+struct Listing {
+  std::optional<StorageReader> storage;  ///< no value if there is none yet
+  std::optional<Notes> notes;            ///< no value without any that can be read
+};
+
+/// What list() does.
+Result<Snapshots> list_rows(const Query& query, const Deadline& deadline, Listing& opened);
 
 }  // namespace ConfSave::snapshots

@@ -30,8 +30,8 @@ void add_notes(Snapshots& snapshots, const Deadline& deadline, std::optional<Not
 }
 
 Result<Snapshots> list_rows(const Query& query) {
-  std::optional<Notes> notes;
-  return snapshots::list_rows(query, Deadline(query.wait), notes);
+  Listing opened;
+  return snapshots::list_rows(query, Deadline(query.wait), opened);
 }
 
 Result<Snapshot> find_row(const Query& query) {
@@ -110,17 +110,21 @@ Error pass_file(const Id& id, const std::string& path, const Sink& sink, const R
 
 }  // namespace
 
-Result<Snapshots> list_rows(const Query& query, const Deadline& deadline, std::optional<Notes>& notes) {
+Result<Snapshots> list_rows(const Query& query, const Deadline& deadline, Listing& opened) {
   Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
   if (!reader) return reader.error();
   Snapshots snapshots;
   if (!*reader) return snapshots;
-  const Error error = (*reader)->for_each(query, [&snapshots](Snapshot snapshot) {
-    snapshots.push_back(std::move(snapshot));
-    return Error{};
-  });
+  opened.storage = std::move(*reader);
+  Error error = opened.storage->begin();
+  if (error.code == Code::ok) {
+    error = opened.storage->for_each(query, [&snapshots](Snapshot snapshot) {
+      snapshots.push_back(std::move(snapshot));
+      return Error{};
+    });
+  }
   if (error.code != Code::ok) return error;
-  add_notes(snapshots, deadline, notes);
+  add_notes(snapshots, deadline, opened.notes);
   return snapshots;
 }
 

@@ -32,15 +32,11 @@ class Saving {
       : id_(id), options_(options), deadline_(deadline) {}
 
   Result<Saved> run() {
-    if (Error error = look_around(); error.code != Code::ok) return error;
-    phases_.end("list");
-    if (options_.if_changed && newest_) {
-      const Result<bool> is_unchanged = compare_with_newest();
-      phases_.end("compare with the newest");
-      if (!is_unchanged) return is_unchanged.error();
-      if (*is_unchanged) return saved_;
-    }
+    const Result<bool> is_unchanged = look_around();
+    if (!is_unchanged) return is_unchanged.error();
+    if (*is_unchanged) return saved_;
     if (Error error = check_overwriting(); error.code != Code::ok) return error;
+    author_ = author();
     Result<Proven> proven = pack_and_prove(options_.type, phases_);
     if (!proven) return proven.error();
     count(proven->tree);
@@ -59,13 +55,25 @@ class Saving {
   }
 
  private:
+  /// Whether the newest row equals the live configuration. Nobody deletes it meanwhile, and nobody waits
+  /// any longer.
+  Result<bool> look_around() {
+    Listing listing;
+    if (Error error = find_rows(listing); error.code != Code::ok) return error;
+    listing.notes.reset();
+    phases_.end("list");
+    if (!options_.if_changed || !newest_) return false;
+    Result<bool> is_unchanged = compare_with_newest();
+    phases_.end("compare with the newest");
+    return is_unchanged;
+  }
+
   /// Finds the row that would be replaced, and the newest one of the type.
-  Error look_around() {
+  Error find_rows(Listing& listing) {
     Query query;
     query.corlu_config = true;
     query.order = Query::Order::saved;
-    std::optional<Notes> notes;
-    Result<Snapshots> all = list_rows(query, deadline_, notes);
+    Result<Snapshots> all = list_rows(query, deadline_, listing);
     if (!all) return all.error();
     for (const Snapshot& snapshot : *all) {
       const Config& config = snapshot.config;
@@ -73,7 +81,7 @@ class Saving {
       if (config.type == options_.type && config.name != kPacketFilter) newest_ = snapshot;
     }
     rows_ = std::move(*all);
-    if (notes && newest_) read_manifest(*notes);
+    if (listing.notes && newest_) read_manifest(*listing.notes);
     return {};
   }
 
@@ -176,7 +184,7 @@ class Saving {
 
   /// The row is stored: from here on a failure is a warning.
   void keep_notes(Proven& proven) {
-    Note note{options_.comment, author(), old_ && old_->pinned && old_->id == replaced_id_};
+    Note note{options_.comment, author_, old_ && old_->pinned && old_->id == replaced_id_};
     Parents parents = parents_of(proven.tree);
     const Error error = write_notes(note, {std::move(proven.tree), saved_.missing, std::move(parents)});
     if (error.code != Code::ok) {
@@ -202,6 +210,7 @@ class Saving {
   const Id& id_;
   const SaveOptions& options_;
   const Deadline& deadline_;
+  std::string author_;
   Phases phases_{"save"};
   Snapshots rows_;
   std::optional<Snapshot> old_;

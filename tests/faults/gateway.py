@@ -180,7 +180,7 @@ class Gateway:
     # What must hold.
 
     def query(self, sql):
-        connection = sqlite3.connect(self.database)
+        connection = sqlite3.connect(self.database, isolation_level=None)
         try:
             return connection.execute(sql).fetchall()
         finally:

@@ -14,7 +14,7 @@
 //
 // A step is the beginning and the end of each command, statement and log record.
 //
-// `save` and `typed-save` take a name and a type.
+// `save` and `typed-save` take a name and a type; `typed-save NAME TYPE if-changed` compares first.
 //
 // Prints "done" or what went wrong; exits with 0 or 1.
 //
@@ -235,6 +235,7 @@ void typed_save(const Arguments& words) {
   options.type = type_of(words);
   options.overwrite = true;
   options.comment = "by operate";
+  options.if_changed = words.size() > 2 && words[2] == "if-changed";
   const auto saved = snapshots::save({name}, options);
   if (!saved) demand(saved.error());
   demand_row(name, CURRENT_VERSION);

@@ -101,12 +101,12 @@ TARGETS = ["user/filter.conf", "gw1.conf", "user/config.db", "user/key_set/2"]
 
 
 class Stopped:
-    """A restore that stops after a call; `more` is for strace."""
+    """A restore, or another operation, that stops after a call; `more` is for strace."""
 
-    def __init__(self, gateway, call, number, *more):
+    def __init__(self, gateway, call, number, *more, words=("typed-load", "new", "no-keep")):
         self.gateway, self.trace = gateway, gateway.root / "trace"
         self.trace.unlink(missing_ok=True)
-        self.process = gateway.start("typed-load", "new", "no-keep", prefix=[
+        self.process = gateway.start(*words, prefix=[
             "strace", "-f", "-qq", "-o", str(self.trace), "-e", f"trace={CALLS}",
             *(["-e", f"inject={call}:signal=SIGSTOP:when={number}"] if call else []), *more])
 
@@ -436,6 +436,18 @@ def killed_while_packing(site):
     gateway.do("typed-save", "old")
 
 
+def compared_while_deleted(site):
+    """The snapshot since which nothing has changed is there as long as a save compares it."""
+    site.write("old")
+    site.gateway.do("typed-save", "old")
+    stopped = Stopped(site.gateway, None, 0, "-P", f"{site.gateway.config}/", "-e", "trace=openat", "-e",
+                      "inject=openat:signal=SIGSTOP:when=1", words=("typed-save", "old", 1, "if-changed"))
+    require(stopped.wait(), "was not stopped")
+    delete = ["sqlite3", site.gateway.database, "delete from Config"]
+    subprocess.run(delete, check=False, capture_output=True)
+    require(stopped.finish()[0] == 0, "the snapshot is not there any more")
+
+
 def meet(gateway, *words):
     """The exit status, the messages, and the seconds that it took."""
     start = time.monotonic()
@@ -477,11 +489,9 @@ def campaign(program, full, source):
         site = Site(gateway)
         figures = [changes(site, full, source), saves_meanwhile(site, 200 if full else 10),
                    restores_at_once(site, 100 if full else 5), reader(site, 500 if full else 20)]
-        keep_written(site)
-        killed_in_check(site)
-        killed_before_it_puts_back(site)
-        killed_while_packing(site)
-        recovered_beside_a_link(site)
+        for alone in (keep_written, killed_in_check, killed_before_it_puts_back, killed_while_packing,
+                      recovered_beside_a_link, compared_while_deleted):
+            alone(site)
         figures.append(stopped_holder(site))
         gateway.require_integrity()
     return "; ".join(figures)
