@@ -132,7 +132,9 @@ Error Bundle::open_notes(const Deadline& deadline) {
   if (table->number(0) == 0) return {};
   Result<Statement> origin = database_.prepare("select configuration from origin");
   if (!origin) return origin.error();
-  if (origin->step() != SQLITE_ROW) return damaged("it does not say where its paths are from");
+  const int code = origin->step();
+  if (code != SQLITE_ROW && code != SQLITE_DONE) return database_.error();
+  if (code == SQLITE_DONE) return damaged("it does not say where its paths are from");
   origin_ = origin->text(0);
   if (origin_.empty() || origin_.front() != '/' || origin_.back() != '/') {
     return damaged("it does not say where its paths are from");
