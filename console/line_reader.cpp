@@ -98,7 +98,14 @@ LineReader::Answer LineReader::read_plainly(const char* prompt, std::string& lin
     wait_for_input();
     if (interrupted()) return Answer::interrupt;
   }
-  return std::getline(std::cin, line) ? Answer::line : Answer::end;
+  const bool has_line = static_cast<bool>(std::getline(std::cin, line));
+  if (at_terminal_) {
+    // An end of input in the middle of a line is not the last one that can be typed.
+    std::cin.clear();
+    std::clearerr(stdin);
+    if (interrupted()) return Answer::interrupt;
+  }
+  return has_line ? Answer::line : Answer::end;
 }
 
 LineReader::Answer LineReader::read(const char* prompt, std::string& line) {

@@ -74,9 +74,12 @@ def try_without_editor(program, environment, directory):
     shell.type("", 1)
     shell.type("help\r", 2)
     shell.type("lis\x03", 3)
+    shell.type("version\x04\x04", 4)
+    shell.type("nonsense\r", 5)
     status = shell.leave(b"\x04")
     shown = shell.screen
     assert status == 0 and "lines cannot be edited: " in shown and "list the snapshots" in shown, shown
+    assert "'nonsense'" in shown, shown
 
 
 def main():
