@@ -39,7 +39,7 @@ struct DetailedPlan {
 Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, const Deadline& deadline,
                                std::size_t room = 0);
 
-/// Turns the changes of `plan` into steps.
+/// Turns the changes of `plan` into steps. Adds those that links take.
 void write_steps(DetailedPlan& plan);
 
 /// Whether both do the same to the same files.

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <set>
+#include <utility>
 
 #include "snapshots/plan.h"
 
@@ -59,11 +61,44 @@ PlannedStep attributes_step(const DetailedPlan& plan, const std::string& path, c
   return planned;
 }
 
+/// A name that stays, of a file that other names become: they would be linked to its inode. When that one
+/// has names that change as well, the name is replaced, too, because a link would alter what the exchange
+/// compares.
+void replace_shared_inodes(DetailedPlan& plan) {
+  std::set<std::string> changed;
+  std::set<std::uint64_t> going;
+  std::set<std::pair<Base, int64>> files;
+  for (const PlannedChange& change : plan.shown.changes) {
+    const std::string& path = change.difference.path;
+    changed.insert(path);
+    const auto live = plan.live.find(path);
+    if (live != plan.live.end()) going.insert(live->second.stamp.inode);
+    if (change.action == Action::remove) continue;
+    const Wanted& wanted = plan.wanted.at(path);
+    if (wanted.member.kind == Kind::file) files.emplace(wanted.base, wanted.entry);
+  }
+  for (const auto& [path, wanted] : plan.wanted) {
+    const bool stays = wanted.member.kind == Kind::file && changed.count(path) == 0;
+    if (!stays || files.count({wanted.base, wanted.entry}) == 0) continue;
+    const auto live = plan.live.find(path);
+    if (live == plan.live.end() || going.count(live->second.stamp.inode) == 0) continue;
+    PlannedChange change;
+    change.difference.path = path;
+    change.difference.content = true;
+    change.difference.secret = wanted.member.secret;
+    plan.shown.changes.push_back(change);
+  }
+  std::sort(
+      plan.shown.changes.begin(), plan.shown.changes.end(),
+      [](const PlannedChange& a, const PlannedChange& b) { return a.difference.path < b.difference.path; });
+}
+
 }  // namespace
 
 // What is in a directory goes before the directory, and comes after it; its attributes come last, because
 // it must be open to its owner until then.
 void write_steps(DetailedPlan& plan) {
+  replace_shared_inodes(plan);
   std::vector<PlannedStep> attributes;
   for (auto change = plan.shown.changes.rbegin(); change != plan.shown.changes.rend(); ++change) {
     const std::string& path = change->difference.path;

@@ -253,6 +253,15 @@ TEST_F(RestoreTest, NamesOfOneFileAreLinkedAgain) {
   EXPECT_EQ(everything(), saved_);
 }
 
+TEST_F(RestoreTest, ANameIsLinkedAgainToAFileOfWhichAnotherNameChanges) {
+  shell("ln -f " + config("gw1.conf") + " " + config("gw2.conf"));
+  saved("linked");
+  shell("cd " + config_dir() + " && rm gw2.conf && ln -f gw1.conf linkmap.dat");
+  ASSERT_TRUE(cs::restore({"linked"}, without_keeping()));
+  EXPECT_TRUE(std::filesystem::equivalent(config("gw1.conf"), config("gw2.conf")));
+  EXPECT_FALSE(std::filesystem::equivalent(config("gw1.conf"), config("linkmap.dat")));
+}
+
 TEST_F(RestoreTest, KindsOfFileTakeEachOthersPlaces) {
   shell("cd " + config_dir() +
         " && rm station hub/key gw2.conf && mkdir station hub/key && touch station/x" +
