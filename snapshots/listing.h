@@ -10,8 +10,8 @@ namespace ConfSave::snapshots {
 
 /// What list() has opened. Nobody changes a row as long as `storage` lives: it is in a read transaction.
 struct Listing {
-  std::optional<StorageReader> storage;  ///< no value if there is none yet
-  std::optional<Notes> notes;            ///< no value without any that can be read
+  std::optional<StorageReader> storage;  ///< empty unless the file exists
+  std::optional<Notes> notes;            ///< empty unless they can be read
 };
 
 /// What list() does.

@@ -61,9 +61,8 @@ PlannedStep attributes_step(const DetailedPlan& plan, const std::string& path, c
   return planned;
 }
 
-/// A name that stays, of a file that other names become: they would be linked to its inode. When that one
-/// has names that change as well, the name is replaced, too, because a link would alter what the exchange
-/// compares.
+/// Replaces an unchanged name, too, if other names have to be linked to its file and its inode has names
+/// that change: the link would alter what the exchange compares.
 void replace_shared_inodes(DetailedPlan& plan) {
   std::set<std::string> changed;
   std::set<std::uint64_t> going;

@@ -55,8 +55,8 @@ class Saving {
   }
 
  private:
-  /// Whether the newest row equals the live configuration. Nobody deletes it meanwhile, and nobody waits
-  /// any longer.
+  /// Whether the newest row equals the live configuration. The read transaction of the listing keeps others
+  /// from deleting the row, and ends before the archives are packed.
   Result<bool> look_around() {
     Listing listing;
     if (Error error = find_rows(listing); error.code != Code::ok) return error;

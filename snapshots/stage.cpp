@@ -84,16 +84,13 @@ class Staging {
     }
     std::set<std::string> changed;
     for (const PlannedChange& change : plan_.shown.changes) changed.insert(change.difference.path);
-    std::set<std::uint64_t> going;
-    for (const PlannedStep& planned : plan_.steps) going.insert(planned.step.before.inode);
     for (const auto& [path, wanted] : plan_.wanted) {
       if (wanted.member.kind != Kind::file || changed.count(path) != 0) continue;
       const auto source = sources_[wanted.base].find(wanted.entry);
       if (source == sources_[wanted.base].end() || source->second.unchanged != nullptr) continue;
       const auto live = plan_.live.find(path);
-      // A new link changes the stamp of the file, which the exchange compares.
-      const bool stays = live != plan_.live.end() && going.count(live->second.stamp.inode) == 0;
-      if (stays) source->second.unchanged = &live->second;
+      // The plan has seen to it that no other name of its inode changes.
+      if (live != plan_.live.end()) source->second.unchanged = &live->second;
     }
   }
 

@@ -443,9 +443,9 @@ def compared_while_deleted(site):
     stopped = Stopped(site.gateway, None, 0, "-P", f"{site.gateway.config}/", "-e", "trace=openat", "-e",
                       "inject=openat:signal=SIGSTOP:when=1", words=("typed-save", "old", 1, "if-changed"))
     require(stopped.wait(), "was not stopped")
-    delete = ["sqlite3", site.gateway.database, "delete from Config"]
-    subprocess.run(delete, check=False, capture_output=True)
-    require(stopped.finish()[0] == 0, "the snapshot is not there any more")
+    deletion = subprocess.run(["sqlite3", site.gateway.database, "delete from Config"], check=False,
+                              capture_output=True)
+    require(stopped.finish()[0] == 0 and b"locked" in deletion.stderr, "the snapshot was deleted")
 
 
 def meet(gateway, *words):
