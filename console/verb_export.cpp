@@ -45,6 +45,8 @@ cs::Result<cs::Exported> export_into(const cs::Ids& ids, const Options& options)
   if (options.exchanged == "-") return cs::export_to(ids, write_out);
   cs::ExportOptions how;
   how.overwrite = options.force;
+  // What ends the process would leave a part of the file under a temporary name.
+  const TerminationCatcher catcher;
   return cs::export_to(ids, options.exchanged, how);
 }
 
@@ -61,7 +63,8 @@ std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
     if (is_deleted && attempt < kAttempts) continue;
     if (interrupted()) {
       status = kFailed;
-      std::cerr << "confsave: interrupted; the copy is not whole.\n";
+      std::cerr << "confsave: interrupted; "
+                << (options.exchanged == "-" ? "the copy is not whole" : "nothing was written") << ".\n";
     } else {
       status = report(exported.error());
     }

@@ -40,7 +40,11 @@ cs::Result<cs::Imported> import_pipe(cs::ImportOptions how, unsigned seconds) {
 
 cs::Result<cs::Imported> import_in_time(const Options& options) {
   cs::ImportOptions how = options_of(options);
-  if (options.exchanged == "-") return import_pipe(how, options.wait);
+  if (options.exchanged == "-") {
+    // What ends the process would leave the file that holds what was read so far.
+    const TerminationCatcher catcher;
+    return import_pipe(how, options.wait);
+  }
   return in_turns(options.wait, [&](std::chrono::milliseconds wait) {
     how.wait = wait;
     return cs::import_from(options.exchanged, how);
@@ -57,6 +61,10 @@ int import_snapshots(const Options& options) {
     return kUsage;
   }
   const auto imported = import_in_time(options);
+  if (!imported && interrupted()) {
+    std::cerr << "confsave: interrupted; nothing was stored.\n";
+    return kFailed;
+  }
   if (!imported) return report_import(imported.error());
   print_warnings(imported->warnings);
   if (!options.json) return kDone;
