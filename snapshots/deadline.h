@@ -5,6 +5,9 @@
 
 namespace ConfSave::snapshots {
 
+/// So long a call may still wait for locks after a step that it cannot take back.
+constexpr std::chrono::milliseconds kGrace{2000};
+
 /// The end of all waiting within one call, by a clock that nobody sets.
 class Deadline {
  public:
@@ -20,6 +23,9 @@ class Deadline {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end_ - Clock::now());
     return std::max(left, std::chrono::milliseconds(0));
   }
+
+  /// What is left, but at least kGrace: the work before has taken time as well.
+  std::chrono::milliseconds left_afterwards() const { return std::max(left(), kGrace); }
 
  private:
   Clock::time_point end_;

@@ -79,10 +79,12 @@ Error Exchange::changed(const Step& step) const {
 
 Error Exchange::foreign_file(const Step& step, const std::string& slot) const {
   const Beneath& beneath = sites_[step.root].beneath;
+  const std::string before =
+      slot.empty() ? ""
+                   : "; the one of before is '" + beneath.shown(sites_[step.root].name + "/" + slot) + "'";
   return {Code::needs_attention, 0, beneath.shown(step.path),
-          "somebody else has put this file here; the one of before is '" +
-              beneath.shown(sites_[step.root].name + "/" + slot) +
-              "'. Move this one away, then run 'confsave recover'"};
+          "somebody else has put this file here" + before +
+              ". Move this one away, then run 'confsave recover'"};
 }
 
 /// Moving a file sets the time of its inode: mode and owner are compared by themselves.
@@ -169,7 +171,7 @@ Error Exchange::undo(std::size_t number, Foreign foreign) {
 }
 
 Error Exchange::undo_creation(const Step& step, const Slot& slot, const Identity& live, Foreign foreign) {
-  if (!is_same_file(live, step.after) && foreign == Foreign::leave) return foreign_file(step, slot.name);
+  if (!is_same_file(live, step.after) && foreign == Foreign::leave) return foreign_file(step, "");
   Beneath& beneath = sites_[step.root].beneath;
   const Result<int> parent = beneath.directory(parent_of(step.path));
   if (!parent) return parent.error();
@@ -207,7 +209,7 @@ Error Exchange::undo_move(std::size_t number, Foreign foreign) {
   if (there[0].exists() && !is_staged && is_ours) return put_back(step, slot, slot.name, live.exists());
   // The step was not done, and somebody has replaced or deleted the file of before.
   if (is_staged || step.what == Step::What::remove) return {};
-  return foreign_file(step, slot.name);
+  return foreign_file(step, there[0].exists() ? slot.name : "");
 }
 
 Error Exchange::put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied) {

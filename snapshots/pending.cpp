@@ -12,6 +12,7 @@
 #include "snapshots/dated_name.h"
 #include "snapshots/lock.h"
 #include "snapshots/recover.h"
+#include "snapshots/restore_end.h"
 #include "snapshots/waiter.h"
 
 namespace ConfSave::snapshots {
@@ -111,6 +112,7 @@ Result<Confirmed> confirm_under_lock(const Deadline& deadline, Record& record) {
   Confirmed confirmed{record.snapshot.config.name, record.snapshot.config.vers, {}};
   Error error = confirm_record(*journal, record, *sites, storage, confirmed.warnings);
   if (error.code != Code::ok) return error;
+  warn_of_other_directories(record.roots, *sites, confirmed.warnings);
   return confirmed;
 }
 

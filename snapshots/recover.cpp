@@ -2,10 +2,8 @@
 
 #include "snapshots/recover.h"
 
-#include <algorithm>
 #include <cerrno>
 
-#include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/audit.h"
 #include "snapshots/boot.h"
@@ -13,22 +11,12 @@
 #include "snapshots/check_owner.h"
 #include "snapshots/edited.h"
 #include "snapshots/lock.h"
+#include "snapshots/restore_end.h"
 
 namespace ConfSave::snapshots {
 namespace {
 
 std::string quoted(const Snapshot& snapshot) { return "'" + printable(snapshot.config.name) + "'"; }
-
-/// What was there before stays there: it may be somebody's work.
-void warn_of(const std::vector<std::string>& left, std::vector<std::string>& warnings) {
-  const char* const text =
-      ": this file is not as the restore has left it; it stays, delete it when it is not needed";
-  for (const std::string& path : left) warnings.push_back(path + text);
-}
-
-bool is_below(const std::string& path, const std::string& directory) {
-  return path.compare(0, directory.size() + 1, directory + "/") == 0;
-}
 
 /// The files are as the restore has left them, except what was edited since.
 bool is_live(State state) { return state == State::checking || state == State::pending; }
@@ -67,10 +55,13 @@ class Recovering {
     if (record_.state == State::exchanged) {
       const Result<bool> has_begun = exchange.has_undone_step();
       if (!has_begun) return has_begun.error();
+      // Every directory is needed for that.
+      if (*has_begun) sites = open_sites(record_.roots);
+      if (!sites) return sites.error();
       puts_back = *has_begun;
     }
     if (puts_back) return put_back(*sites, unfinished);
-    warn_of_other_directories(*sites);
+    warn_of_other_directories(record_.roots, *sites, recovery_.warnings);
     recovery_.outcome =
         record_.state == State::exchanged ? Recovery::Outcome::finished : Recovery::Outcome::undone;
     if (record_.state == State::exchanged) unfinished = stamp();
@@ -79,23 +70,11 @@ class Recovering {
   }
 
  private:
-  void warn_of_other_directories(const std::vector<Site>& sites) {
-    for (std::size_t root = 0; root < sites.size(); ++root) {
-      if (!sites[root].name.empty()) continue;
-      const std::string path = printable(record_.roots[root].path);
-      recovery_.warnings.push_back(path + ": this is not the directory that was restored into; if '" +
-                                   record_.roots[root].staging + "' is in it some day, delete that");
-    }
-  }
-
   Result<Recovery> put_back(std::vector<Site>& sites, Error& unfinished) {
-    if (is_live(record_.state)) {
-      recovery_.kept = keep_edited(journal_, record_, sites, deadline_, recovery_.warnings);
-    }
-    const Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
-    if (!storage && storage.error().code == Code::busy && !goes_on_without_storage()) {
-      return storage.error();
-    }
+    Result<Closed> storage = close_storage(deadline_);
+    if (!storage) return storage.error();
+    if (is_live(record_.state)) storage = keep_edits(sites, std::move(*storage));
+    if (!storage) return storage.error();
     Error error = begin_reverting();
     if (error.code == Code::ok) {
       const Foreign foreign = record_.state == State::reverting ? Foreign::set_aside : Foreign::leave;
@@ -105,6 +84,30 @@ class Recovering {
     recovery_.outcome =
         record_.ending == Ending::none ? Recovery::Outcome::undone : Recovery::Outcome::reverted;
     return std::move(recovery_);
+  }
+
+  /// Nobody packs a mixture while it has a value. It has none if the storage is gone, or is not waited for.
+  using Closed = std::optional<ExclusiveStorage>;
+
+  Result<Closed> close_storage(const Deadline& deadline) {
+    Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline);
+    if (storage) return Closed(std::move(*storage));
+    if (storage.error().code != Code::busy || goes_on_without_storage()) return Closed();
+    return storage.error();
+  }
+
+  /// What was edited is stored like any other snapshot. That comes after the wait for the storage: who is
+  /// refused for it tries again, and would store the edits without a word of their name.
+  Result<Closed> keep_edits(std::vector<Site>& sites, Closed closed) {
+    const bool was_closed = closed.has_value();
+    closed.reset();
+    recovery_.kept = keep_edited(journal_, record_, sites, deadline_, recovery_.warnings);
+    if (!was_closed) return Closed();
+    Result<Closed> storage = close_storage(Deadline(kGrace));
+    if (storage || recovery_.kept.empty()) return storage;
+    Error error = storage.error();
+    error.text += "; what was edited since is kept as '" + recovery_.kept + "'";
+    return error;
   }
 
   /// A person may be locked out until the files are back. Whoever keeps the storage for so long can at
@@ -134,8 +137,7 @@ class Recovering {
     if (error.code == Code::ok) return {};
     recovery_.warnings.push_back("the load time of " + quoted(record_.snapshot) +
                                  " is not stored: " + error.text);
-    const bool is_gone = error.code == Code::changed_meanwhile || error.code == Code::no_storage;
-    return is_gone ? Error{} : error;
+    return is_stamp_given_up(error) ? Error{} : error;
   }
 
   Journal& journal_;
@@ -236,79 +238,6 @@ Result<std::optional<Unfinished>> find_unfinished(const Deadline& deadline) {
 }
 
 }  // namespace
-
-Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
-                std::vector<std::string>& warnings, Error& unfinished) {
-  Exchange exchange(sites, record.steps);
-  Error first;
-  std::string others;
-  std::vector<const Step*> failed;
-  for (std::size_t number = record.steps.size(); number-- > 0;) {
-    const Step& step = record.steps[number];
-    // A directory that moved away would take along what it still has, and a file would move into a
-    // directory of somebody else.
-    const bool waits = std::any_of(failed.begin(), failed.end(), [&step](const Step* other) {
-      return other->root == step.root &&
-             (is_below(other->path, step.path) || is_below(step.path, other->path));
-    });
-    Error error =
-        waits ? sites[step.root].beneath.failure(step.path, ENOTEMPTY) : exchange.undo(number, foreign);
-    if (error.code == Code::ok) continue;
-    failed.push_back(&step);
-    // An error may be about a directory on the way.
-    const std::string path = sites[step.root].beneath.shown(step.path);
-    const bool is_named = first.code == Code::ok && error.path == path;
-    if (first.code == Code::ok) first = std::move(error);
-    if (!is_named) others += (others.empty() ? "; not put back either: " : ", ") + path;
-  }
-  if (first.code == Code::ok) first = exchange.sync();
-  if (first.code == Code::ok) first = journal.set_state(State::undone, record.ending);
-  if (first.code != Code::ok) {
-    first.text += others;
-    first.aftermath = Aftermath::mixed;
-    return first;
-  }
-  // The files are as before, whatever fails here.
-  unfinished = clean_up(journal, exchange, warnings);
-  return {};
-}
-
-Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings) {
-  std::vector<std::string> left;
-  Error error = exchange.sweep(left);
-  warn_of(left, warnings);
-  if (error.code == Code::ok) error = journal.clear();
-  if (error.code != Code::ok) {
-    warnings.push_back(error.path + ": cleaning up failed: " + error.text +
-                       "; the next restore, or 'confsave recover', tries again");
-  }
-  return error;
-}
-
-void finish_storage(Journal& journal, Exchange& exchange, std::optional<ExclusiveStorage>& storage,
-                    const Error& stamped, std::vector<std::string>& warnings) {
-  storage.reset();
-  if (stamped.code != Code::ok) warnings.push_back("the load time is not stored: " + stamped.text);
-  if (stamped.code == Code::ok || stamped.code == Code::changed_meanwhile) {
-    static_cast<void>(clean_up(journal, exchange, warnings));
-  }
-}
-
-Error confirm_record(Journal& journal, const Record& record, std::vector<Site>& sites,
-                     std::optional<ExclusiveStorage>& storage, std::vector<std::string>& warnings) {
-  Error stamped;
-  if (!storage) {
-    stamped = {Code::no_storage, 0, storage_file(), "the storage cannot be opened"};
-  } else if (record.load_time != 0) {
-    stamped = storage->stamp(record.snapshot, record.load_time);
-  }
-  const Ending ending = record.window.exists() ? Ending::confirmed : Ending::none;
-  if (Error error = journal.set_state(State::exchanged, ending); error.code != Code::ok) return error;
-  if (stamped.code == Code::ok) stamped = storage->commit();
-  Exchange exchange(sites, record.steps);
-  finish_storage(journal, exchange, storage, stamped, warnings);
-  return {};
-}
 
 Error recover_first(const Deadline& deadline) {
   Error unfinished;

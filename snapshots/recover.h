@@ -1,12 +1,9 @@
 #pragma once
 
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "snapshots/deadline.h"
-#include "snapshots/exchange.h"
-#include "snapshots/exclusive_storage.h"
+#include "snapshots/journal.h"
 
 namespace ConfSave::snapshots {
 
@@ -32,24 +29,5 @@ Error recover_wholly(const Deadline& deadline);
 /// Code::pending or Code::needs_attention while a restore is not finished, except one that is at work now.
 /// Changes nothing.
 Error check_finished(const Deadline& deadline);
-
-/// Puts back the old files of all steps, durably, and cleans up. What fails is Aftermath::mixed, and stays
-/// in the journal.
-/// `unfinished` is why the journal is not free then.
-Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
-                std::vector<std::string>& warnings, Error& unfinished);
-
-/// Deletes the staging directories and the record. What fails is a warning, too, and the record stays, so
-/// that the next recovery tries again.
-Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings);
-
-/// Commits the load time, unless `stamped` is an error, and cleans up. The restore is done: what fails is a
-/// warning, and the next recovery tries again, unless the snapshot is gone.
-void finish_storage(Journal& journal, Exchange& exchange, std::optional<ExclusiveStorage>& storage,
-                    const Error& stamped, std::vector<std::string>& warnings);
-
-/// Keeps a restore that has waited. After an error the journal says whether it still waits.
-Error confirm_record(Journal& journal, const Record& record, std::vector<Site>& sites,
-                     std::optional<ExclusiveStorage>& storage, std::vector<std::string>& warnings);
 
 }  // namespace ConfSave::snapshots

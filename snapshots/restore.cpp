@@ -3,7 +3,6 @@
 #include <ctime>
 #include <optional>
 
-#include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/audit.h"
@@ -18,6 +17,7 @@
 #include "snapshots/plan.h"
 #include "snapshots/preflight.h"
 #include "snapshots/recover.h"
+#include "snapshots/restore_end.h"
 #include "snapshots/stage.h"
 #include "snapshots/summary.h"
 #include "snapshots/waiter.h"
@@ -291,7 +291,7 @@ class Restoring {
     // The check may have moved directories.
     for (Site& site : sites_) site.beneath.forget();
     if (Error error = take_lock(); error.code != Code::ok) return error;
-    Result<Journal> journal = Journal::open_to_write(deadline_.left());
+    Result<Journal> journal = Journal::open_to_write(deadline_.left_afterwards());
     if (!journal) return journal.error();
     journal_.emplace(std::move(*journal));
     Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);

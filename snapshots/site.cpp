@@ -32,4 +32,14 @@ Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_
   return sites;
 }
 
+void warn_of_other_directories(const std::vector<Root>& roots, const std::vector<Site>& sites,
+                               std::vector<std::string>& warnings) {
+  for (std::size_t number = 0; number < sites.size(); ++number) {
+    if (!sites[number].name.empty()) continue;
+    warnings.push_back(printable(roots[number].path) +
+                       ": this is not the directory that was restored into; if '" + roots[number].staging +
+                       "' is in it some day, delete that");
+  }
+}
+
 }  // namespace ConfSave::snapshots

@@ -19,4 +19,8 @@ struct Site {
 /// system may be mounted there, or none. To `sweep_only`, such a directory has nothing to sweep.
 Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_only = false);
 
+/// Names those that were left out.
+void warn_of_other_directories(const std::vector<Root>& roots, const std::vector<Site>& sites,
+                               std::vector<std::string>& warnings);
+
 }  // namespace ConfSave::snapshots

@@ -1,7 +1,10 @@
+#include <sqlite3.h>
+
 #include <functional>
 #include <thread>
 
 #include "snapshots/pending.h"
+#include "snapshots/small_disk.h"
 
 namespace {
 
@@ -142,6 +145,63 @@ TEST_F(PendingTest, WhatWasEditedSinceIsKeptAsASnapshot) {
   expect_as_before();
 }
 
+/// Locks the storage for a while when it is about to be closed after the edits were stored.
+class Latecomer {
+ public:
+  explicit Latecomer(const std::string& storage) : holder_(storage) {
+    here = this;
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(watch));
+  }
+  Latecomer(const Latecomer&) = delete;
+  Latecomer& operator=(const Latecomer&) = delete;
+  ~Latecomer() {
+    sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(watch));
+    here = nullptr;
+    if (release_.joinable()) release_.join();
+  }
+
+  bool has_come() const { return has_come_; }
+
+ private:
+  static int watch(sqlite3* db, const char**, const sqlite3_api_routines*) {
+    return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, see, nullptr);
+  }
+
+  static int see(unsigned, void*, void*, void* text) {
+    if (here != nullptr && std::string(static_cast<const char*>(text)) == "begin exclusive") here->come();
+    return 0;
+  }
+
+  void come() {
+    if (has_come_ || holder_.value("select count(*) from Config where name like 'reverted-%'") == "0")
+      return;
+    has_come_ = true;
+    holder_.run("begin exclusive");
+    release_ = std::thread([this] {
+      std::this_thread::sleep_for(500ms);
+      holder_.run("rollback");
+    });
+  }
+
+  static Latecomer* here;
+  Database holder_;
+  bool has_come_ = false;
+  std::thread release_;
+};
+
+Latecomer* Latecomer::here = nullptr;
+
+TEST_F(PendingTest, TheNameOfTheEditsIsNotLostToALockedStorage) {
+  make_pending();
+  write_file(config("gw1.conf"), "edited in place");
+  const Latecomer latecomer(database());
+  const auto result = cs::revert(When::now, {100ms});
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_TRUE(latecomer.has_come());
+  EXPECT_EQ(content(result->kept, config("gw1.conf")), "edited in place");
+  expect_as_before();
+}
+
 TEST_F(PendingTest, AttributesAreEditedToo) {
   make_pending();
   shell("chmod 444 " + config("gw1.conf"));
@@ -151,6 +211,18 @@ TEST_F(PendingTest, AttributesAreEditedToo) {
   if (geteuid() == 0) shell("chown 1:1 " + config("gw1.conf"));
   EXPECT_NE(reverted().kept.empty(), geteuid() == 0);
   expect_as_before();
+}
+
+TEST_F(PendingTest, AConfirmationNamesWhatItCannotDelete) {
+  make_pending();
+  const std::string staging = staging_directories().at(0);
+  shell("mv " + config_dir() + " " + root() + "/away && mkdir " + config_dir());
+  const auto confirmed = cs::confirm();
+  ASSERT_TRUE(confirmed) << shown(confirmed.error());
+  ASSERT_EQ(confirmed->warnings.size(), 1U);
+  EXPECT_NE(confirmed->warnings[0].find(staging), std::string::npos) << confirmed->warnings[0];
+  shell("rmdir " + config_dir() + " && mv " + root() + "/away " + config_dir() + " && rm -r " +
+        config_dir() + staging);
 }
 
 TEST_F(PendingTest, ADirectoryThatIsGoneIsNamed) {
@@ -251,6 +323,27 @@ TEST_F(PendingTest, NeitherTheStorageNorTheNotesAreNeeded) {
     shell("cp " + root() + "/copy " + state_dir() + "/storage.db");
   }
   ASSERT_TRUE(cs::recover());
+}
+
+TEST_F(PendingTest, OnAFullDiskAConfirmedRestoreEndsWithoutItsLoadTime) {
+  // The stamp changes the length of the row: SQLite writes all of it again.
+  shell("head -c 300000 /dev/urandom > " + config("gw2.conf"));
+  saved("weekly", overwriting());
+  saved_ = everything();
+  write_file(config("gw1.conf"), "changed again");
+  shell("cp -a " + state_dir() + " " + root() + "/copy");
+  const SmallDisk disk(state_dir(), 2 << 20);
+  shell("cp -a " + root() + "/copy/. " + state_dir());
+  make_pending();
+  disk.fill();
+  shell("truncate -s -100K " + state_dir() + "/filler");
+  const auto confirmed = cs::confirm();
+  ASSERT_TRUE(confirmed) << shown(confirmed.error());
+  EXPECT_EQ(confirmed->warnings.size(), 1U);
+  EXPECT_EQ(load_time(), "NULL");
+  EXPECT_EQ(staging_directories(), Texts());
+  const auto left = cs::unfinished();
+  EXPECT_TRUE(left && !*left);
 }
 
 TEST_F(PendingTest, AHeldStorageDelaysARevertButDoesNotPreventAnExpiry) {

@@ -123,6 +123,18 @@ TEST_F(RecoverTest, AFileOfSomebodyElseIsLeftAloneAndNamed) {
   expect_undone();
 }
 
+TEST_F(RecoverTest, WhereNothingWasBeforeNoFileOfBeforeIsNamed) {
+  interrupt(State::prepared);
+  shell("cd " + config_dir() + " && echo edited > new && mv new gw1.conf");
+  const auto error = not_recovered();
+  EXPECT_EQ(without_root(error.path), "<config>/gw1.conf");
+  EXPECT_EQ(error.text,
+            "somebody else has put this file here. Move this one away, then run 'confsave recover'");
+  shell("mv " + config("gw1.conf") + " " + root() + "/edited");
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
 TEST_F(RecoverTest, NothingIsPutIntoADirectoryOfSomebodyElse) {
   interrupt(State::prepared, "rm station && mkdir station && touch station/one station/two");
   shell("cd " + config_dir() + " && rm station && mkdir station && touch station/mine");
@@ -187,6 +199,24 @@ TEST_F(RecoverTest, AnotherDirectoryInThePlaceIsNotTouched) {
   EXPECT_EQ(not_recovered().code, Code::needs_attention);
   EXPECT_EQ(names_in(config_dir()), Texts());
   shell("rmdir " + config_dir() + " && mv " + root() + "/away " + config_dir());
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
+TEST_F(RecoverTest, AnUndoThatHadBegunNeedsEveryDirectory) {
+  interrupt(State::exchanged, "echo damaged > " + etc_dir() + "failover.ini");
+  const std::string slots = config(staging_directories().at(0));
+  ASSERT_EQ(names_in(slots).size(), 1U);
+  const std::string slot = slots + "/" + names_in(slots).at(0);
+  const std::string live = config("user/gateway.conf");
+  shell("mv " + slot + " " + root() + "/old && mv " + live + " " + slot + " && mv " + root() + "/old " +
+        live);
+  const std::string etc = etc_dir().substr(0, etc_dir().size() - 1);
+  shell("mv " + etc + " " + etc + "-away && mkdir " + etc);
+  const auto error = not_recovered();
+  EXPECT_EQ(error.code, Code::needs_attention) << shown(error);
+  EXPECT_EQ(error.path, etc_dir());
+  shell("rmdir " + etc + " && mv " + etc + "-away " + etc);
   EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
   expect_undone();
 }

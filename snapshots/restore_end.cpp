@@ -1,0 +1,103 @@
+#include "snapshots/restore_end.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "places.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+/// What was there before stays there: it may be somebody's work.
+void warn_of(const std::vector<std::string>& left, std::vector<std::string>& warnings) {
+  const char* const text =
+      ": this file is not as the restore has left it; it stays, delete it when it is not needed";
+  for (const std::string& path : left) warnings.push_back(path + text);
+}
+
+bool is_below(const std::string& path, const std::string& directory) {
+  return path.compare(0, directory.size() + 1, directory + "/") == 0;
+}
+
+}  // namespace
+
+Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
+                std::vector<std::string>& warnings, Error& unfinished) {
+  Exchange exchange(sites, record.steps);
+  Error first;
+  std::string others;
+  std::vector<const Step*> failed;
+  for (std::size_t number = record.steps.size(); number-- > 0;) {
+    const Step& step = record.steps[number];
+    // A directory that moved away would take along what it still has, and a file would move into a
+    // directory of somebody else.
+    const bool waits = std::any_of(failed.begin(), failed.end(), [&step](const Step* other) {
+      return other->root == step.root &&
+             (is_below(other->path, step.path) || is_below(step.path, other->path));
+    });
+    Error error =
+        waits ? sites[step.root].beneath.failure(step.path, ENOTEMPTY) : exchange.undo(number, foreign);
+    if (error.code == Code::ok) continue;
+    failed.push_back(&step);
+    // An error may be about a directory on the way.
+    const std::string path = sites[step.root].beneath.shown(step.path);
+    const bool is_named = first.code == Code::ok && error.path == path;
+    if (first.code == Code::ok) first = std::move(error);
+    if (!is_named) others += (others.empty() ? "; not put back either: " : ", ") + path;
+  }
+  if (first.code == Code::ok) first = exchange.sync();
+  if (first.code == Code::ok) first = journal.set_state(State::undone, record.ending);
+  if (first.code != Code::ok) {
+    first.text += others;
+    first.aftermath = Aftermath::mixed;
+    return first;
+  }
+  // The files are as before, whatever fails here.
+  unfinished = clean_up(journal, exchange, warnings);
+  return {};
+}
+
+// The time may wait for a moment, but not for a person: the next restore would wait with it.
+bool is_stamp_given_up(const Error& error) {
+  return error.code == Code::changed_meanwhile || error.code == Code::no_storage ||
+         error.code == Code::no_space;
+}
+
+Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings) {
+  std::vector<std::string> left;
+  Error error = exchange.sweep(left);
+  warn_of(left, warnings);
+  if (error.code == Code::ok) error = journal.clear();
+  if (error.code != Code::ok) {
+    warnings.push_back(error.path + ": cleaning up failed: " + error.text +
+                       "; the next restore, or 'confsave recover', tries again");
+  }
+  return error;
+}
+
+void finish_storage(Journal& journal, Exchange& exchange, std::optional<ExclusiveStorage>& storage,
+                    const Error& stamped, std::vector<std::string>& warnings) {
+  storage.reset();
+  if (stamped.code != Code::ok) warnings.push_back("the load time is not stored: " + stamped.text);
+  if (stamped.code == Code::ok || is_stamp_given_up(stamped)) {
+    static_cast<void>(clean_up(journal, exchange, warnings));
+  }
+}
+
+Error confirm_record(Journal& journal, const Record& record, std::vector<Site>& sites,
+                     std::optional<ExclusiveStorage>& storage, std::vector<std::string>& warnings) {
+  Error stamped;
+  if (!storage) {
+    stamped = {Code::no_storage, 0, storage_file(), "the storage cannot be opened"};
+  } else if (record.load_time != 0) {
+    stamped = storage->stamp(record.snapshot, record.load_time);
+  }
+  const Ending ending = record.window.exists() ? Ending::confirmed : Ending::none;
+  if (Error error = journal.set_state(State::exchanged, ending); error.code != Code::ok) return error;
+  if (stamped.code == Code::ok) stamped = storage->commit();
+  Exchange exchange(sites, record.steps);
+  finish_storage(journal, exchange, storage, stamped, warnings);
+  return {};
+}
+
+}  // namespace ConfSave::snapshots

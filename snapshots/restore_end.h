@@ -1,0 +1,33 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "snapshots/exchange.h"
+#include "snapshots/exclusive_storage.h"
+
+namespace ConfSave::snapshots {
+
+/// Puts back the old files of all steps, durably, and cleans up. What fails is Aftermath::mixed, and stays
+/// in the journal. `unfinished` is why the journal is not free then.
+Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
+                std::vector<std::string>& warnings, Error& unfinished);
+
+/// Whether a load time that could not be stored is given up: its snapshot is gone, or the disk is full.
+bool is_stamp_given_up(const Error& error);
+
+/// Deletes the staging directories and the record. What fails is a warning, too, and the record stays, so
+/// that the next recovery tries again.
+Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings);
+
+/// Commits the load time, unless `stamped` is an error, and cleans up. The restore is done: what fails is a
+/// warning, and the next recovery tries again, unless the load time is given up.
+void finish_storage(Journal& journal, Exchange& exchange, std::optional<ExclusiveStorage>& storage,
+                    const Error& stamped, std::vector<std::string>& warnings);
+
+/// Keeps a restore that has waited. After an error the journal says whether it still waits.
+Error confirm_record(Journal& journal, const Record& record, std::vector<Site>& sites,
+                     std::optional<ExclusiveStorage>& storage, std::vector<std::string>& warnings);
+
+}  // namespace ConfSave::snapshots
