@@ -9,7 +9,8 @@
 namespace console {
 
 /// Calls `attempt` with a wait, until its answer is not Code::busy or `seconds` are over. The library does
-/// not notice an interrupt while it waits, so it waits a second at a time.
+/// not notice an interrupt while it waits, so it waits a second at a time. A restore that has begun, and
+/// was put back, is not tried again; one that could not be put back is recovered by the next attempt.
 template <class Attempt>
 auto in_turns(unsigned seconds, Attempt attempt) {
   using Clock = std::chrono::steady_clock;
@@ -20,7 +21,7 @@ auto in_turns(unsigned seconds, Attempt attempt) {
     const auto wait = std::clamp<milliseconds>(left, milliseconds(0), std::chrono::seconds(1));
     auto result = attempt(wait);
     const bool again = !result && result.error().code == cs::Code::busy &&
-                       result.error().aftermath == cs::Aftermath::untouched && left > wait;
+                       result.error().aftermath != cs::Aftermath::put_back && left > wait;
     if (!again || interrupted()) return result;
   }
 }

@@ -142,7 +142,7 @@ class Importing {
     if (old != old_.end() && old->second.pinned && old->second.id == replaced) note.pinned = true;
     const bool is_empty = note.comment.empty() && note.author.empty() && !note.pinned && !found->manifest;
     if (is_empty && replaced == 0) return {};
-    Result<Notes> notes = Notes::open_to_write(deadline_.left());
+    Result<Notes> notes = Notes::open_to_write(deadline_.left_afterwards());
     if (!notes) return notes.error();
     Error error = found->manifest ? notes->replace_manifest(stored, note, *found->manifest, replaced)
                                   : replace_note(*notes, stored, note, replaced);

@@ -121,19 +121,23 @@ Error Journal::make_tables() {
 }
 
 /// What SQLite cannot read, a person has to look at.
-Error Journal::failure() const {
-  Error error = database_.error();
+Error Journal::explained(Error error) {
   if ((error.number & 0xff) == SQLITE_CANTOPEN) return not_opened(error);
   return error.code == Code::no_storage ? not_understood(error.text) : error;
 }
 
 Error Journal::in_transaction(const std::function<Error()>& change) {
-  if (database_.run("begin immediate").code != Code::ok) return failure();
-  Error error = change();
-  if (error.code == Code::ok && database_.run("commit").code == Code::ok) return {};
-  if (error.code == Code::ok) error = failure();
+  Error error = database_.run("begin immediate");
+  if (error.code != Code::ok) return explained(std::move(error));
+  error = change();
+  if (error.code == Code::ok) return explained(database_.run("commit"));
   database_.run("rollback");
   return error;
+}
+
+Error Journal::decide(const std::function<Error()>& change) {
+  database_.limit_wait(kGrace);
+  return in_transaction(change);
 }
 
 Result<Record> Journal::read_restore(const Statement& row) {
@@ -271,7 +275,7 @@ Error Journal::prepare(const Record& record) {
 }
 
 Error Journal::set_state(State state, Ending ending) {
-  return in_transaction([&]() -> Error {
+  return decide([&]() -> Error {
     Result<Statement> row = database_.prepare("update restore set state = ?, ending = ?");
     if (!row) return failure();
     if (!row->bind(static_cast<int64>(state)).bind(static_cast<int64>(ending)).run()) return failure();
@@ -281,7 +285,7 @@ Error Journal::set_state(State state, Ending ending) {
 }
 
 Error Journal::set_pending(const Window& window) {
-  return in_transaction([&]() -> Error {
+  return decide([&]() -> Error {
     Result<Statement> row = database_.prepare("update restore set state = ?, boot = ?, deadline = ?");
     if (!row) return failure();
     row->bind(static_cast<int64>(State::pending)).bind(window.boot).bind(window.deadline);
@@ -291,7 +295,7 @@ Error Journal::set_pending(const Window& window) {
 }
 
 Error Journal::replace_after(const std::map<std::size_t, Identity>& identities) {
-  return in_transaction([&]() -> Error {
+  return decide([&]() -> Error {
     Result<Statement> row = database_.prepare(
         "update step set new_inode = ?, new_size = ?, new_time = ?, new_kind = ? where number = ?");
     if (!row) return failure();
@@ -306,13 +310,12 @@ Error Journal::replace_after(const std::map<std::size_t, Identity>& identities) 
 }
 
 Error Journal::clear() {
-  return in_transaction([&]() -> Error {
-    const Error error = database_.run(
+  return decide([&]() -> Error {
+    return explained(database_.run(
         "delete from ended where exists (select 1 from restore where ending <> 0);"
         "insert into ended select name, ending, cast(strftime('%s', 'now') as integer) from restore "
         "where ending <> 0;"
-        "delete from step; delete from root; delete from restore;");
-    return error.code == Code::ok ? error : failure();
+        "delete from step; delete from root; delete from restore;"));
   });
 }
 

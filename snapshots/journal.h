@@ -141,13 +141,17 @@ class Journal {
   explicit Journal(Database database) : database_(std::move(database)) {}
 
   Error in_transaction(const std::function<Error()>& change);
+  /// The same after live files have changed: a reader of the journal must not undo a good restore.
+  Error decide(const std::function<Error()>& change);
   Error make_tables();
   Result<Record> read_restore(const Statement& row);
   Error read_roots(Record& record);
   Error read_steps(Record& record);
   Error write_step(Statement& statement, const Step& step);
   /// The error of the last call that failed.
-  Error failure() const;
+  Error failure() const { return explained(database_.error()); }
+  /// An error of the database, with what it means for the journal.
+  static Error explained(Error error);
 
   Database database_;
 };

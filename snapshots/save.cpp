@@ -188,8 +188,10 @@ class Saving {
     Parents parents = parents_of(proven.tree);
     const Error error = write_notes(note, {std::move(proven.tree), saved_.missing, std::move(parents)});
     if (error.code != Code::ok) {
-      saved_.warnings.push_back("the comment, the author and the list of files were not kept: " +
-                                sentence(error));
+      saved_.warnings.push_back(
+          "the comment, the author and the list of files were not kept" +
+          std::string(note.pinned ? ", and the snapshot is not pinned any more" : "") + ": " +
+          sentence(error));
       return;
     }
     saved_.snapshot.comment = note.comment;
@@ -198,7 +200,7 @@ class Saving {
   }
 
   Error write_notes(const Note& note, const Manifest& manifest) {
-    Result<Notes> notes = Notes::open_to_write(deadline_.left());
+    Result<Notes> notes = Notes::open_to_write(deadline_.left_afterwards());
     if (!notes) return notes.error();
     Error error = notes->replace_manifest(saved_.snapshot, note, manifest, replaced_id_);
     rows_.push_back(saved_.snapshot);

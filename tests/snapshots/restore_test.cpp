@@ -3,7 +3,9 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <stdexcept>
+#include <thread>
 
 #include "snapshots/restoring.h"
 
@@ -223,6 +225,33 @@ TEST_F(RestoreTest, ADirectoryThatTheCheckMovesAwayIsReported) {
     EXPECT_EQ(recovered->outcome, cs::Recovery::Outcome::undone) << link;
     EXPECT_EQ(everything(true), before) << link;
   }
+}
+
+TEST_F(RestoreTest, AReaderOfTheJournalDelaysARestoreButDoesNotUndoIt) {
+  damage();
+  restored();
+  damage();
+  Database reader(state_dir() + "/restore.db");
+  reader.run("begin; select * from restore");
+  cs::RestoreOptions options = without_keeping();
+  options.wait = std::chrono::milliseconds(100);
+  const auto error = refused(options);
+  EXPECT_EQ(error.code, Code::busy) << shown(error);
+  EXPECT_EQ(error.aftermath, Aftermath::untouched);
+  reader.run("commit");
+  std::thread release;
+  options.check = [&] {
+    reader.run("begin; select * from restore");
+    release = std::thread([&reader] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      reader.run("commit");
+    });
+    return true;
+  };
+  const auto result = cs::restore({"weekly"}, options);
+  release.join();
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_EQ(everything(), saved_);
 }
 
 TEST_F(RestoreTest, AJournalThatMayNotBeReadIsDenied) {

@@ -342,10 +342,32 @@ TEST_F(SaveFaults, LockedNotesAreAWarningWithinTheLimit) {
   saved("weekly");
   const LockHolder holder(notes_file(), 60000);
   const auto start = Clock::now();
-  const Saved result = saved("daily", waiting(2000));
+  const Saved result = saved("daily", waiting(500));
   EXPECT_LT(Clock::now() - start, milliseconds(3800));
   EXPECT_EQ(result.warnings.size(), 1U);
   EXPECT_EQ(stored(), (Texts{"weekly", "daily"}));
+}
+
+TEST_F(SaveFaults, AShortWaitDoesNotCostAPin) {
+  saved("weekly");
+  ASSERT_EQ(pin({"weekly"}, true).code, Code::ok);
+  SaveOptions options = overwrite();
+  options.wait = milliseconds(1);
+  Database reader(notes_file());
+  for (const int held : {500, 3500}) {
+    reader.run("begin; select * from note");
+    std::thread release([&] {
+      std::this_thread::sleep_for(milliseconds(held));
+      reader.run("commit");
+    });
+    const Saved result = saved("weekly", options);
+    release.join();
+    EXPECT_EQ(result.snapshot.pinned, held == 500);
+    EXPECT_EQ(result.warnings.empty(), held == 500);
+    const bool is_named =
+        !result.warnings.empty() && result.warnings[0].find("not pinned any more") != std::string::npos;
+    EXPECT_EQ(is_named, held != 500);
+  }
 }
 
 // Disks and crashes
