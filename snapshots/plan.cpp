@@ -266,11 +266,11 @@ class Planning {
 
   /// Names of one file have one inode, and names of different files do not.
   void compare_links() {
-    std::map<std::pair<Base, int64>, std::uint64_t> inodes;
-    std::map<std::uint64_t, std::pair<Base, int64>> files;
+    std::map<std::pair<Base, int64>, Inode> inodes;
+    std::map<Inode, std::pair<Base, int64>> files;
     for (const auto& [path, wanted] : plan_.wanted) {
       if (wanted.member.kind != Kind::file || changes_.count(path) != 0) continue;
-      const std::uint64_t inode = plan_.live.at(path).stamp.inode;
+      const Inode inode = inode_of(plan_.live.at(path).stamp);
       const std::pair<Base, int64> file(wanted.base, wanted.entry);
       const bool is_linked = inodes.emplace(file, inode).first->second == inode &&
                              files.emplace(inode, file).first->second == file;

@@ -65,13 +65,13 @@ PlannedStep attributes_step(const DetailedPlan& plan, const std::string& path, c
 /// that change: the link would alter what the exchange compares.
 void replace_shared_inodes(DetailedPlan& plan) {
   std::set<std::string> changed;
-  std::set<std::uint64_t> going;
+  std::set<Inode> going;
   std::set<std::pair<Base, int64>> files;
   for (const PlannedChange& change : plan.shown.changes) {
     const std::string& path = change.difference.path;
     changed.insert(path);
     const auto live = plan.live.find(path);
-    if (live != plan.live.end()) going.insert(live->second.stamp.inode);
+    if (live != plan.live.end()) going.insert(inode_of(live->second.stamp));
     if (change.action == Action::remove) continue;
     const Wanted& wanted = plan.wanted.at(path);
     if (wanted.member.kind == Kind::file) files.emplace(wanted.base, wanted.entry);
@@ -80,7 +80,7 @@ void replace_shared_inodes(DetailedPlan& plan) {
     const bool stays = wanted.member.kind == Kind::file && changed.count(path) == 0;
     if (!stays || files.count({wanted.base, wanted.entry}) == 0) continue;
     const auto live = plan.live.find(path);
-    if (live == plan.live.end() || going.count(live->second.stamp.inode) == 0) continue;
+    if (live == plan.live.end() || going.count(inode_of(live->second.stamp)) == 0) continue;
     PlannedChange change;
     change.difference.path = path;
     change.difference.content = true;

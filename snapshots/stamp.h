@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <utility>
+
 #include "confsave/snapshots.h"
 
 namespace ConfSave::snapshots {
@@ -14,6 +16,11 @@ struct Stamp {
   int64 modified = 0;
   int64 changed = 0;  ///< of the inode; only the clock sets it
 };
+
+/// Device and number: each file system numbers its own.
+using Inode = std::pair<std::uint64_t, std::uint64_t>;
+
+inline Inode inode_of(const Stamp& stamp) { return {stamp.device, stamp.inode}; }
 
 Stamp stamp_of(const struct stat& status);
 

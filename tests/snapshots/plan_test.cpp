@@ -31,6 +31,22 @@ class PlanTest : public Restoring {
   }
 };
 
+TEST_F(PlanTest, FilesOfTwoFileSystemsMayHaveTheSameNumber) {
+  struct stat other = {};
+  ASSERT_EQ(stat((etc_dir() + "failover.ini").c_str(), &other), 0);
+  ASSERT_EQ(shell("mount -t tmpfs tmpfs " + config_dir()), 0);
+  struct stat status = {};
+  for (int attempt = 0; attempt < 1000000 && status.st_ino != other.st_ino; ++attempt) {
+    unlink(config("gw9.conf").c_str());
+    write_file(config("gw9.conf"), "content\n");
+    ASSERT_EQ(stat(config("gw9.conf").c_str(), &status), 0);
+  }
+  EXPECT_EQ(status.st_ino, other.st_ino);
+  saved("weekly", overwrite());
+  EXPECT_EQ(planned(), Texts());
+  EXPECT_EQ(shell("umount " + config_dir()), 0);
+}
+
 TEST_F(PlanTest, SaysWhatDiffersInFiveColumns) {
   EXPECT_EQ(planned(), Texts());
   const struct {
