@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <chrono>
 #include <iostream>
-#include <sstream>
 
 #include "exit_status.h"
 #include "names.h"

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "snapshots/limits.h"
 #include "snapshots/source.h"

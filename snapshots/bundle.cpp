@@ -3,11 +3,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <set>
+
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/descriptor.h"
-#include "snapshots/sentence.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {

@@ -10,9 +10,6 @@
 #include <cstdio>
 #include <optional>
 
-#include "snapshots/archive_path.h"
-#include "snapshots/system_error.h"
-
 namespace ConfSave::snapshots {
 namespace {
 

@@ -1,6 +1,5 @@
 // verify: whether a snapshot can be restored, and is what was saved.
 
-#include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
 #include "snapshots/manifest_check.h"
 #include "snapshots/member_collector.h"

@@ -1,7 +1,6 @@
 #include "snapshots/victims.h"
 
 #include <algorithm>
-#include <iterator>
 #include <set>
 
 #include "snapshots/audit.h"
