@@ -1,13 +1,13 @@
 // note, pin: what is kept beside the storage.
 
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
 #include "snapshots/lock.h"
 #include "snapshots/notes.h"
 #include "snapshots/recover.h"
 #include "snapshots/reserve.h"
+#include "snapshots/row_reader.h"
 #include "snapshots/storage_reader.h"
 
 namespace ConfSave::snapshots {
@@ -30,9 +30,7 @@ Error change_note(const Id& id, const ChangeOptions& options, Change change) {
   const Result<Snapshot> row = find(query);
   if (!row) return row.error();
   // SQLite's glob ends at a NUL byte.
-  if (row->config.name != id.name) {
-    return {Code::not_found, 0, "", "there is no snapshot '" + printable(id.name) + "'"};
-  }
+  if (row->config.name != id.name) return not_found(id.name);
   Result<Notes> notes = Notes::open_to_write(deadline.left());
   if (!notes) return notes.error();
   Error error = notes->change(*row, change);

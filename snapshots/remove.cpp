@@ -6,6 +6,7 @@
 #include "snapshots/lock.h"
 #include "snapshots/notes.h"
 #include "snapshots/reserve.h"
+#include "snapshots/row_reader.h"
 #include "snapshots/storage_reader.h"
 #include "snapshots/summary.h"
 #include "snapshots/under_lock.h"
@@ -19,10 +20,6 @@ constexpr int64 kBytesAtOnce = 4 << 20;
 constexpr int64 kBytesInReserve = Reserve::kSize * 3 / 8;
 /// Giving pages back can wait for the next deletion; a caller should not.
 constexpr int kVacuumWait = 200;
-
-Error not_found(const std::string& name) {
-  return {Code::not_found, 0, "", "there is no snapshot '" + printable(name) + "'"};
-}
 
 Result<Snapshot> row_of(const Id& id, StorageReader& reader) {
   Query query;
