@@ -7,8 +7,8 @@
 
 namespace ConfSave::snapshots {
 
-/// Calls what a public function does. std::bad_alloc passes; any other exception, which only the host's
-/// platform can throw, becomes an error.
+/// Calls what a public function does. std::bad_alloc passes; any other exception becomes an error. Only the
+/// host's platform can throw one, and what the caller passes: progress, sink and supply.
 template <class Call>
 auto at_boundary(Call call) -> decltype(call()) {
   try {
@@ -18,7 +18,7 @@ auto at_boundary(Call call) -> decltype(call()) {
   } catch (const std::exception& error) {
     return Error{Code::failed, 0, "", error.what()};
   } catch (...) {
-    return Error{Code::failed, 0, "", "the platform threw an exception"};
+    return Error{Code::failed, 0, "", "the platform or a function of the caller threw an exception"};
   }
 }
 

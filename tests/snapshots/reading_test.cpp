@@ -286,7 +286,7 @@ TEST(Secrets, AreWhatTheContentsSayAndAllBelow) {
 TEST(Boundary, OnlyTheEndOfMemoryLeavesIt) {
   const auto call = [](auto exception) { return at_boundary([&]() -> Result<int> { throw exception; }); };
   EXPECT_EQ(call(std::runtime_error("no path")).error().text, "no path");
-  EXPECT_EQ(call(7).error().text, "the platform threw an exception");
+  EXPECT_EQ(call(7).error().text, "the platform or a function of the caller threw an exception");
   EXPECT_EQ(call(7).error().code, Code::failed);
   EXPECT_THROW((void)call(std::bad_alloc()), std::bad_alloc);
 }
