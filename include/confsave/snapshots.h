@@ -34,8 +34,9 @@
 // except std::bad_alloc leaves a function. What calls take, what they return and how they fail is in
 // <confsave/snapshots/options.h>, <confsave/snapshots/values.h> and <confsave/snapshots/result.h>.
 //
-// Waiting. A call waits for each lock of SQLite at most as long as the `wait` of its options says, and then
-// returns Code::busy.
+// Waiting. The `wait` of the options runs from the start of a call, and its own work counts. When it is
+// over, the call waits for no lock any more, and returns Code::busy if one is held. restore() begins it
+// anew after its check.
 //
 // Memory. Archives are read as streams: memory does not grow with the size of a snapshot. Only save() holds
 // its packed archives, and SQLite a copy of them. SQLite also holds the packed archives of a row that is
@@ -107,16 +108,18 @@ CONFSAVE_API Error note(const Id& id, const std::string& comment, const ChangeOp
 CONFSAVE_API Error pin(const Id& id, bool pinned, const ChangeOptions& options = {});
 
 /// Deletes one snapshot and its notes, durably, and gives its pages back to the file system. Works on a
-/// full disk: while there is room, `save`, `note` and `remove` keep 1 MiB of it in "storage.db-reserve"
-/// beside the storage. If it cannot be known whether the snapshot is pinned, it is not deleted: the error
-/// of the notes. Qualify the call: the C library has a `remove` too, which deletes a file.
+/// full disk: while there is room, each call that stores or deletes a snapshot, or changes its notes, keeps
+/// 1 MiB of it in "storage.db-reserve" beside the storage. If it cannot be known whether the snapshot is
+/// pinned, it is not deleted: the error of the notes. Qualify the call: the C library has a `remove` too,
+/// which deletes a file.
 CONFSAVE_API Error remove(const Id& id, const RemoveOptions& options = {});
 
 // ---------------------------------------------------------------------------------------------------
 // Restoring
 
 /// What restore() with these options would do. Changes nothing and does not take "confsave.lock"; `keep`,
-/// `expected`, `check` and `progress` mean nothing.
+/// `expected`, `check`, `confirm_within` and `program` mean nothing. Code::pending while a restore waits
+/// for its check or for confirm(); Code::needs_attention until recover() has seen to an interrupted one.
 CONFSAVE_API Result<Plan> plan(const Id& id, const RestoreOptions& options = {});
 
 /// Restores a snapshot, all or nothing: after it has returned, or after a kill or a power cut and one
@@ -133,10 +136,10 @@ CONFSAVE_API Result<Plan> plan(const Id& id, const RestoreOptions& options = {})
 CONFSAVE_API Result<Restored> restore(const Id& id, const RestoreOptions& options = {});
 
 /// Finishes or undoes a restore that was interrupted, and takes back a pending one whose time is up or
-/// whose machine was restarted; save(), note(), pin(), remove() and restore() do the same first. While a
-/// restore is pending, its snapshot is neither replaced nor deleted (Code::pending). Code::pending while a
-/// restore waits for its check or for confirm(); Code::needs_attention if files are in the way that nobody
-/// can account for: they are left alone, and named.
+/// whose machine was restarted; each call that changes snapshots, notes or the configuration does the same
+/// first. While a restore is pending, its snapshot is neither replaced nor deleted (Code::pending).
+/// Code::pending while a restore waits for its check or for confirm(); Code::needs_attention if files are
+/// in the way that nobody can account for: they are left alone, and named.
 CONFSAVE_API Result<Recovery> recover(const ChangeOptions& options = {});
 
 /// The restore that is not finished, if there is one. Changes nothing.
@@ -207,7 +210,8 @@ CONFSAVE_API Result<Exported> export_to(const Ids& ids, const Sink& sink, const 
 /// are not those of a storage, if a value has another type or save() would refuse a name, if an archive
 /// cannot be decoded to its end or is not what the manifest says; Code::unsafe if a restore must not
 /// follow a member, or if one is set-uid or set-gid. Without `overwrite` a snapshot of the same name
-/// and version is Code::taken, or Code::pinned. Code::pending while a restore waits for its check.
+/// and version is Code::taken, or Code::pinned. Code::pending while a restore waits for its check or for
+/// confirm().
 CONFSAVE_API Result<Imported> import_from(const std::string& file, const ImportOptions& options = {});
 
 /// The same from bytes that `supply` gives.

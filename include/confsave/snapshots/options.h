@@ -89,7 +89,8 @@ struct RestoreOptions {
   /// The program that is started to take it back, with the arguments "revert --when-due"; it has to call
   /// revert(When::when_due). Empty: the installed "confsave".
   std::string program = {};
-  /// Called now and then, by the calling thread. If it throws, the restore ends, and nothing was changed.
+  /// Called now and then, by the calling thread; by plan() too. If it throws, the call ends with an error,
+  /// and nothing was changed.
   std::function<void(const Progress&)> progress = {};
   std::chrono::milliseconds wait{30000};
 };

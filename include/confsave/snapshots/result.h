@@ -32,7 +32,7 @@ enum class Code {
   failed,             ///< a system call failed; `number` says how
 };
 
-/// What a failed restore has left behind.
+/// What a failed restore or recovery has left behind.
 enum class Aftermath {
   untouched,  ///< nothing was changed
   put_back,   ///< what was changed is as it was before
@@ -43,9 +43,11 @@ enum class Aftermath {
 struct Error {
   Code code = Code::ok;
   int number = 0;  ///< errno, or SQLite's extended code for a file that SQLite could not use; 0 if neither
-  std::string path;                            ///< the file or member that it is about; may be empty
-  std::string text;                            ///< one sentence without the path, without a line end
-  Aftermath aftermath = Aftermath::untouched;  ///< of restore() and recover()
+  /// The file or member that it is about; may be empty. For messages: control characters may be escaped.
+  std::string path;
+  std::string text;  ///< one sentence without the path, without a line end
+  /// Of restore(), recover() and revert(), and of each other call that recovers first.
+  Aftermath aftermath = Aftermath::untouched;
 };
 
 /// Either a Value or an Error.

@@ -221,7 +221,7 @@ struct Status {
   int64 newest = 0;           ///< save time; 0 without a snapshot
   int64 newest_autosave = 0;  ///< save time; 0 without an autosave
   int64 storage_bytes = 0;    ///< of "storage.db"
-  int64 free_bytes = 0;       ///< in the state directory, for its owner
+  int64 free_bytes = 0;       ///< in the state directory, for users other than root
 };
 
 /// A snapshot that was deleted, or would be.
