@@ -14,7 +14,7 @@ enum ExitStatus : int {
   kNewer = 7,      ///< refused: the snapshot is newer than the running version
   kBusy = 8,       ///< another confsave is at work, or another program keeps the storage locked
   kFindings = 9,   ///< there are differences, or damage, or something needs attention
-  kPending = 10,   ///< refused: a restore waits for its check, or was interrupted and cannot be undone
+  kPending = 10,   ///< refused: a restore waits for its check or confirmation, or cannot be undone
   kRefused = 11,   ///< refused: the snapshot is pinned, or the name is taken
 };
 

@@ -15,7 +15,7 @@ Error check_id(const Id& id);
 /// One of the three types that the contents are defined for.
 Error check_type(conftype type);
 
-/// At most 4,096 bytes without control characters.
+/// At most 4,096 bytes of UTF-8 without control characters.
 Error check_comment(const std::string& comment);
 
 /// Nothing, or as long as a restore may wait for its confirmation.

@@ -19,10 +19,10 @@ void audit(const std::string& action, const Id& id, const Error& error, const Au
 void audit(const std::string& action, const Snapshot& snapshot, const std::string& result,
            const AuditFields& more = {});
 
-/// Writes that something waits for who is busy.
-void audit_delay(const std::string& action, const Snapshot& snapshot, const Error& error);
-
 /// The same, for a save.
 void audit_save(const Id& id, const Result<Saved>& saved);
+
+/// Writes that something waits for who is busy.
+void audit_delay(const std::string& action, const Snapshot& snapshot, const Error& error);
 
 }  // namespace ConfSave::snapshots

@@ -73,7 +73,8 @@ class Database {
 
   Result<Statement> prepare(const std::string& text);
 
-  /// Runs statements without a result. Rolls back if one fails within a transaction that they began.
+  /// Runs statements without a result. If one fails, rolls back the transaction that is open, also one
+  /// that was begun before.
   Error run(const char* text);
 
   /// From now on all waits for locks take no longer than `wait` together.

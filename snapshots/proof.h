@@ -17,8 +17,9 @@ struct Proven {
   std::vector<std::string> missing;  ///< files of the contents that tar could not read
 };
 
-/// Packs until the archives equal the live files; Code::changed_meanwhile after some attempts. Any other
-/// error is one that came twice while nothing changed.
+/// Packs until the archives equal the live files; Code::changed_meanwhile after some attempts. Another
+/// error of reading the live files is returned at once; another one of packing, if the live files are as
+/// they were after the attempt before, or after the last attempt.
 Result<Proven> pack_and_prove(conftype type, Phases& phases);
 
 }  // namespace ConfSave::snapshots

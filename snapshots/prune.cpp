@@ -33,8 +33,8 @@ Surplus surplus_of(const PruneOptions& options) {
   return surplus;
 }
 
-/// Recovers what is interrupted. A restore that waits for its check is not disturbed, and deleting perhaps
-/// makes the room that the recovery needs.
+/// Recovers what is interrupted. A restore that waits for its check or its confirmation is not disturbed,
+/// and deleting perhaps makes the room that the recovery needs.
 Error recover_if_possible(const Deadline& deadline) {
   Error error = recover_first(deadline);
   return error.code == Code::pending || error.code == Code::no_space ? Error{} : error;

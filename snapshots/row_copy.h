@@ -21,8 +21,9 @@ struct RowToCopy {
   const ArchiveDigests* digests = nullptr;  ///< what the archives must hold
 };
 
-/// Copies one row of 'Config' with all its values as they are, and reads the archives back. Memory does not
-/// grow with them. The caller has begun a transaction on both sides. Returns the new id.
+/// Copies one row of 'Config' with all its values as they are, and reads the archives back. SQLite holds
+/// the archives of the row in memory, up to twice. The caller has begun a transaction on both sides.
+/// Returns the new id.
 Result<int64> copy_row(Database& from, const RowToCopy& row, Database& to);
 
 /// Reads the archive in column `column` of a row; no value if it is NULL.

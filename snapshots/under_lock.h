@@ -8,8 +8,8 @@ namespace ConfSave::snapshots {
 // For callers that hold "confsave.lock" and have checked the arguments. The `wait` of the options
 // counts for nothing: all waiting ends at the deadline.
 
-/// Recovers what an earlier restore has left. Code::pending if the restore of `id` waits for its check;
-/// that of another snapshot is not disturbed.
+/// Recovers what an earlier restore has left. Code::pending if the restore of `id` waits for its check
+/// or its confirmation; that of another snapshot is not disturbed.
 Error recover_before(const Id& id, const Deadline& deadline);
 
 /// What save() does.
