@@ -1,6 +1,5 @@
 #include "snapshots/arguments.h"
 
-#include <algorithm>
 #include <vector>
 
 #include "places.h"
@@ -14,9 +13,16 @@ constexpr std::size_t kLongestComment = 4096;
 
 Error bad(const std::string& text) { return {Code::bad_argument, 0, "", text}; }
 
-bool is_control(char letter) {
-  const auto byte = static_cast<unsigned char>(letter);
-  return byte < 0x20 || byte == 0x7f;
+/// U+0080 to U+009F, which a terminal may obey, too, are a byte C2 and another one.
+bool has_control(const std::string& text) {
+  unsigned char before = 0;
+  for (const char letter : text) {
+    const auto byte = static_cast<unsigned char>(letter);
+    if (byte < 0x20 || byte == 0x7f) return true;
+    if (before == 0xc2 && byte >= 0x80 && byte < 0xa0) return true;
+    before = byte;
+  }
+  return false;
 }
 
 /// The bytes of the code point that begins at `at`; 0 if none does.
@@ -69,9 +75,7 @@ Error check_comment(const std::string& comment) {
   if (comment.size() > kLongestComment) {
     return bad("a comment has at most " + std::to_string(kLongestComment) + " bytes");
   }
-  if (std::any_of(comment.begin(), comment.end(), is_control)) {
-    return bad("a comment has no control characters");
-  }
+  if (has_control(comment)) return bad("a comment has no control characters");
   if (!is_utf8(comment)) return bad("a comment is UTF-8 text");
   return {};
 }
