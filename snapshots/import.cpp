@@ -173,11 +173,10 @@ class Importing {
 };
 
 Error check(const ImportOptions& options) {
-  if (options.name) return check_id({*options.name});
   if (options.version && !options.pattern) {
-    return {Code::bad_argument, 0, "", "a version without a name chooses nothing"};
+    return {Code::bad_argument, 0, "", "a version without a pattern chooses nothing"};
   }
-  return {};
+  return options.name ? check_id({*options.name}) : Error{};
 }
 
 Result<Imported> import_file(const std::string& file, const ImportOptions& options,

@@ -71,6 +71,17 @@ TEST_F(ImportTest, AnotherNameKeepsTheRest) {
   EXPECT_EQ(refused(exported(), options).code, Code::bad_argument);
 }
 
+TEST_F(ImportTest, AVersionNeedsAPattern) {
+  ImportOptions options;
+  options.version = ConfSave::CURRENT_VERSION;
+  for (const char* name : {"", "other"}) {
+    if (*name != '\0') options.name = name;
+    const Error error = refused(exported(), options);
+    EXPECT_EQ(error.code, Code::bad_argument) << name;
+    EXPECT_EQ(error.text, "a version without a pattern chooses nothing") << name;
+  }
+}
+
 TEST_F(ImportTest, WhatIsWantedMustBeThereOnce) {
   ImportOptions options;
   options.pattern = "missing";
