@@ -37,4 +37,11 @@ struct CloseDirectory {
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
 
+/// None with errno if `opened` is none, or no directory.
+inline Directory directory_of(Descriptor opened) {
+  Directory directory(opened ? fdopendir(opened.get()) : nullptr);
+  if (directory != nullptr) opened.release();
+  return directory;
+}
+
 }  // namespace ConfSave::snapshots

@@ -19,10 +19,8 @@ constexpr std::size_t kSyncsOneByOne = 16;
 
 /// No value with errno if the directory cannot be read.
 std::optional<bool> is_empty(int parent, const std::string& name) {
-  Descriptor opened(openat(parent, name.c_str(), kDirectory));
-  const Directory directory(opened ? fdopendir(opened.get()) : nullptr);
+  const Directory directory = directory_of(Descriptor(openat(parent, name.c_str(), kDirectory)));
   if (directory == nullptr) return {};
-  opened.release();
   errno = 0;
   while (const dirent* entry = readdir(directory.get())) {
     const std::string child = entry->d_name;

@@ -63,7 +63,7 @@ Error Exchange::sweep_slot(std::size_t number, std::vector<std::string>& left) {
 
 /// Before the steps were written down, all that a staging directory has is staged.
 Error Exchange::sweep_numbers(Site& site) {
-  const Directory directory(fdopendir(openat(site.staging.get(), ".", kDirectory)));
+  const Directory directory = directory_of(Descriptor(openat(site.staging.get(), ".", kDirectory)));
   if (directory == nullptr) return site.beneath.failure(site.name, errno);
   std::vector<std::string> names;
   errno = 0;

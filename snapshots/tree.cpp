@@ -107,10 +107,9 @@ class TreeReading {
   }
 
   Error names_in(int descriptor, const std::string& path, std::vector<std::string>& names) const {
-    Descriptor copy(openat(descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const Directory directory(copy ? fdopendir(copy.get()) : nullptr);
+    const Directory directory =
+        directory_of(Descriptor(openat(descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
     if (directory == nullptr) return failure(path);
-    copy.release();
     errno = 0;
     while (const dirent* entry = readdir(directory.get())) {
       const std::string name = entry->d_name;
