@@ -9,6 +9,7 @@
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/own_file.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -27,10 +28,8 @@ Error check_file(const std::string& file) {
   struct stat status = {};
   if (stat(file.c_str(), &status) != 0) return system_error(file);
   if (!S_ISREG(status.st_mode)) return {Code::failed, 0, file, "this is not a regular file"};
-  struct stat storage = {};
-  const bool is_storage = stat(storage_file().c_str(), &storage) == 0 && storage.st_dev == status.st_dev &&
-                          storage.st_ino == status.st_ino;
-  if (is_storage) return {Code::bad_argument, 0, file, "this is the storage itself"};
+  // Closing a file that SQLite has open, too, would release the locks of this process.
+  if (is_own_file(file)) return {Code::bad_argument, 0, file, "confsave uses this file itself"};
   if (status.st_size == 0) return {Code::damaged, 0, file, "the file is empty"};
   const Descriptor opened(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!opened) return system_error(file);

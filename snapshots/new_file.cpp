@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "places.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/own_file.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -30,29 +30,6 @@ Error rename_over_nothing(const std::string& from, const std::string& to) {
   struct stat status = {};
   if (lstat(to.c_str(), &status) == 0) return taken(to);
   return std::rename(from.c_str(), to.c_str()) == 0 ? Error{} : system_error(to);
-}
-
-bool is_same(const char* one, const char* other) {
-  struct stat first = {};
-  struct stat second = {};
-  return stat(one, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
-         first.st_ino == second.st_ino;
-}
-
-/// Whether it is one of the state directory's own files, or has the name of one that is not there: an
-/// export would be taken for the journal.
-bool is_own(const std::string& file) {
-  const std::string state = state_directory() + "/";
-  const std::string directory = directory_part(file);
-  const bool is_there = is_same(directory.empty() ? "." : directory.c_str(), state.c_str());
-  for (const char* own : {"storage.db", "notes.db", "restore.db", "confsave.lock", "restore.lock"}) {
-    for (const char* end : {"", "-journal", "-wal", "-shm", "-reserve", "-summary"}) {
-      const std::string name = std::string(own) + end;
-      if (is_there && file.substr(directory.size()) == name) return true;
-      if (is_same((state + name).c_str(), file.c_str())) return true;
-    }
-  }
-  return false;
 }
 
 }  // namespace
@@ -92,7 +69,7 @@ Error check_destination(const std::string& file, bool overwrite) {
   const bool exists = lstat(file.c_str(), &status) == 0;
   if (!exists && errno != ENOENT) return system_error(file);
   const bool is_link = exists && S_ISLNK(status.st_mode);
-  if (!is_link && is_own(file)) return {Code::bad_argument, 0, file, "confsave uses this file itself"};
+  if (!is_link && is_own_file(file)) return {Code::bad_argument, 0, file, "confsave uses this file itself"};
   if (!exists) return {};
   if (!overwrite) return taken(file);
   if (!S_ISREG(status.st_mode)) return {Code::bad_argument, 0, file, "this is not a regular file"};

@@ -3,10 +3,22 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "places.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/new_file.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
+namespace {
+
+bool is_same(const char* one, const char* other) {
+  struct stat first = {};
+  struct stat second = {};
+  return stat(one, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
+         first.st_ino == second.st_ino;
+}
+
+}  // namespace
 
 Error make_own_file(const std::string& file) {
   constexpr mode_t kMode = S_IRUSR | S_IWUSR;
@@ -18,6 +30,20 @@ Error make_own_file(const std::string& file) {
   if (S_ISDIR(status.st_mode)) return system_error(file, EISDIR);
   if (S_ISLNK(status.st_mode)) return system_error(file, ELOOP);
   return chmod(file.c_str(), kMode) == 0 ? Error{} : system_error(file);
+}
+
+bool is_own_file(const std::string& file) {
+  const std::string state = state_directory() + "/";
+  const std::string directory = directory_part(file);
+  const bool is_there = is_same(directory.empty() ? "." : directory.c_str(), state.c_str());
+  for (const char* own : {"storage.db", "notes.db", "restore.db", "confsave.lock", "restore.lock"}) {
+    for (const char* end : {"", "-journal", "-wal", "-shm", "-reserve", "-summary"}) {
+      const std::string name = std::string(own) + end;
+      if (is_there && file.substr(directory.size()) == name) return true;
+      if (is_same((state + name).c_str(), file.c_str())) return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace ConfSave::snapshots

@@ -11,4 +11,8 @@ namespace ConfSave::snapshots {
 /// on it elsewhere in this process.
 Error make_own_file(const std::string& file);
 
+/// Whether it is one of the state directory's own files, or has the name of one that is not there: an
+/// export would be taken for the journal.
+bool is_own_file(const std::string& file);
+
 }  // namespace ConfSave::snapshots

@@ -253,6 +253,22 @@ TEST_F(ImportTest, FilesThatAreNoStorage) {
   EXPECT_EQ(refusal().substr(0, 8), "damaged:");
 }
 
+/// Closing a file that SQLite has open, too, would release the locks of this process.
+TEST_F(ImportTest, TheFilesOfThisGatewayAreNotOpened) {
+  ASSERT_EQ(note({"mine"}, "x").code, Code::ok);
+  ASSERT_EQ(symlink(notes_file().c_str(), (root() + "/link").c_str()), 0);
+  write_file(state_dir() + "/restore.db", "");
+  const test::Database other(notes_file());
+  other.run("begin immediate");
+  for (const std::string& file : {database(), notes_file(), root() + "/link", state_dir() + "/restore.db",
+                                  state_dir() + "/storage.db-reserve"}) {
+    const Error error = refused(file);
+    EXPECT_EQ(error.code, Code::bad_argument) << file << ": " << error.text;
+    EXPECT_EQ(error.path, file);
+  }
+  EXPECT_NE(shell("sqlite3 " + notes_file() + " 'begin immediate' 2>/dev/null"), 0);
+}
+
 TEST_F(ImportTest, AFileIsNeverWritten) {
   forge("pragma journal_mode=wal");
   const Error wal = refused(exported());
