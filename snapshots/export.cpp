@@ -153,7 +153,8 @@ Result<Exported> export_into_file(const Ids& ids, const std::string& file, const
     if (error.path == made->name()) error.path = file;
     return error;
   }
-  if (Error error = made->publish(file, options.overwrite); error.code != Code::ok) return error;
+  Error error = made->publish(file, options.overwrite, exported->warnings);
+  if (error.code != Code::ok) return error;
   return exported;
 }
 

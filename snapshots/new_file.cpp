@@ -9,6 +9,7 @@
 
 #include "snapshots/descriptor.h"
 #include "snapshots/own_file.h"
+#include "snapshots/sentence.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -16,9 +17,8 @@ namespace {
 
 Error taken(const std::string& file) { return {Code::taken, EEXIST, file, "the file exists"}; }
 
-/// Opens and syncs a file or directory.
-Error sync(const std::string& path, int flags) {
-  const Descriptor opened(open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
+Error sync(const std::string& path) {
+  const Descriptor opened(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   return opened && fsync(opened.get()) == 0 ? Error{} : system_error(path);
 }
 
@@ -48,16 +48,23 @@ void NewFile::remove() {
   name_.clear();
 }
 
-Error NewFile::publish(const std::string& file, bool overwrite) {
-  if (Error error = sync(name_, 0); error.code != Code::ok) return error;
+Error NewFile::publish(const std::string& file, bool overwrite, std::vector<std::string>& warnings) {
+  if (Error error = sync(name_); error.code != Code::ok) return error;
+  // A directory that cannot be read cannot be synced: this is found out while the old file is there.
+  const std::string part = directory_part(file);
+  const std::string directory = part.empty() ? "." : part;
+  const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!opened) return system_error(directory);
   if (overwrite) {
     if (std::rename(name_.c_str(), file.c_str()) != 0) return system_error(file);
   } else if (Error error = rename_over_nothing(name_, file); error.code != Code::ok) {
     return error;
   }
   name_.clear();
-  const std::string directory = directory_part(file);
-  return sync(directory.empty() ? "." : directory, O_DIRECTORY);
+  if (fsync(opened.get()) != 0) {
+    warnings.push_back("a power cut may undo the export: " + sentence(system_error(directory)));
+  }
+  return {};
 }
 
 std::string directory_part(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }

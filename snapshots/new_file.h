@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "confsave/snapshots.h"
 
@@ -23,8 +24,8 @@ class NewFile {
   void remove();
 
   /// Gives it the name `file`, durably with its content; Code::taken if that exists and `overwrite` is
-  /// false.
-  Error publish(const std::string& file, bool overwrite);
+  /// false. That the name is not durable is a warning.
+  Error publish(const std::string& file, bool overwrite, std::vector<std::string>& warnings);
 
  private:
   explicit NewFile(std::string name) : name_(std::move(name)) {}

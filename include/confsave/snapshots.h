@@ -195,8 +195,8 @@ CONFSAVE_API Result<Autosaved> autosave(const AutosaveOptions& options);
 
 /// Writes these snapshots into `file`, which is a storage of its own: an SQLite file with the same table.
 /// Rows are copied as they are, with ids and times, whole or damaged; comments, pins, authors and manifests
-/// are beside them in tables of their own. The file has mode 0600, and appears whole and durable, or not at
-/// all.
+/// are beside them in tables of their own. The file has mode 0600, and appears whole, or not at all. It is
+/// durable on return, unless a warning says that its directory could not be synced.
 CONFSAVE_API Result<Exported> export_to(const Ids& ids, const std::string& file,
                                         const ExportOptions& options = {});
 

@@ -175,6 +175,26 @@ TEST_F(ExportTest, ALockEndsTheWait) {
   EXPECT_FALSE(exists(exported()));
 }
 
+/// The new name would not be durable. Which is found out before the old file is gone.
+TEST_F(ExportTest, ADirectoryThatCannotBeSyncedGetsNoFile) {
+  if (geteuid() != 0) GTEST_SKIP() << "root may read every directory";
+  constexpr uid_t kNobody = 65534;
+  const std::string file = root() + "/box/exported";
+  ASSERT_EQ(shell("mkdir " + root() + "/box && echo mine >" + file + " && chown -R 65534 " + root() +
+                  " && chmod 300 " + root() + "/box"),
+            0);
+  ExportOptions options;
+  options.overwrite = true;
+  ASSERT_EQ(seteuid(kNobody), 0);
+  const auto refusal = export_to({{"weekly"}}, file, options);
+  ASSERT_EQ(seteuid(0), 0);
+  ASSERT_FALSE(refusal);
+  EXPECT_EQ(refusal.error().code, Code::denied);
+  EXPECT_EQ(refusal.error().path, root() + "/box/");
+  EXPECT_TRUE(read_file(file) == "mine\n");
+  EXPECT_EQ(names_in(root() + "/box"), Texts{"exported"});
+}
+
 TEST_F(ExportTest, AFullDiskLeavesNothing) {
   const std::string directory = root() + "/disk";
   ASSERT_EQ(shell("mkdir " + directory), 0);
