@@ -79,10 +79,14 @@ Result<Notes> Notes::open_to_write(std::chrono::milliseconds wait) {
   Result<Database> database = Database::open(notes_file(), wait);
   if (!database) return database.error();
   Notes notes(std::move(*database));
-  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
-  if (notes.database_.run("pragma synchronous=extra").code != Code::ok) return notes.failure();
+  if (Error error = notes.sync_deletions(); error.code != Code::ok) return error;
   if (Error error = notes.prepare_tables(); error.code != Code::ok) return error;
   return notes;
+}
+
+/// By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
+Error Notes::sync_deletions() {
+  return database_.run("pragma synchronous=extra").code == Code::ok ? Error{} : failure();
 }
 
 Result<int64> Notes::layout() {
@@ -208,6 +212,7 @@ Result<std::optional<ManifestReader>> Notes::open_manifest(const Snapshot& snaps
 }
 
 Error Notes::forget(int64 id) {
+  if (Error error = sync_deletions(); error.code != Code::ok) return error;
   return in_transaction([&] {
     const Error error = make_tables();
     return error.code == Code::ok ? remove(id) : error;

@@ -76,6 +76,7 @@ class Notes {
  private:
   explicit Notes(Database database) : database_(std::move(database)) {}
 
+  Error sync_deletions();
   /// Makes the tables in an empty file, and those that an older version did not make; refuses those of a
   /// newer version.
   Error prepare_tables();
