@@ -69,7 +69,7 @@ void reset_signals() {
 /// The child of a child belongs to no session and to nobody who waits for it.
 [[noreturn]] void become_detached(char* const* words, char* const* settings, int report) {
   if (setsid() == -1) fail(report);
-  const pid_t process = fork();
+  const pid_t process = _Fork();
   if (process == -1) fail(report);
   if (process == 0) become(words, settings, report);
   _exit(0);

@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
@@ -79,6 +81,28 @@ TEST_F(PendingTest, WhoWaitsHasNothingOfTheHost) {
   EXPECT_NE(session, getsid(0));
   EXPECT_NE(parent, getpid());
   reverted();
+}
+
+/// Forks that handlers saw in children of this process, and who this process is.
+int* seen_in_children = nullptr;
+pid_t host_process = 0;
+
+void see_fork() {
+  if (seen_in_children != nullptr && getpid() != host_process) ++*seen_in_children;
+}
+
+/// In a child of a host with threads, their locks may be taken, and those of the C library.
+TEST_F(PendingTest, WhoWaitsIsStartedWithoutHandlersInAChild) {
+  void* shared = mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  seen_in_children = static_cast<int*>(shared);
+  host_process = getpid();
+  ASSERT_EQ(pthread_atfork(see_fork, nullptr, nullptr), 0);
+  make_pending();
+  EXPECT_EQ(*seen_in_children, 0);
+  seen_in_children = nullptr;
+  munmap(shared, sizeof(int));
+  EXPECT_EQ(reverted().outcome, Outcome::reverted);
 }
 
 TEST_F(PendingTest, WhoWaitsNeedsNoSystemdThatAnswers) {
