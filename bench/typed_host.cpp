@@ -122,8 +122,8 @@ int main(int argc, char** argv) {
   const long peak = peak_memory();
   if (figures != nullptr) {
     std::ofstream(figures) << "{\"all\": " << all << ", \"peak\": " << peak
-                        << ", \"bytes\": " << (verb == "verify" ? size_of(expect(members(id))) : 0)
-                        << "}\n";
+                           << ", \"bytes\": " << (verb == "verify" ? size_of(expect(members(id))) : 0)
+                           << "}\n";
   }
   return 0;
 }

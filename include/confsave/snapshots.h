@@ -36,7 +36,8 @@
 //
 // Waiting. The `wait` of the options runs from the start of a call, and its own work counts. When it is
 // over, the call waits for no lock any more, and returns Code::busy if one is held. restore() begins it
-// anew after its check.
+// anew after its check. After a step that cannot be taken back, as the storing of a row, a call waits two
+// seconds more for what belongs to it.
 //
 // Memory. Archives are read as streams: memory does not grow with the size of a snapshot. Only save() holds
 // its packed archives, and SQLite a copy of them. SQLite also holds the packed archives of a row that is
