@@ -128,7 +128,8 @@ class Recovering {
     return error;
   }
 
-  /// The snapshot, or all of the storage, may be gone by now.
+  /// The snapshot, or all of the storage, may be gone by now. On a full disk the time is given up: the old
+  /// files would stay, and nothing else could be restored.
   Error stamp() {
     if (record_.load_time == 0) return {};
     Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
@@ -137,7 +138,9 @@ class Recovering {
     if (error.code == Code::ok) return {};
     recovery_.warnings.push_back("the load time of " + quoted(record_.snapshot) +
                                  " is not stored: " + error.text);
-    return is_stamp_given_up(error) ? Error{} : error;
+    const bool is_given_up = error.code == Code::changed_meanwhile || error.code == Code::no_storage ||
+                             error.code == Code::no_space;
+    return is_given_up ? Error{} : error;
   }
 
   Journal& journal_;

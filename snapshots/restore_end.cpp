@@ -57,12 +57,6 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
   return {};
 }
 
-// The time may wait for a moment, but not for a person: the next restore would wait with it.
-bool is_stamp_given_up(const Error& error) {
-  return error.code == Code::changed_meanwhile || error.code == Code::no_storage ||
-         error.code == Code::no_space;
-}
-
 Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings) {
   std::vector<std::string> left;
   Error error = exchange.sweep(left);
@@ -79,7 +73,7 @@ void finish_storage(Journal& journal, Exchange& exchange, std::optional<Exclusiv
                     const Error& stamped, std::vector<std::string>& warnings) {
   storage.reset();
   if (stamped.code != Code::ok) warnings.push_back("the load time is not stored: " + stamped.text);
-  if (stamped.code == Code::ok || is_stamp_given_up(stamped)) {
+  if (stamped.code == Code::ok || stamped.code == Code::changed_meanwhile) {
     static_cast<void>(clean_up(journal, exchange, warnings));
   }
 }

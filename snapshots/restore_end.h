@@ -14,15 +14,12 @@ namespace ConfSave::snapshots {
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
                 std::vector<std::string>& warnings, Error& unfinished);
 
-/// Whether a load time that could not be stored is given up: its snapshot is gone, or the disk is full.
-bool is_stamp_given_up(const Error& error);
-
 /// Deletes the staging directories and the record. What fails is a warning, too, and the record stays, so
 /// that the next recovery tries again.
 Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings);
 
 /// Commits the load time, unless `stamped` is an error, and cleans up. The restore is done: what fails is a
-/// warning, and the next recovery tries again, unless the load time is given up.
+/// warning, and the next recovery tries again, unless the snapshot is gone.
 void finish_storage(Journal& journal, Exchange& exchange, std::optional<ExclusiveStorage>& storage,
                     const Error& stamped, std::vector<std::string>& warnings);
 

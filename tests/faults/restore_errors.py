@@ -100,6 +100,8 @@ def strike(restoring, figures, call, number, error, *, for_good=False, run=None)
     point = f"inject={call}:error={error}:when={number}{'+' if for_good else ''}"
     try:
         _, output = (run or restoring.load)(restoring.tracer(call, point))
+        # A recovery that meets a full disk says so, and does not try again.
+        restoring.gives_up_stamp = run is not None and "load time" in output
         hit = [line for _, _, line in restoring.traced() if "INJECTED" in line and
                (call != "renameat2" or not restoring.fallback)]
         figures.sorts.update(filter(None, (sort_of(restoring.gateway, line) for line in hit)))

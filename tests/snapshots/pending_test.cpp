@@ -325,7 +325,7 @@ TEST_F(PendingTest, NeitherTheStorageNorTheNotesAreNeeded) {
   ASSERT_TRUE(cs::recover());
 }
 
-TEST_F(PendingTest, OnAFullDiskAConfirmedRestoreEndsWithoutItsLoadTime) {
+TEST_F(PendingTest, OnAFullDiskARecoveryGivesUpTheLoadTime) {
   // The stamp changes the length of the row: SQLite writes all of it again.
   shell("head -c 300000 /dev/urandom > " + config("gw2.conf"));
   saved("weekly", overwriting());
@@ -340,6 +340,9 @@ TEST_F(PendingTest, OnAFullDiskAConfirmedRestoreEndsWithoutItsLoadTime) {
   const auto confirmed = cs::confirm();
   ASSERT_TRUE(confirmed) << shown(confirmed.error());
   EXPECT_EQ(confirmed->warnings.size(), 1U);
+  const auto recovered = cs::recover();
+  ASSERT_TRUE(recovered) << shown(recovered.error());
+  EXPECT_EQ(recovered->warnings.size(), 1U);
   EXPECT_EQ(load_time(), "NULL");
   EXPECT_EQ(staging_directories(), Texts());
   const auto left = cs::unfinished();
