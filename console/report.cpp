@@ -10,6 +10,7 @@
 #include "exit_status.h"
 #include "names.h"
 #include "text.h"
+#include "turns.h"
 #include "values.h"
 
 namespace console {
@@ -109,15 +110,17 @@ int print_candidates(const Selection& selection, const cs::Snapshots& found) {
   return kAmbiguous;
 }
 
-std::optional<cs::Snapshot> find_only(const Selection& selection, std::chrono::milliseconds wait,
-                                      bool waits, int& status) {
+std::optional<cs::Snapshot> find_only(const Selection& selection, unsigned seconds, bool waits,
+                                      int& status) {
   const bool is_exact = is_name(selection.name);
   cs::Query query;
   query.pattern = selection.name;
   query.version = selection.version;
   query.corlu_config = is_exact;
-  query.wait = wait;
-  auto found = cs::list(query);
+  auto found = in_turns(seconds, [&](std::chrono::milliseconds wait) {
+    query.wait = wait;
+    return cs::list(query);
+  });
   if (!found) {
     status = report(found.error(), waits);
     return std::nullopt;
@@ -275,13 +278,19 @@ Json json_id(const cs::Snapshot& snapshot) {
 std::optional<cs::Snapshot> choose(const Selection& selection, int& status) {
   status = kUsage;
   if (!check_pattern(selection.name)) return std::nullopt;
-  return find_only(selection, std::chrono::seconds(1), false, status);
+  return find_only(selection, 1, false, status);
+}
+
+std::optional<cs::Snapshot> choose_to_restore(const Options& options, int& status) {
+  status = kUsage;
+  if (!check_pattern(options.snapshot.name)) return std::nullopt;
+  return find_only(options.snapshot, options.wait, true, status);
 }
 
 std::optional<cs::Snapshot> choose_to_change(const Options& options, int& status) {
   status = kUsage;
   if (!check_name(options.snapshot.name)) return std::nullopt;
-  return find_only(options.snapshot, std::chrono::seconds(options.wait), true, status);
+  return find_only(options.snapshot, options.wait, true, status);
 }
 
 }  // namespace console

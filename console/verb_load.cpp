@@ -156,6 +156,7 @@ cs::RestoreOptions restore_options(const Options& options) {
   how.exact = options.exact;
   how.keep = options.keep;
   how.allow_newer = options.force;
+  how.wait = std::chrono::seconds(options.wait);
   how.confirm_within = std::chrono::seconds(options.confirm_within);
   if (options.confirm_within != 0) how.program = this_program();
   return how;
@@ -226,7 +227,7 @@ int load(const Options& options) {
   }
   if (const int status = settle(options); status != kDone) return status;
   int status = kDone;
-  const auto snapshot = choose(options.snapshot, status);
+  const auto snapshot = choose_to_restore(options, status);
   if (!snapshot) return status;
   cs::RestoreOptions how = restore_options(options);
   if (options.dry_run) return dry_run(*snapshot, options, how);
