@@ -1,3 +1,4 @@
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -50,6 +51,13 @@ cs::Result<cs::Exported> export_into(const cs::Ids& ids, const Options& options)
   return cs::export_to(ids, options.exchanged, how);
 }
 
+/// A storage that was lost must not replace the copies that are left of it.
+bool would_empty(const cs::Ids& ids, const Options& options) {
+  struct stat status = {};
+  return ids.empty() && options.force && options.exchanged != "-" &&
+         lstat(options.exchanged.c_str(), &status) == 0;
+}
+
 /// With --all, what others delete in the meantime is left out.
 std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
   for (int attempt = 1;; ++attempt) {
@@ -57,6 +65,11 @@ std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
     if (!snapshots) return std::nullopt;
     cs::Ids ids;
     for (const cs::Snapshot& snapshot : *snapshots) ids.push_back(id_of(snapshot));
+    if (would_empty(ids, options)) {
+      status = kNotFound;
+      std::cerr << "confsave: nothing is stored; '" << readable(options.exchanged) << "' stays as it is.\n";
+      return std::nullopt;
+    }
     auto exported = export_into(ids, options);
     if (exported) return std::move(*exported);
     const bool is_deleted = options.all && exported.error().code == cs::Code::not_found;
