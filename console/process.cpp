@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -12,7 +13,9 @@ void prepare_process() {
   // Otherwise the next file that is opened gets the closed descriptor, and an error message ends up in
   // that file.
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
-    if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) open("/dev/null", O_RDWR);
+    // Output that is lost must fail. A warning may be lost: tar would fail if it could not write one.
+    const int flags = descriptor == STDOUT_FILENO ? O_RDONLY : O_RDWR;
+    if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) open("/dev/null", flags);
   }
 
   umask(S_IRWXG | S_IRWXO);
