@@ -30,6 +30,7 @@ constexpr std::chrono::milliseconds kPause{10};
   standard.sa_handler = SIG_DFL;
   sigemptyset(&standard.sa_mask);
   sigaction(SIGINT, &standard, nullptr);
+  sigaction(SIGXFSZ, &standard, nullptr);
   TerminationCatcher::reset();
   const int nothing = open("/dev/null", O_RDONLY);
   const bool ready =

@@ -20,6 +20,8 @@ void prepare_process() {
 
   umask(S_IRWXG | S_IRWXO);
 
+  // A write beyond the limit of a file's size then fails, and what was written so far is cleaned up.
+  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
   static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
   sigset_t child;
   sigemptyset(&child);
