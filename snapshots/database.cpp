@@ -43,6 +43,20 @@ int wait_for_lock(void* deadline, int) {
   return 1;
 }
 
+Error irregular(const std::string& file) {
+  return {Code::no_storage, 0, file, "this is not a regular file"};
+}
+
+/// SQLite would wait for a FIFO for ever, and calls a link or a directory something else.
+Error check_journals(const std::string& file) {
+  for (const char* end : {"-journal", "-wal"}) {
+    struct stat status = {};
+    const std::string journal = file + end;
+    if (lstat(journal.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return irregular(journal);
+  }
+  return {};
+}
+
 /// Memory is the one thing whose end is thrown.
 void require_memory(int code) {
   if ((code & 0xff) == SQLITE_NOMEM) throw std::bad_alloc();
@@ -138,7 +152,8 @@ Result<Database> Database::open_read_only(const std::string& file, std::chrono::
 Result<Database> Database::open(const std::string& file, std::chrono::milliseconds wait, int flags) {
   struct stat status = {};
   if (stat(file.c_str(), &status) != 0) return Error{Code::no_storage, errno, file, std::strerror(errno)};
-  if (!S_ISREG(status.st_mode)) return Error{Code::no_storage, 0, file, "this is not a regular file"};
+  if (!S_ISREG(status.st_mode)) return irregular(file);
+  if (Error error = check_journals(file); error.code != Code::ok) return error;
 
   Database database(file);
   sqlite3* opened = nullptr;

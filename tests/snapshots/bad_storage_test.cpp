@@ -183,6 +183,12 @@ const State kStates[] = {
     {"Fifo",
      [](BadStorage& s) { s.in_state("rm storage.db && mkfifo storage.db"); },
      {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
+    {"FifoForAJournal",
+     [](BadStorage& s) { s.in_state("mkfifo storage.db-journal"); },
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
+    {"DirectoryForAWal",
+     [](BadStorage& s) { s.in_state("mkdir storage.db-wal"); },
+     {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
     {"DeadLink",
      [](BadStorage& s) { s.in_state("rm storage.db && ln -s storage.db storage.db"); },
      {no_storage, no_storage, no_storage, no_storage, no_storage, no_storage}},
@@ -276,6 +282,12 @@ const State kStates[] = {
      {ok, ok, ok, Code::failed, ok, no_storage}},
     {"NotesAreAFifo",
      [](BadStorage& s) { s.in_state("mkfifo notes.db"); },
+     {ok, ok, ok, no_storage, ok, no_storage}},
+    {"NotesWithAFifoForAJournal",
+     [](BadStorage& s) {
+       s.make_notes();
+       s.in_state("mkfifo notes.db-journal");
+     },
      {ok, ok, ok, no_storage, ok, no_storage}},
     {"NotesAreALink",
      [](BadStorage& s) { s.in_state("ln -s /etc/passwd notes.db"); },
