@@ -47,6 +47,20 @@ Error irregular(const std::string& file) {
   return {Code::no_storage, 0, file, "this is not a regular file"};
 }
 
+/// What keeps a file from being opened is no matter of the storage, unless it is missing or another's.
+Code code_of_refusal(int number) {
+  switch (number) {
+    case 0:
+    case ENOENT:
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return Code::no_storage;
+    default:
+      return code_of_number(number);
+  }
+}
+
 /// SQLite would wait for a FIFO for ever, and calls a link or a directory something else.
 Error check_journals(const std::string& file) {
   for (const char* end : {"-journal", "-wal"}) {
@@ -194,22 +208,26 @@ Error Database::run(const char* text) {
 }
 
 Error Database::error() const {
-  Error found = error(sqlite3_extended_errcode(db_.get()));
-  found.text = sqlite3_errmsg(db_.get());
-  if (found.number == SQLITE_TOOBIG) {
-    const int most = sqlite3_limit(db_.get(), SQLITE_LIMIT_LENGTH, -1);
-    found.text = "SQLite stores at most " + std::to_string(most) +
-                 " bytes in a row; take large files out of the configuration";
-  }
-  return found;
+  const int code = sqlite3_extended_errcode(db_.get());
+  if (code != SQLITE_TOOBIG) return error(code, sqlite3_errmsg(db_.get()));
+  const int most = sqlite3_limit(db_.get(), SQLITE_LIMIT_LENGTH, -1);
+  return error(code, "SQLite stores at most " + std::to_string(most) +
+                         " bytes in a row; take large files out of the configuration");
 }
 
-Error Database::error(int code) const {
+Error Database::error(int code) const { return error(code, sqlite3_errstr(code)); }
+
+Error Database::error(int code, const std::string& text) const {
   require_memory(code);
+  Error found{code_of(code), code, file_, text};
+  const bool is_refused = (code & 0xff) == SQLITE_CANTOPEN;
+  if (!is_refused && (code & 0xff) != SQLITE_IOERR) return found;
+  const int number = sqlite3_system_errno(db_.get());
+  if (is_refused) found.code = code_of_refusal(number);
   // A full quota, and a full disk where a file is made, are failures of other names to SQLite.
-  const bool is_full = code_of_number(sqlite3_system_errno(db_.get())) == Code::no_space;
-  const bool has_number = (code & 0xff) == SQLITE_IOERR || (code & 0xff) == SQLITE_CANTOPEN;
-  return {has_number && is_full ? Code::no_space : code_of(code), code, file_, sqlite3_errstr(code)};
+  if (code_of_number(number) == Code::no_space) found.code = Code::no_space;
+  if (is_refused && number != 0) found.text.append(": ").append(std::strerror(number));
+  return found;
 }
 
 Result<std::unique_ptr<BlobSource>> BlobSource::open(Database& database, const char* column, int64 id) {
