@@ -166,6 +166,17 @@ void name_archive(cs::Error& error, const std::string& which) {
   error.path = which;
 }
 
+int print_report(const cs::Error& error, const std::string& step) {
+  print_failure(error);
+  if (is_about_notes(error)) {
+    std::cerr
+        << " Mend it, or move it away: without this file only comments, pins and manifests are lost.\n";
+    return error.code == cs::Code::no_storage ? kFailed : exit_status(error.code);
+  }
+  std::cerr << ' ' << step << ".\n";
+  return exit_status(error.code);
+}
+
 }  // namespace
 
 int exit_status(cs::Code code) {
@@ -196,15 +207,14 @@ int exit_status(cs::Code code) {
   }
 }
 
-int report(const cs::Error& error, bool waits) {
-  print_failure(error);
-  if (is_about_notes(error)) {
-    std::cerr
-        << " Mend it, or move it away: without this file only comments, pins and manifests are lost.\n";
-    return error.code == cs::Code::no_storage ? kFailed : exit_status(error.code);
-  }
-  std::cerr << ' ' << next_step(error, waits) << ".\n";
-  return exit_status(error.code);
+int report(const cs::Error& error, bool waits) { return print_report(error, next_step(error, waits)); }
+
+int report_packing(const cs::Error& error) {
+  if (error.code == cs::Code::damaged)
+    return print_report(error, "See that tar and gzip work, and try again");
+  if (error.code == cs::Code::unsafe && !is_absolute(error.path))
+    return print_report(error, "Rename or remove the file and try again");
+  return report(error, true);
 }
 
 std::string reason_and_step(const cs::Error& error) {

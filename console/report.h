@@ -22,6 +22,9 @@ int exit_status(cs::Code code);
 /// status.
 int report(const cs::Error& error, bool waits = false);
 
+/// The same for an error of storing the live configuration: what is packed is not a snapshot yet.
+int report_packing(const cs::Error& error);
+
 /// The same as words: the file, if it is one, the reason, and the next step. For a verb with --wait.
 std::string reason_and_step(const cs::Error& error);
 

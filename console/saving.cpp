@@ -48,7 +48,7 @@ int report_unsaved(cs::Error error) {
   }
   const std::string& ending = failed_command();
   if (!ending.empty() && error.code == cs::Code::failed) error.text.append(": ").append(ending);
-  return report(error, true);
+  return report_packing(error);
 }
 
 void print_warnings(const cs::Saved& saved) {
