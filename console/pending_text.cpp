@@ -1,5 +1,6 @@
 #include "pending_text.h"
 
+#include <algorithm>
 #include <ctime>
 
 namespace console {
@@ -35,8 +36,9 @@ std::string text_of(const cs::Pending& pending) {
          " unless 'confsave confirm' keeps it";
 }
 
-std::string paragraph_of(const cs::Restored& restored) {
-  const ConfSave::int64 left = restored.deadline - static_cast<ConfSave::int64>(std::time(nullptr));
+std::string paragraph_of(const cs::Restored& restored, unsigned window) {
+  // The deadline is rounded up, and the present time down.
+  const ConfSave::int64 left = std::min<ConfSave::int64>(restored.deadline - std::time(nullptr), window);
   return "This restore is pending. The files of before come back at " + moment(restored.deadline, left) +
          ",\nand at a restart before that, unless you run 'confsave confirm'.\n"
          "'confsave revert' takes the restore back at once; 'confsave status' shows the time that is "

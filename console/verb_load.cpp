@@ -196,7 +196,7 @@ int print_restored(const cs::Restored& restored, const Options& options, bool wa
   if (!restored.kept.empty()) {
     std::cout << "'" << readable(restored.kept) << "' holds the configuration of before.\n";
   }
-  if (restored.outcome == Outcome::pending) std::cout << paragraph_of(restored);
+  if (restored.outcome == Outcome::pending) std::cout << paragraph_of(restored, options.confirm_within);
   return kDone;
 }
 
