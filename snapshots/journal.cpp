@@ -121,14 +121,14 @@ Error Journal::make_tables() {
 }
 
 /// What SQLite cannot read, a person has to look at.
-Error Journal::explained(Error error) {
+Error Journal::explained(const Error& error) {
   if ((error.number & 0xff) == SQLITE_CANTOPEN) return not_opened(error);
   return error.code == Code::no_storage ? not_understood(error.text) : error;
 }
 
 Error Journal::in_transaction(const std::function<Error()>& change) {
   Error error = database_.run("begin immediate");
-  if (error.code != Code::ok) return explained(std::move(error));
+  if (error.code != Code::ok) return explained(error);
   error = change();
   if (error.code == Code::ok) return explained(database_.run("commit"));
   database_.run("rollback");

@@ -151,7 +151,7 @@ class Journal {
   /// The error of the last call that failed.
   Error failure() const { return explained(database_.error()); }
   /// An error of the database, with what it means for the journal.
-  static Error explained(Error error);
+  static Error explained(const Error& error);
 
   Database database_;
 };
