@@ -87,21 +87,26 @@ TEST_F(PendingTest, WhoWaitsHasNothingOfTheHost) {
 int* seen_in_children = nullptr;
 pid_t host_process = 0;
 
+/// Zeros that children of this process see, and may change.
+void* shared_bytes(std::size_t size) {
+  void* shared = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return shared != MAP_FAILED ? shared : nullptr;
+}
+
 void see_fork() {
   if (seen_in_children != nullptr && getpid() != host_process) ++*seen_in_children;
 }
 
 /// In a child of a host with threads, their locks may be taken, and those of the C library.
 TEST_F(PendingTest, WhoWaitsIsStartedWithoutHandlersInAChild) {
-  void* shared = mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(shared, MAP_FAILED);
-  seen_in_children = static_cast<int*>(shared);
+  seen_in_children = static_cast<int*>(shared_bytes(sizeof(int)));
+  ASSERT_NE(seen_in_children, nullptr);
   host_process = getpid();
   ASSERT_EQ(pthread_atfork(see_fork, nullptr, nullptr), 0);
   make_pending();
   EXPECT_EQ(*seen_in_children, 0);
+  munmap(seen_in_children, sizeof(int));
   seen_in_children = nullptr;
-  munmap(shared, sizeof(int));
   EXPECT_EQ(reverted().outcome, Outcome::reverted);
 }
 
