@@ -37,7 +37,7 @@ struct CloseDirectory {
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
 
-/// None with errno if `opened` is none, or no directory.
+/// Returns nullptr with errno unless `opened` is the descriptor of a directory.
 inline Directory directory_of(Descriptor opened) {
   Directory directory(opened ? fdopendir(opened.get()) : nullptr);
   if (directory != nullptr) opened.release();
