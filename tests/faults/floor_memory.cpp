@@ -21,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -52,8 +53,8 @@ namespace {
 // The allocations --------------------------------------------------------------------------------------
 
 /// Allocations before the one that fails; less than 0: none does.
-long countdown = -1;
-long alive = 0;
+std::atomic<long> countdown{-1};
+std::atomic<long> alive{0};
 
 /// What the process that made a strike leaves behind, whatever happens to it.
 struct Strike {
@@ -62,8 +63,11 @@ struct Strike {
 };
 Strike* strike = nullptr;
 
+/// Whether this thread does what the host does.
+thread_local bool is_host = false;
+
 bool strikes(const void* caller) {
-  if (countdown < 0 || countdown-- != 0) return false;
+  if (is_host || countdown < 0 || countdown-- != 0) return false;
   Dl_info origin = {};
   strike->done = true;
   strike->in_libarchive =
@@ -80,13 +84,13 @@ void* counted(void* memory) {
 /// The host's own allocations do not count.
 class Disarmed {
  public:
-  Disarmed() : before_(countdown) { countdown = -1; }
+  Disarmed() : before_(is_host) { is_host = true; }
   Disarmed(const Disarmed&) = delete;
   Disarmed& operator=(const Disarmed&) = delete;
-  ~Disarmed() { countdown = before_; }
+  ~Disarmed() { is_host = before_; }
 
  private:
-  long before_;
+  bool before_;
 };
 
 }  // namespace
