@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "snapshots/digest.h"
+
 namespace ConfSave::snapshots {
 
 void ContentCheck::enter(const std::string& directory) {
@@ -36,17 +38,23 @@ void ContentCheck::begin(const Entry& entry) {
   // Of entries with the same path the last one counts.
   known_.erase(path_);
   live_ = Descriptor();
+  known_early_ = nullptr;
+  checksum_ = 0;
   is_equal_ = false;
   if (entry.kind != Kind::file && entry.kind != Kind::hardlink) return;
   open_live(entry.path);
   if (!live_) return;
   is_equal_ = stamp_.size == entry.size;
-  if (entry.kind == Kind::file) return;
+  if (entry.kind == Kind::file) {
+    if (early_ != nullptr) known_early_ = early_->find(path_, stamp_);
+    return;
+  }
   const auto file = known_.find(directory_ + entry.target);
   if (file != known_.end() && is_same(file->second.stamp, stamp_)) known_.emplace(path_, file->second);
 }
 
 void ContentCheck::add(std::string_view piece) {
+  if (known_early_ != nullptr) checksum_ = crc32(checksum_, piece);
   if (live_ && is_equal_) is_equal_ = goes_on_with(piece);
 }
 
@@ -63,14 +71,22 @@ bool ContentCheck::goes_on_with(std::string_view bytes) {
   return true;
 }
 
-void ContentCheck::end(const Digest& digest) {
+Digest ContentCheck::end(const Digest& computed) {
+  Digest digest = computed;
+  if (known_early_ != nullptr) {
+    digest = known_early_->member.sha256;
+    is_equal_ = is_equal_ && checksum_ == known_early_->checksum;
+    // Any other one will do for a content that is not the one that was digested.
+    if (!is_equal_) digest.front() ^= 1U;
+  }
   struct stat after = {};
   const bool was_read = live_ && fstat(live_.get(), &after) == 0 && is_same(stamp_, stamp_of(after));
   live_ = Descriptor();
-  if (!was_read || (!is_equal_ && computes_digests())) return;
+  if (!was_read || (!is_equal_ && computes_digests())) return digest;
   Known& known = known_[path_];
   known = {stamp_, digest};
   if (!is_equal_) known.digest.front() ^= 1U;
+  return digest;
 }
 
 const Digest* ContentCheck::digest_of(const std::string& path, const Stamp& stamp) const {

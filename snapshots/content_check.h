@@ -9,6 +9,7 @@
 #include "snapshots/archive_reader.h"
 #include "snapshots/beneath.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/early_digests.h"
 #include "snapshots/tree.h"
 
 namespace ConfSave::snapshots {
@@ -24,17 +25,20 @@ class ContentCheck : public KnownDigests {
     only_compared,
   };
 
-  explicit ContentCheck(Digests digests) : digests_(digests), buffer_(kPiece) {}
+  /// What `early` knows is not computed again; it must outlive this object.
+  explicit ContentCheck(Digests digests, const EarlyDigests* early = nullptr)
+      : digests_(digests), early_(early), buffer_(kPiece) {}
 
-  bool computes_digests() const { return digests_ == Digests::computed; }
+  /// Whether the digest of the current file has to be computed.
+  bool needs_digest() const { return computes_digests() && known_early_ == nullptr; }
 
   /// The entries that follow belong into this directory, which ends in "/".
   void enter(const std::string& directory);
 
   void begin(const Entry& entry);
   void add(std::string_view piece);
-  /// Ends a regular file, with the digest that it gets.
-  void end(const Digest& digest);
+  /// Ends a regular file. `computed` is its digest, if that was needed; returns the one that it gets.
+  Digest end(const Digest& computed);
 
   /// Whether the last file of the archives is the same as the live one.
   bool is_equal() const { return is_equal_; }
@@ -53,16 +57,20 @@ class ContentCheck : public KnownDigests {
     Digest digest{};
   };
 
+  bool computes_digests() const { return digests_ == Digests::computed; }
   void open_live(const std::string& path);
   /// Whether the live file goes on with these bytes.
   bool goes_on_with(std::string_view bytes);
 
   Digests digests_;
+  const EarlyDigests* early_;
   std::string directory_;
   std::optional<Beneath> root_;
-  std::string path_;  ///< of the current file, absolute
-  Descriptor live_;   ///< the live file there, if one can be read
-  Stamp stamp_;       ///< of it, before it was read
+  std::string path_;                         ///< of the current file, absolute
+  Descriptor live_;                          ///< the live file there, if one can be read
+  Stamp stamp_;                              ///< of it, before it was read
+  const LiveMember* known_early_ = nullptr;  ///< the live file, if its digest is known
+  std::uint32_t checksum_ = 0;               ///< then that of the archive's content
   bool is_equal_ = false;
   std::vector<char> buffer_;
   std::unordered_map<std::string, Known> known_;  ///< by absolute path

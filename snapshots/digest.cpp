@@ -1,6 +1,12 @@
 #include "snapshots/digest.h"
 
+#include <isa-l/crc.h>
+
 namespace ConfSave::snapshots {
+
+std::uint32_t crc32(std::uint32_t before, std::string_view bytes) {
+  return crc32_gzip_refl(before, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+}
 
 Sha256::Sha256() : context_{} { sha256_init(&context_); }
 

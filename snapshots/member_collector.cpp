@@ -50,7 +50,7 @@ EntryHandler MemberReader::handler() {
   return {[this](const Entry& entry) { return begin(entry); },
           [this](std::string_view piece) {
             if (check_ != nullptr) check_->add(piece);
-            if (check_ == nullptr || check_->computes_digests()) sha256_.add(piece.data(), piece.size());
+            if (check_ == nullptr || check_->needs_digest()) sha256_.add(piece.data(), piece.size());
             return Error{};
           },
           [this] { return end(); }};
@@ -87,9 +87,9 @@ Error MemberReader::find_owner(const Entry& entry) {
 }
 
 Error MemberReader::end() {
-  const Digest digest = sha256_.finish();
+  Digest digest = sha256_.finish();
+  if (check_ != nullptr && current_.kind == Kind::file) digest = check_->end(digest);
   if (current_.kind == Kind::file || current_.kind == Kind::symlink) current_.sha256 = digest;
-  if (check_ != nullptr && current_.kind == Kind::file) check_->end(digest);
   return take_(std::move(current_));
 }
 

@@ -94,7 +94,7 @@ class Planning {
         read_wanted(row_, destinations_, check, plan_.decoded, progress());
     if (!wanted) return wanted.error();
     plan_.wanted = std::move(*wanted);
-    Result<Tree> live = read_parts(parts(), check);
+    Result<Tree> live = read_parts(parts(), &check);
     if (!live) return live.error();
     plan_.live = std::move(live->members);
     return {};

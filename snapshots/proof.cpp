@@ -5,6 +5,7 @@
 
 #include "snapshots/archive_path.h"
 #include "snapshots/differences.h"
+#include "snapshots/early_digests.h"
 #include "snapshots/member_collector.h"
 
 namespace ConfSave::snapshots {
@@ -46,30 +47,38 @@ class Proving {
   /// What went wrong, and in has_changed_ whether a change of the files since the last time explains it.
   Error pack_once(Proven& proven) {
     std::map<std::string, Member> packed;
-    ContentCheck check(ContentCheck::Digests::computed);
-    Error error = pack(proven.packed, check, packed);
+    EarlyDigests early(type_);
+    ContentCheck check(ContentCheck::Digests::computed, &early);
+    Error error = pack(proven.packed, early, check, packed);
     std::vector<std::string> unreadable;
     Result<Tree> live = read_tree(type_, {}, &unreadable, &check);
     phases_.end("compare");
     has_changed_ = live && has_changed_since_last_time(*live);
     if (!live) return live.error();
     if (error.code == Code::ok) error = compare_with(packed, *live, proven.missing);
-    before_ = *live;
+    if (error.code != Code::ok) {
+      before_ = std::move(*live);
+      return error;
+    }
     for (const std::string& path : proven.missing) live->members.erase(path);
     proven.tree = std::move(*live);
     proven.missing.insert(proven.missing.end(), unreadable.begin(), unreadable.end());
-    return error;
+    return {};
   }
 
-  Error pack(Packed& archives, ContentCheck& check, std::map<std::string, Member>& members) {
+  Error pack(Packed& archives, EarlyDigests& early, ContentCheck& check,
+             std::map<std::string, Member>& members) {
     Result<Packed> packed = pack_configuration(type_);
     if (!packed) return packed.error();
     archives = std::move(*packed);
     phases_.end("pack");
+    early.wait();
+    phases_.end("digests");
     Error error = decode(archives.keybase, Base::configuration, check, members);
     if (error.code == Code::ok && type_ != conf_corlu) {
       error = decode(archives.etc, Base::failover, check, members);
     }
+    early.forget();
     phases_.end("decode");
     return error;
   }

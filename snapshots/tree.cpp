@@ -222,8 +222,8 @@ class TreeReading {
     return true;
   }
 
-  void keep(const Member& member, const struct stat& status) {
-    members_[member.path] = {member, stamp_of(status)};
+  void keep(const Member& member, const struct stat& status, std::uint32_t checksum = 0) {
+    members_[member.path] = {member, stamp_of(status), checksum};
   }
 
   Error add_link(int directory, const std::string& path, const std::string& name,
@@ -255,7 +255,7 @@ class TreeReading {
       member.sha256 = sha256_.finish();
       if (fstat(file.get(), &after) != 0) return failure(path);
       if (!is_same(stamp_of(before), stamp_of(after)) || size != before.st_size) continue;
-      keep(member, after);
+      keep(member, after, checksum_);
       return {};
     }
     return {Code::changed_meanwhile, 0, printable(base_ + path), "the file changes while it is read"};
@@ -263,6 +263,7 @@ class TreeReading {
 
   Error digest(int file, const std::string& path, int64& size) {
     buffer_.resize(kPiece);
+    checksum_ = 0;
     for (;;) {
       const ssize_t piece = read(file, buffer_.data(), buffer_.size());
       if (piece < 0 && errno == EINTR) continue;
@@ -274,6 +275,7 @@ class TreeReading {
       if (piece == 0) return {};
       size += piece;
       sha256_.add(buffer_.data(), static_cast<std::size_t>(piece));
+      checksum_ = crc32(checksum_, {buffer_.data(), static_cast<std::size_t>(piece)});
     }
   }
 
@@ -287,6 +289,7 @@ class TreeReading {
   std::optional<std::string> parent_;  ///< of the last entry; most entries share theirs
   Descriptor parent_directory_;        ///< none if it is missing
   Sha256 sha256_;
+  std::uint32_t checksum_ = 0;
   std::vector<char> buffer_;
   std::size_t depth_ = 0;
   bool enters_directories_ = true;
@@ -307,14 +310,12 @@ std::vector<std::string> paths_of(Base base, conftype type, bool with_database) 
   return paths;
 }
 
-Result<Tree> read(conftype type, const Limits& limits, const KnownDigests* known,
+Result<Tree> read(const std::vector<TreePart>& parts, const Limits& limits, const KnownDigests* known,
                   std::vector<std::string>* unreadable) {
   Tree tree{known != nullptr ? known->moment() : now(), {}};
-  const bool with_database = has_database();
-  for (const Base base : {Base::configuration, Base::failover}) {
-    TreeReading reading(base, directory_of(base), limits, known, tree.members, unreadable);
-    if (Error error = reading.run(paths_of(base, type, with_database)); error.code != Code::ok)
-      return error;
+  for (const TreePart& part : parts) {
+    TreeReading reading(part.base, part.directory, limits, known, tree.members, unreadable);
+    if (Error error = reading.run(part.paths, part.alone); error.code != Code::ok) return error;
   }
   return tree;
 }
@@ -325,22 +326,25 @@ KnownDigests::KnownDigests() : moment_(now()) {}
 
 Result<Tree> read_tree(conftype type, const Limits& limits, std::vector<std::string>* unreadable,
                        const KnownDigests* known) {
-  return read(type, limits, known, unreadable);
+  return read(parts_of(type), limits, known, unreadable);
 }
 
-Result<Tree> read_parts(const std::vector<TreePart>& parts, const KnownDigests& known) {
-  const Limits limits;
-  Tree tree{known.moment(), {}};
-  for (const TreePart& part : parts) {
-    TreeReading reading(part.base, part.directory, limits, &known, tree.members, nullptr);
-    if (Error error = reading.run(part.paths, part.alone); error.code != Code::ok) return error;
+std::vector<TreePart> parts_of(conftype type) {
+  const bool with_database = has_database();
+  std::vector<TreePart> parts;
+  for (const Base base : {Base::configuration, Base::failover}) {
+    parts.push_back({base, directory_of(base), paths_of(base, type, with_database), {}});
   }
-  return tree;
+  return parts;
+}
+
+Result<Tree> read_parts(const std::vector<TreePart>& parts, const KnownDigests* known) {
+  return read(parts, Limits{}, known, nullptr);
 }
 
 Result<Tree> read_tree_since(const Tree& saved, conftype type, const Limits& limits) {
   const SavedDigests known(saved);
-  return read(type, limits, &known, nullptr);
+  return read(parts_of(type), limits, &known, nullptr);
 }
 
 }  // namespace ConfSave::snapshots

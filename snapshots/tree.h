@@ -14,6 +14,7 @@ namespace ConfSave::snapshots {
 struct LiveMember {
   Member member;
   Stamp stamp;
+  std::uint32_t checksum = 0;  ///< the CRC-32 of a regular file that was read
 };
 
 /// The live configuration.
@@ -63,7 +64,10 @@ struct TreePart {
   std::vector<std::string> alone;  ///< relative; a directory without what is below
 };
 
+/// The parts that read_tree reads. Asks the platform for the directories; reading the parts does not.
+std::vector<TreePart> parts_of(conftype type);
+
 /// The files at these paths, as read_tree reads them.
-Result<Tree> read_parts(const std::vector<TreePart>& parts, const KnownDigests& known);
+Result<Tree> read_parts(const std::vector<TreePart>& parts, const KnownDigests* known = nullptr);
 
 }  // namespace ConfSave::snapshots

@@ -46,7 +46,8 @@
 // Times are seconds since the epoch, of 64 bits. Versions are packed, see <confsave.h>. Paths of members
 // are absolute: where a restore puts them.
 //
-// Threads. Functions have no state in common; different threads may call them at the same time.
+// Threads. Functions have no state in common; different threads may call them at the same time. While it
+// packs, save() runs a thread of its own, which handles no signals and has ended on return.
 
 #include <optional>
 #include <string>

@@ -65,8 +65,9 @@ TEST_F(PhasesTest, ASave) {
     return std::optional<int>();
   };
   saved("daily");
-  EXPECT_EQ(phases(), Texts{"save: list N, pack N, decode N, compare N, missing N, store N, notes N, "
-                            "reserve N ms"});
+  EXPECT_EQ(phases(),
+            Texts{"save: list N, pack N, digests N, decode N, compare N, missing N, store N, notes N, "
+                  "reserve N ms"});
   EXPECT_GE(duration("pack"), 30);
   forget();
   cs::SaveOptions options;

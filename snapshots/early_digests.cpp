@@ -1,0 +1,69 @@
+#include "snapshots/early_digests.h"
+
+#include <csignal>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "snapshots/libarchive.h"
+
+namespace ConfSave::snapshots {
+namespace {
+
+/// A thread inherits the mask of signals: those of the host are for its own threads.
+class BlockedSignals {
+ public:
+  BlockedSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  BlockedSignals(const BlockedSignals&) = delete;
+  BlockedSignals& operator=(const BlockedSignals&) = delete;
+  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_{};
+};
+
+Tree read_live_files(const std::vector<TreePart>& parts) {
+  try {
+    static_cast<void>(libarchive());
+    Result<Tree> tree = read_parts(parts);
+    return tree ? std::move(*tree) : Tree{};
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
+}
+
+std::future<Tree> start(std::vector<TreePart> parts) {
+  const BlockedSignals blocked;
+  try {
+    return std::async(std::launch::async, [parts = std::move(parts)] { return read_live_files(parts); });
+  } catch (const std::system_error&) {
+    return {};
+  }
+}
+
+}  // namespace
+
+// The platform may not be asked in another thread while it packs.
+EarlyDigests::EarlyDigests(conftype type) : reading_(start(parts_of(type))) {}
+
+void EarlyDigests::wait() {
+  if (!reading_.valid()) return;
+  tree_ = reading_.get();
+  known_.emplace(tree_);
+}
+
+const LiveMember* EarlyDigests::find(const std::string& path, const Stamp& stamp) const {
+  if (!known_ || known_->digest_of(path, stamp) == nullptr) return nullptr;
+  return &tree_.members.at(path);
+}
+
+void EarlyDigests::forget() {
+  known_.reset();
+  tree_.members.clear();
+}
+
+}  // namespace ConfSave::snapshots
