@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "exit_status.h"
+#include "interrupt.h"
 #include "names.h"
 #include "text.h"
 #include "turns.h"
@@ -59,6 +60,7 @@ std::string next_step(const cs::Error& error, bool waits) {
     case Code::pinned:
       return "Unpin it, or give --force";
     case Code::busy:
+      if (interrupted()) return "The wait was interrupted";
       return waits ? "Try again later, or wait longer with --wait" : "Try again later";
     case Code::incomplete:
       return "Give --force to store it all the same";
