@@ -95,12 +95,21 @@ void warn_of_files_left_out(const Saved& saved, std::vector<std::string>& warnin
   }
 }
 
+/// Codes that speak of a snapshot would be taken for the one that is restored.
+Error not_kept(Error error) {
+  const bool is_of_archive =
+      error.code == Code::damaged || (error.code == Code::unsafe && error.path.compare(0, 1, "/") != 0);
+  if (is_of_archive) error.code = Code::failed;
+  error.text = "the present configuration cannot be kept as a snapshot: " + error.text;
+  return error;
+}
+
 }  // namespace
 
 Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& deadline,
                                        std::vector<std::string>& warnings) {
   const Result<Snapshots> rows = newest_rows("*", deadline);
-  if (!rows) return rows.error();
+  if (!rows) return not_kept(rows.error());
   if (std::string equal = find_equal(*rows, loading, deadline); !equal.empty()) return equal;
   SaveOptions options;
   const std::string comment = "before '" + printable(loading.config.name) + "' was loaded";
@@ -108,7 +117,7 @@ Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& 
   const std::string name = free_name(*rows);
   Result<Saved> saved = save_under_lock({name}, options, deadline);
   if (!saved && saved.error().code == Code::incomplete) return std::string();
-  if (!saved) return saved.error();
+  if (!saved) return not_kept(saved.error());
   std::move(saved->warnings.begin(), saved->warnings.end(), std::back_inserter(warnings));
   warn_of_files_left_out(*saved, warnings);
   return name;

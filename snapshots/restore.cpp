@@ -153,11 +153,7 @@ class Restoring {
     if (!options_.keep || !options_.target.empty()) return {};
     report(Progress::Phase::keeping);
     Result<std::string> kept = keep_configuration(record_.snapshot, deadline_, restored_.warnings);
-    if (!kept) {
-      Error error = kept.error();
-      error.text = "the present configuration cannot be kept as a snapshot: " + error.text;
-      return error;
-    }
+    if (!kept) return kept.error();
     restored_.kept = std::move(*kept);
     return {};
   }

@@ -153,6 +153,21 @@ TEST_F(Keep, WhyTheConfigurationCannotBeSavedIsReturned) {
   const auto name = keep_configuration({}, Deadline(milliseconds(5000)), warnings);
   ASSERT_FALSE(name);
   EXPECT_EQ(name.error().code, Code::unsafe);
+  EXPECT_EQ(name.error().text,
+            "the present configuration cannot be kept as a snapshot: this is a device or a FIFO");
+  EXPECT_EQ(stored(), Texts{"weekly"});
+}
+
+/// "Damaged" would be said of the snapshot that is restored.
+TEST_F(Keep, AnArchiveOfThePresentConfigurationIsNoDamagedSnapshot) {
+  saved("weekly");
+  change();
+  host.on_command = [this](const std::string& command) -> std::optional<int> {
+    return shell(command + " && truncate -s -5 " + temp_dir() + "/*");
+  };
+  EXPECT_EQ(kept(), shown({Code::failed, 0, config_dir(),
+                           "the present configuration cannot be kept as a snapshot: the archive ends in "
+                           "the middle"}));
   EXPECT_EQ(stored(), Texts{"weekly"});
 }
 
