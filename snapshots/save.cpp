@@ -173,8 +173,8 @@ class Saving {
   Error store(Proven& proven) {
     Result<StorageWriter> writer = StorageWriter::open(deadline_);
     if (!writer) return writer.error();
-    const NewRow row{id_.name, id_.version, options_.type, std::time(nullptr), std::move(proven.packed)};
-    Result<Stored> stored = writer->store(row, options_.overwrite);
+    NewRow row{id_.name, id_.version, options_.type, std::time(nullptr), std::move(proven.packed)};
+    Result<Stored> stored = writer->store(std::move(row), options_.overwrite);
     if (!stored) return stored.error();
     saved_.outcome = stored->replaced ? Saved::Outcome::replaced : Saved::Outcome::created;
     saved_.snapshot = std::move(stored->snapshot);

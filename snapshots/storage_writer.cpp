@@ -49,7 +49,7 @@ Error StorageWriter::choose_layout() {
   return status.st_size == 0 ? database_.run("pragma auto_vacuum=incremental") : Error{};
 }
 
-Result<Stored> StorageWriter::store(const NewRow& row, bool overwrite) {
+Result<Stored> StorageWriter::store(NewRow row, bool overwrite) {
   Stored stored;
   Error error = in_transaction([&] { return store_in_transaction(row, overwrite, stored); });
   if (error.code == Code::ok) return stored;
@@ -67,14 +67,34 @@ Error StorageWriter::in_transaction(const std::function<Error()>& change) {
   return error;
 }
 
-Error StorageWriter::store_in_transaction(const NewRow& row, bool overwrite, Stored& stored) {
-  const Result<std::optional<int64>> replaced = make_room({row.name, row.version}, overwrite);
-  if (!replaced) return replaced.error();
-  stored.replaced = replaced->has_value();
-  stored.replaced_id = replaced->value_or(0);
-  Error error = insert(row);
-  if (error.code == Code::ok) error = look_up(row, stored.snapshot);
-  return error;
+Error StorageWriter::store_in_transaction(NewRow& row, bool overwrite, Stored& stored) {
+  const Id id{row.name, row.version};
+  const Result<std::optional<int64>> old = find_old(id, overwrite);
+  if (!old) return old.error();
+  stored.replaced = old->has_value();
+  stored.replaced_id = old->value_or(0);
+  stored.snapshot.keybase_size = static_cast<int64>(row.archives.keybase.size());
+  stored.snapshot.etc_size = static_cast<int64>(row.archives.etc.size());
+
+  const Result<bool> is_aside = put(row, stored.replaced);
+  if (!is_aside) return is_aside.error();
+  const int64 rowid = sqlite3_last_insert_rowid(database_.get());
+  Error error = read_back(row.archives, rowid);
+  // To name a row SQLite takes as much memory as to insert it.
+  row.archives = {};
+  if (*is_aside && error.code == Code::ok) error = take_place(id, rowid);
+  return error.code == Code::ok ? look_up(row, rowid, stored.snapshot) : error;
+}
+
+/// True if the old row is still there.
+Result<bool> StorageWriter::put(const NewRow& row, bool replaces) {
+  if (replaces) {
+    Result<bool> is_aside = insert_aside(row);
+    if (!is_aside || *is_aside) return is_aside;
+    if (Error error = remove({row.name, row.version}); error.code != Code::ok) return error;
+  }
+  Error error = insert(row, Name::text);
+  return error.code == Code::ok ? Result<bool>(false) : Result<bool>(error);
 }
 
 Error StorageWriter::make_table() {
@@ -83,53 +103,91 @@ Error StorageWriter::make_table() {
   return *has_table ? Error{} : database_.run(sql::create_table().c_str());
 }
 
-Result<std::optional<int64>> StorageWriter::make_room(const Id& id, bool overwrite) {
+Result<std::optional<int64>> StorageWriter::find_old(const Id& id, bool overwrite) {
   Result<Statement> old = database_.prepare("select id from Config where name = ? and version = ?");
   if (!old) return old.error();
   const int code = old->bind(id.name).bind(id.version).step();
   if (code == SQLITE_DONE) return std::optional<int64>();
   if (code != SQLITE_ROW) return error();
-  if (!overwrite) {
-    return Error{Code::taken, 0, "", "there is a snapshot '" + id.name + "' of this version"};
-  }
-  const int64 replaced = old->number(0);
-  Result<Statement> removal = database_.prepare("delete from Config where name = ? and version = ?");
-  if (!removal) return removal.error();
-  if (removal->bind(id.name).bind(id.version).step() != SQLITE_DONE) return error();
-  return std::optional<int64>(replaced);
+  if (overwrite) return std::optional<int64>(old->number(0));
+  return Error{Code::taken, 0, "", "there is a snapshot '" + id.name + "' of this version"};
 }
 
-/// The order of the columns is that of the contract library. The load time stays null.
-Error StorageWriter::insert(const NewRow& row) {
+Error StorageWriter::remove(const Id& id) {
+  Result<Statement> removal = database_.prepare("delete from Config where name = ? and version = ?");
+  if (!removal) return removal.error();
+  return removal->bind(id.name).bind(id.version).step() == SQLITE_DONE ? Error{} : error();
+}
+
+Result<std::optional<int64>> StorageWriter::make_room(const Id& id, bool overwrite) {
+  Result<std::optional<int64>> old = find_old(id, overwrite);
+  if (!old || !*old) return old;
+  Error error = remove(id);
+  return error.code == Code::ok ? old : Result<std::optional<int64>>(error);
+}
+
+/// Pages that the old row frees before would be used for the new one, and what they held would have to be
+/// written into the journal: as much as the row. So the old row goes last, in a file of the contract
+/// library's layout. False if it has to go first: in another one, or if the table has a rule for names.
+Result<bool> StorageWriter::insert_aside(const NewRow& row) {
+  Result<Statement> layout = database_.prepare(
+      "select auto_vacuum = 2 and encoding = 'UTF-8' from pragma_auto_vacuum, pragma_encoding");
+  if (!layout) return layout.error();
+  if (layout->step() != SQLITE_ROW) return error();
+  if (layout->number(0) == 0) return false;
+  Error error = insert(row, Name::blob);
+  if ((error.number & 0xff) == SQLITE_CONSTRAINT) return false;
+  return error.code == Code::ok ? Result<bool>(true) : Result<bool>(error);
+}
+
+/// The order of the columns is that of the contract library. The load time stays null. A name as a blob
+/// equals no text, and takes as many bytes in the row.
+Error StorageWriter::insert(const NewRow& row, Name as) {
   Result<Statement> statement = database_.prepare(
       "insert into Config (name, keybase, etc, version, save_time, type) values (?,?,?,?,?,?)");
   if (!statement) return statement.error();
-  statement->bind(row.name).bind(row.archives.keybase).bind(row.archives.etc);
+  const std::vector<char> name(row.name.begin(), row.name.end());
+  as == Name::blob ? statement->bind(name) : statement->bind(row.name);
+  statement->bind(row.archives.keybase).bind(row.archives.etc);
   statement->bind(row.version).bind(row.save_time).bind(int64{row.type});
   return statement->step() == SQLITE_DONE ? Error{} : error();
 }
 
-Error StorageWriter::look_up(const NewRow& row, Snapshot& snapshot) {
-  const int64 rowid = sqlite3_last_insert_rowid(database_.get());
+Error StorageWriter::read_back(const Packed& archives, int64 rowid) {
+  Error error = compare_archive("keybase", rowid, archives.keybase);
+  return error.code == Code::ok ? compare_archive("etc", rowid, archives.etc) : error;
+}
+
+/// A row that keeps its size is written where it is: only the page with its name changes.
+Error StorageWriter::take_place(const Id& id, int64 rowid) {
+  Error error = database_.run("pragma secure_delete=fast");
+  if (error.code == Code::ok) error = remove(id);
+  if (error.code != Code::ok) return error;
+  Result<Statement> statement = database_.prepare("update Config set name = ? where rowid = ?");
+  if (!statement) return statement.error();
+  return statement->bind(id.name).bind(rowid).step() == SQLITE_DONE ? Error{} : this->error();
+}
+
+/// The sizes of the archives are in `snapshot`.
+Error StorageWriter::look_up(const NewRow& row, int64 rowid, Snapshot& snapshot) {
   Result<Statement> found = database_.prepare(
       "select id, name, version, type, save_time, load_time, ifnull(length(keybase), 0), "
       "ifnull(length(etc), 0) from Config where rowid = ?");
   if (!found) return found.error();
   if (found->bind(rowid).step() != SQLITE_ROW) return error();
+  // Before the value is read as a text, which makes it one.
+  const bool is_text = found->type(1) == SQLITE_TEXT;
   snapshot.id = found->number(0);
   snapshot.config.name = found->text(1);
   snapshot.config.vers = found->number(2);
   snapshot.config.type = static_cast<conftype>(found->number(3));
   snapshot.config.save_time = found->number(4);
-  snapshot.keybase_size = found->number(6);
-  snapshot.etc_size = found->number(7);
-  const bool same = snapshot.config.name == row.name && found->type(2) == SQLITE_INTEGER &&
+  const bool same = is_text && snapshot.config.name == row.name && found->type(2) == SQLITE_INTEGER &&
                     snapshot.config.vers == row.version && found->type(3) == SQLITE_INTEGER &&
                     snapshot.config.type == row.type && found->type(4) == SQLITE_INTEGER &&
-                    snapshot.config.save_time == row.save_time && found->type(5) == SQLITE_NULL;
-  if (!same) return wrong(database_.file(), "the row is not stored as it was written");
-  Error error = compare_archive("keybase", rowid, row.archives.keybase);
-  return error.code == Code::ok ? compare_archive("etc", rowid, row.archives.etc) : error;
+                    snapshot.config.save_time == row.save_time && found->type(5) == SQLITE_NULL &&
+                    found->number(6) == snapshot.keybase_size && found->number(7) == snapshot.etc_size;
+  return same ? Error{} : wrong(database_.file(), "the row is not stored as it was written");
 }
 
 Error StorageWriter::compare_archive(const char* column, int64 rowid, const std::vector<char>& archive) {

@@ -34,9 +34,10 @@ class StorageWriter {
   static Result<StorageWriter> open(const Deadline& deadline);
 
   /// Stores `row`, durably, in place of the row of its name and version; Code::taken if there is one and
-  /// `overwrite` is false. The row is looked up and its archives are read back before the commit. After
-  /// an error the storage is unchanged.
-  Result<Stored> store(const NewRow& row, bool overwrite);
+  /// `overwrite` is false. The archives are read back and the row is looked up before the commit. After an
+  /// error the storage is unchanged. The pages of the old row stay free in the file, with their content,
+  /// until other rows use them or a deletion gives them back.
+  Result<Stored> store(NewRow row, bool overwrite);
 
   /// Runs `change` in one transaction in which the table exists; durable on return. After an error the
   /// storage is unchanged.
@@ -55,9 +56,16 @@ class StorageWriter {
   /// What an empty file gets before its table, as the contract library does it.
   Error choose_layout();
   Error make_table();
-  Error store_in_transaction(const NewRow& row, bool overwrite, Stored& stored);
-  Error insert(const NewRow& row);
-  Error look_up(const NewRow& row, Snapshot& snapshot);
+  Result<std::optional<int64>> find_old(const Id& id, bool overwrite);
+  Error store_in_transaction(NewRow& row, bool overwrite, Stored& stored);
+  Result<bool> put(const NewRow& row, bool replaces);
+  Result<bool> insert_aside(const NewRow& row);
+  enum class Name { text, blob };
+  Error insert(const NewRow& row, Name as);
+  Error read_back(const Packed& archives, int64 rowid);
+  Error remove(const Id& id);
+  Error take_place(const Id& id, int64 rowid);
+  Error look_up(const NewRow& row, int64 rowid, Snapshot& snapshot);
   Error compare_archive(const char* column, int64 rowid, const std::vector<char>& archive);
   /// A refusal by a rule that only the table of another program has.
   Error error() const;

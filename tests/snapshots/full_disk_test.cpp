@@ -56,6 +56,11 @@ class FullDiskTest : public Gateway {
     return read_file(reserve()) == std::string(static_cast<std::size_t>(Reserve::kSize), '\0');
   }
 
+  long storage_size() {
+    struct stat status = {};
+    return stat(database().c_str(), &status) == 0 ? status.st_size : -1;
+  }
+
   /// What a deletion without the reserve comes to.
   std::string refusal() {
     try {
@@ -105,6 +110,25 @@ TEST_F(FullDiskTest, ALargeRowIsDeletedAndTheDiskHasRoomAgain) {
   EXPECT_EQ(query("pragma integrity_check"), Rows{{"ok"}});
   EXPECT_TRUE(reserve_is_whole() && reserve_is_empty());
   EXPECT_FALSE(exists(journal()));
+}
+
+/// What the old row held does not go through the journal, and its pages are there for the next one.
+TEST_F(FullDiskTest, ASnapshotIsReplacedWhereThereIsRoomForItsPagesOnly) {
+  constexpr long kRow = 1 << 20;
+  constexpr long kLeft = 300000;
+  const SmallDisk disk(state_dir(), 6 << 20);
+  make_configuration();
+  SaveOptions options;
+  options.overwrite = true;
+  for (int night = 1; night <= 4; ++night) {
+    shell("head -c " + std::to_string(kRow) + " /dev/urandom > " + config_dir() + "gw1.conf");
+    ASSERT_TRUE(save({"weekly"}, options)) << night;
+    EXPECT_LT(storage_size(), (night == 1 ? 2 : 3) * kRow) << night;
+    if (night != 2) continue;
+    const std::string filler = std::to_string(disk.free_bytes() - kLeft);
+    shell("head -c " + filler + " /dev/zero > " + state_dir() + "/filler");
+  }
+  EXPECT_EQ(verify({"weekly"})->state, Verdict::State::intact);
 }
 
 TEST_F(FullDiskTest, SmallRowsAreDeletedOneAfterAnother) {

@@ -77,7 +77,10 @@ TEST_F(Save, TheRowIsLikeOneOfTheContract) {
         "(select encoding from pragma_encoding), (select journal_mode from pragma_journal_mode), "
         "group_concat(type || name || tbl_name || ifnull(sql, '')) from sqlite_schema";
     const Rows their_layout = query(layout);
-    saved("ours", of_type(type));
+    SaveOptions options = of_type(type);
+    saved("ours", options);
+    options.overwrite = true;
+    EXPECT_EQ(saved("ours", options).outcome, Outcome::replaced);
     const Rows types = query(
         "select distinct typeof(id), typeof(name), typeof(version), typeof(keybase), typeof(etc), "
         "typeof(type), typeof(save_time), typeof(load_time), version, type, load_time from Config");
@@ -170,6 +173,32 @@ TEST_F(Save, ASnapshotIsReplacedOnlyOnRequest) {
   EXPECT_TRUE(is_live("weekly"));
   EXPECT_EQ(query("select version from Config order by id"), (Rows{{"5"}, {kCurrentText}}));
   EXPECT_EQ(saved("other", overwrite()).outcome, Outcome::created);
+}
+
+TEST_F(Save, ASnapshotIsReplacedInAStorageOfAnotherLayout) {
+  const std::string incremental = "pragma auto_vacuum = incremental; ";
+  const std::string columns =
+      "id integer primary key, name text, version integer, keybase blob, etc blob, type integer, "
+      "save_time integer, load_time integer, unique (name, version)";
+  const std::string cases[] = {
+      kCreateTable,
+      "pragma auto_vacuum = full; " + std::string(kCreateTable),
+      incremental + "pragma encoding = 'UTF-16le'; " + kCreateTable,
+      incremental + "create table Config (" + columns + ", check (typeof(name) = 'text'))",
+      incremental + "create table Config (" + columns + ") strict",
+      incremental + kCreateTable + "; insert into Config (name, version) values (cast('weekly' as blob), " +
+          kCurrentText + ")",
+  };
+  for (const std::string& sql : cases) {
+    shell("rm -f " + database());
+    Database(database()).run(sql);
+    EXPECT_EQ(saved("weekly", overwrite()).outcome, Outcome::created) << sql;
+    write_file(config("gw1.conf"), sql);
+    EXPECT_EQ(saved("weekly", overwrite()).outcome, Outcome::replaced) << sql;
+    EXPECT_EQ(query("select name from Config where typeof(name) = 'text'"), (Rows{{"weekly"}})) << sql;
+    EXPECT_EQ(query("pragma integrity_check"), Rows{{"ok"}}) << sql;
+    EXPECT_TRUE(is_live("weekly")) << sql;
+  }
 }
 
 TEST_F(Save, APinStaysWithTheName) {
