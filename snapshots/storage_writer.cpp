@@ -136,7 +136,9 @@ Result<bool> StorageWriter::insert_aside(const NewRow& row) {
   if (layout->step() != SQLITE_ROW) return error();
   if (layout->number(0) == 0) return false;
   Error error = insert(row, Name::blob);
-  if ((error.number & 0xff) == SQLITE_CONSTRAINT) return false;
+  const bool is_refused = (error.number & 0xff) == SQLITE_CONSTRAINT;
+  // A rule of the table can end the transaction.
+  if (is_refused && sqlite3_get_autocommit(database_.get()) == 0) return false;
   return error.code == Code::ok ? Result<bool>(true) : Result<bool>(error);
 }
 

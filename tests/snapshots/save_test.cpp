@@ -201,6 +201,23 @@ TEST_F(Save, ASnapshotIsReplacedInAStorageOfAnotherLayout) {
   }
 }
 
+TEST_F(Save, ARuleThatEndsTheTransactionLeavesTheOldRow) {
+  Database(database())
+      .run(
+          "pragma auto_vacuum = incremental; create table Config (id integer primary key, name text, "
+          "version "
+          "integer, keybase blob, etc blob, type integer, save_time integer, load_time integer, unique "
+          "(name, "
+          "version) on conflict rollback)");
+  saved("weekly");
+  Database(database())
+      .run("insert into Config (name, version) select cast(name as blob), version from Config");
+  const Rows before = query("select *, hex(keybase) from Config");
+  write_file(config("gw1.conf"), "changed");
+  EXPECT_EQ(code("weekly", overwrite()), Code::no_storage);
+  EXPECT_TRUE(query("select *, hex(keybase) from Config") == before);
+}
+
 TEST_F(Save, APinStaysWithTheName) {
   saved("weekly");
   ASSERT_EQ(pin({"weekly"}, true).code, Code::ok);
