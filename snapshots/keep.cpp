@@ -95,7 +95,7 @@ void warn_of_files_left_out(const Saved& saved, std::vector<std::string>& warnin
   }
 }
 
-/// Codes that speak of a snapshot would be taken for the one that is restored.
+/// A code about a snapshot would be understood of the one that is restored.
 Error not_kept(Error error) {
   const bool is_of_archive =
       error.code == Code::damaged || (error.code == Code::unsafe && error.path.compare(0, 1, "/") != 0);
