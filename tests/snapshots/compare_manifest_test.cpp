@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <thread>
-
 #include "confsave/snapshots.h"
 #include "snapshots/manifests.h"
 #include "support/gateway.h"
@@ -13,14 +11,10 @@ namespace {
 
 using namespace test;
 using namespace ConfSave::snapshots;
-using std::chrono::milliseconds;
 
 class CompareManifest : public Gateway {
  protected:
   CompareManifest() { make_configuration(); }
-
-  /// So long that no file can change again with the same times.
-  static void let_the_files_grow_old() { std::this_thread::sleep_for(milliseconds(2100)); }
 
   void in_config(const std::string& command) {
     ASSERT_EQ(shell("cd " + config_dir() + " && " + command), 0) << command;

@@ -26,9 +26,6 @@ void count(int) { ++handled; }
 
 class Early : public Saving {
  protected:
-  /// So long that no file can change again with the same times.
-  static void let_the_files_grow_old() { std::this_thread::sleep_for(std::chrono::milliseconds(2100)); }
-
   Stamp stamp(const std::string& name) const {
     struct stat status = {};
     EXPECT_EQ(stat(config(name).c_str(), &status), 0);

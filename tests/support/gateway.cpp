@@ -4,12 +4,14 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace fs = std::filesystem;
@@ -92,6 +94,8 @@ void Gateway::make_configuration() const {
   make(config_dir(), kConfigFiles);
   make(etc_dir(), kEtcFiles);
 }
+
+void Gateway::let_the_files_grow_old() { std::this_thread::sleep_for(std::chrono::milliseconds(2100)); }
 
 Texts Gateway::temp_files() const { return names_in(temp_dir()); }
 

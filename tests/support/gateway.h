@@ -46,6 +46,9 @@ struct Gateway : testing::Test {
   /// included, each with its own content, mode and time.
   void make_configuration() const;
 
+  /// Waits so long that no file can change again with the same times.
+  static void let_the_files_grow_old();
+
   /// The names in the temporary directory.
   Texts temp_files() const;
 
