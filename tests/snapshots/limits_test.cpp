@@ -1,6 +1,7 @@
 // Sizes that no gateway has, and files that change all the time.
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -140,6 +141,25 @@ TEST_F(Limit, AHundredThousandRowsAreListed) {
   EXPECT_EQ(verify({"name99999", 5})->state, Verdict::State::damaged);
   EXPECT_LT(meter.time(), milliseconds(10000));
 }
+
+#if !defined(CONFSAVE_SANITIZED)  // Sanitizers keep what is freed.
+
+TEST_F(Limit, ASaveHoldsThePackedArchivesAtMostTwice) {
+  constexpr long kMebibytes = 24;
+  // What is freed goes back to the system, and does not count.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
+  make_configuration();
+  SaveOptions options;
+  options.overwrite = true;
+  for (const char* what : {"created", "replaced", "replaced again"}) {
+    shell("head -c " + std::to_string(kMebibytes << 20) + " /dev/urandom > " + config_dir() + "gw1.conf");
+    const Meter meter;
+    ASSERT_TRUE(save({"weekly"}, options)) << what;
+    EXPECT_LT(meter.mebibytes(), 2 * kMebibytes + 12) << what;
+  }
+}
+
+#endif
 
 TEST_F(Limit, NamesHaveEveryByteExceptALineFeed) {
   make_configuration();
