@@ -13,6 +13,11 @@ using namespace test;
 using namespace ConfSave::snapshots;
 using Outcome = Saved::Outcome;
 
+/// Of a table that another program has made.
+const std::string kColumns =
+    "id integer primary key, name text, version integer, keybase blob, etc blob, type integer, save_time "
+    "integer, load_time integer, unique (name, version)";
+
 class Save : public Saving {
  protected:
   /// The tar archive in a column, or "NULL".
@@ -177,15 +182,12 @@ TEST_F(Save, ASnapshotIsReplacedOnlyOnRequest) {
 
 TEST_F(Save, ASnapshotIsReplacedInAStorageOfAnotherLayout) {
   const std::string incremental = "pragma auto_vacuum = incremental; ";
-  const std::string columns =
-      "id integer primary key, name text, version integer, keybase blob, etc blob, type integer, "
-      "save_time integer, load_time integer, unique (name, version)";
   const std::string cases[] = {
       kCreateTable,
       "pragma auto_vacuum = full; " + std::string(kCreateTable),
       incremental + "pragma encoding = 'UTF-16le'; " + kCreateTable,
-      incremental + "create table Config (" + columns + ", check (typeof(name) = 'text'))",
-      incremental + "create table Config (" + columns + ") strict",
+      incremental + "create table Config (" + kColumns + ", check (typeof(name) = 'text'))",
+      incremental + "create table Config (" + kColumns + ") strict",
       incremental + kCreateTable + "; insert into Config (name, version) values (cast('weekly' as blob), " +
           kCurrentText + ")",
   };
@@ -203,12 +205,7 @@ TEST_F(Save, ASnapshotIsReplacedInAStorageOfAnotherLayout) {
 
 TEST_F(Save, ARuleThatEndsTheTransactionLeavesTheOldRow) {
   Database(database())
-      .run(
-          "pragma auto_vacuum = incremental; create table Config (id integer primary key, name text, "
-          "version "
-          "integer, keybase blob, etc blob, type integer, save_time integer, load_time integer, unique "
-          "(name, "
-          "version) on conflict rollback)");
+      .run("pragma auto_vacuum = incremental; create table Config (" + kColumns + " on conflict rollback)");
   saved("weekly");
   Database(database())
       .run("insert into Config (name, version) select cast(name as blob), version from Config");
