@@ -33,7 +33,7 @@ REASONS = {
         "git": "Its log is in one file, next to nothing else; it starts with fewer libraries.",
         **dict.fromkeys(("restic", "borg"), "It keeps its list in files of its own.")}}
 TABLES = {beside.SAVES[0]: "save", beside.SAVES[1]: "save", beside.UNCHANGED: "save",
-          beside.DAMAGED: "restore", beside.EQUAL: "restore", beside.EMPTY: "restore",
+          **dict.fromkeys((beside.DAMAGED, beside.FIRST, beside.EQUAL, beside.EMPTY), "restore"),
           beside.DIFF: "compare", beside.VERIFY: "verify",
           listing.BY_NUMBER[False]: "list", listing.BY_NUMBER[True]: "list"}
 

@@ -7,6 +7,7 @@ from measuring import note, quartiles, show
 SAVES = ("save, first of a new storage", "save, one file changed")
 UNCHANGED = "save if changed, nothing changed"
 DAMAGED = "restore, one file in ten damaged"
+FIRST = "restore, one file in ten damaged, first load of the snapshot"
 EQUAL = "restore, nothing differs"
 EMPTY = "restore into an empty directory"
 DIFF = "compare with the live files, nothing changed"
@@ -51,26 +52,34 @@ def saves(bench, peers, turns):
 
 
 def restores(bench, peers, turns):
-    damaged, equal, empty = {}, {}, {}
+    first, damaged, equal, empty = {}, {}, {}, {}
     load = "load", "weekly", "--yes"
     by_name = {peer.name: peer for peer in peers}
 
-    def renew(name, damaged):
+    def renew(name, damaged, never_loaded=False):
+        bench.enter_copy(f"state of {name}", never_loaded)
         bench.renew()
         if name in by_name:
             by_name[name].know()
         if damaged:
             bench.damage()
 
+    def clear_target(name):
+        bench.enter_copy(f"state of {name}")
+        bench.clear(bench.target)
+
     def check(name):
         bench.check_restored(name, bench.config)
 
     for label, size in turns.effort.sizes.items():
         bench.make_configuration(size)
+        bench.leave_copies()
         new_stores(bench, peers)
         ways = {**bench.contract_ways("load", "weekly"),
                 "confsave": bench.confsave(*load, "--no-keep"), "confsave, keep": bench.confsave(*load),
                 **peers_do(peers, "restore", bench.config)}
+        first[label] = turns.take({name: ways[name] for name in ("contract library", "confsave", "tar")},
+                                  lambda name: renew(name, True, never_loaded=True), check)
         damaged[label] = turns.take(ways, lambda name: renew(name, True), check)
         del ways["by hand"], ways["contract library, gzip"], ways["confsave, keep"]
         equal[label] = turns.take(ways, lambda name: renew(name, False), check)
@@ -78,8 +87,9 @@ def restores(bench, peers, turns):
             {**bench.contract_ways("load", "weekly", f"{bench.target}/"),
              "confsave": bench.confsave(*load, "--target", bench.target),
              **peers_do(peers, "restore", bench.target)},
-            lambda name: bench.clear(bench.target), lambda name: bench.check_restored(name, bench.target))
-    for title, rows in ((DAMAGED, damaged), (EQUAL, equal), (EMPTY, empty)):
+            clear_target, lambda name: bench.check_restored(name, bench.target))
+    bench.leave_copies()
+    for title, rows in ((DAMAGED, damaged), (FIRST, first), (EQUAL, equal), (EMPTY, empty)):
         show(title, rows, "tar")
 
 

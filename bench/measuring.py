@@ -126,6 +126,19 @@ class Bench:
         self.state = self.root / name
         self.state.mkdir(exist_ok=True)
 
+    def enter_copy(self, name, anew=False):
+        """In its copy of the state directory a way meets no rows, and no loads, of others."""
+        copy = self.root / "copies" / name
+        if anew:
+            shutil.rmtree(copy, ignore_errors=True)
+        if not copy.exists():
+            shutil.copytree(self.root / "state", copy)
+        self.state = copy
+
+    def leave_copies(self):
+        shutil.rmtree(self.root / "copies", ignore_errors=True)
+        self.state = self.root / "state"
+
     def change_a_line(self):
         with open(self.config / self.files[0], "ab") as out:
             out.write(b"one line more %d\n" % time.time_ns())
