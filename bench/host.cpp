@@ -22,6 +22,8 @@
 #include <string>
 #include <vector>
 
+#include "peak_memory.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -44,18 +46,6 @@ int timed_sync(const char* name, int descriptor) {
   const int result = next<int (*)(int)>(name)(descriptor);
   in_syncs += since(start);
   return result;
-}
-
-/// In KiB. Not getrusage's, which a process has from the one that started it.
-long peak_memory() {
-  std::ifstream status("/proc/self/status");
-  for (std::string word; status >> word;) {
-    if (word != "VmHWM:") continue;
-    long value = 0;
-    status >> value;
-    return value;
-  }
-  return 0;
 }
 
 long bytes_read() {

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "peak_memory.h"
 #include "snapshots/gunzip.h"
 #include "snapshots/libarchive.h"
 #include "snapshots/storage_reader.h"
@@ -91,18 +92,6 @@ bool perform(const std::string& verb, const Id& id) {
   const auto found = kVerbs.find(verb);
   if (found != kVerbs.end()) found->second(id);
   return found != kVerbs.end();
-}
-
-/// In KiB. Not getrusage's, which a process has from the one that started it.
-long peak_memory() {
-  std::ifstream status("/proc/self/status");
-  for (std::string word; status >> word;) {
-    if (word != "VmHWM:") continue;
-    long value = 0;
-    status >> value;
-    return value;
-  }
-  return 0;
 }
 
 }  // namespace

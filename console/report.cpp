@@ -293,6 +293,19 @@ std::optional<cs::Snapshot> choose(const Selection& selection, int& status) {
   return find_only(selection, 1, false, status);
 }
 
+std::optional<cs::Snapshots> choose_some(const Options& options, int& status) {
+  if (!options.all) {
+    const auto one = choose(options.snapshot, status);
+    return one ? std::optional<cs::Snapshots>({*one}) : std::nullopt;
+  }
+  cs::Query query;
+  query.corlu_config = true;
+  auto all = cs::list(query);
+  if (all) return *all;
+  status = report(all.error());
+  return std::nullopt;
+}
+
 std::optional<cs::Snapshot> choose_to_restore(const Options& options, int& status) {
   status = kUsage;
   if (!check_pattern(options.snapshot.name)) return std::nullopt;

@@ -52,7 +52,10 @@ Json json_id(const cs::Snapshot& snapshot);
 /// sets `status`.
 std::optional<cs::Snapshot> choose(const Selection& selection, int& status);
 
-/// The same, to be restored, within the time that the options allow.
+/// The same, or all with --all.
+std::optional<cs::Snapshots> choose_some(const Options& options, int& status);
+
+/// The one, to be restored, within the time that the options allow.
 std::optional<cs::Snapshot> choose_to_restore(const Options& options, int& status);
 
 /// The same by a name, to be changed, within the time that the options allow.

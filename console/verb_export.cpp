@@ -17,20 +17,6 @@ namespace {
 
 constexpr int kAttempts = 10;
 
-/// The snapshots that are to be copied.
-std::optional<cs::Snapshots> chosen(const Options& options, int& status) {
-  if (!options.all) {
-    const auto one = choose(options.snapshot, status);
-    return one ? std::optional<cs::Snapshots>({*one}) : std::nullopt;
-  }
-  cs::Query query;
-  query.corlu_config = true;
-  auto all = cs::list(query);
-  if (all) return *all;
-  status = report(all.error());
-  return std::nullopt;
-}
-
 cs::Error write_out(std::string_view bytes) {
   while (!bytes.empty()) {
     if (interrupted()) return {cs::Code::failed, EINTR, "standard output", "interrupted"};
@@ -61,7 +47,7 @@ bool would_empty(const cs::Ids& ids, const Options& options) {
 /// With --all, what others delete in the meantime is left out.
 std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
   for (int attempt = 1;; ++attempt) {
-    const auto snapshots = chosen(options, status);
+    const auto snapshots = choose_some(options, status);
     if (!snapshots) return std::nullopt;
     cs::Ids ids;
     for (const cs::Snapshot& snapshot : *snapshots) ids.push_back(id_of(snapshot));

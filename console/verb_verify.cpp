@@ -49,25 +49,11 @@ void print(const std::vector<cs::Verdict>& verdicts, bool json) {
   }
 }
 
-/// The snapshots that are to be checked.
-std::optional<cs::Snapshots> chosen(const Options& options, int& status) {
-  if (!options.all) {
-    const auto one = choose(options.snapshot, status);
-    return one ? std::optional<cs::Snapshots>({*one}) : std::nullopt;
-  }
-  cs::Query query;
-  query.corlu_config = true;
-  auto all = cs::list(query);
-  if (all) return *all;
-  status = report(all.error());
-  return std::nullopt;
-}
-
 }  // namespace
 
 int verify(const Options& options) {
   int status = kDone;
-  const auto snapshots = chosen(options, status);
+  const auto snapshots = choose_some(options, status);
   if (!snapshots) return status;
   std::vector<cs::Verdict> verdicts;
   for (const cs::Snapshot& snapshot : *snapshots) {
