@@ -78,7 +78,7 @@ std::string origin() {
   return name;
 }
 
-void write_line(int priority, AuditFields fields, const AuditFields& more) {
+void put_line(int priority, AuditFields fields, const AuditFields& more) {
   const Person who = person();
   fields.insert(fields.end(), more.begin(), more.end());
   fields.emplace_back("user", who.user);
@@ -90,6 +90,14 @@ void write_line(int priority, AuditFields fields, const AuditFields& more) {
     if (!text.empty()) line.append(" ").append(key).append("=").append(value(text));
   }
   slput(priority, "%s", line.c_str());
+}
+
+/// What was done is done: a host whose log fails must not take it for an error.
+void write_line(int priority, AuditFields fields, const AuditFields& more) noexcept {
+  try {
+    put_line(priority, std::move(fields), more);
+  } catch (...) {
+  }
 }
 
 AuditFields fields_of(const std::string& action, const std::string& result, const std::string& name,
@@ -120,6 +128,16 @@ void audit(const std::string& action, const Snapshot& snapshot, const std::strin
 
 void audit_delay(const std::string& action, const Snapshot& snapshot, const Error& error) {
   audit(action, snapshot, name_of(error.code), {{"path", error.path}, {"reason", error.text}});
+}
+
+void audit_restore(const Id& id, const Result<Restored>& restored, const std::string& target) {
+  if (restored) {
+    constexpr const char* kResults[] = {"unchanged", "ok", "pending"};
+    audit("load", restored->plan.snapshot, kResults[static_cast<int>(restored->outcome)],
+          {{"target", printable(target)}, {"kept", restored->kept}});
+  } else {
+    audit("load", id, restored.error(), {{"target", printable(target)}});
+  }
 }
 
 void audit_save(const Id& id, const Result<Saved>& saved) {

@@ -19,7 +19,8 @@ void audit(const std::string& action, const Id& id, const Error& error, const Au
 void audit(const std::string& action, const Snapshot& snapshot, const std::string& result,
            const AuditFields& more = {});
 
-/// The same, for a save.
+/// The same, for a restore, and for a save.
+void audit_restore(const Id& id, const Result<Restored>& restored, const std::string& target);
 void audit_save(const Id& id, const Result<Saved>& saved);
 
 /// Writes that something waits for who is busy.

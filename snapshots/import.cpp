@@ -10,6 +10,7 @@
 #include "snapshots/boundary.h"
 #include "snapshots/bundle_check.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/listing.h"
 #include "snapshots/lock.h"
 #include "snapshots/new_file.h"
 #include "snapshots/recover.h"
@@ -73,13 +74,16 @@ class Importing {
   Error check_names() {
     Query query;
     query.corlu_config = true;
-    query.wait = deadline_.left();
-    Result<Snapshots> all = list(query);
+    Listing listing;
+    Result<Snapshots> all = list_rows(query, deadline_, listing);
     if (!all) return all.error();
     for (Snapshot& old : *all) old_.emplace(std::pair(old.config.name, old.config.vers), std::move(old));
     for (const CheckedRow& row : rows_) {
       const auto old = old_.find({name_of(row), row.row.snapshot.config.vers});
-      if (old == old_.end() || options_.overwrite) continue;
+      if (old == old_.end()) continue;
+      // Who replaces a pinned row must know of the pin.
+      if (listing.notes_error.code == Code::busy) return listing.notes_error;
+      if (options_.overwrite) continue;
       const std::string which = "the snapshot '" + name_of(row) + "' exists";
       if (old->second.pinned) return {Code::pinned, 0, "", which + " and is pinned"};
       return {Code::taken, 0, "", which};

@@ -14,12 +14,13 @@ namespace ConfSave::snapshots {
 namespace {
 
 /// Without notes that can be read, a snapshot has none.
-void add_notes(Snapshots& snapshots, const Deadline& deadline, std::optional<Notes>& notes) {
+Error add_notes(Snapshots& snapshots, const Deadline& deadline, std::optional<Notes>& notes) {
   Result<std::optional<Notes>> opened = Notes::open(deadline.left());
-  if (!opened || !*opened) return;
+  if (!opened) return opened.error();
+  if (!*opened) return {};
   notes = std::move(*opened);
   const Result<std::map<int64, Note>> found = notes->read(snapshots);
-  if (!found) return;
+  if (!found) return found.error();
   for (Snapshot& snapshot : snapshots) {
     const auto note = found->find(snapshot.id);
     if (note == found->end()) continue;
@@ -27,6 +28,7 @@ void add_notes(Snapshots& snapshots, const Deadline& deadline, std::optional<Not
     snapshot.author = note->second.author;
     snapshot.pinned = note->second.pinned;
   }
+  return {};
 }
 
 Result<Snapshots> list_rows(const Query& query) {
@@ -124,7 +126,7 @@ Result<Snapshots> list_rows(const Query& query, const Deadline& deadline, Listin
     });
   }
   if (error.code != Code::ok) return error;
-  add_notes(snapshots, deadline, opened.notes);
+  opened.notes_error = add_notes(snapshots, deadline, opened.notes);
   return snapshots;
 }
 

@@ -81,6 +81,8 @@ class Saving {
       if (config.type == options_.type && config.name != kPacketFilter) newest_ = snapshot;
     }
     rows_ = std::move(*all);
+    // Who replaces a pinned row must know of the pin.
+    if (old_ && listing.notes_error.code == Code::busy) return listing.notes_error;
     if (listing.notes && newest_) read_manifest(*listing.notes);
     return {};
   }

@@ -106,6 +106,13 @@ TEST_F(ImportTest, NothingIsOverwrittenWithoutARequest) {
   ASSERT_EQ(pin({"weekly"}, true).code, Code::ok);
   EXPECT_EQ(refused(exported()).code, Code::pinned);
   EXPECT_EQ(stored(), (Texts{"mine", "weekly"}));
+  {
+    // Whether it is pinned is not known.
+    const LockHolder holder(notes_file(), 60000);
+    ImportOptions options = forced();
+    options.wait = std::chrono::milliseconds(100);
+    EXPECT_EQ(refused(exported(), options).code, Code::busy);
+  }
   EXPECT_TRUE(imported(exported(), forced()).snapshots[0].pinned);
   EXPECT_EQ(query("select id from Config where name = 'weekly'"), Rows{{"3"}});
 }

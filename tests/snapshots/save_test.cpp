@@ -230,6 +230,22 @@ TEST_F(Save, APinStaysWithTheName) {
   EXPECT_EQ(Database(notes_file()).query("select count(*) from note"), Rows{{"1"}});
 }
 
+TEST_F(Save, APinIsNotLostToLockedNotes) {
+  saved("weekly");
+  ASSERT_EQ(pin({"weekly"}, true).code, Code::ok);
+  {
+    const LockHolder holder(notes_file(), 60000);
+    EXPECT_EQ(code("weekly", waiting(100)), Code::busy);
+  }
+  EXPECT_TRUE(saved("weekly", overwrite()).snapshot.pinned);
+}
+
+TEST_F(Save, ALogThatFailsIsNoFailureOfTheSave) {
+  host.on_system_log = throwing(std::runtime_error("no system log"));
+  saved("weekly");
+  EXPECT_EQ(ConfSave::snapshots::remove({"weekly"}).code, Code::ok);
+}
+
 TEST_F(Save, NothingIsStoredIfNothingChanged) {
   const Saved first = saved("weekly", if_changed());
   EXPECT_EQ(first.outcome, Outcome::created);
