@@ -5,35 +5,8 @@
 #include "places.h"
 
 namespace ConfSave::snapshots {
-namespace {
-
-bool begins_with(const std::string& text, const std::string& prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-}  // namespace
-
 std::string directory_of(Base base) {
   return base == Base::failover ? kFailoverDirectory : config_directory();
-}
-
-Secrets::Secrets(Base base) {
-  for (const ContentsEntry& entry : contents()) {
-    if (entry.base != base || entry.holds != Holds::keys) continue;
-    if (entry.path.back() == '*') {
-      prefixes_.push_back(entry.path.substr(0, entry.path.size() - 1));
-    } else {
-      paths_.push_back(entry.path);
-    }
-  }
-}
-
-bool Secrets::contains(const std::string& path) const {
-  return std::any_of(prefixes_.begin(), prefixes_.end(),
-                     [&path](const std::string& prefix) { return begins_with(path, prefix); }) ||
-         std::any_of(paths_.begin(), paths_.end(), [&path](const std::string& secret) {
-           return path == secret || begins_with(path, secret + "/");
-         });
 }
 
 void complete(Member& link, const Member& file) {

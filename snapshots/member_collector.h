@@ -11,23 +11,12 @@
 #include "snapshots/content_check.h"
 #include "snapshots/digest.h"
 #include "snapshots/owners.h"
+#include "snapshots/secrets.h"
 
 namespace ConfSave::snapshots {
 
 /// The directory, ending in "/", that the paths of `base` are relative to.
 std::string directory_of(Base base);
-
-/// Knows which paths hold keys: those that the contents say, and everything below them.
-class Secrets {
- public:
-  explicit Secrets(Base base);
-
-  bool contains(const std::string& path) const;
-
- private:
-  std::vector<std::string> prefixes_;  ///< of names that a pattern matches
-  std::vector<std::string> paths_;
-};
 
 /// Gives a hard link what it has from its file: a restore sets nothing of a link, and the archive has its
 /// content with the file.

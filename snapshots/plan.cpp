@@ -60,24 +60,10 @@ class Planning {
     consider_the_rest();
     for (auto& [path, change] : changes_) plan_.shown.changes.push_back(std::move(change));
     write_steps(plan_);
-    plan_.shown.present = present();
     return std::move(plan_);
   }
 
  private:
-  /// Every change of a file changes its stamp.
-  Digest present() const {
-    Sha256 sha256;
-    for (const PlannedStep& planned : plan_.steps) {
-      const Stamp stamp = planned.stamp.value_or(Stamp());
-      for (const int64 number : {static_cast<int64>(stamp.device), static_cast<int64>(stamp.inode),
-                                 stamp.size, stamp.modified, stamp.changed}) {
-        sha256.add(&number, sizeof number);
-      }
-    }
-    return sha256.finish();
-  }
-
   Error read_both() {
     Result<Parents> parents = find_parents(row_.snapshot, deadline_);
     if (!parents) no_manifest_ = parents.error();
@@ -121,7 +107,7 @@ class Planning {
   std::vector<TreePart> parts() {
     std::vector<TreePart> result;
     for (const Column& column : columns_of(row_.snapshot.config.type)) {
-      TreePart part{column.base, destinations_.of(column.base), {}, {}};
+      TreePart part{column.base, destinations_.of(column.base), {}, {}, Secrets(column.base)};
       for (const ContentsEntry& entry : contents()) {
         const bool belongs = belongs_to(entry, row_.snapshot.config.type) || entry.holds == Holds::database;
         if (entry.base == column.base && belongs) part.paths.push_back(entry.path);
@@ -282,11 +268,19 @@ class Planning {
     }
   }
 
+  /// The destination may have such a name itself.
+  bool is_kept(const std::string& path) const {
+    for (const std::string& directory : plan_.directories) {
+      if (begins_with(path, directory)) return is_of_packet_filter(path.substr(directory.size()));
+    }
+    return false;
+  }
+
   void remove_below(const std::string& path) {
     const auto& live = plan_.live;
     for (auto next = live.lower_bound(path + "/"); next != live.end(); ++next) {
       if (!begins_with(next->first, path + "/")) return;
-      if (is_of_packet_filter(next->first)) {
+      if (is_kept(next->first)) {
         in_the_way_ = {Code::unsafe, 0, printable(next->first),
                        "the directory of this file would have to go, and the file is never removed"};
       }
@@ -300,7 +294,7 @@ class Planning {
       const auto& [path, live] = *next;
       const bool is_known = plan_.wanted.count(path) != 0 || removed_.count(path) != 0;
       const bool counts = is_of_contents(path, Base::configuration) || is_of_contents(path, Base::failover);
-      if (is_known || !counts || is_of_packet_filter(path)) continue;
+      if (is_known || !counts || is_kept(path)) continue;
       const bool is_directory = live.member.kind == Kind::directory;
       if (options_.exact && (!is_directory || becomes_empty(path))) {
         remove(path, live);

@@ -8,6 +8,7 @@
 #include <set>
 #include <utility>
 
+#include "snapshots/digest.h"
 #include "snapshots/plan.h"
 
 namespace ConfSave::snapshots {
@@ -92,6 +93,19 @@ void replace_shared_inodes(DetailedPlan& plan) {
       [](const PlannedChange& a, const PlannedChange& b) { return a.difference.path < b.difference.path; });
 }
 
+/// Every change of a file changes its stamp.
+Digest digest_of_stamps(const std::vector<PlannedStep>& steps) {
+  Sha256 sha256;
+  for (const PlannedStep& planned : steps) {
+    const Stamp stamp = planned.stamp.value_or(Stamp());
+    for (const int64 number : {static_cast<int64>(stamp.device), static_cast<int64>(stamp.inode),
+                               stamp.size, stamp.modified, stamp.changed}) {
+      sha256.add(&number, sizeof number);
+    }
+  }
+  return sha256.finish();
+}
+
 }  // namespace
 
 // What is in a directory goes before the directory, and comes after it; its attributes come last, because
@@ -120,6 +134,7 @@ void write_steps(DetailedPlan& plan) {
     plan.steps.push_back(std::move(put));
   }
   std::move(attributes.begin(), attributes.end(), std::back_inserter(plan.steps));
+  plan.shown.present = digest_of_stamps(plan.steps);
 }
 
 }  // namespace ConfSave::snapshots

@@ -24,19 +24,19 @@ constexpr std::size_t kPiece = 128 << 10;
 /// Reads what belongs to one of the two directories.
 class TreeReading {
  public:
-  TreeReading(Base base, std::string directory, const Limits& limits, const KnownDigests* known,
+  TreeReading(const TreePart& part, const Limits& limits, const KnownDigests* known,
               std::map<std::string, LiveMember>& members, std::vector<std::string>* unreadable)
-      : base_(std::move(directory)),
-        secrets_(base),
+      : part_(part),
+        base_(part.directory),
         limits_(limits),
         known_(known),
         members_(members),
         unreadable_(unreadable) {}
 
-  Error run(const std::vector<std::string>& paths, const std::vector<std::string>& alone = {}) {
-    if (Error error = add_entries(paths); error.code != Code::ok) return error;
+  Error run() {
+    if (Error error = add_entries(part_.paths); error.code != Code::ok) return error;
     enters_directories_ = false;
-    return add_entries(alone);
+    return add_entries(part_.alone);
   }
 
  private:
@@ -208,7 +208,7 @@ class TreeReading {
     member.uid = status.st_uid;
     member.gid = status.st_gid;
     member.time = status.st_mtim.tv_sec;
-    member.secret = secrets_.contains(path);
+    member.secret = part_.secrets.contains(path);
     return member;
   }
 
@@ -279,8 +279,8 @@ class TreeReading {
     }
   }
 
-  std::string base_;
-  Secrets secrets_;
+  const TreePart& part_;
+  const std::string& base_;
   const Limits& limits_;
   const KnownDigests* known_;
   std::map<std::string, LiveMember>& members_;
@@ -295,27 +295,12 @@ class TreeReading {
   bool enters_directories_ = true;
 };
 
-bool has_database() {
-  const std::vector<std::string> files = packed_database_files(directory_of(Base::configuration));
-  return std::all_of(files.begin(), files.end(),
-                     [](const std::string& file) { return access(file.c_str(), F_OK) == 0; });
-}
-
-std::vector<std::string> paths_of(Base base, conftype type, bool with_database) {
-  std::vector<std::string> paths;
-  for (const ContentsEntry& entry : contents()) {
-    const bool left_out = entry.holds == Holds::database && !with_database;
-    if (entry.base == base && belongs_to(entry, type) && !left_out) paths.push_back(entry.path);
-  }
-  return paths;
-}
-
 Result<Tree> read(const std::vector<TreePart>& parts, const Limits& limits, const KnownDigests* known,
                   std::vector<std::string>* unreadable) {
   Tree tree{known != nullptr ? known->moment() : now(), {}};
   for (const TreePart& part : parts) {
-    TreeReading reading(part.base, part.directory, limits, known, tree.members, unreadable);
-    if (Error error = reading.run(part.paths, part.alone); error.code != Code::ok) return error;
+    TreeReading reading(part, limits, known, tree.members, unreadable);
+    if (Error error = reading.run(); error.code != Code::ok) return error;
   }
   return tree;
 }
@@ -327,15 +312,6 @@ KnownDigests::KnownDigests() : moment_(now()) {}
 Result<Tree> read_tree(conftype type, const Limits& limits, std::vector<std::string>* unreadable,
                        const KnownDigests* known) {
   return read(parts_of(type), limits, known, unreadable);
-}
-
-std::vector<TreePart> parts_of(conftype type) {
-  const bool with_database = has_database();
-  std::vector<TreePart> parts;
-  for (const Base base : {Base::configuration, Base::failover}) {
-    parts.push_back({base, directory_of(base), paths_of(base, type, with_database), {}});
-  }
-  return parts;
 }
 
 Result<Tree> read_parts(const std::vector<TreePart>& parts, const KnownDigests* known) {

@@ -6,6 +6,7 @@
 
 #include "contents.h"
 #include "snapshots/limits.h"
+#include "snapshots/secrets.h"
 #include "snapshots/stamp.h"
 
 namespace ConfSave::snapshots {
@@ -62,6 +63,7 @@ struct TreePart {
   std::string directory;
   std::vector<std::string> paths;  ///< relative; as the contents have them, with all that is below
   std::vector<std::string> alone;  ///< relative; a directory without what is below
+  Secrets secrets;
 };
 
 /// The parts that read_tree reads. Asks the platform for the directories; reading the parts does not.

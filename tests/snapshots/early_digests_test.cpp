@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -71,6 +72,13 @@ TEST_F(Early, OnlyFilesThatDidNotChangeAreKnown) {
   EXPECT_EQ(knowledge(early, "user/gateway.conf"), "unknown");
 }
 
+TEST_F(Early, TheThreadDoesNotAskThePlatform) {
+  EarlyDigests early(ConfSave::conf_full);
+  early.wait();
+  EXPECT_FALSE(host.askers.empty());
+  for (const std::thread::id& asker : host.askers) EXPECT_EQ(asker, std::this_thread::get_id());
+}
+
 /// The content is compared all the same; only its digest is not computed.
 TEST_F(Early, AFileOfAnArchiveGetsTheDigestOfTheLiveOne) {
   const struct {
@@ -118,21 +126,24 @@ TEST_F(Early, TheManifestHasWhatWasPacked) {
   EXPECT_TRUE(is_live("weekly"));
 }
 
-/// A store into a mapped page leaves the times of the file.
+/// A store into a mapped page leaves the times of the file: here on a tmpfs, elsewhere until the page is
+/// synced.
 TEST_F(Early, AFileThatIsWrittenThroughAMappingIsPackedAgain) {
-  const int file = open(config("gw1.conf").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(mount("tmpfs", config("hub").c_str(), "tmpfs", 0, nullptr), 0);
+  write_file(config("hub/key"), "one");
+  const int file = open(config("hub/key").c_str(), O_RDWR | O_CLOEXEC);
   void* mapping = mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
   ASSERT_NE(mapping, MAP_FAILED);
   char* const byte = static_cast<char*>(mapping);
   *byte = 'a';
   let_the_files_grow_old();
-  const Stamp before = stamp("gw1.conf");
+  const Stamp before = stamp("hub/key");
   int packings_begun = 0;
   host.on_command = [&](const std::string& command) -> std::optional<int> {
     if (command.find("cd " + config_dir()) == 0 && ++packings_begun == 1) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
       *byte = 'b';
-      EXPECT_TRUE(is_same(stamp("gw1.conf"), before));
+      EXPECT_TRUE(is_same(stamp("hub/key"), before));
     }
     return shell(command);
   };
@@ -144,6 +155,7 @@ TEST_F(Early, AFileThatIsWrittenThroughAMappingIsPackedAgain) {
   EXPECT_EQ(verdict->problems, Texts());
   munmap(mapping, 1);
   close(file);
+  EXPECT_EQ(umount(config("hub").c_str()), 0);
 }
 
 TEST_F(Early, WithoutAThreadASaveIsTheSame) {

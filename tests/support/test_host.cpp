@@ -12,6 +12,7 @@
 #include <tuple>
 #include <utility>
 
+#include "kelmor/paths.h"
 #include "kelmor/system.h"
 
 namespace test {
@@ -97,6 +98,7 @@ void TestHost::reset() {
   commands.clear();
   system_log.clear();
   paths.clear();
+  askers.clear();
 }
 
 std::function<std::optional<int>(const std::string&)> fail_commands(std::string prefix, int result) {
@@ -148,4 +150,13 @@ char* secure_getenv(const char* name) noexcept {
   if (variable.find("KELMOR_LOG") == std::string::npos)
     test::record(test::TestHost::instance().paths, variable);
   return real(name);
+}
+
+/// Records the thread and passes the call on.
+std::string toolsunix::FilenameConvertor::GetShortFilename(FileId id) const {
+  using Function = std::string (*)(const FilenameConvertor*, FileId);
+  static const auto real = reinterpret_cast<Function>(
+      dlsym(RTLD_NEXT, "_ZNK9toolsunix17FilenameConvertor16GetShortFilenameB5cxx11ENS_6FileIdE"));
+  test::record(test::TestHost::instance().askers, std::this_thread::get_id());
+  return real(this, id);
 }

@@ -8,6 +8,7 @@
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -63,7 +64,8 @@ class TestHost {
   std::vector<int> lines;  ///< the line number of each record
   std::vector<std::string> commands;
   std::vector<std::pair<int, std::string>> system_log;
-  std::vector<std::string> paths;  ///< the variables that the platform read to find a directory
+  std::vector<std::string> paths;       ///< the variables that the platform read to find a directory
+  std::vector<std::thread::id> askers;  ///< who asked the platform for the names of files
 };
 
 /// Answers `result` to every command that begins with `prefix`, and lets all others run.
