@@ -91,7 +91,8 @@ Error check_window(const RestoreOptions& options) {
 }
 
 Error check_absolute(const Record& record) {
-  std::vector<std::string> paths = {state_directory()};
+  // What was edited is packed there.
+  std::vector<std::string> paths = {state_directory(), temporary_directory()};
   for (const Root& root : record.roots) paths.push_back(root.path);
   for (const std::string& path : paths) {
     if (!path.empty() && path.front() == '/') continue;

@@ -87,6 +87,14 @@ Result<int> Beneath::directory(const std::string& relative) {
 }
 
 Result<bool> Beneath::is_in_place(const std::string& relative) const {
+  if (relative.empty()) {
+    struct stat now = {};
+    if (stat(path_.c_str(), &now) == 0) {
+      return now.st_ino == status_.st_ino && now.st_dev == status_.st_dev;
+    }
+    if (errno == ENOENT || errno == ENOTDIR) return false;
+    return failure("", errno);
+  }
   const auto found = opened_.find(relative);
   if (found == opened_.end()) return true;
   const Result<Opened> now = open_again(relative, &found->second);

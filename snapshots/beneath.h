@@ -30,7 +30,7 @@ class Beneath {
   /// ENOENT if it is missing; Code::unsafe if something else is in its place.
   Result<int> directory(const std::string& relative);
 
-  /// Whether the directory that was opened is still at its path.
+  /// Whether the directory that was opened, or the root, is still at its path.
   Result<bool> is_in_place(const std::string& relative) const;
 
   /// Forgets what was opened.

@@ -58,19 +58,22 @@ Error Exchange::set_attributes(const Step& step, const Attributes& attributes, c
                     set_access_list(directory.get(), access) &&
                     fchmod(directory.get(), attributes.mode) == 0;
   if (!done) return beneath.failure(step.path, errno);
-  if (time < 0) return {};
+  if (time == kNoTime) return {};
   const timespec times[] = {{time, 0}, {time, 0}};
   return futimens(directory.get(), times) == 0 ? Error{} : beneath.failure(step.path, errno);
 }
 
 /// Where the directory is not, or is another one, the step that put it there is undone after this one.
-Error Exchange::undo_attributes(const Step& step) {
+Error Exchange::undo_attributes(const Step& step, Foreign foreign) {
   const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
   if (!now) return now.error();
   if (!*now || !is_same_file(identity_of(**now), step.after)) return {};
-  // Somebody has changed them since.
-  if (was_there(step) && !has_attributes_of(**now, step)) return {};
-  return set_attributes(step, step.old, step.old_access, -1);
+  if (was_there(step) && foreign == Foreign::leave && !has_attributes_of(**now, step)) {
+    kept_.push_back(sites_[step.root].beneath.shown(step.path) +
+                    ": the mode and the owner of this directory stay: somebody has changed them since");
+    return {};
+  }
+  return set_attributes(step, step.old, step.old_access, kNoTime);
 }
 
 }  // namespace ConfSave::snapshots

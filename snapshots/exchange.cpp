@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <optional>
 
+#include "snapshots/extended_attributes.h"
+
 namespace ConfSave::snapshots {
 namespace {
 
@@ -162,7 +164,7 @@ Error Exchange::take_away(std::size_t number, int parent, const std::string& nam
 Error Exchange::undo(std::size_t number, Foreign foreign) {
   const Step& step = steps_[number];
   touch(step);
-  return step.what == Step::What::attributes ? undo_attributes(step) : undo_move(number, foreign);
+  return step.what == Step::What::attributes ? undo_attributes(step, foreign) : undo_move(number, foreign);
 }
 
 Error Exchange::undo_creation(const Step& step, const Slot& slot, const Identity& live, Foreign foreign) {
@@ -170,8 +172,22 @@ Error Exchange::undo_creation(const Step& step, const Slot& slot, const Identity
   Beneath& beneath = sites_[step.root].beneath;
   const Result<int> parent = beneath.directory(parent_of(step.path));
   if (!parent) return parent.error();
+  const bool is_ours = S_ISDIR(live.kind) && is_same_file(live, step.after);
+  if (is_ours && !is_empty(*parent, name_of(step.path)).value_or(true)) return keep_directory(step);
   const bool done = move(*parent, name_of(step.path), slot.staging, slot.name) == 0;
   return done ? Error{} : beneath.failure(step.path, errno);
+}
+
+/// Files that are not of the restore stay where their owner has put them, and can be reached there.
+Error Exchange::keep_directory(const Step& step) {
+  kept_.push_back(sites_[step.root].beneath.shown(step.path) +
+                  ": this directory, which the restore has made, stays: there are other files in it");
+  for (const Step& other : steps_) {
+    const bool is_it = other.what == Step::What::attributes && other.root == step.root &&
+                       other.path == step.path && is_same_file(other.after, step.after);
+    if (is_it) return set_attributes(other, other.fresh, limited_by_mask(other.old_access), kNoTime);
+  }
+  return {};
 }
 
 Error Exchange::undo_move(std::size_t number, Foreign foreign) {
@@ -245,9 +261,12 @@ bool Exchange::is_moved_away(std::size_t root, const std::string& directory) con
   });
 }
 
-Error Exchange::check_directories() const {
+Error Exchange::check_directories() {
+  touched_.resize(sites_.size());
   for (std::size_t number = 0; number < touched_.size(); ++number) {
-    for (const std::string& directory : touched_[number]) {
+    std::set<std::string> directories = touched_[number];
+    directories.insert("");
+    for (const std::string& directory : directories) {
       const Beneath& beneath = sites_[number].beneath;
       const Result<bool> is_in_place = beneath.is_in_place(directory);
       if (!is_in_place) return is_in_place.error();
@@ -303,8 +322,13 @@ Result<bool> Exchange::is_undone(std::size_t number) {
   return staged ? Result<bool>(!*staged) : staged;
 }
 
+/// A file that is put shows it. One that was removed may have come back by hand, and have got the inode
+/// that its deletion had freed: it counts only where nothing else shows.
 Result<bool> Exchange::has_undone_step() {
+  const bool has_put = std::any_of(steps_.begin(), steps_.end(),
+                                   [](const Step& step) { return step.what == Step::What::put; });
   for (std::size_t number = 0; number < steps_.size(); ++number) {
+    if (has_put && steps_[number].what != Step::What::put) continue;
     // Another directory shows nothing of what became of this one.
     if (sites_[steps_[number].root].name.empty()) continue;
     Result<bool> undone = is_undone(number);

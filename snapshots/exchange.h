@@ -36,8 +36,12 @@ class Exchange {
   /// Undoes step `number`, whether it was done or not.
   Error undo(std::size_t number, Foreign foreign);
 
-  /// Code::changed_meanwhile if a directory in which files were moved is not at its path any more.
-  Error check_directories() const;
+  /// What undone steps have left as it is, because it is somebody's work, and why.
+  const std::vector<std::string>& kept() const { return kept_; }
+
+  /// Code::changed_meanwhile if a directory in which files were moved, or a destination, is not at its path
+  /// any more.
+  Error check_directories();
 
   /// Makes everything that was moved durable.
   Error sync();
@@ -67,9 +71,10 @@ class Exchange {
   Error set_attributes(const Step& step, const Attributes& attributes, const std::string& access,
                        int64 time);
   Error apply_attributes(const Step& step);
-  Error undo_attributes(const Step& step);
+  Error undo_attributes(const Step& step, Foreign foreign);
   Error undo_move(std::size_t number, Foreign foreign);
   Error undo_creation(const Step& step, const Slot& slot, const Identity& live, Foreign foreign);
+  Error keep_directory(const Step& step);
   Error put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied);
   Error compare_with_before(const Slot& slot, const std::string& name, const Step& step) const;
   Error changed(const Step& step) const;
@@ -83,6 +88,7 @@ class Exchange {
   std::vector<Site>& sites_;
   const std::vector<Step>& steps_;
   std::vector<std::set<std::string>> touched_;  ///< directories by site
+  std::vector<std::string> kept_;
 };
 
 }  // namespace ConfSave::snapshots

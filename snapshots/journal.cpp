@@ -224,6 +224,17 @@ Error Journal::read_steps(Record& record) {
   return code == SQLITE_DONE ? Error{} : failure();
 }
 
+/// No other restore stages in a directory of this name.
+Error Journal::check_is_of(const Record& record) {
+  const Result<std::optional<Record>> found = read();
+  if (!found) return found.error();
+  const bool is_it = *found && (*found)->roots.size() == record.roots.size() &&
+                     (*found)->roots.front().staging == record.roots.front().staging;
+  if (is_it) return {};
+  return {Code::needs_attention, 0, journal_file(),
+          "another process has replaced the record of this restore: look which files are live"};
+}
+
 Error Journal::begin(const Record& record) {
   return in_transaction([&]() -> Error {
     Result<Statement> row = database_.prepare(

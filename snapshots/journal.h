@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <functional>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -36,6 +37,8 @@ struct Attributes {
   std::uint32_t gid = 0;
 };
 
+constexpr int64 kNoTime = std::numeric_limits<int64>::min();
+
 /// One inode that a restore moves, or one directory whose attributes it sets.
 struct Step {
   enum class What {
@@ -52,7 +55,7 @@ struct Step {
   Attributes old;  ///< of what was there; of a directory that the restore makes, those that it is made with
   Attributes fresh;        ///< of `attributes`
   std::string old_access;  ///< the access list of that directory, as the kernel has it; may be empty
-  int64 time = -1;         ///< of a directory that the restore makes, in seconds since the epoch; else -1
+  int64 time = kNoTime;    ///< of a directory that the restore makes, in seconds since the epoch
 };
 
 /// A destination, as the journal records it.
@@ -116,6 +119,9 @@ class Journal {
 
   /// The restore that is not finished, if there is one.
   Result<std::optional<Record>> read();
+
+  /// Code::needs_attention if the record is gone, or that of another restore.
+  Error check_is_of(const Record& record);
 
   /// Begins a record, without steps.
   Error begin(const Record& record);

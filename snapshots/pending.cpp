@@ -97,12 +97,24 @@ Result<Record> take_pending(const Deadline& deadline) {
   return is_due ? too_late(**found) : not_pending(deadline);
 }
 
+/// A restore that failed to record that it is undone, and was killed.
+Error finish_undo(const Deadline& deadline, const Record& record) {
+  Error unfinished;
+  const Result<Recovery> recovery = recover_under_lock(deadline, unfinished, Demand::now);
+  if (!recovery) return recovery.error();
+  return {Code::not_pending, 0, "",
+          "the restore of " + quoted(record.snapshot.config.name) + " had failed, and was taken back"};
+}
+
 Result<Confirmed> confirm_under_lock(const Deadline& deadline, Record& record) {
   Result<Record> taken = take_pending(deadline);
   if (!taken) return taken.error();
   record = std::move(*taken);
-  Result<std::vector<Site>> sites = open_sites(record.roots, true);
+  Result<std::vector<Site>> sites = open_sites(record.roots, Need::nothing);
   if (!sites) return sites.error();
+  const Result<bool> is_undone = Exchange(*sites, record.steps).has_undone_step();
+  if (!is_undone) return is_undone.error();
+  if (*is_undone) return finish_undo(deadline, record);
   std::optional<ExclusiveStorage> storage;
   Result<ExclusiveStorage> opened = ExclusiveStorage::open(deadline);
   if (!opened && opened.error().code == Code::busy) return opened.error();

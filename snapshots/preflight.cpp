@@ -23,16 +23,32 @@ std::string new_name() {
   return name;
 }
 
-Error check_parent(Beneath& beneath, const std::string& parent) {
+/// A mount of the same file system has the same device, and stands in the way of a rename all the same. An
+/// empty `name` is the directory itself.
+Error check_mount(const Beneath& beneath, int directory, const std::string& name, const std::string& path) {
+  struct statx here = {};
+  struct statx root = {};
+  const unsigned wanted = STATX_BASIC_STATS | STATX_MNT_ID;
+  const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (name.empty() ? AT_EMPTY_PATH : 0);
+  if (statx(directory, name.c_str(), flags, wanted, &here) != 0) {
+    return errno == ENOENT || errno == ENOSYS ? Error{} : beneath.failure(path, errno);
+  }
+  if (statx(beneath.root(), "", AT_EMPTY_PATH, wanted, &root) != 0) return beneath.failure("", errno);
+  const bool is_known = (here.stx_mask & root.stx_mask & STATX_MNT_ID) != 0;
+  const bool is_same = here.stx_dev_major == root.stx_dev_major && here.stx_dev_minor == root.stx_dev_minor;
+  if (is_same && (!is_known || here.stx_mnt_id == root.stx_mnt_id)) return {};
+  return {Code::unsafe, EXDEV, beneath.shown(path), "another file system is mounted here"};
+}
+
+Error check_parent(Beneath& beneath, const std::string& path) {
+  const std::string parent = parent_of(path);
   const Result<int> directory = beneath.directory(parent);
   // The restore makes it.
   if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR)) return {};
   if (!directory) return directory.error();
-  struct stat status = {};
-  if (fstat(*directory, &status) != 0) return beneath.failure(parent, errno);
-  if (status.st_dev != beneath.status().st_dev) {
-    return {Code::unsafe, EXDEV, beneath.shown(parent), "another file system is mounted here"};
-  }
+  Error error = check_mount(beneath, *directory, "", parent);
+  if (error.code == Code::ok) error = check_mount(beneath, *directory, name_of(path), path);
+  if (error.code != Code::ok) return error;
   const bool is_open = faccessat(*directory, ".", W_OK | X_OK, AT_EACCESS) == 0;
   return is_open ? Error{} : beneath.failure(parent, errno);
 }
@@ -72,7 +88,7 @@ Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
   std::map<dev_t, std::uint64_t> needed;
   for (const PlannedStep& planned : plan.steps) {
     Beneath& beneath = sites[planned.step.root].beneath;
-    Error error = check_parent(beneath, parent_of(planned.step.path));
+    Error error = check_parent(beneath, planned.step.path);
     if (error.code != Code::ok) return error;
     if (planned.step.what != Step::What::put) continue;
     const auto size = static_cast<std::uint64_t>(planned.wanted->member.size);
@@ -92,6 +108,10 @@ Error check_live_files(const DetailedPlan& plan, std::vector<Site>& sites) {
     if (!now) return now.error();
     const bool is_same_file = planned.stamp ? *now && is_same(stamp_of(**now), *planned.stamp) : !*now;
     if (is_same_file || (planned.step.what == Step::What::attributes && !planned.stamp)) continue;
+    if (*now && S_ISSOCK((*now)->st_mode)) {
+      return {Code::unsafe, 0, site.beneath.shown(planned.step.path),
+              "a socket is in the place of a file of the snapshot; delete it first"};
+    }
     return {Code::changed_meanwhile, 0, site.beneath.shown(planned.step.path),
             "the file changed while the restore was prepared"};
   }

@@ -48,7 +48,8 @@ class Recovering {
   Result<Recovery> run(Error& unfinished) {
     bool puts_back =
         is_live(record_.state) || record_.state == State::prepared || record_.state == State::reverting;
-    Result<std::vector<Site>> sites = open_sites(record_.roots, !puts_back);
+    Result<std::vector<Site>> sites =
+        open_sites(record_.roots, puts_back ? Need::old_files : Need::nothing);
     if (!sites) return sites.error();
     Exchange exchange(*sites, record_.steps);
     // A restore that failed to record its end was undone, and may have failed to record that.
@@ -56,7 +57,7 @@ class Recovering {
       const Result<bool> has_begun = exchange.has_undone_step();
       if (!has_begun) return has_begun.error();
       // Every directory is needed for that.
-      if (*has_begun) sites = open_sites(record_.roots);
+      if (*has_begun) sites = open_sites(record_.roots, Need::old_files);
       if (!sites) return sites.error();
       puts_back = *has_begun;
     }

@@ -82,9 +82,7 @@ class Restoring {
   }
 
   void report(Progress::Phase phase) const {
-    Progress progress;
-    progress.phase = phase;
-    if (options_.progress) options_.progress(progress);
+    if (options_.progress) options_.progress({phase, 0, 0});
   }
 
   Error make_plan() {
@@ -105,7 +103,7 @@ class Restoring {
     Result<Record> record = begin_record(plan_);
     if (!record) return record.error();
     record_ = std::move(*record);
-    Result<std::vector<Site>> sites = open_sites(record_.roots);
+    Result<std::vector<Site>> sites = open_sites(record_.roots, Need::destinations);
     if (!sites) return sites.error();
     sites_ = std::move(*sites);
     if (Error error = check_sites(sites_, plan_); error.code != Code::ok) return error;
@@ -190,9 +188,18 @@ class Restoring {
     return error;
   }
 
+  /// A restore that fails leaves no more of them than one that does not.
+  void limit_kept() {
+    if (!lock_ || restored_.kept.empty()) return;
+    storage_.reset();
+    remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
+  }
+
   /// What fails here is done by the next recovery.
   void abandon() {
+    row_.reset();
     storage_.reset();
+    limit_kept();
     const std::vector<Step> none;
     Exchange exchange(sites_, none);
     static_cast<void>(clean_up(*journal_, exchange, restored_.warnings));
@@ -210,11 +217,10 @@ class Restoring {
       throw;
     }
     phases_.end("exchange");
-    if (error.code == Code::ok && options_.check) return check();
-    if (error.code == Code::ok) {
-      error = is_windowed() ? begin_waiting() : journal_->set_state(State::exchanged);
-    }
     if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
+    if (options_.check) return check();
+    error = is_windowed() ? begin_waiting() : journal_->set_state(State::exchanged);
+    if (error.code != Code::ok) return undo_decided(std::move(error), Foreign::leave);
     phases_.end("exchanged");
     if (is_windowed()) return {};
     const Error stamped = storage_->commit();
@@ -231,6 +237,19 @@ class Restoring {
     return error.code == Code::ok ? exchange.sync() : error;
   }
 
+  Error write_undo(Foreign foreign) {
+    return journal_->set_state(foreign == Foreign::leave ? State::prepared : State::reverting);
+  }
+
+  /// After a write failed that lets the new files stay. It may be durable all the same: no file moves then
+  /// unless the journal says that it does, or a recovery would keep what is half undone.
+  Error undo_decided(Error why, Foreign foreign) {
+    const Error error = why.code == Code::busy ? Error{} : write_undo(foreign);
+    if (error.code == Code::ok) return undo(std::move(why), foreign);
+    why.text += "; not put back: " + error.path + ": " + error.text;
+    return with_aftermath(std::move(why), Aftermath::mixed);
+  }
+
   Error undo(Error why, Foreign foreign) {
     std::vector<std::string> warnings;
     if (foreign == Foreign::set_aside) {
@@ -241,10 +260,10 @@ class Restoring {
       Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
       if (storage) storage_.emplace(std::move(*storage));
     }
-    // A state that could not be written may have been written all the same.
-    static_cast<void>(journal_->set_state(foreign == Foreign::leave ? State::prepared : State::reverting));
+    static_cast<void>(write_undo(foreign));
     Error unfinished;
     Error error = take_back(*journal_, record_, sites_, foreign, warnings, unfinished);
+    limit_kept();
     for (const std::string& warning : warnings) why.text += "; " + warning;
     if (error.code == Code::ok) return with_aftermath(std::move(why), Aftermath::put_back);
     why.text += "; not put back: " + error.path + ": " + error.text;
@@ -263,7 +282,9 @@ class Restoring {
     lock_.reset();
     const bool is_good = run_check();
     deadline_ = Deadline(options_.wait);
-    if (Error failure = come_back(); failure.code != Code::ok) {
+    Error failure = come_back();
+    if (failure.code == Code::needs_attention) return with_aftermath(std::move(failure), Aftermath::mixed);
+    if (failure.code != Code::ok) {
       failure.text += is_good ? "; the restore could not be confirmed" : "; the check failed";
       failure.text += ", and the next command takes it back";
       return with_aftermath(std::move(failure), Aftermath::mixed);
@@ -272,7 +293,7 @@ class Restoring {
     error = is_windowed() ? begin_waiting()
                           : confirm_record(*journal_, record_, sites_, storage_, restored_.warnings);
     storage_.reset();
-    return error.code == Code::ok ? error : undo(std::move(error), Foreign::set_aside);
+    return error.code == Code::ok ? error : undo_decided(std::move(error), Foreign::set_aside);
   }
 
   bool run_check() const {
@@ -284,12 +305,15 @@ class Restoring {
   }
 
   Error come_back() {
-    // The check may have moved directories.
-    for (Site& site : sites_) site.beneath.forget();
     if (Error error = take_lock(); error.code != Code::ok) return error;
     Result<Journal> journal = Journal::open_to_write(deadline_.left_afterwards());
     if (!journal) return journal.error();
     journal_.emplace(std::move(*journal));
+    if (Error error = journal_->check_is_of(record_); error.code != Code::ok) return error;
+    // The check may have moved directories.
+    for (Site& site : sites_) site.beneath.forget();
+    const std::vector<Step> none;
+    if (Error error = Exchange(sites_, none).check_directories(); error.code != Code::ok) return error;
     Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
     if (storage) storage_.emplace(std::move(*storage));
     return storage || storage.error().code != Code::busy ? Error{} : storage.error();
@@ -309,35 +333,14 @@ class Restoring {
   Restored restored_;
 };
 
-Result<Plan> plan_restore(const Id& id, const RestoreOptions& options) {
-  const Deadline deadline(options.wait);
-  if (Error error = check_finished(deadline); error.code != Code::ok) return error;
-  Result<OpenRow> row = open_row(id, deadline);
-  if (!row) return row.error();
-  Result<DetailedPlan> plan = make_plan(*row, options, deadline);
-  if (!plan) return plan.error();
-  return std::move(plan->shown);
-}
-
 Result<Restored> restore_and_log(const Id& id, const RestoreOptions& options) {
   if (Error error = check_window(options); error.code != Code::ok) return error;
   Result<Restored> restored = Restoring(id, options).run();
-  const std::string target = printable(options.target);
-  if (restored) {
-    constexpr const char* kResults[] = {"unchanged", "ok", "pending"};
-    audit("load", restored->plan.snapshot, kResults[static_cast<int>(restored->outcome)],
-          {{"target", target}, {"kept", restored->kept}});
-  } else {
-    audit("load", id, restored.error(), {{"target", target}});
-  }
+  audit_restore(id, restored, options.target);
   return restored;
 }
 
 }  // namespace
-
-Result<Plan> plan(const Id& id, const RestoreOptions& options) {
-  return at_boundary([&] { return plan_restore(id, options); });
-}
 
 Result<Restored> restore(const Id& id, const RestoreOptions& options) {
   return at_boundary([&] { return restore_and_log(id, options); });

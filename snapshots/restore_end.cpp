@@ -45,6 +45,7 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
     if (first.code == Code::ok) first = std::move(error);
     if (!is_named) others += (others.empty() ? "; not put back either: " : ", ") + path;
   }
+  warnings.insert(warnings.end(), exchange.kept().begin(), exchange.kept().end());
   if (first.code == Code::ok) first = exchange.sync();
   if (first.code == Code::ok) first = journal.set_state(State::undone, record.ending);
   if (first.code != Code::ok) {

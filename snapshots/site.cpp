@@ -1,14 +1,16 @@
 #include "snapshots/site.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <set>
 
 #include "snapshots/archive_path.h"
 
 namespace ConfSave::snapshots {
 
-Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_only) {
+Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, Need need) {
   std::vector<Site> sites;
   for (const Root& root : roots) {
     const auto unknown = [&root](int number, const std::string& why) {
@@ -17,7 +19,7 @@ Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_
     };
     Result<Beneath> beneath = Beneath::open(root.path);
     const bool is_known = beneath && beneath->status().st_ino == root.inode;
-    if (!is_known && sweep_only) {
+    if (!is_known && need == Need::nothing) {
       sites.emplace_back();
       continue;
     }
@@ -27,9 +29,32 @@ Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_
     site.staging = Descriptor(
         openat(site.beneath.root(), site.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!site.staging && errno != ENOENT) return site.beneath.failure(site.name, errno);
+    // The roots of many file systems have the same inode number.
+    if (!site.staging && need == Need::old_files) {
+      return unknown(0, "its directory '" + site.name + "', which has the old files, is missing");
+    }
     sites.push_back(std::move(site));
   }
   return sites;
+}
+
+Error sync_destinations(const std::vector<std::string>& directories, const std::vector<Site>& sites) {
+  std::set<dev_t> synced;
+  const auto sync = [&synced](const Beneath& directory) {
+    const bool done = !synced.insert(directory.status().st_dev).second || syncfs(directory.root()) == 0;
+    return done ? Error{} : directory.failure("", errno);
+  };
+  // Through a descriptor that was opened before the writes, a failure of theirs is not missed.
+  for (const Site& site : sites) {
+    if (Error error = sync(site.beneath); error.code != Code::ok) return error;
+  }
+  for (const std::string& path : directories) {
+    const Result<Beneath> directory = Beneath::open(path);
+    if (!directory && directory.error().number == ENOENT) continue;
+    if (!directory) return directory.error();
+    if (Error error = sync(*directory); error.code != Code::ok) return error;
+  }
+  return {};
 }
 
 void warn_of_other_directories(const std::vector<Root>& roots, const std::vector<Site>& sites,

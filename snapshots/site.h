@@ -15,9 +15,20 @@ struct Site {
   Descriptor staging;
 };
 
-/// Opens the directories of a record. Code::needs_attention if one is not the one that it was: another file
-/// system may be mounted there, or none. To `sweep_only`, such a directory has nothing to sweep.
-Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, bool sweep_only = false);
+/// What has to be there of a record.
+enum class Need {
+  nothing,       ///< a destination that is another one, or is missing, is left out
+  destinations,  ///< those that it was made for
+  old_files,     ///< and their staging directories
+};
+
+/// Opens the directories of a record. Code::needs_attention if what is needed is not there: another file
+/// system may be mounted, or none.
+Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, Need need);
+
+/// Makes the file systems of the directories durable: what was staged in `sites`, and the files that equal
+/// the snapshot already, which who wrote them may not have synced.
+Error sync_destinations(const std::vector<std::string>& directories, const std::vector<Site>& sites = {});
 
 /// Names those that were left out.
 void warn_of_other_directories(const std::vector<Root>& roots, const std::vector<Site>& sites,

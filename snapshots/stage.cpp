@@ -17,6 +17,8 @@
 namespace ConfSave::snapshots {
 namespace {
 
+constexpr uid_t kSame = static_cast<uid_t>(-1);
+
 timespec seconds(int64 time) { return {time, 0}; }
 
 class Staging {
@@ -63,7 +65,11 @@ class Staging {
 
   static Error make_directory(Site& site) {
     const int root = site.beneath.root();
-    if (mkdirat(root, site.name.c_str(), S_IRWXU) != 0) return site.beneath.failure(site.name, errno);
+    // A tight umask takes rights from its owner.
+    if (mkdirat(root, site.name.c_str(), S_IRWXU) != 0 ||
+        fchmodat(root, site.name.c_str(), S_IRWXU, 0) != 0) {
+      return site.beneath.failure(site.name, errno);
+    }
     site.staging =
         Descriptor(openat(root, site.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!site.staging) return site.beneath.failure(site.name, errno);
@@ -199,7 +205,9 @@ class Staging {
       return {Code::damaged, 0, printable(member.path), "the archive does not read the same twice"};
     }
     if (!file.finish()) return failure(step);
-    if (geteuid() == 0 && fchown(file.get(), member.uid, member.gid) != 0) return failure(step);
+    const bool is_root = geteuid() == 0;
+    const int owned = fchown(file.get(), is_root ? member.uid : kSame, member.gid);
+    if (owned != 0 && is_root) return failure(step);
     struct stat status = {};
     if (fstat(file.get(), &status) != 0) return failure(step);
     if (Error error = carry_over(planned, file.get()); error.code != Code::ok) return error;
@@ -208,10 +216,14 @@ class Staging {
     return done ? Error{} : failure(step);
   }
 
-  /// Without the rights of root the file has another owner: it must not run as that one.
+  /// Without the rights of root the file may have another owner or group: it must not run as that one, and
+  /// the group must not read what others must not.
   static mode_t mode_for(const Member& member, const struct stat& status) {
-    const bool has_owner = status.st_uid == member.uid && status.st_gid == member.gid;
-    return has_owner ? member.mode : member.mode & ~static_cast<mode_t>(S_ISUID | S_ISGID);
+    const bool has_group = status.st_gid == member.gid;
+    mode_t mode = member.mode;
+    if (!has_group || status.st_uid != member.uid) mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);
+    if (!has_group) mode &= ~static_cast<mode_t>(S_IRWXG) | (member.mode & S_IRWXO) << 3U;
+    return mode;
   }
 
   /// Extended attributes of the file that goes. Its access list too, unless it belongs to somebody who has
@@ -319,25 +331,6 @@ class Staging {
 };
 
 }  // namespace
-
-Error sync_destinations(const std::vector<std::string>& directories, const std::vector<Site>& sites) {
-  std::set<dev_t> synced;
-  const auto sync = [&synced](const Beneath& directory) {
-    const bool done = !synced.insert(directory.status().st_dev).second || syncfs(directory.root()) == 0;
-    return done ? Error{} : directory.failure("", errno);
-  };
-  // Through a descriptor that was opened before the writes, a failure of theirs is not missed.
-  for (const Site& site : sites) {
-    if (Error error = sync(site.beneath); error.code != Code::ok) return error;
-  }
-  for (const std::string& path : directories) {
-    const Result<Beneath> directory = Beneath::open(path);
-    if (!directory && directory.error().number == ENOENT) continue;
-    if (!directory) return directory.error();
-    if (Error error = sync(*directory); error.code != Code::ok) return error;
-  }
-  return {};
-}
 
 Error stage(OpenRow& row, DetailedPlan& plan, std::vector<Site>& sites, const RestoreOptions& options) {
   return Staging(row, plan, sites, options).run();

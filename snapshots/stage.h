@@ -12,8 +12,4 @@ namespace ConfSave::snapshots {
 /// in the same transaction. Completes the steps.
 Error stage(OpenRow& row, DetailedPlan& plan, std::vector<Site>& sites, const RestoreOptions& options);
 
-/// Makes the file systems of the directories durable: what was staged in `sites`, and the files that equal
-/// the snapshot already, which who wrote them may not have synced.
-Error sync_destinations(const std::vector<std::string>& directories, const std::vector<Site>& sites = {});
-
 }  // namespace ConfSave::snapshots

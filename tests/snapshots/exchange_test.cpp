@@ -66,7 +66,8 @@ class ExchangeTest : public Saving {
   Exchange exchange() {
     if (sites_.empty()) {
       const struct stat status = status_of(config_dir());
-      auto sites = open_sites({{config_dir(), status.st_ino, ".confsave-restore-0123456789abcdef"}});
+      auto sites = open_sites({{config_dir(), status.st_ino, ".confsave-restore-0123456789abcdef"}},
+                              Need::old_files);
       EXPECT_TRUE(sites);
       sites_ = std::move(*sites);
     }
@@ -108,7 +109,10 @@ TEST_F(ExchangeTest, ADirectoryWhoseModeOrOwnerChangedKeepsThem) {
   const mode_t old_mode = status_of(config("hub")).st_mode;
   ASSERT_EQ(shell("chmod 1700 " + config("hub")), 0);
   EXPECT_EQ(exchange().apply(0).code, Code::changed_meanwhile);
-  EXPECT_EQ(exchange().undo(0, Foreign::leave).code, Code::ok);
+  Exchange undoing = exchange();
+  EXPECT_EQ(undoing.undo(0, Foreign::leave).code, Code::ok);
+  EXPECT_EQ(undoing.kept(), Texts{config("hub") + ": the mode and the owner of this directory stay: " +
+                                  "somebody has changed them since"});
   EXPECT_EQ(status_of(config("hub")).st_mode, static_cast<mode_t>(S_IFDIR | 01700));
   // Without a change of others both directions set what was recorded.
   chmod(config("hub").c_str(), old_mode & 07777U);

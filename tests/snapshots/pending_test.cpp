@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sqlite3.h>
 
 #include <functional>
@@ -213,6 +214,34 @@ TEST_F(PendingTest, AttributesAreEditedToo) {
   expect_as_before();
 }
 
+TEST_F(PendingTest, TheModeOfADirectoryComesBackWhoeverChangedIt) {
+  shell("cd " + config_dir() + " && rm station && mkdir -m 750 station && touch station/one");
+  saved("weekly", overwriting());
+  saved_ = everything();
+  shell("chmod 700 " + config("station"));
+  change();
+  make_pending();
+  shell("chmod 777 " + config("station"));
+  EXPECT_EQ(reverted().warnings, Texts());
+  expect_as_before();
+}
+
+/// As after a restore that failed when it was pending, and was killed when one file was back.
+TEST_F(PendingTest, WhatIsHalfUndoneIsNotConfirmed) {
+  make_pending();
+  const std::string slots = config(staging_directories().at(0)) + "/";
+  for (const std::string& name : names_in(slots)) {
+    if (read_file(slots + name) != "changed") continue;
+    ASSERT_EQ(
+        renameat2(AT_FDCWD, (slots + name).c_str(), AT_FDCWD, config("gw1.conf").c_str(), RENAME_EXCHANGE),
+        0);
+  }
+  const cs::Error error = not_confirmed();
+  EXPECT_EQ(error.code, Code::not_pending);
+  EXPECT_EQ(error.text, "the restore of 'weekly' had failed, and was taken back");
+  expect_as_before();
+}
+
 TEST_F(PendingTest, AConfirmationNamesWhatItCannotDelete) {
   make_pending();
   const std::string staging = staging_directories().at(0);
@@ -241,13 +270,19 @@ TEST_F(PendingTest, ADirectoryThatIsGoneIsNamed) {
 TEST_F(PendingTest, ARelativeDirectoryIsRefused) {
   const std::string before = std::filesystem::current_path();
   std::filesystem::current_path(root());
-  setenv("KELMOR_DYNAMIC_DIR", "state", 1);
-  const cs::Error error = refused(windowed());
-  setenv("KELMOR_DYNAMIC_DIR", state_dir().c_str(), 1);
+  const std::pair<const char*, const char*> settings[] = {{"KELMOR_DYNAMIC_DIR", "state"},
+                                                          {"KELMOR_TEMP_DIR", "temp"}};
+  for (const auto& [setting, directory] : settings) {
+    const std::string usual = getenv(setting);
+    ASSERT_TRUE(std::filesystem::is_directory(directory));
+    setenv(setting, directory, 1);
+    const cs::Error error = refused(windowed());
+    setenv(setting, usual.c_str(), 1);
+    EXPECT_EQ(error.code, Code::bad_argument);
+    EXPECT_EQ(error.path, directory);
+    expect_as_before();
+  }
   std::filesystem::current_path(before);
-  EXPECT_EQ(error.code, Code::bad_argument);
-  EXPECT_EQ(error.path, "state");
-  expect_as_before();
 }
 
 TEST_F(PendingTest, AWayBackIsNotTakenForALeftover) {

@@ -151,6 +151,29 @@ TEST_F(PlanTest, AMissingDirectoryIsMadeAsItWas) {
   EXPECT_EQ(everything(), saved_);
 }
 
+TEST_F(PlanTest, ADirectoryMayBeOlderThanTheEpoch) {
+  shell("cd " + config_dir() + " && rm station && mkdir station && touch -d '1965-01-02 UTC' station");
+  saved("weekly", overwrite());
+  shell("rm -r " + config("station"));
+  restored();
+  struct stat status = {};
+  ASSERT_EQ(stat(config("station").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mtim.tv_sec, -157680000);
+}
+
+TEST_F(PlanTest, TheTargetMayHaveTheNameOfAFileThatIsKept) {
+  auto options = exactly();
+  options.keep = false;
+  options.target = root() + "/corlu.serv/target/";
+  std::filesystem::create_directories(options.target);
+  write_file(options.target + "gw77.conf", "extra");
+  write_file(options.target + "corlu.serv", "kept");
+  const auto result = cs::restore({"weekly"}, options);
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_FALSE(exists(options.target + "gw77.conf"));
+  EXPECT_EQ(read_file(options.target + "corlu.serv"), "kept");
+}
+
 TEST_F(PlanTest, WithoutAManifestAMissingDirectoryIsForItsOwnerOnly) {
   shell("rm -r " + config("hub") + " " + notes_file());
   restored();

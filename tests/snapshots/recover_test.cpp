@@ -203,6 +203,55 @@ TEST_F(RecoverTest, AnotherDirectoryInThePlaceIsNotTouched) {
   expect_undone();
 }
 
+/// Every file system has the same inode number for its root.
+TEST_F(RecoverTest, WithoutTheStagingDirectoryItIsAnotherFileSystem) {
+  for (const State state : {State::prepared, State::checking, State::reverting}) {
+    interrupt(state, "rm -f gw1.conf");
+    const auto mixture = everything(true);
+    const std::string staging = config(staging_directories().at(0));
+    shell("mv " + staging + " " + root() + "/away");
+    const auto error = not_recovered();
+    EXPECT_EQ(error.code, Code::needs_attention);
+    EXPECT_NE(error.text.find("is missing"), std::string::npos) << shown(error);
+    EXPECT_EQ(everything(true), mixture);
+    shell("mv " + root() + "/away " + staging);
+    EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+    expect_undone();
+  }
+}
+
+TEST_F(RecoverTest, AFileThatCameBackByHandIsNoSignOfAnUndo) {
+  interrupt(State::exchanged);
+  const std::string slots = config(staging_directories().at(0));
+  // It has the inode, the size and the time of the one that the clean-up has deleted.
+  ASSERT_EQ(shell("mv $(find " + slots + " -name '[0-9]*' -empty) " + config("gw9.conf")), 0);
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::finished);
+  EXPECT_TRUE(exists(config("gw9.conf")));
+  shell("rm " + config("gw9.conf"));
+  EXPECT_EQ(everything(), saved_);
+}
+
+TEST_F(RecoverTest, ADirectoryThatTheRestoreMadeStaysWithTheFilesOfOthers) {
+  shell("chmod 2750 " + config("hub"));
+  saved("weekly", overwrite());
+  saved_ = everything();
+  for (const State state : {State::prepared, State::checking}) {
+    interrupt(state, "rm -rf hub");
+    write_file(config("hub/mine"), "of somebody\n");
+    const Recovery recovery = recovered();
+    EXPECT_EQ(recovery.outcome, Recovery::Outcome::undone);
+    EXPECT_EQ(recovery.warnings,
+              Texts{config("hub") +
+                    ": this directory, which the restore has made, stays: there are other files in it"});
+    EXPECT_EQ(names_in(config("hub")), Texts{"mine"});
+    struct stat status = {};
+    ASSERT_EQ(stat(config("hub").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | 02750));
+    shell("rm -r " + config("hub"));
+    expect_undone();
+  }
+}
+
 TEST_F(RecoverTest, AnUndoThatHadBegunNeedsEveryDirectory) {
   interrupt(State::exchanged, "echo damaged > " + etc_dir() + "failover.ini");
   const std::string slots = config(staging_directories().at(0));

@@ -1,0 +1,209 @@
+// Restores whose journal fails, whose destinations are replaced, or that lack the rights of root.
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+
+#include "snapshots/restoring.h"
+
+namespace {
+
+using namespace test;
+using cs::Aftermath;
+using cs::Code;
+
+class RestoreFaults : public Restoring {
+ protected:
+  void damage() {
+    write_file(config("user/gateway.conf"), "damaged\n");
+    shell("rm " + config("hub/out"));
+    before_ = everything(true);
+  }
+
+  std::string journal() const { return state_dir() + "/restore.db"; }
+
+  cs::RestoreOptions with_check(std::function<bool()> check) const {
+    cs::RestoreOptions options = without_keeping();
+    options.check = std::move(check);
+    return options;
+  }
+
+  /// Calls `work` when all is staged, and before the first live file changes.
+  static cs::RestoreOptions before_the_exchange(const std::function<void()>& work) {
+    cs::RestoreOptions options = without_keeping();
+    options.progress = [work](const cs::Progress& progress) {
+      if (progress.phase == cs::Progress::Phase::exchange) work();
+    };
+    return options;
+  }
+
+  /// A copy takes the place of the configuration directory.
+  void replace_configuration() const {
+    ASSERT_EQ(shell("cd " + root() + " && mv config away && cp -a away config"), 0);
+  }
+  void bring_it_back() const { ASSERT_EQ(shell("cd " + root() + " && rm -r config && mv away config"), 0); }
+
+  void expect_recovered() const {
+    const auto recovered = cs::recover();
+    ASSERT_TRUE(recovered) << shown(recovered.error());
+    EXPECT_EQ(recovered->outcome, cs::Recovery::Outcome::undone);
+    EXPECT_EQ(everything(true), before_);
+  }
+
+  std::map<std::string, std::string> before_;
+};
+
+TEST_F(RestoreFaults, WhatTheJournalDoesNotTakeIsUndone) {
+  damage();
+  restored();
+  damage();
+  Database database(journal());
+  const std::string table = database.query("select sql from sqlite_master where name = 'restore'")[0][0];
+  database.run("drop table restore; " + table.substr(0, table.size() - 1) + ", check (state <> 2))");
+  const cs::Error error = refused(without_keeping());
+  EXPECT_EQ(error.aftermath, Aftermath::put_back) << shown(error);
+  EXPECT_EQ(everything(true), before_);
+}
+
+/// A write that failed may be durable all the same. The files may only move back when the journal says so.
+TEST_F(RestoreFaults, NothingMovesBackWhenTheJournalMaySayThatItStays) {
+  damage();
+  rlimit usual = {};
+  getrlimit(RLIMIT_FSIZE, &usual);
+  const auto before = std::signal(SIGXFSZ, SIG_IGN);
+  const cs::Error error = refused(with_check([&usual] {
+    const rlimit nothing = {0, usual.rlim_max};
+    return setrlimit(RLIMIT_FSIZE, &nothing) == 0;
+  }));
+  setrlimit(RLIMIT_FSIZE, &usual);
+  std::signal(SIGXFSZ, before);
+  EXPECT_EQ(error.aftermath, Aftermath::mixed) << shown(error);
+  EXPECT_NE(error.text.find("not put back: " + journal()), std::string::npos) << error.text;
+  EXPECT_EQ(everything(), saved_);
+  expect_recovered();
+}
+
+TEST_F(RestoreFaults, ADestinationThatAnotherOneReplacesIsNotRestored) {
+  damage();
+  const cs::Error error = refused(before_the_exchange([this] { replace_configuration(); }));
+  EXPECT_EQ(error.code, Code::changed_meanwhile) << shown(error);
+  EXPECT_EQ(error.path, config_dir());
+  EXPECT_EQ(error.aftermath, Aftermath::put_back);
+  bring_it_back();
+  EXPECT_EQ(everything(true), before_);
+}
+
+TEST_F(RestoreFaults, ADestinationThatTheCheckReplacesIsReported) {
+  damage();
+  for (const bool is_good : {true, false}) {
+    const cs::Error error = refused(with_check([&] {
+      replace_configuration();
+      return is_good;
+    }));
+    EXPECT_EQ(error.path, config_dir()) << shown(error);
+    EXPECT_EQ(error.aftermath, Aftermath::mixed) << shown(error);
+    EXPECT_EQ(cs::recover().error().code, Code::needs_attention);
+    bring_it_back();
+    expect_recovered();
+  }
+}
+
+TEST_F(RestoreFaults, ARecordOfAnotherRestoreIsNotWritten) {
+  damage();
+  std::string name;
+  const cs::Error error = refused(with_check([&] {
+    Database database(journal());
+    name = database.query("select staging from root where number = 1")[0][0];
+    database.run("update root set staging = '.confsave-restore-0000000000000000' where number = 1");
+    return true;
+  }));
+  EXPECT_EQ(error.code, Code::needs_attention) << shown(error);
+  EXPECT_EQ(error.aftermath, Aftermath::mixed);
+  Database(journal()).run("update root set staging = '" + name + "' where number = 1");
+  expect_recovered();
+}
+
+/// The same file system, so that the number of the device tells nothing.
+TEST_F(RestoreFaults, WhatIsMountedOnIsRefusedBeforeAnythingChanges) {
+  damage();
+  shell("chmod 2711 " + config("hub"));
+  before_ = everything(true);
+  for (const std::string& path : {config("hub"), config("user"), config("user/gateway.conf")}) {
+    ASSERT_EQ(mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr), 0) << path;
+    const cs::Error error = refused(without_keeping());
+    EXPECT_EQ(umount(path.c_str()), 0);
+    EXPECT_EQ(error.number, EXDEV) << shown(error);
+    EXPECT_EQ(error.path, path);
+    EXPECT_EQ(error.aftermath, Aftermath::untouched);
+    EXPECT_EQ(everything(true), before_);
+  }
+}
+
+TEST_F(RestoreFaults, ASocketInThePlaceOfAFileIsNamed) {
+  shell("rm " + config("gw1.conf"));
+  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  config("gw1.conf").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  close(descriptor);
+  const cs::Error error = refused(without_keeping());
+  EXPECT_EQ(error.path, config("gw1.conf"));
+  EXPECT_EQ(error.text, "a socket is in the place of a file of the snapshot; delete it first");
+  EXPECT_EQ(error.aftermath, Aftermath::untouched);
+}
+
+/// The restore has stored the present configuration before it failed.
+TEST_F(RestoreFaults, FailedRestoresKeepNoMoreThanOthers) {
+  cs::RestoreOptions options;
+  options.confirm_within = std::chrono::seconds(60);
+  options.program = "/bin/true";
+  for (int attempt = 0; attempt < 7; ++attempt) {
+    write_file(config("user/gateway.conf"), "damaged " + std::to_string(attempt));
+    EXPECT_EQ(refused(options).aftermath, Aftermath::untouched);
+  }
+  // The newest, and five before it.
+  EXPECT_EQ(stored().size(), 1U + 6U);
+}
+
+/// In a child, which cannot get the rights back.
+TEST_F(RestoreFaults, WithoutTheRightsOfRootNoOtherGroupGetsToRead) {
+  constexpr uid_t kNobody = 65534;
+  constexpr gid_t kUsers = 100;
+  constexpr gid_t kGames = 60;
+  constexpr gid_t kForeign = 61;
+  const struct {
+    gid_t recorded;
+    const char* expected;
+  } cases[] = {{kGames, "640 60"}, {kForeign, "600 100"}, {kUsers, "640 100"}};
+  for (const auto& c : cases) {
+    const std::string file = config("user/gateway.conf");
+    shell("chown -R 65534:100 " + root() + " && chown 65534:" + std::to_string(c.recorded) + " " + file +
+          " && chmod 640 " + file);
+    saved("weekly", overwrite());
+    write_file(file, "damaged\n");
+    shell("chown -R 65534:100 " + root() + " " + etc_dir());
+    const pid_t child = fork();
+    if (child == 0) {
+      // A tight one does not matter.
+      umask(0777);
+      const bool is_user = setgroups(1, &kGames) == 0 && setgid(kUsers) == 0 && setuid(kNobody) == 0;
+      _exit(is_user && refused(without_keeping()).code == Code::ok ? 0 : 1);
+    }
+    int status = 1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << c.recorded;
+    shell("stat -c '%a %g' " + file + " >" + root() + "/stat");
+    EXPECT_EQ(read_file(root() + "/stat"), c.expected + std::string("\n"));
+  }
+}
+
+}  // namespace
