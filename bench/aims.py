@@ -46,7 +46,7 @@ def ahead(results):
     """A row for each program that is faster than ConfSave somewhere."""
     found = {}
     for title, task in TABLES.items():
-        rows = results["tables"][title]["rows"]
+        rows = results["tables"].get(title, {"rows": {}})["rows"]
         for peer in PEERS:
             factors = [f"{ways['confsave']['median'] / ways[peer]['median']:.2f} at {label}"
                        for label, ways in rows.items()
