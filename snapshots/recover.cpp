@@ -160,8 +160,11 @@ Result<Ending> ending_of(const Record& record, Demand demand) {
   return is_of_another_boot(record.window) ? Ending::restarted : Ending::expired;
 }
 
+/// Also what a library call recovers first, whose caller gets none of the warnings. That nothing can be
+/// recovered is the error of each call.
 void log_end(const Record& record, const Result<Recovery>& recovery) {
-  if (record.ending == Ending::none || record.ending == Ending::confirmed) return;
+  const bool is_reverted = record.ending != Ending::none && record.ending != Ending::confirmed;
+  if (!is_reverted && !recovery) return;
   AuditFields more = {{"cause", cause(record.ending)},
                       {"loaded-by", record.author},
                       {"kept", recovery ? recovery->kept : ""}};
@@ -169,10 +172,13 @@ void log_end(const Record& record, const Result<Recovery>& recovery) {
     for (const std::string& warning : recovery->warnings) more.emplace_back("warning", warning);
   }
   const Config& config = record.snapshot.config;
-  if (recovery) {
+  if (!recovery) {
+    audit("revert", Id{config.name, config.vers}, recovery.error(), more);
+  } else if (is_reverted) {
     audit("revert", record.snapshot, "ok", more);
   } else {
-    audit("revert", Id{config.name, config.vers}, recovery.error(), more);
+    const bool is_finished = recovery->outcome == Recovery::Outcome::finished;
+    audit("recover", record.snapshot, is_finished ? "finished" : "undone", more);
   }
 }
 

@@ -101,6 +101,19 @@ TEST_F(RecoverTest, ACheckWhoseProcessDiedHasFailed) {
   expect_undone();
 }
 
+/// Who calls another function than recover() gets neither of them.
+TEST_F(RecoverTest, ItsEndAndItsWarningsAreLogged) {
+  interrupt(State::prepared, "rm -rf hub");
+  write_file(config("hub/mine"), "of somebody\n");
+  host.system_log.clear();
+  saved("next");
+  const std::string& line = host.system_log.at(0).second;
+  EXPECT_EQ(line.find("confsave: action=recover result=undone snapshot=weekly"), 0U) << line;
+  EXPECT_NE(line.find("warning=\"" + config("hub") + ": this directory"), std::string::npos) << line;
+  shell("rm -r " + config("hub"));
+  expect_undone();
+}
+
 TEST_F(RecoverTest, TheNextRestoreRecoversFirst) {
   interrupt(State::prepared);
   const auto result = cs::restore({"weekly"}, without_keeping());
