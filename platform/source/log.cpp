@@ -9,38 +9,47 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <new>
 #include <string>
+#include <utility>
 
 namespace {
 
 constexpr int kDefaultLevel = 1;
 constexpr const char* kDefaultFile = "/var/log/kelmor.log";
 
-/// The record under construction. A thread writes one record at a time.
-thread_local std::string record_head;
-thread_local std::string record_text;
+struct Record {
+  std::string head;
+  std::string text;
+};
 
-/// A log record must not throw into the library. If memory runs out, the record is truncated.
+/// The record under construction: a thread writes one at a time. From its beginning to its end only, so
+/// that destructors that run when a thread or the process ends can log.
+thread_local Record* record = nullptr;
+
+/// A log record must not throw into the library. If memory runs out, the record is truncated, or is none.
 template <class Piece>
-void append(std::string& record, const Piece& piece) noexcept {
+void append(const Piece& piece) noexcept {
+  if (record == nullptr) return;
   try {
-    record += piece;
+    record->text += piece;
   } catch (const std::exception&) {
   }
 }
 
 void begin(int level, const ClUnilogFname& function, const char* source, int line) noexcept {
-  record_text.clear();
-  record_head.clear();
+  delete std::exchange(record, new (std::nothrow) Record);
+  if (record == nullptr) return;
   try {
-    record_head = "level=" + std::to_string(level) + " source=" + source + ":" + std::to_string(line) +
-                  " function=\"" + function.Signature() + "\" name=" + function.Name() + " ";
+    record->head = "level=" + std::to_string(level) + " source=" + source + ":" + std::to_string(line) +
+                   " function=\"" + function.Signature() + "\" name=" + function.Name() + " ";
   } catch (const std::exception&) {
   }
 }
 
 void text(const char* piece) noexcept {
-  if (piece != nullptr) append(record_text, piece);
+  if (piece != nullptr) append(piece);
 }
 
 /// An integer of any other width cannot be read, and is shown as "?".
@@ -69,11 +78,12 @@ void integer(const void* value, unsigned width) noexcept {
       std::memcpy(&number, value, sizeof number);
       break;
     default:
-      append(record_text, "?");
+      append("?");
       return;
   }
+  if (record == nullptr) return;
   try {
-    record_text += std::to_string(number);
+    record->text += std::to_string(number);
   } catch (const std::exception&) {
   }
 }
@@ -96,8 +106,10 @@ std::string one_line(const std::string& text) {
 
 /// Appends the record with a single write, so that records of several processes do not mix.
 void end() noexcept {
+  const std::unique_ptr<Record> ended(std::exchange(record, nullptr));
+  if (ended == nullptr) return;
   try {
-    const std::string line = record_head + "text=" + one_line(record_text) + "\n";
+    const std::string line = ended->head + "text=" + one_line(ended->text) + "\n";
     const char* file = secure_getenv("KELMOR_LOG_FILE");
     if (file == nullptr || *file == '\0') file = kDefaultFile;
     const int fd = open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
@@ -118,7 +130,8 @@ int wanted_level() {
 }  // namespace
 
 const KorvLogProps* KorvLog_GetProps_cl_module(int) {
-  static KorvLogProps props = {kDefaultLevel, begin, text, text, integer, end};
+  // Another thread may ask meanwhile, of another level.
+  thread_local KorvLogProps props = {kDefaultLevel, begin, text, text, integer, end};
   props.level = wanted_level();
   return &props;
 }

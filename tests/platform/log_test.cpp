@@ -7,6 +7,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <thread>
 
 namespace {
 
@@ -52,6 +54,32 @@ TEST_F(LogSink, LevelIsADigitOfTheEnvironmentAndOtherwise1) {
     setenv("KELMOR_LOG_LEVEL", value, 1);
     EXPECT_EQ(level(), 1) << value;
   }
+}
+
+TEST_F(LogSink, LevelOfAThreadStaysUntilItsNextCall) {
+  setenv("KELMOR_LOG_LEVEL", "2", 1);
+  const KorvLogProps* log = KorvLog_GetProps_cl_module(0);
+  setenv("KELMOR_LOG_LEVEL", "3", 1);
+  int other = 0;
+  std::thread([&other] { other = level(); }).join();
+  EXPECT_EQ(other, 3);
+  EXPECT_EQ(log->level, 2);
+}
+
+/// What a host keeps for each thread may log when the thread ends.
+struct Late {
+  ~Late() { write_late(); }
+  std::function<void()> write_late;
+};
+
+TEST_F(LogSink, RecordIsWrittenWhenTheThreadEnds) {
+  const std::string longer(100, 'l');
+  std::thread([&longer] {
+    thread_local Late late;
+    late.write_late = [&longer] { write_record(longer); };
+    write_record(longer);
+  }).join();
+  EXPECT_EQ(written(), kLineBegins + longer + "\n" + kLineBegins + longer + "\n");
 }
 
 TEST_F(LogSink, RecordIsOneWholeLine) {

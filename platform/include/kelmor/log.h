@@ -40,7 +40,7 @@ struct KorvLogProps {
 extern "C" {
 
 /// The log of this module, or null for no log. The argument is reserved and is 0. The result is valid until
-/// the next call. A host may define this function itself.
+/// the next call of the same thread. A host may define this function itself.
 KELMOR_API const KorvLogProps* KorvLog_GetProps_cl_module(int);
 
 /// Writes one line, formatted as by printf(), to the system log. A host may define this function itself.
