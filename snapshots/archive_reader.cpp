@@ -292,10 +292,10 @@ class ArchiveReading {
 
   /// The holes of a sparse file are not in the packed bytes.
   Error deliver_zeros_up_to(int64 offset) {
-    static const std::string zeros(64 << 10, '\0');
+    static const char zeros[64 << 10] = {};
     while (delivered_ < offset) {
-      const auto size = std::min(offset - delivered_, static_cast<int64>(zeros.size()));
-      Error error = deliver_piece({zeros.data(), static_cast<std::size_t>(size)});
+      const auto size = std::min(offset - delivered_, static_cast<int64>(sizeof zeros));
+      Error error = deliver_piece({zeros, static_cast<std::size_t>(size)});
       if (error.code != Code::ok) return error;
     }
     return {};

@@ -40,8 +40,8 @@ Error check_file(const std::string& file) {
           "the file is in WAL mode; sqlite3 changes that by 'pragma journal_mode=delete'"};
 }
 
-bool is_known(const std::string& type, const std::string& name, const std::string& sql) {
-  static const std::set<std::string> notes = Notes::schema();
+bool is_known(const std::string& type, const std::string& name, const std::string& sql,
+              const std::set<std::string>& notes) {
   // An index that belongs to a "unique" or a primary key has no statement.
   if (type == "index") return sql.empty();
   if (type != "table") return false;
@@ -92,11 +92,12 @@ Error Bundle::check_schema() {
   Result<Statement> schema =
       database_.prepare("select type, name, ifnull(sql, ''), rootpage from sqlite_schema");
   if (!schema) return schema.error();
+  const std::set<std::string> notes = Notes::schema();
   bool has_table = false;
   for (int code = schema->step(); code != SQLITE_DONE; code = schema->step()) {
     if (code != SQLITE_ROW) return database_.error();
     const std::string name = schema->text(1);
-    if (!is_known(schema->text(0), name, schema->text(2)) || schema->number(3) <= 0) {
+    if (!is_known(schema->text(0), name, schema->text(2), notes) || schema->number(3) <= 0) {
       return damaged("it has a " + printable(schema->text(0)) + " '" + printable(name) +
                      "', which no storage has");
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 #include <unordered_map>
 
@@ -88,7 +89,7 @@ Destinations Destinations::of(const std::string& target) {
 }
 
 bool is_of_packet_filter(const std::string& path) {
-  static const std::string name = "corlu.serv";
+  constexpr std::string_view name = "corlu.serv";
   for (std::size_t start = path.find(name); start != std::string::npos;
        start = path.find(name, start + 1)) {
     const std::size_t end = start + name.size();

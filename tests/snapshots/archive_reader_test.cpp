@@ -1,7 +1,9 @@
 #include "snapshots/archive_reader.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <map>
 
 #include "support/gateway.h"
@@ -77,6 +79,30 @@ TEST_F(ArchiveReader, ASparseFileHasItsHoles) {
   std::string content = seen.at(0);
   while (content.find("] [") != std::string::npos) content.replace(content.find("] ["), 3, "");
   EXPECT_TRUE(content == "file 0644 s [" + std::string(100000, '\0') + "end]");
+}
+
+/// Another thread may read on while the objects of the host are destroyed, or one of them reads.
+TEST_F(ArchiveReader, ASparseFileHasItsHolesWhenTheHostExits) {
+  ASSERT_EQ(shell("cd " + root() + " && truncate -s 100000 s && printf end >> s && tar cSzf t.gz s"), 0);
+  static std::string packed;
+  static const auto has_holes = [] {
+    std::string content;
+    const EntryHandler handler = {[](const Entry&) { return Error{}; },
+                                  [&content](std::string_view piece) {
+                                    content += piece;
+                                    return Error{};
+                                  },
+                                  [] { return Error{}; }};
+    MemorySource source(packed);
+    return read_archive(source, {}, handler).code == Code::ok &&
+           content == std::string(100000, '\0') + "end";
+  };
+  packed = read_file(root() + "/t.gz");
+  const auto read_at_exit = [] {
+    std::atexit([] { _exit(has_holes() ? 0 : 2); });
+    std::exit(has_holes() ? 0 : 1);
+  };
+  EXPECT_EXIT(read_at_exit(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(ArchiveReader, ASparseFileIsNoLongerThanItsHeaderSays) {

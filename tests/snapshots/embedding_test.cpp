@@ -1,0 +1,76 @@
+// What a host may do to the process that it shares with the library.
+
+#include <fcntl.h>
+#include <langinfo.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <clocale>
+#include <cstdlib>
+#include <functional>
+
+#include "snapshots/database.h"
+#include "snapshots/exporting.h"
+
+namespace {
+
+using namespace test;
+using cs::Code;
+using std::chrono::milliseconds;
+
+class Embedding : public Exporting {
+ public:
+  Embedding() { done(cs::export_to({{"weekly"}}, exported())); }
+
+  /// Whether everything that reads and writes works. Calls `act` where the library runs the host's code,
+  /// and `prepare` before each call.
+  bool works(
+      const std::function<void()>& act = [] {}, const std::function<void()>& prepare = [] {}) const {
+    write_file(config("gw1.conf"), "changed");
+    cs::RestoreOptions options;
+    options.progress = [&act](const cs::Progress&) { act(); };
+    options.check = [&act] {
+      act();
+      return true;
+    };
+    const auto sink = [&act](std::string_view) {
+      act();
+      return cs::Error{};
+    };
+    std::string bytes = read_file(exported());
+    const auto supply = [&]() -> cs::Result<std::string_view> {
+      act();
+      supplied_ = std::exchange(bytes, std::string());
+      return std::string_view(supplied_);
+    };
+    const std::vector<std::function<bool()>> calls = {
+        [] { return code("again", overwrite()) == Code::ok; },
+        [&] { return bool{cs::restore({"weekly"}, options)}; },
+        [&] { return bool{cs::export_to({{"weekly"}}, sink)}; },
+        [&] { return bool{cs::import_from(supply, forced())}; },
+        [] { return bool{cs::verify({"weekly"})}; }};
+    return std::all_of(calls.begin(), calls.end(), [&prepare](const std::function<bool()>& call) {
+      prepare();
+      return call();
+    });
+  }
+
+  mutable std::string supplied_;
+};
+
+/// Another thread may work on while the objects of the host are destroyed, or one of them works.
+TEST_F(Embedding, WorksWhenTheHostExits) {
+  static const Embedding* test = nullptr;
+  test = this;
+  // The log of these tests is not kept so long.
+  host.no_log = true;
+  const auto work_at_exit = [] {
+    std::atexit([] { _exit(test->works() ? 0 : 2); });
+    std::exit(test->works() ? 0 : 1);
+  };
+  EXPECT_EXIT(work_at_exit(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
