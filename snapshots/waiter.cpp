@@ -85,10 +85,11 @@ std::vector<char*> pointers_of(Words& words) {
   return pointers;
 }
 
-/// The environment, in which a waiter also finds where to say that it waits.
+/// The environment, in which a waiter also finds where to say that it waits. clearenv(3) leaves no list.
 Words settings() {
   Words found;
-  for (char** setting = environ; *setting != nullptr; ++setting) found.emplace_back(*setting);
+  for (char** setting = environ; setting != nullptr && *setting != nullptr; ++setting)
+    found.emplace_back(*setting);
   found.push_back(std::string(kReadyVariable) + "=" + std::to_string(kReport));
   return found;
 }
@@ -154,7 +155,7 @@ void say_ready() {
 
 Error start_waiter(const std::string& program, const Window& window) {
   const std::string path = program.empty() ? CONFSAVE_PROGRAM : program;
-  if (access(path.c_str(), X_OK) != 0) return system_error(path);
+  if (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) != 0) return system_error(path);
   const Words waiter = {path, "revert", "--when-due"};
   if (is_under_systemd() && start(in_scope(waiter, window)).code == Code::ok) return {};
   return start(waiter);

@@ -11,6 +11,7 @@
 
 #include "snapshots/pending.h"
 #include "snapshots/small_disk.h"
+#include "snapshots/waiter.h"
 #include "support/test_host.h"
 
 namespace {
@@ -108,6 +109,27 @@ TEST_F(PendingTest, WhoWaitsIsStartedWithoutHandlersInAChild) {
   munmap(seen_in_children, sizeof(int));
   seen_in_children = nullptr;
   EXPECT_EQ(reverted().outcome, Outcome::reverted);
+}
+
+/// clearenv(3) leaves no list of variables.
+TEST_F(PendingTest, WhoWaitsNeedsNoEnvironment) {
+  const SmallDisk hidden("/run", 1 << 20);
+  char** const before = environ;
+  environ = nullptr;
+  const cs::Error error = cs::start_waiter(waiter(), {});
+  environ = before;
+  EXPECT_EQ(error.code, Code::ok) << shown(error);
+}
+
+/// The effective user counts, as for what a program of another owner runs.
+TEST_F(PendingTest, WhoWaitsIsRunByTheEffectiveUser) {
+  const SmallDisk hidden("/run", 1 << 20);
+  const std::string program = root() + "/program";
+  shell("cp /bin/true " + program + " && chmod 700 " + program);
+  if (setresuid(65534, 0, 0) != 0) GTEST_SKIP();
+  const cs::Error error = cs::start_waiter(program, {});
+  ASSERT_EQ(setresuid(0, 0, 0), 0);
+  EXPECT_EQ(error.text, "the program ended before it waited for the end of the window");
 }
 
 TEST_F(PendingTest, WhoWaitsNeedsNoSystemdThatAnswers) {
