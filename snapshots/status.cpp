@@ -1,5 +1,6 @@
 // status: what needs attention. Writes nothing.
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -45,7 +46,7 @@ void check_age(const std::string& what, int64 newest, Status& status) {
 void look_at_ages(Status& status) {
   if (status.snapshots == 0) {
     const std::string storage = storage_file();
-    const bool is_there = access(storage.c_str(), F_OK) == 0;
+    const bool is_there = faccessat(AT_FDCWD, storage.c_str(), F_OK, AT_EACCESS) == 0;
     // Another directory than that of yesterday looks like a gateway that was never saved.
     status.attention.push_back(
         {"stale", "there is no snapshot" + (is_there ? "" : ": " + quoted(storage) + " does not exist")});

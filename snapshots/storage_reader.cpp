@@ -1,5 +1,6 @@
 #include "snapshots/storage_reader.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -105,7 +106,8 @@ Result<std::optional<StorageReader>> StorageReader::open(std::chrono::millisecon
   Result<Database> database = Database::open(storage_file(), wait);
   if (!database) {
     // A directory that is not there is another matter than a file that nobody has made.
-    const bool is_new = database.error().number == ENOENT && access(state_directory().c_str(), F_OK) == 0;
+    const bool is_new = database.error().number == ENOENT &&
+                        faccessat(AT_FDCWD, state_directory().c_str(), F_OK, AT_EACCESS) == 0;
     if (is_new) return std::optional<StorageReader>();
     return database.error();
   }

@@ -73,4 +73,19 @@ TEST_F(Embedding, WorksWhenTheHostExits) {
   EXPECT_EXIT(work_at_exit(), testing::ExitedWithCode(0), "");
 }
 
+/// Of a user, as nothing there is open to others.
+TEST_F(Embedding, TheEffectiveUserCounts) {
+  shell("rm " + database());
+  if (setresuid(65534, 0, 0) != 0) GTEST_SKIP();
+  const auto list = cs::list();
+  write_file(database(), "");
+  const auto status = cs::status();
+  ASSERT_EQ(setresuid(0, 0, 0), 0);
+  EXPECT_TRUE(list) << shown(list.error());
+  ASSERT_TRUE(status);
+  for (const cs::Attention& attention : status->attention) {
+    EXPECT_EQ(attention.text.find("does not exist"), std::string::npos) << attention.text;
+  }
+}
+
 }  // namespace
