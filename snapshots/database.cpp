@@ -173,7 +173,9 @@ Result<Database> Database::open(const std::string& file, std::chrono::millisecon
   sqlite3* opened = nullptr;
   // SQLite takes ":memory:" and "file:x" for something else than paths.
   const std::string path = file.front() == '/' ? file : "./" + file;
-  const int code = sqlite3_open_v2(path.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+  // A cache that connections of the host share has locks that nobody waits for.
+  flags |= SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE;
+  const int code = sqlite3_open_v2(path.c_str(), &opened, flags, nullptr);
   database.db_.reset(opened);
   if (opened == nullptr) throw std::bad_alloc();
   sqlite3_extended_result_codes(opened, 1);
@@ -184,7 +186,16 @@ Result<Database> Database::open(const std::string& file, std::chrono::millisecon
   sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
   sqlite3_limit(opened, SQLITE_LIMIT_ATTACHED, 0);
+  if (Error error = database.map_nothing(); error.code != Code::ok) return error;
   return database;
+}
+
+/// A host may have chosen for all connections that files are mapped into memory. It would end by a signal
+/// when another program cuts such a file off.
+Error Database::map_nothing() {
+  sqlite3_int64 size = -1;
+  sqlite3_file_control(db_.get(), "main", SQLITE_FCNTL_MMAP_SIZE, &size);
+  return size > 0 ? run("pragma mmap_size=0") : Error{};
 }
 
 void Database::limit_wait(std::chrono::milliseconds wait) {

@@ -96,6 +96,7 @@ class Database {
   explicit Database(std::string file) : file_(std::move(file)) {}
 
   static Result<Database> open(const std::string& file, std::chrono::milliseconds wait, int flags);
+  Error map_nothing();
   Error error(int code, const std::string& text) const;
 
   std::string file_;

@@ -88,4 +88,34 @@ TEST_F(Embedding, TheEffectiveUserCounts) {
   }
 }
 
+/// A host shares a cache between its connections: its lock on a table would not be waited for.
+TEST_F(Embedding, ASharedCacheOfTheHostIsNotOurs) {
+  sqlite3_enable_shared_cache(1);
+  sqlite3* other = nullptr;
+  sqlite3_open(database().c_str(), &other);
+  sqlite3_exec(other, "begin immediate; update Config set load_time = 5", nullptr, nullptr, nullptr);
+  const auto list = cs::list();
+  sqlite3_exec(other, "rollback", nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+  sqlite3_enable_shared_cache(0);
+  ASSERT_TRUE(list) << shown(list.error());
+  EXPECT_EQ(list->size(), 1U);
+}
+
+/// Another program that cuts such a file off would end the host.
+TEST_F(Embedding, NoFileIsMapped) {
+  ASSERT_EQ(sqlite3_shutdown(), SQLITE_OK);
+  ASSERT_EQ(sqlite3_config(SQLITE_CONFIG_MMAP_SIZE, sqlite3_int64{1} << 20, sqlite3_int64{1} << 30),
+            SQLITE_OK);
+  const auto mapped = [this] {
+    const auto opened = cs::Database::open(database(), milliseconds(100));
+    sqlite3_int64 size = -1;
+    if (opened) sqlite3_file_control(opened->get(), "main", SQLITE_FCNTL_MMAP_SIZE, &size);
+    return size;
+  }();
+  sqlite3_shutdown();
+  sqlite3_config(SQLITE_CONFIG_MMAP_SIZE, sqlite3_int64{0}, sqlite3_int64{1} << 30);
+  EXPECT_EQ(mapped, 0);
+}
+
 }  // namespace
