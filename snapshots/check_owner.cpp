@@ -26,8 +26,14 @@ struct flock whole_file() {
 
 Result<CheckOwner> CheckOwner::become(const Snapshot& snapshot) {
   const std::string path = owner_file();
-  Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (!file) return system_error(path);
+  constexpr mode_t kMode = S_IRUSR | S_IWUSR;
+  constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+  // The host runs its check while this is open.
+  Descriptor file = beside_streams(Descriptor(open(path.c_str(), kFlags, kMode)));
+  struct stat status = {};
+  if (!file || fstat(file.get(), &status) != 0) return system_error(path);
+  // Whatever the umask, its owner can open it again.
+  if ((status.st_mode & kMode) != kMode && fchmod(file.get(), kMode) != 0) return system_error(path);
   struct flock lock = whole_file();
   if (fcntl(file.get(), F_OFD_SETLK, &lock) != 0) {
     if (errno != EAGAIN && errno != EACCES) return system_error(path);

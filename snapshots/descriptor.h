@@ -1,6 +1,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <memory>
@@ -31,6 +32,15 @@ class Descriptor {
  private:
   int number_;
 };
+
+/// The same file with a number that no standard stream has: a host may have closed its own, and what it
+/// prints must not end up in a file that is written. `how` is F_DUPFD for one that stays open on exec.
+inline Descriptor beside_streams(Descriptor opened, int how = F_DUPFD_CLOEXEC) {
+  if (opened && opened.get() <= STDERR_FILENO) {
+    opened = Descriptor(fcntl(opened.get(), how, STDERR_FILENO + 1));
+  }
+  return opened;
+}
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { closedir(directory); }

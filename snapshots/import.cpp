@@ -212,7 +212,7 @@ Result<Imported> import_and_log(const std::string& file, const std::string& show
 }
 
 Error write(const Supply& supply, const std::string& file) {
-  const Descriptor opened(open(file.c_str(), O_WRONLY | O_CLOEXEC));
+  const Descriptor opened = beside_streams(Descriptor(open(file.c_str(), O_WRONLY | O_CLOEXEC)));
   if (!opened) return system_error(file);
   for (;;) {
     Result<std::string_view> piece = supply();

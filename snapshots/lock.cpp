@@ -15,16 +15,14 @@ namespace ConfSave::snapshots {
 namespace {
 
 constexpr mode_t kMode = S_IRUSR | S_IWUSR;
-constexpr int kFirstOwnNumber = 3;
 constexpr std::chrono::milliseconds kLongestPause{20};
 
 std::string lock_file() { return state_directory() + "/confsave.lock"; }
 
 /// Not closed on exec, so that the commands of a killed process keep the lock.
 Result<Descriptor> open_file(const std::string& path) {
-  Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kMode));
-  // A host may have closed its standard streams: what it prints must not end up in this file.
-  if (file && file.get() < kFirstOwnNumber) file = Descriptor(fcntl(file.get(), F_DUPFD, kFirstOwnNumber));
+  constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  Descriptor file = beside_streams(Descriptor(open(path.c_str(), kFlags, kMode)), F_DUPFD);
   if (!file) {
     Error error = system_error(path);
     if (error.number == ENOENT) error.code = Code::no_storage;

@@ -36,9 +36,12 @@ Error rename_over_nothing(const std::string& from, const std::string& to) {
 
 Result<NewFile> NewFile::make(const std::string& prefix) {
   std::string name = prefix + "XXXXXX";
-  const Descriptor file(mkostemp(name.data(), O_CLOEXEC));
+  const Descriptor file = beside_streams(Descriptor(mkostemp(name.data(), O_CLOEXEC)));
   if (!file) return system_error(directory_part(prefix));
-  return NewFile(std::move(name));
+  NewFile made(std::move(name));
+  // Whatever the umask.
+  if (fchmod(file.get(), S_IRUSR | S_IWUSR) != 0) return system_error(made.name());
+  return made;
 }
 
 NewFile::~NewFile() { remove(); }

@@ -22,7 +22,8 @@ bool is_same(const char* one, const char* other) {
 
 Error make_own_file(const std::string& file) {
   constexpr mode_t kMode = S_IRUSR | S_IWUSR;
-  const Descriptor made(open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
+  constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
+  const Descriptor made = beside_streams(Descriptor(open(file.c_str(), kFlags, kMode)));
   if (made) return fchmod(made.get(), kMode) == 0 ? Error{} : system_error(file);
   if (errno != EEXIST) return system_error(file);
   struct stat status = {};

@@ -39,7 +39,8 @@ bool is_whole(const struct stat& status) {
 }
 
 Descriptor open_file(const std::string& file, int flags = 0) {
-  return Descriptor(::open(file.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | flags, S_IRUSR | S_IWUSR));
+  return beside_streams(
+      Descriptor(::open(file.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | flags, S_IRUSR | S_IWUSR)));
 }
 
 /// In place: takes no room where the blocks are there.

@@ -19,8 +19,9 @@ bool is_hole(std::string_view block) {
 }  // namespace
 
 StagedFile::StagedFile(int directory, const std::string& name)
-    : file_(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                   S_IRUSR | S_IWUSR)) {}
+    : file_(beside_streams(
+          Descriptor(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                            S_IRUSR | S_IWUSR)))) {}
 
 std::size_t StagedFile::to_block_end() const { return kBlock - static_cast<std::size_t>(size_) % kBlock; }
 

@@ -18,7 +18,8 @@ namespace {
 /// this process.
 Error make_file(const std::string& path) {
   constexpr mode_t kMode = S_IRUSR | S_IWUSR;
-  const Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
+  constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
+  const Descriptor file = beside_streams(Descriptor(open(path.c_str(), kFlags, kMode)));
   if (file) return fchmod(file.get(), kMode) == 0 ? Error{} : system_error(path);
   if (errno == EEXIST) return {};
   Error error = system_error(path);

@@ -101,8 +101,9 @@ void keep() {
   if (!summary) return;
   Record record{*fingerprint, *summary};
   record.digest = digest_of(record);
-  const Descriptor file(open(summary_file().c_str(),
-                             O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const Descriptor file =
+      beside_streams(Descriptor(open(summary_file().c_str(), kFlags, S_IRUSR | S_IWUSR)));
   // In place, so that a kill leaves no temporary file.
   if (file) static_cast<void>(pwrite(file.get(), &record, sizeof record, 0));
 }

@@ -73,6 +73,40 @@ TEST_F(Embedding, WorksWhenTheHostExits) {
   EXPECT_EXIT(work_at_exit(), testing::ExitedWithCode(0), "");
 }
 
+/// What the host prints then ends up in no file of the library.
+TEST_F(Embedding, ClosedStreamsStayClosed) {
+  const auto work_without_streams = [this] {
+    int writable = 0;
+    const auto look = [&writable] {
+      for (int number = 0; number < 3; ++number) {
+        const int flags = fcntl(number, F_GETFL);
+        if (flags != -1 && (flags & O_ACCMODE) != O_RDONLY) ++writable;
+      }
+    };
+    // SQLite opens "/dev/null" in their place, and leaves it so.
+    const auto close_streams = [] {
+      for (int number = 0; number < 3; ++number) close(number);
+    };
+    const bool worked = works(look, close_streams);
+    _exit(!worked ? 1 : writable != 0 ? 2 : 0);
+  };
+  EXPECT_EXIT(work_without_streams(), testing::ExitedWithCode(0), "");
+}
+
+/// Files have the modes that the headers say, and are opened again by users other than root.
+TEST_F(Embedding, TheMaskOfModesDoesNotMatter) {
+  const std::string file = root() + "/masked";
+  const mode_t before = umask(0777);
+  const bool worked = works() && cs::export_to({{"weekly"}}, file);
+  umask(before);
+  EXPECT_TRUE(worked);
+  struct stat status = {};
+  for (const std::string& made : {file, state_dir() + "/restore.lock", lock_file()}) {
+    ASSERT_EQ(stat(made.c_str(), &status), 0) << made;
+    EXPECT_EQ(status.st_mode & 07777U, 0600U) << made;
+  }
+}
+
 /// Of a user, as nothing there is open to others.
 TEST_F(Embedding, TheEffectiveUserCounts) {
   shell("rm " + database());
