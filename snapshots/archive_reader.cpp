@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <clocale>
 #include <exception>
 #include <memory>
 #include <new>
@@ -13,28 +12,13 @@
 #include "snapshots/archive_path.h"
 #include "snapshots/gunzip.h"
 #include "snapshots/libarchive.h"
+#include "snapshots/utf8_names.h"
 
 namespace ConfSave::snapshots {
 namespace {
 
 /// Of a user or group in the seven octal digits of a plain header.
 constexpr std::uint32_t kLargestInHeader = 07777777;
-
-/// While it lives, names of this thread are UTF-8: under other locales libarchive refuses names.
-class Utf8Names {
- public:
-  Utf8Names() : utf8_(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr)), before_(uselocale(utf8_)) {}
-  Utf8Names(const Utf8Names&) = delete;
-  Utf8Names& operator=(const Utf8Names&) = delete;
-  ~Utf8Names() {
-    uselocale(before_);
-    if (utf8_ != nullptr) freelocale(utf8_);
-  }
-
- private:
-  locale_t utf8_;
-  locale_t before_;
-};
 
 using Reader = std::unique_ptr<struct archive, decltype(Libarchive::archive_read_free)>;
 

@@ -122,6 +122,24 @@ TEST_F(Embedding, TheEffectiveUserCounts) {
   }
 }
 
+/// Names are read as UTF-8 whatever the locale is; the rest of it is the host's.
+TEST_F(Embedding, TheLocaleOfTheHostStays) {
+  const auto name = [] { return std::string(nl_langinfo_l(NL_LOCALE_NAME(LC_TIME), uselocale(nullptr))); };
+  std::setlocale(LC_ALL, "C.UTF-8");
+  Texts seen;
+  EXPECT_EQ(cs::read_file({"weekly"}, config("gw1.conf"),
+                          [&](std::string_view) {
+                            seen.push_back(name());
+                            return cs::Error{};
+                          })
+                .code,
+            Code::ok);
+  const locale_t after = uselocale(nullptr);
+  std::setlocale(LC_ALL, "C");
+  EXPECT_EQ(seen, (Texts{"C.UTF-8"}));
+  EXPECT_EQ(after, LC_GLOBAL_LOCALE);
+}
+
 /// A host shares a cache between its connections: its lock on a table would not be waited for.
 TEST_F(Embedding, ASharedCacheOfTheHostIsNotOurs) {
   sqlite3_enable_shared_cache(1);
