@@ -27,6 +27,8 @@ Error change_note(const Id& id, const ChangeOptions& options, Change change) {
   query.version = id.version;
   query.corlu_config = true;
   query.wait = deadline.left();
+  // No row has a name that no pattern asks for.
+  if (check_pattern(query.pattern).code != Code::ok) return not_found(id.name);
   const Result<Snapshot> row = find(query);
   if (!row) return row.error();
   // SQLite's glob ends at a NUL byte.

@@ -1,5 +1,7 @@
 #include "snapshots/arguments.h"
 
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "places.h"
@@ -10,6 +12,8 @@ namespace {
 
 constexpr std::size_t kLongestName = 80;
 constexpr std::size_t kLongestComment = 4096;
+/// SQLite takes no longer one.
+constexpr std::size_t kLongestPattern = 50'000;
 
 Error bad(const std::string& text) { return {Code::bad_argument, 0, "", text}; }
 
@@ -43,6 +47,8 @@ std::size_t length_of_code_point(const std::string& text, std::size_t at) {
   const bool is_valid = first >= 0xc0 && first < 0xf8 && point >= kFirst[length] && point <= 0x10ffff;
   return is_valid && !is_surrogate ? length : 0;
 }
+
+bool has_nul(const std::string& text) { return text.find('\0') != std::string::npos; }
 
 bool is_utf8(const std::string& text) {
   for (std::size_t at = 0; at < text.size();) {
@@ -80,7 +86,51 @@ Error check_comment(const std::string& comment) {
   return {};
 }
 
+Error check_pattern(const std::string& pattern) {
+  // SQLite would stop there, and match more.
+  if (has_nul(pattern)) return bad("a pattern has no NUL bytes");
+  if (pattern.size() > kLongestPattern) return bad("a pattern has at most 50,000 bytes");
+  return {};
+}
+
+Error check_path(const std::string& path) {
+  if (!has_nul(path)) return {};
+  return {Code::bad_argument, 0, printable(path), "a path has no NUL bytes"};
+}
+
+Error check_ids(const Ids& ids) {
+  std::set<std::pair<std::string, int64>> seen;
+  for (const Id& id : ids) {
+    if (seen.insert({id.name, id.version}).second) continue;
+    return bad("'" + printable(id.name) + "' is to be exported twice");
+  }
+  return {};
+}
+
+Error check_sink(const Sink& sink) {
+  return sink ? Error{} : bad("the function that takes the bytes is empty");
+}
+
+Error check_supply(const Supply& supply) {
+  return supply ? Error{} : bad("the function that gives the bytes is empty");
+}
+
+Error check_when(When when) {
+  const bool known = when == When::now || when == When::if_due || when == When::when_due;
+  return known ? Error{} : bad("the time is not now, if_due or when_due");
+}
+
+Error check_paths(const RestoreOptions& options) {
+  if (Error error = check_path(options.target); error.code != Code::ok) return error;
+  const std::string& program = options.program;
+  if (Error error = check_path(program); error.code != Code::ok) return error;
+  if (program.empty() || program.front() == '/') return {};
+  return {Code::bad_argument, 0, printable(program),
+          "the program needs an absolute path: it is run from \"/\""};
+}
+
 Error check_window(const RestoreOptions& options) {
+  if (Error error = check_paths(options); error.code != Code::ok) return error;
   const std::chrono::seconds length = options.confirm_within;
   if (length.count() == 0) return {};
   if (length < kShortestWindow || length > kLongestWindow) {

@@ -18,7 +18,26 @@ Error check_type(conftype type);
 /// At most 4,096 bytes of UTF-8 without control characters.
 Error check_comment(const std::string& comment);
 
-/// Nothing, or as long as a restore may wait for its confirmation.
+/// One that SQLite takes as it is.
+Error check_pattern(const std::string& pattern);
+
+/// One that the system takes as it is.
+Error check_path(const std::string& path);
+
+/// None of them twice.
+Error check_ids(const Ids& ids);
+
+/// Functions that can be called.
+Error check_sink(const Sink& sink);
+Error check_supply(const Supply& supply);
+
+/// A value of the enumeration.
+Error check_when(When when);
+
+/// The target and the program.
+Error check_paths(const RestoreOptions& options);
+
+/// These, too, and nothing, or as long as a restore may wait for its confirmation.
 Error check_window(const RestoreOptions& options);
 
 /// Whether another process, in another directory, finds the files.

@@ -5,6 +5,7 @@
 
 #include "places.h"
 #include "snapshots/archive_path.h"
+#include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
 #include "snapshots/bundle.h"
 #include "snapshots/descriptor.h"
@@ -143,17 +144,19 @@ class Exporting {
 };
 
 Result<Exported> export_into_file(const Ids& ids, const std::string& file, const ExportOptions& options) {
-  if (Error error = check_destination(file, options.overwrite); error.code != Code::ok) return error;
+  Error error = check_ids(ids);
+  if (error.code == Code::ok) error = check_destination(file, options.overwrite);
+  if (error.code != Code::ok) return error;
   const Deadline deadline(options.wait);
   Result<NewFile> made = NewFile::make(directory_part(file) + ".confsave-export-");
   if (!made) return made.error();
   Result<Exported> exported = Exporting(ids, deadline).run(made->name());
   if (!exported) {
-    Error error = exported.error();
+    error = exported.error();
     if (error.path == made->name()) error.path = file;
     return error;
   }
-  Error error = made->publish(file, options.overwrite, exported->warnings);
+  error = made->publish(file, options.overwrite, exported->warnings);
   if (error.code != Code::ok) return error;
   return exported;
 }
@@ -176,12 +179,16 @@ Error pass(NewFile& made, const Sink& sink) {
 }
 
 Result<Exported> export_into_sink(const Ids& ids, const Sink& sink, const ReadOptions& options) {
+  Error error = check_sink(sink);
+  if (error.code == Code::ok) error = check_ids(ids);
+  if (error.code != Code::ok) return error;
   const Deadline deadline(options.wait);
   Result<NewFile> made = NewFile::make(temporary_directory() + "/");
   if (!made) return made.error();
   Result<Exported> exported = Exporting(ids, deadline).run(made->name());
   if (!exported) return exported.error();
-  if (Error error = pass(*made, sink); error.code != Code::ok) return error;
+  error = pass(*made, sink);
+  if (error.code != Code::ok) return error;
   return exported;
 }
 

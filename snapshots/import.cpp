@@ -180,7 +180,9 @@ Error check(const ImportOptions& options) {
   if (options.version && !options.pattern) {
     return {Code::bad_argument, 0, "", "a version without a pattern chooses nothing"};
   }
-  return options.name ? check_id({*options.name}) : Error{};
+  Error error = options.pattern ? check_pattern(*options.pattern) : Error{};
+  if (error.code == Code::ok && options.name) error = check_id({*options.name});
+  return error;
 }
 
 Result<Imported> import_file(const std::string& file, const ImportOptions& options,
@@ -227,10 +229,13 @@ Error write(const Supply& supply, const std::string& file) {
 }
 
 Result<Imported> import_supply(const Supply& supply, const ImportOptions& options) {
-  if (Error error = check(options); error.code != Code::ok) return error;
+  Error error = check_supply(supply);
+  if (error.code == Code::ok) error = check(options);
+  if (error.code != Code::ok) return error;
   Result<NewFile> made = NewFile::make(temporary_directory() + "/");
   if (!made) return made.error();
-  if (Error error = write(supply, made->name()); error.code != Code::ok) return error;
+  error = write(supply, made->name());
+  if (error.code != Code::ok) return error;
   return import_and_log(made->name(), "-", options);
 }
 
@@ -238,7 +243,9 @@ Result<Imported> import_supply(const Supply& supply, const ImportOptions& option
 
 Result<Imported> import_from(const std::string& file, const ImportOptions& options) {
   return at_boundary([&]() -> Result<Imported> {
-    if (Error error = check(options); error.code != Code::ok) return error;
+    Error error = check_path(file);
+    if (error.code == Code::ok) error = check(options);
+    if (error.code != Code::ok) return error;
     return import_and_log(file, file, options);
   });
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "snapshots/arguments.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/own_file.h"
 #include "snapshots/sentence.h"
@@ -73,6 +74,7 @@ Error NewFile::publish(const std::string& file, bool overwrite, std::vector<std:
 std::string directory_part(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
 Error check_destination(const std::string& file, bool overwrite) {
+  if (Error error = check_path(file); error.code != Code::ok) return error;
   if (file.empty() || file.back() == '/')
     return {Code::bad_argument, 0, file, "the name of the file is empty"};
   struct stat status = {};

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <optional>
 
+#include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
 #include "snapshots/lock.h"
 #include "snapshots/recover.h"
@@ -18,7 +19,7 @@ Error check(const PruneOptions& options) {
   if (options.keep < 1) return bad("at least one snapshot must stay");
   if (options.older_than && options.older_than->count() < 0) return bad("the age is negative");
   if (options.pattern && options.pattern->empty()) return bad("the pattern is empty");
-  return {};
+  return options.pattern ? check_pattern(*options.pattern) : Error{};
 }
 
 Surplus surplus_of(const PruneOptions& options) {

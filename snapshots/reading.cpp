@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "snapshots/archive_path.h"
+#include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
 #include "snapshots/listing.h"
 #include "snapshots/member_collector.h"
@@ -32,6 +33,7 @@ Error add_notes(Snapshots& snapshots, const Deadline& deadline, std::optional<No
 }
 
 Result<Snapshots> list_rows(const Query& query) {
+  if (Error error = check_pattern(query.pattern); error.code != Code::ok) return error;
   Listing opened;
   return snapshots::list_rows(query, Deadline(query.wait), opened);
 }
@@ -89,6 +91,7 @@ Error pass_content(OpenRow& row, const Column& column, int64 wanted, const Sink&
 }
 
 Error pass_file(const Id& id, const std::string& path, const Sink& sink, const ReadOptions& options) {
+  if (Error error = check_sink(sink); error.code != Code::ok) return error;
   Result<OpenRow> row = open_row(id, Deadline(options.wait));
   if (!row) return row.error();
   std::optional<Place> place;
