@@ -37,7 +37,7 @@
 // Waiting. The `wait` of the options runs from the start of a call, and its own work counts. When it is
 // over, the call waits for no lock any more, and returns Code::busy if one is held. restore() begins it
 // anew after its check. After a step that cannot be taken back, as the storing of a row, a call waits two
-// seconds more for what belongs to it.
+// seconds more for what belongs to it. A restore with `confirm_within` also waits for its `program`.
 //
 // Memory. Archives are read as streams: memory does not grow with the size of a snapshot. Only save() holds
 // its packed archives, and SQLite a copy of them. SQLite also holds the packed archives of a row that is
@@ -47,7 +47,13 @@
 // are absolute: where a restore puts them.
 //
 // Threads. Functions have no state in common; different threads may call them at the same time. While it
-// packs, save() runs a thread of its own, which handles no signals and has ended on return.
+// packs, save() runs a thread of its own, which handles no signals and has ended on return. The functions
+// that a caller passes run in the calling thread; while an archive is read, LC_CTYPE of this thread is that
+// of "C.UTF-8". pthread_cancel(3) during a call and pthread_exit(3) in such a function abort the process.
+//
+// Processes. save(), and what saves first, runs commands of the platform. No other thread may wait for a
+// child that it has not started: how the command ended would be unknown, and the save fails. What commands
+// do to signals, what a fork shares and which settings of SQLite count is in docs/embedding.md.
 
 #include <optional>
 #include <string>
@@ -197,8 +203,9 @@ CONFSAVE_API Result<Autosaved> autosave(const AutosaveOptions& options);
 
 /// Writes these snapshots into `file`, which is a storage of its own: an SQLite file with the same table.
 /// Rows are copied as they are, with ids and times, whole or damaged; comments, pins, authors and manifests
-/// are beside them in tables of their own. The file has mode 0600, and appears whole, or not at all. It is
-/// durable on return, unless a warning says that its directory could not be synced.
+/// are beside them in tables of their own. Each id is there once. The file has mode 0600, and appears
+/// whole, or not at all. It is durable on return, unless a warning says that its directory could not be
+/// synced.
 CONFSAVE_API Result<Exported> export_to(const Ids& ids, const std::string& file,
                                         const ExportOptions& options = {});
 

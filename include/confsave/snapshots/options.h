@@ -28,7 +28,7 @@ struct Id {
 struct Query {
   enum class Order { id, name, version, saved, loaded };
 
-  std::string pattern = "*";          ///< of the name: * ? [ ] as SQLite's glob has them
+  std::string pattern = "*";          ///< of the name: * ? [ ] as SQLite's glob has them; to 50,000 bytes
   std::optional<int64> version = {};  ///< exactly this one
   std::optional<int64> up_to = {};    ///< this one or lower
   bool corlu_config = false;          ///< also the packet filter's own row, "corlu-config"
@@ -80,14 +80,16 @@ struct RestoreOptions {
   bool allow_newer = false;  ///< else a snapshot of a newer version than the running one is Code::newer
   /// A plan that a person has agreed to. If the restore would do anything else, Code::changed_meanwhile.
   std::optional<Plan> expected = {};
-  /// Called when the files are restored, without any lock: it may call every function here. If it returns
-  /// false or throws, or this process dies, the restore is taken back.
+  /// Called when the files are restored, without any lock: it may call every function here but
+  /// revert(When::when_due), which would wait for its end. If it returns false or throws, or this process
+  /// dies, the restore is taken back.
   std::function<bool()> check = {};
   /// The restore is taken back when this time is over, unless confirm() keeps it: kShortestWindow to
   /// kLongestWindow; 0: it needs no confirmation. Not with `target`.
   std::chrono::seconds confirm_within{0};
   /// The program that is started to take it back, with the arguments "revert --when-due"; it has to call
-  /// revert(When::when_due). Empty: the installed "confsave".
+  /// revert(When::when_due). An absolute path; empty: the installed "confsave". restore() waits up to ten
+  /// seconds more until it is ready; under systemd, where it may be started twice, up to twenty.
   std::string program = {};
   /// Called now and then, by the calling thread; by plan() too. If it throws, the call ends with an error,
   /// and nothing was changed.

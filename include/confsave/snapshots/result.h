@@ -14,9 +14,9 @@ enum class Code {
   bad_argument,       ///< the call is wrong; nothing was done
   not_found,          ///< no snapshot matches, or a snapshot has no such member
   ambiguous,          ///< more than one snapshot matches
-  taken,              ///< a snapshot of this name and version exists
+  taken,              ///< a snapshot of this name and version, or the file to export to, exists
   pinned,             ///< the snapshot is protected from being deleted
-  busy,               ///< another process holds a lock, and the wait is over
+  busy,               ///< another process, or thread of this one, holds a lock, and the wait is over
   pending,            ///< a restore waits for its check or for confirm(), and would be disturbed
   not_pending,        ///< no restore waits for confirm(); the text says how the last one ended
   incomplete,         ///< there is nothing to save: no file of the contents exists
