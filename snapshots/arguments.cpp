@@ -11,6 +11,8 @@ namespace ConfSave::snapshots {
 namespace {
 
 constexpr std::size_t kLongestName = 80;
+/// VALID_NAME_CHARS, which is destroyed when the host exits.
+constexpr const char* kNameCharacters = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-_";
 constexpr std::size_t kLongestComment = 4096;
 /// SQLite takes no longer one.
 constexpr std::size_t kLongestPattern = 50'000;
@@ -64,7 +66,7 @@ bool is_utf8(const std::string& text) {
 Error check_id(const Id& id) {
   if (id.name.empty()) return bad("the name is empty");
   if (id.name.size() > kLongestName) return bad("a name has at most 80 characters");
-  const std::size_t wrong = id.name.find_first_not_of(VALID_NAME_CHARS);
+  const std::size_t wrong = id.name.find_first_not_of(kNameCharacters);
   if (wrong != std::string::npos) {
     return bad("the name has the character '" + printable(id.name.substr(wrong, 1)) +
                "'; a name has letters, digits, '-' and '_'");

@@ -4,6 +4,7 @@
 
 #include <mutex>
 #include <optional>
+#include <type_traits>
 
 namespace ConfSave::snapshots {
 namespace {
@@ -75,6 +76,7 @@ class Loading {
 Result<const Libarchive*> libarchive() {
   static std::mutex mutex;
   static std::optional<Libarchive> library;
+  static_assert(std::is_trivially_destructible_v<Libarchive>, "a host that exits may still read archives");
   const std::lock_guard<std::mutex> lock(mutex);
   if (!library) {
     Result<Libarchive> loaded = Loading().functions();

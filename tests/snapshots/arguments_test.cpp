@@ -94,6 +94,15 @@ TEST_F(Arguments, AProgramIsNamedFromTheRoot) {
                  {[] { return restoring("", "bin/true"); }});
 }
 
+/// The contract library's characters.
+TEST_F(Arguments, ANameHasItsCharacters) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string name(1, static_cast<char>(byte));
+    const bool is_valid = ConfSave::VALID_NAME_CHARS.find(name) != std::string::npos;
+    EXPECT_EQ(cs::check_id({name}).code == Code::ok, is_valid) << byte;
+  }
+}
+
 TEST_F(Arguments, ATimeIsOneOfThree) {
   for (const cs::When when : {cs::When::now, cs::When::if_due, cs::When::when_due}) {
     EXPECT_EQ(cs::check_when(when).code, Code::ok);
