@@ -1,5 +1,6 @@
 // plan: what a restore would do, for who asks before it is done.
 
+#include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
 #include "snapshots/plan.h"
 #include "snapshots/recover.h"
@@ -8,6 +9,7 @@ namespace ConfSave::snapshots {
 namespace {
 
 Result<Plan> plan_restore(const Id& id, const RestoreOptions& options) {
+  if (Error error = check_paths(options); error.code != Code::ok) return error;
   const Deadline deadline(options.wait);
   if (Error error = check_finished(deadline); error.code != Code::ok) return error;
   Result<OpenRow> row = open_row(id, deadline);

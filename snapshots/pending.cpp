@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "snapshots/archive_path.h"
+#include "snapshots/arguments.h"
 #include "snapshots/audit.h"
 #include "snapshots/boot.h"
 #include "snapshots/boundary.h"
@@ -253,7 +254,8 @@ Result<Confirmed> confirm(const ChangeOptions& options) {
 }
 
 Result<Recovery> revert(When when, const ChangeOptions& options) {
-  return at_boundary([&] {
+  return at_boundary([&]() -> Result<Recovery> {
+    if (Error error = check_when(when); error.code != Code::ok) return error;
     return when == When::when_due ? Waiter(options.wait).run() : lock_and_revert(when, options.wait);
   });
 }

@@ -45,6 +45,12 @@ cs::Error restoring(const std::string& target, const std::string& program = {}) 
   return error_of(cs::restore({"weekly"}, options));
 }
 
+cs::Error planning(const std::string& target) {
+  cs::RestoreOptions options;
+  options.target = target;
+  return error_of(cs::plan({"weekly"}, options));
+}
+
 class Arguments : public Exporting {
  protected:
   /// Every call is refused with this text, and nothing is done.
@@ -83,10 +89,11 @@ TEST_F(Arguments, APatternHasALength) {
 
 TEST_F(Arguments, APathHasNoNulByte) {
   const std::string live = config_dir() + "\0/other"s;
-  expect_refused("a path has no NUL bytes",
-                 {[&] { return error_of(cs::export_to({{"weekly"}}, root() + "/a\0b"s)); },
-                  [&] { return error_of(cs::import_from(root() + "/a\0b"s)); },
-                  [&] { return restoring(live); }, [&] { return restoring("", "/bin/true\0x"s); }});
+  expect_refused(
+      "a path has no NUL bytes",
+      {[&] { return error_of(cs::export_to({{"weekly"}}, root() + "/a\0b"s)); },
+       [&] { return error_of(cs::import_from(root() + "/a\0b"s)); }, [&] { return restoring(live); },
+       [&] { return planning(live); }, [&] { return restoring("", "/bin/true\0x"s); }});
 }
 
 TEST_F(Arguments, AProgramIsNamedFromTheRoot) {
@@ -109,6 +116,7 @@ TEST_F(Arguments, ATimeIsOneOfThree) {
   }
   for (const int other : {-1, 3}) {
     EXPECT_EQ(cs::check_when(static_cast<cs::When>(other)).text, "the time is not now, if_due or when_due");
+    EXPECT_EQ(error_of(cs::revert(static_cast<cs::When>(other))).code, Code::bad_argument);
   }
 }
 
