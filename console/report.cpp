@@ -92,6 +92,32 @@ std::string next_step(const cs::Error& error, bool waits) {
   }
 }
 
+/// What --force would do besides is named, too. Empty when the file is the matter.
+std::string step_for_import(const cs::Error& error, bool is_one) {
+  using cs::Code;
+  switch (error.code) {
+    case Code::newer:
+      return is_one ? "Give --force to store it all the same; a stored snapshot of its name and version is "
+                      "overwritten then"
+                    : "--force stores it all the same, and overwrites stored snapshots of the same names, "
+                      "pinned ones too. Give NAME to import one only";
+    case Code::taken:
+    case Code::pinned:
+      return is_one ? "Give --force to overwrite it, or another name by --as"
+                    : "Give --force to overwrite all that exist, or NAME to import one, under another name with --as";
+    case Code::ambiguous:
+      return "Choose one by NAME@VERSION";
+    case Code::busy:
+    case Code::denied:
+    case Code::no_space:
+    case Code::no_storage:
+    case Code::pending:
+      return next_step(error, true);
+    default:
+      return "";
+  }
+}
+
 int print_not_found(const Selection& selection) {
   const std::string version = selection.version ? "@" + version_text(*selection.version) : "";
   std::cerr << "confsave: nothing is stored as '" << printable(selection.name + version)
@@ -248,19 +274,11 @@ int report_reading(cs::Error error, const std::string& which) {
   return report(error);
 }
 
-int report_import(const cs::Error& error) {
+int report_import(const cs::Error& error, bool is_one) {
   print_failure(error);
   std::cerr << " Nothing was stored.";
-  if (error.code == cs::Code::newer) std::cerr << " Give --force to store it all the same.";
-  if (error.code == cs::Code::no_space || error.code == cs::Code::denied ||
-      error.code == cs::Code::no_storage) {
-    std::cerr << ' ' << next_step(error, true) << '.';
-  }
-  if (error.code == cs::Code::taken || error.code == cs::Code::pinned) {
-    std::cerr << " Give --force to overwrite it, or another name by --as.";
-  }
-  if (error.code == cs::Code::busy) std::cerr << " Try again later, or wait longer with --wait.";
-  if (error.code == cs::Code::pending) std::cerr << ' ' << step_for_pending() << '.';
+  const std::string step = step_for_import(error, is_one);
+  if (!step.empty()) std::cerr << ' ' << step << '.';
   std::cerr << '\n';
   return exit_status(error.code);
 }

@@ -35,8 +35,8 @@ int report_restore(cs::Error error, const cs::Snapshot& snapshot);
 /// The same for an error of reading the snapshots `which`: an archive's error does not name its snapshot.
 int report_reading(cs::Error error, const std::string& which);
 
-/// The same for an error of importing.
-int report_import(const cs::Error& error);
+/// The same for an error of importing. `is_one`: one snapshot of the file was chosen.
+int report_import(const cs::Error& error, bool is_one);
 
 /// Prints the library's warnings.
 void print_warnings(const std::vector<std::string>& warnings);

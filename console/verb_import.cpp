@@ -65,7 +65,10 @@ int import_snapshots(const Options& options) {
     std::cerr << "confsave: interrupted; nothing was stored.\n";
     return kFailed;
   }
-  if (!imported) return report_import(imported.error());
+  if (!imported) {
+    // A new name is for one, too.
+    return report_import(imported.error(), options.as || !options.snapshot.name.empty());
+  }
   print_warnings(imported->warnings);
   if (!options.json) return kDone;
   JsonArray array;
