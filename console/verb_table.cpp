@@ -16,7 +16,7 @@ constexpr Operand kPattern{"NAME", true, true, "a name, or a pattern with * ? [ 
 constexpr Operand kMaybePattern{"NAME", false, true, kPattern.effect, set_snapshot};
 constexpr Operand kOther{
     "OTHER", false, true, "the newer snapshot; default: the live configuration",
-    [](const std::string& value, Options& options) { options.other = parse_selection(value); }};
+    [](const std::string& value, Options& options) { options.other = parse_one(value); }};
 constexpr Operand kText{"TEXT", true, false, "the comment; an empty one removes it",
                         [](const std::string& value, Options& options) { options.text = value; }};
 

@@ -71,7 +71,29 @@ int run_verb(const Verb& verb, const Options& options) {
   return status;
 }
 
-int parse_and_run(const Verb& verb, const Arguments& arguments) {
+bool takes_value(const Verb& verb, const std::string& word) {
+  const Option* option = find_option(word);
+  return option != nullptr && option->value[0] != '\0' && lists(verb.options, word);
+}
+
+/// "--comment=" as two words: the parser would take the next word for the value.
+Arguments with_empty_values(const Verb& verb, const Arguments& arguments) {
+  Arguments words;
+  auto word = arguments.begin();
+  for (; word != arguments.end() && *word != "--"; ++word) {
+    const std::size_t size = word->size();
+    const bool ends = size > 0 && word->back() == '=' && takes_value(verb, word->substr(0, size - 1));
+    words.push_back(ends ? word->substr(0, size - 1) : *word);
+    if (ends) words.emplace_back();
+    // A value may look like an option.
+    if (takes_value(verb, *word) && word + 1 != arguments.end()) words.push_back(*++word);
+  }
+  words.insert(words.end(), word, arguments.end());
+  return words;
+}
+
+int parse_and_run(const Verb& verb, const Arguments& given) {
+  const Arguments arguments = with_empty_values(verb, given);
   const std::string help = std::string("confsave ") + verb.name + " --help";
   Options options;
   CLI::App program("", "confsave");
