@@ -35,7 +35,7 @@ std::string step_for_storage(const cs::Error& error) {
       return "Run confsave as the owner of the file";
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-      return "Nothing was changed. What can still be read can be imported: see DIAGNOSTICS in confsave(1)";
+      return "What can still be read can be imported: see DIAGNOSTICS in confsave(1)";
     default:
       return "Move it away, or use another directory: see ENVIRONMENT in confsave(1)";
   }
@@ -43,9 +43,9 @@ std::string step_for_storage(const cs::Error& error) {
 
 std::string step_for_pending() {
   const auto found = cs::pending();
-  const bool is_checked = found && *found && (*found)->is_checked;
-  return is_checked ? "Try again when the check has ended"
-                    : "'confsave confirm' keeps it, 'confsave revert' takes it back";
+  if (found && *found && (*found)->is_checked) return "Try again when the check has ended";
+  if (found && *found && (*found)->seconds_left == 0) return "The next verb that changes something does that";
+  return "'confsave confirm' keeps it, 'confsave revert' takes it back";
 }
 
 std::string next_step(const cs::Error& error, bool waits) {
@@ -85,7 +85,8 @@ std::string next_step(const cs::Error& error, bool waits) {
     case Code::check_failed:
       return "Mend the snapshot or the check, and try again";
     case Code::needs_attention:
-      return "'confsave status' says more";
+      // The text of an interrupted restore, and of a journal that cannot be read, says what to do.
+      return "";
     default:
       if (error.number == ENOENT && ends_with(error.path, "/")) return "Make the directory and try again";
       return "Mend that and try again";
@@ -201,7 +202,7 @@ int print_report(const cs::Error& error, const std::string& step) {
         << " Mend it, or move it away: without this file only comments, pins and manifests are lost.\n";
     return error.code == cs::Code::no_storage ? kFailed : exit_status(error.code);
   }
-  std::cerr << ' ' << step << ".\n";
+  std::cerr << (step.empty() ? "" : " " + step + ".") << '\n';
   return exit_status(error.code);
 }
 
@@ -247,18 +248,18 @@ int report_packing(const cs::Error& error) {
 
 std::string reason_and_step(const cs::Error& error) {
   const std::string file = is_absolute(error.path) ? "'" + readable(error.path) + "': " : "";
-  return file + readable(error.text) + ". " + next_step(error, true) + ".";
+  const std::string step = next_step(error, true);
+  return file + readable(error.text) + "." + (step.empty() ? "" : " " + step + ".");
 }
 
 int report_restore(const cs::Error& error) {
   print_failure(error);
   const bool mixed = error.aftermath == cs::Aftermath::mixed;
   if (mixed) std::cerr << " Some files are not as they were before: 'confsave recover' tries again.";
-  // The text of an interrupted restore says what to do.
-  if (!mixed && error.code != cs::Code::needs_attention) {
+  const std::string step = next_step(error, true);
+  if (!mixed && !step.empty()) {
     const bool untouched = error.aftermath == cs::Aftermath::untouched;
-    std::cerr << (untouched ? " Nothing was changed. " : " Everything was put back. ")
-              << next_step(error, true) << '.';
+    std::cerr << (untouched ? " Nothing was changed. " : " Everything was put back. ") << step << '.';
   }
   std::cerr << '\n';
   return exit_status(error.code);

@@ -95,9 +95,17 @@ int settle(const Options& options) {
   return done ? print_recovery(std::cerr, *done) : report_restore(done.error());
 }
 
+/// A plan does not take back what was not confirmed in time, and says that it waits.
+cs::Error with_state_of_window(cs::Error error) {
+  const auto waiting = cs::pending();
+  if (error.code == cs::Code::pending && waiting && *waiting && (*waiting)->seconds_left == 0)
+    error.text = text_of(**waiting);
+  return error;
+}
+
 int dry_run(const cs::Snapshot& snapshot, const Options& options, const cs::RestoreOptions& how) {
   const auto plan = cs::plan(id_of(snapshot), how);
-  if (!plan) return report_restore(plan.error(), snapshot);
+  if (!plan) return report_restore(with_state_of_window(plan.error()), snapshot);
   if (options.json) {
     print_as_json(*plan, plan->changes.empty() ? "unchanged" : "planned");
   } else {

@@ -52,6 +52,19 @@ int revert(const Options& options) {
   return done ? print_recovery(std::cout, *done) : report_pending(done.error());
 }
 
+void say_what_is_unfinished() {
+  const auto waiting = cs::pending();
+  const auto left = cs::unfinished();
+  if (waiting && *waiting) {
+    std::cerr << "confsave: " << text_of(**waiting) << ".\n";
+  } else if (left && *left) {
+    std::cerr << "confsave: the restore of '" << label((*left)->name, (*left)->version)
+              << "' was interrupted: run 'confsave recover'.\n";
+  } else if (!left) {
+    report(left.error());
+  }
+}
+
 void mention_pending() {
   const auto found = cs::pending();
   if (!found && found.error().code != cs::Code::denied) report(found.error());

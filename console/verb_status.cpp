@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "exit_status.h"
+#include "pending_text.h"
 #include "report.h"
 #include "text.h"
 #include "verb_functions.h"
@@ -70,9 +71,17 @@ std::string size_text(ConfSave::int64 bytes) {
   return text.str();
 }
 
+/// With the time that is left, where the library has only the moment.
+std::string words_of(const cs::Attention& attention) {
+  if (attention.code != "pending") return readable(attention.text);
+  const auto pending = cs::pending();
+  const bool has_time = pending && *pending && (*pending)->seconds_left > 0 && !(*pending)->is_checked;
+  return has_time ? text_of(**pending) : readable(attention.text);
+}
+
 void print_as_text(const cs::Status& found) {
   for (const cs::Attention& attention : found.attention) {
-    std::cout << attention.code << ": " << readable(attention.text) << '\n';
+    std::cout << attention.code << ": " << words_of(attention) << '\n';
   }
   std::cout << "snapshots:        " << found.snapshots << '\n'
             << "newest:           " << time_text(found.newest) << '\n'
@@ -85,7 +94,11 @@ void print_as_text(const cs::Status& found) {
 
 int show_status(const Options& options) {
   const auto found = cs::status();
-  if (!found) return report(found.error());
+  if (!found) {
+    // What is unfinished counts the more.
+    say_what_is_unfinished();
+    return report(found.error());
+  }
   if (options.json) {
     // What cannot be read needs attention, and is among that.
     const auto pending = cs::pending();
