@@ -55,10 +55,20 @@ int refuse(const std::string& problem, const std::string& help) {
   return kUsage;
 }
 
+/// Output that cannot be written is a failure, whatever was done.
+int flush(int status, const char* consequence) {
+  std::cout.flush();
+  if (std::cout || (status != kDone && status != kFindings)) return status;
+  std::cerr << "confsave: standard output could not be written" << consequence << ".\n";
+  return kFailed;
+}
+
 int run_verb(const Verb& verb, const Options& options) {
   if ((verb.traits & kSettling) == 0) mention_pending();
   if ((verb.traits & kChanging) != 0 && !options.dry_run) mention_recovery();
-  if ((verb.traits & kInterruptible) == 0) return verb.run(options);
+  const bool is_done = (verb.traits & (kInterruptible | kChanging)) != 0 && !options.dry_run;
+  const char* consequence = is_done ? "; what was asked for is done" : "";
+  if ((verb.traits & kInterruptible) == 0) return flush(verb.run(options), consequence);
   const int status = [&] {
     const InterruptCatcher catcher;
     return verb.run(options);
@@ -68,7 +78,7 @@ int run_verb(const Verb& verb, const Options& options) {
     // The caller sees what ended the program.
     static_cast<void>(raise(SIGINT));
   }
-  return status;
+  return flush(status, consequence);
 }
 
 bool takes_value(const Verb& verb, const std::string& word) {
@@ -182,10 +192,7 @@ int run(const Arguments& arguments) {
   } catch (const std::exception& error) {
     std::cerr << "confsave: failed: " << printable(error.what()) << ".\n";
   }
-  std::cout.flush();
-  if (std::cout || (status != kDone && status != kFindings)) return status;
-  std::cerr << "confsave: standard output could not be written.\n";
-  return kFailed;
+  return flush(status, "");
 }
 
 }  // namespace console
