@@ -2,29 +2,33 @@
 
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <iostream>
 
 #include "exit_status.h"
 #include "interrupt.h"
-#include "names.h"
 #include "text.h"
-#include "turns.h"
 #include "values.h"
 
 namespace console {
 namespace {
-
-/// More lines than that scroll the question away.
-constexpr std::size_t kMostCandidates = 20;
 
 bool ends_with(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 bool is_absolute(const std::string& path) { return !path.empty() && path.front() == '/'; }
+
+/// A directory that was set, and not a member of an archive; only the text of the error tells.
+bool is_relative_directory(const cs::Error& error) {
+  return error.code == cs::Code::unsafe && error.text.rfind("the path is not absolute", 0) == 0;
+}
+
+std::string step_for_unsafe(const cs::Error& error) {
+  if (is_relative_directory(error)) return "Set an absolute one: see ENVIRONMENT in confsave(1)";
+  return is_absolute(error.path) ? "Put a plain file or directory there, or use another path"
+                                 : "'confsave verify --all' says which snapshots are whole";
+}
 
 std::string step_for_storage(const cs::Error& error) {
   if (error.number == ENOENT)
@@ -44,7 +48,8 @@ std::string step_for_storage(const cs::Error& error) {
 std::string step_for_pending() {
   const auto found = cs::pending();
   if (found && *found && (*found)->is_checked) return "Try again when the check has ended";
-  if (found && *found && (*found)->seconds_left == 0) return "The next verb that changes something does that";
+  if (found && *found && (*found)->seconds_left == 0)
+    return "The next verb that changes something does that";
   return "'confsave confirm' keeps it, 'confsave revert' takes it back";
 }
 
@@ -67,8 +72,7 @@ std::string next_step(const cs::Error& error, bool waits) {
     case Code::damaged:
       return "'confsave verify --all' says which snapshots are whole";
     case Code::unsafe:
-      return is_absolute(error.path) ? "Put a plain file or directory there, or use another path"
-                                     : "'confsave verify --all' says which snapshots are whole";
+      return step_for_unsafe(error);
     case Code::changed_meanwhile:
       return "Try again when no program changes it";
     case Code::denied:
@@ -105,7 +109,8 @@ std::string step_for_import(const cs::Error& error, bool is_one) {
     case Code::taken:
     case Code::pinned:
       return is_one ? "Give --force to overwrite it, or another name by --as"
-                    : "Give --force to overwrite all that exist, or NAME to import one, under another name with --as";
+                    : "Give --force to overwrite all that exist, or NAME to import one, under another name "
+                      "with --as";
     case Code::ambiguous:
       return "Choose one by NAME@VERSION";
     case Code::busy:
@@ -117,52 +122,6 @@ std::string step_for_import(const cs::Error& error, bool is_one) {
     default:
       return "";
   }
-}
-
-int print_not_found(const Selection& selection) {
-  const std::string version = selection.version ? "@" + version_text(*selection.version) : "";
-  std::cerr << "confsave: nothing is stored as '" << printable(selection.name + version)
-            << "'. 'confsave list' lists what is.\n";
-  return kNotFound;
-}
-
-int print_candidates(const Selection& selection, const cs::Snapshots& found) {
-  std::cerr << "confsave: '" << printable(selection.name)
-            << "' matches more than one snapshot. Give one of them:\n";
-  const std::size_t shown = std::min(found.size(), kMostCandidates);
-  for (std::size_t i = 0; i < shown; ++i) {
-    const ConfSave::Config& config = found[i].config;
-    std::cerr << "  " << label(found[i]) << ", " << config.type << ", saved on "
-              << ConfSave::time_format(config.save_time) << '\n';
-  }
-  if (shown < found.size()) std::cerr << "  and " << found.size() - shown << " more\n";
-  return kAmbiguous;
-}
-
-std::optional<cs::Snapshot> find_only(const Selection& selection, unsigned seconds, bool waits,
-                                      int& status) {
-  const bool is_exact = is_name(selection.name);
-  cs::Query query;
-  query.pattern = selection.name;
-  query.version = selection.version;
-  query.corlu_config = is_exact;
-  auto found = in_turns(seconds, [&](std::chrono::milliseconds wait) {
-    query.wait = wait;
-    return cs::list(query);
-  });
-  if (!found) {
-    status = report(found.error(), waits);
-    return std::nullopt;
-  }
-  // A foreign name may go on after a NUL byte, which ends a pattern.
-  const auto is_other = [&](const cs::Snapshot& snapshot) {
-    return snapshot.config.name != selection.name;
-  };
-  if (is_exact) found->erase(std::remove_if(found->begin(), found->end(), is_other), found->end());
-  status = kDone;
-  if (found->size() == 1) return found->front();
-  status = found->empty() ? print_not_found(selection) : print_candidates(selection, *found);
-  return std::nullopt;
 }
 
 /// Whether what the notes hold is the matter, and not where they are.
@@ -238,10 +197,14 @@ int exit_status(cs::Code code) {
 
 int report(const cs::Error& error, bool waits) { return print_report(error, next_step(error, waits)); }
 
-int report_packing(const cs::Error& error) {
+int report_packing(const cs::Error& error, bool may_force) {
   if (error.code == cs::Code::damaged)
     return print_report(error, "See that tar and gzip work, and try again");
-  if (error.code == cs::Code::unsafe && !is_absolute(error.path))
+  if (error.code == cs::Code::incomplete && !may_force) {
+    return print_report(
+        error, "See that the configuration directory is the right one, and its file system mounted");
+  }
+  if (error.code == cs::Code::unsafe && !is_absolute(error.path) && !is_relative_directory(error))
     return print_report(error, "Rename or remove the file and try again");
   return report(error, true);
 }
@@ -304,37 +267,6 @@ Json json_id(const cs::Snapshot& snapshot) {
   object["name"] = json_bytes(snapshot.config.name);
   object["version"] = snapshot.config.vers;
   return object;
-}
-
-std::optional<cs::Snapshot> choose(const Selection& selection, int& status) {
-  status = kUsage;
-  if (!check_pattern(selection.name)) return std::nullopt;
-  return find_only(selection, 1, false, status);
-}
-
-std::optional<cs::Snapshots> choose_some(const Options& options, int& status) {
-  if (!options.all) {
-    const auto one = choose(options.snapshot, status);
-    return one ? std::optional<cs::Snapshots>({*one}) : std::nullopt;
-  }
-  cs::Query query;
-  query.corlu_config = true;
-  auto all = cs::list(query);
-  if (all) return *all;
-  status = report(all.error());
-  return std::nullopt;
-}
-
-std::optional<cs::Snapshot> choose_to_restore(const Options& options, int& status) {
-  status = kUsage;
-  if (!check_pattern(options.snapshot.name)) return std::nullopt;
-  return find_only(options.snapshot, options.wait, true, status);
-}
-
-std::optional<cs::Snapshot> choose_to_change(const Options& options, int& status) {
-  status = kUsage;
-  if (!check_name(options.snapshot.name)) return std::nullopt;
-  return find_only(options.snapshot, options.wait, true, status);
 }
 
 }  // namespace console

@@ -23,7 +23,8 @@ int exit_status(cs::Code code);
 int report(const cs::Error& error, bool waits = false);
 
 /// The same for an error of storing the live configuration: what is packed is not a snapshot yet.
-int report_packing(const cs::Error& error);
+/// `may_force`: the verb has the option --force.
+int report_packing(const cs::Error& error, bool may_force);
 
 /// The same as words: the file, if it is one, the reason, and the next step. For a verb with --wait.
 std::string reason_and_step(const cs::Error& error);
@@ -47,19 +48,6 @@ std::string label(const cs::Snapshot& snapshot);
 
 /// The id, name and version.
 Json json_id(const cs::Snapshot& snapshot);
-
-/// The one snapshot that is selected by a name or by a pattern, to be read. Otherwise prints the reason and
-/// sets `status`.
-std::optional<cs::Snapshot> choose(const Selection& selection, int& status);
-
-/// The same, or all with --all.
-std::optional<cs::Snapshots> choose_some(const Options& options, int& status);
-
-/// The one, to be restored, within the time that the options allow.
-std::optional<cs::Snapshot> choose_to_restore(const Options& options, int& status);
-
-/// The same by a name, to be changed, within the time that the options allow.
-std::optional<cs::Snapshot> choose_to_change(const Options& options, int& status);
 
 /// What the library finds it by.
 inline cs::Id id_of(const cs::Snapshot& snapshot) { return {snapshot.config.name, snapshot.config.vers}; }

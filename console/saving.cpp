@@ -41,14 +41,14 @@ cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, unsigned sec
   });
 }
 
-int report_unsaved(cs::Error error) {
+int report_unsaved(cs::Error error, bool may_force) {
   if (interrupted()) {
     std::cerr << "confsave: interrupted; nothing was stored.\n";
     return kFailed;
   }
   const std::string& ending = failed_command();
   if (!ending.empty() && error.code == cs::Code::failed) error.text.append(": ").append(ending);
-  return report_packing(error);
+  return report_packing(error, may_force);
 }
 
 void print_warnings(const cs::Saved& saved) {

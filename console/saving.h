@@ -13,8 +13,8 @@ cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, unsign
 /// The same for an autosave.
 cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, unsigned seconds);
 
-/// Prints why nothing was stored. Returns the exit status.
-int report_unsaved(cs::Error error);
+/// Prints why nothing was stored. `may_force`: the verb has the option --force. Returns the exit status.
+int report_unsaved(cs::Error error, bool may_force);
 
 /// Prints what is not in the snapshot, and the library's warnings.
 void print_warnings(const cs::Saved& saved);

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "choosing.h"
 #include "exit_status.h"
 #include "report.h"
 #include "verb_functions.h"

@@ -1,5 +1,6 @@
 #include <iostream>
 
+#include "choosing.h"
 #include "exit_status.h"
 #include "patch.h"
 #include "plan_text.h"

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <optional>
 
+#include "choosing.h"
 #include "exit_status.h"
 #include "report.h"
 #include "text.h"

@@ -17,7 +17,7 @@ int autosave(const Options& options) {
   how.type = options.type;
   how.if_changed = options.if_changed;
   auto done = autosave_in_time(how, options.wait);
-  if (!done) return report_unsaved(done.error());
+  if (!done) return report_unsaved(done.error(), false);
   print_warnings(done->saved);
   print_if_unchanged(done->saved);
   if (done->undecided.code != cs::Code::ok) return report(done->undecided, true);

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "check_command.h"
+#include "choosing.h"
 #include "exit_status.h"
 #include "interrupt.h"
 #include "names.h"
@@ -98,8 +99,8 @@ int settle(const Options& options) {
 /// A plan does not take back what was not confirmed in time, and says that it waits.
 cs::Error with_state_of_window(cs::Error error) {
   const auto waiting = cs::pending();
-  if (error.code == cs::Code::pending && waiting && *waiting && (*waiting)->seconds_left == 0)
-    error.text = text_of(**waiting);
+  const bool is_over = waiting && *waiting && (*waiting)->seconds_left == 0 && !(*waiting)->is_checked;
+  if (error.code == cs::Code::pending && is_over) error.text = text_of(**waiting);
   return error;
 }
 

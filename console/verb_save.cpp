@@ -65,7 +65,7 @@ int save(const Options& options) {
     how.overwrite = true;
     saved = save_in_time(id, how, options.wait);
   }
-  if (!saved) return report_unsaved(saved.error());
+  if (!saved) return report_unsaved(saved.error(), true);
   print_warnings(*saved);
   if (options.json) {
     print_as_json(*saved);

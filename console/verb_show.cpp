@@ -3,6 +3,7 @@
 #include <ctime>
 #include <iostream>
 
+#include "choosing.h"
 #include "columns.h"
 #include "exit_status.h"
 #include "report.h"

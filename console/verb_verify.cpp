@@ -1,6 +1,7 @@
 #include <iostream>
 #include <vector>
 
+#include "choosing.h"
 #include "exit_status.h"
 #include "report.h"
 #include "text.h"
