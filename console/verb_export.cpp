@@ -45,6 +45,13 @@ bool would_empty(const cs::Ids& ids, const Options& options) {
          lstat(options.exchanged.c_str(), &status) == 0;
 }
 
+/// --force would not replace it: said at once, and not after the advice to give --force.
+bool is_in_the_way(const Options& options) {
+  struct stat status = {};
+  return !options.force && options.exchanged != "-" && lstat(options.exchanged.c_str(), &status) == 0 &&
+         !S_ISREG(status.st_mode);
+}
+
 /// With --all, what others delete in the meantime is left out.
 std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
   for (int attempt = 1;; ++attempt) {
@@ -79,6 +86,8 @@ int export_snapshots(const Options& options) {
     std::cerr << "confsave: standard output is a terminal; write to a file or into a pipe.\n";
     return kUsage;
   }
+  if (is_in_the_way(options))
+    return report({cs::Code::bad_argument, 0, options.exchanged, "this is not a regular file"});
   int status = kDone;
   const auto exported = export_chosen(options, status);
   if (!exported) return status;
