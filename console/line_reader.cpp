@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <clocale>
 #include <cstdio>
 #include <iostream>
 
 #include "interrupt.h"
+#include "text.h"
 
 namespace console {
 namespace {
@@ -40,13 +42,34 @@ unsigned char complete(EditLine* editor, int) {
   return CC_REDISPLAY;
 }
 
+bool is_utf8 = false;
+
+bool read_byte(std::string& bytes) {
+  wait_for_input();
+  char byte = '\0';
+  if (interrupted() || ::read(STDIN_FILENO, &byte, 1) != 1) return false;
+  bytes += byte;
+  return true;
+}
+
 /// The editor's own way does not end at an interrupt. Returns the number of letters.
 int read_letter(EditLine*, wchar_t* letter) {
-  wait_for_input();
-  unsigned char byte = 0;
-  if (interrupted() || ::read(STDIN_FILENO, &byte, 1) != 1) return 0;
-  *letter = static_cast<wchar_t>(byte);
-  return 1;
+  constexpr std::size_t kLongest = 4;
+  std::string bytes;
+  while (read_byte(bytes)) {
+    const auto is_between = [](char byte, unsigned first, unsigned last) {
+      return static_cast<unsigned char>(byte) >= first && static_cast<unsigned char>(byte) <= last;
+    };
+    // What was begun and does not go on is dropped.
+    if (is_utf8 && !is_between(bytes.back(), 0x80, 0xbf)) bytes.erase(0, bytes.size() - 1);
+    const std::size_t length = is_utf8 ? utf8_length(bytes, 0) : 1;
+    if (length > 0) {
+      *letter = static_cast<wchar_t>(code_point(bytes, 0, length));
+      return 1;
+    }
+    if (!is_between(bytes.front(), 0xc2, 0xf4) || bytes.size() == kLongest) bytes.clear();
+  }
+  return 0;
 }
 
 std::string current_prompt;
@@ -55,8 +78,10 @@ char* prompt_of(EditLine*) { return current_prompt.data(); }
 
 /// The keys that ask for a command of the line editor, some of which start other programs.
 void unbind_commands(EditLine* editor) {
+  // Where letters are not bytes, the last two are letters.
   for (const char* key : {"^[x", "^[X", "\\330", "\\370"}) {
-    library->el_set(editor, EL_BIND, key, "ed-unassigned", nullptr);
+    const bool is_letter = is_utf8 && key[0] == '\\';
+    library->el_set(editor, EL_BIND, key, is_letter ? "ed-insert" : "ed-unassigned", nullptr);
   }
 }
 
@@ -79,6 +104,8 @@ void LineReader::start_editor() {
   HistEvent event = {};
   history_ = library->history_init();
   library->history(history_, &event, H_SETSIZE, kRemembered);
+  // The editor takes the letters of the locale that it finds at its start.
+  is_utf8 = locale_has_utf8() && std::setlocale(LC_CTYPE, "") != nullptr;
   editor_ = library->el_init("confsave", stdin, stdout, stderr);
   if (editor_ == nullptr) return;
   const auto set = library->el_set;

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <clocale>
-#include <cstdint>
 #include <cstring>
 
 namespace console {
@@ -12,13 +11,6 @@ namespace {
 
 std::uint32_t byte_at(const std::string& text, std::size_t at) {
   return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
-}
-
-/// The number of a character of `length` bytes.
-std::uint32_t code_point(const std::string& text, std::size_t at, std::size_t length) {
-  std::uint32_t code = length == 1 ? byte_at(text, at) : byte_at(text, at) & (0x7fU >> length);
-  for (std::size_t i = 1; i < length; ++i) code = code << 6U | (byte_at(text, at + i) & 0x3fU);
-  return code;
 }
 
 /// Without a glyph of their own: control characters, marks that turn the direction of writing or join
@@ -31,14 +23,6 @@ bool has_glyph(std::uint32_t code) {
                   {0xfff0, 0xffff}, {0xe0000, 0x10ffff}};
   return std::none_of(std::begin(kWithout), std::end(kWithout),
                       [code](const auto& range) { return code >= range.first && code <= range.last; });
-}
-
-bool locale_has_utf8() {
-  const locale_t locale = newlocale(LC_CTYPE_MASK, "", nullptr);
-  if (locale == nullptr) return false;
-  const bool utf8 = std::strcmp(nl_langinfo_l(CODESET, locale), "UTF-8") == 0;
-  freelocale(locale);
-  return utf8;
 }
 
 std::string escaped(const std::string& text, bool utf8) {
@@ -58,6 +42,20 @@ std::string escaped(const std::string& text, bool utf8) {
 }
 
 }  // namespace
+
+bool locale_has_utf8() {
+  const locale_t locale = newlocale(LC_CTYPE_MASK, "", nullptr);
+  if (locale == nullptr) return false;
+  const bool utf8 = std::strcmp(nl_langinfo_l(CODESET, locale), "UTF-8") == 0;
+  freelocale(locale);
+  return utf8;
+}
+
+std::uint32_t code_point(const std::string& text, std::size_t at, std::size_t length) {
+  std::uint32_t code = length == 1 ? byte_at(text, at) : byte_at(text, at) & (0x7fU >> length);
+  for (std::size_t i = 1; i < length; ++i) code = code << 6U | (byte_at(text, at + i) & 0x3fU);
+  return code;
+}
 
 std::size_t utf8_length(const std::string& text, std::size_t at) {
   const std::uint32_t first = byte_at(text, at);

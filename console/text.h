@@ -1,11 +1,18 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace console {
 
 /// Bytes of the valid UTF-8 character that begins at `text[at]`; 0 when none begins there.
 std::size_t utf8_length(const std::string& text, std::size_t at);
+
+/// Whether the locale of the environment has UTF-8.
+bool locale_has_utf8();
+
+/// The number of the valid character of `length` bytes at `text[at]`.
+std::uint32_t code_point(const std::string& text, std::size_t at, std::size_t length);
 
 /// `text` with every byte that is not a printable ASCII character as "\xNN".
 std::string printable(const std::string& text);

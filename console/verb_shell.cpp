@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,8 @@ namespace {
 
 /// In a process of its own, which an interrupt may end.
 [[noreturn]] void run_as_child(const Arguments& words, bool at_terminal) {
+  // The line editor's: a verb prints and compares as it does by itself.
+  static_cast<void>(std::setlocale(LC_CTYPE, "C"));
   // The lines that follow are for the shell.
   if (!at_terminal) {
     const int nothing = open("/dev/null", O_RDONLY);

@@ -1,15 +1,18 @@
 #!/usr/bin/env python3
 """The shell at a terminal starts no other program, whatever is typed and whatever the user has configured.
-It works where the line editor cannot be loaded.
+Letters beyond ASCII can be typed. It works where the line editor cannot be loaded.
 
     tests/editor_test.py PROGRAM
 
 A line editor that runs its own commands, or an external editor, is a way out of a restricted account.
 """
 
+import itertools
+import json
 import os
 import pty
 import select
+import subprocess
 import sys
 import tempfile
 import time
@@ -67,6 +70,23 @@ def try_key(program, environment, key):
     assert status == 0, f"after {key!r} the shell ended with {status}: {shell.screen}"
 
 
+def try_letters(program, environment, config):
+    """What is typed beyond ASCII is stored, and edited letter by letter; broken bytes are dropped."""
+    os.makedirs(f"{config}/user")
+    with open(f"{config}/user/gateway.conf", "w", encoding="ascii") as stream:
+        stream.write("peer\n")
+    environment = {**environment, "LC_ALL": "C.UTF-8"}
+    shell = Shell(program, environment)
+    shell.type("", 1)
+    os.write(shell.terminal, b"save letters --comment '\xe4\xc3f\x80")
+    shell.type("ür ✓äø𝄞\x7f\x7fØ' --force\r", 2)
+    status = shell.leave()
+    listed = subprocess.run([program, "list", "--json"], env=environment, check=True,
+                            stdout=subprocess.PIPE).stdout
+    comments = [snapshot["comment"] for snapshot in json.loads(listed)]
+    assert status == 0 and comments == ["für ✓äØ"], f"{status}, {comments}: {shell.screen}"
+
+
 def try_without_editor(program, environment, directory):
     with open(f"{directory}/libedit.so.2", "wb"):
         pass
@@ -100,11 +120,12 @@ def main():
             "KELMOR_CONFIG_PATH": f"{directory}/config/", "KELMOR_DYNAMIC_DIR": f"{directory}/state",
             "KELMOR_TEMP_DIR": f"{directory}/tmp", "KELMOR_LOG_FILE": f"{directory}/log"}
         keys = [key for key in KEYS if key not in LEFT_OUT]
-        for key in keys:
-            try_key(program, environment, key)
+        for locale, key in itertools.product(("C", "C.UTF-8"), keys):
+            try_key(program, {**environment, "LC_ALL": locale}, key)
             assert not os.path.exists(pwned), f"{key!r} led to an editor"
+        try_letters(program, environment, f"{directory}/config")
         try_without_editor(program, environment, directory)
-    print(f"{len(keys)} keys")
+    print(f"{len(keys)} keys in two locales")
 
 
 main()
