@@ -67,6 +67,11 @@ Arguments operands(const Arguments& words) {
   return result;
 }
 
+const Operand* next_operand(const Verb& verb, const Arguments& words) {
+  const std::size_t count = operands(words).size();
+  return count == 0 ? verb.first : count == 1 ? verb.second : nullptr;
+}
+
 /// The versions of the snapshots that the words name; of all, if they name none.
 Arguments versions(const Arguments& words) {
   const Arguments named = operands(words);
@@ -103,9 +108,20 @@ Arguments paths(const Arguments& words) try {
 
 }  // namespace
 
+bool asks_for_verb(const Arguments& words) {
+  return words.empty() || (words.size() == 1 && words.front() == "help");
+}
+
+bool asks_for_file(const Arguments& words) {
+  const Verb* verb = words.empty() ? nullptr : find_verb(words.front());
+  if (verb == nullptr || takes_value(words.back())) return false;
+  const Operand* next = next_operand(*verb, words);
+  return next != nullptr && std::string(next->name) == "FILE";
+}
+
 Arguments candidates(const Arguments& words) {
   Arguments result;
-  if (words.empty()) {
+  if (asks_for_verb(words)) {
     for (const Verb& verb : verbs()) result.emplace_back(verb.name);
     return result;
   }
@@ -115,8 +131,7 @@ Arguments candidates(const Arguments& words) {
   if (last == "--file") return paths(words);
   if (last == "--version" || last == "--upto") return versions(words);
   if (takes_value(last)) return split(find_option(last)->values);
-  const std::size_t count = operands(words).size();
-  const Operand* next = count == 0 ? verb->first : count == 1 ? verb->second : nullptr;
+  const Operand* next = next_operand(*verb, words);
   if (next != nullptr && next->is_snapshot) result = stored_names();
   for (const std::string& option : split(verb->options)) {
     if (std::find(words.begin(), words.end(), option) == words.end()) result.push_back(option);

@@ -16,7 +16,10 @@ _confsave() {
     local replaced=${current##*[:=]}
     [[ $replaced != *@* ]] || replaced=@${replaced##*@}
     COMPREPLY=()
-    while IFS=$'\t' read -r candidate _; do
+    while IFS= read -r candidate; do
+        candidate=${candidate%%$'\t'*}
+        # Any file: bash offers them when nothing else is offered.
+        [[ -n $candidate$current ]] || { COMPREPLY=() && return; }
         [[ $candidate != "$current"* ]] || COMPREPLY+=("${candidate:${#current} - ${#replaced}}")
     done < <(confsave --complete "${words[@]:1:${#words[@]} - 2}" 2>/dev/null)
 }

@@ -80,8 +80,7 @@ bool follow(const std::string& line, bool at_terminal) {
 Arguments complete(const std::string& line, const std::string& begun) {
   const auto before = words_of(line.substr(0, line.size() - begun.size()));
   if (!before) return {};
-  const bool helps = before->size() == 1 && before->front() == "help";
-  Arguments all = candidates(helps ? Arguments() : *before);
+  Arguments all = candidates(*before);
   if (before->empty()) all.insert(all.end(), {"help", "exit", "quit"});
   Arguments matching;
   for (const std::string& word : all) {

@@ -149,19 +149,20 @@ int print_help(std::ostream& out, int status) {
 }
 
 /// For the completion of a command line in a shell: a candidate, and behind a tab what a verb or option
-/// does.
+/// does. No candidate before the tab stands for any file.
 int print_candidates(const Arguments& arguments) {
   const Arguments words(arguments.begin() + 1, arguments.end());
   for (const std::string& candidate : candidates(words)) {
     std::cout << candidate;
     const Option* option = find_option(candidate);
-    if (words.empty()) {
+    if (asks_for_verb(words)) {
       std::cout << '\t' << find_verb(candidate)->effect;
     } else if (option != nullptr) {
       std::cout << '\t' << option->effect;
     }
     std::cout << '\n';
   }
+  if (asks_for_file(words)) std::cout << "\ta file\n";
   return kDone;
 }
 

@@ -144,6 +144,10 @@ class Test:
         self.completes(shell, f"confsave show weekly --file {self.root}/config/us",
                        f"confsave show weekly --file {self.root}/config/user/")
         self.completes(shell, "confsave export weekly no", "confsave export weekly notes.txt")
+        self.completes(shell, "confsave import ", "confsave import notes.txt")
+        self.completes(shell, "confsave export weekly ", "confsave export weekly notes.txt")
+        self.completes(shell, "confsave help verif", "confsave help verify")
+        self.offers(shell, "confsave help l", "list", "load")
         self.offers(shell, "confsave save --type ", "full", "part", "corlu")
         self.offers(shell, "confsave list --sort ", "name", "saved", "loaded", "version")
         self.offers(shell, "confsave load --confirm-within ", "90s", "10m", "2h")
