@@ -1,5 +1,6 @@
 #include "progress_line.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,6 +16,13 @@ using Clock = std::chrono::steady_clock;
 
 /// The line appears when the work takes this long, and is rewritten as often.
 constexpr auto kPatience = std::chrono::milliseconds(500);
+
+/// A longer line would wrap, and stay when it is rewritten. The last column is left free.
+std::string cut_to_screen(const std::string& line) {
+  winsize size = {};
+  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+  return known ? line.substr(0, size.ws_col - 1U) : line;
+}
 
 void write_to_terminal(const std::string& text) {
   if (write(STDERR_FILENO, text.data(), text.size()) < 0) return;  // Progress is not worth a failure.
@@ -60,7 +68,7 @@ void ProgressLine::show() {
     const auto seconds = std::chrono::duration<double>(Clock::now() - start).count();
     char time[32];
     static_cast<void>(std::snprintf(time, sizeof time, "%.1f s", seconds));
-    write_to_terminal("\r" + what_ + " " + time + "\x1b[K");
+    write_to_terminal("\r" + cut_to_screen(what_ + " " + time) + "\x1b[K");
     shown = true;
   }
   if (shown) write_to_terminal("\r\x1b[K");

@@ -10,7 +10,7 @@
 
 namespace console {
 
-bool ask(const std::string& question) {
+Answer ask(const std::string& question) {
   for (;;) {
     std::cout.flush();
     std::cerr << question << ConfSave::YES_NO_SUFFIX << std::flush;
@@ -18,12 +18,12 @@ bool ask(const std::string& question) {
     wait_for_input();
     if (interrupted() || !std::getline(std::cin, answer) || interrupted()) {
       std::cerr << '\n';
-      return false;
+      return Answer::none;
     }
     const auto lower = [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); };
     std::transform(answer.begin(), answer.end(), answer.begin(), lower);
-    if (answer == "yes" || answer == "y") return true;
-    if (answer == "no" || answer == "n") return false;
+    if (answer == "yes" || answer == "y") return Answer::yes;
+    if (answer == "no" || answer == "n") return Answer::no;
   }
 }
 

@@ -4,8 +4,10 @@
 
 namespace console {
 
-/// Asks at the terminal until the answer is yes or no, of which the first letter is enough. No answer and
-/// an interrupt count as no.
-bool ask(const std::string& question);
+/// `none`: the input ended, or an interrupt came.
+enum class Answer { no, yes, none };
+
+/// Asks at the terminal until the answer is yes or no, of which the first letter is enough.
+Answer ask(const std::string& question);
 
 }  // namespace console

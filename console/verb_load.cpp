@@ -119,7 +119,9 @@ int dry_run(const cs::Snapshot& snapshot, const Options& options, const cs::Rest
 
 /// Shows the plan and asks, without any lock. What is agreed to becomes part of `how`.
 int agree(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptions& how) {
-  std::ostream& out = options.json ? std::cerr : std::cout;
+  std::ostream& result = options.json ? std::cerr : std::cout;
+  // The plan belongs to the question.
+  std::ostream& out = isatty(STDOUT_FILENO) == 1 ? result : std::cerr;
   for (bool may_ask = !how.exact;; may_ask = false) {
     how.expected.reset();
     auto plan = cs::plan(id_of(snapshot), how);
@@ -128,16 +130,17 @@ int agree(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptio
     print_extra(out, *plan);
     const bool is_empty = plan->changes.empty();
     const bool asks = may_ask && !plan->extra.empty();
-    if (is_empty && !asks) print_unchanged(out, *plan);
+    if (is_empty && !asks) print_unchanged(result, *plan);
     how.expected = std::move(*plan);
     if (asks) {
-      how.exact = ask(how.expected->extra.size() == 1 ? "Remove it too?" : "Remove them too?");
-      if (interrupted()) return kDeclined;
+      const Answer answer = ask(how.expected->extra.size() == 1 ? "Remove it too?" : "Remove them too?");
+      if (answer == Answer::none) return kDeclined;
+      how.exact = answer == Answer::yes;
       // Shown anew, with what will be removed.
       if (how.exact) continue;
-      if (is_empty) print_unchanged(out, *how.expected);
+      if (is_empty) print_unchanged(result, *how.expected);
     }
-    if (is_empty || ask("Go on?")) return kDone;
+    if (is_empty || ask("Go on?") == Answer::yes) return kDone;
     return kDeclined;
   }
 }

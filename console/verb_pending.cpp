@@ -45,6 +45,7 @@ int revert(const Options& options) {
   if (options.when_due) {
     // An interrupt ends the waiting.
     static_cast<void>(std::signal(SIGINT, SIG_DFL));
+    if (interrupted()) static_cast<void>(std::raise(SIGINT));
     const auto done = cs::revert(cs::When::when_due);
     return done ? print_recovery(std::cout, *done) : report_pending(done.error());
   }

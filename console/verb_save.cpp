@@ -58,7 +58,7 @@ int save(const Options& options) {
   auto saved = save_in_time(id, how, options.wait);
   if (!saved && saved.error().code == cs::Code::taken && isatty(STDIN_FILENO) == 1) {
     // No lock is held now.
-    if (!ask(question(id))) {
+    if (ask(question(id)) != Answer::yes) {
       std::cerr << "confsave: " << (interrupted() ? "interrupted; " : "") << "nothing was stored.\n";
       return kDeclined;
     }

@@ -2,6 +2,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
@@ -49,8 +50,9 @@ void run_line(const Arguments& words, bool at_terminal) {
   }
   if (!WIFSIGNALED(status)) return;
   const Verb* verb = find_verb(words.front());
-  const bool has_said_so =
-      WTERMSIG(status) == SIGINT && verb != nullptr && (verb->traits & kInterruptible) != 0;
+  // That waits ends at once.
+  const bool waits = std::find(words.begin(), words.end(), "--when-due") != words.end();
+  const bool has_said_so = verb != nullptr && (verb->traits & kInterruptible) != 0 && !waits;
   if (WTERMSIG(status) == SIGINT) {
     if (!has_said_so) std::cout << '\n';
   } else {

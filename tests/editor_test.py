@@ -15,6 +15,7 @@ import select
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 
 ESCAPE = "\x1b"
@@ -52,6 +53,12 @@ class Shell:
         while self.screen.count(PROMPT) < expected and time.monotonic() < end:
             assert self.read(0.1), f"the shell ended after {keys!r}: {self.screen[-200:]}"
 
+    def wait_for_editor(self):
+        """Until the line editor has switched the terminal's own editing off, after its prompt."""
+        end = time.monotonic() + 5
+        while termios.tcgetattr(self.terminal)[3] & termios.ICANON and time.monotonic() < end:
+            time.sleep(0.005)
+
     def leave(self, keys=b"\x15\x0bexit\r"):
         os.write(self.terminal, keys)
         end = time.monotonic() + 5
@@ -78,6 +85,7 @@ def try_letters(program, environment, config):
     environment = {**environment, "LC_ALL": "C.UTF-8"}
     shell = Shell(program, environment)
     shell.type("", 1)
+    shell.wait_for_editor()
     os.write(shell.terminal, b"save letters --comment '\xe4\xc3f\x80")
     shell.type("ür ✓äø𝄞\x7f\x7fØ' --force\r", 2)
     status = shell.leave()
@@ -85,6 +93,24 @@ def try_letters(program, environment, config):
                             stdout=subprocess.PIPE).stdout
     comments = [snapshot["comment"] for snapshot in json.loads(listed)]
     assert status == 0 and comments == ["für ✓äØ"], f"{status}, {comments}: {shell.screen}"
+
+
+def try_interrupted_wait(program, environment, config):
+    """After an interrupt the prompt has a line of its own."""
+    with open(f"{config}/user/gateway.conf", "a", encoding="ascii") as stream:
+        stream.write("changed\n")
+    load = [program, "load", "letters", "--yes", "--no-keep", "--confirm-within", "1m"]
+    subprocess.run(load, env=environment, check=True, stdout=subprocess.DEVNULL)
+    shell = Shell(program, environment)
+    shell.type("", 1)
+    os.write(shell.terminal, b"revert --when-due\r")
+    # Nothing says that it waits.
+    time.sleep(1)
+    shell.type("\x03", 2)
+    screen = shell.screen
+    shell.type("confirm\r", 3)
+    status = shell.leave()
+    assert status == 0 and screen.endswith(f"\n{PROMPT}"), f"{status}: {screen!r}"
 
 
 def try_without_editor(program, environment, directory):
@@ -124,6 +150,7 @@ def main():
             try_key(program, {**environment, "LC_ALL": locale}, key)
             assert not os.path.exists(pwned), f"{key!r} led to an editor"
         try_letters(program, environment, f"{directory}/config")
+        try_interrupted_wait(program, environment, f"{directory}/config")
         try_without_editor(program, environment, directory)
     print(f"{len(keys)} keys in two locales")
 
