@@ -4,8 +4,9 @@
 
 namespace console {
 
-/// What can follow `words`, which begin with a verb or "help", or are empty: verbs, options, values of options, names
-/// of stored snapshots, paths of files in a snapshot. Only what can be typed without quotation marks.
+/// What can follow `words`, which begin with a verb or "help", or are empty: verbs, options, values of
+/// options, names of stored snapshots, paths of files in a snapshot. Only what can be typed without
+/// quotation marks.
 Arguments candidates(const Arguments& words);
 
 /// Whether `words` are those before a verb: none, or "help".
