@@ -153,7 +153,7 @@ TEST_F(RestoreFaults, ASocketInThePlaceOfAFileIsNamed) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   config("gw1.conf").copy(address.sun_path, sizeof address.sun_path - 1);
-  ASSERT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   close(descriptor);
   const cs::Error error = refused(without_keeping());
   EXPECT_EQ(error.path, config("gw1.conf"));
