@@ -117,11 +117,18 @@ int dry_run(const cs::Snapshot& snapshot, const Options& options, const cs::Rest
   return plan->changes.empty() ? kDone : kFindings;
 }
 
+std::ostream& beside_the_question(std::ostream& result) {
+  return isatty(STDOUT_FILENO) == 1 ? result : std::cerr;
+}
+
+Answer ask_about_extra(const cs::Plan& plan) {
+  return ask(plan.extra.size() == 1 ? "Remove it too?" : "Remove them too?");
+}
+
 /// Shows the plan and asks, without any lock. What is agreed to becomes part of `how`.
 int agree(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptions& how) {
   std::ostream& result = options.json ? std::cerr : std::cout;
-  // The plan belongs to the question.
-  std::ostream& out = isatty(STDOUT_FILENO) == 1 ? result : std::cerr;
+  std::ostream& out = beside_the_question(result);
   for (bool may_ask = !how.exact;; may_ask = false) {
     how.expected.reset();
     auto plan = cs::plan(id_of(snapshot), how);
@@ -133,7 +140,7 @@ int agree(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptio
     if (is_empty && !asks) print_unchanged(result, *plan);
     how.expected = std::move(*plan);
     if (asks) {
-      const Answer answer = ask(how.expected->extra.size() == 1 ? "Remove it too?" : "Remove them too?");
+      const Answer answer = ask_about_extra(*how.expected);
       if (answer == Answer::none) return kDeclined;
       how.exact = answer == Answer::yes;
       // Shown anew, with what will be removed.

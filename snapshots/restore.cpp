@@ -30,8 +30,7 @@ Error with_aftermath(Error error, Aftermath aftermath) {
   return error;
 }
 
-/// For decoded files: more are decoded twice.
-constexpr std::size_t kRoom = 8 << 20;
+constexpr std::size_t kRoom = 8 << 20;  ///< for decoded files: more are decoded twice
 
 class Restoring {
  public:
@@ -200,6 +199,8 @@ class Restoring {
     row_.reset();
     storage_.reset();
     limit_kept();
+    // "prepared" may be durable although writing it failed: a recovery needs the staging directories then.
+    if (!record_.steps.empty() && journal_->set_state(State::staging).code != Code::ok) return;
     const std::vector<Step> none;
     Exchange exchange(sites_, none);
     static_cast<void>(clean_up(*journal_, exchange, restored_.warnings));
