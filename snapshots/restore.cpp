@@ -247,8 +247,7 @@ class Restoring {
   Error undo_decided(Error why, Foreign foreign) {
     const Error error = why.code == Code::busy ? Error{} : write_undo(foreign);
     if (error.code == Code::ok) return undo(std::move(why), foreign);
-    why.text += "; not put back: " + error.path + ": " + error.text;
-    return with_aftermath(std::move(why), Aftermath::mixed);
+    return none_put_back(std::move(why), error, record_.steps, sites_);
   }
 
   Error undo(Error why, Foreign foreign) {

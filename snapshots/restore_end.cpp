@@ -58,6 +58,18 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
   return {};
 }
 
+Error none_put_back(Error why, const Error& cause, const std::vector<Step>& steps,
+                    const std::vector<Site>& sites) {
+  why.text += "; not put back: " + cause.path + ": " + cause.text;
+  const char* before = "; not put back either: ";
+  for (const Step& step : steps) {
+    why.text += before + sites[step.root].beneath.shown(step.path);
+    before = ", ";
+  }
+  why.aftermath = Aftermath::mixed;
+  return why;
+}
+
 Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings) {
   std::vector<std::string> left;
   Error error = exchange.sweep(left);

@@ -14,6 +14,10 @@ namespace ConfSave::snapshots {
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
                 std::vector<std::string>& warnings, Error& unfinished);
 
+/// `why` a restore failed, and that `cause` keeps every file from being put back: Aftermath::mixed.
+Error none_put_back(Error why, const Error& cause, const std::vector<Step>& steps,
+                    const std::vector<Site>& sites);
+
 /// Deletes the staging directories and the record. What fails is a warning, too, and the record stays, so
 /// that the next recovery tries again.
 Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings);
