@@ -231,7 +231,7 @@ Error Journal::check_is_of(const Record& record) {
   const bool is_it = *found && (*found)->roots.size() == record.roots.size() &&
                      (*found)->roots.front().staging == record.roots.front().staging;
   if (is_it) return {};
-  return {Code::needs_attention, 0, journal_file(),
+  return {Code::not_pending, 0, journal_file(),
           "another process has replaced the record of this restore: look which files are live"};
 }
 

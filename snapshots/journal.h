@@ -120,7 +120,7 @@ class Journal {
   /// The restore that is not finished, if there is one.
   Result<std::optional<Record>> read();
 
-  /// Code::needs_attention if the record is gone, or that of another restore.
+  /// Code::not_pending if the record is gone, or that of another restore.
   Error check_is_of(const Record& record);
 
   /// Begins a record, without steps.

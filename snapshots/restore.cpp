@@ -283,7 +283,7 @@ class Restoring {
     const bool is_good = run_check();
     deadline_ = Deadline(options_.wait);
     Error failure = come_back();
-    if (failure.code == Code::needs_attention) return with_aftermath(std::move(failure), Aftermath::mixed);
+    if (failure.code == Code::not_pending) return with_aftermath(std::move(failure), Aftermath::mixed);
     if (failure.code != Code::ok) {
       failure.text += is_good ? "; the restore could not be confirmed" : "; the check failed";
       failure.text += ", and the next command takes it back";

@@ -127,7 +127,7 @@ TEST_F(RestoreFaults, ARecordOfAnotherRestoreIsNotWritten) {
     database.run("update root set staging = '.confsave-restore-0000000000000000' where number = 1");
     return true;
   }));
-  EXPECT_EQ(error.code, Code::needs_attention) << shown(error);
+  EXPECT_EQ(error.code, Code::not_pending) << shown(error);
   EXPECT_EQ(error.aftermath, Aftermath::mixed);
   Database(journal()).run("update root set staging = '" + name + "' where number = 1");
   expect_recovered();
