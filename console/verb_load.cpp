@@ -117,10 +117,6 @@ int dry_run(const cs::Snapshot& snapshot, const Options& options, const cs::Rest
   return plan->changes.empty() ? kDone : kFindings;
 }
 
-std::ostream& beside_the_question(std::ostream& result) {
-  return isatty(STDOUT_FILENO) == 1 ? result : std::cerr;
-}
-
 Answer ask_about_extra(const cs::Plan& plan) {
   return ask(plan.extra.size() == 1 ? "Remove it too?" : "Remove them too?");
 }
@@ -128,7 +124,8 @@ Answer ask_about_extra(const cs::Plan& plan) {
 /// Shows the plan and asks, without any lock. What is agreed to becomes part of `how`.
 int agree(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptions& how) {
   std::ostream& result = options.json ? std::cerr : std::cout;
-  std::ostream& out = beside_the_question(result);
+  // The plan appears where the question does.
+  std::ostream& out = isatty(STDOUT_FILENO) == 1 ? result : std::cerr;
   for (bool may_ask = !how.exact;; may_ask = false) {
     how.expected.reset();
     auto plan = cs::plan(id_of(snapshot), how);
