@@ -23,8 +23,9 @@ std::string new_name() {
   return name;
 }
 
-/// A mount of the same file system has the same device, and stands in the way of a rename all the same. An
-/// empty `name` is the directory itself.
+/// A mount of the same file system has the same device, and stands in the way of a rename all the same. The
+/// files of an overlay may have other devices than its directories. An empty `name` is the directory
+/// itself.
 Error check_mount(const Beneath& beneath, int directory, const std::string& name, const std::string& path) {
   struct statx here = {};
   struct statx root = {};
@@ -35,8 +36,10 @@ Error check_mount(const Beneath& beneath, int directory, const std::string& name
   }
   if (statx(beneath.root(), "", AT_EMPTY_PATH, wanted, &root) != 0) return beneath.failure("", errno);
   const bool is_known = (here.stx_mask & root.stx_mask & STATX_MNT_ID) != 0;
-  const bool is_same = here.stx_dev_major == root.stx_dev_major && here.stx_dev_minor == root.stx_dev_minor;
-  if (is_same && (!is_known || here.stx_mnt_id == root.stx_mnt_id)) return {};
+  const bool same_device =
+      here.stx_dev_major == root.stx_dev_major && here.stx_dev_minor == root.stx_dev_minor;
+  const bool same_mount = !is_known || here.stx_mnt_id == root.stx_mnt_id;
+  if (same_mount && (same_device || !S_ISDIR(here.stx_mode))) return {};
   return {Code::unsafe, EXDEV, beneath.shown(path), "another file system is mounted here"};
 }
 

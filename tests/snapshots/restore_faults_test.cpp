@@ -149,6 +149,31 @@ TEST_F(RestoreFaults, WhatIsMountedOnIsRefusedBeforeAnythingChanges) {
   }
 }
 
+/// Many gateways keep their changes over a file system that is read-only.
+TEST_F(RestoreFaults, AnOverlayIsRestoredAndPutBack) {
+  damage();
+  const std::string layer = root() + "/layer";
+  const std::string layers =
+      "lowerdir=" + config_dir() + ",upperdir=" + layer + "/changes,workdir=" + layer + "/work";
+  ASSERT_EQ(mkdir(layer.c_str(), 0700), 0);
+  ASSERT_EQ(mount("tmpfs", layer.c_str(), "tmpfs", 0, nullptr), 0);
+  ASSERT_EQ(shell("cd " + layer + " && mkdir changes work"), 0);
+  ASSERT_EQ(mount("overlay", config_dir().c_str(), "overlay", 0, layers.c_str()), 0) << layers;
+  const auto device = [](const std::string& path) {
+    struct stat status = {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    return status.st_dev;
+  };
+  EXPECT_NE(device(config("user")), device(config("user/gateway.conf"))) << "the case is not there";
+  before_ = everything(true);
+  EXPECT_EQ(refused(with_check([] { return false; })).aftermath, Aftermath::put_back);
+  EXPECT_EQ(everything(true), before_);
+  restored();
+  EXPECT_EQ(everything(), saved_);
+  EXPECT_EQ(umount(config_dir().c_str()), 0);
+  EXPECT_EQ(umount(layer.c_str()), 0);
+}
+
 TEST_F(RestoreFaults, ASocketInThePlaceOfAFileIsNamed) {
   shell("rm " + config("gw1.conf"));
   const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
