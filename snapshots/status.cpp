@@ -13,6 +13,7 @@
 
 #include "contents.h"
 #include "places.h"
+#include "snapshots/access.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
 #include "snapshots/dated_name.h"
@@ -46,7 +47,7 @@ void check_age(const std::string& what, int64 newest, Status& status) {
 void look_at_ages(Status& status) {
   if (status.snapshots == 0) {
     const std::string storage = storage_file();
-    const bool is_there = faccessat(AT_FDCWD, storage.c_str(), F_OK, AT_EACCESS) == 0;
+    const bool is_there = may_access(storage, F_OK);
     // Another directory than that of yesterday looks like a gateway that was never saved.
     status.attention.push_back(
         {"stale", "there is no snapshot" + (is_there ? "" : ": " + quoted(storage) + " does not exist")});

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "places.h"
+#include "snapshots/access.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -106,8 +107,7 @@ Result<std::optional<StorageReader>> StorageReader::open(std::chrono::millisecon
   Result<Database> database = Database::open(storage_file(), wait);
   if (!database) {
     // A directory that is not there is another matter than a file that nobody has made.
-    const bool is_new = database.error().number == ENOENT &&
-                        faccessat(AT_FDCWD, state_directory().c_str(), F_OK, AT_EACCESS) == 0;
+    const bool is_new = database.error().number == ENOENT && may_access(state_directory(), F_OK);
     if (is_new) return std::optional<StorageReader>();
     return database.error();
   }

@@ -12,6 +12,7 @@
 #include <type_traits>
 
 #include "places.h"
+#include "snapshots/access.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/digest.h"
 #include "snapshots/stamp.h"
@@ -54,8 +55,7 @@ std::optional<Fingerprint> begin(Database& storage) {
   if (storage.run("begin; select 1 from sqlite_schema").code != Code::ok) return {};
   const char* path = sqlite3_db_filename(storage.get(), "main");
   struct stat status = {};
-  if (stat(path, &status) != 0 || faccessat(AT_FDCWD, sqlite3_filename_wal(path), F_OK, AT_EACCESS) == 0)
-    return {};
+  if (stat(path, &status) != 0 || may_access(sqlite3_filename_wal(path), F_OK)) return {};
   Fingerprint found;
   found.file = stamp_of(status);
   // Closing a file that was opened here would release the locks that SQLite has on it in this process.

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "snapshots/member_collector.h"
+#include "snapshots/access.h"
 #include "snapshots/tree.h"
 
 namespace ConfSave::snapshots {
@@ -13,9 +14,8 @@ namespace {
 
 bool has_database() {
   const std::vector<std::string> files = packed_database_files(directory_of(Base::configuration));
-  return std::all_of(files.begin(), files.end(), [](const std::string& file) {
-    return faccessat(AT_FDCWD, file.c_str(), F_OK, AT_EACCESS) == 0;
-  });
+  return std::all_of(files.begin(), files.end(),
+                     [](const std::string& file) { return may_access(file, F_OK); });
 }
 
 std::vector<std::string> paths_of(Base base, conftype type, bool with_database) {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "snapshots/access.h"
 #include "snapshots/deadline.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/system_error.h"
@@ -155,7 +156,7 @@ void say_ready() {
 
 Error start_waiter(const std::string& program, const Window& window) {
   const std::string path = program.empty() ? CONFSAVE_PROGRAM : program;
-  if (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) != 0) return system_error(path);
+  if (!may_access(path, X_OK)) return system_error(path);
   const Words waiter = {path, "revert", "--when-due"};
   if (is_under_systemd() && start(in_scope(waiter, window)).code == Code::ok) return {};
   return start(waiter);
