@@ -219,12 +219,14 @@ class Planning {
     change.difference.secret = live.member.secret;
   }
 
-  /// The owner of a file is not compared by who cannot set it.
+  /// The owner of a file is not compared by who cannot set it, nor the mode that a restore limits for that.
   std::optional<Difference> differs(const Member& live, const Member& wanted) const {
     if (owners_count_) return difference_between(live, wanted);
     Member comparable = wanted;
     comparable.uid = live.uid;
     comparable.gid = live.gid;
+    const bool is_limited = wanted.kind == Kind::file && live.mode == mode_for(wanted, live.uid, live.gid);
+    if (is_limited) comparable.mode = live.mode;
     return difference_between(live, comparable);
   }
 

@@ -1,5 +1,7 @@
 #include "snapshots/preflight.h"
 
+#include "snapshots/access.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -23,36 +25,39 @@ std::string new_name() {
   return name;
 }
 
-/// A mount of the same file system has the same device, and stands in the way of a rename all the same. The
-/// files of an overlay may have other devices than its directories. An empty `name` is the directory
-/// itself.
+/// A mount of the same file system has the same device, and stands in the way of a rename all the same. An
+/// empty `name` is the directory itself.
 Error check_mount(const Beneath& beneath, int directory, const std::string& name, const std::string& path) {
   struct statx here = {};
   struct statx root = {};
   const unsigned wanted = STATX_BASIC_STATS | STATX_MNT_ID;
   const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (name.empty() ? AT_EMPTY_PATH : 0);
   if (statx(directory, name.c_str(), flags, wanted, &here) != 0) {
-    return errno == ENOENT || errno == ENOSYS ? Error{} : beneath.failure(path, errno);
+    // Old kernels do not have the call, and old container runtimes refuse it.
+    const bool is_unknown = errno == ENOENT || errno == ENOSYS || errno == EPERM;
+    return is_unknown ? Error{} : beneath.failure(path, errno);
   }
   if (statx(beneath.root(), "", AT_EMPTY_PATH, wanted, &root) != 0) return beneath.failure("", errno);
   const bool is_known = (here.stx_mask & root.stx_mask & STATX_MNT_ID) != 0;
   const bool same_device =
       here.stx_dev_major == root.stx_dev_major && here.stx_dev_minor == root.stx_dev_minor;
   const bool same_mount = !is_known || here.stx_mnt_id == root.stx_mnt_id;
-  if (same_mount && (same_device || !S_ISDIR(here.stx_mode))) return {};
+  if (same_mount && same_device) return {};
+  if (is_known && same_mount && !S_ISDIR(here.stx_mode)) return no_lasting_inode(beneath.shown(path));
   return {Code::unsafe, EXDEV, beneath.shown(path), "another file system is mounted here"};
 }
 
-Error check_parent(Beneath& beneath, const std::string& path) {
+/// Only what is renamed needs a name that nothing is mounted on.
+Error check_parent(Beneath& beneath, const std::string& path, bool is_renamed) {
   const std::string parent = parent_of(path);
   const Result<int> directory = beneath.directory(parent);
   // The restore makes it.
   if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR)) return {};
   if (!directory) return directory.error();
   Error error = check_mount(beneath, *directory, "", parent);
-  if (error.code == Code::ok) error = check_mount(beneath, *directory, name_of(path), path);
+  if (error.code == Code::ok && is_renamed) error = check_mount(beneath, *directory, name_of(path), path);
   if (error.code != Code::ok) return error;
-  const bool is_open = faccessat(*directory, ".", W_OK | X_OK, AT_EACCESS) == 0;
+  const bool is_open = may_access(".", W_OK | X_OK, *directory);
   return is_open ? Error{} : beneath.failure(parent, errno);
 }
 
@@ -91,7 +96,8 @@ Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
   std::map<dev_t, std::uint64_t> needed;
   for (const PlannedStep& planned : plan.steps) {
     Beneath& beneath = sites[planned.step.root].beneath;
-    Error error = check_parent(beneath, planned.step.path);
+    const bool is_renamed = planned.step.what != Step::What::attributes;
+    Error error = check_parent(beneath, planned.step.path, is_renamed);
     if (error.code != Code::ok) return error;
     if (planned.step.what != Step::What::put) continue;
     const auto size = static_cast<std::uint64_t>(planned.wanted->member.size);

@@ -57,6 +57,11 @@ Error sync_destinations(const std::vector<std::string>& directories, const std::
   return {};
 }
 
+Error no_lasting_inode(const std::string& path) {
+  return {Code::failed, 0, path,
+          "the layers of this overlay have inode numbers of their own; it has to be mounted with xino=on"};
+}
+
 void warn_of_other_directories(const std::vector<Root>& roots, const std::vector<Site>& sites,
                                std::vector<std::string>& warnings) {
   for (std::size_t number = 0; number < sites.size(); ++number) {

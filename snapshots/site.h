@@ -30,6 +30,10 @@ Result<std::vector<Site>> open_sites(const std::vector<Root>& roots, Need need);
 /// the snapshot already, which who wrote them may not have synced.
 Error sync_destinations(const std::vector<std::string>& directories, const std::vector<Site>& sites = {});
 
+/// Of a file that has another device than its directory: each layer of its overlay has inode numbers of its
+/// own, and a recovery could take one file for another.
+Error no_lasting_inode(const std::string& path);
+
 /// Names those that were left out.
 void warn_of_other_directories(const std::vector<Root>& roots, const std::vector<Site>& sites,
                                std::vector<std::string>& warnings);

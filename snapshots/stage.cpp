@@ -210,20 +210,13 @@ class Staging {
     if (owned != 0 && is_root) return failure(step);
     struct stat status = {};
     if (fstat(file.get(), &status) != 0) return failure(step);
+    const Beneath& beneath = site_of(planned.step).beneath;
+    if (status.st_dev != beneath.status().st_dev) return no_lasting_inode(beneath.shown(step.path));
     if (Error error = carry_over(planned, file.get()); error.code != Code::ok) return error;
     const timespec times[] = {seconds(member.time), seconds(member.time)};
-    const bool done = fchmod(file.get(), mode_for(member, status)) == 0 && futimens(file.get(), times) == 0;
+    const bool done = fchmod(file.get(), mode_for(member, status.st_uid, status.st_gid)) == 0 &&
+                      futimens(file.get(), times) == 0;
     return done ? Error{} : failure(step);
-  }
-
-  /// Without the rights of root the file may have another owner or group: it must not run as that one, and
-  /// the group must not read what others must not.
-  static mode_t mode_for(const Member& member, const struct stat& status) {
-    const bool has_group = status.st_gid == member.gid;
-    mode_t mode = member.mode;
-    if (!has_group || status.st_uid != member.uid) mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);
-    if (!has_group) mode &= ~static_cast<mode_t>(S_IRWXG) | (member.mode & S_IRWXO) << 3U;
-    return mode;
   }
 
   /// Extended attributes of the file that goes. Its access list too, unless it belongs to somebody who has

@@ -1,5 +1,7 @@
 #include "snapshots/wanted.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <string_view>
@@ -98,6 +100,13 @@ bool is_of_packet_filter(const std::string& path) {
     if (is_whole) return true;
   }
   return false;
+}
+
+mode_t mode_for(const Member& member, std::uint32_t owner, std::uint32_t group) {
+  mode_t mode = member.mode;
+  if (group != member.gid || owner != member.uid) mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);
+  if (group != member.gid) mode &= ~static_cast<mode_t>(S_IRWXG) | (member.mode & S_IRWXO) << 3U;
+  return mode;
 }
 
 Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinations& destinations,

@@ -35,6 +35,10 @@ Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinatio
                                                   ContentCheck& check, DecodedFiles& decoded,
                                                   const PackedProgress& progress = {});
 
+/// That of a restored file of this owner and group, which only root can set: it must not run as another
+/// one, and another group must not read what others must not.
+mode_t mode_for(const Member& member, std::uint32_t owner, std::uint32_t group);
+
 /// The file of the running packet filter, wherever it is, is never restored, and never removed.
 bool is_of_packet_filter(const std::string& path);
 
