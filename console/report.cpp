@@ -218,7 +218,10 @@ std::string reason_and_step(const cs::Error& error) {
 int report_restore(const cs::Error& error) {
   print_failure(error);
   const bool mixed = error.aftermath == cs::Aftermath::mixed;
-  if (mixed) std::cerr << " Some files are not as they were before: 'confsave recover' tries again.";
+  // Without its record nothing can take the restore back.
+  const bool is_recorded = error.code != cs::Code::not_pending;
+  if (mixed && is_recorded)
+    std::cerr << " Some files are not as they were before: 'confsave recover' tries again.";
   const std::string step = next_step(error, true);
   if (!mixed && !step.empty()) {
     const bool untouched = error.aftermath == cs::Aftermath::untouched;

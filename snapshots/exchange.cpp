@@ -172,19 +172,19 @@ Error Exchange::undo_creation(const Step& step, const Slot& slot, const Identity
   Beneath& beneath = sites_[step.root].beneath;
   const Result<int> parent = beneath.directory(parent_of(step.path));
   if (!parent) return parent.error();
-  const bool is_ours = S_ISDIR(live.kind) && is_same_file(live, step.after);
-  if (is_ours && !is_empty(*parent, name_of(step.path)).value_or(true)) return keep_directory(step);
+  const bool is_empty_or_file = !S_ISDIR(live.kind) || is_empty(*parent, name_of(step.path)).value_or(true);
+  if (!is_empty_or_file) return keep_directory(step, live);
   const bool done = move(*parent, name_of(step.path), slot.staging, slot.name) == 0;
   return done ? Error{} : beneath.failure(step.path, errno);
 }
 
 /// Files that are not of the restore stay where their owner has put them, and can be reached there.
-Error Exchange::keep_directory(const Step& step) {
+Error Exchange::keep_directory(const Step& step, const Identity& live) {
   kept_.push_back(sites_[step.root].beneath.shown(step.path) +
-                  ": this directory, which the restore has made, stays: there are other files in it");
+                  ": this directory, which was not there before, stays: there are other files in it");
   for (const Step& other : steps_) {
     const bool is_it = other.what == Step::What::attributes && other.root == step.root &&
-                       other.path == step.path && is_same_file(other.after, step.after);
+                       other.path == step.path && is_same_file(other.after, live);
     if (is_it) return set_attributes(other, other.fresh, limited_by_mask(other.old_access), kNoTime);
   }
   return {};
@@ -200,8 +200,8 @@ Error Exchange::undo_move(std::size_t number, Foreign foreign) {
   std::array<Identity, 3> there;
   for (std::size_t i = 0; i < names.size(); ++i) {
     there[i] = look(slot.staging, names[i]);
-    // It may be the file of before. Without a staging directory there is none.
-    if (there[i].exists() || errno == ENOENT || errno == EBADF) continue;
+    // It may be the file of before.
+    if (there[i].exists() || errno == ENOENT) continue;
     return sites_[step.root].beneath.failure(sites_[step.root].name + "/" + names[i], errno);
   }
   const bool is_staged = is_same_file(there[0], step.after) || is_same_file(there[2], step.after);
@@ -306,33 +306,18 @@ Result<bool> Exchange::is_in_staging(const Step& step, const std::string& name, 
   return *found && is_same_file(identity_of(**found), file);
 }
 
-Result<bool> Exchange::is_undone(std::size_t number) {
-  const Step& step = steps_[number];
-  const Slot slot = slot_of(number);
-  if (step.what == Step::What::put) {
-    const Result<bool> staged = is_in_staging(step, slot.name, step.after);
-    return !staged || *staged ? staged : is_in_staging(step, slot.aside, step.after);
-  }
-  // A directory that somebody has made since may have got the same inode.
-  if (step.what != Step::What::remove || S_ISDIR(step.before.kind)) return false;
-  const Result<std::optional<struct stat>> now = sites_[step.root].beneath.look(step.path);
-  if (!now) return now.error();
-  if (!*now || !is_unchanged(identity_of(**now), step.before)) return false;
-  const Result<bool> staged = is_in_staging(step, slot.name, step.before);
-  return staged ? Result<bool>(!*staged) : staged;
-}
-
-/// A file that is put shows it. One that was removed may have come back by hand, and have got the inode
-/// that its deletion had freed: it counts only where nothing else shows.
+/// A staged file that is back in its slot shows it. The files that were removed show nothing: some may be
+/// deleted already, and one may have come back by hand, with the inode that its deletion had freed.
 Result<bool> Exchange::has_undone_step() {
-  const bool has_put = std::any_of(steps_.begin(), steps_.end(),
-                                   [](const Step& step) { return step.what == Step::What::put; });
   for (std::size_t number = 0; number < steps_.size(); ++number) {
-    if (has_put && steps_[number].what != Step::What::put) continue;
+    const Step& step = steps_[number];
     // Another directory shows nothing of what became of this one.
-    if (sites_[steps_[number].root].name.empty()) continue;
-    Result<bool> undone = is_undone(number);
-    if (!undone || *undone) return undone;
+    if (step.what != Step::What::put || sites_[step.root].name.empty()) continue;
+    const Slot slot = slot_of(number);
+    for (const std::string& name : {slot.name, slot.aside}) {
+      Result<bool> is_staged = is_in_staging(step, name, step.after);
+      if (!is_staged || *is_staged) return is_staged;
+    }
   }
   return false;
 }

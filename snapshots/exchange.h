@@ -64,7 +64,6 @@ class Exchange {
   Slot slot_of(std::size_t number) const;
   /// Whether the file of this name in the staging directory is that one.
   Result<bool> is_in_staging(const Step& step, const std::string& name, const Identity& file);
-  Result<bool> is_undone(std::size_t number);
   Error put(std::size_t number, int parent, const std::string& name);
   Error put_without_exchange(const Step& step, const Slot& slot, int parent, const std::string& name);
   Error take_away(std::size_t number, int parent, const std::string& name);
@@ -74,7 +73,7 @@ class Exchange {
   Error undo_attributes(const Step& step, Foreign foreign);
   Error undo_move(std::size_t number, Foreign foreign);
   Error undo_creation(const Step& step, const Slot& slot, const Identity& live, Foreign foreign);
-  Error keep_directory(const Step& step);
+  Error keep_directory(const Step& step, const Identity& live);
   Error put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied);
   Error compare_with_before(const Slot& slot, const std::string& name, const Step& step) const;
   Error changed(const Step& step) const;

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "places.h"
+#include "snapshots/access.h"
 #include "snapshots/own_file.h"
 #include "snapshots/stamp.h"
 #include "snapshots/system_error.h"
@@ -45,8 +46,7 @@ Error not_understood(const std::string& why) {
 /// What cannot be opened is no reason to delete it.
 Error not_opened(const Error& error) {
   if (error.number == 0) return not_understood(error.text);
-  if (faccessat(AT_FDCWD, journal_file().c_str(), R_OK, AT_EACCESS) != 0)
-    return system_error(journal_file());
+  if (!may_access(journal_file(), R_OK)) return system_error(journal_file());
   return {error.code == Code::no_storage ? Code::failed : error.code, error.number, error.path, error.text};
 }
 
@@ -106,7 +106,8 @@ Result<Journal> Journal::open_to_write(std::chrono::milliseconds wait) {
   // By default SQLite does not sync the deletion of its journal, which a power cut could bring back. With
   // the journal kept, the change of a state after the exchange needs no room on the disk.
   Error error = journal.database_.run("pragma synchronous=extra; pragma journal_mode=persist;");
-  if (error.code == Code::ok) error = journal.in_transaction([&journal] { return journal.make_tables(); });
+  if (error.code != Code::ok) return explained(error);
+  error = journal.in_transaction([&journal] { return journal.make_tables(); });
   if (error.code != Code::ok) return error;
   return journal;
 }
@@ -231,8 +232,10 @@ Error Journal::check_is_of(const Record& record) {
   const bool is_it = *found && (*found)->roots.size() == record.roots.size() &&
                      (*found)->roots.front().staging == record.roots.front().staging;
   if (is_it) return {};
-  return {Code::not_pending, 0, journal_file(),
-          "another process has replaced the record of this restore: look which files are live"};
+  return {
+      Code::not_pending, 0, journal_file(),
+      "another process has replaced the record of this restore: look which files are live; the old ones "
+      "are in directories '.confsave-restore-*' beside them"};
 }
 
 Error Journal::begin(const Record& record) {

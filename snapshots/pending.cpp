@@ -98,7 +98,7 @@ Result<Record> take_pending(const Deadline& deadline) {
   return is_due ? too_late(**found) : not_pending(deadline);
 }
 
-/// A restore that failed to record that it is undone, and was killed.
+/// The release before may have left one half undone.
 Error finish_undo(const Deadline& deadline, const Record& record) {
   Error unfinished;
   const Result<Recovery> recovery = recover_under_lock(deadline, unfinished, Demand::now);

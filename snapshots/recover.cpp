@@ -52,7 +52,7 @@ class Recovering {
         open_sites(record_.roots, puts_back ? Need::old_files : Need::nothing);
     if (!sites) return sites.error();
     Exchange exchange(*sites, record_.steps);
-    // A restore that failed to record its end was undone, and may have failed to record that.
+    // The release before undid a restore whose end it failed to record, and may have failed to record that.
     if (record_.state == State::exchanged) {
       const Result<bool> has_begun = exchange.has_undone_step();
       if (!has_begun) return has_begun.error();
@@ -162,9 +162,10 @@ Result<Ending> ending_of(const Record& record, Demand demand) {
 
 /// Also what a library call recovers first, whose caller gets none of the warnings. That nothing can be
 /// recovered is the error of each call.
-void log_end(const Record& record, const Result<Recovery>& recovery) {
+void log_end(const Record& record, const Result<Recovery>& recovery, bool is_finished) {
   const bool is_reverted = record.ending != Ending::none && record.ending != Ending::confirmed;
-  if (!is_reverted && !recovery) return;
+  // A clean-up that fails is tried again by each command.
+  if (!is_reverted && (!recovery || !is_finished)) return;
   AuditFields more = {{"cause", cause(record.ending)},
                       {"loaded-by", record.author},
                       {"kept", recovery ? recovery->kept : ""}};
@@ -177,8 +178,8 @@ void log_end(const Record& record, const Result<Recovery>& recovery) {
   } else if (is_reverted) {
     audit("revert", record.snapshot, "ok", more);
   } else {
-    const bool is_finished = recovery->outcome == Recovery::Outcome::finished;
-    audit("recover", record.snapshot, is_finished ? "finished" : "undone", more);
+    const bool is_new = recovery->outcome == Recovery::Outcome::finished;
+    audit("recover", record.snapshot, is_new ? "finished" : "undone", more);
   }
 }
 
@@ -213,7 +214,7 @@ Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished,
   Result<Journal> journal = Journal::open_to_write(deadline.left());
   if (!journal) return journal.error();
   Result<Recovery> recovery = Recovering(*journal, record, *ending, deadline).run(unfinished);
-  log_end(record, recovery);
+  log_end(record, recovery, unfinished.code == Code::ok);
   if (recovery || !is_mixed) return recovery;
   Error error = recovery.error();
   error.aftermath = Aftermath::mixed;

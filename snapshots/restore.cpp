@@ -247,6 +247,7 @@ class Restoring {
   Error undo_decided(Error why, Foreign foreign) {
     const Error error = why.code == Code::busy ? Error{} : write_undo(foreign);
     if (error.code == Code::ok) return undo(std::move(why), foreign);
+    limit_kept();
     return none_put_back(std::move(why), error, record_.steps, sites_);
   }
 
@@ -282,11 +283,11 @@ class Restoring {
     lock_.reset();
     const bool is_good = run_check();
     deadline_ = Deadline(options_.wait);
-    Error failure = come_back();
-    if (failure.code == Code::not_pending) return with_aftermath(std::move(failure), Aftermath::mixed);
-    if (failure.code != Code::ok) {
-      failure.text += is_good ? "; the restore could not be confirmed" : "; the check failed";
-      failure.text += ", and the next command takes it back";
+    if (Error failure = come_back(); failure.code != Code::ok) {
+      limit_kept();
+      if (failure.code != Code::not_pending) {
+        failure.text += is_good ? "; the restore could not be confirmed" : "; the check failed";
+      }
       return with_aftermath(std::move(failure), Aftermath::mixed);
     }
     if (!is_good) return undo({Code::check_failed, 0, "", "the check failed"}, Foreign::set_aside);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 
 #include "places.h"
 
@@ -62,8 +63,12 @@ Error none_put_back(Error why, const Error& cause, const std::vector<Step>& step
                     const std::vector<Site>& sites) {
   why.text += "; not put back: " + cause.path + ": " + cause.text;
   const char* before = "; not put back either: ";
+  // A directory that was made has a second step for its attributes.
+  std::set<std::string> named;
   for (const Step& step : steps) {
-    why.text += before + sites[step.root].beneath.shown(step.path);
+    const std::string path = sites[step.root].beneath.shown(step.path);
+    if (!named.insert(path).second) continue;
+    why.text += before + path;
     before = ", ";
   }
   why.aftermath = Aftermath::mixed;

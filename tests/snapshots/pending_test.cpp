@@ -326,6 +326,23 @@ TEST_F(PendingTest, EditsOfOtherFilesStay) {
   EXPECT_EQ(read_file(config("user/gateway.conf")), "of somebody");
 }
 
+TEST_F(PendingTest, ADirectoryThatIsMadeAnewStaysWithItsFiles) {
+  shell("mkdir " + config("gw5") + " && touch " + config("gw5/made"));
+  saved("weekly", overwriting());
+  saved_ = everything();
+  shell("rm -r " + config("gw5"));
+  change();
+  make_pending();
+  shell("cd " + config_dir() +
+        " && rm -r gw5 && mkdir gw5 other && mv gw5 away && mkdir gw5 && rmdir away other "
+        "&& touch gw5/mine");
+  const cs::Recovery recovery = reverted();
+  EXPECT_TRUE(exists(config("gw5/mine")));
+  EXPECT_FALSE(recovery.warnings.empty());
+  shell("rm -r " + config("gw5"));
+  EXPECT_EQ(everything(true), before_);
+}
+
 TEST_F(PendingTest, WhatCannotBeKeptIsSetAside) {
   make_pending();
   write_file(config("gw1.conf"), "edited");

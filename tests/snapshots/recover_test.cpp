@@ -19,8 +19,9 @@ class RecoverTest : public Restoring {
  protected:
   /// A restore after `change`, whose process dies after it has exchanged all files, and has written that
   /// state.
-  void interrupt(State state, const std::string& change = "rm gw1.conf && touch gw9.conf") {
-    write_file(config("user/gateway.conf"), "damaged\n");
+  void interrupt(State state, const std::string& change = "rm gw1.conf && touch gw9.conf",
+                 const std::string& damaged = "user/gateway.conf") {
+    if (!damaged.empty()) write_file(config(damaged), "damaged\n");
     ASSERT_EQ(shell("cd " + config_dir() + " && " + change), 0);
     before_ = everything(true);
     const pid_t child = fork();
@@ -169,6 +170,7 @@ TEST_F(RecoverTest, AnUnfinishedCleanUpKeepsOutARestoreAndNothingElse) {
   const std::string slot = slots + "/" + names_in(slots).at(0);
   // What is mounted on cannot be deleted.
   ASSERT_EQ(mount(slot.c_str(), slot.c_str(), nullptr, MS_BIND, nullptr), 0);
+  host.system_log.clear();
   saved("next");
   EXPECT_EQ(cs::remove({"next"}).code, Code::ok);
   EXPECT_EQ(cs::note({"weekly"}, "text").code, Code::ok);
@@ -179,6 +181,9 @@ TEST_F(RecoverTest, AnUnfinishedCleanUpKeepsOutARestoreAndNothingElse) {
   EXPECT_TRUE(exists(slot));
   EXPECT_EQ(everything(), saved_);
   ASSERT_EQ(umount(slot.c_str()), 0);
+  for (const auto& [level, line] : host.system_log) {
+    EXPECT_EQ(line.find("action=recover"), std::string::npos) << "before it is done: " << line;
+  }
   EXPECT_EQ(refused(without_keeping()).code, Code::ok);
   EXPECT_EQ(recovered().outcome, Recovery::Outcome::nothing);
 }
@@ -255,7 +260,7 @@ TEST_F(RecoverTest, ADirectoryThatTheRestoreMadeStaysWithTheFilesOfOthers) {
     EXPECT_EQ(recovery.outcome, Recovery::Outcome::undone);
     EXPECT_EQ(recovery.warnings,
               Texts{config("hub") +
-                    ": this directory, which the restore has made, stays: there are other files in it"});
+                    ": this directory, which was not there before, stays: there are other files in it"});
     EXPECT_EQ(names_in(config("hub")), Texts{"mine"});
     struct stat status = {};
     ASSERT_EQ(stat(config("hub").c_str(), &status), 0);
@@ -281,6 +286,21 @@ TEST_F(RecoverTest, AnUndoThatHadBegunNeedsEveryDirectory) {
   shell("rmdir " + etc + " && mv " + etc + "-away " + etc);
   EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
   expect_undone();
+}
+
+/// A person has written a removed file again, and it got the inode that the clean-up had freed.
+TEST_F(RecoverTest, AFileThatComesBackByHandIsNoUndo) {
+  shell("rm " + config("gw1.conf"));
+  saved("weekly", overwrite());
+  saved_ = everything();
+  for (const char* name : {"gw6.conf", "gw7.conf", "gw8.conf"}) write_file(config(name), name);
+  interrupt(State::exchanged, "touch gw6.conf", "");
+  const std::string slots = config(staging_directories().at(0)) + "/";
+  shell("mv $(grep -l gw7 " + slots + "*) " + config("gw7.conf") + " && rm " + slots + "0");
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::finished);
+  EXPECT_TRUE(exists(config("gw7.conf")));
+  EXPECT_FALSE(exists(config("gw6.conf")));
+  EXPECT_FALSE(exists(config("gw8.conf")));
 }
 
 TEST_F(RecoverTest, TheStorageIsNotNeeded) {

@@ -75,6 +75,10 @@ TEST_F(RestoreFaults, WhatTheJournalDoesNotTakeIsUndone) {
 
 /// A write that failed may be durable all the same. The files may only move back when the journal says so.
 TEST_F(RestoreFaults, NothingMovesBackWhenTheJournalMaySayThatItStays) {
+  shell("mkdir " + config("gw5") + " && echo made > " + config("gw5/made"));
+  saved("weekly", overwrite());
+  saved_ = everything();
+  shell("rm -r " + config("gw5"));
   damage();
   rlimit usual = {};
   getrlimit(RLIMIT_FSIZE, &usual);
@@ -86,8 +90,11 @@ TEST_F(RestoreFaults, NothingMovesBackWhenTheJournalMaySayThatItStays) {
   setrlimit(RLIMIT_FSIZE, &usual);
   std::signal(SIGXFSZ, before);
   EXPECT_EQ(error.aftermath, Aftermath::mixed) << shown(error);
-  for (const std::string& path : {journal(), config("hub/out"), config("user/gateway.conf")}) {
-    EXPECT_NE(error.text.find(path), std::string::npos) << error.text;
+  for (const std::string& path :
+       {journal(), config("hub/out"), config("user/gateway.conf"), config("gw5") + ","}) {
+    const std::size_t at = error.text.find(path);
+    EXPECT_NE(at, std::string::npos) << error.text;
+    EXPECT_EQ(error.text.find(path, at + 1), std::string::npos) << "twice: " << error.text;
   }
   EXPECT_EQ(everything(), saved_);
   expect_recovered();
@@ -149,29 +156,47 @@ TEST_F(RestoreFaults, WhatIsMountedOnIsRefusedBeforeAnythingChanges) {
   }
 }
 
-/// Many gateways keep their changes over a file system that is read-only.
-TEST_F(RestoreFaults, AnOverlayIsRestoredAndPutBack) {
+/// Many gateways keep their changes over a file system that is read-only. Unless its inode numbers are
+/// those of one file system, a new file may have that of the old one.
+TEST_F(RestoreFaults, AnOverlayIsRestoredIfItsInodesAreKnownApart) {
   damage();
   const std::string layer = root() + "/layer";
   const std::string layers =
-      "lowerdir=" + config_dir() + ",upperdir=" + layer + "/changes,workdir=" + layer + "/work";
+      "lowerdir=" + config_dir() + ",upperdir=" + layer + "/changes,workdir=" + layer;
   ASSERT_EQ(mkdir(layer.c_str(), 0700), 0);
   ASSERT_EQ(mount("tmpfs", layer.c_str(), "tmpfs", 0, nullptr), 0);
-  ASSERT_EQ(shell("cd " + layer + " && mkdir changes work"), 0);
-  ASSERT_EQ(mount("overlay", config_dir().c_str(), "overlay", 0, layers.c_str()), 0) << layers;
-  const auto device = [](const std::string& path) {
-    struct stat status = {};
-    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-    return status.st_dev;
-  };
-  EXPECT_NE(device(config("user")), device(config("user/gateway.conf"))) << "the case is not there";
-  before_ = everything(true);
-  EXPECT_EQ(refused(with_check([] { return false; })).aftermath, Aftermath::put_back);
-  EXPECT_EQ(everything(true), before_);
-  restored();
-  EXPECT_EQ(everything(), saved_);
-  EXPECT_EQ(umount(config_dir().c_str()), 0);
+  for (const std::string option : {"/off,xino=off", "/on,xino=on"}) {
+    ASSERT_EQ(shell("cd " + layer + " && rm -rf changes && mkdir -p changes off on"), 0);
+    const std::string data = layers + option;
+    ASSERT_EQ(mount("overlay", config_dir().c_str(), "overlay", 0, data.c_str()), 0) << data;
+    before_ = everything(true);
+    const cs::Error error = refused(with_check([] { return false; }));
+    EXPECT_EQ(everything(true), before_);
+    if (option == "/on,xino=on") {
+      EXPECT_EQ(error.aftermath, Aftermath::put_back);
+      restored();
+      EXPECT_EQ(everything(), saved_);
+    } else {
+      EXPECT_NE(error.text.find("xino=on"), std::string::npos) << shown(error);
+      EXPECT_EQ(error.aftermath, Aftermath::untouched);
+      shell("cd " + config_dir() + " && rm user/gateway.conf");
+      EXPECT_EQ(refused(without_keeping()).text, error.text) << "for a file that is only created";
+      EXPECT_EQ(staging_directories(), Texts());
+    }
+    EXPECT_EQ(umount(config_dir().c_str()), 0);
+  }
   EXPECT_EQ(umount(layer.c_str()), 0);
+}
+
+TEST_F(RestoreFaults, TheModeOfAMountedDirectoryIsRestored) {
+  shell("rm " + config("station") + " && mkdir -m 750 " + config("station"));
+  saved("weekly", overwrite());
+  ASSERT_EQ(mount("tmpfs", config("station").c_str(), "tmpfs", 0, "mode=700"), 0);
+  struct stat status = {};
+  EXPECT_EQ(refused(without_keeping()).code, Code::ok);
+  EXPECT_EQ(stat(config("station").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0750U);
+  EXPECT_EQ(umount(config("station").c_str()), 0);
 }
 
 TEST_F(RestoreFaults, ASocketInThePlaceOfAFileIsNamed) {
@@ -199,6 +224,18 @@ TEST_F(RestoreFaults, FailedRestoresKeepNoMoreThanOthers) {
   }
   // The newest, and five before it.
   EXPECT_EQ(stored().size(), 1U + 6U);
+  options = {};
+  options.check = [this] {
+    replace_configuration();
+    return false;
+  };
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    write_file(config("user/gateway.conf"), "damaged again " + std::to_string(attempt));
+    EXPECT_EQ(refused(options).aftermath, Aftermath::mixed);
+    bring_it_back();
+    ASSERT_TRUE(cs::recover());
+  }
+  EXPECT_EQ(stored().size(), 1U + 6U);
 }
 
 /// In a child, which cannot get the rights back.
@@ -223,7 +260,9 @@ TEST_F(RestoreFaults, WithoutTheRightsOfRootNoOtherGroupGetsToRead) {
       // A tight one does not matter.
       umask(0777);
       const bool is_user = setgroups(1, &kGames) == 0 && setgid(kUsers) == 0 && setuid(kNobody) == 0;
-      _exit(is_user && refused(without_keeping()).code == Code::ok ? 0 : 1);
+      const bool is_restored = is_user && refused(without_keeping()).code == Code::ok;
+      const auto again = cs::restore({"weekly"}, without_keeping());
+      _exit(is_restored && again && again->outcome == cs::Restored::Outcome::unchanged ? 0 : 1);
     }
     int status = 1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
