@@ -1,5 +1,7 @@
 #include "snapshots/manifest.h"
 
+#include "places.h"
+
 namespace ConfSave::snapshots {
 
 const char* const kManifestTables =
@@ -102,12 +104,16 @@ Error write_manifest(Database& notes, const Snapshot& snapshot, const Manifest& 
   return error;
 }
 
-Result<std::optional<ManifestReader>> ManifestReader::open(Database& notes, const Snapshot& snapshot) {
+Result<std::optional<ManifestReader>> ManifestReader::open(Database& notes, const Snapshot& snapshot,
+                                                           const std::string& configuration) {
+  // Every text begins with an empty one.
   Result<Statement> head = notes.prepare(
-      "select moment, members = (select count(*) from member where manifest = id) and "
+      "select moment, members = (select count(*) from member where manifest = id and "
+      "(instr(path, ?) = 1 or instr(path, ?) = 1)) and "
       "missing = (select count(*) from missing where manifest = id) "
       "from manifest where id = ? and saved = ? and keybase = ? and etc = ?");
   if (!head) return head.error();
+  head->bind(configuration).bind(std::string(kFailoverDirectory));
   head->bind(snapshot.id).bind(snapshot.config.save_time);
   head->bind(snapshot.keybase_size).bind(snapshot.etc_size);
   const int code = head->step();

@@ -29,8 +29,10 @@ Error write_manifest(Database& notes, const Snapshot& snapshot, const Manifest& 
 /// A manifest of the notes, read piece by piece. The caller has begun a transaction.
 class ManifestReader {
  public:
-  /// No value without a whole manifest that belongs to `snapshot`. `notes` must outlive the reader.
-  static Result<std::optional<ManifestReader>> open(Database& notes, const Snapshot& snapshot);
+  /// No value without a whole manifest that belongs to `snapshot` and has files of the directory
+  /// `configuration` (if empty, of any) and the failover directory. `notes` must outlive the reader.
+  static Result<std::optional<ManifestReader>> open(Database& notes, const Snapshot& snapshot,
+                                                    const std::string& configuration);
 
   int64 moment() const { return moment_; }
   /// No value if the manifest does not have it.

@@ -42,7 +42,9 @@ Result<std::optional<Notes>> Notes::open(std::chrono::milliseconds wait) {
     if (database.error().number == ENOENT) return std::optional<Notes>();
     return database.error();
   }
-  return open_in(std::move(*database));
+  Result<std::optional<Notes>> notes = open_in(std::move(*database));
+  if (notes && *notes) (*notes)->configuration_ = config_directory();
+  return notes;
 }
 
 Result<std::optional<Notes>> Notes::open_in(Database database) {
@@ -79,6 +81,7 @@ Result<Notes> Notes::open_to_write(std::chrono::milliseconds wait) {
   Result<Database> database = Database::open(notes_file(), wait);
   if (!database) return database.error();
   Notes notes(std::move(*database));
+  notes.configuration_ = config_directory();
   if (Error error = notes.sync_deletions(); error.code != Code::ok) return error;
   if (Error error = notes.prepare_tables(); error.code != Code::ok) return error;
   return notes;
@@ -208,7 +211,7 @@ Result<std::optional<ManifestReader>> Notes::open_manifest(const Snapshot& snaps
   const bool has_begun = sqlite3_get_autocommit(database_.get()) == 0;
   const Error error = has_begun ? Error{} : database_.run("begin");
   if (error.code != Code::ok) return error;
-  return ManifestReader::open(database_, snapshot);
+  return ManifestReader::open(database_, snapshot, configuration_);
 }
 
 Error Notes::forget(int64 id) {

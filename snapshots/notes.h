@@ -30,7 +30,7 @@ class Notes {
   /// No value if there is no file.
   static Result<std::optional<Notes>> open(std::chrono::milliseconds wait);
 
-  /// The notes in a file that is open already; no value if it has none.
+  /// The notes in a file that is open already, with manifests of any directory; no value if it has none.
   static Result<std::optional<Notes>> open_in(Database database);
 
   /// Makes the tables in a file that has none.
@@ -53,8 +53,8 @@ class Notes {
   Error replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest,
                          int64 replaced = 0);
 
-  /// Reads the manifest that belongs to `snapshot`; no value without a whole one. From now
-  /// on, and as long as this object lives, the notes are of one moment.
+  /// Reads the manifest that belongs to `snapshot`; no value without a whole one, or if the configuration
+  /// was in another directory. From now on, and as long as this object lives, the notes are of one moment.
   Result<std::optional<ManifestReader>> open_manifest(const Snapshot& snapshot);
 
   /// The same, the manifest as a whole.
@@ -95,6 +95,7 @@ class Notes {
   Error in_transaction(const std::function<Error()>& change);
 
   Database database_;
+  std::string configuration_;  ///< where the files of manifests have to be; empty: anywhere
   bool has_parents_ = true;
 };
 

@@ -54,6 +54,23 @@ TEST_F(Verify, OnlyAManifestProvesASnapshot) {
   EXPECT_EQ(verdict(), Texts{unproven});
 }
 
+TEST_F(Verify, AManifestOfAnotherDirectoryIsNotUsed) {
+  const std::string moved = root() + "/moved/";
+  shell("cp -a " + config_dir() + " " + moved);
+  setenv("KELMOR_CONFIG_PATH", moved.c_str(), 1);
+  EXPECT_EQ(verdict(), Texts{unproven});
+  const auto same = compare({"weekly"}, Live{});
+  ASSERT_TRUE(same) << same.error().text;
+  EXPECT_TRUE(same->empty());
+  ASSERT_TRUE(export_to({{"weekly"}}, root() + "/exported"));
+  ImportOptions options;
+  options.name = "imported";
+  const auto imported = import_from(root() + "/exported", options);
+  ASSERT_TRUE(imported) << imported.error().text;
+  setenv("KELMOR_CONFIG_PATH", config_dir().c_str(), 1);
+  EXPECT_EQ(verdict(), Texts{intact});
+}
+
 TEST_F(Verify, SaysWhatTheSaveDidNotFind) {
   write_manifest({"/mnt/b", "/mnt/a"});
   EXPECT_EQ(verify({"weekly"})->missing, (Texts{"/mnt/a", "/mnt/b"}));
