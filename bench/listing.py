@@ -36,8 +36,9 @@ def how_cold():
 
 
 def to_default_layout(file):
-    """The same rows in SQLite's default layout."""
+    """The same rows in the layout that SQLite chooses by default."""
     connection = sqlite3.connect(file, isolation_level=None)
+    connection.execute("pragma page_size=4096")
     connection.execute("pragma auto_vacuum=none")
     connection.execute("vacuum")
     connection.close()

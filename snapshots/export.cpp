@@ -46,8 +46,10 @@ class Exporting {
     Result<Database> made = Database::open(file, deadline_.left());
     if (!made) return made.error();
     // The file counts only when it is whole.
-    Error error = made->run(
-        "pragma auto_vacuum=incremental; pragma synchronous=off; pragma journal_mode=memory; begin");
+    Error error = made->run(sql::kChooseLayout);
+    if (error.code == Code::ok) {
+      error = made->run("pragma synchronous=off; pragma journal_mode=memory; begin");
+    }
     if (error.code == Code::ok) error = made->run(sql::create_table().c_str());
     if (error.code == Code::ok) error = made->run(kOriginTable);
     if (error.code == Code::ok) error = write_origin(*made);

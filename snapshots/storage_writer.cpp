@@ -47,7 +47,7 @@ Result<StorageWriter> StorageWriter::open(const Deadline& deadline) {
 Error StorageWriter::choose_layout() {
   struct stat status = {};
   if (stat(database_.file().c_str(), &status) != 0) return system_error(database_.file());
-  return status.st_size == 0 ? database_.run("pragma auto_vacuum=incremental") : Error{};
+  return status.st_size == 0 ? database_.run(sql::kChooseLayout) : Error{};
 }
 
 Result<Stored> StorageWriter::store(NewRow row, bool overwrite) {

@@ -13,7 +13,7 @@ struct AppLst : Dialogue {
 
 TEST_F(AppLst, EmptyStoragePrintsNothing) {
   EXPECT_EQ(lst(), "");
-  EXPECT_EQ(statements(), (Texts{kChooseLayout, kCreateTable, kSelectAll}));
+  EXPECT_EQ(statements(), (Texts{kPageSize, kAutoVacuum, kCreateTable, kSelectAll}));
   EXPECT_EQ(records(),
             (LogRecords{kTryTables, kTablesMade,
                         says(kList, 2, "Requested configuration list is empty (version=0)", {8})}));

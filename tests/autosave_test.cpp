@@ -90,7 +90,7 @@ TEST_F(Autosaving, FirstArgumentHasNoEffect) {
     fs::remove(database());
     autosave(5, conf_full, name);
     EXPECT_EQ(statements(),
-              (Texts{kChooseLayout, kCreateTable, kFindAutosaves} + saving("autosave-<now>")));
+              (Texts{kPageSize, kAutoVacuum, kCreateTable, kFindAutosaves} + saving("autosave-<now>")));
     EXPECT_EQ(rows(), (Rows{{"autosave-<now>", kCurrentText, "1", "<now>", "NULL"}}));
   }
 }

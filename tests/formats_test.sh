@@ -349,7 +349,7 @@ test_broken_archives() {
 test_check() {
     run "$check" "storage=$storage" | same 'the check' "$(answer_of "$check_answer")"
     cp "$storage" broken.db
-    dd if=/dev/urandom of=broken.db bs=4096 seek=2 count=1 conv=notrunc status=none
+    dd if=/dev/urandom of=broken.db bs=8192 seek=2 count=1 conv=notrunc status=none
     [ "$(run "$check" "storage=$work/broken.db" 2>&1)" != "$(answer_of "$check_answer")" ] ||
         complain 'a broken storage passes the check'
 }

@@ -140,12 +140,12 @@ expect 'the copy on the other machine' before-change \
 
 # A storage with a damaged page gives the snapshots of the others back, as the page says.
 for name in first second third lost; do
-    head -c 2500 /dev/urandom >"$filter"
+    head -c 5000 /dev/urandom >"$filter"
     confsave save "$name"
 done
 at=$(grep -abo lost "$work/state/storage.db" | tail -n 1 | cut -d : -f 1)
 head -c 8 /dev/zero |
-    dd of="$work/state/storage.db" bs=1 seek=$((at / 4096 * 4096)) conv=notrunc status=none
+    dd of="$work/state/storage.db" bs=1 seek=$((at / 8192 * 8192)) conv=notrunc status=none
 status=0
 confsave list >"$work/said" 2>&1 || status=$?
 expect 'the exit status of a list of a damaged storage' 6 "$status"

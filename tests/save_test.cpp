@@ -18,7 +18,7 @@ const std::string kDelete0 = delete_of("weekly", "0");
 const std::string kDeleteCurrent = delete_of("weekly");
 const std::string kInsert = insert_of("weekly");
 const std::string kBegin = "begin exclusive";
-const Texts kNewTable{kChooseLayout, kCreateTable};
+const Texts kNewTable{kPageSize, kAutoVacuum, kCreateTable};
 
 struct SaveTest : Dialogue {
   Outcome save(const std::string& typed = "", int64 version = 0, bool force = false,

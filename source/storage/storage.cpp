@@ -36,13 +36,12 @@ sql::Database open_database(const std::string& file) {
   return nullptr;
 }
 
-/// Asks for the layout in which SQLite knows where each page belongs: a listing then skips the archives
-/// instead of following them page by page. Only in an empty file: elsewhere the pragma would be a write.
-/// Failure is ignored: only speed depends on it.
+/// Only in an empty file: elsewhere the pragma would be a write. Failure is ignored: only speed depends on
+/// it.
 void choose_layout(sqlite3* db, const std::string& file) {
   struct stat status = {};
   if (stat(file.c_str(), &status) != 0 || status.st_size != 0) return;
-  sqlite3_exec(db, "pragma auto_vacuum=incremental", nullptr, nullptr, nullptr);
+  sqlite3_exec(db, sql::kChooseLayout, nullptr, nullptr, nullptr);
 }
 
 /// Makes the table. It normally exists already, which only SQLite's message says. The last record is

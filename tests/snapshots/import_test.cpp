@@ -212,9 +212,10 @@ TEST_F(ImportTest, AStructureThatIsDamaged) {
   const std::string page =
       test::Database(exported())
           .value("select rootpage from sqlite_schema where name like 'sqlite_autoindex_Config%'");
+  const std::size_t size = std::stoul(test::Database(exported()).value("pragma page_size"));
   std::string bytes = original_;
-  const std::size_t at = bytes.find("weekly", (std::stoul(page) - 1) * 4096);
-  ASSERT_LT(at, std::stoul(page) * 4096);
+  const std::size_t at = bytes.find("weekly", (std::stoul(page) - 1) * size);
+  ASSERT_LT(at, std::stoul(page) * size);
   bytes[at] = 'x';
   write_file(exported(), bytes);
   EXPECT_EQ(refusal().substr(0, 23), "damaged: it is damaged:");

@@ -19,11 +19,12 @@ TEST_F(StorageOpen, NewFileGetsTheTableAndIsLoggedBeforeAnythingThatCanWait) {
   const Storage storage;
   EXPECT_TRUE(storage.opened);
   EXPECT_EQ(before_first_record, Texts());
-  EXPECT_EQ(recorder.statements(), (Texts{kChooseLayout, kCreateTable}));
+  EXPECT_EQ(recorder.statements(), (Texts{kPageSize, kAutoVacuum, kCreateTable}));
   EXPECT_EQ(host.records, kOpened);
   EXPECT_EQ(query("select sql from sqlite_schema where name='Config'"),
             Rows{{"CREATE TABLE 'Config' " + kCreateTable.substr(22)}});
   EXPECT_EQ(query("pragma auto_vacuum"), Rows{{"2"}});
+  EXPECT_EQ(query("pragma page_size"), Rows{{"8192"}});
   EXPECT_TRUE(lock_is_free(database()));
 }
 

@@ -19,7 +19,9 @@ constexpr ConfSave::int64 kCurrent = 17264017408;
 inline const std::string kCurrentText = "17264017408";
 
 /// Runs before the table is made, and only in a new file.
-inline const std::string kChooseLayout = "pragma auto_vacuum=incremental";
+inline const std::string kPageSize = "pragma page_size=8192;";
+inline const std::string kAutoVacuum = "pragma auto_vacuum=incremental";
+inline const std::string kChooseLayout = kPageSize + kAutoVacuum;
 
 inline const std::string kCreateTable =
     "create table 'Config' (id integer primary key autoincrement, name varchar(80) not null, version "
