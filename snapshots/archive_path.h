@@ -10,6 +10,10 @@ namespace ConfSave::snapshots {
 /// Code::unsafe for a path that leaves the destination or exceeds a limit.
 Error normalize(const std::string& stored, const Limits& limits, std::string& path);
 
+inline bool begins_with(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
 /// The text with control characters escaped, for a message.
 std::string printable(const std::string& text);
 

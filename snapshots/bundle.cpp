@@ -218,10 +218,8 @@ Result<Note> Bundle::note(const Snapshot& snapshot) {
 }
 
 Result<std::string> Bundle::here(const std::string& path) const {
-  if (path.compare(0, origin_.size(), origin_) == 0)
-    return config_directory() + path.substr(origin_.size());
-  const std::string failover = kFailoverDirectory;
-  if (path.compare(0, failover.size(), failover) == 0) return path;
+  if (begins_with(path, origin_)) return config_directory() + path.substr(origin_.size());
+  if (begins_with(path, kFailoverDirectory)) return path;
   return damaged("a path of a manifest is in neither directory: '" + printable(path) + "'");
 }
 

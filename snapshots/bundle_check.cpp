@@ -107,7 +107,7 @@ void mark_secrets(Manifest& manifest) {
     live.member.secret = false;
     for (const auto& [base, of_base] : secrets) {
       const std::string directory = directory_of(base);
-      if (path.compare(0, directory.size(), directory) != 0) continue;
+      if (!begins_with(path, directory)) continue;
       live.member.secret = live.member.secret || of_base.contains(path.substr(directory.size()));
     }
   }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "snapshots/archive_path.h"
+
 namespace ConfSave::snapshots {
 
 namespace {
@@ -22,12 +24,12 @@ std::string dated_name(const std::string& prefix, std::time_t time) {
 std::string local_time(std::time_t time) { return formatted("%Y-%m-%d %H:%M:%S", time); }
 
 bool is_dated_name(const std::string& prefix, const std::string& name) {
-  if (name.compare(0, prefix.size(), prefix) != 0) return false;
+  if (!begins_with(name, prefix)) return false;
   const std::string form = "0000-00-00-00-00-00";
   std::string digits = name.substr(prefix.size());
   const auto is_digit = [](char letter) { return letter >= '0' && letter <= '9'; };
   std::replace_if(digits.begin(), digits.end(), is_digit, '0');
-  if (digits.compare(0, form.size(), form) != 0) return false;
+  if (!begins_with(digits, form)) return false;
   const std::string rest = digits.substr(form.size());
   return rest.empty() ||
          (rest.size() > 1 && rest[0] == '-' && rest.find_first_not_of('0', 1) == std::string::npos);

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "places.h"
+#include "snapshots/archive_path.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/journal.h"
 #include "snapshots/lock.h"
@@ -26,7 +27,7 @@ bool is_made_name(const std::string& name) {
 bool is_staging_name(const std::string& name) {
   const std::string prefix = ".confsave-restore-";
   constexpr std::size_t kDigits = 16;
-  return name.size() == prefix.size() + kDigits && name.compare(0, prefix.size(), prefix) == 0 &&
+  return name.size() == prefix.size() + kDigits && begins_with(name, prefix) &&
          name.find_first_not_of("0123456789abcdef", prefix.size()) == std::string::npos;
 }
 

@@ -18,10 +18,6 @@
 namespace ConfSave::snapshots {
 namespace {
 
-bool begins_with(const std::string& text, const std::string& prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
-}
-
 /// Whether a relative path is at, or below, an entry of the contents.
 bool is_covered(const std::string& path, const std::string& entry) {
   if (entry.back() == '*') return begins_with(path, entry.substr(0, entry.size() - 1));

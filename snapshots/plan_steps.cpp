@@ -8,6 +8,7 @@
 #include <set>
 #include <utility>
 
+#include "snapshots/archive_path.h"
 #include "snapshots/digest.h"
 #include "snapshots/plan.h"
 
@@ -32,7 +33,7 @@ PlannedStep step_for(const DetailedPlan& plan, Step::What what, const std::strin
   std::size_t longest = 0;
   for (std::size_t root = 0; root < plan.directories.size(); ++root) {
     const std::string& directory = plan.directories[root];
-    const bool is_in = path.compare(0, directory.size(), directory) == 0;
+    const bool is_in = begins_with(path, directory);
     if (!is_in || directory.size() < longest) continue;
     longest = directory.size();
     planned.step.root = root;

@@ -100,7 +100,7 @@ Error pass_file(const Id& id, const std::string& path, const Sink& sink, const R
     Places places;
     if (Error error = locate(*row, column, places); error.code != Code::ok) return error;
     const std::string directory = directory_of(column.base);
-    if (path.compare(0, directory.size(), directory) != 0) continue;
+    if (!begins_with(path, directory)) continue;
     const auto entry = places.find(path.substr(directory.size()));
     if (entry == places.end()) continue;
     place = entry->second;

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "places.h"
+#include "snapshots/archive_path.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -17,7 +18,7 @@ void warn_of(const std::vector<std::string>& left, std::vector<std::string>& war
 }
 
 bool is_below(const std::string& path, const std::string& directory) {
-  return path.compare(0, directory.size() + 1, directory + "/") == 0;
+  return begins_with(path, directory + "/");
 }
 
 }  // namespace

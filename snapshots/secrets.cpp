@@ -2,15 +2,9 @@
 
 #include <algorithm>
 
+#include "snapshots/archive_path.h"
+
 namespace ConfSave::snapshots {
-namespace {
-
-bool begins_with(const std::string& text, const std::string& prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-}  // namespace
-
 Secrets::Secrets(Base base) {
   for (const ContentsEntry& entry : contents()) {
     if (entry.base != base || entry.holds != Holds::keys) continue;

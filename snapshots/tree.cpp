@@ -123,7 +123,7 @@ class TreeReading {
     std::vector<std::string> names;
     if (Error error = names_in(directory.get(), parent, names); error.code != Code::ok) return error;
     for (const std::string& name : names) {
-      if (name.compare(0, prefix.size(), prefix) != 0) continue;
+      if (!begins_with(name, prefix)) continue;
       if (Error error = add(directory.get(), parent, name); error.code != Code::ok) return error;
     }
     return {};
