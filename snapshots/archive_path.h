@@ -14,6 +14,12 @@ inline bool begins_with(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
 
+/// Whether a relative path is at, or below, an entry of the contents.
+inline bool is_covered(const std::string& path, const std::string& entry) {
+  if (entry.back() == '*') return begins_with(path, entry.substr(0, entry.size() - 1));
+  return path == entry || begins_with(path, entry + "/");
+}
+
 /// The text with control characters escaped, for a message.
 std::string printable(const std::string& text);
 

@@ -1,6 +1,10 @@
 #include "snapshots/manifest.h"
 
+#include <algorithm>
+
+#include "contents.h"
 #include "places.h"
+#include "snapshots/archive_path.h"
 
 namespace ConfSave::snapshots {
 
@@ -86,6 +90,27 @@ std::optional<LiveMember> read_member(const Statement& row) {
   return live;
 }
 
+/// Whether the files of a manifest that are below `configuration` are at paths of the contents there. All
+/// were in one directory: one path shows it.
+Result<bool> is_of(const std::string& configuration, Database& notes, int64 id) {
+  Result<Statement> rows =
+      notes.prepare("select path from member where manifest = ? and instr(path, ?) = 1 order by path");
+  if (!rows) return rows.error();
+  const std::string failover = kFailoverDirectory;
+  rows->bind(id).bind(configuration);
+  for (int code = rows->step(); code != SQLITE_DONE; code = rows->step()) {
+    if (code != SQLITE_ROW) return notes.error();
+    const std::string path = rows->text(0);
+    // The one directory may be in the other.
+    if (failover.size() >= configuration.size() && begins_with(path, failover)) continue;
+    const std::vector<ContentsEntry> entries = contents();
+    return std::any_of(entries.begin(), entries.end(), [&](const ContentsEntry& entry) {
+      return entry.base == Base::configuration && is_covered(path.substr(configuration.size()), entry.path);
+    });
+  }
+  return true;
+}
+
 }  // namespace
 
 Error write_manifest(Database& notes, const Snapshot& snapshot, const Manifest& manifest) {
@@ -110,15 +135,21 @@ Result<std::optional<ManifestReader>> ManifestReader::open(Database& notes, cons
   Result<Statement> head = notes.prepare(
       "select moment, members = (select count(*) from member where manifest = id and "
       "(instr(path, ?) = 1 or instr(path, ?) = 1)) and "
-      "missing = (select count(*) from missing where manifest = id) "
+      "missing = (select count(*) from missing where manifest = id and "
+      "(instr(path, ?) = 1 or instr(path, ?) = 1)) "
       "from manifest where id = ? and saved = ? and keybase = ? and etc = ?");
   if (!head) return head.error();
-  head->bind(configuration).bind(std::string(kFailoverDirectory));
+  for (int table = 0; table < 2; ++table) {
+    head->bind(configuration).bind(std::string(kFailoverDirectory));
+  }
   head->bind(snapshot.id).bind(snapshot.config.save_time);
   head->bind(snapshot.keybase_size).bind(snapshot.etc_size);
   const int code = head->step();
   if (code != SQLITE_ROW && code != SQLITE_DONE) return notes.error();
   if (code == SQLITE_DONE || head->number(1) == 0) return std::optional<ManifestReader>();
+  const Result<bool> is_here = configuration.empty() ? true : is_of(configuration, notes, snapshot.id);
+  if (!is_here) return is_here.error();
+  if (!*is_here) return std::optional<ManifestReader>();
   return std::optional<ManifestReader>(ManifestReader(notes, snapshot.id, head->number(0)));
 }
 

@@ -18,12 +18,6 @@
 namespace ConfSave::snapshots {
 namespace {
 
-/// Whether a relative path is at, or below, an entry of the contents.
-bool is_covered(const std::string& path, const std::string& entry) {
-  if (entry.back() == '*') return begins_with(path, entry.substr(0, entry.size() - 1));
-  return path == entry || begins_with(path, entry + "/");
-}
-
 /// True if one of `map` is below `path`.
 template <class Value>
 bool has_below(const std::map<std::string, Value>& map, const std::string& path) {

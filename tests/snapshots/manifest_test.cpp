@@ -62,7 +62,7 @@ class ManifestTest : public Gateway {
   static Manifest present() {
     Tree tree = *read_tree(ConfSave::conf_full);
     Parents parents = parents_of(tree);
-    return {std::move(tree), {"/mnt/b", "/mnt/a"}, std::move(parents)};
+    return {std::move(tree), {"/mnt/main/etc/b", "/mnt/main/etc/a"}, std::move(parents)};
   }
 
   void in_notes(const std::string& sql) const { test::Database(notes_file()).run(sql); }
@@ -101,9 +101,9 @@ TEST_F(ManifestTest, OutlastsAChangeOfTheCommentAndIsReplacedWhole) {
   EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
   EXPECT_TRUE(stored());
   Manifest next;
-  next.missing = {"/mnt/c"};
+  next.missing = {"/mnt/main/etc/c"};
   EXPECT_EQ(writable().replace_manifest(row(), {}, next).code, Code::ok);
-  EXPECT_EQ(shown(*stored()), (Texts{"0", "missing /mnt/c"}));
+  EXPECT_EQ(shown(*stored()), (Texts{"0", "missing /mnt/main/etc/c"}));
 }
 
 TEST_F(ManifestTest, BelongsToTheRowThatItWasWrittenFor) {
@@ -118,9 +118,9 @@ TEST_F(ManifestTest, BelongsToTheRowThatItWasWrittenFor) {
 
 TEST_F(ManifestTest, CountsOnlyIfItIsWhole) {
   for (const char* change :
-       {"delete from member where path like '%gw1.conf'", "delete from missing where path = '/mnt/a'",
-        "update member set sha256 = x'00'", "update member set sha256 = 'text'",
-        "update member set kind = 4", "update member set kind = -1"}) {
+       {"delete from member where path like '%gw1.conf'",
+        "delete from missing where path = '/mnt/main/etc/a'", "update member set sha256 = x'00'",
+        "update member set sha256 = 'text'", "update member set kind = 4", "update member set kind = -1"}) {
     EXPECT_EQ(writable().replace_manifest(row(), {}, present()).code, Code::ok);
     EXPECT_TRUE(stored());
     test::Database(notes_file()).run(change);
@@ -237,7 +237,7 @@ TEST_F(ManifestTest, NoteAndManifestAreWrittenTogetherOrNotAtAll) {
   twice.missing = {"/mnt/a", "/mnt/a"};
   EXPECT_NE(writable().replace_manifest(row(), {"new", "", false}, twice).code, Code::ok);
   EXPECT_EQ(row().comment, "old");
-  EXPECT_EQ(stored()->missing, (Texts{"/mnt/a", "/mnt/b"}));
+  EXPECT_EQ(stored()->missing, (Texts{"/mnt/main/etc/a", "/mnt/main/etc/b"}));
 }
 
 }  // namespace

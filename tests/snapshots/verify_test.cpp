@@ -55,25 +55,40 @@ TEST_F(Verify, OnlyAManifestProvesASnapshot) {
 }
 
 TEST_F(Verify, AManifestOfAnotherDirectoryIsNotUsed) {
-  const std::string moved = root() + "/moved/";
-  shell("cp -a " + config_dir() + " " + moved);
+  const std::string moved = root() + "/moved/here/";
+  shell("mkdir " + root() + "/moved && cp -a " + config_dir() + " " + moved);
   setenv("KELMOR_CONFIG_PATH", moved.c_str(), 1);
-  EXPECT_EQ(verdict(), Texts{unproven});
-  const auto same = compare({"weekly"}, Live{});
-  ASSERT_TRUE(same) << same.error().text;
-  EXPECT_TRUE(same->empty());
-  ASSERT_TRUE(export_to({{"weekly"}}, root() + "/exported"));
-  ImportOptions options;
-  options.name = "imported";
-  const auto imported = import_from(root() + "/exported", options);
-  ASSERT_TRUE(imported) << imported.error().text;
+  write_manifest();
+  // Its parent, another directory, and another spelling.
+  shell("cp -a " + moved + ". " + root() + "/moved");
+  for (const std::string& other : {root() + "/moved/", config_dir(), root() + "/moved//here/"}) {
+    setenv("KELMOR_CONFIG_PATH", other.c_str(), 1);
+    EXPECT_EQ(verdict(), Texts{unproven}) << other;
+    const auto same = compare({"weekly"}, Live{});
+    ASSERT_TRUE(same) << same.error().text;
+    EXPECT_TRUE(same->empty()) << other;
+    const std::string file = root() + "/exported";
+    ASSERT_TRUE(export_to({{"weekly"}}, file));
+    ImportOptions options;
+    options.name = "imported";
+    options.overwrite = true;
+    const auto imported = import_from(file, options);
+    EXPECT_TRUE(imported) << (imported ? "" : imported.error().text);
+    shell("rm " + file);
+  }
+  // Of a configuration without files only what is missing says it.
+  setenv("KELMOR_CONFIG_PATH", moved.c_str(), 1);
+  write_manifest({moved + "gw1.conf"});
+  in_notes("delete from member where path not like '/mnt/%'");
+  in_notes("update manifest set members = (select count(*) from member)");
+  EXPECT_EQ(verify({"weekly"})->missing, Texts{moved + "gw1.conf"});
   setenv("KELMOR_CONFIG_PATH", config_dir().c_str(), 1);
-  EXPECT_EQ(verdict(), Texts{intact});
+  EXPECT_EQ(verify({"weekly"})->missing, Texts());
 }
 
 TEST_F(Verify, SaysWhatTheSaveDidNotFind) {
-  write_manifest({"/mnt/b", "/mnt/a"});
-  EXPECT_EQ(verify({"weekly"})->missing, (Texts{"/mnt/a", "/mnt/b"}));
+  write_manifest({"/mnt/main/etc/b", "/mnt/main/etc/a"});
+  EXPECT_EQ(verify({"weekly"})->missing, (Texts{"/mnt/main/etc/a", "/mnt/main/etc/b"}));
   EXPECT_EQ(verdict(), Texts{intact});
 }
 
