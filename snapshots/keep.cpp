@@ -130,7 +130,8 @@ void remove_old_kept(const Snapshot& loading, const std::string& kept_name, cons
     warnings.push_back("old snapshots were not removed: " + sentence(rows.error()));
     return;
   }
-  std::size_t kept = 0;
+  // The one of this restore counts, and stays even if the clock was put back.
+  std::size_t kept = is_dated_name(kPrefix, kept_name) ? 1 : 0;
   for (const Snapshot& row : *rows) {
     const bool counts = is_dated_name(kPrefix, row.config.name) && !row.pinned && row.id != loading.id &&
                         row.config.name != kept_name;

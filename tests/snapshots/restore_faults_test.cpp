@@ -222,8 +222,7 @@ TEST_F(RestoreFaults, FailedRestoresKeepNoMoreThanOthers) {
     write_file(config("user/gateway.conf"), "damaged " + std::to_string(attempt));
     EXPECT_EQ(refused(options).aftermath, Aftermath::untouched);
   }
-  // The newest, and five before it.
-  EXPECT_EQ(stored().size(), 1U + 6U);
+  EXPECT_EQ(stored().size(), 1U + 5U);
   options = {};
   options.check = [this] {
     replace_configuration();
@@ -235,7 +234,7 @@ TEST_F(RestoreFaults, FailedRestoresKeepNoMoreThanOthers) {
     bring_it_back();
     ASSERT_TRUE(cs::recover());
   }
-  EXPECT_EQ(stored().size(), 1U + 6U);
+  EXPECT_EQ(stored().size(), 1U + 5U);
 }
 
 /// In a child, which cannot get the rights back.

@@ -135,7 +135,7 @@ TEST_F(RestoreTest, AnOldKeptSnapshotThatIsLoadedStays) {
     EXPECT_EQ(everything(), saved_);
   }
   EXPECT_EQ(query("select count(*) from Config where name = '" + oldest + "'")[0][0], "1");
-  EXPECT_EQ(query("select count(*) from Config where name like 'before-load-%'")[0][0], "7");
+  EXPECT_EQ(query("select count(*) from Config where name like 'before-load-%'")[0][0], "6");
 }
 
 TEST_F(RestoreTest, WhatVouchesForTheContentOfAFileIsNotCarriedOver) {
