@@ -142,6 +142,8 @@ TEST_F(NotesTest, SeveralLocksTogetherWaitNoLonger) {
 TEST_F(NotesTest, AChangeWaitsForTheOneBefore) {
   EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
   const Database other(notes_file());
+  // Who waits looks again and again, and has the file locked at that moment.
+  other.run("pragma busy_timeout = 5000");
   other.run("begin immediate");
   other.run("update note set pinned = 1");
   // A change that has read by now keeps the other from committing, and loses what it writes.
