@@ -285,10 +285,7 @@ class Restoring {
     deadline_ = Deadline(options_.wait);
     if (Error failure = come_back(); failure.code != Code::ok) {
       limit_kept();
-      if (failure.code != Code::not_pending) {
-        failure.text += is_good ? "; the restore could not be confirmed" : "; the check failed";
-      }
-      return with_aftermath(std::move(failure), Aftermath::mixed);
+      return left_live(std::move(failure), is_good);
     }
     if (!is_good) return undo({Code::check_failed, 0, "", "the check failed"}, Foreign::set_aside);
     error = is_windowed() ? begin_waiting()

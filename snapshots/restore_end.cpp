@@ -76,6 +76,15 @@ Error none_put_back(Error why, const Error& cause, const std::vector<Step>& step
   return why;
 }
 
+Error left_live(Error why, bool is_good) {
+  if (why.code != Code::not_pending) {
+    why.text += is_good ? "; the restore could not be confirmed" : "; the check failed";
+    why.text += ", and the new files are live until a recovery takes them back";
+  }
+  why.aftermath = Aftermath::mixed;
+  return why;
+}
+
 Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings) {
   std::vector<std::string> left;
   Error error = exchange.sweep(left);

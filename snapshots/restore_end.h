@@ -18,6 +18,10 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
 Error none_put_back(Error why, const Error& cause, const std::vector<Step>& steps,
                     const std::vector<Site>& sites);
 
+/// `why` the end of a restore could not be recorded after its check, which has moved no file:
+/// Aftermath::mixed.
+Error left_live(Error why, bool is_good);
+
 /// Deletes the staging directories and the record. What fails is a warning, too, and the record stays, so
 /// that the next recovery tries again.
 Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings);

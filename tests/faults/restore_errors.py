@@ -72,7 +72,7 @@ def require_truth(restoring, call, for_good, output):
         is_of_journal = f"{restoring.gateway.state}/restore.db" in output
         if not changed and (for_good or call in ("fsync", "syncfs") or is_of_journal):
             return "put back, but not for certain"
-        if "the next command takes it back" in output:
+        if "the new files are live until a recovery takes them back" in output:
             require(without_inodes(now) == restoring.after, "the answer names nothing:", output)
             return "mixed"
         require(changed, "the answer is 'mixed', and everything is as before:", output)
