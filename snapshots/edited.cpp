@@ -77,6 +77,8 @@ void leave_saved(Identities& edited, const Record& record, const Snapshot& saved
 std::string keep_edited(Journal& journal, Record& record, std::vector<Site>& sites,
                         const Deadline& deadline, std::vector<std::string>& warnings) {
   Identities edited = find_edited(record, sites);
+  // What goes back goes into the directories of before, which are not in their places yet.
+  for (Site& site : sites) site.beneath.forget();
   if (edited.empty()) return "";
   const Deadline soon(std::min<std::chrono::milliseconds>(deadline.left(), kLongestWait));
   const Result<Saved> saved = save_as_reverted(record, soon);

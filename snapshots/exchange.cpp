@@ -229,6 +229,7 @@ Error Exchange::put_back(const Step& step, const Slot& slot, const std::string& 
   if (!parent) {
     Error error = parent.error();
     if (error.number == ENOENT) error.text += "; make this directory, then run 'confsave recover'";
+    if (error.number == ENOTDIR) error.text += "; put a directory here, then run 'confsave recover'";
     return error;
   }
   const std::string name = name_of(step.path);

@@ -13,7 +13,7 @@ namespace {
 /// What was there before stays there: it may be somebody's work.
 void warn_of(const std::vector<std::string>& left, std::vector<std::string>& warnings) {
   const char* const text =
-      ": this file is not as the restore has left it; it stays, delete it when it is not needed";
+      ": this is not as the restore has left it; it is kept here: take what is needed, and delete the rest";
   for (const std::string& path : left) warnings.push_back(path + text);
 }
 

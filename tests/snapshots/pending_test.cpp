@@ -343,6 +343,19 @@ TEST_F(PendingTest, ADirectoryThatIsMadeAnewStaysWithItsFiles) {
   EXPECT_EQ(everything(true), before_);
 }
 
+TEST_F(PendingTest, ADirectoryInThePlaceOfAnOldOneGivesWay) {
+  shell("mkdir " + config("gw5") + " && touch " + config("gw5/old"));
+  change();
+  make_pending();
+  shell("mkdir " + config("gw5") + " && touch " + config("gw5/old") + " " + config("gw5/new"));
+  const cs::Recovery recovery = reverted();
+  EXPECT_EQ(everything(true), before_);
+  ASSERT_EQ(recovery.warnings.size(), 1U);
+  const std::string path = recovery.warnings[0].substr(0, recovery.warnings[0].find(": "));
+  EXPECT_TRUE(exists(path + "/new")) << recovery.warnings[0];
+  std::filesystem::remove_all(std::filesystem::path(path).parent_path());
+}
+
 TEST_F(PendingTest, WhatCannotBeKeptIsSetAside) {
   make_pending();
   write_file(config("gw1.conf"), "edited");
