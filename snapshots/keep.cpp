@@ -1,8 +1,5 @@
 #include "snapshots/keep.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <ctime>
 #include <iterator>
@@ -10,6 +7,7 @@
 #include <optional>
 #include <set>
 
+#include "snapshots/access.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/dated_name.h"
@@ -90,7 +88,7 @@ std::string free_name(const Snapshots& rows) {
 
 void warn_of_files_left_out(const Saved& saved, std::vector<std::string>& warnings) {
   for (const std::string& path : saved.missing) {
-    if (faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (!exists(path)) continue;
     warnings.push_back(printable(path) + ": the file is not in '" + saved.snapshot.config.name + "'");
   }
 }

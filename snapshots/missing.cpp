@@ -1,8 +1,6 @@
 #include "snapshots/missing.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
+#include "snapshots/access.h"
 #include "snapshots/member_collector.h"
 
 namespace ConfSave::snapshots {
@@ -20,9 +18,7 @@ std::set<std::string> absent_fixed_paths(conftype type, const std::set<std::stri
 std::set<std::string> database_remains(const std::set<std::string>& present) {
   std::set<std::string> remains;
   for (const std::string& path : packed_database_files(directory_of(Base::configuration))) {
-    if (present.count(path) == 0 && faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
-      remains.insert(path);
-    }
+    if (present.count(path) == 0 && exists(path)) remains.insert(path);
   }
   return remains;
 }

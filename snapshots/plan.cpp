@@ -215,7 +215,8 @@ class Planning {
     Member comparable = wanted;
     comparable.uid = live.uid;
     comparable.gid = live.gid;
-    const bool is_limited = wanted.kind == Kind::file && live.mode == mode_for(wanted, live.uid, live.gid);
+    const std::uint32_t group = may_give_to(wanted.gid) ? wanted.gid : live.gid;
+    const bool is_limited = wanted.kind == Kind::file && live.mode == mode_for(wanted, live.uid, group);
     if (is_limited) comparable.mode = live.mode;
     return difference_between(live, comparable);
   }

@@ -47,15 +47,16 @@ Error check_mount(const Beneath& beneath, int directory, const std::string& name
   return {Code::unsafe, EXDEV, beneath.shown(path), "another file system is mounted here"};
 }
 
-/// Only what is renamed needs a name that nothing is mounted on.
-Error check_parent(Beneath& beneath, const std::string& path, bool is_renamed) {
+/// Nothing can be renamed over a mount, and the attributes of one cannot be taken back while it is not
+/// mounted.
+Error check_parent(Beneath& beneath, const std::string& path) {
   const std::string parent = parent_of(path);
   const Result<int> directory = beneath.directory(parent);
   // The restore makes it.
   if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR)) return {};
   if (!directory) return directory.error();
   Error error = check_mount(beneath, *directory, "", parent);
-  if (error.code == Code::ok && is_renamed) error = check_mount(beneath, *directory, name_of(path), path);
+  if (error.code == Code::ok) error = check_mount(beneath, *directory, name_of(path), path);
   if (error.code != Code::ok) return error;
   const bool is_open = may_access(".", W_OK | X_OK, *directory);
   return is_open ? Error{} : beneath.failure(parent, errno);
@@ -96,8 +97,7 @@ Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
   std::map<dev_t, std::uint64_t> needed;
   for (const PlannedStep& planned : plan.steps) {
     Beneath& beneath = sites[planned.step.root].beneath;
-    const bool is_renamed = planned.step.what != Step::What::attributes;
-    Error error = check_parent(beneath, planned.step.path, is_renamed);
+    Error error = check_parent(beneath, planned.step.path);
     if (error.code != Code::ok) return error;
     if (planned.step.what != Step::What::put) continue;
     const auto size = static_cast<std::uint64_t>(planned.wanted->member.size);

@@ -79,7 +79,19 @@ class Staging {
     // What it inherits from its parent would be inherited in it.
     const bool is_private =
         remove_access_lists(site.staging.get()) && fchmod(site.staging.get(), S_IRWXU) == 0;
-    return is_private ? Error{} : site.beneath.failure(site.name, errno);
+    return is_private ? check_inodes(site, status.st_dev) : site.beneath.failure(site.name, errno);
+  }
+
+  /// By a file that a sweep takes for a staged one.
+  static Error check_inodes(const Site& site, dev_t device) {
+    const char* const name = "0";
+    const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    const Descriptor file(openat(site.staging.get(), name, flags, S_IRUSR | S_IWUSR));
+    struct stat status = {};
+    if (!file || fstat(file.get(), &status) != 0 || unlinkat(site.staging.get(), name, 0) != 0) {
+      return site.beneath.failure(site.name, errno);
+    }
+    return status.st_dev == device ? Error{} : no_lasting_inode(site.beneath.shown(""));
   }
 
   void find_sources() {
@@ -210,8 +222,6 @@ class Staging {
     if (owned != 0 && is_root) return failure(step);
     struct stat status = {};
     if (fstat(file.get(), &status) != 0) return failure(step);
-    const Beneath& beneath = site_of(planned.step).beneath;
-    if (status.st_dev != beneath.status().st_dev) return no_lasting_inode(beneath.shown(step.path));
     if (Error error = carry_over(planned, file.get()); error.code != Code::ok) return error;
     const timespec times[] = {seconds(member.time), seconds(member.time)};
     const bool done = fchmod(file.get(), mode_for(member, status.st_uid, status.st_gid)) == 0 &&

@@ -1,12 +1,14 @@
 #include "snapshots/wanted.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
 #include <unordered_map>
+#include <vector>
 
 #include "places.h"
 #include "snapshots/member_collector.h"
@@ -107,6 +109,14 @@ mode_t mode_for(const Member& member, std::uint32_t owner, std::uint32_t group) 
   if (group != member.gid || owner != member.uid) mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);
   if (group != member.gid) mode &= ~static_cast<mode_t>(S_IRWXG) | (member.mode & S_IRWXO) << 3U;
   return mode;
+}
+
+bool may_give_to(std::uint32_t group) {
+  if (geteuid() == 0 || group == getegid()) return true;
+  std::vector<gid_t> groups(static_cast<std::size_t>(std::max(0, getgroups(0, nullptr))));
+  const int count = getgroups(static_cast<int>(groups.size()), groups.data());
+  groups.resize(static_cast<std::size_t>(std::max(0, count)));
+  return std::find(groups.begin(), groups.end(), group) != groups.end();
 }
 
 Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinations& destinations,

@@ -39,6 +39,9 @@ Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinatio
 /// one, and another group must not read what others must not.
 mode_t mode_for(const Member& member, std::uint32_t owner, std::uint32_t group);
 
+/// Whether this process may give a file of its user to the group.
+bool may_give_to(std::uint32_t group);
+
 /// The file of the running packet filter, wherever it is, is never restored, and never removed.
 bool is_of_packet_filter(const std::string& path);
 

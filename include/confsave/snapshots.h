@@ -137,7 +137,8 @@ CONFSAVE_API Result<Plan> plan(const Id& id, const RestoreOptions& options = {})
 /// `exact`; of the configuration database none stays that the snapshot does not have. Symbolic links are
 /// not followed. A file that changes meanwhile is Code::changed_meanwhile, and nothing is changed.
 /// Extended attributes and access control lists of a replaced file are carried over. Without the rights of
-/// root, owners are neither compared nor set.
+/// root, owners are not compared, and a file that is written belongs to this process, and to its recorded
+/// group if the process may give it to that.
 ///
 /// The snapshot of the present configuration is named "before-load-YYYY-MM-DD-HH-MM-SS"; the newest five
 /// of that name stay, and pinned ones. Without `keep` none is stored, and none removed.

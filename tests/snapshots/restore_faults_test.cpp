@@ -2,15 +2,20 @@
 
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 
 #include "snapshots/restoring.h"
 
@@ -188,15 +193,32 @@ TEST_F(RestoreFaults, AnOverlayIsRestoredIfItsInodesAreKnownApart) {
   EXPECT_EQ(umount(layer.c_str()), 0);
 }
 
-TEST_F(RestoreFaults, TheModeOfAMountedDirectoryIsRestored) {
+TEST_F(RestoreFaults, TheModeOfADirectoryIsNotSetWhereItCouldNotBeTakenBack) {
+  const std::string layer = root() + "/layer";
+  const std::string layers =
+      "lowerdir=" + config_dir() + ",upperdir=" + layer + "/up,workdir=" + layer + "/work,xino=off";
+  ASSERT_EQ(mkdir(layer.c_str(), 0700), 0);
+  ASSERT_EQ(mount("tmpfs", layer.c_str(), "tmpfs", 0, nullptr), 0);
+  ASSERT_EQ(shell("cd " + layer + " && mkdir up work"), 0);
   shell("rm " + config("station") + " && mkdir -m 750 " + config("station"));
   saved("weekly", overwrite());
-  ASSERT_EQ(mount("tmpfs", config("station").c_str(), "tmpfs", 0, "mode=700"), 0);
-  struct stat status = {};
-  EXPECT_EQ(refused(without_keeping()).code, Code::ok);
-  EXPECT_EQ(stat(config("station").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777U, 0750U);
-  EXPECT_EQ(umount(config("station").c_str()), 0);
+  const struct {
+    std::string type, directory, data, text;
+  } cases[] = {{"tmpfs", config("station"), "mode=700", "another file system is mounted here"},
+               {"overlay", config_dir(), layers, "inode numbers of their own"}};
+  for (const auto& c : cases) {
+    ASSERT_EQ(mount(c.type.c_str(), c.directory.c_str(), c.type.c_str(), 0, c.data.c_str()), 0);
+    shell("chmod 700 " + config("station"));
+    const cs::Error error = refused(without_keeping());
+    EXPECT_NE(error.text.find(c.text), std::string::npos) << shown(error);
+    EXPECT_EQ(error.aftermath, Aftermath::untouched);
+    struct stat status = {};
+    EXPECT_EQ(stat(config("station").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0700U);
+    EXPECT_EQ(staging_directories(), Texts());
+    EXPECT_EQ(umount(c.directory.c_str()), 0);
+  }
+  EXPECT_EQ(umount(layer.c_str()), 0);
 }
 
 TEST_F(RestoreFaults, ASocketInThePlaceOfAFileIsNamed) {
@@ -237,6 +259,32 @@ TEST_F(RestoreFaults, FailedRestoresKeepNoMoreThanOthers) {
   EXPECT_EQ(stored().size(), 1U + 5U);
 }
 
+/// As old container runtimes do.
+bool refuse_the_newer_call_for_access() {
+  sock_filter code[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_faccessat2, 0, 1),
+                        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+                        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  const sock_fprog filter = {sizeof code / sizeof *code, code};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+TEST_F(RestoreFaults, ARuntimeThatRefusesTheNewerCallForAccess) {
+  damage();
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool is_restored =
+        refuse_the_newer_call_for_access() && refused(without_keeping()).code == Code::ok;
+    shell("rm " + config("user/config.idx"));
+    const auto later = cs::save({"later"});
+    _exit(is_restored && later && later->missing.size() == 2 ? 0 : 1);
+  }
+  int status = 1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
 /// In a child, which cannot get the rights back.
 TEST_F(RestoreFaults, WithoutTheRightsOfRootNoOtherGroupGetsToRead) {
   constexpr uid_t kNobody = 65534;
@@ -261,7 +309,11 @@ TEST_F(RestoreFaults, WithoutTheRightsOfRootNoOtherGroupGetsToRead) {
       const bool is_user = setgroups(1, &kGames) == 0 && setgid(kUsers) == 0 && setuid(kNobody) == 0;
       const bool is_restored = is_user && refused(without_keeping()).code == Code::ok;
       const auto again = cs::restore({"weekly"}, without_keeping());
-      _exit(is_restored && again && again->outcome == cs::Restored::Outcome::unchanged ? 0 : 1);
+      const bool is_settled = again && again->outcome == cs::Restored::Outcome::unchanged;
+      // What the restore gave it comes back.
+      const bool is_changed = chmod(file.c_str(), 0600) == 0 && chown(file.c_str(), kNobody, kUsers) == 0;
+      const bool is_back = is_changed && refused(without_keeping()).code == Code::ok;
+      _exit(is_restored && is_settled && is_back ? 0 : 1);
     }
     int status = 1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
