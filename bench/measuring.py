@@ -31,7 +31,7 @@ class Effort:
 
 
 FULL = Effort(most=21, least=5, seconds=6, sizes=SIZES)
-QUICK = Effort(most=5, least=2, seconds=0.5, sizes={name: SIZES[name] for name in ("200 KiB", "5 MiB")})
+QUICK = Effort(most=3, least=2, seconds=0.5, sizes={name: SIZES[name] for name in ("200 KiB", "5 MiB")})
 
 
 def packed_files(build):
