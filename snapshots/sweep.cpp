@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "snapshots/archive_path.h"
 #include "snapshots/exchange.h"
 
 namespace ConfSave::snapshots {
@@ -32,7 +33,7 @@ void Exchange::empty_staged(std::size_t number, const std::string& name) {
   const std::string above = step.path + "/";
   for (std::size_t inner = steps_.size(); --inner > number;) {
     const Step& below = steps_[inner];
-    const bool is_inside = below.root == step.root && below.path.rfind(above, 0) == 0;
+    const bool is_inside = below.root == step.root && begins_with(below.path, above);
     if (below.what != Step::What::put || !is_inside) continue;
     const std::string path = name + "/" + below.path.substr(above.size());
     const Result<std::optional<struct stat>> found = staging->look(path);

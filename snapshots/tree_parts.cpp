@@ -5,8 +5,8 @@
 
 #include <algorithm>
 
-#include "snapshots/member_collector.h"
 #include "snapshots/access.h"
+#include "snapshots/member_collector.h"
 #include "snapshots/tree.h"
 
 namespace ConfSave::snapshots {

@@ -262,7 +262,12 @@ TEST_F(PendingTest, ADirectoryThatIsGoneIsNamed) {
   EXPECT_EQ(without_root(result.error().path), "<config>/user");
   EXPECT_NE(result.error().text.find("make this directory, then run 'confsave recover'"), std::string::npos)
       << result.error().text;
-  shell("mv " + root() + "/away " + config("user"));
+  shell("ln -s " + root() + "/away " + config("user"));
+  const auto again = cs::recover();
+  ASSERT_FALSE(again);
+  EXPECT_NE(again.error().text.find("put a directory here, then run 'confsave recover'"), std::string::npos)
+      << again.error().text;
+  shell("rm " + config("user") + " && mv " + root() + "/away " + config("user"));
   EXPECT_TRUE(cs::recover());
   expect_as_before();
 }
