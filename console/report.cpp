@@ -1,6 +1,7 @@
 #include "report.h"
 
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <iostream>
@@ -28,6 +29,12 @@ std::string step_for_unsafe(const cs::Error& error) {
   if (is_relative_directory(error)) return "Set an absolute one: see ENVIRONMENT in confsave(1)";
   return is_absolute(error.path) ? "Put a plain file or directory there, or use another path"
                                  : "'confsave verify --all' says which snapshots are whole";
+}
+
+std::string step_for_denied(const cs::Error& error) {
+  if (error.number == EROFS) return "Make the file system writable, or use another directory";
+  return error.number == EPERM && geteuid() == 0 ? "lsattr(1) shows whether the file is immutable"
+                                                 : "Run confsave as the owner of the file";
 }
 
 std::string step_for_storage(const cs::Error& error) {
@@ -76,8 +83,7 @@ std::string next_step(const cs::Error& error, bool waits) {
     case Code::changed_meanwhile:
       return "Try again when no program changes it";
     case Code::denied:
-      return error.number == EROFS ? "Make the file system writable, or use another directory"
-                                   : "Run confsave as the owner of the file";
+      return step_for_denied(error);
     case Code::no_space:
       return "Free some space and try again";
     case Code::no_storage:

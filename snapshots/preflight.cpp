@@ -25,9 +25,20 @@ std::string new_name() {
   return name;
 }
 
+/// Neither root nor the owner can rename such a file, or one in such a directory.
+Error check_attributes(const struct statx& file, const std::string& path) {
+  if ((file.stx_attributes & STATX_ATTR_IMMUTABLE) != 0) {
+    return {Code::failed, 0, path, "this is immutable; 'chattr -i' makes it changeable"};
+  }
+  if ((file.stx_attributes & STATX_ATTR_APPEND) != 0) {
+    return {Code::failed, 0, path, "this can only be appended to; 'chattr -a' makes it changeable"};
+  }
+  return {};
+}
+
 /// A mount of the same file system has the same device, and stands in the way of a rename all the same. An
 /// empty `name` is the directory itself.
-Error check_mount(const Beneath& beneath, int directory, const std::string& name, const std::string& path) {
+Error check_place(const Beneath& beneath, int directory, const std::string& name, const std::string& path) {
   struct statx here = {};
   struct statx root = {};
   const unsigned wanted = STATX_BASIC_STATS | STATX_MNT_ID;
@@ -42,7 +53,7 @@ Error check_mount(const Beneath& beneath, int directory, const std::string& name
   const bool same_device =
       here.stx_dev_major == root.stx_dev_major && here.stx_dev_minor == root.stx_dev_minor;
   const bool same_mount = !is_known || here.stx_mnt_id == root.stx_mnt_id;
-  if (same_mount && same_device) return {};
+  if (same_mount && same_device) return check_attributes(here, beneath.shown(path));
   if (is_known && same_mount && !S_ISDIR(here.stx_mode)) return no_lasting_inode(beneath.shown(path));
   return {Code::unsafe, EXDEV, beneath.shown(path), "another file system is mounted here"};
 }
@@ -55,8 +66,8 @@ Error check_parent(Beneath& beneath, const std::string& path) {
   // The restore makes it.
   if (!directory && (directory.error().number == ENOENT || directory.error().number == ENOTDIR)) return {};
   if (!directory) return directory.error();
-  Error error = check_mount(beneath, *directory, "", parent);
-  if (error.code == Code::ok) error = check_mount(beneath, *directory, name_of(path), path);
+  Error error = check_place(beneath, *directory, "", parent);
+  if (error.code == Code::ok) error = check_place(beneath, *directory, name_of(path), path);
   if (error.code != Code::ok) return error;
   const bool is_open = may_access(".", W_OK | X_OK, *directory);
   return is_open ? Error{} : beneath.failure(parent, errno);

@@ -221,6 +221,33 @@ TEST_F(RestoreFaults, TheModeOfADirectoryIsNotSetWhereItCouldNotBeTakenBack) {
   EXPECT_EQ(umount(layer.c_str()), 0);
 }
 
+TEST_F(RestoreFaults, AFileThatMayNotBeRenamedIsNamed) {
+  saved("weekly", overwrite());
+  const struct {
+    std::string damage, attribute, path, text;
+  } cases[] = {
+      {"echo x >>", "i", config("user/gateway.conf"), "this is immutable; 'chattr -i' makes it changeable"},
+      {"chmod 600", "i", config("user/gateway.conf"), "this is immutable; 'chattr -i' makes it changeable"},
+      {"rm", "i", config("user"), "this is immutable; 'chattr -i' makes it changeable"},
+      {"echo x >>", "a", config("user/gateway.conf"),
+       "this can only be appended to; 'chattr -a' makes it changeable"},
+      {"echo x >>", "a", config_dir(), "this can only be appended to; 'chattr -a' makes it changeable"},
+  };
+  for (const auto& c : cases) {
+    const bool is_root = c.path == config_dir();
+    shell(c.damage + " " + config(is_root ? "gw1.conf" : "user/gateway.conf"));
+    ASSERT_EQ(shell("chattr +" + c.attribute + " " + c.path), 0)
+        << "does this file system have attributes?";
+    const cs::Error error = refused(without_keeping());
+    ASSERT_EQ(shell("chattr -" + c.attribute + " " + c.path), 0);
+    EXPECT_EQ(error.path, c.path);
+    EXPECT_EQ(error.text, c.text);
+    EXPECT_EQ(error.aftermath, Aftermath::untouched);
+    EXPECT_EQ(staging_directories(), Texts());
+    EXPECT_TRUE(cs::restore({"weekly"}, without_keeping()));
+  }
+}
+
 TEST_F(RestoreFaults, ASocketInThePlaceOfAFileIsNamed) {
   shell("rm " + config("gw1.conf"));
   const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
