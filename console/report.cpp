@@ -33,8 +33,9 @@ std::string step_for_unsafe(const cs::Error& error) {
 
 std::string step_for_denied(const cs::Error& error) {
   if (error.number == EROFS) return "Make the file system writable, or use another directory";
-  return error.number == EPERM && geteuid() == 0 ? "lsattr(1) shows whether the file is immutable"
-                                                 : "Run confsave as the owner of the file";
+  const bool is_forbidden = error.number == EPERM || (error.number & 0xff) == SQLITE_READONLY;
+  return is_forbidden && geteuid() == 0 ? "lsattr(1) shows whether the file is immutable"
+                                        : "Run confsave as the owner of the file";
 }
 
 std::string step_for_storage(const cs::Error& error) {
@@ -233,6 +234,7 @@ int report_restore(const cs::Error& error) {
     const bool untouched = error.aftermath == cs::Aftermath::untouched;
     std::cerr << (untouched ? " Nothing was changed. " : " Everything was put back. ") << step << '.';
   }
+  if (mixed && is_recorded && error.code == cs::Code::denied) std::cerr << ' ' << step << '.';
   std::cerr << '\n';
   return exit_status(error.code);
 }
