@@ -42,7 +42,7 @@ class Month:
 
 
 def measure(bench, peers, quick):
-    nights = 4 if quick else 30
+    nights = 3 if quick else 30
     month = Month(bench, peers, nights)
     rows = {"a line changes every third night": month.sizes(lambda night: night % 3 == 0),
             "a line changes every night": month.sizes(lambda night: True)}
