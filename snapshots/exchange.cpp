@@ -34,7 +34,12 @@ std::optional<bool> is_empty(int parent, const std::string& name) {
 /// Whether the file system, or the kernel, does not have the flag of the last renameat2.
 bool lacks_flag() { return errno == EINVAL || errno == ENOSYS || errno == ENOTSUP; }
 
-/// Renames unless `to` exists. -1 with errno.
+int exchange(int a, const std::string& a_name, int b, const std::string& b_name) {
+  return renameat2(a, a_name.c_str(), b, b_name.c_str(), RENAME_EXCHANGE);
+}
+
+}  // namespace
+
 int move(int from, const std::string& old_name, int to, const std::string& new_name) {
   if (renameat2(from, old_name.c_str(), to, new_name.c_str(), RENAME_NOREPLACE) == 0) return 0;
   if (!lacks_flag()) return -1;
@@ -45,12 +50,6 @@ int move(int from, const std::string& old_name, int to, const std::string& new_n
   }
   return renameat(from, old_name.c_str(), to, new_name.c_str());
 }
-
-int exchange(int a, const std::string& a_name, int b, const std::string& b_name) {
-  return renameat2(a, a_name.c_str(), b, b_name.c_str(), RENAME_EXCHANGE);
-}
-
-}  // namespace
 
 Identity look(int directory, const std::string& name) {
   struct stat status = {};
@@ -174,6 +173,7 @@ Error Exchange::undo_creation(const Step& step, const Slot& slot, const Identity
   if (!parent) return parent.error();
   const bool is_empty_or_file = !S_ISDIR(live.kind) || is_empty(*parent, name_of(step.path)).value_or(true);
   if (!is_empty_or_file) return keep_directory(step, live);
+  if (Error error = set_logs_aside(step, slot); error.code != Code::ok) return error;
   const bool done = move(*parent, name_of(step.path), slot.staging, slot.name) == 0;
   return done ? Error{} : beneath.failure(step.path, errno);
 }
@@ -232,6 +232,7 @@ Error Exchange::put_back(const Step& step, const Slot& slot, const std::string& 
     if (error.number == ENOTDIR) error.text += "; put a directory here, then run 'confsave recover'";
     return error;
   }
+  if (Error error = set_logs_aside(step, slot); error.code != Code::ok) return error;
   const std::string name = name_of(step.path);
   if (!is_occupied) {
     return move(slot.staging, from, *parent, name) == 0 ? Error{} : beneath.failure(step.path, errno);

@@ -11,6 +11,9 @@ namespace ConfSave::snapshots {
 /// Which file `name` is; nothing with errno if it does not exist, or cannot be looked at.
 Identity look(int directory, const std::string& name);
 
+/// Renames unless `to` exists. -1 with errno.
+int move(int from, const std::string& old_name, int to, const std::string& new_name);
+
 /// Whether mode and owner are these.
 bool has_attributes(const struct stat& status, const Attributes& attributes);
 
@@ -75,6 +78,8 @@ class Exchange {
   Error undo_creation(const Step& step, const Slot& slot, const Identity& live, Foreign foreign);
   Error keep_directory(const Step& step, const Identity& live);
   Error put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied);
+  Error set_logs_aside(const Step& step, const Slot& slot);
+  bool is_of_before(std::size_t root, const std::string& path, const Identity& live) const;
   Error compare_with_before(const Slot& slot, const std::string& name, const Step& step) const;
   Error changed(const Step& step) const;
   Error foreign_file(const Step& step, const std::string& slot) const;

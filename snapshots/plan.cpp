@@ -10,6 +10,7 @@
 
 #include "snapshots/archive_path.h"
 #include "snapshots/beneath.h"
+#include "snapshots/database_logs.h"
 #include "snapshots/differences.h"
 #include "snapshots/member_collector.h"
 #include "snapshots/notes.h"
@@ -102,6 +103,9 @@ class Planning {
         const bool belongs = belongs_to(entry, row_.snapshot.config.type) || entry.holds == Holds::database;
         if (entry.base == column.base && belongs) part.paths.push_back(entry.path);
       }
+      if (column.base == Base::configuration) {
+        for (std::string& log : database_logs()) part.paths.push_back(std::move(log));
+      }
       contents_[column.base] = part.paths;
       for (const auto& [path, wanted] : plan_.wanted) {
         if (wanted.base != column.base || is_of_contents(path, column.base)) continue;
@@ -188,12 +192,20 @@ class Planning {
 
   /// None of its files stays that the snapshot does not have: they belong together.
   Error remove_database() {
-    for (const std::string& file : database_files(destinations_.configuration)) {
+    std::vector<std::string> files = packed_database_files("");
+    for (std::string& log : database_logs()) files.push_back(std::move(log));
+    for (const std::string& name : files) {
+      const std::string file = destinations_.configuration + name;
       const auto live = plan_.live.find(file);
       if (live == plan_.live.end() || plan_.wanted.count(file) != 0) continue;
       if (live->second.member.kind == Kind::directory) {
         return {Code::unsafe, EISDIR, printable(file),
                 "a directory is in the place of a file of the configuration database"};
+      }
+      if (holds_changes(live->second.member)) {
+        return {Code::failed, 0, printable(file),
+                "the database has changes in this file that no snapshot holds; end the programs that use "
+                "it, which writes them into the database, or move this file away"};
       }
       remove(file, live->second);
     }

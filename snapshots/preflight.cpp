@@ -1,7 +1,5 @@
 #include "snapshots/preflight.h"
 
-#include "snapshots/access.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -11,11 +9,19 @@
 #include <cerrno>
 #include <map>
 #include <random>
+#include <set>
+
+#include "snapshots/access.h"
+#include "snapshots/database_logs.h"
 
 namespace ConfSave::snapshots {
 namespace {
 
 constexpr std::uint64_t kBlock = 4096;
+
+Error changed_meanwhile(const std::string& path) {
+  return {Code::changed_meanwhile, 0, path, "the file changed while the restore was prepared"};
+}
 
 std::string new_name() {
   constexpr int kDigits = 16;
@@ -84,6 +90,22 @@ Error check_room(const Beneath& beneath, std::uint64_t needed) {
       "the new files need " + std::to_string(needed) + " bytes, and " + std::to_string(free) + " are free"};
 }
 
+/// A log that has come since belongs to a transaction on the database that goes.
+Error check_logs(const DetailedPlan& plan, std::vector<Site>& sites) {
+  std::set<std::string> planned;
+  for (const PlannedStep& step : plan.steps) planned.insert(step.step.path);
+  for (const PlannedStep& step : plan.steps) {
+    if (!is_database_file(step.step.path)) continue;
+    Beneath& beneath = sites[step.step.root].beneath;
+    for (const std::string& log : database_logs()) {
+      const Result<std::optional<struct stat>> found = beneath.look(log);
+      if (!found) return found.error();
+      if (*found && planned.count(log) == 0) return changed_meanwhile(beneath.shown(log));
+    }
+  }
+  return {};
+}
+
 }  // namespace
 
 Result<Record> begin_record(DetailedPlan& plan) {
@@ -122,6 +144,7 @@ Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
 }
 
 Error check_live_files(const DetailedPlan& plan, std::vector<Site>& sites) {
+  if (Error error = check_logs(plan, sites); error.code != Code::ok) return error;
   for (const PlannedStep& planned : plan.steps) {
     Site& site = sites[planned.step.root];
     const Result<std::optional<struct stat>> now = site.beneath.look(planned.step.path);
@@ -132,8 +155,7 @@ Error check_live_files(const DetailedPlan& plan, std::vector<Site>& sites) {
       return {Code::unsafe, 0, site.beneath.shown(planned.step.path),
               "a socket is in the place of a file of the snapshot; delete it first"};
     }
-    return {Code::changed_meanwhile, 0, site.beneath.shown(planned.step.path),
-            "the file changed while the restore was prepared"};
+    return changed_meanwhile(site.beneath.shown(planned.step.path));
   }
   return {};
 }

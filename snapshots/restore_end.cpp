@@ -6,6 +6,7 @@
 
 #include "places.h"
 #include "snapshots/archive_path.h"
+#include "snapshots/database_logs.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -21,6 +22,16 @@ bool is_below(const std::string& path, const std::string& directory) {
   return begins_with(path, directory + "/");
 }
 
+/// Whether `step` cannot be undone as long as `other` is not. A directory that moved away would take along
+/// what it still has; a file would move into a directory of somebody else, and a log beside another
+/// database.
+bool depends(const Step& step, const Step& other) {
+  if (other.root != step.root) return false;
+  if (is_below(other.path, step.path) || is_below(step.path, other.path)) return true;
+  const std::vector<std::string> logs = database_logs();
+  return is_database_file(other.path) && std::find(logs.begin(), logs.end(), step.path) != logs.end();
+}
+
 }  // namespace
 
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
@@ -31,12 +42,8 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
   std::vector<const Step*> failed;
   for (std::size_t number = record.steps.size(); number-- > 0;) {
     const Step& step = record.steps[number];
-    // A directory that moved away would take along what it still has, and a file would move into a
-    // directory of somebody else.
-    const bool waits = std::any_of(failed.begin(), failed.end(), [&step](const Step* other) {
-      return other->root == step.root &&
-             (is_below(other->path, step.path) || is_below(step.path, other->path));
-    });
+    const bool waits = std::any_of(failed.begin(), failed.end(),
+                                   [&step](const Step* other) { return depends(step, *other); });
     Error error =
         waits ? sites[step.root].beneath.failure(step.path, ENOTEMPTY) : exchange.undo(number, foreign);
     if (error.code == Code::ok) continue;

@@ -10,6 +10,7 @@
 #include "snapshots/author.h"
 #include "snapshots/boundary.h"
 #include "snapshots/compare.h"
+#include "snapshots/database_logs.h"
 #include "snapshots/listing.h"
 #include "snapshots/lock.h"
 #include "snapshots/missing.h"
@@ -34,6 +35,7 @@ class Saving {
   Result<Saved> run() {
     const Result<bool> is_unchanged = look_around();
     if (!is_unchanged) return is_unchanged.error();
+    if (*is_unchanged) warn_of_logs();
     if (*is_unchanged) return saved_;
     if (Error error = check_overwriting(); error.code != Code::ok) return error;
     author_ = author();
@@ -44,6 +46,7 @@ class Saving {
       return Error{Code::incomplete, 0, "", "no file of the contents exists"};
     }
     find_missing(*proven);
+    warn_of_logs();
     phases_.end("missing");
     if (Error error = store(*proven); error.code != Code::ok) return error;
     phases_.end("store");
@@ -170,6 +173,13 @@ class Saving {
       }
     }
     saved_.missing.assign(missing.begin(), missing.end());
+  }
+
+  void warn_of_logs() {
+    for (const std::string& log : logs_with_changes()) {
+      saved_.warnings.push_back(printable(log) +
+                                ": the database has changes in this file that the snapshot does not hold");
+    }
   }
 
   Error store(Proven& proven) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "snapshots/archive_path.h"
+#include "snapshots/database_logs.h"
 #include "snapshots/exchange.h"
 
 namespace ConfSave::snapshots {
@@ -58,6 +59,12 @@ Error Exchange::sweep_slot(std::size_t number, std::vector<std::string>& left) {
     if (is_known && unlinkat(slot.staging, name.c_str(), flags) == 0) continue;
     if (is_known && !is_occupied(errno)) return sites_[step.root].beneath.failure(path, errno);
     left.push_back(sites_[step.root].beneath.shown(path));
+  }
+  if (!is_database_file(step.path)) return {};
+  for (const std::string& log : database_logs()) {
+    const std::string name = log_slot(slot.name, log);
+    if (look(slot.staging, name).exists())
+      left.push_back(sites_[step.root].beneath.shown(sites_[step.root].name + "/" + name));
   }
   return {};
 }

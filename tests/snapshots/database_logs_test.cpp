@@ -1,0 +1,154 @@
+#include "snapshots/pending.h"
+
+namespace {
+
+using namespace test;
+using cs::Code;
+
+/// A configuration database whose logs come and go, as those of a gateway do that is at work.
+class DatabaseLogs : public PendingTest {
+ protected:
+  DatabaseLogs() {
+    shell("rm -f " + config("user/config.*"));
+    write_file(config("user/config.idx"), "index\n");
+    fill("saved", 300);
+    saved("weekly", overwrite());
+    fill("live", 900);
+    saved_ = everything();
+    before_ = everything(true);
+  }
+
+  std::string file(const std::string& end = "") const { return config("user/config.db" + end); }
+
+  void fill(const std::string& text, int rows) const {
+    shell("rm -f " + file() + "*");
+    const Database database(file());
+    database.run("create table t (k integer primary key, v)");
+    database.run("with recursive n (i) as (select 1 union all select i + 1 from n where i < " +
+                 std::to_string(rows) + ") insert into t (v) select '" + text +
+                 "' || hex(zeroblob(40)) from n");
+  }
+
+  /// Its process dies in a transaction, of which the file has a part.
+  void die_in_a_transaction(const std::string& mode) const {
+    shell("sqlite3 " + file() + " 'pragma journal_mode=" + mode +
+          "; pragma cache_size=1; begin; update t set v = \"dead\" || v;' '.shell kill -KILL $PPID' "
+          ">/dev/null 2>&1");
+  }
+
+  /// How many rows there are of what was filled in.
+  std::string rows() const {
+    const Database database(file());
+    return database.value("pragma integrity_check") + ": " +
+           database.value(
+               "select group_concat(name) from (select substr(v, 1, 4) || ' ' || count(*) as name "
+               "from t group by substr(v, 1, 4))");
+  }
+
+  cs::Restored load(const cs::RestoreOptions& options) const {
+    const auto result = cs::restore({"weekly"}, options);
+    EXPECT_TRUE(result) << shown(result ? cs::Error{} : result.error());
+    return result ? *result : cs::Restored{};
+  }
+
+  /// Takes away what an undo has set aside. The ends of the names.
+  Texts set_aside() const {
+    Texts found;
+    for (const std::string& directory : staging_directories()) {
+      for (const std::string& name : names_in(config(directory)))
+        found.push_back(name.substr(name.find('.')));
+    }
+    shell("rm -r " + config(".confsave-restore-*"));
+    return found;
+  }
+};
+
+TEST_F(DatabaseLogs, ThoseOfADatabaseThatGoesDoNotChangeTheOneThatComesBack) {
+  const struct {
+    std::string mode;
+    Texts logs;
+  } cases[] = {{"delete", {".config.db-journal"}}, {"wal", {".config.db-shm", ".config.db-wal"}}};
+  for (const auto& c : cases) {
+    load(windowed());
+    die_in_a_transaction(c.mode);
+    ASSERT_TRUE(exists(file(c.logs.back().substr(10)))) << c.mode;
+    const cs::Recovery recovery = reverted();
+    EXPECT_EQ(everything(true), before_) << c.mode;
+    EXPECT_EQ(rows(), "ok: live 900") << c.mode;
+    ASSERT_EQ(recovery.warnings.size(), c.logs.size()) << c.mode;
+    EXPECT_NE(recovery.warnings[0].find(c.logs[0] + ": this is not as the restore has left it"),
+              std::string::npos)
+        << recovery.warnings[0];
+    EXPECT_EQ(set_aside(), c.logs);
+  }
+}
+
+TEST_F(DatabaseLogs, ACheckThatFailsLeavesNone) {
+  cs::RestoreOptions options = without_keeping();
+  options.check = [this] {
+    die_in_a_transaction("delete");
+    return false;
+  };
+  EXPECT_EQ(refused(options).code, Code::check_failed);
+  EXPECT_EQ(rows(), "ok: live 900");
+  EXPECT_EQ(set_aside(), Texts{".config.db-journal"});
+}
+
+TEST_F(DatabaseLogs, TheOneOfBeforeComesBackWithItsDatabase) {
+  die_in_a_transaction("delete");
+  before_ = everything(true);
+  load(windowed());
+  EXPECT_FALSE(exists(file("-journal")));
+  EXPECT_EQ(rows(), "ok: save 300");
+  die_in_a_transaction("delete");
+  reverted();
+  EXPECT_EQ(everything(true), before_);
+  EXPECT_EQ(rows(), "ok: live 900");
+  EXPECT_EQ(set_aside(), Texts{".config.db-journal"});
+}
+
+TEST_F(DatabaseLogs, WithoutChangesTheyGoWithTheirDatabase) {
+  write_file(file("-wal"), "");
+  write_file(file("-shm"), "index");
+  const Texts plan = planned();
+  for (const char* end : {"-wal", "-shm"}) {
+    EXPECT_EQ(std::count(plan.begin(), plan.end(), "-.... <config>/user/config.db" + std::string(end)), 1);
+  }
+  restored();
+  EXPECT_FALSE(exists(file("-wal")) || exists(file("-shm")));
+}
+
+/// A restore would lose them: neither this snapshot nor one that is kept has them.
+TEST_F(DatabaseLogs, ThoseWithChangesAreNotLost) {
+  load(without_keeping());
+  before_ = everything(true);
+  write_file(file("-wal"), "changes");
+  const cs::Error error = refused();
+  EXPECT_EQ(error.path, file("-wal"));
+  EXPECT_EQ(error.text.find("the database has changes in this file that no snapshot holds"), 0U);
+  EXPECT_EQ(error.aftermath, cs::Aftermath::untouched);
+  for (const cs::SaveOptions& options : {overwrite(), if_changed()}) {
+    const auto saved = cs::save({options.overwrite ? "weekly" : "newer"}, options);
+    ASSERT_TRUE(saved);
+    EXPECT_EQ(
+        saved->warnings,
+        Texts{file("-wal") + ": the database has changes in this file that the snapshot does not hold"});
+  }
+  shell("rm " + file("-wal"));
+  EXPECT_EQ(everything(true), before_);
+}
+
+TEST_F(DatabaseLogs, OneThatComesMeanwhileEndsTheRestore) {
+  cs::RestoreOptions options = without_keeping();
+  options.progress = [this](const cs::Progress& progress) {
+    if (progress.phase == cs::Progress::Phase::exchange) write_file(file("-journal"), "begun");
+  };
+  const cs::Error error = refused(options);
+  EXPECT_EQ(error.code, Code::changed_meanwhile);
+  EXPECT_EQ(error.path, file("-journal"));
+  EXPECT_EQ(error.aftermath, cs::Aftermath::untouched);
+  shell("rm " + file("-journal"));
+  EXPECT_EQ(everything(true), before_);
+}
+
+}  // namespace
