@@ -161,8 +161,15 @@ void name_archive(cs::Error& error, const std::string& which) {
   error.path = which;
 }
 
+/// Each verb that changes something recovers first.
+void print_mixture(const cs::Error& error) {
+  if (error.aftermath != cs::Aftermath::mixed) return;
+  std::cerr << " Some files are not as they were before: 'confsave recover' tries again.";
+}
+
 int print_report(const cs::Error& error, const std::string& step) {
   print_failure(error);
+  print_mixture(error);
   if (is_about_notes(error)) {
     std::cerr
         << " Mend it, or move it away: without this file only comments, pins and manifests are lost.\n";
@@ -227,8 +234,7 @@ int report_restore(const cs::Error& error) {
   const bool mixed = error.aftermath == cs::Aftermath::mixed;
   // Without its record nothing can take the restore back.
   const bool is_recorded = error.code != cs::Code::not_pending;
-  if (mixed && is_recorded)
-    std::cerr << " Some files are not as they were before: 'confsave recover' tries again.";
+  if (is_recorded) print_mixture(error);
   const std::string step = next_step(error, true);
   if (!mixed && !step.empty()) {
     const bool untouched = error.aftermath == cs::Aftermath::untouched;
@@ -251,6 +257,7 @@ int report_reading(cs::Error error, const std::string& which) {
 
 int report_import(const cs::Error& error, bool is_one) {
   print_failure(error);
+  print_mixture(error);
   std::cerr << " Nothing was stored.";
   const std::string step = step_for_import(error, is_one);
   if (!step.empty()) std::cerr << ' ' << step << '.';

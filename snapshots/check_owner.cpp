@@ -7,6 +7,7 @@
 
 #include "places.h"
 #include "snapshots/archive_path.h"
+#include "snapshots/own_file.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -32,6 +33,7 @@ Result<CheckOwner> CheckOwner::become(const Snapshot& snapshot) {
   Descriptor file = beside_streams(Descriptor(open(path.c_str(), kFlags, kMode)));
   struct stat status = {};
   if (!file || fstat(file.get(), &status) != 0) return system_error(path);
+  share_with_owner(file.get());
   // Whatever the umask, its owner can open it again.
   if ((status.st_mode & kMode) != kMode && fchmod(file.get(), kMode) != 0) return system_error(path);
   struct flock lock = whole_file();

@@ -1,7 +1,12 @@
 #include "snapshots/edited.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 
+#include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/dated_name.h"
@@ -38,7 +43,16 @@ Identities find_edited(const Record& record, std::vector<Site>& sites) {
   return edited;
 }
 
+/// A storage that is gone, or not mounted, is not made anew: nobody would look for the edits in it.
+bool is_there(const std::string& storage) {
+  struct stat status = {};
+  return stat(storage.c_str(), &status) == 0 && status.st_size > 0;
+}
+
 Result<Saved> save_as_reverted(const Record& record, const Deadline& deadline) {
+  if (!is_there(storage_file())) {
+    return Error{Code::no_storage, ENOENT, storage_file(), std::strerror(ENOENT)};
+  }
   SaveOptions options;
   options.allow_empty = true;
   const std::string comment =

@@ -23,6 +23,12 @@ enum class Foreign {
   set_aside,  ///< move it into the staging directory
 };
 
+/// What stays in a staging directory.
+struct Left {
+  std::string path;
+  std::string live;  ///< where it was; empty of a whole directory
+};
+
 /// Lets staged and live files change places, and back. The slot of a step is the file in the staging
 /// directory whose name is the number of the step: the staged file at first, then the old one.
 ///
@@ -53,8 +59,8 @@ class Exchange {
   Result<bool> has_undone_step();
 
   /// Deletes the staging directories with what steps have left in them. Files that no step knows, or that
-  /// changed since, stay, and their paths go into `left`. The error is about a file that should have gone.
-  Error sweep(std::vector<std::string>& left);
+  /// changed since, stay, and go into `left`. The error is about a file that should have gone.
+  Error sweep(std::vector<Left>& left);
 
  private:
   struct Slot {
@@ -79,13 +85,13 @@ class Exchange {
   Error keep_directory(const Step& step, const Identity& live);
   Error put_back(const Step& step, const Slot& slot, const std::string& from, bool is_occupied);
   Error set_logs_aside(const Step& step, const Slot& slot);
-  bool is_of_before(std::size_t root, const std::string& path, const Identity& live) const;
+  bool is_of_a_step(std::size_t root, const std::string& path, const Identity& live) const;
   Error compare_with_before(const Slot& slot, const std::string& name, const Step& step) const;
   Error changed(const Step& step) const;
   Error foreign_file(const Step& step, const std::string& slot) const;
   bool is_moved_away(std::size_t root, const std::string& directory) const;
   void empty_staged(std::size_t number, const std::string& name);
-  Error sweep_slot(std::size_t number, std::vector<std::string>& left);
+  Error sweep_slot(std::size_t number, std::vector<Left>& left);
   static Error sweep_numbers(Site& site);
   void touch(const Step& step);
 

@@ -9,6 +9,7 @@
 
 #include "places.h"
 #include "snapshots/archive_path.h"
+#include "snapshots/own_file.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -31,6 +32,7 @@ Result<Descriptor> open_file(const std::string& path) {
   struct stat status = {};
   if (fstat(file.get(), &status) != 0) return system_error(path);
   if (!S_ISREG(status.st_mode)) return Error{Code::failed, 0, path, "this is not a regular file"};
+  share_with_owner(file.get());
   // Whatever the umask, its owner can open it again.
   if ((status.st_mode & kMode) != kMode && fchmod(file.get(), kMode) != 0) return system_error(path);
   return file;

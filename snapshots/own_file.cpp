@@ -2,6 +2,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "places.h"
 #include "snapshots/descriptor.h"
@@ -24,6 +27,7 @@ Error make_own_file(const std::string& file) {
   constexpr mode_t kMode = S_IRUSR | S_IWUSR;
   constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
   const Descriptor made = beside_streams(Descriptor(open(file.c_str(), kFlags, kMode)));
+  if (made) share_with_owner(made.get());
   if (made) return fchmod(made.get(), kMode) == 0 ? Error{} : system_error(file);
   if (errno != EEXIST) return system_error(file);
   struct stat status = {};
@@ -31,6 +35,15 @@ Error make_own_file(const std::string& file) {
   if (S_ISDIR(status.st_mode)) return system_error(file, EISDIR);
   if (S_ISLNK(status.st_mode)) return system_error(file, ELOOP);
   return chmod(file.c_str(), kMode) == 0 ? Error{} : system_error(file);
+}
+
+void share_with_owner(int file) {
+  struct stat made = {};
+  struct stat state = {};
+  if (geteuid() != 0 || fstat(file, &made) != 0 || made.st_uid != 0) return;
+  if (stat((state_directory() + "/").c_str(), &state) != 0 || state.st_uid == 0) return;
+  // Some file systems know no owners: everybody can open the file there.
+  if (fchown(file, state.st_uid, state.st_gid) != 0) errno = 0;
 }
 
 bool is_own_file(const std::string& file) {

@@ -11,6 +11,9 @@ namespace ConfSave::snapshots {
 /// on it elsewhere in this process.
 Error make_own_file(const std::string& file);
 
+/// Gives a file that root has made in the state directory to the owner of that, who could not open it.
+void share_with_owner(int file);
+
 /// Whether it is one of the state directory's own files, or has the name of one that is not there: an
 /// export would be taken for the journal.
 bool is_own_file(const std::string& file);

@@ -26,6 +26,8 @@ constexpr milliseconds kLongestSleep{5000};
 constexpr milliseconds kFirstPause{250};
 constexpr milliseconds kLongestPause{5000};
 constexpr milliseconds kLongestMiss{3600'000};
+/// How long a confirmation waits for the storage.
+constexpr milliseconds kLongestStamp{2000};
 
 std::string quoted(const std::string& name) { return "'" + printable(name) + "'"; }
 
@@ -74,9 +76,11 @@ Result<std::optional<Pending>> find_pending(const Deadline& deadline) {
 }
 
 Error too_late(const Record& record) {
+  const std::string name = quoted(record.snapshot.config.name);
   return {Code::not_pending, 0, "",
-          "the time of the restore of " + quoted(record.snapshot.config.name) +
-              " was up, and it was taken back"};
+          is_of_another_boot(record.window)
+              ? "the restore of " + name + " " + words_for(Ending::restarted)
+              : "the time of the restore of " + name + " was up, and it was taken back"};
 }
 
 /// The record that waits; Code::not_pending if none does, after what else is left was recovered.
@@ -117,8 +121,9 @@ Result<Confirmed> confirm_under_lock(const Deadline& deadline, Record& record) {
   if (!is_undone) return is_undone.error();
   if (*is_undone) return finish_undo(deadline, record);
   std::optional<ExclusiveStorage> storage;
-  Result<ExclusiveStorage> opened = ExclusiveStorage::open(deadline);
-  if (!opened && opened.error().code == Code::busy) return opened.error();
+  // The load time can wait for a later call; the window closes.
+  const Deadline soon(std::min(deadline.left(), kLongestStamp));
+  Result<ExclusiveStorage> opened = ExclusiveStorage::open(soon);
   if (opened) storage.emplace(std::move(*opened));
   Result<Journal> journal = Journal::open_to_write(deadline.left());
   if (!journal) return journal.error();

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "snapshots/archive_path.h"
+#include "snapshots/database_logs.h"
 #include "snapshots/digest.h"
 #include "snapshots/plan.h"
 
@@ -63,6 +64,14 @@ PlannedStep attributes_step(const DetailedPlan& plan, const std::string& path, c
   return planned;
 }
 
+void replace(DetailedPlan& plan, const std::string& path, const Wanted& wanted) {
+  PlannedChange change;
+  change.difference.path = path;
+  change.difference.content = true;
+  change.difference.secret = wanted.member.secret;
+  plan.shown.changes.push_back(change);
+}
+
 /// Replaces an unchanged name, too, if other names have to be linked to its file and its inode has names
 /// that change: the link would alter what the exchange compares.
 void replace_shared_inodes(DetailedPlan& plan) {
@@ -83,15 +92,24 @@ void replace_shared_inodes(DetailedPlan& plan) {
     if (!stays || files.count({wanted.base, wanted.entry}) == 0) continue;
     const auto live = plan.live.find(path);
     if (live == plan.live.end() || going.count(inode_of(live->second.stamp)) == 0) continue;
-    PlannedChange change;
-    change.difference.path = path;
-    change.difference.content = true;
-    change.difference.secret = wanted.member.secret;
-    plan.shown.changes.push_back(change);
+    replace(plan, path, wanted);
   }
-  std::sort(
-      plan.shown.changes.begin(), plan.shown.changes.end(),
-      [](const PlannedChange& a, const PlannedChange& b) { return a.difference.path < b.difference.path; });
+}
+
+/// Replaces an unchanged log of a database that changes: each has its own.
+void replace_logs(DetailedPlan& plan) {
+  const std::string& directory = plan.directories.front();
+  std::set<std::string> changed;
+  for (const PlannedChange& change : plan.shown.changes) changed.insert(change.difference.path);
+  const bool is_needed = std::any_of(changed.begin(), changed.end(), [&](const std::string& path) {
+    return begins_with(path, directory) && is_database_file(path.substr(directory.size()));
+  });
+  if (!is_needed) return;
+  for (const std::string& log : database_logs()) {
+    const auto wanted = plan.wanted.find(directory + log);
+    if (wanted == plan.wanted.end() || changed.count(wanted->first) != 0) continue;
+    replace(plan, wanted->first, wanted->second);
+  }
 }
 
 /// Every change of a file changes its stamp.
@@ -112,7 +130,11 @@ Digest digest_of_stamps(const std::vector<PlannedStep>& steps) {
 // What is in a directory goes before the directory, and comes after it; its attributes come last, because
 // it must be open to its owner until then.
 void write_steps(DetailedPlan& plan) {
+  replace_logs(plan);
   replace_shared_inodes(plan);
+  std::sort(
+      plan.shown.changes.begin(), plan.shown.changes.end(),
+      [](const PlannedChange& a, const PlannedChange& b) { return a.difference.path < b.difference.path; });
   std::vector<PlannedStep> attributes;
   for (auto change = plan.shown.changes.rbegin(); change != plan.shown.changes.rend(); ++change) {
     const std::string& path = change->difference.path;

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <map>
 #include <random>
-#include <set>
+#include <tuple>
 
 #include "snapshots/access.h"
 #include "snapshots/database_logs.h"
@@ -92,15 +92,14 @@ Error check_room(const Beneath& beneath, std::uint64_t needed) {
 
 /// A log that has come since belongs to a transaction on the database that goes.
 Error check_logs(const DetailedPlan& plan, std::vector<Site>& sites) {
-  std::set<std::string> planned;
-  for (const PlannedStep& step : plan.steps) planned.insert(step.step.path);
   for (const PlannedStep& step : plan.steps) {
     if (!is_database_file(step.step.path)) continue;
     Beneath& beneath = sites[step.step.root].beneath;
     for (const std::string& log : database_logs()) {
       const Result<std::optional<struct stat>> found = beneath.look(log);
       if (!found) return found.error();
-      if (*found && planned.count(log) == 0) return changed_meanwhile(beneath.shown(log));
+      if (*found && plan.live.count(beneath.path() + log) == 0)
+        return changed_meanwhile(beneath.shown(log));
     }
   }
   return {};
@@ -139,6 +138,28 @@ Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
   for (const Site& site : sites) {
     Error error = check_room(site.beneath, needed[site.beneath.status().st_dev]);
     if (error.code != Code::ok) return error;
+  }
+  return {};
+}
+
+Error check_way_back(std::vector<Site>& sites, const std::vector<Step>& steps) {
+  for (const Step& step : steps) {
+    Site& site = sites[step.root];
+    const Result<int> parent = site.beneath.directory(parent_of(step.path));
+    // The undo names it, unless it finds the file of before.
+    if (!parent) continue;
+    if (!may_access(".", W_OK, *parent) && errno == EROFS) return site.beneath.failure(step.path, EROFS);
+    const std::string above = parent_of(step.path);
+    const std::tuple<int, std::string, std::string> files[] = {{site.staging.get(), "", site.name},
+                                                               {*parent, "", above},
+                                                               {*parent, name_of(step.path), step.path}};
+    for (const auto& [directory, name, path] : files) {
+      struct statx file = {};
+      const int flags = AT_SYMLINK_NOFOLLOW | (name.empty() ? AT_EMPTY_PATH : 0);
+      if (statx(directory, name.c_str(), flags, STATX_BASIC_STATS, &file) != 0) continue;
+      Error error = check_attributes(file, site.beneath.shown(path));
+      if (error.code != Code::ok) return error;
+    }
   }
   return {};
 }

@@ -15,6 +15,9 @@ Result<Record> begin_record(DetailedPlan& plan);
 /// written to, another file system below a directory.
 Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan);
 
+/// Refuses an undo of `steps` that would fail half-way, as far as that can be seen.
+Error check_way_back(std::vector<Site>& sites, const std::vector<Step>& steps);
+
 /// Code::changed_meanwhile if one of the files that will change is not the one that the plan compared.
 Error check_live_files(const DetailedPlan& plan, std::vector<Site>& sites);
 

@@ -18,6 +18,11 @@ Error decode(const std::vector<char>& archive, Base base, ContentCheck& check,
   MemorySource source({archive.data(), archive.size()});
   MemberCollector collector(base, OwnedBy::whom_it_was_saved, &check);
   Error error = read_archive(source, Limits{}, collector.handler());
+  // A limit of archives: the member is not the matter.
+  if (error.path.empty() && error.code == Code::unsafe) {
+    error.code = Code::failed;
+    error.text = "a snapshot of these files could not be restored: " + error.text;
+  }
   if (error.path.empty()) error.path = directory_of(base);
   if (error.code != Code::ok) return error;
   for (const auto& [path, member] : collector.members()) members[path] = member;

@@ -11,6 +11,7 @@
 #include "snapshots/check_owner.h"
 #include "snapshots/edited.h"
 #include "snapshots/lock.h"
+#include "snapshots/preflight.h"
 #include "snapshots/restore_end.h"
 
 namespace ConfSave::snapshots {
@@ -72,6 +73,10 @@ class Recovering {
 
  private:
   Result<Recovery> put_back(std::vector<Site>& sites, Error& unfinished) {
+    if (is_live(record_.state)) {
+      // The new files are whole: half of the old ones would be worse.
+      if (Error error = check_way_back(sites, record_.steps); error.code != Code::ok) return error;
+    }
     Result<Closed> storage = close_storage(deadline_);
     if (!storage) return storage.error();
     if (is_live(record_.state)) storage = keep_edits(sites, std::move(*storage));
@@ -191,6 +196,13 @@ Result<std::optional<Record>> read_record(const Deadline& deadline) {
   return *journal ? (*journal)->read() : std::optional<Record>();
 }
 
+std::string interruption(const Record& record) {
+  const std::string restore = "the restore of " + quoted(record.snapshot);
+  if (record.state == State::exchanged) return restore + " is kept, but not cleaned up";
+  if (record.state == State::undone) return restore + " was taken back, but not cleaned up";
+  return restore + " was interrupted";
+}
+
 Error refuse_pending(const Snapshot& snapshot) {
   return {Code::pending, 0, "", "the restore of " + quoted(snapshot) + " waits to be confirmed"};
 }
@@ -266,15 +278,17 @@ Error check_finished(const Deadline& deadline) {
   const Result<std::optional<Unfinished>> found = find_unfinished(deadline);
   if (!found) return found.error();
   if (!*found) return {};
-  const std::string name = "'" + printable((*found)->name) + "'";
+  const Result<std::optional<Record>> record = read_record(deadline);
+  if (!record) return record.error();
+  // It has ended meanwhile.
+  if (!*record) return {};
   if ((*found)->is_pending) {
-    const Result<std::optional<Record>> record = read_record(deadline);
-    const bool is_checked = record && *record && (*record)->state == State::checking;
+    const bool is_checked = (*record)->state == State::checking;
     return {Code::pending, 0, "",
-            "the restore of " + name + (is_checked ? " waits for its check" : " waits to be confirmed")};
+            "the restore of " + quoted((*record)->snapshot) +
+                (is_checked ? " waits for its check" : " waits to be confirmed")};
   }
-  return {Code::needs_attention, 0, "",
-          "the restore of " + name + " was interrupted; run 'confsave recover' first"};
+  return {Code::needs_attention, 0, "", interruption(**record) + "; run 'confsave recover' first"};
 }
 
 Result<Recovery> recover(const ChangeOptions& options) {

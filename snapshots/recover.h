@@ -10,6 +10,9 @@ namespace ConfSave::snapshots {
 /// The restore that is not finished, if there is one.
 Result<std::optional<Record>> read_record(const Deadline& deadline);
 
+/// What became of a restore whose process is gone, without a full stop.
+std::string interruption(const Record& record);
+
 /// Code::pending.
 Error refuse_pending(const Snapshot& snapshot);
 

@@ -283,7 +283,9 @@ class Restoring {
     lock_.reset();
     const bool is_good = run_check();
     deadline_ = Deadline(options_.wait);
-    if (Error failure = come_back(); failure.code != Code::ok) {
+    Error failure = come_back(is_good);
+    if (failure.code == Code::ok && !is_good) failure = check_way_back(sites_, record_.steps);
+    if (failure.code != Code::ok) {
       limit_kept();
       return left_live(std::move(failure), is_good);
     }
@@ -302,7 +304,7 @@ class Restoring {
     }
   }
 
-  Error come_back() {
+  Error come_back(bool is_good) {
     if (Error error = take_lock(); error.code != Code::ok) return error;
     Result<Journal> journal = Journal::open_to_write(deadline_.left_afterwards());
     if (!journal) return journal.error();
@@ -314,7 +316,8 @@ class Restoring {
     if (Error error = Exchange(sites_, none).check_directories(); error.code != Code::ok) return error;
     Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
     if (storage) storage_.emplace(std::move(*storage));
-    return storage || storage.error().code != Code::busy ? Error{} : storage.error();
+    // Only the load time of a good one needs it.
+    return storage || is_good || storage.error().code != Code::busy ? Error{} : storage.error();
   }
 
   const Id& id_;

@@ -12,10 +12,12 @@ namespace ConfSave::snapshots {
 namespace {
 
 /// What was there before stays there: it may be somebody's work.
-void warn_of(const std::vector<std::string>& left, std::vector<std::string>& warnings) {
-  const char* const text =
-      ": this is not as the restore has left it; it is kept here: take what is needed, and delete the rest";
-  for (const std::string& path : left) warnings.push_back(path + text);
+void warn_of(const std::vector<Left>& left, std::vector<std::string>& warnings) {
+  for (const Left& file : left) {
+    warnings.push_back(file.path + ": " + (file.live.empty() ? "this" : "'" + file.live + "'") +
+                       " is not as the restore has left it; it is kept here: take what is needed, and "
+                       "delete the rest");
+  }
 }
 
 bool is_below(const std::string& path, const std::string& directory) {
@@ -93,7 +95,7 @@ Error left_live(Error why, bool is_good) {
 }
 
 Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& warnings) {
-  std::vector<std::string> left;
+  std::vector<Left> left;
   Error error = exchange.sweep(left);
   warn_of(left, warnings);
   if (error.code == Code::ok) error = journal.clear();
@@ -117,7 +119,7 @@ Error confirm_record(Journal& journal, const Record& record, std::vector<Site>& 
                      std::optional<ExclusiveStorage>& storage, std::vector<std::string>& warnings) {
   Error stamped;
   if (!storage) {
-    stamped = {Code::no_storage, 0, storage_file(), "the storage cannot be opened"};
+    stamped = {Code::no_storage, 0, storage_file(), "it cannot be opened, or another process uses it"};
   } else if (record.load_time != 0) {
     stamped = storage->stamp(record.snapshot, record.load_time);
   }

@@ -10,10 +10,11 @@
 
 namespace ConfSave::snapshots {
 
-/// Whether the restore has found this file there, and has put it back.
-bool Exchange::is_of_before(std::size_t root, const std::string& path, const Identity& live) const {
+/// Whether this is the file of before, or the one of the snapshot: its own step looks after it.
+bool Exchange::is_of_a_step(std::size_t root, const std::string& path, const Identity& live) const {
   return std::any_of(steps_.begin(), steps_.end(), [&](const Step& step) {
-    return step.root == root && step.path == path && is_same_file(live, step.before);
+    return step.root == root && step.path == path &&
+           (is_same_file(live, step.before) || is_same_file(live, step.after));
   });
 }
 
@@ -25,7 +26,7 @@ Error Exchange::set_logs_aside(const Step& step, const Slot& slot) {
   for (const std::string& log : database_logs()) {
     const Result<std::optional<struct stat>> found = beneath.look(log);
     if (!found) return found.error();
-    if (!*found || is_of_before(step.root, log, identity_of(**found))) continue;
+    if (!*found || is_of_a_step(step.root, log, identity_of(**found))) continue;
     const Result<int> parent = beneath.directory(parent_of(log));
     if (!parent) return parent.error();
     std::string name = log_slot(slot.name, log);

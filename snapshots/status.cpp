@@ -18,6 +18,7 @@
 #include "snapshots/boundary.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/leftovers.h"
+#include "snapshots/recover.h"
 #include "snapshots/sentence.h"
 #include "snapshots/summary.h"
 #include "snapshots/system_error.h"
@@ -70,7 +71,8 @@ std::string text_of(const Pending& pending) {
 Error look_for_a_restore(const Deadline& deadline, Status& status) {
   const Result<std::optional<Unfinished>> found = unfinished(ReadOptions{deadline.left()});
   if (!found) {
-    if (found.error().code == Code::busy) return found.error();
+    const Code code = found.error().code;
+    if (code == Code::busy || code == Code::denied) return found.error();
     status.attention.push_back({"interrupted", sentence(found.error())});
     return {};
   }
@@ -80,8 +82,10 @@ Error look_for_a_restore(const Deadline& deadline, Status& status) {
   } else if (*waiting) {
     status.attention.push_back({"pending", text_of(**waiting)});
   } else if (*found && !(*found)->is_pending) {
-    status.attention.push_back({"interrupted", "the restore of " + quoted((*found)->name) +
-                                                   " was interrupted: run 'confsave recover'"});
+    const Result<std::optional<Record>> record = read_record(deadline);
+    if (!record) return record.error();
+    const std::string text = *record ? interruption(**record) + ": run 'confsave recover'" : "";
+    if (!text.empty()) status.attention.push_back({"interrupted", text});
   }
   return {};
 }

@@ -45,26 +45,27 @@ void Exchange::empty_staged(std::size_t number, const std::string& name) {
   }
 }
 
-Error Exchange::sweep_slot(std::size_t number, std::vector<std::string>& left) {
+Error Exchange::sweep_slot(std::size_t number, std::vector<Left>& left) {
   const Step& step = steps_[number];
   const Slot slot = slot_of(number);
+  const Beneath& beneath = sites_[step.root].beneath;
   for (const std::string& name : {slot.name, slot.old_name, slot.aside}) {
     const std::string path = sites_[step.root].name + "/" + name;
     const Identity found = look(slot.staging, name);
     if (!found.exists() && errno == ENOENT) continue;
-    if (!found.exists()) return sites_[step.root].beneath.failure(path, errno);
+    if (!found.exists()) return beneath.failure(path, errno);
     const bool is_known = is_unchanged(found, step.before) || is_unchanged(found, step.after);
     const int flags = S_ISDIR(found.kind) ? AT_REMOVEDIR : 0;
     if (flags != 0 && is_same_file(found, step.after)) empty_staged(number, name);
     if (is_known && unlinkat(slot.staging, name.c_str(), flags) == 0) continue;
-    if (is_known && !is_occupied(errno)) return sites_[step.root].beneath.failure(path, errno);
-    left.push_back(sites_[step.root].beneath.shown(path));
+    if (is_known && !is_occupied(errno)) return beneath.failure(path, errno);
+    left.push_back({beneath.shown(path), beneath.shown(step.path)});
   }
   if (!is_database_file(step.path)) return {};
   for (const std::string& log : database_logs()) {
     const std::string name = log_slot(slot.name, log);
-    if (look(slot.staging, name).exists())
-      left.push_back(sites_[step.root].beneath.shown(sites_[step.root].name + "/" + name));
+    if (!look(slot.staging, name).exists()) continue;
+    left.push_back({beneath.shown(sites_[step.root].name + "/" + name), beneath.shown(log)});
   }
   return {};
 }
@@ -88,7 +89,7 @@ Error Exchange::sweep_numbers(Site& site) {
   return {};
 }
 
-Error Exchange::sweep(std::vector<std::string>& left) {
+Error Exchange::sweep(std::vector<Left>& left) {
   Error first;
   const auto note = [&first](Error error) {
     if (first.code == Code::ok) first = std::move(error);
@@ -110,7 +111,7 @@ Error Exchange::sweep(std::vector<std::string>& left) {
     } else if (!is_occupied(errno)) {
       note(site.beneath.failure(site.name, errno));
     } else if (left.empty() && first.code == Code::ok) {
-      left.push_back(site.beneath.shown(site.name));
+      left.push_back({site.beneath.shown(site.name), ""});
     }
   }
   return first;

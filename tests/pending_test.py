@@ -404,7 +404,7 @@ def on_a_small_disk(gateway):
 
 def require_kept(gateway, name, done):
     """What was edited is in a snapshot, or in a file that is named."""
-    found = re.search(r"(/\S*/\.confsave-restore-\S+): this is not", done.stderr)
+    found = re.search(r"(/\S*/\.confsave-restore-\S+): '\S+' is not", done.stderr)
     if found:
         assert pathlib.Path(found[1]).read_text(encoding="ascii") == "edited\n", name
         return

@@ -109,7 +109,7 @@ def done_to(before, now):
 
 def require_plan(plan, before, now):
     """What was planned is what was done. A path that only gets another inode is planned too, where a hard
-    link is made or goes."""
+    link is made or goes, and for the journal of a database that changes."""
     done = done_to(before, now)
     for place in plan.keys() | done.keys():
         if place in done:
@@ -117,8 +117,10 @@ def require_plan(plan, before, now):
                     "and done:", done[place])
             continue
         old, new = before[place[0]].get(place[1]), now[place[0]].get(place[1])
-        require(old is not None and new is not None and max(old.links, new.links) > 1, place, plan[place],
-                "was planned and not done")
+        is_linked = old is not None and new is not None and max(old.links, new.links) > 1
+        is_journal = place[1].endswith("-journal") and any(
+            (place[0], f"user/config.{end}") in plan for end in ("db", "idx"))
+        require(is_linked or is_journal, place, plan[place], "was planned and not done")
 
 
 def require_untouched(before, now, what):
