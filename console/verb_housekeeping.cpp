@@ -20,7 +20,12 @@ int autosave(const Options& options) {
   if (!done) return report_unsaved(done.error(), false);
   print_warnings(done->saved);
   print_if_unchanged(done->saved);
-  if (done->undecided.code != cs::Code::ok) return report(done->undecided, true);
+  if (cs::Error& error = done->undecided; error.code != cs::Code::ok) {
+    const bool is_new = done->saved.outcome != cs::Saved::Outcome::unchanged;
+    const std::string stored = is_new ? "'" + done->saved.snapshot.config.name + "' is stored, and " : "";
+    error.text.insert(0, stored + "no old autosave was deleted: ");
+    return report(error, true);
+  }
   delete_again(done->undeleted, options.wait, done->deleted);
   return report_undeleted(done->undeleted);
 }
