@@ -27,8 +27,10 @@ Error make_own_file(const std::string& file) {
   constexpr mode_t kMode = S_IRUSR | S_IWUSR;
   constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
   const Descriptor made = beside_streams(Descriptor(open(file.c_str(), kFlags, kMode)));
-  if (made) share_with_owner(made.get());
-  if (made) return fchmod(made.get(), kMode) == 0 ? Error{} : system_error(file);
+  if (made) {
+    share_with_owner(made.get());
+    return fchmod(made.get(), kMode) == 0 ? Error{} : system_error(file);
+  }
   if (errno != EEXIST) return system_error(file);
   struct stat status = {};
   if (lstat(file.c_str(), &status) != 0) return system_error(file);

@@ -35,8 +35,10 @@ class Saving {
   Result<Saved> run() {
     const Result<bool> is_unchanged = look_around();
     if (!is_unchanged) return is_unchanged.error();
-    if (*is_unchanged) warn_of_logs();
-    if (*is_unchanged) return saved_;
+    if (*is_unchanged) {
+      warn_of_logs();
+      return saved_;
+    }
     if (Error error = check_overwriting(); error.code != Code::ok) return error;
     author_ = author();
     Result<Proven> proven = pack_and_prove(options_.type, phases_);

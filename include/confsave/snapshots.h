@@ -29,8 +29,9 @@
 //
 // To link: "pkg-config --libs confsave-snapshots", or confsave::snapshots of the CMake package confsave.
 //
-// Results. Every function returns a Result: a value, or an Error with a code, the path that it is about,
-// the system's error number, and a sentence. Nothing is printed, nothing is asked, and no exception
+// Results. A function returns a Result: a value, or an Error with a code, the path that it is about, the
+// system's error number, and a sentence. One without a value returns the Error, Code::ok if it has
+// succeeded. Nothing is printed, nothing is asked, and no exception
 // except std::bad_alloc leaves a function. What calls take, what they return and how they fail is in
 // <confsave/snapshots/options.h>, <confsave/snapshots/values.h> and <confsave/snapshots/result.h>.
 //
@@ -81,8 +82,8 @@ CONFSAVE_API Result<Members> members(const Id& id, const ReadOptions& options = 
 /// Passes the content of the member `path`, a file or a hard link, to `sink`, after both archives were
 /// decoded to the end: a damaged snapshot gives nothing. Code::not_found: there is no such member;
 /// Code::bad_argument: it is a directory or a symbolic link.
-CONFSAVE_API Error read_file(const Id& id, const std::string& path, const Sink& sink,
-                             const ReadOptions& options = {});
+[[nodiscard]] CONFSAVE_API Error read_file(const Id& id, const std::string& path, const Sink& sink,
+                                           const ReadOptions& options = {});
 
 /// What differs, in the order of paths. A hard link counts as the file that it is. Against the live
 /// configuration, the files are those that belong to the type of the snapshot; with the manifest of the
@@ -110,17 +111,18 @@ CONFSAVE_API Result<Saved> save(const Id& id, const SaveOptions& options = {});
 /// Replaces the comment of a snapshot: at most 4,096 bytes of UTF-8 without control characters.
 /// Comments and pins are kept in "notes.db" beside the storage; the storage itself does not change. Durable
 /// on return.
-CONFSAVE_API Error note(const Id& id, const std::string& comment, const ChangeOptions& options = {});
+[[nodiscard]] CONFSAVE_API Error note(const Id& id, const std::string& comment,
+                                      const ChangeOptions& options = {});
 
 /// Pins a snapshot, or unpins it. Durable on return.
-CONFSAVE_API Error pin(const Id& id, bool pinned, const ChangeOptions& options = {});
+[[nodiscard]] CONFSAVE_API Error pin(const Id& id, bool pinned, const ChangeOptions& options = {});
 
 /// Deletes one snapshot and its notes, durably, and gives its pages back to the file system. Works on a
 /// full disk: while there is room, each call that stores or deletes a snapshot, or changes its notes, keeps
 /// 1 MiB of it in "storage.db-reserve" beside the storage. If it cannot be known whether the snapshot is
 /// pinned, it is not deleted: the error of the notes. Qualify the call: the C library has a `remove` too,
 /// which deletes a file.
-CONFSAVE_API Error remove(const Id& id, const RemoveOptions& options = {});
+[[nodiscard]] CONFSAVE_API Error remove(const Id& id, const RemoveOptions& options = {});
 
 // ---------------------------------------------------------------------------------------------------
 // Restoring

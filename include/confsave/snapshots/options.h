@@ -72,8 +72,8 @@ struct RemoveOptions {
 
 /// How to restore.
 struct RestoreOptions {
-  /// A directory that both archives are restored into, instead of the live configuration. Nothing is kept
-  /// and no load time is stamped.
+  /// A directory that both archives are restored into, instead of the live configuration. It has to exist,
+  /// and nobody else may write in it. Nothing is kept and no load time is stamped.
   std::string target;
   bool exact = false;        ///< also remove the files of the contents that the snapshot does not have
   bool keep = true;          ///< first save the present configuration, unless an equal snapshot is stored
@@ -82,7 +82,7 @@ struct RestoreOptions {
   std::optional<Plan> expected = {};
   /// Called when the files are restored, without any lock: it may call every function here but
   /// revert(When::when_due), which would wait for its end. If it returns false or throws, or this process
-  /// dies, the restore is taken back.
+  /// dies, the restore is taken back; what it throws is lost.
   std::function<bool()> check = {};
   /// The restore is taken back when this time is over, unless confirm() keeps it: kShortestWindow to
   /// kLongestWindow; 0: it needs no confirmation. Not with `target`.

@@ -36,7 +36,7 @@ enum class Code {
 enum class Aftermath {
   untouched,  ///< nothing was changed
   put_back,   ///< what was changed is as it was before
-  mixed,      ///< some files are not as they were; the text names them, and recover() tries again
+  mixed,      ///< some files are not as they were; path and text name them; recover() tries again
 };
 
 /// A failure.

@@ -190,7 +190,8 @@ struct Pending {
   std::string author;       ///< who restored it
   bool is_checked = false;  ///< its check runs: there is no deadline yet
   int64 deadline = 0;       ///< by the clock as it is set now; in the past after a restart
-  int64 seconds_left = 0;   ///< 0: it is taken back now, or by the next call that changes something
+  /// 0 without a deadline; else 0: it is taken back now, or by the next call that changes something.
+  int64 seconds_left = 0;
 };
 
 /// What confirm() did.
