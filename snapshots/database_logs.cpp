@@ -1,11 +1,16 @@
 #include "snapshots/database_logs.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 
 #include "contents.h"
 #include "places.h"
+#include "snapshots/archive_path.h"
+#include "snapshots/descriptor.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -15,6 +20,15 @@ constexpr const char* kWriteAheadLog = "-wal";
 bool is_write_ahead_log(const std::string& path) {
   const std::string end = kWriteAheadLog;
   return path.size() > end.size() && path.compare(path.size() - end.size(), end.size(), end) == 0;
+}
+
+/// Whether SQLite would roll this journal back. One that is kept for the next transaction has no header.
+bool is_in_use(const std::string& journal) {
+  constexpr std::array<unsigned char, 8> kMagic = {0xd9, 0xd5, 0x05, 0xf9, 0x20, 0xa1, 0x63, 0xd7};
+  const Descriptor file(open(journal.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  std::array<unsigned char, 8> found = {};
+  return file && pread(file.get(), found.data(), found.size(), 0) == static_cast<ssize_t>(found.size()) &&
+         found == kMagic;
 }
 
 }  // namespace
@@ -46,15 +60,22 @@ bool holds_changes(const Member& log) {
   return is_write_ahead_log(log.path) && log.kind == Kind::file && log.size > 0;
 }
 
-std::vector<std::string> logs_with_changes() {
-  std::vector<std::string> found;
+std::vector<std::string> warnings_of_logs() {
+  std::vector<std::string> warnings;
   for (const std::string& log : database_logs()) {
     const std::string path = config_directory() + log;
     struct stat status = {};
-    if (!is_write_ahead_log(log) || lstat(path.c_str(), &status) != 0) continue;
-    if (S_ISREG(status.st_mode) && status.st_size > 0) found.push_back(path);
+    const bool is_file = lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    if (!is_file || status.st_size == 0) continue;
+    if (is_write_ahead_log(log)) {
+      warnings.push_back(printable(path) +
+                         ": the database has changes in this file that the snapshot does not hold");
+    } else if (is_in_use(path)) {
+      warnings.push_back(printable(path) +
+                         ": a transaction has not ended; the snapshot may hold a part of it");
+    }
   }
-  return found;
+  return warnings;
 }
 
 }  // namespace ConfSave::snapshots

@@ -21,7 +21,7 @@ std::string log_slot(const std::string& slot, const std::string& log);
 /// Whether `log` has changes that the database does not have yet, and no snapshot holds.
 bool holds_changes(const Member& log);
 
-/// The paths of the logs below the live configuration that hold changes.
-std::vector<std::string> logs_with_changes();
+/// What the logs of the live configuration mean for a snapshot that is made now: a sentence each.
+std::vector<std::string> warnings_of_logs();
 
 }  // namespace ConfSave::snapshots

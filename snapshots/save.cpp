@@ -178,10 +178,7 @@ class Saving {
   }
 
   void warn_of_logs() {
-    for (const std::string& log : logs_with_changes()) {
-      saved_.warnings.push_back(printable(log) +
-                                ": the database has changes in this file that the snapshot does not hold");
-    }
+    for (std::string& warning : warnings_of_logs()) saved_.warnings.push_back(std::move(warning));
   }
 
   Error store(Proven& proven) {

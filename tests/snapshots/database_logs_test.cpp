@@ -139,6 +139,18 @@ TEST_F(DatabaseLogs, ThoseWithChangesAreNotLost) {
   EXPECT_EQ(everything(true), before_);
 }
 
+TEST_F(DatabaseLogs, ASaveSaysThatATransactionHasNotEnded) {
+  const auto warnings = [this] { return saved("now", overwrite()).warnings; };
+  write_file(file("-journal"), std::string(600, '\0'));
+  EXPECT_EQ(warnings(), Texts());
+  shell("rm " + file("-journal"));
+  die_in_a_transaction("delete");
+  EXPECT_EQ(warnings(),
+            Texts{file("-journal") + ": a transaction has not ended; the snapshot may hold a part of it"});
+  EXPECT_EQ(rows(), "ok: live 900");
+  EXPECT_EQ(warnings(), Texts());
+}
+
 TEST_F(DatabaseLogs, OneThatComesMeanwhileEndsTheRestore) {
   cs::RestoreOptions options = without_keeping();
   options.progress = [this](const cs::Progress& progress) {
