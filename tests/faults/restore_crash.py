@@ -24,6 +24,7 @@ from system_calls import record
 
 STAGING = ".confsave-restore-"
 NEW, OLD = 1_600_000_000, 1_500_000_000
+LOG = "of a transaction on the new database\n"
 # SQLite deletes a journal when its file is written the next time.
 LEFT = {"storage.db", "storage.db-journal", "storage.db-reserve", "notes.db", "notes.db-journal",
         "confsave.lock", "restore.db", "restore.db-journal", "restore.lock"}
@@ -306,6 +307,36 @@ def begin(gateway, scenario):
     return Operation(gateway, recorder, before, after)
 
 
+class BesideALog(Operation):
+    """A recovery that finds a journal of the new database, which the old one must never meet."""
+
+    def judge(self, numbers, outcome):
+        tree, _ = read_tree(self.gateway.roots, numbers)
+        found = described(self.live, tree, True)
+        aside = {path: seen for path, seen in found.items() if STAGING in path}
+        wrong = difference(described(self.live, self.before, True),
+                           {path: seen for path, seen in found.items() if path not in aside})
+        require(not wrong, "not the files of before:", wrong)
+        require(LOG.encode() in [seen[3] for seen in aside.values()], "the journal is lost:", aside)
+        self.judge_state(False)
+        return 0
+
+
+def beside_a_log(operation):
+    """All files are exchanged, and a program that has opened the new database was killed."""
+    disk = Disk(operation.recorder.start, operation.recorder.system_of)
+    moves = [number for number, event in enumerate(operation.events) if is_move(event)]
+    for event in operation.events[:moves[-1] + 1]:
+        disk.do(event)
+    gateway, numbers = operation.gateway, write_tree(disk.after_power_cut(list(disk.pending)))
+    (gateway.config / "user/config.db-journal").write_text(LOG)
+    recorder = record(gateway, gateway.roots, "typed-recover", numbers=numbers,
+                      prefix=gateway.with_numbers(numbers))
+    result = BesideALog(gateway, recorder, operation.before, operation.after)
+    result.outcome = result.judge(numbers, None)
+    return result
+
+
 def recovery(operation, source, when):
     """The record of a recovery from a power cut before (0), during (1) or after (2) the exchange."""
     disk = Disk(operation.recorder.start, operation.recorder.system_of)
@@ -395,6 +426,14 @@ class Total:
                 f"syncs left out and noticed, {self.missed} not needed alone")
 
 
+def add_recovery_beside_a_log(gateway, source, recoveries, *effort):
+    """Its first syncs are those of the move of the journal, in both directories."""
+    log = beside_a_log(begin(gateway, "everything")).explore(source, *effort)
+    left_out = log.leave_out(source, log.syncs(True)[:2])
+    require(left_out == (2, 0), "nothing shows that the move of a journal is not synced")
+    recoveries.add(log, left_out)
+
+
 def in_full(gateway, source, restores, recoveries):
     effort = (1, 1, ()), (1, 0, (0.2, 0.5, 0.8, 0.95)), (1, 0, (0.5, 0.9))
     for scenario in SCENARIOS:
@@ -403,6 +442,7 @@ def in_full(gateway, source, restores, recoveries):
         for when in (0, 1, 1, 1, 2, 2):
             second = recovery(restore, source, when).explore(source, *effort)
             recoveries.add(second, second.leave_out(source, second.syncs(True)))
+    add_recovery_beside_a_log(gateway, source, recoveries, *effort)
 
 
 def in_short(gateway, source, restores, recoveries):
@@ -412,6 +452,7 @@ def in_short(gateway, source, restores, recoveries):
     restores.add(restore, restore.leave_out(source, [source.choice(staged)]))
     for when in (1, 2):
         recoveries.add(recovery(restore, source, when).explore(source, (0.15, 0.02, (0.5,))))
+    add_recovery_beside_a_log(gateway, source, recoveries, (0.15, 0.02, (0.5,)))
 
 
 def campaign(program, full, source):
