@@ -427,10 +427,12 @@ class Total:
 
 
 def add_recovery_beside_a_log(gateway, source, recoveries, *effort):
-    """Its first syncs are those of the move of the journal, in both directories."""
+    """The move of the journal is synced in both directories before anything else moves."""
     log = beside_a_log(begin(gateway, "everything")).explore(source, *effort)
-    left_out = log.leave_out(source, log.syncs(True)[:2])
-    require(left_out == (2, 0), "nothing shows that the move of a journal is not synced")
+    syncs = log.syncs(True)
+    last_move = max(number for number, event in enumerate(log.events) if is_move(event))
+    left_out = log.leave_out(source, [number for number in syncs if number < last_move])
+    require(left_out == (2, 0), "the move of a journal has", left_out, "syncs that are needed, and not")
     recoveries.add(log, left_out)
 
 
