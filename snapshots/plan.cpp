@@ -204,8 +204,8 @@ class Planning {
       }
       if (holds_changes(live->second.member)) {
         return {Code::failed, 0, printable(file),
-                "the database has changes in this file that no snapshot holds; end the programs that use "
-                "it, which writes them into the database, or move this file away"};
+                "the database has changes in this file that no snapshot holds; end its programs and open "
+                "it once with sqlite3, which writes them into it, or move this file away"};
       }
       remove(file, live->second);
     }
