@@ -28,12 +28,11 @@ struct flock whole_file() {
 Result<CheckOwner> CheckOwner::become(const Snapshot& snapshot) {
   const std::string path = owner_file();
   constexpr mode_t kMode = S_IRUSR | S_IWUSR;
-  constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+  constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_CLOEXEC;
   // The host runs its check while this is open.
-  Descriptor file = beside_streams(Descriptor(open(path.c_str(), kFlags, kMode)));
+  Descriptor file = beside_streams(Descriptor(open_or_make(path, kFlags)));
   struct stat status = {};
   if (!file || fstat(file.get(), &status) != 0) return system_error(path);
-  share_with_owner(file.get());
   // Whatever the umask, its owner can open it again.
   if ((status.st_mode & kMode) != kMode && fchmod(file.get(), kMode) != 0) return system_error(path);
   struct flock lock = whole_file();

@@ -16,49 +16,56 @@ namespace ConfSave::snapshots {
 namespace {
 
 constexpr const char* kWriteAheadLog = "-wal";
+constexpr const char* kIndex = "-shm";
 
-bool is_write_ahead_log(const std::string& path) {
-  const std::string end = kWriteAheadLog;
+bool ends_with(const std::string& path, const std::string& end) {
   return path.size() > end.size() && path.compare(path.size() - end.size(), end.size(), end) == 0;
 }
 
+bool is_write_ahead_log(const std::string& path) { return ends_with(path, kWriteAheadLog); }
+
 /// Whether SQLite would roll this journal back. One that is kept for the next transaction has no header.
-bool is_in_use(const std::string& journal) {
+bool is_in_use(int directory, const std::string& journal) {
   constexpr std::array<unsigned char, 8> kMagic = {0xd9, 0xd5, 0x05, 0xf9, 0x20, 0xa1, 0x63, 0xd7};
-  const Descriptor file(open(journal.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const Descriptor file(openat(directory, journal.c_str(), flags));
   std::array<unsigned char, 8> found = {};
-  return file && pread(file.get(), found.data(), found.size(), 0) == static_cast<ssize_t>(found.size()) &&
-         found == kMagic;
+  const auto size = static_cast<ssize_t>(found.size());
+  return !file || (pread(file.get(), found.data(), found.size(), 0) == size && found == kMagic);
 }
 
 }  // namespace
 
-std::vector<std::string> database_logs() {
+std::vector<std::string> logs_of(const std::string& path) {
   const std::vector<std::string> packed = packed_database_files("");
-  std::vector<std::string> logs;
-  for (const std::string& file : database_files("")) {
-    if (!is_database_file(file)) logs.push_back(file);
-  }
-  for (const std::string& file : packed) {
-    for (const char* end : {"-journal", kWriteAheadLog, "-shm"}) logs.push_back(file + end);
-  }
-  std::sort(logs.begin(), logs.end());
-  logs.erase(std::unique(logs.begin(), logs.end()), logs.end());
-  return logs;
+  if (std::find(packed.begin(), packed.end(), path) == packed.end()) return {};
+  return {path + "-journal", path + kWriteAheadLog, path + kIndex};
 }
 
-bool is_database_file(const std::string& path) {
-  const std::vector<std::string> packed = packed_database_files("");
-  return std::find(packed.begin(), packed.end(), path) != packed.end();
+std::vector<std::string> database_logs() {
+  std::vector<std::string> all;
+  for (const std::string& file : packed_database_files("")) {
+    for (std::string& log : logs_of(file)) all.push_back(std::move(log));
+  }
+  return all;
 }
 
 std::string log_slot(const std::string& slot, const std::string& log) {
   return slot + "." + log.substr(log.rfind('/') + 1);
 }
 
-bool holds_changes(const Member& log) {
-  return is_write_ahead_log(log.path) && log.kind == Kind::file && log.size > 0;
+bool is_spent(int directory, const std::string& name, const std::string& log) {
+  const std::vector<std::string> logs = database_logs();
+  struct stat status = {};
+  const bool is_there = std::find(logs.begin(), logs.end(), log) != logs.end() &&
+                        fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+  if (!is_there || !S_ISREG(status.st_mode)) return false;
+  // The index is not opened: closing it would release the locks that SQLite has on it in this process.
+  if (status.st_size == 0 || ends_with(log, kIndex)) return true;
+  return !is_write_ahead_log(log) && !is_in_use(directory, name);
 }
+
+bool holds_changes(const std::string& log, int64 size) { return is_write_ahead_log(log) && size > 0; }
 
 std::vector<std::string> warnings_of_logs() {
   std::vector<std::string> warnings;
@@ -66,14 +73,11 @@ std::vector<std::string> warnings_of_logs() {
     const std::string path = config_directory() + log;
     struct stat status = {};
     const bool is_file = lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-    if (!is_file || status.st_size == 0) continue;
-    if (is_write_ahead_log(log)) {
-      warnings.push_back(printable(path) +
-                         ": the database has changes in this file that the snapshot does not hold");
-    } else if (is_in_use(path)) {
-      warnings.push_back(printable(path) +
-                         ": a transaction has not ended; the snapshot may hold a part of it");
-    }
+    if (!is_file || is_spent(AT_FDCWD, path, log)) continue;
+    warnings.push_back(printable(path) +
+                       (is_write_ahead_log(log)
+                            ? ": the database may have changes in this file that the snapshot does not hold"
+                            : ": a transaction has not ended; the snapshot may hold a part of it"));
   }
   return warnings;
 }

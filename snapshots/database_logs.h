@@ -3,23 +3,27 @@
 #include <string>
 #include <vector>
 
-#include "snapshots/tree.h"
+#include "confsave.h"
 
 namespace ConfSave::snapshots {
 
-/// What SQLite keeps beside the configuration database while it is in use, relative to the directory of the
-/// configuration: rollback journals, write-ahead logs and their indexes. Whatever database is there is
-/// changed by them when it is opened next.
-std::vector<std::string> database_logs();
+/// What SQLite keeps beside a database while it is in use: the rollback journal, the write-ahead log and
+/// its index. Whatever database is there is changed by them when it is opened next. Only for a file of the
+/// configuration database; none for other paths. All are relative to the directory of the configuration.
+std::vector<std::string> logs_of(const std::string& path);
 
-/// Whether this is a file of the configuration database itself. `path` is relative.
-bool is_database_file(const std::string& path);
+/// Those of all files of the configuration database.
+std::vector<std::string> database_logs();
 
 /// The name in a staging directory of a log that is set aside when the database goes to the slot `slot`.
 std::string log_slot(const std::string& slot, const std::string& log);
 
-/// Whether `log` has changes that the database does not have yet, and no snapshot holds.
-bool holds_changes(const Member& log);
+/// Whether nothing is lost with `log`, which is called `name` in `directory`: SQLite would not read it, or
+/// would make it anew. False of what is no log.
+bool is_spent(int directory, const std::string& name, const std::string& log);
+
+/// Whether changes are in `log`, of `size` bytes, that the database may not have yet.
+bool holds_changes(const std::string& log, int64 size);
 
 /// What the logs of the live configuration mean for a snapshot that is made now: a sentence each.
 std::vector<std::string> warnings_of_logs();

@@ -9,6 +9,7 @@
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
+#include "snapshots/database_logs.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/exchange.h"
 #include "snapshots/notes.h"
@@ -38,6 +39,9 @@ Identities find_edited(const Record& record, std::vector<Site>& sites) {
     const Identity now = *found ? identity_of(**found) : Identity();
     const bool is_as_put = is_unchanged(now, step.after) && has_attributes(**found, step.fresh);
     if (S_ISDIR(now.kind) || is_as_put || is_same_file(now, step.before)) continue;
+    const Result<int> parent = sites[step.root].beneath.directory(parent_of(step.path));
+    // A journal that is kept for the next transaction holds nothing.
+    if (parent && is_spent(*parent, name_of(step.path), step.path)) continue;
     if (now.exists() || step.after.exists()) edited[number] = now;
   }
   return edited;

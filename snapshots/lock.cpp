@@ -22,8 +22,8 @@ std::string lock_file() { return state_directory() + "/confsave.lock"; }
 
 /// Not closed on exec, so that the commands of a killed process keep the lock.
 Result<Descriptor> open_file(const std::string& path) {
-  constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  Descriptor file = beside_streams(Descriptor(open(path.c_str(), kFlags, kMode)), F_DUPFD);
+  constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  Descriptor file = beside_streams(Descriptor(open_or_make(path, kFlags)), F_DUPFD);
   if (!file) {
     Error error = system_error(path);
     if (error.number == ENOENT) error.code = Code::no_storage;
@@ -32,7 +32,6 @@ Result<Descriptor> open_file(const std::string& path) {
   struct stat status = {};
   if (fstat(file.get(), &status) != 0) return system_error(path);
   if (!S_ISREG(status.st_mode)) return Error{Code::failed, 0, path, "this is not a regular file"};
-  share_with_owner(file.get());
   // Whatever the umask, its owner can open it again.
   if ((status.st_mode & kMode) != kMode && fchmod(file.get(), kMode) != 0) return system_error(path);
   return file;

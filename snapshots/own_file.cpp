@@ -21,6 +21,14 @@ bool is_same(const char* one, const char* other) {
          first.st_ino == second.st_ino;
 }
 
+/// Who owns the state directory could not open what root makes there.
+void share_with_owner(int file) {
+  struct stat state = {};
+  if (geteuid() != 0 || stat((state_directory() + "/").c_str(), &state) != 0 || state.st_uid == 0) return;
+  // Some file systems know no owners: everybody can open the file there.
+  if (fchown(file, state.st_uid, state.st_gid) != 0) errno = 0;
+}
+
 }  // namespace
 
 Error make_own_file(const std::string& file) {
@@ -39,13 +47,11 @@ Error make_own_file(const std::string& file) {
   return chmod(file.c_str(), kMode) == 0 ? Error{} : system_error(file);
 }
 
-void share_with_owner(int file) {
-  struct stat made = {};
-  struct stat state = {};
-  if (geteuid() != 0 || fstat(file, &made) != 0 || made.st_uid != 0) return;
-  if (stat((state_directory() + "/").c_str(), &state) != 0 || state.st_uid == 0) return;
-  // Some file systems know no owners: everybody can open the file there.
-  if (fchown(file, state.st_uid, state.st_gid) != 0) errno = 0;
+int open_or_make(const std::string& file, int flags) {
+  constexpr mode_t kMode = S_IRUSR | S_IWUSR;
+  const int made = open(file.c_str(), flags | O_CREAT | O_EXCL, kMode);
+  if (made >= 0) share_with_owner(made);
+  return made >= 0 || errno != EEXIST ? made : open(file.c_str(), flags | O_CREAT, kMode);
 }
 
 bool is_own_file(const std::string& file) {

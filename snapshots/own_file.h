@@ -11,8 +11,8 @@ namespace ConfSave::snapshots {
 /// on it elsewhere in this process.
 Error make_own_file(const std::string& file);
 
-/// Gives a file that root has made in the state directory to the owner of that, who could not open it.
-void share_with_owner(int file);
+/// Opens a file of the state directory, and makes it unless it exists. -1 with errno.
+int open_or_make(const std::string& file, int flags);
 
 /// Whether it is one of the state directory's own files, or has the name of one that is not there: an
 /// export would be taken for the journal.

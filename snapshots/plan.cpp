@@ -48,6 +48,7 @@ class Planning {
     for (const auto& [path, wanted] : plan_.wanted) compare(path, wanted);
     if (in_the_way_.code != Code::ok) return in_the_way_;
     compare_links();
+    if (error = remove_logs(); error.code != Code::ok) return error;
     consider_the_rest();
     for (auto& [path, change] : changes_) plan_.shown.changes.push_back(std::move(change));
     write_steps(plan_);
@@ -102,9 +103,6 @@ class Planning {
       for (const ContentsEntry& entry : contents()) {
         const bool belongs = belongs_to(entry, row_.snapshot.config.type) || entry.holds == Holds::database;
         if (entry.base == column.base && belongs) part.paths.push_back(entry.path);
-      }
-      if (column.base == Base::configuration) {
-        for (std::string& log : database_logs()) part.paths.push_back(std::move(log));
       }
       contents_[column.base] = part.paths;
       for (const auto& [path, wanted] : plan_.wanted) {
@@ -192,22 +190,24 @@ class Planning {
 
   /// None of its files stays that the snapshot does not have: they belong together.
   Error remove_database() {
-    std::vector<std::string> files = packed_database_files("");
-    for (std::string& log : database_logs()) files.push_back(std::move(log));
-    for (const std::string& name : files) {
-      const std::string file = destinations_.configuration + name;
+    for (const std::string& file : database_files(destinations_.configuration)) {
       const auto live = plan_.live.find(file);
       if (live == plan_.live.end() || plan_.wanted.count(file) != 0) continue;
       if (live->second.member.kind == Kind::directory) {
         return {Code::unsafe, EISDIR, printable(file),
                 "a directory is in the place of a file of the configuration database"};
       }
-      if (holds_changes(live->second.member)) {
-        return {Code::failed, 0, printable(file),
-                "the database has changes in this file that no snapshot holds; end its programs and open "
-                "it once with sqlite3, which writes them into it, or move this file away"};
-      }
       remove(file, live->second);
+    }
+    return {};
+  }
+
+  /// A database that changes loses the logs of the one that was there.
+  Error remove_logs() {
+    Result<std::map<std::string, LiveMember>> logs = find_logs(destinations_.configuration, changes_);
+    if (!logs) return logs.error();
+    for (const auto& [path, log] : *logs) {
+      if (plan_.wanted.count(path) == 0) remove(path, plan_.live[path] = log);
     }
     return {};
   }

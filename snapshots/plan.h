@@ -39,6 +39,11 @@ struct DetailedPlan {
 Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, const Deadline& deadline,
                                std::size_t room = 0);
 
+/// The logs of those files of the configuration database in `directory` that `changes` name. Code::failed
+/// if one holds changes that the database does not have yet: no snapshot has them.
+Result<std::map<std::string, LiveMember>> find_logs(const std::string& directory,
+                                                    const std::map<std::string, PlannedChange>& changes);
+
 /// Turns the changes of `plan` into steps. Adds those that links take.
 void write_steps(DetailedPlan& plan);
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "snapshots/archive_path.h"
+#include "snapshots/beneath.h"
 #include "snapshots/database_logs.h"
 #include "snapshots/digest.h"
 #include "snapshots/plan.h"
@@ -101,14 +102,13 @@ void replace_logs(DetailedPlan& plan) {
   const std::string& directory = plan.directories.front();
   std::set<std::string> changed;
   for (const PlannedChange& change : plan.shown.changes) changed.insert(change.difference.path);
-  const bool is_needed = std::any_of(changed.begin(), changed.end(), [&](const std::string& path) {
-    return begins_with(path, directory) && is_database_file(path.substr(directory.size()));
-  });
-  if (!is_needed) return;
-  for (const std::string& log : database_logs()) {
-    const auto wanted = plan.wanted.find(directory + log);
-    if (wanted == plan.wanted.end() || changed.count(wanted->first) != 0) continue;
-    replace(plan, wanted->first, wanted->second);
+  for (const std::string& path : changed) {
+    if (!begins_with(path, directory)) continue;
+    for (const std::string& log : logs_of(path.substr(directory.size()))) {
+      const auto wanted = plan.wanted.find(directory + log);
+      if (wanted == plan.wanted.end() || changed.count(wanted->first) != 0) continue;
+      replace(plan, wanted->first, wanted->second);
+    }
   }
 }
 
@@ -125,7 +125,42 @@ Digest digest_of_stamps(const std::vector<PlannedStep>& steps) {
   return sha256.finish();
 }
 
+LiveMember live_log(const std::string& path, const struct stat& status) {
+  LiveMember log;
+  log.member.path = path;
+  log.member.mode = status.st_mode & 07777U;
+  log.member.uid = status.st_uid;
+  log.member.gid = status.st_gid;
+  log.member.size = status.st_size;
+  log.member.time = status.st_mtim.tv_sec;
+  log.stamp = stamp_of(status);
+  return log;
+}
+
 }  // namespace
+
+Result<std::map<std::string, LiveMember>> find_logs(const std::string& directory,
+                                                    const std::map<std::string, PlannedChange>& changes) {
+  std::map<std::string, LiveMember> logs;
+  for (const auto& [file, change] : changes) {
+    if (!begins_with(file, directory)) continue;
+    for (const std::string& log : logs_of(file.substr(directory.size()))) {
+      Result<Beneath> beneath = Beneath::open(directory);
+      if (!beneath) return beneath.error();
+      const Result<std::optional<struct stat>> found = beneath->look(log);
+      if (!found) return found.error();
+      if (!*found || !S_ISREG((*found)->st_mode)) continue;
+      if (holds_changes(log, (*found)->st_size)) {
+        return Error{
+            Code::failed, 0, beneath->shown(log),
+            "the database may have changes in this file that no snapshot holds; end its programs and "
+            "open it once with sqlite3, which writes them into it, or move this file away"};
+      }
+      logs[directory + log] = live_log(directory + log, **found);
+    }
+  }
+  return logs;
+}
 
 // What is in a directory goes before the directory, and comes after it; its attributes come last, because
 // it must be open to its owner until then.

@@ -93,13 +93,13 @@ Error check_room(const Beneath& beneath, std::uint64_t needed) {
 /// A log that has come since belongs to a transaction on the database that goes.
 Error check_logs(const DetailedPlan& plan, std::vector<Site>& sites) {
   for (const PlannedStep& step : plan.steps) {
-    if (!is_database_file(step.step.path)) continue;
     Beneath& beneath = sites[step.step.root].beneath;
-    for (const std::string& log : database_logs()) {
+    for (const std::string& log : logs_of(step.step.path)) {
       const Result<std::optional<struct stat>> found = beneath.look(log);
       if (!found) return found.error();
-      if (*found && plan.live.count(beneath.path() + log) == 0)
-        return changed_meanwhile(beneath.shown(log));
+      const bool is_new =
+          *found && S_ISREG((*found)->st_mode) && plan.live.count(beneath.path() + log) == 0;
+      if (is_new) return changed_meanwhile(beneath.shown(log));
     }
   }
   return {};
@@ -145,14 +145,19 @@ Error check_sites(std::vector<Site>& sites, const DetailedPlan& plan) {
 Error check_way_back(std::vector<Site>& sites, const std::vector<Step>& steps) {
   for (const Step& step : steps) {
     Site& site = sites[step.root];
+    const Result<std::optional<struct stat>> now = site.beneath.look(step.path);
+    const bool is_back = now && *now && is_same_file(identity_of(**now), step.before);
+    if (is_back && step.what != Step::What::attributes) continue;
     const Result<int> parent = site.beneath.directory(parent_of(step.path));
     // The undo names it, unless it finds the file of before.
     if (!parent) continue;
     if (!may_access(".", W_OK, *parent) && errno == EROFS) return site.beneath.failure(step.path, EROFS);
     const std::string above = parent_of(step.path);
-    const std::tuple<int, std::string, std::string> files[] = {{site.staging.get(), "", site.name},
-                                                               {*parent, "", above},
-                                                               {*parent, name_of(step.path), step.path}};
+    std::vector<std::tuple<int, std::string, std::string>> files = {
+        {site.staging.get(), "", site.name},
+        {*parent, "", above},
+        {*parent, name_of(step.path), step.path}};
+    for (const std::string& log : logs_of(step.path)) files.emplace_back(*parent, name_of(log), log);
     for (const auto& [directory, name, path] : files) {
       struct statx file = {};
       const int flags = AT_SYMLINK_NOFOLLOW | (name.empty() ? AT_EMPTY_PATH : 0);

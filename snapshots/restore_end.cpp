@@ -30,8 +30,8 @@ bool is_below(const std::string& path, const std::string& directory) {
 bool depends(const Step& step, const Step& other) {
   if (other.root != step.root) return false;
   if (is_below(other.path, step.path) || is_below(step.path, other.path)) return true;
-  const std::vector<std::string> logs = database_logs();
-  return is_database_file(other.path) && std::find(logs.begin(), logs.end(), step.path) != logs.end();
+  const std::vector<std::string> logs = logs_of(other.path);
+  return std::find(logs.begin(), logs.end(), step.path) != logs.end();
 }
 
 }  // namespace
@@ -119,7 +119,8 @@ Error confirm_record(Journal& journal, const Record& record, std::vector<Site>& 
                      std::optional<ExclusiveStorage>& storage, std::vector<std::string>& warnings) {
   Error stamped;
   if (!storage) {
-    stamped = {Code::no_storage, 0, storage_file(), "it cannot be opened, or another process uses it"};
+    stamped = {Code::no_storage, 0, storage_file(),
+               "the storage cannot be opened, or another process uses it"};
   } else if (record.load_time != 0) {
     stamped = storage->stamp(record.snapshot, record.load_time);
   }

@@ -21,12 +21,12 @@ bool Exchange::is_of_a_step(std::size_t root, const std::string& path, const Ide
 /// The database of before would be changed by the logs of the one that goes: they are gone, durably, before
 /// it comes back.
 Error Exchange::set_logs_aside(const Step& step, const Slot& slot) {
-  if (!is_database_file(step.path)) return {};
   Beneath& beneath = sites_[step.root].beneath;
-  for (const std::string& log : database_logs()) {
+  for (const std::string& log : logs_of(step.path)) {
     const Result<std::optional<struct stat>> found = beneath.look(log);
     if (!found) return found.error();
-    if (!*found || is_of_a_step(step.root, log, identity_of(**found))) continue;
+    if (!*found || !S_ISREG((*found)->st_mode) || is_of_a_step(step.root, log, identity_of(**found)))
+      continue;
     const Result<int> parent = beneath.directory(parent_of(log));
     if (!parent) return parent.error();
     std::string name = log_slot(slot.name, log);

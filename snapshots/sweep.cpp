@@ -59,12 +59,13 @@ Error Exchange::sweep_slot(std::size_t number, std::vector<Left>& left) {
     if (flags != 0 && is_same_file(found, step.after)) empty_staged(number, name);
     if (is_known && unlinkat(slot.staging, name.c_str(), flags) == 0) continue;
     if (is_known && !is_occupied(errno)) return beneath.failure(path, errno);
+    if (is_spent(slot.staging, name, step.path) && unlinkat(slot.staging, name.c_str(), 0) == 0) continue;
     left.push_back({beneath.shown(path), beneath.shown(step.path)});
   }
-  if (!is_database_file(step.path)) return {};
-  for (const std::string& log : database_logs()) {
+  for (const std::string& log : logs_of(step.path)) {
     const std::string name = log_slot(slot.name, log);
     if (!look(slot.staging, name).exists()) continue;
+    if (is_spent(slot.staging, name, log) && unlinkat(slot.staging, name.c_str(), 0) == 0) continue;
     left.push_back({beneath.shown(sites_[step.root].name + "/" + name), beneath.shown(log)});
   }
   return {};

@@ -24,7 +24,8 @@ from system_calls import record
 
 STAGING = ".confsave-restore-"
 NEW, OLD = 1_600_000_000, 1_500_000_000
-LOG = "of a transaction on the new database\n"
+# As it begins, SQLite would roll it back.
+LOG = b"\xd9\xd5\x05\xf9\x20\xa1\x63\xd7 and a transaction on the new database"
 # SQLite deletes a journal when its file is written the next time.
 LEFT = {"storage.db", "storage.db-journal", "storage.db-reserve", "notes.db", "notes.db-journal",
         "confsave.lock", "restore.db", "restore.db-journal", "restore.lock"}
@@ -317,7 +318,7 @@ class BesideALog(Operation):
         wrong = difference(described(self.live, self.before, True),
                            {path: seen for path, seen in found.items() if path not in aside})
         require(not wrong, "not the files of before:", wrong)
-        require(LOG.encode() in [seen[3] for seen in aside.values()], "the journal is lost:", aside)
+        require(LOG in [seen[3] for seen in aside.values()], "the journal is lost:", aside)
         self.judge_state(False)
         return 0
 
@@ -329,7 +330,7 @@ def beside_a_log(operation):
     for event in operation.events[:moves[-1] + 1]:
         disk.do(event)
     gateway, numbers = operation.gateway, write_tree(disk.after_power_cut(list(disk.pending)))
-    (gateway.config / "user/config.db-journal").write_text(LOG)
+    (gateway.config / "user/config.db-journal").write_bytes(LOG)
     recorder = record(gateway, gateway.roots, "typed-recover", numbers=numbers,
                       prefix=gateway.with_numbers(numbers))
     result = BesideALog(gateway, recorder, operation.before, operation.after)

@@ -67,7 +67,7 @@ TEST_F(DatabaseLogs, ThoseOfADatabaseThatGoesDoNotChangeTheOneThatComesBack) {
   const struct {
     std::string mode;
     Texts logs;
-  } cases[] = {{"delete", {".config.db-journal"}}, {"wal", {".config.db-shm", ".config.db-wal"}}};
+  } cases[] = {{"delete", {".config.db-journal"}}, {"wal", {".config.db-wal"}}};
   for (const auto& c : cases) {
     load(windowed());
     die_in_a_transaction(c.mode);
@@ -93,6 +93,22 @@ TEST_F(DatabaseLogs, ACheckThatFailsLeavesNone) {
   EXPECT_EQ(refused(options).code, Code::check_failed);
   EXPECT_EQ(rows(), "ok: live 900");
   EXPECT_EQ(set_aside(), Texts{".config.db-journal"});
+}
+
+/// A gateway may keep its journal for the next transaction.
+TEST_F(DatabaseLogs, OneThatHoldsNothingIsNotKept) {
+  for (const char* mode : {"truncate", "persist"}) {
+    write_file(file("-journal"), "");
+    before_ = everything(true);
+    load(windowed());
+    shell("sqlite3 " + file() + " 'pragma journal_mode=" + mode +
+          "; insert into t (v) values (0)' >/dev/null");
+    ASSERT_TRUE(exists(file("-journal"))) << mode;
+    EXPECT_EQ(reverted().warnings, Texts());
+    EXPECT_EQ(everything(true), before_) << mode;
+    EXPECT_EQ(rows(), "ok: live 900");
+    EXPECT_EQ(staging_directories(), Texts());
+  }
 }
 
 TEST_F(DatabaseLogs, TheOneOfBeforeComesBackWithItsDatabase) {
@@ -121,22 +137,45 @@ TEST_F(DatabaseLogs, WithoutChangesTheyGoWithTheirDatabase) {
 
 /// A restore would lose them: neither this snapshot nor one that is kept has them.
 TEST_F(DatabaseLogs, ThoseWithChangesAreNotLost) {
-  load(without_keeping());
-  before_ = everything(true);
   write_file(file("-wal"), "changes");
   const cs::Error error = refused();
   EXPECT_EQ(error.path, file("-wal"));
-  EXPECT_EQ(error.text.find("the database has changes in this file that no snapshot holds"), 0U);
+  EXPECT_EQ(error.text.find("the database may have changes in this file that no snapshot holds"), 0U);
   EXPECT_EQ(error.aftermath, cs::Aftermath::untouched);
   for (const cs::SaveOptions& options : {overwrite(), if_changed()}) {
-    const auto saved = cs::save({options.overwrite ? "weekly" : "newer"}, options);
+    const auto saved = cs::save({"now"}, options);
     ASSERT_TRUE(saved);
-    EXPECT_EQ(
-        saved->warnings,
-        Texts{file("-wal") + ": the database has changes in this file that the snapshot does not hold"});
+    EXPECT_EQ(saved->warnings,
+              Texts{file("-wal") +
+                    ": the database may have changes in this file that the snapshot does not hold"});
   }
   shell("rm " + file("-wal"));
   EXPECT_EQ(everything(true), before_);
+}
+
+/// They belong to it, and not to another file of the configuration database.
+TEST_F(DatabaseLogs, ThoseOfADatabaseThatStaysStay) {
+  load(without_keeping());
+  write_file(config("user/config.idx"), "changed\n");
+  before_ = everything(true);
+  cs::RestoreOptions options = exactly();
+  options.keep = false;
+  options.confirm_within = 60s;
+  options.program = waiter();
+  const std::string inode = described(file(), true);
+  load(options);
+  EXPECT_EQ(described(file(), true), inode);
+  die_in_a_transaction("delete");
+  EXPECT_EQ(reverted().kept, "");
+  EXPECT_TRUE(exists(file("-journal")));
+  EXPECT_EQ(rows(), "ok: save 300");
+  // That has rolled the transaction back, and set the time of the database.
+  load(without_keeping());
+  write_file(config("user/config.idx"), "changed\n");
+  write_file(file("-wal"), "");
+  write_file(file("-shm"), "index");
+  restored(exactly());
+  EXPECT_TRUE(exists(file("-wal")) && exists(file("-shm")));
 }
 
 TEST_F(DatabaseLogs, ASaveSaysThatATransactionHasNotEnded) {

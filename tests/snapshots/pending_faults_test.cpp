@@ -83,7 +83,7 @@ TEST_F(PendingFaults, AConfirmationDoesNotNeedTheStorage) {
     ASSERT_TRUE(confirmed) << shown(confirmed.error());
     ASSERT_EQ(confirmed->warnings.size(), 1U);
     EXPECT_EQ(confirmed->warnings[0],
-              "the load time is not stored: it cannot be opened, or another process uses it");
+              "the load time is not stored: the storage cannot be opened, or another process uses it");
     const auto status = cs::status();
     ASSERT_TRUE(status);
     const auto is_told = [](const cs::Attention& attention) {
