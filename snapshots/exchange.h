@@ -91,6 +91,7 @@ class Exchange {
   Error foreign_file(const Step& step, const std::string& slot) const;
   bool is_moved_away(std::size_t root, const std::string& directory) const;
   void empty_staged(std::size_t number, const std::string& name);
+  void sweep_logs(const Step& step, const Slot& slot, std::vector<Left>& left) const;
   Error sweep_slot(std::size_t number, std::vector<Left>& left);
   static Error sweep_numbers(Site& site);
   void touch(const Step& step);

@@ -45,6 +45,16 @@ void Exchange::empty_staged(std::size_t number, const std::string& name) {
   }
 }
 
+void Exchange::sweep_logs(const Step& step, const Slot& slot, std::vector<Left>& left) const {
+  const Beneath& beneath = sites_[step.root].beneath;
+  for (const std::string& log : logs_of(step.path)) {
+    const std::string name = log_slot(slot.name, log);
+    if (!look(slot.staging, name).exists()) continue;
+    if (is_spent(slot.staging, name, log) && unlinkat(slot.staging, name.c_str(), 0) == 0) continue;
+    left.push_back({beneath.shown(sites_[step.root].name + "/" + name), beneath.shown(log)});
+  }
+}
+
 Error Exchange::sweep_slot(std::size_t number, std::vector<Left>& left) {
   const Step& step = steps_[number];
   const Slot slot = slot_of(number);
@@ -62,12 +72,7 @@ Error Exchange::sweep_slot(std::size_t number, std::vector<Left>& left) {
     if (is_spent(slot.staging, name, step.path) && unlinkat(slot.staging, name.c_str(), 0) == 0) continue;
     left.push_back({beneath.shown(path), beneath.shown(step.path)});
   }
-  for (const std::string& log : logs_of(step.path)) {
-    const std::string name = log_slot(slot.name, log);
-    if (!look(slot.staging, name).exists()) continue;
-    if (is_spent(slot.staging, name, log) && unlinkat(slot.staging, name.c_str(), 0) == 0) continue;
-    left.push_back({beneath.shown(sites_[step.root].name + "/" + name), beneath.shown(log)});
-  }
+  sweep_logs(step, slot, left);
   return {};
 }
 

@@ -179,7 +179,7 @@ TEST_F(DatabaseLogs, ThoseOfADatabaseThatStaysStay) {
 }
 
 TEST_F(DatabaseLogs, ASaveSaysThatATransactionHasNotEnded) {
-  const auto warnings = [this] { return saved("now", overwrite()).warnings; };
+  const auto warnings = [] { return saved("now", overwrite()).warnings; };
   write_file(file("-journal"), std::string(600, '\0'));
   EXPECT_EQ(warnings(), Texts());
   shell("rm " + file("-journal"));
