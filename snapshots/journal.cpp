@@ -8,7 +8,6 @@
 #include "places.h"
 #include "snapshots/access.h"
 #include "snapshots/own_file.h"
-#include "snapshots/stamp.h"
 #include "snapshots/system_error.h"
 
 namespace ConfSave::snapshots {
@@ -43,11 +42,20 @@ Error not_understood(const std::string& why) {
               "the file, else keep both and ask for help"};
 }
 
-/// What cannot be opened is no reason to delete it.
+/// A journal that cannot be opened may be whole: the message must not say that it can be deleted.
 Error not_opened(const Error& error) {
+  if (error.number == 0 && error.path != journal_file()) {
+    return {Code::needs_attention, 0, error.path,
+            error.text + "; move it away, then run 'confsave recover'"};
+  }
   if (error.number == 0) return not_understood(error.text);
   if (!may_access(journal_file(), R_OK)) return system_error(journal_file());
   return {error.code == Code::no_storage ? Code::failed : error.code, error.number, error.path, error.text};
+}
+
+template <class Enum>
+bool is_one_of(Enum last, int64 number) {
+  return number >= 0 && number <= static_cast<int64>(last);
 }
 
 Identity read_identity(const Statement& row, int column) {
@@ -75,19 +83,6 @@ void bind(Statement& statement, const Attributes& attributes) {
 }
 
 }  // namespace
-
-Identity identity_of(const struct stat& status) {
-  const Stamp stamp = stamp_of(status);
-  return {stamp.inode, stamp.size, stamp.modified, status.st_mode & S_IFMT};
-}
-
-bool is_same_file(const Identity& a, const Identity& b) {
-  return a.exists() && a.inode == b.inode && a.kind == b.kind;
-}
-
-bool is_unchanged(const Identity& a, const Identity& b) {
-  return is_same_file(a, b) && (S_ISDIR(a.kind) || (a.size == b.size && a.modified == b.modified));
-}
 
 Result<std::optional<Journal>> Journal::open(std::chrono::milliseconds wait) {
   Result<Database> database = Database::open(journal_file(), wait);
@@ -143,8 +138,9 @@ Error Journal::decide(const std::function<Error()>& change) {
 
 Result<Record> Journal::read_restore(const Statement& row) {
   const int64 state = row.number(0);
-  if (state < 0 || state > static_cast<int64>(State::reverting))
-    return not_understood("the state is unknown");
+  const int64 ending = row.number(12);
+  if (!is_one_of(State::reverting, state)) return not_understood("the state is unknown");
+  if (!is_one_of(Ending::restarted, ending)) return not_understood("the ending is unknown");
   Record record;
   record.state = static_cast<State>(state);
   record.snapshot.id = row.number(1);
@@ -157,7 +153,7 @@ Result<Record> Journal::read_restore(const Statement& row) {
   record.load_time = row.number(8);
   record.author = row.text(9);
   record.window = {row.text(10), row.number(11)};
-  record.ending = static_cast<Ending>(row.number(12));
+  record.ending = static_cast<Ending>(ending);
   return record;
 }
 
@@ -170,25 +166,25 @@ Result<std::optional<Record>> Journal::read() {
   if (found != kLayout) return not_understood("a newer version of ConfSave wrote this file");
   layout->reset();
   if (database_.run("begin").code != Code::ok) return failure();
+  Result<std::optional<Record>> record = read_rows();
+  database_.run("rollback");
+  return record;
+}
+
+Result<std::optional<Record>> Journal::read_rows() {
   Result<Statement> row = database_.prepare(
       "select state, snapshot, name, version, type, saved, keybase, etc, loaded, author, boot, deadline, "
       "ending from restore");
   if (!row) return failure();
   const int code = row->step();
-  if (code != SQLITE_ROW) {
-    database_.run("rollback");
-    if (code == SQLITE_DONE) return std::optional<Record>();
-    return failure();
-  }
-  Result<Record> read = read_restore(*row);
-  if (!read) return read.error();
-  Record record = std::move(*read);
-  row->reset();
-  Error error = read_roots(record);
-  if (error.code == Code::ok) error = read_steps(record);
-  database_.run("rollback");
+  if (code == SQLITE_DONE) return std::optional<Record>();
+  if (code != SQLITE_ROW) return failure();
+  Result<Record> record = read_restore(*row);
+  if (!record) return record.error();
+  Error error = read_roots(*record);
+  if (error.code == Code::ok) error = read_steps(*record);
   if (error.code != Code::ok) return error;
-  return std::optional<Record>(std::move(record));
+  return std::optional<Record>(std::move(*record));
 }
 
 Error Journal::read_roots(Record& record) {
@@ -210,7 +206,9 @@ Error Journal::read_steps(Record& record) {
   int code = rows->step();
   for (; code == SQLITE_ROW; code = rows->step()) {
     Step step;
-    step.what = static_cast<Step::What>(rows->number(0));
+    const int64 what = rows->number(0);
+    if (!is_one_of(Step::What::attributes, what)) return not_understood("a step is unknown");
+    step.what = static_cast<Step::What>(what);
     step.root = static_cast<std::size_t>(rows->number(1));
     step.path = rows->text(2);
     step.before = read_identity(*rows, 3);

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/stat.h>
-
 #include <functional>
 #include <limits>
 #include <map>
@@ -10,26 +8,9 @@
 #include <vector>
 
 #include "snapshots/database.h"
+#include "snapshots/identity.h"
 
 namespace ConfSave::snapshots {
-
-/// Which file something is. Nothing is there if `inode` is 0. Inodes are of the file system of the
-/// directory that is restored into: the number of a device changes from one boot to the next.
-struct Identity {
-  std::uint64_t inode = 0;
-  int64 size = 0;
-  int64 modified = 0;      ///< nanoseconds since the epoch
-  std::uint32_t kind = 0;  ///< the S_IFMT bits
-
-  bool exists() const { return inode != 0; }
-};
-
-Identity identity_of(const struct stat& status);
-
-/// The same file, whatever its content.
-bool is_same_file(const Identity& a, const Identity& b);
-/// The same file with the same content, as far as its size and time can say; of a directory the same one.
-bool is_unchanged(const Identity& a, const Identity& b);
 
 struct Attributes {
   std::uint32_t mode = 0;
@@ -150,6 +131,7 @@ class Journal {
   /// The same after live files have changed: a reader of the journal must not undo a good restore.
   Error decide(const std::function<Error()>& change);
   Error make_tables();
+  Result<std::optional<Record>> read_rows();
   Result<Record> read_restore(const Statement& row);
   Error read_roots(Record& record);
   Error read_steps(Record& record);

@@ -317,9 +317,16 @@ TEST_F(RecoverTest, ARecordThatCannotBeUnderstoodIsLeftAlone) {
   const std::string good = root() + "/good";
   shell("cp " + journal() + " " + good);
   const char* const changes[] = {
-      "sqlite3 restore.db 'pragma user_version = 99'", "sqlite3 restore.db 'update restore set state = 99'",
-      "sqlite3 restore.db 'delete from root'",         "sqlite3 restore.db 'drop table step'",
-      "echo this is no database > restore.db",         "rm restore.db && mkdir restore.db",
+      "sqlite3 restore.db 'pragma user_version = 99'",
+      "sqlite3 restore.db 'update restore set state = 99'",
+      "sqlite3 restore.db 'delete from root'",
+      "sqlite3 restore.db 'drop table step'",
+      "sqlite3 restore.db 'update step set what = 7'",
+      "sqlite3 restore.db 'update restore set ending = 5'",
+      "echo this is no database > restore.db",
+      "rm restore.db && mkdir restore.db",
+      // The page of the table "restore".
+      "dd if=/dev/urandom of=restore.db bs=4096 seek=1 count=1 conv=notrunc status=none",
   };
   for (const char* change : changes) {
     ASSERT_EQ(shell("cd " + state_dir() + " && " + change), 0) << change;
@@ -331,6 +338,20 @@ TEST_F(RecoverTest, ARecordThatCannotBeUnderstoodIsLeftAlone) {
     EXPECT_EQ(everything(true), mixture) << change;
     shell("rm -r " + journal() + " && cp " + good + " " + journal());
   }
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
+/// Whoever deletes the file that a message names must not delete the record of a restore.
+TEST_F(RecoverTest, WhatIsInTheWayOfTheRecordIsNamed) {
+  interrupt(State::prepared);
+  const std::string rollback = journal() + "-journal";
+  shell("rm -f " + rollback + " && mkdir " + rollback);
+  const auto error = not_recovered();
+  EXPECT_EQ(error.code, Code::needs_attention);
+  EXPECT_EQ(error.path, rollback);
+  EXPECT_EQ(error.text, "this is not a regular file; move it away, then run 'confsave recover'");
+  shell("rmdir " + rollback);
   EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
   expect_undone();
 }
