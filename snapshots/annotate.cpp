@@ -22,17 +22,11 @@ Error change_note(const Id& id, const ChangeOptions& options, Change change) {
   if (Error error = recover_first(deadline); error.code != Code::ok && error.code != Code::pending) {
     return error;
   }
-  Query query;
-  query.pattern = literally(id.name);
-  query.version = id.version;
-  query.corlu_config = true;
-  query.wait = deadline.left();
-  // No row has a name that no pattern asks for.
-  if (check_pattern(query.pattern).code != Code::ok) return not_found(id.name);
-  const Result<Snapshot> row = find(query);
+  Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
+  if (!reader) return reader.error();
+  if (!*reader) return not_found(id.name);
+  const Result<Snapshot> row = row_of(**reader, id);
   if (!row) return row.error();
-  // SQLite's glob ends at a NUL byte.
-  if (row->config.name != id.name) return not_found(id.name);
   Result<Notes> notes = Notes::open_to_write(deadline.left());
   if (!notes) return notes.error();
   Error error = notes->change(*row, change);

@@ -63,11 +63,11 @@ std::string value(const std::string& text) {
   const char* const plain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.:/@+,()";
   if (!text.empty() && text.find_first_not_of(plain) == std::string::npos) return text;
   std::string quoted = "\"";
-  for (const char letter : printable(text)) {
-    if (letter == '"') quoted += '\\';
+  for (const char letter : text) {
+    if (letter == '"' || letter == '\\') quoted += '\\';
     quoted += letter;
   }
-  return quoted + '"';
+  return printable(quoted) + '"';
 }
 
 /// The program that has started this one.

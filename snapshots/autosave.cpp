@@ -6,6 +6,7 @@
 #include "snapshots/arguments.h"
 #include "snapshots/audit.h"
 #include "snapshots/boundary.h"
+#include "snapshots/compare.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/lock.h"
 #include "snapshots/summary.h"
@@ -44,6 +45,12 @@ Result<Saved> save_new(const AutosaveOptions& options, const Deadline& deadline)
     Result<Saved> saved = save_under_lock({*name}, how, deadline);
     // A program that does not take "confsave.lock" was faster.
     if (!saved && saved.error().code == Code::taken) continue;
+    // Nobody looks at what is saved every night, and the manifest does not show a damaged archive.
+    const bool is_unchanged = saved && saved->outcome == Saved::Outcome::unchanged;
+    if (is_unchanged && !has_bytes_of_live(saved->snapshot, deadline)) {
+      how.if_changed = false;
+      continue;
+    }
     audit_save({*name}, saved);
     return saved;
   }
@@ -54,7 +61,6 @@ void delete_surplus(const AutosaveOptions& options, const Deadline& deadline, Au
   Surplus surplus;
   surplus.keep = options.most;
   surplus.fresh = done.saved.snapshot;
-  surplus.fresh_is_proven = done.saved.outcome != Saved::Outcome::unchanged;
   Error error = add_unfinished(surplus, deadline);
   if (error.code == Code::ok) {
     Result<Choice> choice = choose_victims(surplus, deadline);

@@ -77,6 +77,13 @@ Result<Differences> compare_with_live(const Id& older, const Deadline& deadline,
   return compare_contents(*row, each);
 }
 
+bool has_bytes_of_live(const Snapshot& snapshot, const Deadline& deadline) {
+  const EachMember ignore = [](const Member&) {};
+  const Result<Differences> found =
+      compare_with_live({snapshot.config.name, snapshot.config.vers}, deadline, ignore);
+  return found && found->empty();
+}
+
 Result<Differences> compare(const Id& older, Live, const ReadOptions& options) {
   return at_boundary([&] { return compare_live(older, Deadline(options.wait)); });
 }

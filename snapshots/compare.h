@@ -17,4 +17,8 @@ Result<Differences> compare_with_live(const Tree& saved, conftype type, const Ea
 /// The same, by the archives of the snapshot: this takes longer.
 Result<Differences> compare_with_live(const Id& older, const Deadline& deadline, const EachMember& each);
 
+/// Whether the archives can be decoded, and have the very bytes of the live configuration. The manifest
+/// does not show a damaged archive, nor a change through a mapping that leaves a file's time as it was.
+bool has_bytes_of_live(const Snapshot& snapshot, const Deadline& deadline);
+
 }  // namespace ConfSave::snapshots

@@ -9,6 +9,7 @@
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
+#include "snapshots/audit.h"
 #include "snapshots/database_logs.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/exchange.h"
@@ -68,6 +69,7 @@ Result<Saved> save_as_reverted(const Record& record, const Deadline& deadline) {
     if (saved || saved.error().code != Code::taken) break;
     saved = save_under_lock({name + "-" + std::to_string(number)}, options, deadline);
   }
+  if (saved) audit_save({saved->snapshot.config.name}, saved);
   return saved;
 }
 

@@ -10,6 +10,8 @@
 #include "snapshots/access.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
+#include "snapshots/audit.h"
+#include "snapshots/compare.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/differences.h"
 #include "snapshots/missing.h"
@@ -71,7 +73,7 @@ std::string find_equal(const Snapshots& newest, const Snapshot& loading, const D
     const bool counts =
         config.type == conf_full && config.vers == CURRENT_VERSION && snapshot.id != loading.id;
     if (!counts) continue;
-    if (comparing.equals_live(snapshot)) return config.name;
+    if (comparing.equals_live(snapshot) && has_bytes_of_live(snapshot, deadline)) return config.name;
     if (++compared == kMostCompared) break;
   }
   return "";
@@ -93,7 +95,7 @@ void warn_of_files_left_out(const Saved& saved, std::vector<std::string>& warnin
   }
 }
 
-/// A code about a snapshot would be understood of the one that is restored.
+/// The caller would take Code::damaged and Code::unsafe for the snapshot that it restores.
 Error not_kept(Error error) {
   const bool is_of_archive =
       error.code == Code::damaged || (error.code == Code::unsafe && error.path.compare(0, 1, "/") != 0);
@@ -116,6 +118,7 @@ Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& 
   Result<Saved> saved = save_under_lock({name}, options, deadline);
   if (!saved && saved.error().code == Code::incomplete) return std::string();
   if (!saved) return not_kept(saved.error());
+  audit_save({name}, saved);
   std::move(saved->warnings.begin(), saved->warnings.end(), std::back_inserter(warnings));
   warn_of_files_left_out(*saved, warnings);
   return name;
@@ -134,8 +137,12 @@ void remove_old_kept(const Snapshot& loading, const std::string& kept_name, cons
     const bool counts = is_dated_name(kPrefix, row.config.name) && !row.pinned && row.id != loading.id &&
                         row.config.name != kept_name;
     if (!counts || ++kept <= kMostKept) continue;
-    const Error error = remove_under_lock({row.config.name, row.config.vers}, {}, deadline);
-    if (error.code == Code::ok || error.code == Code::pinned) continue;
+    const Error error = remove_under_lock(row, deadline);
+    if (error.code == Code::ok) {
+      audit("prune", row, "ok", {{"reason", "not among the newest " + std::to_string(kMostKept)}});
+    }
+    const bool is_settled = error.code == Code::ok || error.code == Code::pinned;
+    if (is_settled || error.code == Code::not_found) continue;
     warnings.push_back("'" + row.config.name + "' was not removed: " + sentence(error));
   }
 }

@@ -21,20 +21,10 @@ constexpr int64 kBytesInReserve = Reserve::kSize * 3 / 8;
 /// Giving pages back can wait for the next deletion; a caller should not.
 constexpr int kVacuumWait = 200;
 
-Result<Snapshot> row_of(const Id& id, StorageReader& reader) {
-  Query query;
-  query.pattern = literally(id.name);
-  query.corlu_config = true;
-  Snapshots rows;
-  Error error = reader.for_each(query, [&](Snapshot snapshot) {
-    // SQLite's glob ends at a NUL byte, and a version of another type equals no number.
-    const Config& config = snapshot.config;
-    if (config.name == id.name && config.vers == id.version) rows.push_back(std::move(snapshot));
-    return Error{};
-  });
-  if (error.code != Code::ok) return error;
-  if (rows.empty()) return not_found(id.name);
-  return rows.front();
+/// Whether nobody has stored another one under its name since.
+bool is_same_row(const Snapshot& now, const Snapshot& before) {
+  return now.id == before.id && now.config.save_time == before.config.save_time &&
+         now.keybase_size == before.keybase_size && now.etc_size == before.etc_size;
 }
 
 /// Code::pinned if the row is. Notes that cannot be read could say so: their error.
@@ -102,6 +92,39 @@ void forget_note(int64 id, const Deadline& deadline) {
   if (notes && *notes) (*notes)->forget(id);
 }
 
+/// Only the row `only`, if it is given. `removed` gets the row.
+Error remove_row(const Id& id, const RemoveOptions& options, const Deadline& deadline, const Snapshot* only,
+                 Snapshot* removed) {
+  Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
+  if (!reader) return reader.error();
+  if (!*reader) return not_found(id.name);
+  Database& storage = (*reader)->database();
+  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
+  if (Error error = storage.run("pragma synchronous=extra"); error.code != Code::ok) return error;
+
+  Reserve reserve(storage);
+  int64 deleted = 0;
+  Error error = reserve.run([&]() -> Error {
+    if (Error failure = choose_overwriting(storage, reserve.is_needed()); failure.code != Code::ok) {
+      return failure;
+    }
+    const Result<Snapshot> row = row_of(**reader, id);
+    if (!row) return row.error();
+    if (only != nullptr && !is_same_row(*row, *only)) return not_found(id.name);
+    if (!options.even_pinned) {
+      if (Error pinned = check_pin(*row, deadline); pinned.code != Code::ok) return pinned;
+    }
+    deleted = row->id;
+    if (removed != nullptr) *removed = *row;
+    return delete_row(storage, *row);
+  });
+  if (error.code == Code::ok) give_back_pages(storage, reserve);
+  reserve.take_back();
+  Reserve::keep(storage.file());
+  if (error.code == Code::ok) forget_note(deleted, deadline);
+  return error;
+}
+
 Error lock_and_remove(const Id& id, const RemoveOptions& options, Snapshot& removed) {
   const Deadline deadline(options.wait);
   const Result<Lock> lock = Lock::take("a deletion", deadline);
@@ -109,7 +132,7 @@ Error lock_and_remove(const Id& id, const RemoveOptions& options, Snapshot& remo
   Error error = recover_before(id, deadline);
   // Perhaps the deletion makes the room that the recovery needs.
   if (error.code != Code::ok && error.code != Code::no_space) return error;
-  error = remove_under_lock(id, options, deadline, &removed);
+  error = remove_row(id, options, deadline, nullptr, &removed);
   keep_summary();
   return error;
 }
@@ -127,35 +150,8 @@ Error remove_and_log(const Id& id, const RemoveOptions& options) {
 
 }  // namespace
 
-Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadline& deadline,
-                        Snapshot* removed) {
-  Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
-  if (!reader) return reader.error();
-  if (!*reader) return not_found(id.name);
-  Database& storage = (*reader)->database();
-  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
-  if (Error error = storage.run("pragma synchronous=extra"); error.code != Code::ok) return error;
-
-  Reserve reserve(storage);
-  int64 deleted = 0;
-  Error error = reserve.run([&]() -> Error {
-    if (Error failure = choose_overwriting(storage, reserve.is_needed()); failure.code != Code::ok) {
-      return failure;
-    }
-    const Result<Snapshot> row = row_of(id, **reader);
-    if (!row) return row.error();
-    if (!options.even_pinned) {
-      if (Error pinned = check_pin(*row, deadline); pinned.code != Code::ok) return pinned;
-    }
-    deleted = row->id;
-    if (removed != nullptr) *removed = *row;
-    return delete_row(storage, *row);
-  });
-  if (error.code == Code::ok) give_back_pages(storage, reserve);
-  reserve.take_back();
-  Reserve::keep(storage.file());
-  if (error.code == Code::ok) forget_note(deleted, deadline);
-  return error;
+Error remove_under_lock(const Snapshot& row, const Deadline& deadline) {
+  return remove_row({row.config.name, row.config.vers}, {}, deadline, &row, nullptr);
 }
 
 Error remove(const Id& id, const RemoveOptions& options) {

@@ -36,14 +36,12 @@ Error find_rowid(OpenRow& row) {
   return {};
 }
 
-/// Finds the row of `id` among those of `query`.
-Result<bool> find_snapshot(OpenRow& row, const Id& id, const Query& query) {
-  bool found = false;
-  Error error = row.reader.for_each(query, [&](Snapshot snapshot) {
+/// The row of `id` among those of `query`.
+Result<std::optional<Snapshot>> find_among(StorageReader& reader, const Id& id, const Query& query) {
+  std::optional<Snapshot> found;
+  Error error = reader.for_each(query, [&](Snapshot snapshot) {
     // SQLite's glob ends at a NUL byte.
-    if (snapshot.config.name != id.name || snapshot.config.vers != id.version) return Error{};
-    row.snapshot = std::move(snapshot);
-    found = true;
+    if (snapshot.config.name == id.name && snapshot.config.vers == id.version) found = std::move(snapshot);
     return Error{};
   });
   if (error.code != Code::ok) return error;
@@ -52,22 +50,29 @@ Result<bool> find_snapshot(OpenRow& row, const Id& id, const Query& query) {
 
 }  // namespace
 
+Result<Snapshot> row_of(StorageReader& reader, const Id& id) {
+  Query query;
+  query.pattern = literally(id.name);
+  query.version = id.version;
+  query.corlu_config = true;
+  Result<std::optional<Snapshot>> found = find_among(reader, id, query);
+  // A version that is no integer equals none, but is listed as one.
+  query.version.reset();
+  if (found && !*found) found = find_among(reader, id, query);
+  if (!found) return found.error();
+  if (!*found) return not_found(id.name);
+  return std::move(**found);
+}
+
 Result<OpenRow> open_row(const Id& id, const Deadline& deadline) {
   Result<std::optional<StorageReader>> reader = StorageReader::open(deadline.left());
   if (!reader) return reader.error();
   if (!*reader) return not_found(id.name);
   OpenRow row{std::move(**reader), {}, 0};
   if (Error error = row.reader.begin(); error.code != Code::ok) return error;
-  Query query;
-  query.pattern = literally(id.name);
-  query.version = id.version;
-  query.corlu_config = true;
-  Result<bool> found = find_snapshot(row, id, query);
-  // A version that is no integer equals none, but is listed as one.
-  query.version.reset();
-  if (found && !*found) found = find_snapshot(row, id, query);
+  Result<Snapshot> found = row_of(row.reader, id);
   if (!found) return found.error();
-  if (!*found) return not_found(id.name);
+  row.snapshot = std::move(*found);
   if (Error error = find_rowid(row); error.code != Code::ok) return error;
   return row;
 }

@@ -15,8 +15,7 @@ Error recover_before(const Id& id, const Deadline& deadline);
 /// What save() does.
 Result<Saved> save_under_lock(const Id& id, const SaveOptions& options, const Deadline& deadline);
 
-/// What remove() does. `removed` gets the row.
-Error remove_under_lock(const Id& id, const RemoveOptions& options, const Deadline& deadline,
-                        Snapshot* removed = nullptr);
+/// Deletes this row. Code::not_found if it is gone, or was overwritten, since it was listed.
+Error remove_under_lock(const Snapshot& row, const Deadline& deadline);
 
 }  // namespace ConfSave::snapshots

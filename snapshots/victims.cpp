@@ -4,7 +4,7 @@
 #include <set>
 
 #include "snapshots/audit.h"
-#include "snapshots/notes.h"
+#include "snapshots/listing.h"
 #include "snapshots/under_lock.h"
 
 namespace ConfSave::snapshots {
@@ -17,14 +17,9 @@ Result<Snapshots> rows_with_pins(const std::string& pattern, const Deadline& dea
   Query query;
   query.pattern = pattern;
   query.wait = deadline.left();
-  Result<Snapshots> rows = list(query);
-  if (!rows) return rows.error();
-  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
-  if (!notes) return notes.error();
-  if (!*notes) return rows;
-  Result<std::map<int64, Note>> found = (*notes)->read(*rows);
-  if (!found) return found.error();
-  for (Snapshot& row : *rows) row.pinned = (*found)[row.id].pinned;
+  Listing opened;
+  Result<Snapshots> rows = list_rows(query, deadline, opened);
+  if (rows && opened.notes_error.code != Code::ok) return opened.notes_error;
   return rows;
 }
 
@@ -85,7 +80,7 @@ class Choosing {
 
   /// Decodes snapshots, those that stay first, until one is whole: as a rule one.
   Error spare_the_last_whole_one() {
-    if (choice_.victims.empty() || (surplus_.fresh && surplus_.fresh_is_proven)) return {};
+    if (choice_.victims.empty() || surplus_.fresh) return {};
     Query query;
     query.wait = deadline_.left();
     Result<Snapshots> rows = list(query);
@@ -140,7 +135,7 @@ Result<Choice> choose_victims(const Surplus& surplus, const Deadline& deadline) 
 void delete_victims(std::vector<Victim> victims, const Deadline& deadline, std::vector<Victim>& deleted,
                     std::vector<Undeleted>& undeleted) {
   for (Victim& victim : victims) {
-    Error error = remove_under_lock(id_of(victim.snapshot), {}, deadline);
+    Error error = remove_under_lock(victim.snapshot, deadline);
     if (error.code == Code::ok) {
       audit("prune", victim.snapshot, "ok", {{"reason", victim.reason}});
       deleted.push_back(std::move(victim));

@@ -14,8 +14,7 @@ struct Surplus {
   std::optional<std::string> pattern = {};  ///< of the name; autosaves without one
   int64 keep = 0;                           ///< so many of the newest stay
   std::optional<int64> saved_before = {};   ///< only these go
-  std::optional<Snapshot> fresh = {};       ///< counts as the newest, and stays
-  bool fresh_is_proven = false;             ///< `fresh` was decoded just now
+  std::optional<Snapshot> fresh = {};       ///< was decoded just now, counts as the newest, and stays
   std::vector<Unfinished> unfinished = {};  ///< the snapshots of these restores stay
 };
 

@@ -1,4 +1,9 @@
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <ctime>
+#include <thread>
 
 #include "snapshots/dated_name.h"
 #include "snapshots/keep.h"
@@ -47,7 +52,9 @@ class Keep : public Saving {
 TEST_F(Keep, ThePresentConfigurationIsSaved) {
   saved("weekly");
   change();
+  host.system_log.clear();
   const std::string name = kept(row("weekly"));
+  EXPECT_EQ(host.system_log.at(0).second.find("confsave: action=save result=ok snapshot=" + name), 0U);
   EXPECT_TRUE(is_dated_name("before-load-", name)) << name;
   EXPECT_EQ(name.size(), std::string("before-load-2026-01-02-03-04-05").size());
   EXPECT_EQ(stored(), (Texts{"weekly", name}));
@@ -91,6 +98,36 @@ TEST_F(Keep, WhatIsNoCopyDoesNotCount) {
   }
   shell("rm " + notes_file());
   EXPECT_NE(kept(), "weekly");
+}
+
+/// The live files are about to go: a list of files that says that a snapshot has them is not enough.
+TEST_F(Keep, ADamagedCopyIsNotEnough) {
+  saved("good");
+  change();
+  saved("now");
+  Database(database()).run("update Config set keybase = zeroblob(length(keybase)) where name = 'now'");
+  const std::string name = kept(row("good"));
+  EXPECT_TRUE(is_dated_name("before-load-", name)) << name;
+  EXPECT_TRUE(is_live(name));
+}
+
+/// A change through a mapping can leave size and times as they were.
+TEST_F(Keep, WhatChangedUnseenIsKept) {
+  saved("good");
+  change();
+  write_file(config("hub/key"), std::string(4096, 'a'));
+  const int file = open(config("hub/key").c_str(), O_RDWR | O_CLOEXEC);
+  auto* page = static_cast<char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+  ASSERT_NE(page, MAP_FAILED);
+  page[0] = 'b';
+  // From then on the times of the file say that it is as it was.
+  std::this_thread::sleep_for(milliseconds(2500));
+  saved("now");
+  page[0] = 'c';
+  const std::string name = kept(row("good"));
+  EXPECT_TRUE(is_live(name)) << name;
+  munmap(page, 4096);
+  close(file);
 }
 
 TEST_F(Keep, OnlyTheNewestAreCompared) {
@@ -204,8 +241,11 @@ TEST_F(Keep, TheSnapshotThatHoldsThePresentConfigurationStays) {
   for (int i = 1; i <= 7; ++i) put({dated(i), 0});
   const std::string name = kept();
   ASSERT_EQ(name, dated(0));
+  host.system_log.clear();
   remove_old_kept({}, name, Deadline(milliseconds(5000)), warnings);
   EXPECT_EQ(stored(), (Texts{dated(0), dated(4), dated(5), dated(6), dated(7)}));
+  ASSERT_EQ(host.system_log.size(), 3U);
+  EXPECT_EQ(host.system_log[2].second.find("confsave: action=prune result=ok snapshot=" + dated(1)), 0U);
   EXPECT_TRUE(is_live(dated(0)));
   EXPECT_EQ(warnings, Texts());
 }
@@ -221,6 +261,12 @@ TEST_F(Keep, ARestoreThatKeepsNothingRemovesNothing) {
     ASSERT_TRUE(restored) << restored.error().text;
     EXPECT_EQ(stored().size(), keep ? 1U + 5U : 1U + 7U);
   }
+  for (int i = 10; i < 15; ++i) put_row(dated(i));
+  RestoreOptions elsewhere;
+  elsewhere.target = root() + "/elsewhere";
+  shell("mkdir " + elsewhere.target);
+  ASSERT_TRUE(restore({"weekly"}, elsewhere));
+  EXPECT_EQ(stored().size(), 1U + 5U + 5U);
 }
 
 TEST_F(Keep, WhatIsNotRemovedIsAWarning) {

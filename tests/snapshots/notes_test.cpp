@@ -97,6 +97,13 @@ TEST_F(NotesTest, OnlyAnExistingRowGetsANote) {
   EXPECT_FALSE(exists(notes_file()));
 }
 
+TEST_F(NotesTest, ARowWithAVersionOfAnotherTypeGetsANote) {
+  Database(database()).run("update Config set version = 'text' where name = 'daily'");
+  EXPECT_EQ(note({"daily", 0}, "x").code, Code::ok);
+  EXPECT_EQ(pin({"daily", 0}, true).code, Code::ok);
+  EXPECT_EQ(ConfSave::snapshots::remove({"daily", 0}).code, Code::pinned);
+}
+
 TEST_F(NotesTest, NotesThatCannotBeReadHideNoSnapshot) {
   EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
   const std::string good = read_file(notes_file());

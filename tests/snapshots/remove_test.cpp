@@ -3,6 +3,7 @@
 
 #include "confsave/snapshots.h"
 #include "snapshots/lock.h"
+#include "snapshots/under_lock.h"
 #include "support/gateway.h"
 
 namespace {
@@ -49,6 +50,17 @@ class RemoveTest : public Gateway {
 
   std::string notes_file() { return state_dir() + "/notes.db"; }
 };
+
+/// prune() and the others that delete by a rule have decided about a row, and not about a name.
+TEST_F(RemoveTest, ARowThatWasOverwrittenSinceStays) {
+  const auto old = find({"weekly"});
+  ASSERT_TRUE(old);
+  Database(database()).run("update Config set id = 99, save_time = 2000 where name = 'weekly'");
+  EXPECT_EQ(remove_under_lock(*old, Deadline(milliseconds(100))).code, Code::not_found);
+  EXPECT_EQ(names(), Texts{"weekly@" + kCurrentText});
+  EXPECT_EQ(remove_under_lock(*find({"weekly"}), Deadline(milliseconds(100))).code, Code::ok);
+  EXPECT_EQ(names(), Texts());
+}
 
 TEST_F(RemoveTest, DeletesExactlyOneRow) {
   put({"week*", kCurrent});

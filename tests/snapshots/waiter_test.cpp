@@ -183,6 +183,13 @@ TEST_F(PendingTest, TheSystemLogSaysWhoDidWhat) {
   ASSERT_TRUE(cs::import_from(file, as));
   EXPECT_EQ(last().substr(0, last().find(" version=")),
             "confsave: action=import result=ok snapshot=imported");
+  // A value must not look like two fields, whatever is in it.
+  cs::RestoreOptions elsewhere;
+  elsewhere.target = root() + "/x\\\" result=ok user=\"anna";
+  ASSERT_EQ(mkdir(elsewhere.target.c_str(), 0700), 0);
+  ASSERT_TRUE(cs::restore({"weekly"}, elsewhere));
+  EXPECT_NE(log.back().second.find(R"(x\\\" result=ok user=\"anna")"), std::string::npos)
+      << log.back().second;
   ASSERT_EQ(cs::remove({"other2"}).code, Code::ok);
   EXPECT_EQ(last().substr(0, last().find(" version=")),
             "confsave: action=delete result=ok snapshot=other2");
