@@ -14,6 +14,8 @@
 namespace ConfSave::snapshots {
 namespace {
 
+constexpr mode_t kMode = S_IRUSR | S_IWUSR;
+
 bool is_same(const char* one, const char* other) {
   struct stat first = {};
   struct stat second = {};
@@ -31,15 +33,16 @@ void share_with_owner(int file) {
 
 }  // namespace
 
-Error make_own_file(const std::string& file) {
-  constexpr mode_t kMode = S_IRUSR | S_IWUSR;
+Error make_unless_there(const std::string& file) {
   constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
   const Descriptor made = beside_streams(Descriptor(open(file.c_str(), kFlags, kMode)));
-  if (made) {
-    share_with_owner(made.get());
-    return fchmod(made.get(), kMode) == 0 ? Error{} : system_error(file);
-  }
-  if (errno != EEXIST) return system_error(file);
+  if (!made) return errno == EEXIST ? Error{} : system_error(file);
+  share_with_owner(made.get());
+  return fchmod(made.get(), kMode) == 0 ? Error{} : system_error(file);
+}
+
+Error make_own_file(const std::string& file) {
+  if (Error error = make_unless_there(file); error.code != Code::ok) return error;
   struct stat status = {};
   if (lstat(file.c_str(), &status) != 0) return system_error(file);
   if (S_ISDIR(status.st_mode)) return system_error(file, EISDIR);
@@ -48,7 +51,6 @@ Error make_own_file(const std::string& file) {
 }
 
 int open_or_make(const std::string& file, int flags) {
-  constexpr mode_t kMode = S_IRUSR | S_IWUSR;
   const int made = open(file.c_str(), flags | O_CREAT | O_EXCL, kMode);
   if (made >= 0) share_with_owner(made);
   return made >= 0 || errno != EEXIST ? made : open(file.c_str(), flags | O_CREAT, kMode);

@@ -6,9 +6,12 @@
 
 namespace ConfSave::snapshots {
 
-/// Makes an empty file of our own, mode 0600 under any umask, unless it exists: SQLite gives its files the
-/// mode of the umask. One that is there is not opened: closing it would release the locks that SQLite has
-/// on it elsewhere in this process.
+/// Makes an empty file of the state directory, mode 0600 under any umask, unless it exists: SQLite gives
+/// its files the mode of the umask. One that is there is not opened: closing it would release the locks
+/// that SQLite has on it elsewhere in this process.
+Error make_unless_there(const std::string& file);
+
+/// The same for a file that holds nothing but our own: one that is there gets that mode, too.
 Error make_own_file(const std::string& file);
 
 /// Opens a file of the state directory, and makes it unless it exists. -1 with errno.

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "snapshots/descriptor.h"
+#include "snapshots/own_file.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -38,9 +39,10 @@ bool is_whole(const struct stat& status) {
          S_ISREG(status.st_mode);
 }
 
-Descriptor open_file(const std::string& file, int flags = 0) {
-  return beside_streams(
-      Descriptor(::open(file.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | flags, S_IRUSR | S_IWUSR)));
+constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_CLOEXEC;
+
+Descriptor open_file(const std::string& file) {
+  return beside_streams(Descriptor(::open(file.c_str(), kFlags)));
 }
 
 /// In place: takes no room where the blocks are there.
@@ -71,7 +73,7 @@ void Reserve::keep(const std::string& storage) {
   if (lstat(path.c_str(), &status) == 0 && is_whole(status)) return;
   if (!has_room(real_path(storage))) return;
   // It may be there with another size: a killed process has begun it.
-  const Descriptor file = open_file(path, O_CREAT);
+  const Descriptor file = beside_streams(Descriptor(open_or_make(path, kFlags)));
   if (!file) return;
   const bool made = fchmod(file.get(), S_IRUSR | S_IWUSR) == 0 && ftruncate(file.get(), kSize) == 0 &&
                     posix_fallocate(file.get(), 0, kSize) == 0;

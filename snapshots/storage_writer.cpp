@@ -1,12 +1,12 @@
 #include "snapshots/storage_writer.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <string_view>
 
 #include "places.h"
-#include "snapshots/descriptor.h"
+#include "snapshots/own_file.h"
 #include "snapshots/storage_reader.h"
 #include "snapshots/system_error.h"
 #include "storage/statements.h"
@@ -14,26 +14,16 @@
 namespace ConfSave::snapshots {
 namespace {
 
-/// Never opens a file that is there: closing it would free the locks that SQLite has on it elsewhere in
-/// this process.
-Error make_file(const std::string& path) {
-  constexpr mode_t kMode = S_IRUSR | S_IWUSR;
-  constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
-  const Descriptor file = beside_streams(Descriptor(open(path.c_str(), kFlags, kMode)));
-  if (file) return fchmod(file.get(), kMode) == 0 ? Error{} : system_error(path);
-  if (errno == EEXIST) return {};
-  Error error = system_error(path);
-  if (error.number == ENOENT) error.code = Code::no_storage;
-  return error;
-}
-
 Error wrong(const std::string& file, const std::string& text) { return {Code::failed, 0, file, text}; }
 
 }  // namespace
 
 Result<StorageWriter> StorageWriter::open(const Deadline& deadline) {
   const std::string file = storage_file();
-  if (Error error = make_file(file); error.code != Code::ok) return error;
+  if (Error error = make_unless_there(file); error.code != Code::ok) {
+    if (error.number == ENOENT) error.code = Code::no_storage;
+    return error;
+  }
   Result<Database> database = Database::open(file, deadline.left());
   if (!database) return database.error();
   StorageWriter writer(std::move(*database), deadline);

@@ -15,6 +15,7 @@
 #include "snapshots/access.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/digest.h"
+#include "snapshots/own_file.h"
 #include "snapshots/stamp.h"
 #include "snapshots/storage_reader.h"
 
@@ -101,9 +102,8 @@ void keep() {
   if (!summary) return;
   Record record{*fingerprint, *summary};
   record.digest = digest_of(record);
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  const Descriptor file =
-      beside_streams(Descriptor(open(summary_file().c_str(), kFlags, S_IRUSR | S_IWUSR)));
+  constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const Descriptor file = beside_streams(Descriptor(open_or_make(summary_file(), kFlags)));
   // In place, so that a kill leaves no temporary file.
   if (file) static_cast<void>(pwrite(file.get(), &record, sizeof record, 0));
 }
