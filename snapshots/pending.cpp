@@ -14,6 +14,7 @@
 #include "snapshots/lock.h"
 #include "snapshots/recover.h"
 #include "snapshots/restore_end.h"
+#include "snapshots/sentence.h"
 #include "snapshots/waiter.h"
 
 namespace ConfSave::snapshots {
@@ -28,8 +29,6 @@ constexpr milliseconds kLongestPause{5000};
 constexpr milliseconds kLongestMiss{3600'000};
 /// How long a confirmation waits for the storage.
 constexpr milliseconds kLongestStamp{2000};
-
-std::string quoted(const std::string& name) { return "'" + printable(name) + "'"; }
 
 const char* words_for(Ending ending) {
   switch (ending) {
@@ -148,22 +147,22 @@ Result<Confirmed> lock_and_confirm(const ChangeOptions& options) {
   return confirmed;
 }
 
-Result<Recovery> revert_under_lock(When when, const Deadline& deadline) {
+Result<Recovery> revert_under_lock(When when, const Deadline& deadline, Error* logged) {
   Error unfinished;
   const bool is_asked = when == When::now;
   Result<Recovery> recovery =
-      recover_under_lock(deadline, unfinished, is_asked ? Demand::now : Demand::when_due);
+      recover_under_lock(deadline, unfinished, is_asked ? Demand::now : Demand::when_due, logged);
   if (!is_asked && !recovery && recovery.error().code == Code::pending) return Recovery{};
   const bool was_undone = recovery && (recovery->outcome == Recovery::Outcome::reverted ||
                                        recovery->outcome == Recovery::Outcome::undone);
   return is_asked && recovery && !was_undone ? not_pending(deadline) : recovery;
 }
 
-Result<Recovery> lock_and_revert(When when, milliseconds wait) {
+Result<Recovery> lock_and_revert(When when, milliseconds wait, Error* logged = nullptr) {
   const Deadline deadline(wait);
   const Result<Lock> lock = Lock::take("taking a restore back", deadline);
   if (!lock) return lock.error();
-  return revert_under_lock(when, deadline);
+  return revert_under_lock(when, deadline, logged);
 }
 
 /// By the clock that the deadline is of: time asleep counts.
@@ -199,7 +198,7 @@ class Waiter {
           sleep_for(rest);
           continue;
         }
-        Result<Recovery> recovery = lock_and_revert(When::if_due, wait_);
+        Result<Recovery> recovery = lock_and_revert(When::if_due, wait_, &logged_);
         if (recovery && recovery->outcome != Recovery::Outcome::nothing) return recovery;
         if (!recovery) log_delay(*record, recovery.error());
       }
@@ -246,6 +245,7 @@ class Waiter {
   std::string staging_;
   milliseconds pause_ = kFirstPause;
   bool is_delay_logged_ = false;
+  Error logged_;
 };
 
 }  // namespace

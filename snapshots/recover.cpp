@@ -13,11 +13,10 @@
 #include "snapshots/lock.h"
 #include "snapshots/preflight.h"
 #include "snapshots/restore_end.h"
+#include "snapshots/sentence.h"
 
 namespace ConfSave::snapshots {
 namespace {
-
-std::string quoted(const Snapshot& snapshot) { return "'" + printable(snapshot.config.name) + "'"; }
 
 /// The files are as the restore has left them, except what was edited since.
 bool is_live(State state) { return state == State::checking || state == State::pending; }
@@ -77,7 +76,7 @@ class Recovering {
       // The new files are whole: half of the old ones would be worse.
       if (Error error = check_way_back(sites, record_.steps); error.code != Code::ok) return error;
     }
-    Result<Closed> storage = close_storage(deadline_);
+    Result<Locked> storage = lock_storage(deadline_);
     if (!storage) return storage.error();
     if (is_live(record_.state)) storage = keep_edits(sites, std::move(*storage));
     if (!storage) return storage.error();
@@ -93,23 +92,23 @@ class Recovering {
   }
 
   /// Nobody packs a mixture while it has a value. It has none if the storage is gone, or is not waited for.
-  using Closed = std::optional<ExclusiveStorage>;
+  using Locked = std::optional<ExclusiveStorage>;
 
-  Result<Closed> close_storage(const Deadline& deadline) {
+  Result<Locked> lock_storage(const Deadline& deadline) {
     Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline);
-    if (storage) return Closed(std::move(*storage));
-    if (storage.error().code != Code::busy || goes_on_without_storage()) return Closed();
+    if (storage) return Locked(std::move(*storage));
+    if (storage.error().code != Code::busy || goes_on_without_storage()) return Locked();
     return storage.error();
   }
 
   /// What was edited is stored like any other snapshot. That comes after the wait for the storage: who is
   /// refused for it tries again, and would store the edits without a word of their name.
-  Result<Closed> keep_edits(std::vector<Site>& sites, Closed closed) {
-    const bool was_closed = closed.has_value();
-    closed.reset();
+  Result<Locked> keep_edits(std::vector<Site>& sites, Locked locked) {
+    const bool was_locked = locked.has_value();
+    locked.reset();
     recovery_.kept = keep_edited(journal_, record_, sites, deadline_, recovery_.warnings);
-    if (!was_closed) return Closed();
-    Result<Closed> storage = close_storage(Deadline(kGrace));
+    if (!was_locked) return Locked();
+    Result<Locked> storage = lock_storage(Deadline(kGrace));
     if (storage || recovery_.kept.empty()) return storage;
     Error error = storage.error();
     error.text += "; what was edited since is kept as '" + recovery_.kept + "'";
@@ -121,8 +120,8 @@ class Recovering {
   bool goes_on_without_storage() {
     if (record_.ending != Ending::expired && record_.ending != Ending::restarted) return false;
     recovery_.warnings.emplace_back(
-        "another process did not give the storage free; a save of it at this moment may hold old and new "
-        "files");
+        "another process locks the storage; a snapshot that it saves now may hold old and new files: save "
+        "again");
     return true;
   }
 
@@ -142,7 +141,7 @@ class Recovering {
     Error error = storage ? storage->stamp(record_.snapshot, record_.load_time) : storage.error();
     if (error.code == Code::ok) error = storage->commit();
     if (error.code == Code::ok) return {};
-    recovery_.warnings.push_back("the load time of " + quoted(record_.snapshot) +
+    recovery_.warnings.push_back("the load time of " + quoted(record_.snapshot.config.name) +
                                  " is not stored: " + error.text);
     const bool is_given_up = error.code == Code::changed_meanwhile || error.code == Code::no_storage ||
                              error.code == Code::no_space;
@@ -167,10 +166,15 @@ Result<Ending> ending_of(const Record& record, Demand demand) {
 
 /// Also what a library call recovers first, whose caller gets none of the warnings. That nothing can be
 /// recovered is the error of each call.
-void log_end(const Record& record, const Result<Recovery>& recovery, bool is_finished) {
+void log_end(const Record& record, const Result<Recovery>& recovery, bool is_finished, Error* logged) {
   const bool is_reverted = record.ending != Ending::none && record.ending != Ending::confirmed;
   // A clean-up that fails is tried again by each command.
   if (!is_reverted && (!recovery || !is_finished)) return;
+  if (!recovery && logged != nullptr) {
+    const Error& error = recovery.error();
+    if (error.code == Code::busy || (error.code == logged->code && error.path == logged->path)) return;
+    *logged = error;
+  }
   AuditFields more = {{"cause", cause(record.ending)},
                       {"loaded-by", record.author},
                       {"kept", recovery ? recovery->kept : ""}};
@@ -197,17 +201,19 @@ Result<std::optional<Record>> read_record(const Deadline& deadline) {
 }
 
 std::string interruption(const Record& record) {
-  const std::string restore = "the restore of " + quoted(record.snapshot);
+  const std::string restore = "the restore of " + quoted(record.snapshot.config.name);
   if (record.state == State::exchanged) return restore + " is kept, but not cleaned up";
   if (record.state == State::undone) return restore + " was taken back, but not cleaned up";
   return restore + " was interrupted";
 }
 
 Error refuse_pending(const Snapshot& snapshot) {
-  return {Code::pending, 0, "", "the restore of " + quoted(snapshot) + " waits to be confirmed"};
+  return {Code::pending, 0, "",
+          "the restore of " + quoted(snapshot.config.name) + " waits to be confirmed"};
 }
 
-Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished, Demand demand) {
+Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished, Demand demand,
+                                    Error* logged) {
   // Most of the time there is nothing to recover, and nothing is to be made then.
   Result<std::optional<Record>> found = read_record(deadline);
   if (!found) return found.error();
@@ -226,7 +232,7 @@ Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished,
   Result<Journal> journal = Journal::open_to_write(deadline.left());
   if (!journal) return journal.error();
   Result<Recovery> recovery = Recovering(*journal, record, *ending, deadline).run(unfinished);
-  log_end(record, recovery, unfinished.code == Code::ok);
+  log_end(record, recovery, unfinished.code == Code::ok, logged);
   if (recovery || !is_mixed) return recovery;
   Error error = recovery.error();
   error.aftermath = Aftermath::mixed;
@@ -285,7 +291,7 @@ Error check_finished(const Deadline& deadline) {
   if ((*found)->is_pending) {
     const bool is_checked = (*record)->state == State::checking;
     return {Code::pending, 0, "",
-            "the restore of " + quoted((*record)->snapshot) +
+            "the restore of " + quoted((*record)->snapshot.config.name) +
                 (is_checked ? " waits for its check" : " waits to be confirmed")};
   }
   return {Code::needs_attention, 0, "", interruption(**record) + "; run 'confsave recover' first"};

@@ -19,8 +19,10 @@ Error refuse_pending(const Snapshot& snapshot);
 /// When a pending restore is taken back.
 enum class Demand { when_due, now };
 
-/// What recover() does. Why the journal is not free afterwards is in `unfinished`.
-Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished, Demand demand);
+/// What recover() does. Why the journal is not free afterwards is in `unfinished`. A failure like `logged`,
+/// the last one of a caller who tries again and again, is not logged anew.
+Result<Recovery> recover_under_lock(const Deadline& deadline, Error& unfinished, Demand demand,
+                                    Error* logged = nullptr);
 
 /// Recovers what an earlier process has left, if anything, so that the live files are all old or all new.
 /// The caller holds "confsave.lock".

@@ -18,17 +18,13 @@
 #include "snapshots/preflight.h"
 #include "snapshots/recover.h"
 #include "snapshots/restore_end.h"
+#include "snapshots/sentence.h"
 #include "snapshots/stage.h"
 #include "snapshots/summary.h"
 #include "snapshots/waiter.h"
 
 namespace ConfSave::snapshots {
 namespace {
-
-Error with_aftermath(Error error, Aftermath aftermath) {
-  error.aftermath = aftermath;
-  return error;
-}
 
 constexpr std::size_t kRoom = 8 << 20;  ///< for decoded files: more are decoded twice
 
@@ -50,7 +46,7 @@ class Restoring {
     if (error.code == Code::ok) error = exchange();
     if (error.code != Code::ok) return error;
     row_.reset();
-    if (options_.keep) remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
+    if (keeps()) remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
     keep_summary();
     phases_.end("remove old kept");
     if (!is_windowed()) return finish(Restored::Outcome::restored);
@@ -67,6 +63,7 @@ class Restoring {
   }
 
   bool is_windowed() const { return options_.confirm_within.count() != 0; }
+  bool keeps() const { return options_.keep && options_.target.empty(); }
 
   Result<Restored> stay() {
     Error error = sync_destinations(plan_.directories);
@@ -96,7 +93,7 @@ class Restoring {
     return {Code::changed_meanwhile, 0, "", "the files or the snapshot changed since the plan was made"};
   }
 
-  // ---- Up to here, and in what follows, no live file changes.
+  // ---- These functions change no live file.
 
   Error prepare() {
     Result<Record> record = begin_record(plan_);
@@ -134,12 +131,12 @@ class Restoring {
     phases_.end("sync");
     if (error.code == Code::ok) error = keep();
     phases_.end("keep");
-    // What has nobody to take it back in time must not begin. It may take long, so the storage is still
-    // open.
+    // The waiter must run before live files change. Its start may take seconds: the storage is locked
+    // later.
     if (error.code == Code::ok && is_windowed()) error = open_window();
     report(Progress::Phase::exchange);
-    if (error.code == Code::ok) error = close_storage();
-    phases_.end("close the storage");
+    if (error.code == Code::ok) error = lock_storage();
+    phases_.end("lock the storage");
     if (error.code == Code::ok) error = check_live_files(plan_, sites_);
     if (error.code == Code::ok) error = write_steps();
     phases_.end("prepared");
@@ -147,7 +144,7 @@ class Restoring {
   }
 
   Error keep() {
-    if (!options_.keep || !options_.target.empty()) return {};
+    if (!keeps()) return {};
     report(Progress::Phase::keeping);
     Result<std::string> kept = keep_configuration(record_.snapshot, deadline_, restored_.warnings);
     if (!kept) return kept.error();
@@ -156,7 +153,7 @@ class Restoring {
   }
 
   /// Nobody packs the files from here on until the exchange is done.
-  Error close_storage() {
+  Error lock_storage() {
     Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
     if (!storage) return storage.error();
     storage_.emplace(std::move(*storage));
@@ -206,7 +203,7 @@ class Restoring {
     static_cast<void>(clean_up(*journal_, exchange, restored_.warnings));
   }
 
-  // ---- Here they do.
+  // ---- These functions change live files.
 
   Error exchange() {
     Exchange exchange(sites_, record_.steps);
@@ -266,9 +263,9 @@ class Restoring {
     Error error = take_back(*journal_, record_, sites_, foreign, warnings, unfinished);
     limit_kept();
     for (const std::string& warning : warnings) why.text += "; " + warning;
-    if (error.code == Code::ok) return with_aftermath(std::move(why), Aftermath::put_back);
-    why.text += "; not put back: " + error.path + ": " + error.text;
-    return with_aftermath(std::move(why), Aftermath::mixed);
+    why.aftermath = error.code == Code::ok ? Aftermath::put_back : Aftermath::mixed;
+    if (error.code != Code::ok) why.text += "; not put back: " + sentence(error);
+    return why;
   }
 
   // ---- With a check, a person or a program decides.

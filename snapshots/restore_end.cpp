@@ -7,6 +7,7 @@
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/database_logs.h"
+#include "snapshots/sentence.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -71,7 +72,7 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
 
 Error none_put_back(Error why, const Error& cause, const std::vector<Step>& steps,
                     const std::vector<Site>& sites) {
-  why.text += "; not put back: " + cause.path + ": " + cause.text;
+  why.text += "; not put back: " + sentence(cause);
   const char* before = "; not put back either: ";
   // A directory that was made has a second step for its attributes.
   std::set<std::string> named;
@@ -109,7 +110,7 @@ Error clean_up(Journal& journal, Exchange& exchange, std::vector<std::string>& w
 void finish_storage(Journal& journal, Exchange& exchange, std::optional<ExclusiveStorage>& storage,
                     const Error& stamped, std::vector<std::string>& warnings) {
   storage.reset();
-  if (stamped.code != Code::ok) warnings.push_back("the load time is not stored: " + stamped.text);
+  if (stamped.code != Code::ok) warnings.push_back("the load time is not stored: " + sentence(stamped));
   if (stamped.code == Code::ok || stamped.code == Code::changed_meanwhile) {
     static_cast<void>(clean_up(journal, exchange, warnings));
   }
@@ -118,15 +119,14 @@ void finish_storage(Journal& journal, Exchange& exchange, std::optional<Exclusiv
 Error confirm_record(Journal& journal, const Record& record, std::vector<Site>& sites,
                      std::optional<ExclusiveStorage>& storage, std::vector<std::string>& warnings) {
   Error stamped;
-  if (!storage) {
-    stamped = {Code::no_storage, 0, storage_file(),
-               "the storage cannot be opened, or another process uses it"};
-  } else if (record.load_time != 0) {
-    stamped = storage->stamp(record.snapshot, record.load_time);
+  if (record.load_time != 0) {
+    stamped = storage ? storage->stamp(record.snapshot, record.load_time)
+                      : Error{Code::no_storage, 0, storage_file(),
+                              "the storage cannot be opened, or another process locks it"};
   }
   const Ending ending = record.window.exists() ? Ending::confirmed : Ending::none;
   if (Error error = journal.set_state(State::exchanged, ending); error.code != Code::ok) return error;
-  if (stamped.code == Code::ok) stamped = storage->commit();
+  if (storage && stamped.code == Code::ok) stamped = storage->commit();
   Exchange exchange(sites, record.steps);
   finish_storage(journal, exchange, storage, stamped, warnings);
   return {};

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "confsave/snapshots.h"
+#include "snapshots/archive_path.h"
 
 namespace ConfSave::snapshots {
 
@@ -10,5 +11,8 @@ namespace ConfSave::snapshots {
 inline std::string sentence(const Error& error) {
   return error.path.empty() ? error.text : error.path + ": " + error.text;
 }
+
+/// A name or a path, in a sentence.
+inline std::string quoted(const std::string& text) { return "'" + printable(text) + "'"; }
 
 }  // namespace ConfSave::snapshots

@@ -28,8 +28,6 @@ namespace {
 
 constexpr int64 kDay = 86400;
 
-std::string quoted(const std::string& path) { return "'" + printable(path) + "'"; }
-
 void check_age(const std::string& what, int64 newest, Status& status) {
   const auto now = static_cast<int64>(std::time(nullptr));
   if (newest > now + kDay) {

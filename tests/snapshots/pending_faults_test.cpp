@@ -1,7 +1,9 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
+#include "snapshots/lock.h"
 #include "snapshots/pending.h"
+#include "snapshots/recover.h"
 
 namespace {
 
@@ -82,8 +84,8 @@ TEST_F(PendingFaults, AConfirmationDoesNotNeedTheStorage) {
     const auto confirmed = cs::confirm({100ms});
     ASSERT_TRUE(confirmed) << shown(confirmed.error());
     ASSERT_EQ(confirmed->warnings.size(), 1U);
-    EXPECT_EQ(confirmed->warnings[0],
-              "the load time is not stored: the storage cannot be opened, or another process uses it");
+    EXPECT_EQ(confirmed->warnings[0], "the load time is not stored: " + database() +
+                                          ": the storage cannot be opened, or another process locks it");
     const auto status = cs::status();
     ASSERT_TRUE(status);
     const auto is_told = [](const cs::Attention& attention) {
@@ -97,6 +99,29 @@ TEST_F(PendingFaults, AConfirmationDoesNotNeedTheStorage) {
   EXPECT_EQ(cs::recover()->outcome, Outcome::finished);
   EXPECT_EQ(everything(), saved_);
   EXPECT_EQ(load_time(), "<now>");
+}
+
+/// Code::failed is logged once for each reason, however often who waits for the window tries.
+TEST_F(PendingFaults, AFailureIsLoggedOnce) {
+  make_pending();
+  make_due();
+  shell("chattr +i " + config("gw1.conf"));
+  auto& log = TestHost::instance().system_log;
+  log.clear();
+  cs::Error logged;
+  for (int i = 0; i < 3; ++i) {
+    cs::Error unfinished;
+    const auto lock = cs::Lock::take("a test", cs::Deadline(1s));
+    ASSERT_TRUE(lock);
+    const auto recovery =
+        cs::recover_under_lock(cs::Deadline(1s), unfinished, cs::Demand::when_due, &logged);
+    EXPECT_FALSE(recovery);
+  }
+  EXPECT_EQ(log.size(), 1U);
+  EXPECT_FALSE(cs::recover());
+  EXPECT_EQ(log.size(), 2U);
+  shell("chattr -i " + config("gw1.conf"));
+  EXPECT_EQ(reverted().outcome, Outcome::reverted);
 }
 
 /// Nobody would look for it in a storage that is made anew where the real one is not mounted.
@@ -124,8 +149,12 @@ TEST_F(PendingFaults, WhatWasEditedDoesNotGoIntoAnotherStorage) {
 /// Root makes the files that the gateway's own user needs.
 TEST_F(PendingFaults, AFileThatRootMakesBelongsToTheOwnerOfTheDirectory) {
   constexpr uid_t kNobody = 65534;
-  const std::string files = state_dir() + "/notes.db " + state_dir() + "/restore.* " + lock_file();
-  shell("rm -f " + files + " && chown 65534:65534 " + state_dir() + " " + database());
+  cs::RestoreOptions exactly = without_keeping();
+  exactly.exact = true;
+  ASSERT_TRUE(cs::restore({"weekly"}, exactly));
+  shell("rm -f " + state_dir() + "/* && chown 65534:65534 " + state_dir());
+  ASSERT_TRUE(cs::save({"weekly"}));
+  write_file(config("gw1.conf"), "changed since");
   make_pending();
   reverted();
   cs::RestoreOptions options = without_keeping();
@@ -133,8 +162,6 @@ TEST_F(PendingFaults, AFileThatRootMakesBelongsToTheOwnerOfTheDirectory) {
   EXPECT_EQ(refused(options).code, Code::check_failed);
   EXPECT_EQ(cs::note({"weekly"}, "text").code, Code::ok);
   for (const std::string& name : names_in(state_dir())) {
-    // Only its directory is needed to delete it.
-    if (name == "storage.db-reserve") continue;
     struct stat status = {};
     ASSERT_EQ(stat((state_dir() + "/" + name).c_str(), &status), 0);
     EXPECT_EQ(status.st_uid, kNobody) << name;

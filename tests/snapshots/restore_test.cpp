@@ -102,6 +102,28 @@ TEST_F(RestoreTest, ACheckThatThrowsFails) {
   EXPECT_EQ(everything(true), before);
 }
 
+/// No load time is stored of a restore into a target.
+TEST_F(RestoreTest, ACheckOfATargetNeedsNoStorage) {
+  cs::RestoreOptions options;
+  options.target = root() + "/elsewhere";
+  options.wait = std::chrono::milliseconds(100);
+  ASSERT_EQ(mkdir(options.target.c_str(), 0700), 0);
+  std::optional<Database> holder;
+  options.check = [&] {
+    holder.emplace(database());
+    holder->run("begin exclusive");
+    return true;
+  };
+  const auto result = cs::restore({"weekly"}, options);
+  holder.reset();
+  ASSERT_TRUE(result) << result.error().text;
+  EXPECT_EQ(result->warnings, Texts());
+  for (const std::string& name : names_in(options.target)) {
+    EXPECT_EQ(name.find(".confsave-"), std::string::npos) << name;
+  }
+  EXPECT_FALSE(*cs::unfinished());
+}
+
 TEST_F(RestoreTest, ASuccessfulCheckConfirms) {
   damage();
   bool was_called = false;
