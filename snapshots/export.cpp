@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "places.h"
+#include "snapshots/access.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
@@ -30,6 +31,9 @@ class Exporting {
     if (Error error = copy_notes(file); error.code != Code::ok) return error;
     return std::move(exported_);
   }
+
+  /// Why the file has no notes.
+  const Error& notes_error() const { return notes_error_; }
 
  private:
   /// Waits for SQLite's locks here, and not while a file is made.
@@ -122,6 +126,7 @@ class Exporting {
     if (error.code != Code::ok) {
       exported_.warnings.push_back("comments, pins and manifests are not in the file: " + sentence(error));
     }
+    notes_error_ = std::move(error);
     return {};
   }
 
@@ -143,6 +148,7 @@ class Exporting {
   const Ids& ids_;
   const Deadline& deadline_;
   Exported exported_;
+  Error notes_error_;
 };
 
 Result<Exported> export_into_file(const Ids& ids, const std::string& file, const ExportOptions& options) {
@@ -152,10 +158,18 @@ Result<Exported> export_into_file(const Ids& ids, const std::string& file, const
   const Deadline deadline(options.wait);
   Result<NewFile> made = NewFile::make(directory_part(file) + ".confsave-export-");
   if (!made) return made.error();
-  Result<Exported> exported = Exporting(ids, deadline).run(made->name());
+  Exporting exporting(ids, deadline);
+  Result<Exported> exported = exporting.run(made->name());
   if (!exported) {
     error = exported.error();
     if (error.path == made->name()) error.path = file;
+    return error;
+  }
+  if (exporting.notes_error().code != Code::ok && exists(file)) {
+    error = exporting.notes_error();
+    error.text +=
+        "; the file that would be replaced may hold the last copy of the comments, pins and "
+        "manifests: export into another one";
     return error;
   }
   error = made->publish(file, options.overwrite, exported->warnings);

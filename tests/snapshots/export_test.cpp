@@ -165,6 +165,19 @@ TEST_F(ExportTest, WithoutNotesTheRowsAreWritten) {
   EXPECT_EQ(rows_in(exported()), rows_in(database()));
 }
 
+TEST_F(ExportTest, WithoutNotesNoCopyThatMayHaveThemIsReplaced) {
+  done(export_to(all_, exported()));
+  const std::string copy = read_file(exported());
+  write_file(notes_file(), std::string(5000, 'x'));
+  ExportOptions options;
+  options.overwrite = true;
+  const auto result = export_to(all_, exported(), options);
+  ASSERT_FALSE(result);
+  EXPECT_EQ(result.error().path, notes_file());
+  EXPECT_NE(result.error().text.find("export into another one"), std::string::npos);
+  EXPECT_EQ(read_file(exported()), copy);
+}
+
 TEST_F(ExportTest, ALockEndsTheWait) {
   ExportOptions options;
   options.wait = std::chrono::milliseconds(50);
