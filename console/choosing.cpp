@@ -37,14 +37,15 @@ int print_candidates(const Selection& selection, const cs::Snapshots& found) {
   return kAmbiguous;
 }
 
-std::optional<cs::Snapshot> find_only(const Selection& selection, unsigned seconds, bool waits,
+/// `waits`: the verb has the option --wait.
+std::optional<cs::Snapshot> find_only(const Selection& selection, const Deadline& deadline, bool waits,
                                       int& status) {
   const bool is_exact = is_name(selection.name);
   cs::Query query;
   query.pattern = selection.name;
   query.version = selection.version;
   query.corlu_config = is_exact;
-  auto found = in_turns(seconds, [&](std::chrono::milliseconds wait) {
+  auto found = in_turns(deadline, [&](std::chrono::milliseconds wait) {
     query.wait = wait;
     return cs::list(query);
   });
@@ -65,19 +66,20 @@ std::optional<cs::Snapshot> find_only(const Selection& selection, unsigned secon
 
 }  // namespace
 
-std::optional<cs::Snapshot> choose(const Selection& selection, int& status) {
+std::optional<cs::Snapshot> choose(const Selection& selection, const Options& options, int& status) {
   status = kUsage;
   if (!check_pattern(selection.name)) return std::nullopt;
-  return find_only(selection, 1, false, status);
+  return find_only(selection, options.deadline, false, status);
 }
 
 std::optional<cs::Snapshots> choose_some(const Options& options, int& status) {
   if (!options.all) {
-    const auto one = choose(options.snapshot, status);
+    const auto one = choose(options.snapshot, options, status);
     return one ? std::optional<cs::Snapshots>({*one}) : std::nullopt;
   }
   cs::Query query;
   query.corlu_config = true;
+  query.wait = options.deadline.left();
   auto all = cs::list(query);
   if (all) return *all;
   status = report(all.error());
@@ -87,13 +89,13 @@ std::optional<cs::Snapshots> choose_some(const Options& options, int& status) {
 std::optional<cs::Snapshot> choose_to_restore(const Options& options, int& status) {
   status = kUsage;
   if (!check_pattern(options.snapshot.name)) return std::nullopt;
-  return find_only(options.snapshot, options.wait, true, status);
+  return find_only(options.snapshot, options.deadline, true, status);
 }
 
 std::optional<cs::Snapshot> choose_to_change(const Options& options, int& status) {
   status = kUsage;
   if (!check_name(options.snapshot.name)) return std::nullopt;
-  return find_only(options.snapshot, options.wait, true, status);
+  return find_only(options.snapshot, options.deadline, true, status);
 }
 
 }  // namespace console

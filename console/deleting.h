@@ -8,9 +8,9 @@
 
 namespace console {
 
-/// Tries again to delete what another program had locked, within `seconds`: the library waits a second at a
+/// Tries again to delete what another program had locked, until `deadline`: the library waits a second at a
 /// time. What goes moves to `deleted`.
-void delete_again(std::vector<cs::Undeleted>& undeleted, unsigned seconds,
+void delete_again(std::vector<cs::Undeleted>& undeleted, const Deadline& deadline,
                   std::vector<cs::Victim>& deleted);
 
 /// Prints why these snapshots were not deleted. Returns the exit status.

@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "deadline.h"
+
 namespace console {
 
 /// What a person names a snapshot by: NAME, or NAME@VERSION.
@@ -12,6 +14,8 @@ struct Selection {
   std::string name;                        ///< a name, or a pattern where the verb takes one
   std::optional<ConfSave::int64> version;  ///< 0: the snapshot that has no version
 };
+
+constexpr unsigned kWaitOfReaders = 1;  ///< seconds, of a verb without --wait
 
 /// The parsed arguments of a verb. A verb reads the operands and options that its row of the table lists.
 struct Options {
@@ -34,7 +38,8 @@ struct Options {
   std::optional<unsigned> older_than;  ///< days
   std::optional<std::string> match;
   unsigned wait = 30;
-  unsigned confirm_within = 0;  ///< seconds; 0: no confirmation
+  Deadline deadline{kWaitOfReaders};  ///< of the verb, from its start
+  unsigned confirm_within = 0;        ///< seconds; 0: no confirmation
   bool force = false;
   bool yes = false;
   bool exact = false;
@@ -48,5 +53,11 @@ struct Options {
   bool patch = false;
   bool if_changed = false;
 };
+
+/// The same after a question: the time in which a person thinks does not count.
+inline Options renewed(Options options) {
+  options.deadline = Deadline(options.wait);
+  return options;
+}
 
 }  // namespace console

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <ctime>
 
+#include "text.h"
+
 namespace console {
 namespace {
 
@@ -19,11 +21,7 @@ std::string in_words(ConfSave::int64 seconds) {
 
 /// With the seconds: a window may be as short as ten of them.
 std::string moment(std::time_t deadline, ConfSave::int64 left) {
-  std::tm local = {};
-  localtime_r(&deadline, &local);
-  char text[80] = "";
-  const std::size_t size = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-  return std::string(text, size) + " (" + in_words(left) + ")";
+  return local_time(deadline) + " (" + in_words(left) + ")";
 }
 
 }  // namespace

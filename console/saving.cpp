@@ -17,9 +17,9 @@ namespace {
 constexpr std::size_t kMostMissing = 20;
 
 template <class Save>
-auto in_time(unsigned seconds, Save save) {
+auto in_time(const Deadline& deadline, Save save) {
   const ProgressLine progress("saving");
-  return in_turns(seconds, [&](std::chrono::milliseconds wait) {
+  return in_turns(deadline, [&](std::chrono::milliseconds wait) {
     forget_failed_command();
     return save(wait);
   });
@@ -27,15 +27,15 @@ auto in_time(unsigned seconds, Save save) {
 
 }  // namespace
 
-cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, unsigned seconds) {
-  return in_time(seconds, [&](std::chrono::milliseconds wait) {
+cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, const Deadline& deadline) {
+  return in_time(deadline, [&](std::chrono::milliseconds wait) {
     how.wait = wait;
     return cs::save(id, how);
   });
 }
 
-cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, unsigned seconds) {
-  return in_time(seconds, [&](std::chrono::milliseconds wait) {
+cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, const Deadline& deadline) {
+  return in_time(deadline, [&](std::chrono::milliseconds wait) {
     how.wait = wait;
     return cs::autosave(how);
   });
@@ -55,7 +55,7 @@ void print_warnings(const cs::Saved& saved) {
   const std::size_t shown = std::min(saved.missing.size(), kMostMissing);
   for (std::size_t i = 0; i < shown; ++i) {
     std::cerr << "confsave: warning: '" << readable(saved.missing[i])
-              << "' is not in the snapshot: it cannot be read, or is gone.\n";
+              << "' is not in the snapshot: it cannot be read, is gone, or is half of a database.\n";
   }
   if (shown < saved.missing.size()) {
     std::cerr << "confsave: warning: in all, " << saved.missing.size() << " files are not in it.\n";

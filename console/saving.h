@@ -8,10 +8,10 @@ namespace console {
 
 /// Saves, and waits for others as long as the options allow. Ends at an interrupt. Shows progress at a
 /// terminal.
-cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, unsigned seconds);
+cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, const Deadline& deadline);
 
 /// The same for an autosave.
-cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, unsigned seconds);
+cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, const Deadline& deadline);
 
 /// Prints why nothing was stored. `may_force`: the verb has the option --force. Returns the exit status.
 int report_unsaved(cs::Error error, bool may_force);

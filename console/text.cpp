@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <clocale>
 #include <cstring>
+#include <ctime>
 
 namespace console {
 namespace {
@@ -75,6 +76,14 @@ std::string printable(const std::string& text) { return escaped(text, false); }
 std::string readable(const std::string& text) {
   static const bool utf8 = locale_has_utf8();
   return escaped(text, utf8);
+}
+
+std::string local_time(std::int64_t seconds) {
+  const std::time_t time = seconds;
+  std::tm parts = {};
+  if (localtime_r(&time, &parts) == nullptr) return "-";
+  char text[64] = "";
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts)};
 }
 
 }  // namespace console

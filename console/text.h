@@ -21,4 +21,7 @@ std::string printable(const std::string& text);
 /// terminal or the direction of writing are not letters.
 std::string readable(const std::string& text);
 
+/// "YYYY-MM-DD HH:MM:SS" in local time; "-" for a time that has no date.
+std::string local_time(std::int64_t seconds);
+
 }  // namespace console

@@ -1,7 +1,5 @@
 // note, pin, unpin, delete: what changes one snapshot that is stored.
 
-#include <chrono>
-
 #include "choosing.h"
 #include "exit_status.h"
 #include "report.h"
@@ -16,7 +14,7 @@ int change(const Options& options, Limits limits, Change change_one) {
   int status = kDone;
   const auto snapshot = choose_to_change(options, status);
   if (!snapshot) return status;
-  limits.wait = std::chrono::seconds(options.wait);
+  limits.wait = options.deadline.left();
   const cs::Error error = change_one(id_of(*snapshot), limits);
   return error.code == cs::Code::ok ? kDone : report(error, true);
 }

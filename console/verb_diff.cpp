@@ -55,15 +55,16 @@ void print(const Sides& sides, const cs::Differences& differences, bool json) {
 int diff(const Options& options) {
   int status = kDone;
   Sides sides;
-  const auto older = choose(options.snapshot, status);
+  const auto older = choose(options.snapshot, options, status);
   if (!older) return status;
   sides.older = *older;
   if (!options.other.name.empty()) {
-    sides.newer = choose(options.other, status);
+    sides.newer = choose(options.other, options, status);
     if (!sides.newer) return status;
   }
-  const auto differences = sides.newer ? cs::compare(id_of(sides.older), id_of(*sides.newer))
-                                       : cs::compare(id_of(sides.older), cs::Live());
+  const cs::ReadOptions limits{options.deadline.left()};
+  const auto differences = sides.newer ? cs::compare(id_of(sides.older), id_of(*sides.newer), limits)
+                                       : cs::compare(id_of(sides.older), cs::Live(), limits);
   if (!differences) {
     const std::string or_other = sides.newer ? " or " + label(*sides.newer) : "";
     return report_reading(differences.error(), label(sides.older) + or_other);

@@ -41,8 +41,8 @@ cs::Result<cs::Exported> export_into(const cs::Ids& ids, const Options& options)
 /// A storage that was lost must not replace the copies that are left of it.
 bool would_empty(const cs::Ids& ids, const Options& options) {
   struct stat status = {};
-  return ids.empty() && options.force && options.exchanged != "-" &&
-         lstat(options.exchanged.c_str(), &status) == 0;
+  const bool is_pipe = options.exchanged == "-";
+  return ids.empty() && (is_pipe || (options.force && lstat(options.exchanged.c_str(), &status) == 0));
 }
 
 /// --force would not replace it: said at once, and not after the advice to give --force.
@@ -61,7 +61,11 @@ std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
     for (const cs::Snapshot& snapshot : *snapshots) ids.push_back(id_of(snapshot));
     if (would_empty(ids, options)) {
       status = kNotFound;
-      std::cerr << "confsave: nothing is stored; '" << readable(options.exchanged) << "' stays as it is.\n";
+      const bool is_pipe = options.exchanged == "-";
+      std::cerr << "confsave: nothing is stored; "
+                << (is_pipe ? "nothing was written"
+                            : "'" + readable(options.exchanged) + "' stays as it is")
+                << ".\n";
       return std::nullopt;
     }
     auto exported = export_into(ids, options);

@@ -16,7 +16,7 @@ int autosave(const Options& options) {
   how.most = options.max;
   how.type = options.type;
   how.if_changed = options.if_changed;
-  auto done = autosave_in_time(how, options.wait);
+  auto done = autosave_in_time(how, options.deadline);
   if (!done) return report_unsaved(done.error(), false);
   print_warnings(done->saved);
   print_if_unchanged(done->saved);
@@ -26,7 +26,7 @@ int autosave(const Options& options) {
     error.text.insert(0, stored + "no old autosave was deleted: ");
     return report(error, true);
   }
-  delete_again(done->undeleted, options.wait, done->deleted);
+  delete_again(done->undeleted, options.deadline, done->deleted);
   return report_undeleted(done->undeleted);
 }
 
@@ -34,6 +34,7 @@ int check_old(const Options& options) {
   cs::Query query;
   query.pattern = "autosave-*";
   query.order = cs::Query::Order::saved;
+  query.wait = options.deadline.left();
   const auto found = cs::list(query);
   if (!found) return report(found.error());
   const auto last = std::find_if(found->rbegin(), found->rend(), [](const cs::Snapshot& snapshot) {

@@ -24,9 +24,9 @@ cs::ImportOptions options_of(const Options& options) {
 }
 
 /// Standard input can be read only once, so the library waits in one go.
-cs::Result<cs::Imported> import_pipe(cs::ImportOptions how, unsigned seconds) {
+cs::Result<cs::Imported> import_pipe(cs::ImportOptions how, const Deadline& deadline) {
   std::string buffer(128 << 10, '\0');
-  how.wait = std::chrono::seconds(seconds);
+  how.wait = deadline.left();
   const cs::Supply supply = [&buffer]() -> cs::Result<std::string_view> {
     for (;;) {
       const ssize_t size = read(STDIN_FILENO, buffer.data(), buffer.size());
@@ -43,9 +43,9 @@ cs::Result<cs::Imported> import_in_time(const Options& options) {
   if (options.exchanged == "-") {
     // What ends the process would leave the file that holds what was read so far.
     const TerminationCatcher catcher;
-    return import_pipe(how, options.wait);
+    return import_pipe(how, options.deadline);
   }
-  return in_turns(options.wait, [&](std::chrono::milliseconds wait) {
+  return in_turns(options.deadline, [&](std::chrono::milliseconds wait) {
     how.wait = wait;
     return cs::import_from(options.exchanged, how);
   });

@@ -15,6 +15,7 @@ using ConfSave::Config;
 cs::Query query_of(const Options& options) {
   using Order = cs::Query::Order;
   cs::Query query;
+  query.wait = options.deadline.left();
   query.up_to = options.upto;
   query.corlu_config = options.all;
   query.order = options.sort == "name"      ? Order::name

@@ -87,12 +87,12 @@ void print_extra(std::ostream& out, const cs::Plan& plan) {
 
 /// Before a plan is made: what an earlier restore left must be settled.
 int settle(const Options& options) {
-  const auto left = cs::unfinished();
-  if (!left) return report(left.error());
+  const auto left = cs::unfinished({options.deadline.left()});
+  if (!left) return report(left.error(), true);
   if (!*left) return kDone;
   // A plan refuses by itself.
   if (options.dry_run) return kDone;
-  const auto done = recover_in_time(options.wait);
+  const auto done = recover_in_time(options.deadline);
   return done ? print_recovery(std::cerr, *done) : report_restore(done.error());
 }
 
@@ -104,7 +104,8 @@ cs::Error with_state_of_window(cs::Error error) {
   return error;
 }
 
-int dry_run(const cs::Snapshot& snapshot, const Options& options, const cs::RestoreOptions& how) {
+int dry_run(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptions how) {
+  how.wait = options.deadline.left();
   const auto plan = cs::plan(id_of(snapshot), how);
   if (!plan) return report_restore(with_state_of_window(plan.error()), snapshot);
   if (options.json) {
@@ -126,8 +127,10 @@ int agree(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptio
   std::ostream& result = options.json ? std::cerr : std::cout;
   // The plan appears where the question does.
   std::ostream& out = isatty(STDOUT_FILENO) == 1 ? result : std::cerr;
+  Deadline deadline = options.deadline;
   for (bool may_ask = !how.exact;; may_ask = false) {
     how.expected.reset();
+    how.wait = deadline.left();
     auto plan = cs::plan(id_of(snapshot), how);
     if (!plan) return report_restore(plan.error(), snapshot);
     print_plan(out, *plan, lines_of_screen());
@@ -139,6 +142,7 @@ int agree(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptio
     if (asks) {
       const Answer answer = ask_about_extra(*how.expected);
       if (answer == Answer::none) return kDeclined;
+      deadline = Deadline(options.wait);
       how.exact = answer == Answer::yes;
       // Shown anew, with what will be removed.
       if (how.exact) continue;
@@ -172,7 +176,6 @@ cs::RestoreOptions restore_options(const Options& options) {
   how.exact = options.exact;
   how.keep = options.keep;
   how.allow_newer = options.force;
-  how.wait = std::chrono::seconds(options.wait);
   how.confirm_within = std::chrono::seconds(options.confirm_within);
   if (options.confirm_within != 0) how.program = this_program();
   return how;
@@ -189,15 +192,15 @@ cs::Result<cs::Restored> restore(const cs::Id& id, cs::RestoreOptions how, const
     how.wait = wait;
     return cs::restore(id, how);
   };
-  if (options.check.empty()) return in_turns(options.wait, attempt);
+  if (options.check.empty()) return in_turns(options.deadline, attempt);
   how.check = [&line, &options] {
     line.end();
     return run_check(options.check);
   };
   // Whatever ends the session must not end the process before the restore is taken back.
   const TerminationCatcher catcher;
-  // After the check the lock is waited for once more, and as long as the options allow.
-  return attempt(std::chrono::seconds(options.wait));
+  // The wait for the lock after the check begins anew.
+  return attempt(options.deadline.left());
 }
 
 int print_restored(const cs::Restored& restored, const Options& options, bool was_shown) {
@@ -224,7 +227,7 @@ int restore_and_report(const cs::Snapshot& snapshot, const cs::RestoreOptions& h
   if (!interrupted() || !untouched) return report_restore(restored.error(), snapshot);
   const auto left = cs::unfinished();
   if (left && *left) {
-    const auto done = recover_in_time(1);
+    const auto done = recover_in_time(Deadline(kWaitOfReaders));
     if (!done) return report_restore(done.error());
   }
   std::cerr << "confsave: interrupted; nothing was restored.\n";
@@ -248,7 +251,8 @@ int load(const Options& options) {
   cs::RestoreOptions how = restore_options(options);
   if (options.dry_run) return dry_run(*snapshot, options, how);
   if (asks) status = agree(*snapshot, options, how);
-  if (status == kDone && !interrupted()) return restore_and_report(*snapshot, how, options, asks);
+  if (status == kDone && !interrupted())
+    return restore_and_report(*snapshot, how, asks ? renewed(options) : options, asks);
   if (status != kDone && status != kDeclined) return status;
   std::cerr << "confsave: " << (interrupted() ? "interrupted; " : "") << "nothing was restored.\n";
   return kDeclined;

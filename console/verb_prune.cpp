@@ -46,12 +46,12 @@ void print(const cs::Pruned& pruned, bool dry_run, std::ostream& out) {
 int prune(const Options& options) {
   if (options.match && !check_pattern(*options.match)) return kUsage;
   cs::PruneOptions how = options_of(options);
-  auto pruned = in_turns(options.wait, [&](std::chrono::milliseconds wait) {
+  auto pruned = in_turns(options.deadline, [&](std::chrono::milliseconds wait) {
     how.wait = wait;
     return cs::prune(how);
   });
   if (!pruned) return report(pruned.error(), true);
-  delete_again(pruned->undeleted, options.wait, pruned->deleted);
+  delete_again(pruned->undeleted, options.deadline, pruned->deleted);
   // A document is complete, or there is none.
   if (options.json && pruned->undeleted.empty()) {
     print_json(*pruned);

@@ -55,7 +55,7 @@ int save(const Options& options) {
   how.comment = options.comment;
   how.overwrite = how.allow_empty = options.force;
   how.if_changed = options.if_changed;
-  auto saved = save_in_time(id, how, options.wait);
+  auto saved = save_in_time(id, how, options.deadline);
   if (!saved && saved.error().code == cs::Code::taken && isatty(STDIN_FILENO) == 1) {
     // No lock is held now.
     if (ask(question(id)) != Answer::yes) {
@@ -63,7 +63,7 @@ int save(const Options& options) {
       return kDeclined;
     }
     how.overwrite = true;
-    saved = save_in_time(id, how, options.wait);
+    saved = save_in_time(id, how, Deadline(options.wait));
   }
   if (!saved) return report_unsaved(saved.error(), true);
   print_warnings(*saved);

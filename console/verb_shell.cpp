@@ -50,7 +50,7 @@ void run_line(const Arguments& words, bool at_terminal) {
   }
   if (!WIFSIGNALED(status)) return;
   const Verb* verb = find_verb(words.front());
-  // That waits ends at once.
+  // "revert --when-due" ends at once and prints nothing.
   const bool waits = std::find(words.begin(), words.end(), "--when-due") != words.end();
   const bool has_said_so = verb != nullptr && (verb->traits & kInterruptible) != 0 && !waits;
   if (WTERMSIG(status) == SIGINT) {

@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <iostream>
 
 #include "choosing.h"
@@ -62,14 +61,6 @@ std::string hexadecimal(const cs::Digest& digest) {
   return text;
 }
 
-std::string local_time(ConfSave::int64 time) {
-  const std::time_t seconds = time;
-  std::tm parts = {};
-  if (localtime_r(&seconds, &parts) == nullptr) return "-";
-  char text[64] = "";
-  return {text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts)};
-}
-
 Row row_of(const cs::Member& member) {
   const bool is_directory = member.kind == cs::Kind::directory;
   return {rights(member),
@@ -93,10 +84,10 @@ Json json_of(const cs::Member& member) {
   return object;
 }
 
-int show_members(const cs::Snapshot& snapshot, bool json) {
-  const auto members = cs::members(id_of(snapshot));
+int show_members(const cs::Snapshot& snapshot, const Options& options) {
+  const auto members = cs::members(id_of(snapshot), {options.deadline.left()});
   if (!members) return report_reading(members.error(), label(snapshot));
-  if (json) {
+  if (options.json) {
     JsonArray array(json_id(snapshot), "members");
     for (const cs::Member& member : *members) array.add(json_of(member));
     array.end();
@@ -107,11 +98,13 @@ int show_members(const cs::Snapshot& snapshot, bool json) {
   return kDone;
 }
 
-int show_file(const cs::Snapshot& snapshot, const std::string& path) {
-  const cs::Error error = cs::read_file(id_of(snapshot), path, [](std::string_view piece) {
+int show_file(const cs::Snapshot& snapshot, const Options& options) {
+  const std::string& path = options.file;
+  const auto print = [](std::string_view piece) {
     if (std::cout.write(piece.data(), static_cast<std::streamsize>(piece.size()))) return cs::Error{};
     return cs::Error{cs::Code::failed, errno, "standard output", std::strerror(errno)};
-  });
+  };
+  const cs::Error error = cs::read_file(id_of(snapshot), path, print, {options.deadline.left()});
   if (error.code == cs::Code::ok) return kDone;
   if (error.code != cs::Code::not_found && error.code != cs::Code::bad_argument)
     return report_reading(error, label(snapshot));
@@ -124,9 +117,9 @@ int show_file(const cs::Snapshot& snapshot, const std::string& path) {
 
 int show(const Options& options) {
   int status = kDone;
-  const auto snapshot = choose(options.snapshot, status);
+  const auto snapshot = choose(options.snapshot, options, status);
   if (!snapshot) return status;
-  return options.file.empty() ? show_members(*snapshot, options.json) : show_file(*snapshot, options.file);
+  return options.file.empty() ? show_members(*snapshot, options) : show_file(*snapshot, options);
 }
 
 }  // namespace console

@@ -4,6 +4,7 @@
 
 #include "exit_status.h"
 #include "pending_text.h"
+#include "recovering.h"
 #include "report.h"
 #include "text.h"
 #include "verb_functions.h"
@@ -72,16 +73,16 @@ std::string size_text(ConfSave::int64 bytes) {
 }
 
 /// With the time that is left, where the library has only the moment.
-std::string words_of(const cs::Attention& attention) {
+std::string words_of(const cs::Attention& attention, const Options& options) {
   if (attention.code != "pending") return readable(attention.text);
-  const auto pending = cs::pending();
+  const auto pending = cs::pending({options.deadline.left()});
   const bool has_time = pending && *pending && (*pending)->seconds_left > 0 && !(*pending)->is_checked;
   return has_time ? text_of(**pending) : readable(attention.text);
 }
 
-void print_as_text(const cs::Status& found) {
+void print_as_text(const cs::Status& found, const Options& options) {
   for (const cs::Attention& attention : found.attention) {
-    std::cout << attention.code << ": " << words_of(attention) << '\n';
+    std::cout << attention.code << ": " << words_of(attention, options) << '\n';
   }
   std::cout << "snapshots:        " << found.snapshots << '\n'
             << "newest:           " << time_text(found.newest) << '\n'
@@ -93,19 +94,20 @@ void print_as_text(const cs::Status& found) {
 }  // namespace
 
 int show_status(const Options& options) {
-  const auto found = cs::status();
+  const auto found = cs::status({options.deadline.left()});
   if (!found) {
     // What is unfinished counts the more.
-    say_what_is_unfinished();
+    print_unfinished(options, found.error());
     return report(found.error());
   }
   if (options.json) {
     // What cannot be read needs attention, and is among that.
-    const auto pending = cs::pending();
-    const auto left = cs::unfinished();
+    const cs::ReadOptions limits{options.deadline.left()};
+    const auto pending = cs::pending(limits);
+    const auto left = cs::unfinished(limits);
     print_as_json(*found, pending ? *pending : std::nullopt, left ? *left : std::nullopt);
   } else {
-    print_as_text(*found);
+    print_as_text(*found, options);
   }
   return found->attention.empty() ? kDone : kFindings;
 }

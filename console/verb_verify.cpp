@@ -57,8 +57,10 @@ int verify(const Options& options) {
   const auto snapshots = choose_some(options, status);
   if (!snapshots) return status;
   std::vector<cs::Verdict> verdicts;
+  const cs::ReadOptions limits{options.deadline.left()};
   for (const cs::Snapshot& snapshot : *snapshots) {
-    auto verdict = cs::verify(id_of(snapshot));
+    // The work on many takes longer than others are waited for.
+    auto verdict = cs::verify(id_of(snapshot), options.all ? cs::ReadOptions() : limits);
     // Deleted meanwhile.
     if (!verdict && verdict.error().code == cs::Code::not_found && options.all) continue;
     if (!verdict) return report(verdict.error());

@@ -8,7 +8,6 @@
 #include "completion.h"
 #include "exit_status.h"
 #include "interrupt.h"
-#include "pending_text.h"
 #include "recovering.h"
 #include "text.h"
 #include "verb_functions.h"
@@ -64,8 +63,9 @@ int flush(int status, const char* consequence) {
 }
 
 int run_verb(const Verb& verb, const Options& options) {
-  if ((verb.traits & kSettling) == 0) mention_pending();
-  if ((verb.traits & kChanging) != 0 && !options.dry_run) mention_recovery();
+  const bool changes = (verb.traits & kChanging) != 0;
+  if ((verb.traits & kSettling) == 0) settle_pending(options, !changes);
+  if (changes && !options.dry_run) settle_interrupted();
   const bool is_done = (verb.traits & (kInterruptible | kChanging)) != 0 && !options.dry_run;
   const char* consequence = is_done ? "; what was asked for is done" : "";
   if ((verb.traits & kInterruptible) == 0) return flush(verb.run(options), consequence);
@@ -121,6 +121,7 @@ int parse_and_run(const Verb& verb, const Arguments& given) {
   if (const std::string problem = contradiction(verb, options); !problem.empty())
     return refuse(problem, help);
   if (options.version) options.snapshot.version = options.version;
+  if (lists(verb.options, "--wait")) options.deadline = Deadline(options.wait);
   return run_verb(verb, options);
 }
 

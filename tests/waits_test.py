@@ -3,18 +3,21 @@
 
     tests/waits_test.py PROGRAM
 
-First another process holds the exclusive lock. Then fcntl() fails from one of its calls on, by strace, as
-on a file system without locks. Each verb must end within its --wait and two seconds, say why, and leave
-the other snapshots alone. The verbs run side by side, each on a gateway of its own.
+First another process holds the exclusive lock; then one holds two locks, the second one longer than the
+first. Then fcntl() fails from one of its calls on, by strace, as on a file system without locks. Each verb
+must end within its --wait and two seconds, say why, and leave the other snapshots alone. The verbs run side
+by side, each on a gateway of its own.
 """
 
 import concurrent.futures
+import fcntl
 import os
 import shutil
 import sqlite3
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 WAIT = 1
@@ -46,15 +49,15 @@ class Gateway:
         for name in ("kept", "weekly"):
             assert self.run(["save", name])[0] == 0
 
-    def run(self, arguments, prefix=()):
+    def run(self, arguments, prefix=(), most=WAIT + 2, wait=WAIT):
         """Returns exit status and output, within the time that the verb has."""
-        wait = [f"--wait={WAIT}"] if arguments in CHANGING else []
+        wait = [f"--wait={wait}"] if arguments in CHANGING else []
         start = time.monotonic()
         done = subprocess.run(
             [*prefix, self.program, *arguments, *wait], stdin=subprocess.DEVNULL, text=True,
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=20, check=False, env=self.environment)
         seconds = time.monotonic() - start
-        assert seconds < WAIT + 2, f"{arguments} took {seconds:.1f} s"
+        assert seconds < most, f"{arguments} took {seconds:.1f} s"
         return done.returncode, done.stdout
 
     def kept_row(self):
@@ -72,6 +75,32 @@ def lock_is_held(gateway, verb):
     assert status == (0 if verb == ["shell"] else BUSY), f"{verb}: exit status {status}"
     assert gateway.kept_row() == before and before
     assert gateway.run(["list"])[0] == 0
+
+
+def locks_follow_each_other(gateway, verb):
+    """All waits of a verb share its limit: of a verb that reads, one second."""
+    if verb in READING:
+        holders = [sqlite3.connect(f"{os.path.dirname(gateway.storage)}/{name}", isolation_level=None)
+                   for name in ("notes.db", "restore.db")]
+        for holder in holders:
+            holder.execute("begin exclusive")
+        # One second for each of the two snapshots.
+        most = WAIT + 2.9 if verb == ["verify", "--all"] else WAIT + 0.9
+        gateway.run(verb, most=most)
+        for holder in holders:
+            holder.close()
+        return
+    wait = 3
+    holder = sqlite3.connect(gateway.storage, isolation_level=None, check_same_thread=False)
+    holder.execute("begin exclusive")
+    with open(f"{os.path.dirname(gateway.storage)}/confsave.lock", "ab") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        later = threading.Timer(wait - 0.8, holder.rollback)
+        later.start()
+        status, output = gateway.run(verb, most=wait + 1.5, wait=wait)
+        later.join()
+    holder.close()
+    assert status == BUSY, f"{verb}: exit status {status}: {output}"
 
 
 def calls_fail(gateway, verb):
@@ -93,6 +122,7 @@ def calls_fail(gateway, verb):
 def test(program, verb, directory):
     gateway = Gateway(program, directory)
     lock_is_held(gateway, verb)
+    locks_follow_each_other(gateway, verb)
     noticed = calls_fail(gateway, verb)
     assert noticed > 0, f"{verb} never noticed a failure"
     return noticed
