@@ -18,13 +18,13 @@ Error check_type(conftype type);
 /// At most 4,096 bytes of UTF-8 without control characters.
 Error check_comment(const std::string& comment);
 
-/// One that SQLite takes as it is.
+/// SQLite reads a pattern to its end.
 Error check_pattern(const std::string& pattern);
 
-/// One that the system takes as it is.
+/// The system reads a path to its end.
 Error check_path(const std::string& path);
 
-/// None of them twice.
+/// No snapshot is named twice.
 Error check_ids(const Ids& ids);
 
 /// Functions that can be called.
@@ -34,10 +34,10 @@ Error check_supply(const Supply& supply);
 /// A value of the enumeration.
 Error check_when(When when);
 
-/// The target and the program.
+/// Checks the target and the program.
 Error check_paths(const RestoreOptions& options);
 
-/// These, too, and nothing, or as long as a restore may wait for its confirmation.
+/// Checks these, too, and `confirm_within`.
 Error check_window(const RestoreOptions& options);
 
 /// Whether another process, in another directory, finds the files.

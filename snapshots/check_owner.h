@@ -5,7 +5,7 @@
 
 namespace ConfSave::snapshots {
 
-/// The process that waits for the check of a restore. Its death frees it, whatever it has started lives on.
+/// The process that waits for the check of a restore. The lock ends with it, even if its children live on.
 class CheckOwner {
  public:
   /// Code::pending if another process, or another thread, is it.

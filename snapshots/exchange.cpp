@@ -255,7 +255,7 @@ Error Exchange::put_back(const Step& step, const Slot& slot, const std::string& 
 // ---------------------------------------------------------------------------------------------------
 // Afterwards
 
-/// By a step, which has seen it empty.
+/// Whether a step has moved this directory away. The step has checked that it was empty.
 bool Exchange::is_moved_away(std::size_t root, const std::string& directory) const {
   return std::any_of(steps_.begin(), steps_.end(), [&](const Step& step) {
     return step.root == root && step.path == directory && S_ISDIR(step.before.kind) &&

@@ -74,7 +74,7 @@ std::optional<std::string> value_of(int file, const std::string& name) {
   }
 }
 
-/// One that has gone meanwhile is copied.
+/// True also if the attribute is gone: there is nothing to copy.
 bool copy_attribute(int from, int to, const std::string& name) {
   // These vouch for the content that goes.
   for (const char* other : {"security.capability", "security.ima", "security.evm"}) {
@@ -84,7 +84,7 @@ bool copy_attribute(int from, int to, const std::string& name) {
   if (!found) return errno == ENODATA;
   const std::string value = name == kAccess ? limited_by_mask(*found) : *found;
   if (fsetxattr(to, name.c_str(), value.data(), value.size(), 0) == 0) return true;
-  // The labels of a security module are given by the kernel to who may not set them.
+  // A process that may not set a security label keeps the one that the kernel has given.
   return name.compare(0, 9, "security.") == 0 && errno == EPERM && geteuid() != 0;
 }
 

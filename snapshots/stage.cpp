@@ -82,7 +82,8 @@ class Staging {
     return is_private ? check_inodes(site, status.st_dev) : site.beneath.failure(site.name, errno);
   }
 
-  /// By a file that a sweep takes for a staged one.
+  /// Makes a file and deletes it: its device must be that of the directory. A sweep deletes it after a
+  /// kill.
   static Error check_inodes(const Site& site, dev_t device) {
     const char* const name = "0";
     const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;

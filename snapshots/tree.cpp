@@ -158,7 +158,7 @@ class TreeReading {
       return errno == ENOENT ? Error{} : failure(path);
     }
     if (static_cast<int64>(members_.size()) >= limits_.members) {
-      return {Code::failed, 0, printable(path),
+      return {Code::failed, 0, printable(base_ + path),
               "a snapshot has at most " + std::to_string(limits_.members) +
                   " files; take some out of the configuration"};
     }

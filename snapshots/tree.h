@@ -43,10 +43,9 @@ class KnownDigests {
 };
 
 /// The files of the contents of `type` as they are now, by absolute path. Follows no symbolic link below
-/// the two directories: one in a directory's place is Code::unsafe, as a device or FIFO is; a socket is
-/// skipped, as tar skips it. A file
-/// that changes while it is read is read again, and is Code::changed_meanwhile after some attempts. The
-/// configuration database counts only if it is whole, as it is packed only then. The paths of files and
+/// the two directories: one in a directory's place is Code::unsafe, as a device or FIFO is. Skips sockets,
+/// as tar does, and a configuration database that is not whole, as a save does. Reads a file again that
+/// changes while it is read; after some attempts that is Code::changed_meanwhile. The paths of files and
 /// directories that this process may not read go into `unreadable`; without it the first one is
 /// Code::denied. A file of which `known` has the digest is not read.
 Result<Tree> read_tree(conftype type, const Limits& limits = {},

@@ -35,8 +35,8 @@ Result<std::map<std::string, Wanted>> read_wanted(OpenRow& row, const Destinatio
                                                   ContentCheck& check, DecodedFiles& decoded,
                                                   const PackedProgress& progress = {});
 
-/// That of a restored file of this owner and group, which only root can set: it must not run as another
-/// one, and another group must not read what others must not.
+/// The mode of a restored file that gets this owner and group. Without the recorded owner it loses set-id
+/// bits; without the recorded group, that group gets no more than others.
 mode_t mode_for(const Member& member, std::uint32_t owner, std::uint32_t group);
 
 /// Whether this process may give a file of its user to the group.

@@ -126,7 +126,7 @@ struct PruneOptions {
 struct AutosaveOptions {
   int64 most = 0;  ///< how many autosaves stay, 1 or more; pinned ones do not count
   conftype type = conf_full;
-  bool if_changed = false;  ///< as for save()
+  bool if_changed = false;  ///< as for save(), unless that snapshot is damaged
   std::chrono::milliseconds wait{30000};
 };
 

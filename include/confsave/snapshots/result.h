@@ -18,11 +18,11 @@ enum class Code {
   pinned,             ///< the snapshot is protected from being deleted
   busy,               ///< another process, or thread of this one, holds a lock, and the wait is over
   pending,            ///< a restore waits for its check or for confirm(), and would be disturbed
-  not_pending,        ///< no restore waits for confirm(); the text says how the last one ended
+  not_pending,        ///< no restore waits for confirm(); the text says what became of the last one
   incomplete,         ///< there is nothing to save: no file of the contents exists
   damaged,            ///< an archive cannot be decoded to its end, or a row has values of the wrong type
   unsafe,             ///< an archive has a member that a restore must not follow
-  changed_meanwhile,  ///< a file changed while it was read
+  changed_meanwhile,  ///< a file, directory or snapshot changed during the call, or since the plan
   denied,             ///< permission, or a file system that is read-only
   check_failed,       ///< the check of a restore failed, and the restore was taken back
   newer,              ///< of a newer version: a file that a newer ConfSave wrote, or a snapshot to restore

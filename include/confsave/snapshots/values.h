@@ -189,7 +189,7 @@ struct Pending {
   int64 version = 0;
   std::string author;       ///< who restored it
   bool is_checked = false;  ///< its check runs: there is no deadline yet
-  int64 deadline = 0;       ///< by the clock as it is set now; in the past after a restart
+  int64 deadline = 0;       ///< by the clock as it is set now; the present time once the window is over
   /// 0 without a deadline; else 0: it is taken back now, or by the next call that changes something.
   int64 seconds_left = 0;
 };
