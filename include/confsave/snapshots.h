@@ -181,8 +181,9 @@ CONFSAVE_API Result<Recovery> revert(When when, const ChangeOptions& options = {
 
 /// What needs attention: files that killed processes have left (unless a process holds "confsave.lock":
 /// they may be its own), each failover file that is missing, the storage, its journal, its notes, their
-/// directory and the temporary directory if other users can read or write them, directories of the configuration that
-/// they can write, a newest snapshot or autosave that is stale, and little room. Changes nothing.
+/// directory and the temporary directory if other users can read or write them, directories of the
+/// configuration that they can write, a newest snapshot or autosave that is stale, and little room. Changes
+/// nothing.
 CONFSAVE_API Result<Status> status(const ReadOptions& options = {});
 
 /// Whether this is the name of an autosave: "autosave-YYYY-MM-DD-HH-MM-SS", with or without "-N" behind it.
