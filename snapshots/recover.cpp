@@ -249,21 +249,29 @@ Result<Recovery> lock_and_recover(const ChangeOptions& options) {
   return recover_under_lock(deadline, unfinished, Demand::when_due);
 }
 
+/// A record that no process is at work on.
+struct Rest {
+  Record record;
+  bool is_pending;
+};
+
+Result<std::optional<Rest>> find_rest(const Deadline& deadline) {
+  Result<std::optional<Record>> found = read_record(deadline);
+  if (!found) return found.error();
+  if (!*found) return std::optional<Rest>();
+  const State state = (*found)->state;
+  const bool is_checked = state == State::checking;
+  const bool is_pending = is_checked ? CheckOwner::is_alive() : state == State::pending;
+  if (!is_checked && !is_pending && Lock::is_taken()) return std::optional<Rest>();
+  return std::optional<Rest>({std::move(**found), is_pending});
+}
+
 Result<std::optional<Unfinished>> find_unfinished(const Deadline& deadline) {
-  const Result<std::optional<Record>> record = read_record(deadline);
-  if (!record) return record.error();
-  if (!*record) return std::optional<Unfinished>();
-  const Snapshot& snapshot = (*record)->snapshot;
-  Unfinished unfinished{snapshot.config.name, snapshot.config.vers, (*record)->state == State::pending};
-  if ((*record)->state == State::checking) {
-    unfinished.is_pending = CheckOwner::is_alive();
-  } else if (unfinished.is_pending) {
-    return std::optional<Unfinished>(std::move(unfinished));
-  } else if (Lock::is_taken()) {
-    // Its process is at work.
-    return std::optional<Unfinished>();
-  }
-  return std::optional<Unfinished>(std::move(unfinished));
+  const Result<std::optional<Rest>> rest = find_rest(deadline);
+  if (!rest) return rest.error();
+  if (!*rest) return std::optional<Unfinished>();
+  const Config& config = (*rest)->record.snapshot.config;
+  return std::optional<Unfinished>({config.name, config.vers, (*rest)->is_pending});
 }
 
 }  // namespace
@@ -281,20 +289,16 @@ Error recover_wholly(const Deadline& deadline) {
 }
 
 Error check_finished(const Deadline& deadline) {
-  const Result<std::optional<Unfinished>> found = find_unfinished(deadline);
-  if (!found) return found.error();
-  if (!*found) return {};
-  const Result<std::optional<Record>> record = read_record(deadline);
-  if (!record) return record.error();
-  // It has ended meanwhile.
-  if (!*record) return {};
-  if ((*found)->is_pending) {
-    const bool is_checked = (*record)->state == State::checking;
-    return {Code::pending, 0, "",
-            "the restore of " + quoted((*record)->snapshot.config.name) +
-                (is_checked ? " waits for its check" : " waits to be confirmed")};
+  const Result<std::optional<Rest>> rest = find_rest(deadline);
+  if (!rest) return rest.error();
+  if (!*rest) return {};
+  const Record& record = (*rest)->record;
+  if (!(*rest)->is_pending) {
+    return {Code::needs_attention, 0, "", interruption(record) + "; run 'confsave recover' first"};
   }
-  return {Code::needs_attention, 0, "", interruption(**record) + "; run 'confsave recover' first"};
+  if (record.state == State::pending) return refuse_pending(record.snapshot);
+  return {Code::pending, 0, "",
+          "the restore of " + quoted(record.snapshot.config.name) + " waits for its check"};
 }
 
 Result<Recovery> recover(const ChangeOptions& options) {

@@ -185,7 +185,7 @@ TEST_F(PendingTest, TheSystemLogSaysWhoDidWhat) {
             "confsave: action=import result=ok snapshot=imported");
   // A value must not look like two fields, whatever is in it.
   cs::RestoreOptions elsewhere;
-  elsewhere.target = root() + "/x\\\" result=ok user=\"anna";
+  elsewhere.target = root() + R"(/x\" result=ok user="anna)";
   ASSERT_EQ(mkdir(elsewhere.target.c_str(), 0700), 0);
   ASSERT_TRUE(cs::restore({"weekly"}, elsewhere));
   EXPECT_NE(log.back().second.find(R"(x\\\" result=ok user=\"anna")"), std::string::npos)
