@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "places.h"
 #include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
@@ -10,6 +12,7 @@
 #include "snapshots/boundary.h"
 #include "snapshots/bundle_check.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/early_notes.h"
 #include "snapshots/listing.h"
 #include "snapshots/lock.h"
 #include "snapshots/new_file.h"
@@ -35,8 +38,8 @@ class Importing {
     if (error.code == Code::ok) error = check_content();
     if (error.code == Code::ok) error = store();
     if (error.code != Code::ok) return error;
-    for (std::size_t i = 0; i < rows_.size(); ++i)
-      keep_notes(rows_[i], imported_.snapshots[i], replaced_[i]);
+    for (std::size_t i = 0; i < rows_.size(); ++i) keep_notes(rows_[i], notes_[i]);
+    for (NewNote& note : notes_) imported_.snapshots.push_back(std::move(note.snapshot));
     Reserve::keep(storage_file());
     return std::move(imported_);
   }
@@ -104,57 +107,90 @@ class Importing {
     if (rows_.empty()) return {};
     Result<StorageWriter> writer = StorageWriter::open(deadline_);
     if (!writer) return writer.error();
-    return writer->in_transaction([&] {
-      for (const CheckedRow& row : rows_) {
-        if (Error error = store_row(row, *writer); error.code != Code::ok) return error;
+    prepare_notes();
+    Error error = writer->in_transaction([&] {
+      for (std::size_t i = 0; i < rows_.size(); ++i) {
+        if (Error stored = store_row(rows_[i], notes_[i], *writer); stored.code != Code::ok) return stored;
       }
-      return Error{};
+      return early_notes_.write(notes_);
     });
+    if (error.code != Code::ok) early_notes_.take_back();
+    return error;
   }
 
-  Error store_row(const CheckedRow& row, StorageWriter& writer) {
-    Snapshot stored = row.row.snapshot;
-    stored.config.name = name_of(row);
-    const Result<std::optional<int64>> replaced =
-        writer.make_room({stored.config.name, stored.config.vers}, options_.overwrite);
+  /// What is wrong with a note is found afterwards.
+  void prepare_notes() {
+    for (const CheckedRow& row : rows_) {
+      NewNote kept;
+      kept.snapshot = row.row.snapshot;
+      kept.snapshot.config.name = name_of(row);
+      if (Result<Note> note = bundle_.note(row.row.snapshot)) kept.note = std::move(*note);
+      notes_.push_back(std::move(kept));
+    }
+    const auto is_empty = [](const NewNote& kept) { return kept.note.is_empty(); };
+    if (!std::all_of(notes_.begin(), notes_.end(), is_empty)) early_notes_.open();
+  }
+
+  Error store_row(const CheckedRow& row, NewNote& kept, StorageWriter& writer) {
+    const Config& config = kept.snapshot.config;
+    const Result<std::optional<int64>> replaced = writer.make_room(
+        {config.name, config.vers}, [&](const Snapshot& old) { return ask_for_the_pin(old, kept); });
     if (!replaced) return replaced.error();
     RowToCopy copy;
     copy.rowid = row.row.rowid;
-    copy.name = stored.config.name;
+    copy.name = config.name;
     copy.digests = &row.archives;
     const Result<int64> id = copy_row(bundle_.database(), copy, writer.database());
     if (!id) return bundle_.explain(id.error());
-    stored.id = *id;
-    imported_.snapshots.push_back(std::move(stored));
-    replaced_.push_back(replaced->value_or(0));
+    kept.snapshot.id = *id;
+    kept.replaced = replaced->value_or(0);
+    return {};
+  }
+
+  /// Within the transaction: another program may have stored the old row meanwhile.
+  Error ask_for_the_pin(const Snapshot& old, NewNote& kept) {
+    const std::string which = "snapshot '" + kept.snapshot.config.name + "'";
+    if (!options_.overwrite) return {Code::taken, 0, "", "the " + which + " exists"};
+    const Result<bool> found = is_pinned(old, deadline_);
+    if (!found && found.error().code == Code::busy) return found.error();
+    if (!found) {
+      imported_.warnings.push_back("if the old " + which +
+                                   " was pinned, the new one is not: " + sentence(found.error()));
+      return {};
+    }
+    kept.keeps_pin = *found;
+    kept.note.pinned = kept.note.pinned || *found;
     return {};
   }
 
   /// The row is stored: from here on a failure is a warning.
-  void keep_notes(const CheckedRow& row, Snapshot& stored, int64 replaced) {
-    Error error = write_notes(row, stored, replaced);
-    if (error.code == Code::ok) return;
-    imported_.warnings.push_back("the comment, the pin and the list of files of '" + stored.config.name +
-                                 "' were not kept: " + sentence(error));
+  void keep_notes(const CheckedRow& row, NewNote& kept) {
+    const Error error = write_notes(row, kept);
+    const bool is_kept = error.code == Code::ok || early_notes_.has(kept.snapshot);
+    if (error.code != Code::ok) {
+      imported_.warnings.push_back(
+          (is_kept ? "the list of files of '" : "the comment, the pin and the list of files of '") +
+          kept.snapshot.config.name + (is_kept ? "' was not kept: " : "' were not kept: ") +
+          sentence(error));
+    }
+    if (!is_kept) return;
+    kept.snapshot.comment = kept.note.comment;
+    kept.snapshot.author = kept.note.author;
+    kept.snapshot.pinned = kept.note.pinned;
   }
 
-  Error write_notes(const CheckedRow& row, Snapshot& stored, int64 replaced) {
+  Error write_notes(const CheckedRow& row, NewNote& kept) {
     Result<RowNotes> found = notes_of(bundle_, row);
     if (!found) return found.error();
-    Note& note = found->note;
-    const auto old = old_.find({stored.config.name, stored.config.vers});
-    if (old != old_.end() && old->second.pinned && old->second.id == replaced) note.pinned = true;
-    const bool is_empty = note.comment.empty() && note.author.empty() && !note.pinned && !found->manifest;
-    if (is_empty && replaced == 0) return {};
-    Result<Notes> notes = Notes::open_to_write(deadline_.left_afterwards());
+    found->note.pinned = found->note.pinned || kept.keeps_pin;
+    kept.note = std::move(found->note);
+    const Note& note = kept.note;
+    if (note.is_empty() && !found->manifest && kept.replaced == 0) return {};
+    Result<Notes*> notes = early_notes_.afterwards();
     if (!notes) return notes.error();
-    Error error = found->manifest ? notes->replace_manifest(stored, note, *found->manifest, replaced)
-                                  : replace_note(*notes, stored, note, replaced);
-    if (error.code != Code::ok) return error;
-    stored.comment = note.comment;
-    stored.author = note.author;
-    stored.pinned = note.pinned;
-    return {};
+    return found->manifest
+               ? (*notes)->replace_manifest(kept.snapshot, note, *found->manifest, kept.replaced)
+               : replace_note(**notes, kept.snapshot, note, kept.replaced);
   }
 
   static Error replace_note(Notes& notes, const Snapshot& stored, const Note& note, int64 replaced) {
@@ -172,7 +208,8 @@ class Importing {
   const Deadline& deadline_;
   std::vector<CheckedRow> rows_;
   std::map<std::pair<std::string, int64>, Snapshot> old_;  ///< what was stored before
-  std::vector<int64> replaced_;
+  EarlyNotes early_notes_{deadline_};
+  std::vector<NewNote> notes_;  ///< as many as rows
   Imported imported_;
 };
 

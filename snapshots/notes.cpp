@@ -165,6 +165,15 @@ Error Notes::in_transaction(const std::function<Error()>& change) {
   return error;
 }
 
+Error Notes::write(const std::vector<NewNote>& notes) {
+  return in_transaction([&]() -> Error {
+    for (const NewNote& note : notes) {
+      if (Error error = replace(note.snapshot, note.note); error.code != Code::ok) return error;
+    }
+    return {};
+  });
+}
+
 Error Notes::change(const Snapshot& snapshot, const std::function<void(Note&)>& change) {
   return in_transaction([&] { return read_and_replace(snapshot, change); });
 }
@@ -277,6 +286,16 @@ Error Notes::replace(const Snapshot& snapshot, const Note& note) {
       .bind(note.author)
       .bind(note.pinned ? int64{1} : int64{0});
   return statement->step() == SQLITE_DONE ? Error{} : database_.error();
+}
+
+Result<bool> is_pinned(const Snapshot& row, const Deadline& deadline) {
+  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
+  if (!notes) return notes.error();
+  if (!*notes) return false;
+  const Result<std::map<int64, Note>> found = (*notes)->read({row});
+  if (!found) return found.error();
+  const auto note = found->find(row.id);
+  return note != found->end() && note->second.pinned;
 }
 
 Result<std::optional<Tree>> find_tree(const Snapshot& snapshot, const Deadline& deadline) {

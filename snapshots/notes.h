@@ -18,6 +18,16 @@ struct Note {
   std::string comment;
   std::string author;
   bool pinned = false;
+
+  bool is_empty() const { return comment.empty() && author.empty() && !pinned; }
+};
+
+/// The note of a row that is stored, or about to be.
+struct NewNote {
+  Snapshot snapshot;
+  Note note;
+  int64 replaced = 0;      ///< the row of which it takes the place, or 0
+  bool keeps_pin = false;  ///< that row is pinned
 };
 
 /// "notes.db" in the state directory: an SQLite file of our own, mode 0600. A note belongs to the row whose
@@ -45,6 +55,9 @@ class Notes {
   /// The notes that belong to `snapshots`, by id.
   Result<std::map<int64, Note>> read(const Snapshots& snapshots);
 
+  /// Writes the notes of rows, all or none, durably.
+  Error write(const std::vector<NewNote>& notes);
+
   /// Lets `change` change the note of a row, durably. Nobody else changes it meanwhile.
   Error change(const Snapshot& snapshot, const std::function<void(Note&)>& change);
 
@@ -68,6 +81,9 @@ class Notes {
 
   /// Forgets everything about the row `id`, durably.
   Error forget(int64 id);
+
+  /// From now on all waits for locks take no longer than `wait` together.
+  void limit_wait(std::chrono::milliseconds wait) { database_.limit_wait(wait); }
 
   /// Deletes manifests that belong to none of `rows`, a few in each call: another program deletes rows
   /// without them. Notes stay: they are small, and the storage may be another one for a while.
@@ -98,6 +114,9 @@ class Notes {
   std::string configuration_;  ///< where the files of manifests have to be; empty: anywhere
   bool has_parents_ = true;
 };
+
+/// Whether the notes pin this row. Notes that cannot be read could say so: their error.
+Result<bool> is_pinned(const Snapshot& row, const Deadline& deadline);
 
 /// The files of the manifest of `snapshot`; no value without one.
 Result<std::optional<Tree>> find_tree(const Snapshot& snapshot, const Deadline& deadline);

@@ -11,6 +11,7 @@
 #include "snapshots/boundary.h"
 #include "snapshots/compare.h"
 #include "snapshots/database_logs.h"
+#include "snapshots/early_notes.h"
 #include "snapshots/listing.h"
 #include "snapshots/lock.h"
 #include "snapshots/missing.h"
@@ -52,7 +53,7 @@ class Saving {
     phases_.end("missing");
     if (Error error = store(*proven); error.code != Code::ok) return error;
     phases_.end("store");
-    keep_notes(*proven);
+    keep_manifest(*proven);
     phases_.end("notes");
     Reserve::keep(storage_file());
     phases_.end("reserve");
@@ -86,8 +87,7 @@ class Saving {
       if (config.type == options_.type && config.name != kPacketFilter) newest_ = snapshot;
     }
     rows_ = std::move(*all);
-    // Who replaces a pinned row must know of the pin.
-    if (old_ && listing.notes_error.code == Code::busy) return listing.notes_error;
+    if (old_ && must_be_known(listing.notes_error)) return listing.notes_error;
     if (listing.notes && newest_) read_manifest(*listing.notes);
     return {};
   }
@@ -109,12 +109,17 @@ class Saving {
     fixed_paths_of_newest_ = std::move(fixed_paths);
   }
 
-  Error check_overwriting() const {
-    if (!old_ || options_.overwrite) return {};
-    const std::string which = "the snapshot '" + id_.name + "' exists";
-    if (old_->pinned) return {Code::pinned, 0, "", which + " and is pinned"};
-    return {Code::taken, 0, "", which};
+  Error check_overwriting() const { return old_ ? may_replace(old_->pinned) : Error{}; }
+
+  Error may_replace(bool pinned) const {
+    if (options_.overwrite) return {};
+    const std::string which = "the snapshot '" + id_.name + "'";
+    if (pinned) return {Code::pinned, 0, "", which + " exists and is pinned"};
+    return {Code::taken, 0, "", which + " exists"};
   }
+
+  /// Who replaces a pinned row must know of the pin; but a save goes on without notes that nobody can read.
+  static bool must_be_known(const Error& error) { return error.code == Code::busy; }
 
   /// What is damaged or changes is not equal.
   Result<bool> compare_with_newest() {
@@ -184,45 +189,76 @@ class Saving {
   Error store(Proven& proven) {
     Result<StorageWriter> writer = StorageWriter::open(deadline_);
     if (!writer) return writer.error();
+    early_notes_.open();
     NewRow row{id_.name, id_.version, options_.type, std::time(nullptr), std::move(proven.packed)};
-    Result<Stored> stored = writer->store(std::move(row), options_.overwrite);
-    if (!stored) return stored.error();
+    Result<Stored> stored = writer->store(
+        std::move(row), [this](const Snapshot& old) { return ask_for_the_pin(old); },
+        [this](const Stored& row_stored) { return keep_note(row_stored); });
+    if (!stored) {
+      early_notes_.take_back();
+      return stored.error();
+    }
     saved_.outcome = stored->replaced ? Saved::Outcome::replaced : Saved::Outcome::created;
     saved_.snapshot = std::move(stored->snapshot);
     replaced_id_ = stored->replaced_id;
     return {};
   }
 
-  /// The row is stored: from here on a failure is a warning.
-  void keep_notes(Proven& proven) {
-    Note note{options_.comment, author_, old_ && old_->pinned && old_->id == replaced_id_};
-    Parents parents = parents_of(proven.tree);
-    const Error error = write_notes(note, {std::move(proven.tree), saved_.missing, std::move(parents)});
-    if (error.code != Code::ok) {
-      saved_.warnings.push_back(
-          "the comment, the author and the list of files were not kept" +
-          std::string(note.pinned ? ", and the snapshot is not pinned any more" : "") + ": " +
-          sentence(error));
-      return;
+  /// Of the row that goes, within the transaction: another program may have stored it meanwhile.
+  Error ask_for_the_pin(const Snapshot& old) {
+    if (Error error = may_replace(false); error.code != Code::ok) return error;
+    const Result<bool> pinned = is_pinned(old, deadline_);
+    if (pinned) {
+      note_.pinned = *pinned;
+      return may_replace(*pinned);
     }
-    saved_.snapshot.comment = note.comment;
-    saved_.snapshot.author = note.author;
-    saved_.snapshot.pinned = note.pinned;
+    if (must_be_known(pinned.error())) return pinned.error();
+    saved_.warnings.push_back("if the old snapshot was pinned, the new one is not: " +
+                              sentence(pinned.error()));
+    return {};
   }
 
-  Error write_notes(const Note& note, const Manifest& manifest) {
-    Result<Notes> notes = Notes::open_to_write(deadline_.left_afterwards());
+  /// Within the transaction.
+  Error keep_note(const Stored& stored) {
+    note_.comment = options_.comment;
+    note_.author = author_;
+    return early_notes_.write({{stored.snapshot, note_, stored.replaced_id, note_.pinned}});
+  }
+
+  /// The row is stored: from here on a failure is a warning.
+  void keep_manifest(Proven& proven) {
+    Parents parents = parents_of(proven.tree);
+    const Error error = write_notes({std::move(proven.tree), saved_.missing, std::move(parents)});
+    const bool is_kept = error.code == Code::ok || early_notes_.has(saved_.snapshot);
+    if (error.code != Code::ok) {
+      const std::string lost =
+          is_kept ? "the list of files was" : "the comment, the author and the list of files were";
+      const bool was_pinned = !is_kept && note_.pinned;
+      saved_.warnings.push_back(lost + " not kept" +
+                                (was_pinned ? ", and the snapshot is not pinned any more: " : ": ") +
+                                sentence(error));
+    }
+    if (!is_kept) return;
+    saved_.snapshot.comment = note_.comment;
+    saved_.snapshot.author = note_.author;
+    saved_.snapshot.pinned = note_.pinned;
+  }
+
+  Error write_notes(const Manifest& manifest) {
+    Result<Notes*> notes = early_notes_.afterwards();
     if (!notes) return notes.error();
-    Error error = notes->replace_manifest(saved_.snapshot, note, manifest, replaced_id_);
+    Error error = (*notes)->replace_manifest(saved_.snapshot, note_, manifest, replaced_id_);
     rows_.push_back(saved_.snapshot);
     // What fails here is done by a later save.
-    if (error.code == Code::ok) static_cast<void>(notes->sweep(rows_));
+    if (error.code == Code::ok) static_cast<void>((*notes)->sweep(rows_));
     return error;
   }
 
   const Id& id_;
   const SaveOptions& options_;
   const Deadline& deadline_;
+  EarlyNotes early_notes_{deadline_};
+  Note note_;
   std::string author_;
   Phases phases_{"save"};
   Snapshots rows_;

@@ -40,9 +40,13 @@ Error StorageWriter::choose_layout() {
   return status.st_size == 0 ? database_.run(sql::kChooseLayout) : Error{};
 }
 
-Result<Stored> StorageWriter::store(NewRow row, bool overwrite) {
+Result<Stored> StorageWriter::store(NewRow row, const MayReplace& may_replace,
+                                    const std::function<Error(const Stored&)>& before_commit) {
   Stored stored;
-  Error error = in_transaction([&] { return store_in_transaction(row, overwrite, stored); });
+  Error error = in_transaction([&] {
+    Error failure = store_in_transaction(row, may_replace, stored);
+    return failure.code == Code::ok ? before_commit(stored) : failure;
+  });
   if (error.code == Code::ok) return stored;
   return error;
 }
@@ -58,9 +62,9 @@ Error StorageWriter::in_transaction(const std::function<Error()>& change) {
   return error;
 }
 
-Error StorageWriter::store_in_transaction(NewRow& row, bool overwrite, Stored& stored) {
+Error StorageWriter::store_in_transaction(NewRow& row, const MayReplace& may_replace, Stored& stored) {
   const Id id{row.name, row.version};
-  const Result<std::optional<int64>> old = find_old(id, overwrite);
+  const Result<std::optional<int64>> old = find_old(id, may_replace);
   if (!old) return old.error();
   stored.replaced = old->has_value();
   stored.replaced_id = old->value_or(0);
@@ -94,14 +98,21 @@ Error StorageWriter::make_table() {
   return *has_table ? Error{} : database_.run(sql::create_table().c_str());
 }
 
-Result<std::optional<int64>> StorageWriter::find_old(const Id& id, bool overwrite) {
-  Result<Statement> old = database_.prepare("select id from Config where name = ? and version = ?");
+Result<std::optional<int64>> StorageWriter::find_old(const Id& id, const MayReplace& may_replace) {
+  Result<Statement> old = database_.prepare(
+      "select id, save_time, ifnull(length(keybase), 0), ifnull(length(etc), 0) from Config "
+      "where name = ? and version = ?");
   if (!old) return old.error();
   const int code = old->bind(id.name).bind(id.version).step();
   if (code == SQLITE_DONE) return std::optional<int64>();
   if (code != SQLITE_ROW) return error();
-  if (overwrite) return std::optional<int64>(old->number(0));
-  return Error{Code::taken, 0, "", "there is a snapshot '" + id.name + "' of this version"};
+  Snapshot row;
+  row.id = old->number(0);
+  row.config.save_time = old->number(1);
+  row.keybase_size = old->number(2);
+  row.etc_size = old->number(3);
+  if (Error error = may_replace(row); error.code != Code::ok) return error;
+  return std::optional<int64>(row.id);
 }
 
 Error StorageWriter::remove(const Id& id) {
@@ -110,8 +121,8 @@ Error StorageWriter::remove(const Id& id) {
   return removal->bind(id.name).bind(id.version).step() == SQLITE_DONE ? Error{} : error();
 }
 
-Result<std::optional<int64>> StorageWriter::make_room(const Id& id, bool overwrite) {
-  Result<std::optional<int64>> old = find_old(id, overwrite);
+Result<std::optional<int64>> StorageWriter::make_room(const Id& id, const MayReplace& may_replace) {
+  Result<std::optional<int64>> old = find_old(id, may_replace);
   if (!old || !*old) return old;
   Error error = remove(id);
   return error.code == Code::ok ? old : Result<std::optional<int64>>(error);

@@ -26,6 +26,10 @@ struct Stored {
   int64 replaced_id = 0;  ///< of the row that went
 };
 
+/// Asked in the transaction about the row that would go; its id, save time and sizes are known. An error
+/// ends the transaction.
+using MayReplace = std::function<Error(const Snapshot& old)>;
+
 /// Writes rows into "storage.db" that nobody can tell from those of the contract library. All waiting ends
 /// at the deadline.
 class StorageWriter {
@@ -33,19 +37,19 @@ class StorageWriter {
   /// Makes the file, mode 0600 under any umask, unless it exists.
   static Result<StorageWriter> open(const Deadline& deadline);
 
-  /// Stores `row`, durably, in place of the row of its name and version; Code::taken if there is one and
-  /// `overwrite` is false. The archives are read back and the row is looked up before the commit. After an
-  /// error the storage is unchanged. The pages of the old row stay free in the file, with their content,
-  /// until other rows use them or a deletion gives them back.
-  Result<Stored> store(NewRow row, bool overwrite);
+  /// Stores `row`, durably, in place of the row of its name and version, if that may go. The archives are
+  /// read back and the row is looked up before the commit, and then `before_commit` is called. After an
+  /// error, its own too, the storage is unchanged. The pages of the old row stay free in the file, with
+  /// their content, until other rows use them or a deletion gives them back.
+  Result<Stored> store(NewRow row, const MayReplace& may_replace,
+                       const std::function<Error(const Stored&)>& before_commit);
 
   /// Runs `change` in one transaction in which the table exists; durable on return. After an error the
   /// storage is unchanged.
   Error in_transaction(const std::function<Error()>& change);
 
-  /// Within a transaction: deletes the row of this name and version, and returns its id. Code::taken if
-  /// there is one and `overwrite` is false.
-  Result<std::optional<int64>> make_room(const Id& id, bool overwrite);
+  /// Within a transaction: deletes the row of this name and version, if it may go, and returns its id.
+  Result<std::optional<int64>> make_room(const Id& id, const MayReplace& may_replace);
 
   Database& database() { return database_; }
 
@@ -56,8 +60,8 @@ class StorageWriter {
   /// What an empty file gets before its table, as the contract library does it.
   Error choose_layout();
   Error make_table();
-  Result<std::optional<int64>> find_old(const Id& id, bool overwrite);
-  Error store_in_transaction(NewRow& row, bool overwrite, Stored& stored);
+  Result<std::optional<int64>> find_old(const Id& id, const MayReplace& may_replace);
+  Error store_in_transaction(NewRow& row, const MayReplace& may_replace, Stored& stored);
   Result<bool> put(const NewRow& row, bool replaces);
   Result<bool> insert_aside(const NewRow& row);
   enum class Name { text, blob };

@@ -101,8 +101,12 @@ CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {
 /// The name has 1 to 80 letters, digits, "-" and "_". If the snapshot exists, it is Code::pinned or
 /// Code::taken, unless `overwrite`; a snapshot that replaces a pinned one is pinned. Files that change
 /// during the save are packed again, and are Code::changed_meanwhile after some attempts. Code::incomplete
-/// if there is nothing to save. The storage is unchanged after every error. A comment that cannot be stored
-/// is only a warning.
+/// if there is nothing to save. The storage is unchanged after every error.
+///
+/// The comment and the pin are stored with the row: no kill parts them. A comment that cannot be stored is
+/// only a warning. A pin that cannot be kept is an error, the one of the notes. Without notes that can be
+/// read, it is not known whether the old snapshot is pinned: `overwrite` replaces it all the same, as
+/// `even_pinned` deletes it, and a warning says that the new one is not. Locked notes are Code::busy.
 ///
 /// Calls of one host wait for each other, those of the program "confsave" included: `wait` limits the
 /// waiting of the whole call.
@@ -223,8 +227,8 @@ CONFSAVE_API Result<Exported> export_to(const Ids& ids, const Sink& sink, const 
 /// are not those of a storage, if a value has another type or save() would refuse a name, if an archive
 /// cannot be decoded to its end or is not what the manifest says; Code::unsafe if a restore must not
 /// follow a member, or if one is set-uid or set-gid. Without `overwrite` a snapshot of the same name
-/// and version is Code::taken, or Code::pinned. Code::pending while a restore waits for its check or for
-/// confirm().
+/// and version is Code::taken, or Code::pinned; with it, pins are kept as by save(). Code::pending while a
+/// restore waits for its check or for confirm().
 CONFSAVE_API Result<Imported> import_from(const std::string& file, const ImportOptions& options = {});
 
 /// The same from bytes that `supply` gives.

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "snapshots/deadline.h"
+#include "snapshots/notes.h"
+
+namespace ConfSave::snapshots {
+
+/// Writes the notes of new rows before the commit of the storage, so that no kill loses them. Until then
+/// the notes of the old rows stay: they have other ids. If the rows are not committed, their notes belong
+/// to no row, and are deleted again; after a kill, whoever stores a row with such an id writes a note of
+/// his own, and to other rows it does not belong because of their save time and lengths.
+class EarlyNotes {
+ public:
+  explicit EarlyNotes(const Deadline& deadline) : deadline_(deadline) {}
+
+  /// Before the transaction of the storage: it takes time to look into the file.
+  void open();
+
+  /// In the transaction, when all rows are inserted. Notes that cannot be written now are no error, and may
+  /// be written afterwards, unless a pin would be lost. Opens the file unless open() was called.
+  Error write(const std::vector<NewNote>& notes);
+
+  /// Whether the note of this row is written.
+  bool has(const Snapshot& row) const;
+
+  /// The transaction has failed.
+  void take_back();
+
+  /// For what follows the commit. Opens the file again if it could not be opened.
+  Result<Notes*> afterwards();
+
+ private:
+  Deadline deadline_;
+  std::optional<Notes> notes_;
+  Error error_;
+  std::vector<int64> written_;  ///< ids of rows
+};
+
+}  // namespace ConfSave::snapshots
