@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "places.h"
+#include "snapshots/access.h"
 #include "snapshots/own_file.h"
 
 namespace ConfSave::snapshots {
@@ -39,8 +40,10 @@ std::map<int64, const Snapshot*> by_id(const Snapshots& snapshots) {
 Result<std::optional<Notes>> Notes::open(std::chrono::milliseconds wait) {
   Result<Database> database = Database::open(notes_file(), wait);
   if (!database) {
-    if (database.error().number == ENOENT) return std::optional<Notes>();
-    return database.error();
+    if (database.error().number != ENOENT) return database.error();
+    if (!exists(notes_file())) return std::optional<Notes>();
+    return Error{Code::no_storage, ENOENT, notes_file(),
+                 "this link leads to no file: its file system may not be mounted"};
   }
   Result<std::optional<Notes>> notes = open_in(std::move(*database));
   if (notes && *notes) (*notes)->configuration_ = config_directory();

@@ -33,8 +33,8 @@ struct NewNote {
 /// "notes.db" in the state directory: an SQLite file of our own, mode 0600. A note belongs to the row whose
 /// id, save time and archive sizes it was written for, because ids recur when storage.db is replaced.
 ///
-/// Without the file there are no notes. A file that cannot be read, or that a newer version wrote, is an
-/// error here; who only reads snapshots goes on without notes.
+/// Without the file there are no notes. A link to nothing, and a file that cannot be read, or that a newer
+/// version wrote, is an error here; who only reads snapshots goes on without notes.
 class Notes {
  public:
   /// No value if there is no file.

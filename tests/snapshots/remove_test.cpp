@@ -115,6 +115,10 @@ TEST_F(RemoveTest, TheNoteIsDeletedToo) {
 TEST_F(RemoveTest, NotesThatCannotBeReadMayHoldAPin) {
   write_file(notes_file(), std::string(5000, 'x'));
   EXPECT_EQ(snapshots::remove({"weekly"}).code, Code::no_storage);
+  shell("rm " + notes_file() + " && ln -s missing/notes.db " + notes_file());
+  const Error error = snapshots::remove({"weekly"});
+  EXPECT_EQ(error.code, Code::no_storage);
+  EXPECT_EQ(error.text, "this link leads to no file: its file system may not be mounted");
   EXPECT_EQ(names(), Texts{"weekly@" + kCurrentText});
   RemoveOptions options;
   options.even_pinned = true;
