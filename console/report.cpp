@@ -167,16 +167,17 @@ void print_mixture(const cs::Error& error) {
   std::cerr << " Some files are not as they were before: 'confsave recover' tries again.";
 }
 
+void print_step(const std::string& step) { std::cerr << (step.empty() ? "" : " " + step + ".") << '\n'; }
+
+constexpr const char* kStepForNotes =
+    "Mend it, or move it away: without this file only comments, pins and manifests are lost";
+
 int print_report(const cs::Error& error, const std::string& step) {
   print_failure(error);
   print_mixture(error);
-  if (is_about_notes(error)) {
-    std::cerr
-        << " Mend it, or move it away: without this file only comments, pins and manifests are lost.\n";
-    return error.code == cs::Code::no_storage ? kFailed : exit_status(error.code);
-  }
-  std::cerr << (step.empty() ? "" : " " + step + ".") << '\n';
-  return exit_status(error.code);
+  const bool is_of_notes = is_about_notes(error);
+  print_step(is_of_notes ? kStepForNotes : step);
+  return is_of_notes && error.code == cs::Code::no_storage ? kFailed : exit_status(error.code);
 }
 
 }  // namespace
@@ -263,6 +264,13 @@ int report_import(const cs::Error& error, bool is_one) {
   if (!step.empty()) std::cerr << ' ' << step << '.';
   std::cerr << '\n';
   return exit_status(error.code);
+}
+
+void warn_of_notes(const cs::Error& error) {
+  std::cout.flush();
+  std::cerr << "confsave: warning: comments and pins are not known: '" << readable(error.path)
+            << "': " << readable(error.text) << '.';
+  print_step(is_about_notes(error) ? kStepForNotes : next_step(error, false));
 }
 
 void print_warnings(const std::vector<std::string>& warnings) {

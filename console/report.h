@@ -39,6 +39,9 @@ int report_reading(cs::Error error, const std::string& which);
 /// The same for an error of importing. `is_one`: one snapshot of the file was chosen.
 int report_import(const cs::Error& error, bool is_one);
 
+/// Warns that comments and pins are not known.
+void warn_of_notes(const cs::Error& error);
+
 /// Prints the library's warnings.
 void print_warnings(const std::vector<std::string>& warnings);
 

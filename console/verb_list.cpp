@@ -84,9 +84,12 @@ void print(const cs::Snapshots& snapshots, const Options& options) {
 }  // namespace
 
 int list(const Options& options) {
-  const auto snapshots = cs::list(query_of(options));
+  cs::Error notes;
+  const auto snapshots = cs::list(query_of(options), notes);
   if (!snapshots) return report(snapshots.error());
   print(*snapshots, options);
+  // The others have neither comments nor pins.
+  if (notes.code != cs::Code::ok && (options.json || options.table)) warn_of_notes(notes);
   return kDone;
 }
 

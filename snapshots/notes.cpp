@@ -160,6 +160,12 @@ Result<std::map<int64, Note>> Notes::read(const Snapshots& snapshots) {
   }
 }
 
+Error Notes::look() {
+  Result<Statement> statement = database_.prepare("select sum(pinned) from note");
+  if (!statement) return statement.error();
+  return statement->step() == SQLITE_ROW ? Error{} : database_.error();
+}
+
 Error Notes::in_transaction(const std::function<Error()>& change) {
   if (Error error = database_.run("begin immediate"); error.code != Code::ok) return error;
   Error error = change();
@@ -289,6 +295,12 @@ Error Notes::replace(const Snapshot& snapshot, const Note& note) {
       .bind(note.author)
       .bind(note.pinned ? int64{1} : int64{0});
   return statement->step() == SQLITE_DONE ? Error{} : database_.error();
+}
+
+Error look_at_notes(const Deadline& deadline) {
+  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
+  if (!notes) return notes.error();
+  return *notes ? (*notes)->look() : Error{};
 }
 
 Result<bool> is_pinned(const Snapshot& row, const Deadline& deadline) {

@@ -85,6 +85,9 @@ class Notes {
   /// From now on all waits for locks take no longer than `wait` together.
   void limit_wait(std::chrono::milliseconds wait) { database_.limit_wait(wait); }
 
+  /// Reads all notes, without their manifests.
+  Error look();
+
   /// Deletes manifests that belong to none of `rows`, a few in each call: another program deletes rows
   /// without them. Notes stay: they are small, and the storage may be another one for a while.
   Error sweep(const Snapshots& rows);
@@ -114,6 +117,9 @@ class Notes {
   std::string configuration_;  ///< where the files of manifests have to be; empty: anywhere
   bool has_parents_ = true;
 };
+
+/// Why the notes cannot be read; Code::ok without any.
+Error look_at_notes(const Deadline& deadline);
 
 /// Whether the notes pin this row. Notes that cannot be read could say so: their error.
 Result<bool> is_pinned(const Snapshot& row, const Deadline& deadline);

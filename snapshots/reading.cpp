@@ -32,14 +32,18 @@ Error add_notes(Snapshots& snapshots, const Deadline& deadline, std::optional<No
   return {};
 }
 
-Result<Snapshots> list_rows(const Query& query) {
+Result<Snapshots> list_rows(const Query& query, Error& notes) {
+  notes = {};
   if (Error error = check_pattern(query.pattern); error.code != Code::ok) return error;
   Listing opened;
-  return snapshots::list_rows(query, Deadline(query.wait), opened);
+  Result<Snapshots> rows = snapshots::list_rows(query, Deadline(query.wait), opened);
+  notes = std::move(opened.notes_error);
+  return rows;
 }
 
 Result<Snapshot> find_row(const Query& query) {
-  Result<Snapshots> found = list_rows(query);
+  Error notes;
+  Result<Snapshots> found = list_rows(query, notes);
   if (!found) return found.error();
   if (found->empty()) return not_found(query.pattern);
   if (found->size() > 1) {
@@ -134,7 +138,12 @@ Result<Snapshots> list_rows(const Query& query, const Deadline& deadline, Listin
 }
 
 Result<Snapshots> list(const Query& query) {
-  return at_boundary([&] { return list_rows(query); });
+  Error notes;
+  return list(query, notes);
+}
+
+Result<Snapshots> list(const Query& query, Error& notes) {
+  return at_boundary([&] { return list_rows(query, notes); });
 }
 
 Result<Snapshot> find(const Query& query) {

@@ -18,6 +18,7 @@
 #include "snapshots/boundary.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/leftovers.h"
+#include "snapshots/notes.h"
 #include "snapshots/recover.h"
 #include "snapshots/sentence.h"
 #include "snapshots/summary.h"
@@ -120,6 +121,14 @@ void look_for_readers(Status& status) {
   }
 }
 
+/// Locked ones are being written.
+void look_for_notes(const Deadline& deadline, Status& status) {
+  const Error error = look_at_notes(deadline);
+  if (error.code == Code::ok || error.code == Code::busy) return;
+  status.attention.push_back({"readable", quoted(error.path) + " cannot be read, so that comments and " +
+                                              "pins are not known: " + error.text});
+}
+
 /// Who can write in a directory that is restored into can put a link or files of their own there.
 void look_for_writers(Status& status) {
   std::set<std::string> directories;
@@ -162,6 +171,7 @@ Result<Status> look(const ReadOptions& options) {
   look_for_leftovers(deadline, status);
   look_for_failover_files(status);
   look_for_readers(status);
+  look_for_notes(deadline, status);
   look_for_writers(status);
   look_at_ages(status);
   if (Error error = look_at_space(summary->largest, status); error.code != Code::ok) return error;

@@ -69,8 +69,10 @@ namespace ConfSave::snapshots {
 // ---------------------------------------------------------------------------------------------------
 // Snapshots
 
-/// The rows that match. A storage that does not exist yet has none. Reads no archive.
+/// The rows that match. A storage that does not exist yet has none. Reads no archive. If the notes cannot
+/// be read, no row has a comment or a pin; `notes` gets the reason, or Code::ok.
 CONFSAVE_API Result<Snapshots> list(const Query& query = {});
+CONFSAVE_API Result<Snapshots> list(const Query& query, Error& notes);
 
 /// The only row that matches; else Code::not_found or Code::ambiguous.
 CONFSAVE_API Result<Snapshot> find(const Query& query);
@@ -184,10 +186,9 @@ CONFSAVE_API Result<Recovery> revert(When when, const ChangeOptions& options = {
 // Keeping house
 
 /// What needs attention: files that killed processes have left (unless a process holds "confsave.lock":
-/// they may be its own), each failover file that is missing, the storage, its journal, its notes, their
 /// directory and the temporary directory if other users can read or write them, directories of the
-/// configuration that they can write, a newest snapshot or autosave that is stale, and little room. Changes
-/// nothing.
+/// configuration that they can write, notes that cannot be read, a newest snapshot or autosave that is
+/// stale, and little room. Changes nothing.
 CONFSAVE_API Result<Status> status(const ReadOptions& options = {});
 
 /// Whether this is the name of an autosave: "autosave-YYYY-MM-DD-HH-MM-SS", with or without "-N" behind it.

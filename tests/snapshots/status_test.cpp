@@ -158,6 +158,41 @@ TEST_F(StatusTest, WhatOtherUsersCanReadOrWrite) {
   }
 }
 
+TEST_F(StatusTest, NotesThatCannotBeRead) {
+  EXPECT_EQ(note({"weekly"}, "x").code, Code::ok);
+  const std::string notes = state_dir() + "/notes.db";
+  const std::string what =
+      "readable: '<root>/state/notes.db' cannot be read, so that comments and pins are not known: ";
+  const struct {
+    std::string spoil;
+    std::string text;
+  } cases[] = {
+      {"sqlite3 " + notes + " 'pragma user_version = 9'", "a newer version of ConfSave wrote this file"},
+      {"head -c 5000 /dev/zero >" + notes, "file is not a database"},
+      {"truncate -s 8192 " + notes,
+       "the file is damaged (database disk image is malformed); without it only comments, pins and "
+       "manifests are lost"},
+      {"rm " + notes + " && ln -s missing " + notes,
+       "this link leads to no file: its file system may not be mounted"},
+  };
+  const std::string good = read_file(notes);
+  for (const auto& c : cases) {
+    shell(c.spoil);
+    EXPECT_EQ(attention(), Texts{what + c.text});
+    Error error;
+    EXPECT_EQ(list({}, error)->size(), 1U);
+    EXPECT_EQ(error.path, notes);
+    EXPECT_NE(error.text.find(c.text), std::string::npos) << error.text;
+    shell("rm " + notes);
+    write_file(notes, good);
+    chmod(notes.c_str(), 0600);
+    EXPECT_EQ(list({}, error)->size(), 1U);
+    EXPECT_EQ(error.code, Code::ok);
+  }
+  const LockHolder holder(notes, 60000);
+  EXPECT_EQ(attention(), Texts());
+}
+
 TEST_F(StatusTest, DirectoriesThatOtherUsersCanWrite) {
   for (const auto& [path, shown] : {std::pair(config_dir() + "user", "<root>/config/user"),
                                     {config_dir() + "hub", "<root>/config/hub"},
