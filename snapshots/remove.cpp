@@ -27,15 +27,11 @@ bool is_same_row(const Snapshot& now, const Snapshot& before) {
          now.keybase_size == before.keybase_size && now.etc_size == before.etc_size;
 }
 
-/// Code::pinned if the row is. Notes that cannot be read could say so: their error.
+/// Code::pinned if the row is.
 Error check_pin(const Snapshot& row, const Deadline& deadline) {
-  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
-  if (!notes) return notes.error();
-  if (!*notes) return {};
-  const Result<std::map<int64, Note>> found = (*notes)->read({row});
-  if (!found) return found.error();
-  const auto note = found->find(row.id);
-  if (note == found->end() || !note->second.pinned) return {};
+  const Result<bool> pinned = is_pinned(row, deadline);
+  if (!pinned) return pinned.error();
+  if (!*pinned) return {};
   return {Code::pinned, 0, "", "the snapshot '" + printable(row.config.name) + "' is pinned"};
 }
 

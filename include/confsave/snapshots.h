@@ -186,6 +186,7 @@ CONFSAVE_API Result<Recovery> revert(When when, const ChangeOptions& options = {
 // Keeping house
 
 /// What needs attention: files that killed processes have left (unless a process holds "confsave.lock":
+/// they may be its own), each failover file that is missing, the storage, its journal, its notes, their
 /// directory and the temporary directory if other users can read or write them, directories of the
 /// configuration that they can write, notes that cannot be read, a newest snapshot or autosave that is
 /// stale, and little room. Changes nothing.
