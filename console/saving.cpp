@@ -34,6 +34,14 @@ cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, const 
   });
 }
 
+cs::Result<cs::Saved> save_over_in_time(const cs::Snapshot& old, cs::SaveOptions how,
+                                        const Deadline& deadline) {
+  return in_time(deadline, [&](std::chrono::milliseconds wait) {
+    how.wait = wait;
+    return cs::save_over(old, how);
+  });
+}
+
 cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, const Deadline& deadline) {
   return in_time(deadline, [&](std::chrono::milliseconds wait) {
     how.wait = wait;

@@ -10,6 +10,10 @@ namespace console {
 /// terminal.
 cs::Result<cs::Saved> save_in_time(const cs::Id& id, cs::SaveOptions how, const Deadline& deadline);
 
+/// The same over a snapshot, if that is still the same and not pinned.
+cs::Result<cs::Saved> save_over_in_time(const cs::Snapshot& old, cs::SaveOptions how,
+                                        const Deadline& deadline);
+
 /// The same for an autosave.
 cs::Result<cs::Autosaved> autosave_in_time(cs::AutosaveOptions how, const Deadline& deadline);
 

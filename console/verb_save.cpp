@@ -7,6 +7,7 @@
 #include "names.h"
 #include "question.h"
 #include "saving.h"
+#include "text.h"
 #include "verb_functions.h"
 
 namespace console {
@@ -14,14 +15,21 @@ namespace {
 
 using Outcome = cs::Saved::Outcome;
 
-std::string question(const cs::Id& id) {
+cs::Result<cs::Snapshot> find(const cs::Id& id) {
   cs::Query query;
   query.pattern = id.name;
   query.version = id.version;
   query.corlu_config = true;
-  const auto old = cs::find(query);
-  const std::string when = old ? ", saved on " + ConfSave::time_format(old->config.save_time) + "," : "";
-  return "'" + label(id.name, id.version) + "'" + when + " exists. Overwrite it?";
+  return cs::find(query);
+}
+
+std::string question(const cs::Snapshot& old) {
+  return "'" + label(old) + "', saved on " + ConfSave::time_format(old.config.save_time) +
+         ", exists. Overwrite it?";
+}
+
+bool is_taken(const cs::Result<cs::Saved>& saved) {
+  return !saved && saved.error().code == cs::Code::taken && isatty(STDIN_FILENO) == 1;
 }
 
 const char* name_of(Outcome outcome) {
@@ -56,14 +64,20 @@ int save(const Options& options) {
   how.overwrite = how.allow_empty = options.force;
   how.if_changed = options.if_changed;
   auto saved = save_in_time(id, how, options.deadline);
-  if (!saved && saved.error().code == cs::Code::taken && isatty(STDIN_FILENO) == 1) {
+  for (bool is_asked = false; is_taken(saved); is_asked = true) {
+    const auto old = find(id);
+    if (!old && old.error().code != cs::Code::not_found) return report(old.error(), true);
+    if (!old) {
+      saved = save_in_time(id, how, options.deadline);
+      continue;
+    }
+    if (is_asked) std::cerr << "confsave: " << readable(saved.error().text) << ".\n";
     // No lock is held now.
-    if (ask(question(id)) != Answer::yes) {
+    if (ask(question(*old)) != Answer::yes) {
       std::cerr << "confsave: " << (interrupted() ? "interrupted; " : "") << "nothing was stored.\n";
       return kDeclined;
     }
-    how.overwrite = true;
-    saved = save_in_time(id, how, Deadline(options.wait));
+    saved = save_over_in_time(*old, how, Deadline(options.wait));
   }
   if (!saved) return report_unsaved(saved.error(), true);
   print_warnings(*saved);

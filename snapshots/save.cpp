@@ -30,8 +30,8 @@ constexpr const char* kPacketFilter = "corlu-config";
 
 class Saving {
  public:
-  Saving(const Id& id, const SaveOptions& options, const Deadline& deadline)
-      : id_(id), options_(options), deadline_(deadline) {}
+  Saving(const Id& id, const SaveOptions& options, const Deadline& deadline, const Snapshot* agreed)
+      : id_(id), options_(options), deadline_(deadline), agreed_(agreed) {}
 
   Result<Saved> run() {
     const Result<bool> is_unchanged = look_around();
@@ -109,17 +109,27 @@ class Saving {
     fixed_paths_of_newest_ = std::move(fixed_paths);
   }
 
-  Error check_overwriting() const { return old_ ? may_replace(old_->pinned) : Error{}; }
+  Error check_overwriting() const { return old_ ? may_replace(*old_, old_->pinned) : Error{}; }
 
-  Error may_replace(bool pinned) const {
-    if (options_.overwrite) return {};
+  Error may_replace(const Snapshot& old, bool pinned) const {
+    if (agreed_ == nullptr && options_.overwrite) return {};
     const std::string which = "the snapshot '" + id_.name + "'";
     if (pinned) return {Code::pinned, 0, "", which + " exists and is pinned"};
-    return {Code::taken, 0, "", which + " exists"};
+    if (agreed_ == nullptr) return {Code::taken, 0, "", which + " exists"};
+    if (is_agreed(old)) return {};
+    return {Code::taken, 0, "", which + " was stored anew meanwhile"};
   }
 
-  /// Who replaces a pinned row must know of the pin; but a save goes on without notes that nobody can read.
-  static bool must_be_known(const Error& error) { return error.code == Code::busy; }
+  bool is_agreed(const Snapshot& old) const {
+    return old.id == agreed_->id && old.config.save_time == agreed_->config.save_time &&
+           old.keybase_size == agreed_->keybase_size && old.etc_size == agreed_->etc_size;
+  }
+
+  /// Who replaces a pinned row must know of the pin. But a request to overwrite goes on without notes that
+  /// cannot be read.
+  bool must_be_known(const Error& error) const {
+    return error.code == Code::busy || (agreed_ != nullptr && error.code != Code::ok);
+  }
 
   /// What is damaged or changes is not equal.
   Result<bool> compare_with_newest() {
@@ -206,11 +216,11 @@ class Saving {
 
   /// Of the row that goes, within the transaction: another program may have stored it meanwhile.
   Error ask_for_the_pin(const Snapshot& old) {
-    if (Error error = may_replace(false); error.code != Code::ok) return error;
+    if (Error error = may_replace(old, false); error.code != Code::ok) return error;
     const Result<bool> pinned = is_pinned(old, deadline_);
     if (pinned) {
       note_.pinned = *pinned;
-      return may_replace(*pinned);
+      return may_replace(old, *pinned);
     }
     if (must_be_known(pinned.error())) return pinned.error();
     saved_.warnings.push_back("if the old snapshot was pinned, the new one is not: " +
@@ -257,6 +267,7 @@ class Saving {
   const Id& id_;
   const SaveOptions& options_;
   const Deadline& deadline_;
+  const Snapshot* agreed_;  ///< the only row that may go
   EarlyNotes early_notes_{deadline_};
   Note note_;
   std::string author_;
@@ -270,7 +281,7 @@ class Saving {
   Saved saved_;
 };
 
-Result<Saved> check_and_save(const Id& id, const SaveOptions& options) {
+Result<Saved> check_and_save(const Id& id, const SaveOptions& options, const Snapshot* agreed) {
   Error error = check_id(id);
   if (error.code == Code::ok) error = check_type(options.type);
   if (error.code == Code::ok) error = check_comment(options.comment);
@@ -280,14 +291,14 @@ Result<Saved> check_and_save(const Id& id, const SaveOptions& options) {
   if (!lock) return lock.error();
   error = recover_before(id, deadline);
   if (error.code != Code::ok) return error;
-  Result<Saved> saved = save_under_lock(id, options, deadline);
+  Result<Saved> saved = Saving(id, options, deadline, agreed).run();
   const bool is_unchanged = saved && saved->outcome == Saved::Outcome::unchanged;
   if (!is_unchanged) keep_summary();
   return saved;
 }
 
-Result<Saved> save_and_log(const Id& id, const SaveOptions& options) {
-  Result<Saved> saved = check_and_save(id, options);
+Result<Saved> save_and_log(const Id& id, const SaveOptions& options, const Snapshot* agreed) {
+  Result<Saved> saved = check_and_save(id, options, agreed);
   audit_save(id, saved);
   return saved;
 }
@@ -295,11 +306,15 @@ Result<Saved> save_and_log(const Id& id, const SaveOptions& options) {
 }  // namespace
 
 Result<Saved> save_under_lock(const Id& id, const SaveOptions& options, const Deadline& deadline) {
-  return Saving(id, options, deadline).run();
+  return Saving(id, options, deadline, nullptr).run();
 }
 
 Result<Saved> save(const Id& id, const SaveOptions& options) {
-  return at_boundary([&] { return save_and_log(id, options); });
+  return at_boundary([&] { return save_and_log(id, options, nullptr); });
+}
+
+Result<Saved> save_over(const Snapshot& old, const SaveOptions& options) {
+  return at_boundary([&] { return save_and_log({old.config.name, old.config.vers}, options, &old); });
 }
 
 }  // namespace ConfSave::snapshots

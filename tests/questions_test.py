@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
-"""While the program asks a person something, it holds no lock.
+"""While the program asks a person something, it holds no lock, and what others do meanwhile counts.
 
     tests/questions_test.py PROGRAM
 
-At the question, another process takes the lock of the program and the exclusive lock of the storage.
+At the question, another process takes the lock of the program and the exclusive lock of the storage. At the
+question of a save, others pin, replace or delete the snapshot: only what the question named is overwritten.
 """
 
+import json
 import os
 import pty
 import select
@@ -18,6 +20,22 @@ import time
 PATIENCE = 20
 # The verb, and the end of its question.
 QUESTIONS = [(["save", "weekly"], "[Yes/No] "), (["load", "weekly"], "[Yes/No] ")]
+# What happens to a snapshot of the comment "old" while the question of a save is open, the answers, what is
+# on the screen at the end, the exit status, and the comments of what is stored then, with "!" if pinned.
+MEANWHILE = [
+    ("true", ["Yes"], "Overwrite it? [Yes/No] Yes\r\n", 0, ["mine"]),
+    ("confsave pin weekly", ["Yes"],
+     "confsave: the snapshot 'weekly' exists and is pinned. Unpin it, or give --force.\r\n", 11, ["old!"]),
+    ("confsave save --force weekly --comment theirs", ["Yes", "No"],
+     "confsave: nothing was stored.\r\n", 5, ["theirs"]),
+    ("confsave save --force weekly --comment theirs", ["Yes", "Yes"], "Yes\r\n", 0, ["mine"]),
+    ("confsave save --force weekly --comment theirs; confsave pin weekly", ["Yes"],
+     "confsave: the snapshot 'weekly' exists and is pinned. Unpin it, or give --force.\r\n", 11,
+     ["theirs!"]),
+    ("confsave delete weekly", ["Yes"], "Yes\r\n", 0, ["mine"]),
+    ("confsave pin weekly; cp state/notes.db kept; sqlite3 state/notes.db 'pragma user_version = 9'",
+     ["Yes"], "without this file only comments, pins and manifests are lost.\r\n", 7, ["old!"]),
+]
 
 
 def start_at_a_terminal(command, environment):
@@ -62,6 +80,33 @@ def ask(program, directory, environment, verb, question):
     assert status == 5, f"{verb}: exit status {status}"
 
 
+def save_meanwhile(program, directory, environment, case):
+    meanwhile, answers, end, expected, stored = case
+
+    def confsave(*words):
+        return subprocess.run([program, *words], env=environment, check=True, stdout=subprocess.PIPE).stdout
+
+    confsave("save", "--force", "weekly", "--comment", "old")
+    process, terminal = start_at_a_terminal([program, "save", "weekly", "--comment", "mine"], environment)
+    screen = read_until(terminal, "[Yes/No] ")
+    subprocess.run(f'confsave() {{ "{program}" "$@"; }}; {meanwhile}', shell=True, cwd=directory,
+                   env=environment, check=True)
+    for number, answer in enumerate(answers):
+        os.write(terminal, f"{answer}\n".encode())
+        screen += read_until(terminal, "[Yes/No] " if number + 1 < len(answers) else None)
+    os.close(terminal)
+    status = os.waitstatus_to_exitcode(os.waitpid(process, 0)[1])
+    assert status == expected and screen.endswith(end), f"{case}: {status}, {screen!r}"
+    is_told = "confsave: the snapshot 'weekly' was stored anew meanwhile.\r\n" in screen
+    assert is_told == (len(answers) > 1), f"{case}: {screen!r}"
+    if os.path.exists(f"{directory}/kept"):
+        os.rename(f"{directory}/kept", f"{directory}/state/notes.db")
+    rows = json.loads(confsave("list", "--json"))
+    found = [row["comment"] + ("!" if row["pinned"] else "") for row in rows]
+    assert found == stored, f"{case}: {found}"
+    confsave("delete", "--force", "weekly")
+
+
 def main():
     program = os.path.realpath(sys.argv[1])
     with tempfile.TemporaryDirectory() as directory:
@@ -78,6 +123,9 @@ def main():
             if number == 0:
                 subprocess.run([program, "save", "weekly"], env=environment, check=True)
             ask(program, directory, environment, verb, question)
+        subprocess.run([program, "delete", "weekly"], env=environment, check=True)
+        for case in MEANWHILE:
+            save_meanwhile(program, directory, environment, case)
 
 
 main()

@@ -114,6 +114,12 @@ CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {
 /// waiting of the whole call.
 CONFSAVE_API Result<Saved> save(const Id& id, const SaveOptions& options = {});
 
+/// The same over `old`, as list() or find() returned it, if somebody has agreed to that: its id, save time
+/// and sizes count. If another snapshot has its name and version by now, that is Code::taken; if it is
+/// pinned, Code::pinned; if the notes cannot be read, their error. If there is none any more, nothing is
+/// overwritten. `overwrite` means nothing.
+CONFSAVE_API Result<Saved> save_over(const Snapshot& old, const SaveOptions& options = {});
+
 /// Replaces the comment of a snapshot: at most 4,096 bytes of UTF-8 without control characters.
 /// Comments and pins are kept in "notes.db" beside the storage; the storage itself does not change. Durable
 /// on return.

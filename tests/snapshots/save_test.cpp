@@ -230,6 +230,50 @@ TEST_F(Save, APinStaysWithTheName) {
   EXPECT_EQ(Database(notes_file()).query("select count(*) from note"), Rows{{"1"}});
 }
 
+TEST_F(Save, WhatIsAgreedToIsOneRowAndNoPin) {
+  const Snapshot old = saved("weekly").snapshot;
+  SaveOptions options = overwrite();
+  const auto refusal = [&options](const Snapshot& agreed) {
+    const auto result = save_over(agreed, options);
+    return shown(result ? Error{} : result.error());
+  };
+  const std::string anew =
+      std::to_string(static_cast<int>(Code::taken)) + " : the snapshot 'weekly' was stored anew meanwhile";
+  for (int field = 0; field < 4; ++field) {
+    Snapshot other = old;
+    ++(field == 0   ? other.id
+       : field == 1 ? other.config.save_time
+       : field == 2 ? other.keybase_size
+                    : other.etc_size);
+    EXPECT_EQ(refusal(other), anew);
+  }
+  // After the first look, another program is still in time.
+  after_packing([this](int) {
+    Database(database()).run("delete from Config");
+    put({"weekly", kCurrent});
+  });
+  EXPECT_EQ(refusal(old), anew);
+  host.on_command = {};
+  EXPECT_EQ(query("select save_time from Config"), Rows{{"1000"}});
+  const Snapshot theirs = *find({"weekly"});
+  ASSERT_EQ(pin({"weekly"}, true).code, Code::ok);
+  EXPECT_EQ(refusal(theirs), std::to_string(static_cast<int>(Code::pinned)) +
+                                 " : the snapshot 'weekly' exists and is pinned");
+  ASSERT_EQ(pin({"weekly"}, false).code, Code::ok);
+  const std::string good = read_file(notes_file());
+  write_file(notes_file(), std::string(5000, 'x'));
+  EXPECT_EQ(refusal(theirs), std::to_string(static_cast<int>(Code::no_storage)) + " " + notes_file() +
+                                 ": file is not a database");
+  write_file(notes_file(), good);
+  EXPECT_EQ(query("select save_time from Config"), Rows{{"1000"}});
+  const auto result = save_over(theirs);
+  ASSERT_TRUE(result) << shown(result.error());
+  EXPECT_EQ(result->outcome, Outcome::replaced);
+  // Nothing is overwritten where nothing is.
+  EXPECT_EQ(cs::remove({"weekly"}).code, Code::ok);
+  EXPECT_EQ(save_over(theirs)->outcome, Outcome::created);
+}
+
 TEST_F(Save, APinIsNotLostToLockedNotes) {
   saved("weekly");
   ASSERT_EQ(pin({"weekly"}, true).code, Code::ok);
