@@ -233,9 +233,13 @@ TEST_F(SaveFaults, NoLockOfTheStorageIsHeldWhileFilesArePacked) {
 }
 
 TEST_F(SaveFaults, ARowThatAHostOfTheContractStoresMeanwhileStays) {
-  after_packing([this](int) { put({"weekly", kCurrent}); });
-  EXPECT_EQ(code("weekly"), Code::taken);
-  EXPECT_EQ(query("select save_time from Config"), Rows{{"1000"}});
+  for (const bool has_notes : {true, false}) {
+    if (!has_notes) write_file(notes_file(), std::string(5000, 'x'));
+    after_packing([this](int) { put({"weekly", kCurrent}); });
+    EXPECT_EQ(code("weekly"), Code::taken);
+    EXPECT_EQ(query("select save_time from Config"), Rows{{"1000"}});
+    Database(database()).run("delete from Config");
+  }
 }
 
 // Storages and notes
