@@ -10,6 +10,8 @@ class Deadline {
  public:
   explicit Deadline(unsigned seconds) : end_(Clock::now() + std::chrono::seconds(seconds)) {}
 
+  bool operator<(const Deadline& other) const { return end_ < other.end_; }
+
   /// 0 when it is over.
   std::chrono::milliseconds left() const {
     using std::chrono::milliseconds;

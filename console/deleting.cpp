@@ -10,26 +10,11 @@
 namespace console {
 namespace {
 
-/// False if it has gone, or was overwritten, since it was listed.
-cs::Result<bool> is_there(const cs::Snapshot& snapshot, std::chrono::milliseconds wait) {
-  cs::Query query;
-  query.corlu_config = true;
-  query.wait = wait;
-  const auto rows = cs::list(query);
-  if (!rows) return rows.error();
-  return std::any_of(rows->begin(), rows->end(), [&](const cs::Snapshot& row) {
-    return row.id == snapshot.id && row.config.save_time == snapshot.config.save_time;
-  });
-}
-
 /// True too if the snapshot has gone meanwhile.
 cs::Result<bool> delete_one(const cs::Snapshot& snapshot, std::chrono::milliseconds wait) {
-  const auto found = is_there(snapshot, wait);
-  if (!found) return found.error();
-  if (!*found) return true;
   cs::RemoveOptions how;
   how.wait = wait;
-  cs::Error error = cs::remove(id_of(snapshot), how);
+  cs::Error error = cs::remove(snapshot, how);
   if (error.code == cs::Code::ok || error.code == cs::Code::not_found) return true;
   return error;
 }
@@ -38,14 +23,16 @@ cs::Result<bool> delete_one(const cs::Snapshot& snapshot, std::chrono::milliseco
 
 void delete_again(std::vector<cs::Undeleted>& undeleted, const Deadline& deadline,
                   std::vector<cs::Victim>& deleted) {
+  // What is decided already is finished, even if the work before took all of the time.
+  constexpr unsigned kGrace = 2;
+  const Deadline end = std::max(deadline, Deadline(kGrace));
   std::vector<cs::Undeleted> left;
   for (cs::Undeleted& one : undeleted) {
     if (one.error.code != cs::Code::busy || interrupted()) {
       left.push_back(std::move(one));
       continue;
     }
-    const auto result =
-        in_turns(deadline, [&](auto wait) { return delete_one(one.victim.snapshot, wait); });
+    const auto result = in_turns(end, [&](auto wait) { return delete_one(one.victim.snapshot, wait); });
     if (result) {
       deleted.push_back(std::move(one.victim));
       continue;
@@ -60,7 +47,7 @@ int report_undeleted(const std::vector<cs::Undeleted>& undeleted) {
   std::cout.flush();
   for (const cs::Undeleted& one : undeleted) {
     std::cerr << "confsave: '" << label(one.victim.snapshot)
-              << "' was not deleted: " << reason_and_step(one.error) << '\n';
+              << "' was not deleted: " << reason_and_step(one.error, true) << '\n';
   }
   return undeleted.empty() ? kDone : kFailed;
 }

@@ -61,24 +61,25 @@ void print_unfinished(const Options& options, const cs::Error& known) {
   }
 }
 
-void settle_pending(const Options& options, bool goes_on) {
+bool settle_pending(const Options& options, bool goes_on) {
   const auto found = cs::pending({options.deadline.left()});
   if (!found && goes_on && found.error().code != cs::Code::denied) {
     std::cerr << "confsave: warning: whether a restore is pending is not known: "
-              << reason_and_step(found.error()) << '\n';
+              << reason_and_step(found.error(), false) << '\n';
   }
-  if (!found || !*found) return;
+  if (!found || !*found) return false;
   if ((*found)->seconds_left == 0 && !(*found)->is_checked) {
     if (const auto done = revert_in_time(cs::When::if_due, Deadline(kWaitOfReaders))) {
       print_recovery(std::cerr, *done);
-      return;
+      return true;
     }
   }
   std::cerr << "confsave: " << text_of(**found) << ".\n";
+  return false;
 }
 
-void settle_interrupted() {
-  const auto left = cs::unfinished();
+void settle_interrupted(const Options& options) {
+  const auto left = cs::unfinished({options.deadline.left()});
   if (!left || !*left || (*left)->is_pending) return;
   // Only the verb itself waits.
   if (const auto done = recover_in_time(Deadline(0))) print_recovery(std::cerr, *done);

@@ -23,11 +23,11 @@ void print_unfinished(const Options& options, const cs::Error& known);
 
 /// Before most verbs: takes back a restore whose time is up, and prints on standard error that one is
 /// pending. `goes_on`: the verb does its work even if the record of restores cannot be read, and a warning
-/// says that.
-void settle_pending(const Options& options, bool goes_on);
+/// says that. True if it has taken one back.
+bool settle_pending(const Options& options, bool goes_on);
 
 /// Before a verb that changes something: what an interrupted restore has left is finished or undone, and
 /// printed on standard error. The library would do it in silence. What fails, the verb meets again.
-void settle_interrupted();
+void settle_interrupted(const Options& options);
 
 }  // namespace console

@@ -224,9 +224,9 @@ int report_packing(const cs::Error& error, bool may_force) {
   return report(error, true);
 }
 
-std::string reason_and_step(const cs::Error& error) {
+std::string reason_and_step(const cs::Error& error, bool waits) {
   const std::string file = is_absolute(error.path) ? "'" + readable(error.path) + "': " : "";
-  const std::string step = next_step(error, true);
+  const std::string step = next_step(error, waits);
   return file + readable(error.text) + "." + (step.empty() ? "" : " " + step + ".");
 }
 

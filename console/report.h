@@ -26,8 +26,8 @@ int report(const cs::Error& error, bool waits = false);
 /// `may_force`: the verb has the option --force.
 int report_packing(const cs::Error& error, bool may_force);
 
-/// The same as words: the file, if it is one, the reason, and the next step. For a verb with --wait.
-std::string reason_and_step(const cs::Error& error);
+/// The same as words: the file, if it is one, the reason, and the next step.
+std::string reason_and_step(const cs::Error& error, bool waits);
 
 /// The same for an error of restoring or recovering: also says in which state the configuration is.
 int report_restore(const cs::Error& error);

@@ -30,9 +30,10 @@ cs::Error write_out(std::string_view bytes) {
 }
 
 cs::Result<cs::Exported> export_into(const cs::Ids& ids, const Options& options) {
-  if (options.exchanged == "-") return cs::export_to(ids, write_out);
+  if (options.exchanged == "-") return cs::export_to(ids, write_out, {options.deadline.left()});
   cs::ExportOptions how;
   how.overwrite = options.force;
+  how.wait = options.deadline.left();
   // What ends the process would leave a part of the file under a temporary name.
   const TerminationCatcher catcher;
   return cs::export_to(ids, options.exchanged, how);
@@ -53,7 +54,7 @@ bool is_in_the_way(const Options& options) {
 }
 
 /// With --all, what others delete in the meantime is left out.
-std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
+std::optional<cs::Exported> export_chosen(Options options, int& status) {
   for (int attempt = 1;; ++attempt) {
     const auto snapshots = choose_some(options, status);
     if (!snapshots) return std::nullopt;
@@ -71,7 +72,10 @@ std::optional<cs::Exported> export_chosen(const Options& options, int& status) {
     auto exported = export_into(ids, options);
     if (exported) return std::move(*exported);
     const bool is_deleted = options.all && exported.error().code == cs::Code::not_found;
-    if (is_deleted && attempt < kAttempts) continue;
+    if (is_deleted && attempt < kAttempts) {
+      options.deadline = Deadline(kWaitOfReaders);
+      continue;
+    }
     if (interrupted()) {
       status = kFailed;
       std::cerr << "confsave: interrupted; "

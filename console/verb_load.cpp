@@ -199,8 +199,8 @@ cs::Result<cs::Restored> restore(const cs::Id& id, cs::RestoreOptions how, const
   };
   // Whatever ends the session must not end the process before the restore is taken back.
   const TerminationCatcher catcher;
-  // The wait for the lock after the check begins anew.
-  return attempt(options.deadline.left());
+  // The library waits as long again for the lock after the check: a good restore must not fail for that.
+  return attempt(std::chrono::seconds(options.wait));
 }
 
 int print_restored(const cs::Restored& restored, const Options& options, bool was_shown) {

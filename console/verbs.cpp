@@ -62,10 +62,14 @@ int flush(int status, const char* consequence) {
   return kFailed;
 }
 
-int run_verb(const Verb& verb, const Options& options) {
+int run_verb(const Verb& verb, Options options) {
+  const unsigned wait = lists(verb.options, "--wait") ? options.wait : kWaitOfReaders;
+  options.deadline = Deadline(wait);
   const bool changes = (verb.traits & kChanging) != 0;
-  if ((verb.traits & kSettling) == 0) settle_pending(options, !changes);
-  if (changes && !options.dry_run) settle_interrupted();
+  const bool has_reverted = (verb.traits & kSettling) == 0 && settle_pending(options, !changes);
+  // That is no work of the verb.
+  if (has_reverted) options.deadline = Deadline(wait);
+  if (changes && !options.dry_run) settle_interrupted(options);
   const bool is_done = (verb.traits & (kInterruptible | kChanging)) != 0 && !options.dry_run;
   const char* consequence = is_done ? "; what was asked for is done" : "";
   if ((verb.traits & kInterruptible) == 0) return flush(verb.run(options), consequence);
@@ -121,7 +125,6 @@ int parse_and_run(const Verb& verb, const Arguments& given) {
   if (const std::string problem = contradiction(verb, options); !problem.empty())
     return refuse(problem, help);
   if (options.version) options.snapshot.version = options.version;
-  if (lists(verb.options, "--wait")) options.deadline = Deadline(options.wait);
   return run_verb(verb, options);
 }
 

@@ -45,9 +45,12 @@ Result<Saved> save_new(const AutosaveOptions& options, const Deadline& deadline)
     Result<Saved> saved = save_under_lock({*name}, how, deadline);
     // A program that does not take "confsave.lock" was faster.
     if (!saved && saved.error().code == Code::taken) continue;
-    // Nobody looks at what is saved every night, and the manifest does not show a damaged archive.
     const bool is_unchanged = saved && saved->outcome == Saved::Outcome::unchanged;
-    if (is_unchanged && !has_bytes_of_live(saved->snapshot, deadline)) {
+    // Nobody looks at what is saved every night, and the manifest does not show a damaged archive.
+    const Result<bool> suffices =
+        is_unchanged ? has_bytes_of_live(saved->snapshot, deadline) : Result<bool>(true);
+    if (!suffices) return suffices.error();
+    if (!*suffices) {
       how.if_changed = false;
       continue;
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "places.h"
 #include "snapshots/boundary.h"
 #include "snapshots/differences.h"
 #include "snapshots/notes.h"
@@ -77,11 +78,15 @@ Result<Differences> compare_with_live(const Id& older, const Deadline& deadline,
   return compare_contents(*row, each);
 }
 
-bool has_bytes_of_live(const Snapshot& snapshot, const Deadline& deadline) {
+Result<bool> has_bytes_of_live(const Snapshot& snapshot, const Deadline& deadline) {
   const EachMember ignore = [](const Member&) {};
   const Result<Differences> found =
       compare_with_live({snapshot.config.name, snapshot.config.vers}, deadline, ignore);
-  return found && found->empty();
+  if (found) return found->empty();
+  const Error& error = found.error();
+  if (error.code == Code::busy) return error;
+  // A save would leave such a file out: the snapshot is the better copy.
+  return error.code == Code::denied && error.path != storage_file();
 }
 
 Result<Differences> compare(const Id& older, Live, const ReadOptions& options) {

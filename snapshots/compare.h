@@ -17,8 +17,10 @@ Result<Differences> compare_with_live(const Tree& saved, conftype type, const Ea
 /// The same, by the archives of the snapshot: this takes longer.
 Result<Differences> compare_with_live(const Id& older, const Deadline& deadline, const EachMember& each);
 
-/// Whether the archives can be decoded, and have the very bytes of the live configuration. The manifest
-/// does not show a damaged archive, nor a change through a mapping that leaves a file's time as it was.
-bool has_bytes_of_live(const Snapshot& snapshot, const Deadline& deadline);
+/// Of a snapshot whose manifest equals the live configuration: whether its archives can be decoded, and
+/// have the very bytes. The manifest shows neither a damaged archive nor a change through a mapping that
+/// leaves a file's time as it was. Live files that may not be read count as equal. The only error is
+/// Code::busy.
+Result<bool> has_bytes_of_live(const Snapshot& snapshot, const Deadline& deadline);
 
 }  // namespace ConfSave::snapshots

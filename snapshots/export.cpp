@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "places.h"
 #include "snapshots/access.h"
 #include "snapshots/archive_path.h"
@@ -110,7 +112,10 @@ class Exporting {
     Result<Notes> copies = Notes::make_in(std::move(*made));
     if (!copies) return copies.error();
     Result<std::optional<Notes>> notes = Notes::open(deadline_.left());
-    if (notes && !*notes) return {};
+    if (notes && !*notes) {
+      notes_error_ = system_error(state_directory() + "/notes.db", ENOENT);
+      return {};
+    }
     Error error;
     if (!notes) error = notes.error();
     if (notes) {
@@ -151,6 +156,14 @@ class Exporting {
   Error notes_error_;
 };
 
+/// Whether this file is a copy with comments and pins, perhaps the last one.
+bool has_notes(const std::string& file, const Deadline& deadline) {
+  Result<Database> copy = Database::open_read_only(file, deadline.left());
+  if (!copy) return false;
+  Result<Statement> note = copy->prepare("select 1 from note where comment <> '' or pinned");
+  return note && note->step() == SQLITE_ROW;
+}
+
 Result<Exported> export_into_file(const Ids& ids, const std::string& file, const ExportOptions& options) {
   Error error = check_ids(ids);
   if (error.code == Code::ok) error = check_destination(file, options.overwrite);
@@ -165,12 +178,13 @@ Result<Exported> export_into_file(const Ids& ids, const std::string& file, const
     if (error.path == made->name()) error.path = file;
     return error;
   }
-  if (exporting.notes_error().code != Code::ok && exists(file)) {
+  if (exists(file) && has_notes(file, deadline)) {
     error = exporting.notes_error();
-    error.text +=
-        "; the file that would be replaced may hold the last copy of the comments, pins and "
-        "manifests: export into another one";
-    return error;
+    if (error.code == Code::busy) return error;
+    if (error.code != Code::ok) {
+      return Error{Code::bad_argument, 0, file,
+                   "this copy holds comments and pins, which cannot be read now: " + sentence(error)};
+    }
   }
   error = made->publish(file, options.overwrite, exported->warnings);
   if (error.code != Code::ok) return error;

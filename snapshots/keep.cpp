@@ -63,9 +63,9 @@ class Comparing {
 
 /// The name of a full snapshot that equals the live configuration; empty if none does. Those of other
 /// versions do not count: a name alone does not find them.
-std::string find_equal(const Snapshots& newest, const Snapshot& loading, const Deadline& deadline) {
+Result<std::string> find_equal(const Snapshots& newest, const Snapshot& loading, const Deadline& deadline) {
   Result<std::optional<Notes>> notes = Notes::open(deadline.left());
-  if (!notes || !*notes) return "";
+  if (!notes || !*notes) return std::string();
   Comparing comparing(std::move(**notes));
   std::size_t compared = 0;
   for (const Snapshot& snapshot : newest) {
@@ -73,10 +73,14 @@ std::string find_equal(const Snapshots& newest, const Snapshot& loading, const D
     const bool counts =
         config.type == conf_full && config.vers == CURRENT_VERSION && snapshot.id != loading.id;
     if (!counts) continue;
-    if (comparing.equals_live(snapshot) && has_bytes_of_live(snapshot, deadline)) return config.name;
+    if (comparing.equals_live(snapshot)) {
+      const Result<bool> is_equal = has_bytes_of_live(snapshot, deadline);
+      if (!is_equal) return is_equal.error();
+      if (*is_equal) return config.name;
+    }
     if (++compared == kMostCompared) break;
   }
-  return "";
+  return std::string();
 }
 
 std::string free_name(const Snapshots& rows) {
@@ -110,7 +114,9 @@ Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& 
                                        std::vector<std::string>& warnings) {
   const Result<Snapshots> rows = newest_rows("*", deadline);
   if (!rows) return not_kept(rows.error());
-  if (std::string equal = find_equal(*rows, loading, deadline); !equal.empty()) return equal;
+  Result<std::string> equal = find_equal(*rows, loading, deadline);
+  if (!equal) return not_kept(equal.error());
+  if (!equal->empty()) return equal;
   SaveOptions options;
   const std::string comment = "before '" + printable(loading.config.name) + "' was loaded";
   if (check_comment(comment).code == Code::ok) options.comment = comment;

@@ -262,7 +262,13 @@ Result<std::optional<Rest>> find_rest(const Deadline& deadline) {
   const State state = (*found)->state;
   const bool is_checked = state == State::checking;
   const bool is_pending = is_checked ? CheckOwner::is_alive() : state == State::pending;
-  if (!is_checked && !is_pending && Lock::is_taken()) return std::optional<Rest>();
+  if (!is_checked && !is_pending) {
+    if (Lock::is_taken()) return std::optional<Rest>();
+    // Its process may have ended since.
+    found = read_record(deadline);
+    if (!found) return found.error();
+    if (!*found) return std::optional<Rest>();
+  }
   return std::optional<Rest>({std::move(**found), is_pending});
 }
 

@@ -104,7 +104,7 @@ Error remove_row(const Id& id, const RemoveOptions& options, const Deadline& dea
     if (Error failure = choose_overwriting(storage, reserve.is_needed()); failure.code != Code::ok) {
       return failure;
     }
-    const Result<Snapshot> row = row_of(**reader, id);
+    const Result<Snapshot> row = row_of(**reader, id, only);
     if (!row) return row.error();
     if (only != nullptr && !is_same_row(*row, *only)) return not_found(id.name);
     if (!options.even_pinned) {
@@ -121,21 +121,21 @@ Error remove_row(const Id& id, const RemoveOptions& options, const Deadline& dea
   return error;
 }
 
-Error lock_and_remove(const Id& id, const RemoveOptions& options, Snapshot& removed) {
+Error lock_and_remove(const Id& id, const RemoveOptions& options, const Snapshot* only, Snapshot& removed) {
   const Deadline deadline(options.wait);
   const Result<Lock> lock = Lock::take("a deletion", deadline);
   if (!lock) return lock.error();
   Error error = recover_before(id, deadline);
   // Perhaps the deletion makes the room that the recovery needs.
   if (error.code != Code::ok && error.code != Code::no_space) return error;
-  error = remove_row(id, options, deadline, nullptr, &removed);
+  error = remove_row(id, options, deadline, only, &removed);
   keep_summary();
   return error;
 }
 
-Error remove_and_log(const Id& id, const RemoveOptions& options) {
+Error remove_and_log(const Id& id, const RemoveOptions& options, const Snapshot* only) {
   Snapshot removed;
-  Error error = lock_and_remove(id, options, removed);
+  Error error = lock_and_remove(id, options, only, removed);
   if (error.code == Code::ok) {
     audit("delete", removed, "ok");
   } else {
@@ -151,7 +151,12 @@ Error remove_under_lock(const Snapshot& row, const Deadline& deadline) {
 }
 
 Error remove(const Id& id, const RemoveOptions& options) {
-  return error_at_boundary([&] { return remove_and_log(id, options); });
+  return error_at_boundary([&] { return remove_and_log(id, options, nullptr); });
+}
+
+Error remove(const Snapshot& row, const RemoveOptions& options) {
+  const Id id{row.config.name, row.config.vers};
+  return error_at_boundary([&] { return remove_and_log(id, options, &row); });
 }
 
 }  // namespace ConfSave::snapshots

@@ -11,7 +11,6 @@
 #include <memory>
 
 #include "snapshots/descriptor.h"
-#include "snapshots/own_file.h"
 
 namespace ConfSave::snapshots {
 namespace {
@@ -57,11 +56,14 @@ bool clear(const Descriptor& file, int64 size) {
   return fdatasync(file.get()) == 0;
 }
 
+bool give_to_owner(const Descriptor& file, const struct stat& storage) {
+  return geteuid() != 0 || fchown(file.get(), storage.st_uid, storage.st_gid) == 0;
+}
+
 /// A journal that not every user of the storage may open would lock them out.
 bool share_as(const Descriptor& file, const std::string& storage) {
   struct stat status = {};
-  return stat(storage.c_str(), &status) == 0 &&
-         (geteuid() != 0 || fchown(file.get(), status.st_uid, status.st_gid) == 0) &&
+  return stat(storage.c_str(), &status) == 0 && give_to_owner(file, status) &&
          fchmod(file.get(), status.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO)) == 0;
 }
 
@@ -73,8 +75,11 @@ void Reserve::keep(const std::string& storage) {
   if (lstat(path.c_str(), &status) == 0 && is_whole(status)) return;
   if (!has_room(real_path(storage))) return;
   // It may be there with another size: a killed process has begun it.
-  const Descriptor file = beside_streams(Descriptor(open_or_make(path, kFlags)));
+  const Descriptor file =
+      beside_streams(Descriptor(::open(path.c_str(), kFlags | O_CREAT, S_IRUSR | S_IWUSR)));
   if (!file) return;
+  // Some file systems know no owners.
+  if (stat(storage.c_str(), &status) == 0) static_cast<void>(give_to_owner(file, status));
   const bool made = fchmod(file.get(), S_IRUSR | S_IWUSR) == 0 && ftruncate(file.get(), kSize) == 0 &&
                     posix_fallocate(file.get(), 0, kSize) == 0;
   if (!made) unlink(path.c_str());

@@ -154,7 +154,9 @@ class Restoring {
 
   /// Nobody packs the files from here on until the exchange is done.
   Error lock_storage() {
-    Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
+    // What was kept took its time, and another attempt would take it again.
+    const Deadline deadline(restored_.kept.empty() ? deadline_.left() : deadline_.left_afterwards());
+    Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline);
     if (!storage) return storage.error();
     storage_.emplace(std::move(*storage));
     if (!options_.target.empty()) return {};

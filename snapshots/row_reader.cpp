@@ -37,11 +37,13 @@ Error find_rowid(OpenRow& row) {
 }
 
 /// The row of `id` among those of `query`.
-Result<std::optional<Snapshot>> find_among(StorageReader& reader, const Id& id, const Query& query) {
+Result<std::optional<Snapshot>> find_among(StorageReader& reader, const Id& id, const Query& query,
+                                           const Snapshot* only) {
   std::optional<Snapshot> found;
   Error error = reader.for_each(query, [&](Snapshot snapshot) {
     // SQLite's glob ends at a NUL byte.
-    if (snapshot.config.name == id.name && snapshot.config.vers == id.version) found = std::move(snapshot);
+    const bool is_named = snapshot.config.name == id.name && snapshot.config.vers == id.version;
+    if (is_named && (only == nullptr || only->id == snapshot.id)) found = std::move(snapshot);
     return Error{};
   });
   if (error.code != Code::ok) return error;
@@ -50,15 +52,15 @@ Result<std::optional<Snapshot>> find_among(StorageReader& reader, const Id& id, 
 
 }  // namespace
 
-Result<Snapshot> row_of(StorageReader& reader, const Id& id) {
+Result<Snapshot> row_of(StorageReader& reader, const Id& id, const Snapshot* only) {
   Query query;
   query.pattern = literally(id.name);
   query.version = id.version;
   query.corlu_config = true;
-  Result<std::optional<Snapshot>> found = find_among(reader, id, query);
+  Result<std::optional<Snapshot>> found = find_among(reader, id, query, only);
   // A version that is no integer equals none, but is listed as one.
   query.version.reset();
-  if (found && !*found) found = find_among(reader, id, query);
+  if (found && !*found) found = find_among(reader, id, query, only);
   if (!found) return found.error();
   if (!*found) return not_found(id.name);
   return std::move(**found);

@@ -23,8 +23,9 @@ std::vector<Column> columns_of(conftype type);
 
 Error not_found(const std::string& name);
 
-/// The row of this name and version, or Code::not_found.
-Result<Snapshot> row_of(StorageReader& reader, const Id& id);
+/// The row of this name and version, or Code::not_found. With `only`, of several that are listed under them
+/// the one with its id.
+Result<Snapshot> row_of(StorageReader& reader, const Id& id, const Snapshot* only = nullptr);
 
 /// The row that an Id names and the connection that found it, in one read transaction, so that its archives
 /// are of the same moment.

@@ -136,6 +136,9 @@ CONFSAVE_API Result<Saved> save_over(const Snapshot& old, const SaveOptions& opt
 /// which deletes a file.
 [[nodiscard]] CONFSAVE_API Error remove(const Id& id, const RemoveOptions& options = {});
 
+/// The same for this row only, as it was listed. Code::not_found if another one has its name since.
+[[nodiscard]] CONFSAVE_API Error remove(const Snapshot& row, const RemoveOptions& options = {});
+
 // ---------------------------------------------------------------------------------------------------
 // Restoring
 

@@ -1,5 +1,11 @@
 // autosave(): the new one is stored before an old one goes.
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
 #include "snapshots/lock.h"
 #include "snapshots/restoring.h"
 #include "snapshots/small_disk.h"
@@ -103,6 +109,28 @@ TEST_F(AutosaveTest, IfNothingHasChangedOldOnesGoAllTheSame) {
   EXPECT_TRUE(is_live(result.saved.snapshot.config.name));
   EXPECT_EQ(deleted(result), (Texts{old_name(2), old_name(3)}));
   EXPECT_EQ(stored(), (Texts{"weekly", result.saved.snapshot.config.name}));
+}
+
+/// The one that is stored has such a file, and a new one would not.
+TEST_F(AutosaveTest, AFileThatMayNotBeReadIsNoChange) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  AutosaveOptions options = keeping(99);
+  options.if_changed = true;
+  ASSERT_EQ(shell("chown -R 65534 " + root() + " " + etc_dir() + " && chown 0 " + config("user/key_set") +
+                  " && chmod 600 " + config("user/key_set")),
+            0);
+  // From then on the times of a file say that it is as it was.
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  ASSERT_EQ(done(options).saved.outcome, Saved::Outcome::created);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setuid(65534) != 0) _exit(2);
+    const auto result = autosave(options);
+    _exit(result && result->saved.outcome == Saved::Outcome::unchanged ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(AutosaveTest, WithoutNotesThatCanBeReadNothingIsDeleted) {

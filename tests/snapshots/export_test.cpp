@@ -168,14 +168,21 @@ TEST_F(ExportTest, WithoutNotesTheRowsAreWritten) {
 TEST_F(ExportTest, WithoutNotesNoCopyThatMayHaveThemIsReplaced) {
   done(export_to(all_, exported()));
   const std::string copy = read_file(exported());
-  write_file(notes_file(), std::string(5000, 'x'));
   ExportOptions options;
   options.overwrite = true;
-  const auto result = export_to(all_, exported(), options);
-  ASSERT_FALSE(result);
-  EXPECT_EQ(result.error().path, notes_file());
-  EXPECT_NE(result.error().text.find("export into another one"), std::string::npos);
-  EXPECT_EQ(read_file(exported()), copy);
+  for (const std::string& notes : {std::string(5000, 'x'), std::string()}) {
+    write_file(notes_file(), notes);
+    if (notes.empty()) shell("rm " + notes_file());
+    const auto result = export_to(all_, exported(), options);
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().code, Code::bad_argument);
+    EXPECT_EQ(result.error().path, exported());
+    EXPECT_EQ(result.error().text.find("this copy holds comments and pins, which cannot be read now: " +
+                                       notes_file()),
+              0U)
+        << result.error().text;
+    EXPECT_EQ(read_file(exported()), copy);
+  }
 }
 
 TEST_F(ExportTest, ALockEndsTheWait) {

@@ -62,6 +62,24 @@ TEST_F(RemoveTest, ARowThatWasOverwrittenSinceStays) {
   EXPECT_EQ(names(), Texts());
 }
 
+/// Another program can store rows that are listed under one name and version.
+TEST_F(RemoveTest, OneOfSeveralIsFoundByItsId) {
+  const Database storage(database());
+  for (const char* version : {"'a'", "'b'", "'c'"}) {
+    storage.run("insert into Config (name, version, keybase, etc, type, save_time) values ('dup', " +
+                std::string(version) + ", x'', x'', 1, 1000)");
+  }
+  Query query;
+  query.pattern = "dup";
+  const auto rows = list(query);
+  ASSERT_TRUE(rows);
+  ASSERT_EQ(rows->size(), 3U);
+  EXPECT_EQ(snapshots::remove((*rows)[0]).code, Code::ok);
+  EXPECT_EQ(snapshots::remove((*rows)[0]).code, Code::not_found);
+  EXPECT_EQ(snapshots::remove((*rows)[1]).code, Code::ok);
+  EXPECT_EQ(names(), (Texts{"weekly@" + kCurrentText, "dup@c"}));
+}
+
 TEST_F(RemoveTest, DeletesExactlyOneRow) {
   put({"week*", kCurrent});
   put({"weekly", 0});
