@@ -269,15 +269,17 @@ Result<std::optional<Rest>> find_rest(const Deadline& deadline) {
     if (!found) return found.error();
     if (!*found) return std::optional<Rest>();
   }
-  return std::optional<Rest>({std::move(**found), is_pending});
+  Rest rest{std::move(**found), is_pending};
+  return std::optional<Rest>(std::move(rest));
 }
 
 Result<std::optional<Unfinished>> find_unfinished(const Deadline& deadline) {
-  const Result<std::optional<Rest>> rest = find_rest(deadline);
-  if (!rest) return rest.error();
-  if (!*rest) return std::optional<Unfinished>();
-  const Config& config = (*rest)->record.snapshot.config;
-  return std::optional<Unfinished>({config.name, config.vers, (*rest)->is_pending});
+  const Result<std::optional<Rest>> found = find_rest(deadline);
+  if (!found) return found.error();
+  if (!*found) return std::optional<Unfinished>();
+  const Rest& rest = **found;
+  const Config& config = rest.record.snapshot.config;
+  return std::optional<Unfinished>({config.name, config.vers, rest.is_pending});
 }
 
 }  // namespace
@@ -295,11 +297,12 @@ Error recover_wholly(const Deadline& deadline) {
 }
 
 Error check_finished(const Deadline& deadline) {
-  const Result<std::optional<Rest>> rest = find_rest(deadline);
-  if (!rest) return rest.error();
-  if (!*rest) return {};
-  const Record& record = (*rest)->record;
-  if (!(*rest)->is_pending) {
+  const Result<std::optional<Rest>> found = find_rest(deadline);
+  if (!found) return found.error();
+  if (!*found) return {};
+  const Rest& rest = **found;
+  const Record& record = rest.record;
+  if (!rest.is_pending) {
     return {Code::needs_attention, 0, "", interruption(record) + "; run 'confsave recover' first"};
   }
   if (record.state == State::pending) return refuse_pending(record.snapshot);

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "snapshots/dated_name.h"
+#include "snapshots/descriptor.h"
 #include "snapshots/keep.h"
 #include "snapshots/lock.h"
 #include "snapshots/saving.h"
@@ -116,9 +117,10 @@ TEST_F(Keep, WhatChangedUnseenIsKept) {
   saved("good");
   change();
   write_file(config("hub/key"), std::string(4096, 'a'));
-  const int file = open(config("hub/key").c_str(), O_RDWR | O_CLOEXEC);
-  auto* page = static_cast<char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
-  ASSERT_NE(page, MAP_FAILED);
+  const Descriptor file(open(config("hub/key").c_str(), O_RDWR | O_CLOEXEC));
+  void* const mapped = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+  EXPECT_NE(mapped, MAP_FAILED);
+  auto* page = static_cast<char*>(mapped);
   page[0] = 'b';
   // From then on the times of the file say that it is as it was.
   std::this_thread::sleep_for(milliseconds(2500));
@@ -126,8 +128,7 @@ TEST_F(Keep, WhatChangedUnseenIsKept) {
   page[0] = 'c';
   const std::string name = kept(row("good"));
   EXPECT_TRUE(is_live(name)) << name;
-  munmap(page, 4096);
-  close(file);
+  munmap(mapped, 4096);
 }
 
 TEST_F(Keep, OnlyTheNewestAreCompared) {
