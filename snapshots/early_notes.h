@@ -8,10 +8,10 @@
 
 namespace ConfSave::snapshots {
 
-/// Writes the notes of new rows before the commit of the storage, so that no kill loses them. Until then
-/// the notes of the old rows stay: they have other ids. If the rows are not committed, their notes belong
-/// to no row, and are deleted again; after a kill, whoever stores a row with such an id writes a note of
-/// his own, and to other rows it does not belong because of their save time and lengths.
+/// Writes comments and pins of new rows before the commit of the storage, so that no kill loses them. Until
+/// then the notes of the old rows stay: they have other ids. If the rows are not committed, their notes
+/// belong to no row, and are deleted again. After a kill, a later row may get such an id: the note does not
+/// belong to it, because its save time and lengths differ.
 class EarlyNotes {
  public:
   explicit EarlyNotes(const Deadline& deadline) : deadline_(deadline) {}
