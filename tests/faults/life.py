@@ -86,6 +86,14 @@ def journaled(gateway, query):
         connection.close()
 
 
+def left_by_killed(gateway):
+    """What nobody needs."""
+    needed = journaled(gateway, "select staging from root")
+    return sorted([str(path) for path in gateway.scratch_directories()] +
+                  [str(path) for base in (gateway.config, ETC)
+                   for path in base.glob(".confsave-restore-*") if path.name not in needed])
+
+
 def wait_for_waiter(gateway):
     """One that takes a restore back holds the lock, and status says nothing of its work."""
     with open(gateway.state / "confsave.lock", "a", encoding="utf-8") as lock:
@@ -228,13 +236,6 @@ class Life:
         """The state of the restore that is not finished, or None."""
         return next(iter(journaled(self.gateway, "select state from restore")), None)
 
-    def left(self):
-        """What killed processes leave, and nobody needs."""
-        needed = journaled(self.gateway, "select staging from root")
-        return sorted([str(path) for path in self.gateway.scratch_directories()] +
-                      [str(path) for base in (self.gateway.config, ETC)
-                       for path in base.glob(".confsave-restore-*") if path.name not in needed])
-
     def require_status(self):
         """What `status` says, and what is so."""
         wait_for_waiter(self.gateway)
@@ -253,14 +254,14 @@ class Life:
         needed = max([LEAST_ROOM, *(3 * size for *_, size in rows)])
         # Nobody is at work: a restore that waits for its check waits for ever.
         is_so = {"pending": state == PENDING, "interrupted": state not in (None, PENDING),
-                 "leftovers": any(map(has_made_name, self.left())),
+                 "leftovers": any(map(has_made_name, left_by_killed(self.gateway))),
                  "failover-missing": False, "readable": False,
                  "stale": not rows or not now - STALE <= newest <= now + DAY or
                  0 < newest_autosave < now - STALE,
                  "space": disk.f_bavail * disk.f_frsize < needed}
         for code, holds in is_so.items():
             require((code in said) == bool(holds), "status says", sorted(said), "and", code, "is", holds,
-                    status["attention"], self.left())
+                    status["attention"], left_by_killed(self.gateway))
             self.seen[f"times {code}"] += bool(holds)
         found = [status["snapshots"], seconds(status["newest_utc"]), seconds(status["newest_autosave_utc"]),
                  status["storage_bytes"], status["pending"] is None, status["interrupted"] is None]
@@ -306,7 +307,7 @@ class Life:
         self.settle()
         if self.journal() is None:
             self.require_whole()
-        for path in map(pathlib.Path, self.left()):
+        for path in map(pathlib.Path, left_by_killed(self.gateway)):
             remove(path)
 
     def live(self, rounds):
