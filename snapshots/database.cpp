@@ -218,6 +218,14 @@ Error Database::run(const char* text) {
   return failure;
 }
 
+Error Database::in_transaction(const std::function<Error()>& change) {
+  if (Error error = run("begin immediate"); error.code != Code::ok) return error;
+  Error error = change();
+  if (error.code == Code::ok) return run("commit");
+  run("rollback");
+  return error;
+}
+
 Error Database::error() const {
   const int code = sqlite3_extended_errcode(db_.get());
   if (code != SQLITE_TOOBIG) return error(code, sqlite3_errmsg(db_.get()));

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -76,6 +77,13 @@ class Database {
   /// Runs statements without a result. If one fails, rolls back the transaction that is open, also one
   /// that was begun before.
   Error run(const char* text);
+
+  /// Makes what is committed from now on last: by default SQLite does not sync the deletion of its
+  /// journal, which a power cut could bring back.
+  Error sync_deletions() { return run("pragma synchronous=extra"); }
+
+  /// Runs `change` while nobody else can write. Commits, unless it fails.
+  Error in_transaction(const std::function<Error()>& change);
 
   /// From now on all waits for locks take no longer than `wait` together.
   void limit_wait(std::chrono::milliseconds wait);

@@ -8,8 +8,7 @@ namespace ConfSave::snapshots {
 Result<ExclusiveStorage> ExclusiveStorage::open(const Deadline& deadline) {
   Result<Database> database = Database::open(storage_file(), deadline.left());
   if (!database) return database.error();
-  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
-  Error error = database->run("pragma synchronous=extra");
+  Error error = database->sync_deletions();
   if (error.code == Code::ok) error = database->run("begin exclusive");
   if (error.code != Code::ok) return error;
   return ExclusiveStorage(std::move(*database));

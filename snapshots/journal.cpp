@@ -98,9 +98,9 @@ Result<Journal> Journal::open_to_write(std::chrono::milliseconds wait) {
   Result<Database> database = Database::open(journal_file(), wait);
   if (!database) return not_opened(database.error());
   Journal journal(std::move(*database));
-  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back. With
-  // the journal kept, the change of a state after the exchange needs no room on the disk.
-  Error error = journal.database_.run("pragma synchronous=extra; pragma journal_mode=persist;");
+  Error error = journal.database_.sync_deletions();
+  // With SQLite's journal kept, the change of a state after the exchange needs no room on the disk.
+  if (error.code == Code::ok) error = journal.database_.run("pragma journal_mode=persist");
   if (error.code != Code::ok) return explained(error);
   error = journal.in_transaction([&journal] { return journal.make_tables(); });
   if (error.code != Code::ok) return error;
@@ -123,12 +123,9 @@ Error Journal::explained(const Error& error) {
 }
 
 Error Journal::in_transaction(const std::function<Error()>& change) {
-  Error error = database_.run("begin immediate");
-  if (error.code != Code::ok) return explained(error);
-  error = change();
-  if (error.code == Code::ok) return explained(database_.run("commit"));
-  database_.run("rollback");
-  return error;
+  Error failure;
+  Error error = database_.in_transaction([&] { return failure = change(); });
+  return failure.code == Code::ok ? explained(error) : error;
 }
 
 Error Journal::decide(const std::function<Error()>& change) {

@@ -62,7 +62,7 @@ Result<std::optional<Notes>> Notes::open_in(Database database) {
 
 Result<Notes> Notes::make_in(Database database) {
   Notes notes(std::move(database));
-  Error error = notes.in_transaction([&notes] { return notes.make_tables(); });
+  Error error = notes.database_.in_transaction([&notes] { return notes.make_tables(); });
   if (error.code != Code::ok) return error;
   return notes;
 }
@@ -90,10 +90,7 @@ Result<Notes> Notes::open_to_write(std::chrono::milliseconds wait) {
   return notes;
 }
 
-/// By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
-Error Notes::sync_deletions() {
-  return database_.run("pragma synchronous=extra").code == Code::ok ? Error{} : failure();
-}
+Error Notes::sync_deletions() { return database_.sync_deletions().code == Code::ok ? Error{} : failure(); }
 
 Result<int64> Notes::layout() {
   Result<Statement> statement = database_.prepare("pragma user_version");
@@ -109,7 +106,7 @@ Error Notes::prepare_tables() {
   if (*found != 0) {
     if (Error error = check(); error.code != Code::ok) return error;
   }
-  return *found == kLayout ? Error{} : in_transaction([this] { return make_tables(); });
+  return *found == kLayout ? Error{} : database_.in_transaction([this] { return make_tables(); });
 }
 
 /// Another process may have made them by now.
@@ -166,16 +163,8 @@ Error Notes::look() {
   return statement->step() == SQLITE_ROW ? Error{} : database_.error();
 }
 
-Error Notes::in_transaction(const std::function<Error()>& change) {
-  if (Error error = database_.run("begin immediate"); error.code != Code::ok) return error;
-  Error error = change();
-  if (error.code == Code::ok) return database_.run("commit");
-  database_.run("rollback");
-  return error;
-}
-
 Error Notes::write(const std::vector<NewNote>& notes) {
-  return in_transaction([&]() -> Error {
+  return database_.in_transaction([&]() -> Error {
     for (const NewNote& note : notes) {
       if (Error error = replace(note.snapshot, note.note); error.code != Code::ok) return error;
     }
@@ -184,12 +173,12 @@ Error Notes::write(const std::vector<NewNote>& notes) {
 }
 
 Error Notes::change(const Snapshot& snapshot, const std::function<void(Note&)>& change) {
-  return in_transaction([&] { return read_and_replace(snapshot, change); });
+  return database_.in_transaction([&] { return read_and_replace(snapshot, change); });
 }
 
 Error Notes::replace_manifest(const Snapshot& snapshot, const Note& note, const Manifest& manifest,
                               int64 replaced) {
-  return in_transaction([&] {
+  return database_.in_transaction([&] {
     Error error = replaced != 0 ? remove(replaced) : Error{};
     if (error.code == Code::ok) error = replace(snapshot, note);
     return error.code == Code::ok ? write_manifest(database_, snapshot, manifest) : error;
@@ -234,7 +223,7 @@ Result<std::optional<ManifestReader>> Notes::open_manifest(const Snapshot& snaps
 
 Error Notes::forget(int64 id) {
   if (Error error = sync_deletions(); error.code != Code::ok) return error;
-  return in_transaction([&] {
+  return database_.in_transaction([&] {
     const Error error = make_tables();
     return error.code == Code::ok ? remove(id) : error;
   });
@@ -244,7 +233,7 @@ Error Notes::sweep(const Snapshots& rows) {
   const Result<std::vector<int64>> strangers = find_strangers(rows);
   if (!strangers) return strangers.error();
   if (strangers->empty()) return {};
-  return in_transaction([&]() -> Error {
+  return database_.in_transaction([&]() -> Error {
     for (const int64 id : *strangers) {
       if (Error error = delete_manifest(database_, id); error.code != Code::ok) return error;
     }

@@ -111,7 +111,6 @@ class Notes {
   Error remove(int64 id);
   /// The ids of manifests that belong to none of `snapshots`, not too many.
   Result<std::vector<int64>> find_strangers(const Snapshots& snapshots);
-  Error in_transaction(const std::function<Error()>& change);
 
   Database database_;
   std::string configuration_;  ///< where the files of manifests have to be; empty: anywhere

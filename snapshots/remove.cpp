@@ -95,8 +95,7 @@ Error remove_row(const Id& id, const RemoveOptions& options, const Deadline& dea
   if (!reader) return reader.error();
   if (!*reader) return not_found(id.name);
   Database& storage = (*reader)->database();
-  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
-  if (Error error = storage.run("pragma synchronous=extra"); error.code != Code::ok) return error;
+  if (Error error = storage.sync_deletions(); error.code != Code::ok) return error;
 
   Reserve reserve(storage);
   int64 deleted = 0;

@@ -93,13 +93,11 @@ Error Reserve::run(const std::function<Error()>& change) {
 }
 
 Error Reserve::attempt(const std::function<Error()>& change) {
-  if (Error error = storage_.run("begin immediate"); error.code != Code::ok) return error;
-  // Nobody else has a journal now.
-  if (use_ == Use::journal) become_journal();
-  Error error = change();
-  if (error.code == Code::ok) return storage_.run("commit");
-  storage_.run("rollback");
-  return error;
+  return storage_.in_transaction([&] {
+    // Nobody else has a journal now.
+    if (use_ == Use::journal) become_journal();
+    return change();
+  });
 }
 
 bool Reserve::give_way() {

@@ -27,8 +27,7 @@ Result<StorageWriter> StorageWriter::open(const Deadline& deadline) {
   Result<Database> database = Database::open(file, deadline.left());
   if (!database) return database.error();
   StorageWriter writer(std::move(*database), deadline);
-  // By default SQLite does not sync the deletion of its journal, which a power cut could bring back.
-  Error error = writer.database_.run("pragma synchronous=extra");
+  Error error = writer.database_.sync_deletions();
   if (error.code == Code::ok) error = writer.choose_layout();
   if (error.code != Code::ok) return error;
   return writer;
@@ -53,13 +52,12 @@ Result<Stored> StorageWriter::store(NewRow row, const MayReplace& may_replace,
 
 Error StorageWriter::in_transaction(const std::function<Error()>& change) {
   database_.limit_wait(deadline_.left());
-  if (Error error = database_.run("begin immediate"); error.code != Code::ok) return error;
-  Error error = make_table();
-  if (error.code == Code::ok) error = change();
-  database_.limit_wait(deadline_.left());
-  if (error.code == Code::ok) error = database_.run("commit");
-  if (error.code != Code::ok) database_.run("rollback");
-  return error;
+  return database_.in_transaction([&] {
+    Error error = make_table();
+    if (error.code == Code::ok) error = change();
+    database_.limit_wait(deadline_.left());
+    return error;
+  });
 }
 
 Error StorageWriter::store_in_transaction(NewRow& row, const MayReplace& may_replace, Stored& stored) {
