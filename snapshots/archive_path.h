@@ -3,6 +3,7 @@
 #include <string>
 
 #include "snapshots/limits.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 
@@ -10,17 +11,10 @@ namespace ConfSave::snapshots {
 /// Code::unsafe for a path that leaves the destination or exceeds a limit.
 Error normalize(const std::string& stored, const Limits& limits, std::string& path);
 
-inline bool begins_with(const std::string& text, const std::string& prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
-}
-
 /// Whether a relative path is at, or below, an entry of the contents.
 inline bool is_covered(const std::string& path, const std::string& entry) {
   if (entry.back() == '*') return begins_with(path, entry.substr(0, entry.size() - 1));
   return path == entry || begins_with(path, entry + "/");
 }
-
-/// The text with control characters escaped, for a message.
-std::string printable(const std::string& text);
 
 }  // namespace ConfSave::snapshots

@@ -12,6 +12,7 @@
 #include "snapshots/archive_path.h"
 #include "snapshots/gunzip.h"
 #include "snapshots/libarchive.h"
+#include "snapshots/text.h"
 #include "snapshots/utf8_names.h"
 
 namespace ConfSave::snapshots {

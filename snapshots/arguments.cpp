@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "places.h"
-#include "snapshots/archive_path.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

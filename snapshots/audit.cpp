@@ -6,8 +6,8 @@
 #include <fstream>
 
 #include "kelmor/log.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/author.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

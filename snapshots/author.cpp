@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "snapshots/archive_path.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/system_error.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -6,11 +6,11 @@
 #include <set>
 
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/own_file.h"
 #include "snapshots/system_error.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 

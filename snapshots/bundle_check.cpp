@@ -2,12 +2,12 @@
 
 #include <sys/stat.h>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/differences.h"
 #include "snapshots/digest.h"
 #include "snapshots/member_collector.h"
 #include "snapshots/row_reader.h"
 #include "snapshots/sentence.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -9,8 +9,8 @@
 
 #include "contents.h"
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "snapshots/archive_path.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 

@@ -7,7 +7,6 @@
 #include <ctime>
 
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/audit.h"
 #include "snapshots/database_logs.h"
@@ -15,6 +14,7 @@
 #include "snapshots/exchange.h"
 #include "snapshots/notes.h"
 #include "snapshots/sentence.h"
+#include "snapshots/text.h"
 #include "snapshots/under_lock.h"
 
 namespace ConfSave::snapshots {

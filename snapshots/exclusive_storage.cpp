@@ -1,7 +1,7 @@
 #include "snapshots/exclusive_storage.h"
 
 #include "places.h"
-#include "snapshots/archive_path.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 

@@ -7,7 +7,6 @@
 
 #include "places.h"
 #include "snapshots/access.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
 #include "snapshots/bundle.h"
@@ -17,6 +16,7 @@
 #include "snapshots/row_reader.h"
 #include "snapshots/sentence.h"
 #include "snapshots/system_error.h"
+#include "snapshots/text.h"
 #include "storage/statements.h"
 
 namespace ConfSave::snapshots {

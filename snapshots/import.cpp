@@ -6,7 +6,6 @@
 #include <algorithm>
 
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/audit.h"
 #include "snapshots/boundary.h"
@@ -22,6 +21,7 @@
 #include "snapshots/storage_writer.h"
 #include "snapshots/summary.h"
 #include "snapshots/system_error.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -8,7 +8,6 @@
 #include <set>
 
 #include "snapshots/access.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/audit.h"
 #include "snapshots/compare.h"
@@ -17,6 +16,7 @@
 #include "snapshots/missing.h"
 #include "snapshots/notes.h"
 #include "snapshots/sentence.h"
+#include "snapshots/text.h"
 #include "snapshots/under_lock.h"
 
 namespace ConfSave::snapshots {

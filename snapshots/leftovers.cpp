@@ -7,10 +7,10 @@
 #include <set>
 
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/journal.h"
 #include "snapshots/lock.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

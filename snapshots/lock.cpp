@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/own_file.h"
 #include "snapshots/system_error.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -5,6 +5,7 @@
 #include "contents.h"
 #include "places.h"
 #include "snapshots/archive_path.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <utility>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/differences.h"
 #include "snapshots/member_collector.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -8,7 +8,7 @@
 #include <new>
 #include <vector>
 
-#include "snapshots/archive_path.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -6,8 +6,8 @@
 #include <string_view>
 
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/system_error.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <ctime>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/audit.h"
 #include "snapshots/boot.h"

@@ -15,6 +15,7 @@
 #include "snapshots/member_collector.h"
 #include "snapshots/notes.h"
 #include "snapshots/sentence.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

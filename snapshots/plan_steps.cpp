@@ -8,11 +8,11 @@
 #include <set>
 #include <utility>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/beneath.h"
 #include "snapshots/database_logs.h"
 #include "snapshots/digest.h"
 #include "snapshots/plan.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

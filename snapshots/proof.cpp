@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <optional>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/differences.h"
 #include "snapshots/early_digests.h"
 #include "snapshots/member_collector.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

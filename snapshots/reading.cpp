@@ -4,12 +4,12 @@
 #include <optional>
 #include <utility>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/boundary.h"
 #include "snapshots/listing.h"
 #include "snapshots/member_collector.h"
 #include "snapshots/row_reader.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/audit.h"
 #include "snapshots/boot.h"
 #include "snapshots/boundary.h"

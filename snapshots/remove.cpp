@@ -1,6 +1,5 @@
 // remove: deletes one row, and gives its pages back to the file system.
 
-#include "snapshots/archive_path.h"
 #include "snapshots/audit.h"
 #include "snapshots/boundary.h"
 #include "snapshots/lock.h"
@@ -9,6 +8,7 @@
 #include "snapshots/row_reader.h"
 #include "snapshots/storage_reader.h"
 #include "snapshots/summary.h"
+#include "snapshots/text.h"
 #include "snapshots/under_lock.h"
 
 namespace ConfSave::snapshots {

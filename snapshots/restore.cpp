@@ -3,7 +3,6 @@
 #include <ctime>
 #include <optional>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/audit.h"
 #include "snapshots/author.h"
@@ -21,6 +20,7 @@
 #include "snapshots/sentence.h"
 #include "snapshots/stage.h"
 #include "snapshots/summary.h"
+#include "snapshots/text.h"
 #include "snapshots/waiter.h"
 
 namespace ConfSave::snapshots {

@@ -5,9 +5,9 @@
 #include <set>
 
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/database_logs.h"
 #include "snapshots/sentence.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

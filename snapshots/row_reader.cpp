@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/member_collector.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 

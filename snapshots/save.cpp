@@ -4,7 +4,6 @@
 #include <optional>
 
 #include "places.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/arguments.h"
 #include "snapshots/audit.h"
 #include "snapshots/author.h"
@@ -20,6 +19,7 @@
 #include "snapshots/sentence.h"
 #include "snapshots/storage_writer.h"
 #include "snapshots/summary.h"
+#include "snapshots/text.h"
 #include "snapshots/under_lock.h"
 
 namespace ConfSave::snapshots {

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "confsave/snapshots.h"
-#include "snapshots/archive_path.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <set>
 
-#include "snapshots/archive_path.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 

@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <set>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/extended_attributes.h"
 #include "snapshots/staged_file.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -14,7 +14,6 @@
 #include "contents.h"
 #include "places.h"
 #include "snapshots/access.h"
-#include "snapshots/archive_path.h"
 #include "snapshots/boundary.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/leftovers.h"

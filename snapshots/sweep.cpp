@@ -6,9 +6,9 @@
 
 #include <cerrno>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/database_logs.h"
 #include "snapshots/exchange.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {

@@ -9,11 +9,11 @@
 #include <cstring>
 #include <vector>
 
-#include "snapshots/archive_path.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/digest.h"
 #include "snapshots/member_collector.h"
 #include "snapshots/saved_digests.h"
+#include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
 namespace {
