@@ -65,7 +65,13 @@ bool is_spent(int directory, const std::string& name, const std::string& log) {
   return !is_write_ahead_log(log) && !is_in_use(directory, name);
 }
 
-bool holds_changes(const std::string& log, int64 size) { return is_write_ahead_log(log) && size > 0; }
+const char* loss_with(const std::string& log) {
+  return is_write_ahead_log(log)
+             ? "the database may have changes in this file that no snapshot holds; end its programs and "
+               "open it once with sqlite3, which writes them into it, or move this file away"
+             : "a transaction has not ended, and no snapshot holds what this file puts back; end the "
+               "programs of the database and open it once with sqlite3, which rolls the transaction back";
+}
 
 std::vector<std::string> warnings_of_logs() {
   std::vector<std::string> warnings;

@@ -22,8 +22,8 @@ std::string log_slot(const std::string& slot, const std::string& log);
 /// would make it anew. False of what is no log.
 bool is_spent(int directory, const std::string& name, const std::string& log);
 
-/// Whether changes are in `log`, of `size` bytes, that the database may not have yet.
-bool holds_changes(const std::string& log, int64 size);
+/// What would be lost with `log`, which is not spent, and what to do about it: for an error.
+const char* loss_with(const std::string& log);
 
 /// What the logs of the live configuration mean for a snapshot that is made now: a sentence each.
 std::vector<std::string> warnings_of_logs();

@@ -150,11 +150,10 @@ Result<std::map<std::string, LiveMember>> find_logs(const std::string& directory
       const Result<std::optional<struct stat>> found = beneath->look(log);
       if (!found) return found.error();
       if (!*found || !S_ISREG((*found)->st_mode)) continue;
-      if (holds_changes(log, (*found)->st_size)) {
-        return Error{
-            Code::failed, 0, beneath->shown(log),
-            "the database may have changes in this file that no snapshot holds; end its programs and "
-            "open it once with sqlite3, which writes them into it, or move this file away"};
+      const Result<int> parent = beneath->directory(parent_of(log));
+      if (!parent) return parent.error();
+      if (!is_spent(*parent, name_of(log), log)) {
+        return Error{Code::failed, 0, beneath->shown(log), loss_with(log)};
       }
       logs[directory + log] = live_log(directory + log, **found);
     }

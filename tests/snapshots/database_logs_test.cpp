@@ -112,7 +112,7 @@ TEST_F(DatabaseLogs, OneThatHoldsNothingIsNotKept) {
 }
 
 TEST_F(DatabaseLogs, TheOneOfBeforeComesBackWithItsDatabase) {
-  die_in_a_transaction("delete");
+  write_file(file("-journal"), std::string(600, '\0'));
   before_ = everything(true);
   load(windowed());
   EXPECT_FALSE(exists(file("-journal")));
@@ -122,6 +122,23 @@ TEST_F(DatabaseLogs, TheOneOfBeforeComesBackWithItsDatabase) {
   EXPECT_EQ(everything(true), before_);
   EXPECT_EQ(rows(), "ok: live 900");
   EXPECT_EQ(set_aside(), Texts{".config.db-journal"});
+}
+
+/// A copy of the file alone has a part of the transaction, and cannot roll it back.
+TEST_F(DatabaseLogs, AHotJournalIsNotLost) {
+  die_in_a_transaction("delete");
+  before_ = everything(true);
+  cs::RestoreOptions pending = windowed();
+  for (const cs::RestoreOptions& options : {cs::RestoreOptions(), without_keeping(), pending}) {
+    const cs::Error error = refused(options);
+    EXPECT_EQ(error.path, file("-journal"));
+    EXPECT_EQ(error.text.find("a transaction has not ended"), 0U);
+    EXPECT_EQ(error.aftermath, cs::Aftermath::untouched);
+    EXPECT_EQ(everything(true), before_);
+  }
+  EXPECT_EQ(rows(), "ok: live 900");
+  load({});
+  EXPECT_EQ(rows(), "ok: save 300");
 }
 
 TEST_F(DatabaseLogs, WithoutChangesTheyGoWithTheirDatabase) {
