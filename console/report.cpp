@@ -236,7 +236,8 @@ int report_restore(const cs::Error& error) {
   // Without its record nothing can take the restore back.
   const bool is_recorded = error.code != cs::Code::not_pending;
   if (is_recorded) print_mixture(error);
-  const std::string step = next_step(error, true);
+  const bool is_not_kept = error.code == cs::Code::incomplete;
+  const std::string step = is_not_kept ? "Move the file away, or give --no-keep" : next_step(error, true);
   if (!mixed && !step.empty()) {
     const bool untouched = error.aftermath == cs::Aftermath::untouched;
     std::cerr << (untouched ? " Nothing was changed. " : " Everything was put back. ") << step << '.';

@@ -1,5 +1,7 @@
 #include "snapshots/keep.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <ctime>
 #include <iterator>
@@ -15,6 +17,7 @@
 #include "snapshots/differences.h"
 #include "snapshots/missing.h"
 #include "snapshots/notes.h"
+#include "snapshots/plan.h"
 #include "snapshots/sentence.h"
 #include "snapshots/text.h"
 #include "snapshots/under_lock.h"
@@ -92,11 +95,15 @@ std::string free_name(const Snapshots& rows) {
   return name;
 }
 
-void warn_of_files_left_out(const Saved& saved, std::vector<std::string>& warnings) {
-  for (const std::string& path : saved.missing) {
-    if (!exists(path)) continue;
-    warnings.push_back(printable(path) + ": the file is not in '" + saved.snapshot.config.name + "'");
-  }
+std::vector<std::string> left_out(const Saved& saved) {
+  std::vector<std::string> paths;
+  std::copy_if(saved.missing.begin(), saved.missing.end(), std::back_inserter(paths), exists);
+  return paths;
+}
+
+/// Whether the file that was there is gone after this step.
+bool loses_file(const Step& step) {
+  return step.what != Step::What::attributes && step.before.exists() && !S_ISDIR(step.before.kind);
 }
 
 /// The caller would take Code::damaged and Code::unsafe for the snapshot that it restores.
@@ -110,24 +117,41 @@ Error not_kept(Error error) {
 
 }  // namespace
 
-Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& deadline,
-                                       std::vector<std::string>& warnings) {
+Result<Kept> keep_configuration(const Snapshot& loading, const Deadline& deadline,
+                                std::vector<std::string>& warnings) {
   const Result<Snapshots> rows = newest_rows("*", deadline);
   if (!rows) return not_kept(rows.error());
   Result<std::string> equal = find_equal(*rows, loading, deadline);
   if (!equal) return not_kept(equal.error());
-  if (!equal->empty()) return equal;
+  if (!equal->empty()) return Kept{std::move(*equal), {}};
   SaveOptions options;
   const std::string comment = "before '" + printable(loading.config.name) + "' was loaded";
   if (check_comment(comment).code == Code::ok) options.comment = comment;
   const std::string name = free_name(*rows);
   Result<Saved> saved = save_under_lock({name}, options, deadline);
-  if (!saved && saved.error().code == Code::incomplete) return std::string();
+  if (!saved && saved.error().code == Code::incomplete) return Kept();
   if (!saved) return not_kept(saved.error());
   audit_save({name}, saved);
   std::move(saved->warnings.begin(), saved->warnings.end(), std::back_inserter(warnings));
-  warn_of_files_left_out(*saved, warnings);
-  return name;
+  Kept kept{name, left_out(*saved)};
+  for (const std::string& path : kept.missing) {
+    warnings.push_back(printable(path) + ": the file is not in '" + name + "'");
+  }
+  return kept;
+}
+
+Error check_kept(const Kept& kept, const DetailedPlan& plan) {
+  const std::set<std::string> missing(kept.missing.begin(), kept.missing.end());
+  for (const PlannedStep& planned : plan.steps) {
+    const Step& step = planned.step;
+    const std::string path = plan.directories[step.root] + step.path;
+    const bool is_kept = !kept.name.empty() && missing.count(path) == 0;
+    if (is_kept || !loses_file(step)) continue;
+    return {Code::incomplete, 0, printable(path),
+            "a snapshot of the present configuration cannot hold this file, and the restore would delete "
+            "it"};
+  }
+  return {};
 }
 
 void remove_old_kept(const Snapshot& loading, const std::string& kept_name, const Deadline& deadline,

@@ -8,14 +8,23 @@
 
 namespace ConfSave::snapshots {
 
+struct DetailedPlan;
+
 // The snapshots of the configuration before a restore. The caller holds "confsave.lock", and has no
 // transaction of its own on the storage. What goes wrong without being a failure goes into `warnings`.
 
-/// Saves the present configuration as a snapshot of type full, unless a stored one equals it. The name of
-/// the snapshot that holds it; empty if there is nothing to save. `loading` is neither replaced, nor taken
-/// for a copy of the present configuration.
-Result<std::string> keep_configuration(const Snapshot& loading, const Deadline& deadline,
-                                       std::vector<std::string>& warnings);
+struct Kept {
+  std::string name;                  ///< of the snapshot; empty if there is nothing to save
+  std::vector<std::string> missing;  ///< absolute paths of live files that are not in it
+};
+
+/// Saves the present configuration as a snapshot of type full, unless a stored one equals it. `loading` is
+/// neither replaced, nor taken for a copy of the present configuration.
+Result<Kept> keep_configuration(const Snapshot& loading, const Deadline& deadline,
+                                std::vector<std::string>& warnings);
+
+/// Code::incomplete if `plan` replaces or removes a file that `kept` does not hold.
+Error check_kept(const Kept& kept, const DetailedPlan& plan);
 
 /// Removes the snapshots that keep_configuration() made, except the newest five, those that are pinned,
 /// `loading`, and those named `kept`.

@@ -146,10 +146,10 @@ class Restoring {
   Error keep() {
     if (!keeps()) return {};
     report(Progress::Phase::keeping);
-    Result<std::string> kept = keep_configuration(record_.snapshot, deadline_, restored_.warnings);
+    Result<Kept> kept = keep_configuration(record_.snapshot, deadline_, restored_.warnings);
     if (!kept) return kept.error();
-    restored_.kept = std::move(*kept);
-    return {};
+    restored_.kept = kept->name;
+    return check_kept(*kept, plan_);
   }
 
   /// Nobody packs the files from here on until the exchange is done.

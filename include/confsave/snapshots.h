@@ -158,7 +158,9 @@ CONFSAVE_API Result<Plan> plan(const Id& id, const RestoreOptions& options = {})
 /// group if the process may give it to that.
 ///
 /// The snapshot of the present configuration is named "before-load-YYYY-MM-DD-HH-MM-SS"; the newest five
-/// of that name stay, and pinned ones. Without `keep` none is stored, and none removed.
+/// of that name stay, and pinned ones. A restore that would delete a file that this snapshot cannot hold,
+/// half of a database for example, is refused: Code::incomplete. Without `keep` it is not, no snapshot is
+/// stored, and none removed.
 CONFSAVE_API Result<Restored> restore(const Id& id, const RestoreOptions& options = {});
 
 /// Finishes or undoes a restore that was interrupted, and takes back a pending one whose time is up or

@@ -32,8 +32,8 @@ class Keep : public Saving {
   std::string kept(const Snapshot& loading = {}) {
     const auto lock = Lock::take("a restore", Deadline(milliseconds(0)));
     EXPECT_TRUE(lock);
-    const auto name = keep_configuration(loading, Deadline(milliseconds(5000)), warnings);
-    return name ? *name : shown(name.error());
+    const auto found = keep_configuration(loading, Deadline(milliseconds(5000)), warnings);
+    return found ? found->name : shown(found.error());
   }
 
   void change() { write_file(config("gw1.conf"), "changed " + std::to_string(++changes)); }
@@ -176,6 +176,48 @@ TEST_F(Keep, FilesThatAreLeftOutAreNamed) {
   EXPECT_EQ(warnings, Texts{config("user/config.db") + ": the file is not in '" + name + "'"});
   EXPECT_NE(kept(), name);
   EXPECT_EQ(warnings.size(), 2U);
+}
+
+/// A restore would delete the only copy.
+TEST_F(Keep, AFileThatCannotBeKeptIsNotDeleted) {
+  RestoreOptions exactly;
+  exactly.exact = true;
+  const struct {
+    std::string commands;
+    std::string path;
+    RestoreOptions options;
+  } cases[] = {
+      {"rm user/config.idx; echo other >user/config.db", "user/config.db", {}},
+      {"echo x >'gw\\b'", "gw\\b", exactly},
+      {"echo other >user/config.db; find . -type f ! -name config.db -delete; rm -f " + etc_dir() + "*",
+       "user/config.db", exactly},
+  };
+  saved("good");
+  for (const auto& c : cases) {
+    shell("cd " + config_dir() + " && " + c.commands);
+    const std::string live = read_file(config(c.path));
+    const auto refused = restore({"good"}, c.options);
+    ASSERT_FALSE(refused) << c.commands;
+    EXPECT_EQ(shown(refused.error()), shown({Code::incomplete, 0, config(c.path),
+                                             "a snapshot of the present configuration cannot hold this "
+                                             "file, and the restore would delete it"}));
+    EXPECT_EQ(refused.error().aftermath, Aftermath::untouched);
+    EXPECT_EQ(read_file(config(c.path)), live);
+    RestoreOptions options = c.options;
+    options.keep = false;
+    EXPECT_TRUE(restore({"good"}, options)) << c.commands;
+  }
+}
+
+/// One that stays is only named.
+TEST_F(Keep, AFileThatCannotBeKeptMayStay) {
+  saved("good");
+  write_file(config("gw\\b"), "x");
+  change();
+  const auto done = restore({"good"});
+  ASSERT_TRUE(done);
+  EXPECT_EQ(done->warnings, Texts{config("gw\\b") + ": the file is not in '" + done->kept + "'"});
+  EXPECT_EQ(read_file(config("gw\\b")), "x");
 }
 
 TEST_F(Keep, WhyTheConfigurationCannotBeSavedIsReturned) {

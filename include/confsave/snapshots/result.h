@@ -19,7 +19,7 @@ enum class Code {
   busy,               ///< another process, or thread of this one, holds a lock, and the wait is over
   pending,            ///< a restore waits for its check or for confirm(), and would be disturbed
   not_pending,        ///< no restore waits for confirm(); the text says what became of the last one
-  incomplete,         ///< there is nothing to save: no file of the contents exists
+  incomplete,         ///< nothing is there to be saved, or a restore would delete what cannot be kept
   damaged,            ///< an archive cannot be decoded to its end, or a row has values of the wrong type
   unsafe,             ///< an archive has a member that a restore must not follow
   changed_meanwhile,  ///< a file, directory or snapshot changed during the call, or since the plan
