@@ -9,7 +9,6 @@
 #include "snapshots/boot.h"
 #include "snapshots/boundary.h"
 #include "snapshots/check_owner.h"
-#include "snapshots/edited.h"
 #include "snapshots/keep.h"
 #include "snapshots/lock.h"
 #include "snapshots/phases.h"
@@ -252,19 +251,19 @@ class Restoring {
 
   Error undo(Error why, Foreign foreign) {
     std::vector<std::string> warnings;
+    Error refused;
     if (foreign == Foreign::set_aside) {
-      // It is stored like any other snapshot.
-      storage_.reset();
-      const std::string kept = keep_edited(*journal_, record_, sites_, deadline_, warnings);
-      if (!kept.empty()) warnings.push_back("what was edited since is kept as '" + kept + "'");
-      Result<ExclusiveStorage> storage = ExclusiveStorage::open(deadline_);
-      if (storage) storage_.emplace(std::move(*storage));
+      refused = store_edits(*journal_, record_, sites_, storage_, deadline_, warnings);
+      if (refused.code == Code::ok) refused = write_undo(foreign);
     }
-    static_cast<void>(write_undo(foreign));
     Error unfinished;
-    Error error = take_back(*journal_, record_, sites_, foreign, warnings, unfinished);
+    Error error;
+    if (refused.code == Code::ok) {
+      error = take_back(*journal_, record_, sites_, foreign, warnings, unfinished);
+    }
     limit_kept();
     for (const std::string& warning : warnings) why.text += "; " + warning;
+    if (refused.code != Code::ok) return none_put_back(std::move(why), refused, record_.steps, sites_);
     why.aftermath = error.code == Code::ok ? Aftermath::put_back : Aftermath::mixed;
     if (error.code != Code::ok) why.text += "; not put back: " + sentence(error);
     return why;
@@ -275,7 +274,7 @@ class Restoring {
   Error check() {
     Result<CheckOwner> owner = CheckOwner::become(record_.snapshot);
     Error error = owner ? journal_->set_state(State::checking) : owner.error();
-    if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
+    if (error.code != Code::ok) return undo_decided(std::move(error), Foreign::leave);
     // The check may do what it likes, except another restore.
     journal_.reset();
     storage_.reset();

@@ -6,6 +6,7 @@
 
 #include "places.h"
 #include "snapshots/database_logs.h"
+#include "snapshots/edited.h"
 #include "snapshots/sentence.h"
 #include "snapshots/text.h"
 
@@ -68,6 +69,18 @@ Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites
   // The files are as before, whatever fails here.
   unfinished = clean_up(journal, exchange, warnings);
   return {};
+}
+
+Error store_edits(Journal& journal, Record& record, std::vector<Site>& sites,
+                  std::optional<ExclusiveStorage>& storage, const Deadline& deadline,
+                  std::vector<std::string>& warnings) {
+  storage.reset();
+  const std::string kept = keep_edited(journal, record, sites, deadline, warnings);
+  if (!kept.empty()) warnings.push_back("what was edited since is kept as '" + kept + "'");
+  Result<ExclusiveStorage> locked = ExclusiveStorage::open(Deadline(deadline.left_afterwards()));
+  if (locked) storage.emplace(std::move(*locked));
+  // Without a storage nobody packs anything.
+  return locked || locked.error().code != Code::busy ? Error{} : locked.error();
 }
 
 Error none_put_back(Error why, const Error& cause, const std::vector<Step>& steps,

@@ -14,6 +14,13 @@ namespace ConfSave::snapshots {
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
                 std::vector<std::string>& warnings, Error& unfinished);
 
+/// Stores what was edited since the restore, for which it unlocks `storage` for a moment. The name is a
+/// warning. Code::busy if another process has locked the storage since: it could pack a mixture if files
+/// moved now.
+Error store_edits(Journal& journal, Record& record, std::vector<Site>& sites,
+                  std::optional<ExclusiveStorage>& storage, const Deadline& deadline,
+                  std::vector<std::string>& warnings);
+
 /// `why` a restore failed, and that `cause` keeps every file from being put back: Aftermath::mixed.
 Error none_put_back(Error why, const Error& cause, const std::vector<Step>& steps,
                     const std::vector<Site>& sites);

@@ -4,6 +4,7 @@
 #include "snapshots/lock.h"
 #include "snapshots/pending.h"
 #include "snapshots/recover.h"
+#include "support/process.h"
 
 namespace {
 
@@ -72,6 +73,42 @@ TEST_F(PendingFaults, ACheckThatFailsTakesNothingBackThatCannotGoBack) {
   EXPECT_EQ(error.aftermath, cs::Aftermath::mixed);
   EXPECT_TRUE(cs::recover());
   expect_as_before();
+}
+
+/// While the edits are packed the storage is not locked. Who locks it then could pack a mixture of files; who
+/// reads the journal keeps it from saying that they move.
+TEST_F(PendingFaults, ACheckThatFailsMovesNoFileUnlessItMay) {
+  for (const bool is_storage : {true, false}) {
+    cs::RestoreOptions options = without_keeping();
+    options.wait = 100ms;
+    options.check = [this] {
+      write_file(config("gw1.conf"), "edited");
+      return false;
+    };
+    std::optional<LockHolder> saver;
+    std::optional<Database> reader;
+    host.on_command = [&](const std::string&) -> std::optional<int> {
+      if (is_storage && !saver) saver.emplace(database(), 60000);
+      if (is_storage || reader) return {};
+      reader.emplace(state_dir() + "/restore.db");
+      reader->run("begin");
+      reader->query("select * from step");
+      return {};
+    };
+    const cs::Error error = refused(options);
+    host.on_command = nullptr;
+    EXPECT_EQ(error.code, Code::check_failed);
+    EXPECT_EQ(error.aftermath, cs::Aftermath::mixed);
+    EXPECT_NE(error.text.find("not put back"), std::string::npos) << error.text;
+    EXPECT_EQ(read_file(config("gw1.conf")), "edited");
+    EXPECT_TRUE(exists(config("hub/key")));
+    saver.reset();
+    reader.reset();
+    const auto recovered = cs::recover();
+    ASSERT_TRUE(recovered) << shown(recovered.error());
+    EXPECT_EQ(content(recovered->kept, config("gw1.conf")), "edited");
+    expect_as_before();
+  }
 }
 
 /// Whoever reads the storage must not make the files go back.
