@@ -58,6 +58,9 @@ class Exchange {
   /// Whether the undo of a step shows: then an undo has begun, whatever was recorded.
   Result<bool> has_undone_step();
 
+  /// Code::needs_attention if a file of before is still in its slot, and not in its place.
+  Error check_undone();
+
   /// Deletes the staging directories with what steps have left in them. Files that no step knows, or that
   /// changed since, stay, and go into `left`. The error is about a file that should have gone.
   Error sweep(std::vector<Left>& left);

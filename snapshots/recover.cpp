@@ -61,6 +61,9 @@ class Recovering {
       puts_back = *has_begun;
     }
     if (puts_back) return put_back(*sites, unfinished);
+    if (record_.state != State::exchanged) {
+      if (Error error = exchange.check_undone(); error.code != Code::ok) return error;
+    }
     warn_of_other_directories(record_.roots, *sites, recovery_.warnings);
     recovery_.outcome =
         record_.state == State::exchanged ? Recovery::Outcome::finished : Recovery::Outcome::undone;

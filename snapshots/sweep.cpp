@@ -24,6 +24,30 @@ bool is_number(const std::string& name) {
 
 }  // namespace
 
+/// One wrong bit of the record must not delete what it took out of the live directories.
+Error Exchange::check_undone() {
+  for (std::size_t number = 0; number < steps_.size(); ++number) {
+    const Step& step = steps_[number];
+    const Site& site = sites_[step.root];
+    const bool moved = step.what != Step::What::attributes && step.before.exists();
+    if (!moved || site.name.empty()) continue;
+    const Result<std::optional<struct stat>> live = sites_[step.root].beneath.look(step.path);
+    if (!live) return live.error();
+    if (*live && is_same_file(identity_of(**live), step.before)) continue;
+    const Slot slot = slot_of(number);
+    for (const std::string& name : {slot.name, slot.old_name}) {
+      const Result<bool> is_there = is_in_staging(step, name, step.before);
+      if (!is_there) return is_there.error();
+      if (!*is_there) continue;
+      return {Code::needs_attention, 0, site.beneath.shown(site.name + "/" + name),
+              "the record of the restore says that this file of before is back as '" +
+                  site.beneath.shown(step.path) +
+                  "', and it is not. Move it there, or away, then run 'confsave recover'"};
+    }
+  }
+  return {};
+}
+
 /// A power cut may have left staged files in a staged directory: they were moved into it, or out of it, and
 /// the move of the one or the other is not durable.
 void Exchange::empty_staged(std::size_t number, const std::string& name) {

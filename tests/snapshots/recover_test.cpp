@@ -342,6 +342,29 @@ TEST_F(RecoverTest, ARecordThatCannotBeUnderstoodIsLeftAlone) {
   expect_undone();
 }
 
+/// SQLite does not notice a wrong bit in a number.
+TEST_F(RecoverTest, ARecordThatFilesContradictDeletesNone) {
+  interrupt(State::prepared);
+  const auto mixture = everything(true);
+  const std::string staging = "<config>/" + staging_directories().at(0) + "/";
+  for (const State state : {State::staging, State::undone}) {
+    Database(journal()).run("update restore set state = " + std::to_string(static_cast<int>(state)));
+    const auto error = not_recovered();
+    EXPECT_EQ(error.code, Code::needs_attention);
+    EXPECT_EQ(without_root(error.path).find(staging), 0U) << error.path;
+    EXPECT_EQ(error.text.find("the record of the restore says that this file of before is back as '" +
+                              config("")),
+              0U)
+        << error.text;
+    EXPECT_EQ(failure({"other"}).code, Code::needs_attention);
+    EXPECT_EQ(everything(true), mixture);
+  }
+  Database(journal()).run("update restore set state = " +
+                          std::to_string(static_cast<int>(State::prepared)));
+  EXPECT_EQ(recovered().outcome, Recovery::Outcome::undone);
+  expect_undone();
+}
+
 /// Whoever deletes the file that a message names must not delete the record of a restore.
 TEST_F(RecoverTest, WhatIsInTheWayOfTheRecordIsNamed) {
   interrupt(State::prepared);
