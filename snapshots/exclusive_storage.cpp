@@ -17,7 +17,8 @@ Result<ExclusiveStorage> ExclusiveStorage::open(const Deadline& deadline) {
 Error ExclusiveStorage::stamp(const Snapshot& snapshot, int64 time) {
   {
     Result<Statement> statement = database_.prepare(
-        "update Config set load_time = ? where id = ? and ifnull(save_time, 0) = ? and "
+        "update Config set load_time = ? where id = ? and "
+        "ifnull(cast(save_time as integer), 0) = ? and "
         "ifnull(length(keybase), 0) = ? and ifnull(length(etc), 0) = ?");
     if (!statement) return statement.error();
     statement->bind(time).bind(snapshot.id).bind(snapshot.config.save_time);

@@ -77,7 +77,7 @@ class Exporting {
     {
       Result<Statement> found = storage.prepare(
           "select rowid from Config where id = ? and cast(name as text) = ? and "
-          "ifnull(cast(version as integer), 0) = ? and ifnull(save_time, 0) = ?");
+          "ifnull(cast(version as integer), 0) = ? and ifnull(cast(save_time as integer), 0) = ?");
       if (!found) return found.error();
       found->bind(snapshot.id).bind(snapshot.config.name).bind(snapshot.config.vers);
       const int code = found->bind(snapshot.config.save_time).step();

@@ -222,6 +222,13 @@ TEST_F(Verify, RowsWithValuesOfAnyTypeAreListedAndJudged) {
           EXPECT_EQ(judged->state, Verdict::State::damaged) << what;
           EXPECT_NE(judged->problems.at(0).find(type + ", not " + c.type), std::string::npos) << what;
         }
+        if (*c.type != '\0') continue;
+        write_file(config("gw1.conf"), "changed");
+        RestoreOptions without_keeping;
+        without_keeping.keep = false;
+        const auto done = restore({"odd"}, without_keeping);
+        EXPECT_TRUE(done && done->warnings.empty()) << what << (done ? "" : done.error().text);
+        EXPECT_TRUE(export_to({{"odd"}}, root() + "/odd", {true})) << what;
       }
     }
   }
