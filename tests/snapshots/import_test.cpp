@@ -179,6 +179,9 @@ TEST_F(ImportTest, ValuesThatNoStorageHas) {
   EXPECT_EQ(
       refusal("update Config set name = 'a' || char(0) || 'b'"),
       "damaged: 'a\\x00b': the name has the character '\\x00'; a name has letters, digits, '-' and '_'");
+  EXPECT_EQ(refusal("update Config set name = cast(x'613c09c29bc3a9' as text)"),
+            "damaged: 'a<\\x09\\xc2\\x9bé': the name has the character '<'; a name has letters, digits, "
+            "'-' and '_'");
   EXPECT_EQ(refusal("update Config set name = ''"), "damaged: '': the name is empty");
   EXPECT_EQ(refusal("update Config set name = substr(hex(zeroblob(50)), 1, 81)"),
             "damaged: '" + std::string(81, '0') + "': a name has at most 80 characters");
