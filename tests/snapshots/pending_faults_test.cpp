@@ -75,7 +75,7 @@ TEST_F(PendingFaults, ACheckThatFailsTakesNothingBackThatCannotGoBack) {
   expect_as_before();
 }
 
-/// While the edits are packed the storage is not locked. Who locks it then could pack a mixture of files; who
+/// While the edits are packed the storage is not locked. Who locks it then could pack a mixture; who
 /// reads the journal keeps it from saying that they move.
 TEST_F(PendingFaults, ACheckThatFailsMovesNoFileUnlessItMay) {
   for (const bool is_storage : {true, false}) {
