@@ -181,9 +181,12 @@ Arguments with_help_as_option(Arguments words) {
 int run_checked(const Arguments& arguments) {
   if (arguments.empty()) return print_help(std::cerr, kUsage);
   const std::string& first = arguments.front();
-  if (first == "--help" || first == "-h") return print_help(std::cout, kDone);
-  if (first == "--version") return version({});
   if (first == "--complete") return print_candidates(arguments);
+  const bool asks_for_help = first == "--help" || first == "-h";
+  if (asks_for_help || first == "--version") {
+    if (arguments.size() > 1) return refuse("'" + arguments[1] + "' was not expected", "confsave --help");
+    return asks_for_help ? print_help(std::cout, kDone) : version({});
+  }
   if (const Verb* verb = find_verb(first)) return parse_and_run(*verb, arguments);
   return refuse("there is no verb '" + first + "'", "confsave --help");
 }
