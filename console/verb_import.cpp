@@ -6,6 +6,7 @@
 
 #include "exit_status.h"
 #include "names.h"
+#include "recovering.h"
 #include "report.h"
 #include "text.h"
 #include "turns.h"
@@ -23,16 +24,21 @@ cs::ImportOptions options_of(const Options& options) {
   return how;
 }
 
-/// Standard input can be read only once, so the library waits in one go.
-cs::Result<cs::Imported> import_pipe(cs::ImportOptions how, const Deadline& deadline) {
+/// Standard input can be read only once, so the library waits in one go. Before that, the lock is waited for
+/// in turns, which an interrupt ends: not before all is read, which may take longer than others need.
+cs::Result<cs::Imported> import_pipe(cs::ImportOptions how, unsigned wait) {
   std::string buffer(128 << 10, '\0');
-  how.wait = deadline.left();
-  const cs::Supply supply = [&buffer]() -> cs::Result<std::string_view> {
+  how.wait = std::chrono::seconds(wait);
+  const cs::Supply supply = [&buffer, wait]() -> cs::Result<std::string_view> {
     for (;;) {
       const ssize_t size = read(STDIN_FILENO, buffer.data(), buffer.size());
-      if (size >= 0) return std::string_view(buffer.data(), static_cast<std::size_t>(size));
-      if (errno == EINTR && !interrupted()) continue;
-      return cs::Error{cs::Code::failed, errno, "standard input", std::strerror(errno)};
+      if (size > 0) return std::string_view(buffer.data(), static_cast<std::size_t>(size));
+      if (size < 0 && errno == EINTR && !interrupted()) continue;
+      if (size < 0) return cs::Error{cs::Code::failed, errno, "standard input", std::strerror(errno)};
+      const auto ready = recover_in_time(Deadline(wait));
+      if (!ready) return ready.error();
+      print_recovery(std::cerr, *ready);
+      return std::string_view();
     }
   };
   return cs::import_from(supply, how);
@@ -43,7 +49,7 @@ cs::Result<cs::Imported> import_in_time(const Options& options) {
   if (options.exchanged == "-") {
     // What ends the process would leave the file that holds what was read so far.
     const TerminationCatcher catcher;
-    return import_pipe(how, options.deadline);
+    return import_pipe(how, options.wait);
   }
   return in_turns(options.deadline, [&](std::chrono::milliseconds wait) {
     how.wait = wait;

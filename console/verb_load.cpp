@@ -197,7 +197,11 @@ cs::Result<cs::Restored> restore(const cs::Id& id, cs::RestoreOptions how, const
     line.end();
     return run_check(options.check);
   };
-  // Whatever ends the session must not end the process before the restore is taken back.
+  // Here whatever ends the session still ends the process: the lock is waited for before it is caught.
+  const auto ready = recover_in_time(options.deadline);
+  if (!ready) return ready.error();
+  print_recovery(std::cerr, *ready);
+  // It must not end the process before the restore is taken back.
   const TerminationCatcher catcher;
   // The library waits as long again for the lock after the check: a good restore must not fail for that.
   return attempt(std::chrono::seconds(options.wait));
