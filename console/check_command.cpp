@@ -31,6 +31,9 @@ constexpr std::chrono::milliseconds kPause{10};
   sigemptyset(&standard.sa_mask);
   sigaction(SIGINT, &standard, nullptr);
   sigaction(SIGXFSZ, &standard, nullptr);
+  // Its group is not that of the terminal, which may stop who reads it or writes to it.
+  static_cast<void>(std::signal(SIGTTIN, SIG_IGN));
+  static_cast<void>(std::signal(SIGTTOU, SIG_IGN));
   TerminationCatcher::reset();
   const int nothing = open("/dev/null", O_RDONLY);
   const bool ready =
