@@ -3,6 +3,7 @@
 
 #include "exit_status.h"
 #include "recovering.h"
+#include "text.h"
 #include "turns.h"
 #include "verb_functions.h"
 
@@ -11,7 +12,7 @@ namespace {
 
 int report_pending(const cs::Error& error) {
   if (error.code == cs::Code::not_pending) {
-    std::cerr << "confsave: " << error.text << ".\n";
+    std::cerr << "confsave: " << readable(error.text) << ".\n";
     return kFailed;
   }
   return report_restore(error);

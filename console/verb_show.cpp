@@ -108,7 +108,7 @@ int show_file(const cs::Snapshot& snapshot, const Options& options) {
   if (error.code == cs::Code::ok) return kDone;
   if (error.code != cs::Code::not_found && error.code != cs::Code::bad_argument)
     return report_reading(error, label(snapshot));
-  std::cerr << "confsave: '" << readable(path) << "': " << error.text << ". 'confsave show "
+  std::cerr << "confsave: '" << readable(path) << "': " << readable(error.text) << ". 'confsave show "
             << label(snapshot) << "' lists its files.\n";
   return exit_status(error.code);
 }
