@@ -16,6 +16,13 @@ namespace {
 /// More lines than that hide what was printed before.
 constexpr std::size_t kMostMissing = 20;
 
+/// In its list of files, tar takes a backslash for the beginning of an escape sequence.
+const char* reason_for(const std::string& missing) {
+  return missing.find('\\') != std::string::npos
+             ? "tar cannot pack a name with a backslash; rename it"
+             : "it cannot be read, is gone, or is half of a database";
+}
+
 template <class Save>
 auto in_time(const Deadline& deadline, Save save) {
   const ProgressLine progress("saving");
@@ -63,7 +70,7 @@ void print_warnings(const cs::Saved& saved) {
   const std::size_t shown = std::min(saved.missing.size(), kMostMissing);
   for (std::size_t i = 0; i < shown; ++i) {
     std::cerr << "confsave: warning: '" << readable(saved.missing[i])
-              << "' is not in the snapshot: it cannot be read, is gone, or is half of a database.\n";
+              << "' is not in the snapshot: " << reason_for(saved.missing[i]) << ".\n";
   }
   if (shown < saved.missing.size()) {
     std::cerr << "confsave: warning: in all, " << saved.missing.size() << " files are not in it.\n";
