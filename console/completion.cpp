@@ -54,27 +54,40 @@ bool takes_value(const std::string& word) {
   return option != nullptr && option->value[0] != '\0';
 }
 
-/// The words that are neither the verb nor part of an option.
-Arguments operands(const Arguments& words) {
-  Arguments result;
+/// What the words behind the verb are.
+struct Parts {
+  Arguments operands;
+  std::string open;  ///< the option whose value comes next
+  bool has_all = false;
+  bool is_behind_dashes = false;  ///< what comes next is no option
+};
+
+Parts parts_of(const Arguments& words) {
+  Parts parts;
   for (std::size_t i = 1; i < words.size(); ++i) {
-    if (takes_value(words[i])) {
-      ++i;
-    } else if (words[i].substr(0, 1) != "-") {
-      result.push_back(words[i]);
+    const std::string& word = words[i];
+    if (parts.is_behind_dashes || word.substr(0, 1) != "-") {
+      parts.operands.push_back(word);
+    } else if (word == "--") {
+      parts.is_behind_dashes = true;
+    } else if (takes_value(word)) {
+      if (++i == words.size()) parts.open = word;
+    } else if (word == "--all") {
+      parts.has_all = true;
     }
   }
-  return result;
+  return parts;
 }
 
-const Operand* next_operand(const Verb& verb, const Arguments& words) {
-  const std::size_t count = operands(words).size();
+/// With --all, the first operand is left out.
+const Operand* next_operand(const Verb& verb, const Parts& parts) {
+  const std::size_t count = parts.operands.size() + (parts.has_all ? 1 : 0);
   return count == 0 ? verb.first : count == 1 ? verb.second : nullptr;
 }
 
 /// The versions of the snapshots that the words name; of all, if they name none.
 Arguments versions(const Arguments& words) {
-  const Arguments named = operands(words);
+  const Arguments named = parts_of(words).operands;
   Arguments result;
   for (const cs::Snapshot& snapshot : stored(named.empty() ? "*" : named.front())) {
     add_once(result, version_text(snapshot.config.vers));
@@ -85,7 +98,7 @@ Arguments versions(const Arguments& words) {
 
 /// The files of the snapshot that the words name.
 Arguments paths(const Arguments& words) try {
-  const Arguments named = operands(words);
+  const Arguments named = parts_of(words).operands;
   if (named.empty()) return {};
   const Selection selection = parse_selection(named.front());
   cs::Query query;
@@ -114,8 +127,9 @@ bool asks_for_verb(const Arguments& words) {
 
 bool asks_for_file(const Arguments& words) {
   const Verb* verb = words.empty() ? nullptr : find_verb(words.front());
-  if (verb == nullptr || takes_value(words.back())) return false;
-  const Operand* next = next_operand(*verb, words);
+  if (verb == nullptr) return false;
+  const Parts parts = parts_of(words);
+  const Operand* next = parts.open.empty() ? next_operand(*verb, parts) : nullptr;
   return next != nullptr && std::string(next->name) == "FILE";
 }
 
@@ -127,12 +141,13 @@ Arguments candidates(const Arguments& words) {
   }
   const Verb* verb = find_verb(words.front());
   if (verb == nullptr) return result;
-  const std::string& last = words.back();
-  if (last == "--file") return paths(words);
-  if (last == "--version" || last == "--upto") return versions(words);
-  if (takes_value(last)) return split(find_option(last)->values);
-  const Operand* next = next_operand(*verb, words);
+  const Parts parts = parts_of(words);
+  if (parts.open == "--file") return paths(words);
+  if (parts.open == "--version" || parts.open == "--upto") return versions(words);
+  if (!parts.open.empty()) return split(find_option(parts.open)->values);
+  const Operand* next = next_operand(*verb, parts);
   if (next != nullptr && next->is_snapshot) result = stored_names();
+  if (parts.is_behind_dashes) return result;
   for (const std::string& option : split(verb->options)) {
     if (std::find(words.begin(), words.end(), option) == words.end()) result.push_back(option);
   }

@@ -146,6 +146,8 @@ class Test:
         self.completes(shell, "confsave export weekly no", "confsave export weekly notes.txt")
         self.completes(shell, "confsave import ", "confsave import notes.txt")
         self.completes(shell, "confsave export weekly ", "confsave export weekly notes.txt")
+        self.completes(shell, "confsave export --all no", "confsave export --all notes.txt")
+        self.offers(shell, "confsave load -- ", *names)
         self.completes(shell, "confsave help verif", "confsave help verify")
         self.offers(shell, "confsave help l", "list", "load")
         self.offers(shell, "confsave save --type ", "full", "part", "corlu")
