@@ -85,29 +85,33 @@ void print_extra(std::ostream& out, const cs::Plan& plan) {
   if (!plan.extra.empty()) out << text_of_extra(plan.extra) << ".\n";
 }
 
-/// Before a plan is made: what an earlier restore left must be settled.
+/// A plan takes nothing back, and says what it waits for.
+cs::Error refusal_of(const cs::Unfinished& left) {
+  const std::string restore = "the restore of '" + printable(left.name) + "'";
+  if (!left.is_pending)
+    return {cs::Code::needs_attention, 0, "", restore + " was interrupted; run 'confsave recover' first"};
+  const auto waiting = cs::pending();
+  const bool is_checked = waiting && *waiting && (*waiting)->is_checked;
+  const bool is_over = waiting && *waiting && !is_checked && (*waiting)->seconds_left == 0;
+  return {cs::Code::pending, 0, "",
+          is_over ? text_of(**waiting)
+                  : restore + (is_checked ? " waits for its check" : " waits to be confirmed")};
+}
+
+/// Before a snapshot is chosen: what an earlier restore left must be settled.
 int settle(const Options& options) {
   const auto left = cs::unfinished({options.deadline.left()});
   if (!left) return report(left.error(), true);
   if (!*left) return kDone;
-  // A plan refuses by itself.
-  if (options.dry_run) return kDone;
+  if (options.dry_run) return report_restore(refusal_of(**left));
   const auto done = recover_in_time(options.deadline);
   return done ? print_recovery(std::cerr, *done) : report_restore(done.error());
-}
-
-/// A plan does not take back what was not confirmed in time, and says that it waits.
-cs::Error with_state_of_window(cs::Error error) {
-  const auto waiting = cs::pending();
-  const bool is_over = waiting && *waiting && (*waiting)->seconds_left == 0 && !(*waiting)->is_checked;
-  if (error.code == cs::Code::pending && is_over) error.text = text_of(**waiting);
-  return error;
 }
 
 int dry_run(const cs::Snapshot& snapshot, const Options& options, cs::RestoreOptions how) {
   how.wait = options.deadline.left();
   const auto plan = cs::plan(id_of(snapshot), how);
-  if (!plan) return report_restore(with_state_of_window(plan.error()), snapshot);
+  if (!plan) return report_restore(plan.error(), snapshot);
   if (options.json) {
     print_as_json(*plan, plan->changes.empty() ? "unchanged" : "planned");
   } else {
