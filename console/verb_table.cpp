@@ -172,7 +172,7 @@ std::string contradiction(const Verb& verb, const Options& options) {
   }
   if (options.if_due && options.when_due) return "--if-due and --when-due cannot be combined";
   if (verb.run != verify) return "";
-  if (options.all && (!options.snapshot.name.empty() || options.version)) {
+  if (options.all && (!options.snapshot.name.empty() || options.snapshot.version || options.version)) {
     return "--all and a snapshot cannot be combined";
   }
   return options.all || !options.snapshot.name.empty() ? "" : "NAME or --all is required";
