@@ -106,8 +106,24 @@ Arguments with_empty_values(const Verb& verb, const Arguments& arguments) {
   return words;
 }
 
+/// The parser drops the operand "++", except behind "--": then all operands are put there.
+Arguments with_plain_operands(const Verb& verb, const Arguments& arguments) {
+  Arguments words = {arguments.front()};
+  Arguments operands;
+  auto word = arguments.begin() + 1;
+  for (; word != arguments.end() && *word != "--"; ++word) {
+    (word->substr(0, 1) == "-" ? words : operands).push_back(*word);
+    if (takes_value(verb, *word) && word + 1 != arguments.end()) words.push_back(*++word);
+  }
+  if (std::find(operands.begin(), operands.end(), "++") == operands.end()) return arguments;
+  words.emplace_back("--");
+  words.insert(words.end(), operands.begin(), operands.end());
+  words.insert(words.end(), word == arguments.end() ? word : word + 1, arguments.end());
+  return words;
+}
+
 int parse_and_run(const Verb& verb, const Arguments& given) {
-  const Arguments arguments = with_empty_values(verb, given);
+  const Arguments arguments = with_plain_operands(verb, with_empty_values(verb, given));
   const std::string help = std::string("confsave ") + verb.name + " --help";
   Options options;
   CLI::App program("", "confsave");
@@ -120,7 +136,9 @@ int parse_and_run(const Verb& verb, const Arguments& given) {
   } catch (const CLI::ParseError& error) {
     // An unknown word is a better hint than a missing one.
     const Arguments unknown = program.remaining(true);
-    return refuse(unknown.empty() ? error.what() : "'" + unknown.front() + "' was not expected", help);
+    const bool has_dashes = unknown.size() > 1 && unknown.front() == "--";
+    return refuse(unknown.empty() ? error.what() : "'" + unknown[has_dashes ? 1 : 0] + "' was not expected",
+                  help);
   }
   if (const std::string problem = contradiction(verb, options); !problem.empty())
     return refuse(problem, help);
