@@ -55,7 +55,10 @@ void print_as_json(const cs::Status& found, const std::optional<cs::Pending>& pe
 }
 
 std::string time_text(ConfSave::int64 time) {
-  return time != 0 ? "saved on " + ConfSave::time_format(time) : "none";
+  if (time == 0) return "none";
+  // A foreign row may have one that no calendar has.
+  const std::string text = ConfSave::time_format(time);
+  return text.empty() ? "saved " + std::to_string(time) + " seconds after 1970" : "saved on " + text;
 }
 
 std::string size_text(ConfSave::int64 bytes) {

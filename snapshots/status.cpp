@@ -34,7 +34,8 @@ void check_age(const std::string& what, int64 newest, Status& status) {
     // It would hide for years that nothing is saved any more.
     status.attention.push_back({"stale", "the newest " + what +
                                              " is dated more than a day ahead of the "
-                                             "clock, so its age is unknown: set the clock, or delete it"});
+                                             "clock, so its age is unknown: set the clock, or delete what "
+                                             "'confsave list --sort saved' shows last"});
     return;
   }
   const int64 age = now - newest;

@@ -231,7 +231,8 @@ TEST_F(StatusTest, OldSnapshots) {
   EXPECT_EQ(attention(), Texts());
   put_aged("autosave-2026-02-04-03-04-05", -2);
   const std::string ahead =
-      " is dated more than a day ahead of the clock, so its age is unknown: set the clock, or delete it";
+      " is dated more than a day ahead of the clock, so its age is unknown: set the clock, or delete what "
+      "'confsave list --sort saved' shows last";
   EXPECT_EQ(attention(),
             (Texts{"stale: the newest snapshot" + ahead, "stale: the newest autosave" + ahead}));
   shell("rm " + database());
