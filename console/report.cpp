@@ -126,6 +126,8 @@ std::string step_for_import(const cs::Error& error, bool is_one) {
     case Code::no_storage:
     case Code::pending:
       return next_step(error, true);
+    case Code::failed:
+      return error.text == "this is not a regular file" ? "Give - to read from standard input" : "";
     default:
       return "";
   }
