@@ -18,9 +18,8 @@ constexpr std::size_t kMostMissing = 20;
 
 /// In its list of files, tar takes a backslash for the beginning of an escape sequence.
 const char* reason_for(const std::string& missing) {
-  return missing.find('\\') != std::string::npos
-             ? "tar cannot pack a name with a backslash; rename it"
-             : "it cannot be read, is gone, or is half of a database";
+  return missing.find('\\') != std::string::npos ? "tar cannot pack a name with a backslash; rename it"
+                                                 : "it cannot be read, is gone, or is half of a database";
 }
 
 template <class Save>

@@ -24,8 +24,8 @@ cs::ImportOptions options_of(const Options& options) {
   return how;
 }
 
-/// Standard input can be read only once, so the library waits in one go. Before that, the lock is waited for
-/// in turns, which an interrupt ends: not before all is read, which may take longer than others need.
+/// Standard input can be read only once, so the library waits in one go. Before that, the lock is waited
+/// for in turns, which an interrupt ends: not before all is read, which may take longer than others need.
 cs::Result<cs::Imported> import_pipe(cs::ImportOptions how, unsigned wait) {
   std::string buffer(128 << 10, '\0');
   how.wait = std::chrono::seconds(wait);

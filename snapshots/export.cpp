@@ -216,7 +216,12 @@ Result<Exported> export_into_sink(const Ids& ids, const Sink& sink, const ReadOp
   Result<NewFile> made = NewFile::make(temporary_directory() + "/");
   if (!made) return made.error();
   Result<Exported> exported = Exporting(ids, deadline).run(made->name());
-  if (!exported) return exported.error();
+  if (!exported) {
+    error = exported.error();
+    // Nobody will find that file.
+    if (error.path == made->name()) error.path = temporary_directory();
+    return error;
+  }
   error = pass(*made, sink);
   if (error.code != Code::ok) return error;
   return exported;
