@@ -27,6 +27,17 @@ bool is_same_row(const Snapshot& now, const Snapshot& before) {
          now.keybase_size == before.keybase_size && now.etc_size == before.etc_size;
 }
 
+Error replaced(const Id& id) {
+  return {Code::not_found, 0, "",
+          "the snapshot '" + printable(id.name) +
+              "' is gone; another one of its name is stored now, and stays"};
+}
+
+/// Why the row that was listed is not found: there may be another one of its name.
+Error gone(StorageReader& reader, const Id& id, const Error& error) {
+  return error.code == Code::not_found && row_of(reader, id) ? replaced(id) : error;
+}
+
 /// Code::pinned if the row is.
 Error check_pin(const Snapshot& row, const Deadline& deadline) {
   const Result<bool> pinned = is_pinned(row, deadline);
@@ -104,8 +115,9 @@ Error remove_row(const Id& id, const RemoveOptions& options, const Deadline& dea
       return failure;
     }
     const Result<Snapshot> row = row_of(**reader, id, only);
+    if (!row && only != nullptr) return gone(**reader, id, row.error());
     if (!row) return row.error();
-    if (only != nullptr && !is_same_row(*row, *only)) return not_found(id.name);
+    if (only != nullptr && !is_same_row(*row, *only)) return replaced(id);
     if (!options.even_pinned) {
       if (Error pinned = check_pin(*row, deadline); pinned.code != Code::ok) return pinned;
     }

@@ -57,6 +57,8 @@ TEST_F(RemoveTest, ARowThatWasOverwrittenSinceStays) {
   ASSERT_TRUE(old);
   Database(database()).run("update Config set id = 99, save_time = 2000 where name = 'weekly'");
   EXPECT_EQ(remove_under_lock(*old, Deadline(milliseconds(100))).code, Code::not_found);
+  EXPECT_EQ(snapshots::remove(*old).text,
+            "the snapshot 'weekly' is gone; another one of its name is stored now, and stays");
   EXPECT_EQ(names(), Texts{"weekly@" + kCurrentText});
   EXPECT_EQ(remove_under_lock(*find({"weekly"}), Deadline(milliseconds(100))).code, Code::ok);
   EXPECT_EQ(names(), Texts());
