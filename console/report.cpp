@@ -61,8 +61,11 @@ std::string step_for_pending() {
   return "'confsave confirm' keeps it, 'confsave revert' takes it back";
 }
 
+bool may_be_stored(const cs::Error& error) { return error.aftermath == cs::Aftermath::perhaps_stored; }
+
 std::string next_step(const cs::Error& error, bool waits) {
   using cs::Code;
+  if (may_be_stored(error)) return "Mend that, and see with 'confsave list' what is stored";
   switch (error.code) {
     case Code::bad_argument:
       return "Give another one";
@@ -262,8 +265,8 @@ int report_reading(cs::Error error, const std::string& which) {
 int report_import(const cs::Error& error, bool is_one) {
   print_failure(error);
   print_mixture(error);
-  std::cerr << " Nothing was stored.";
-  const std::string step = step_for_import(error, is_one);
+  if (!may_be_stored(error)) std::cerr << " Nothing was stored.";
+  const std::string step = may_be_stored(error) ? next_step(error, true) : step_for_import(error, is_one);
   if (!step.empty()) std::cerr << ' ' << step << '.';
   std::cerr << '\n';
   return exit_status(error.code);

@@ -52,7 +52,8 @@ bool EarlyNotes::has(const Snapshot& row) const {
   return std::find(written_.begin(), written_.end(), row.id) != written_.end();
 }
 
-void EarlyNotes::take_back() {
+void EarlyNotes::take_back(const Error& why) {
+  if (why.aftermath == Aftermath::perhaps_stored) return;
   // What fails here belongs to no row.
   for (const int64 id : written_) notes_->forget(id);
   written_.clear();

@@ -26,8 +26,8 @@ class EarlyNotes {
   /// Whether the note of this row is written.
   bool has(const Snapshot& row) const;
 
-  /// The transaction has failed.
-  void take_back();
+  /// The transaction has failed. If its rows may be stored all the same, the notes stay.
+  void take_back(const Error& why);
 
   /// For what follows the commit. Opens the file again if it could not be opened.
   Result<Notes*> afterwards();

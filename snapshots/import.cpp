@@ -108,13 +108,14 @@ class Importing {
     Result<StorageWriter> writer = StorageWriter::open(deadline_);
     if (!writer) return writer.error();
     prepare_notes();
-    Error error = writer->in_transaction([&] {
+    const auto store_all = [&] {
       for (std::size_t i = 0; i < rows_.size(); ++i) {
         if (Error stored = store_row(rows_[i], notes_[i], *writer); stored.code != Code::ok) return stored;
       }
       return early_notes_.write(notes_);
-    });
-    if (error.code != Code::ok) early_notes_.take_back();
+    };
+    Error error = writer->in_transaction(store_all, notes_.back().snapshot);
+    if (error.code != Code::ok) early_notes_.take_back(error);
     return error;
   }
 

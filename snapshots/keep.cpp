@@ -112,6 +112,8 @@ Error not_kept(Error error) {
       error.code == Code::damaged || (error.code == Code::unsafe && error.path.compare(0, 1, "/") != 0);
   if (is_of_archive) error.code = Code::failed;
   error.text = "the present configuration cannot be kept as a snapshot: " + error.text;
+  // Of the files, that is.
+  error.aftermath = Aftermath::untouched;
   return error;
 }
 

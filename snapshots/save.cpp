@@ -205,7 +205,7 @@ class Saving {
         std::move(row), [this](const Snapshot& old) { return ask_for_the_pin(old); },
         [this](const Stored& row_stored) { return keep_note(row_stored); });
     if (!stored) {
-      early_notes_.take_back();
+      early_notes_.take_back(stored.error());
       return stored.error();
     }
     saved_.outcome = stored->replaced ? Saved::Outcome::replaced : Saved::Outcome::created;

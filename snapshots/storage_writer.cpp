@@ -42,22 +42,45 @@ Error StorageWriter::choose_layout() {
 Result<Stored> StorageWriter::store(NewRow row, const MayReplace& may_replace,
                                     const std::function<Error(const Stored&)>& before_commit) {
   Stored stored;
-  Error error = in_transaction([&] {
+  const auto change = [&] {
     Error failure = store_in_transaction(row, may_replace, stored);
     return failure.code == Code::ok ? before_commit(stored) : failure;
-  });
+  };
+  Error error = in_transaction(change, stored.snapshot);
   if (error.code == Code::ok) return stored;
   return error;
 }
 
-Error StorageWriter::in_transaction(const std::function<Error()>& change) {
+Error StorageWriter::in_transaction(const std::function<Error()>& change, const Snapshot& last) {
   database_.limit_wait(deadline_.left());
-  return database_.in_transaction([&] {
-    Error error = make_table();
-    if (error.code == Code::ok) error = change();
+  bool is_changed = false;
+  Error error = database_.in_transaction([&] {
+    Error failure = make_table();
+    if (failure.code == Code::ok) failure = change();
     database_.limit_wait(deadline_.left());
-    return error;
+    is_changed = failure.code == Code::ok;
+    return failure;
   });
+  // Who waited in vain for readers has not written.
+  const bool has_failed_late = is_changed && error.code != Code::ok && error.code != Code::busy;
+  if (has_failed_late && may_have(last)) {
+    error.aftermath = Aftermath::perhaps_stored;
+    error.text = "what was to be stored may be there all the same: " + error.text;
+  }
+  return error;
+}
+
+/// After a commit that has failed. True too if that cannot be found out.
+bool StorageWriter::may_have(const Snapshot& row) {
+  database_.limit_wait(deadline_.left_afterwards());
+  const Result<bool> has_table = look_for_table(database_);
+  if (!has_table || !*has_table) return !has_table;
+  Result<Statement> found = database_.prepare(
+      "select 1 from Config where id = ? and ifnull(save_time, 0) = ? and "
+      "ifnull(length(keybase), 0) = ? and ifnull(length(etc), 0) = ?");
+  if (!found) return true;
+  found->bind(row.id).bind(row.config.save_time).bind(row.keybase_size).bind(row.etc_size);
+  return found->step() != SQLITE_DONE;
 }
 
 Error StorageWriter::store_in_transaction(NewRow& row, const MayReplace& may_replace, Stored& stored) {

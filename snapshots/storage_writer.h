@@ -39,14 +39,16 @@ class StorageWriter {
 
   /// Stores `row`, durably, in place of the row of its name and version, if that may go. The archives are
   /// read back and the row is looked up before the commit, and then `before_commit` is called. After an
-  /// error, its own too, the storage is unchanged. The pages of the old row stay free in the file, with
-  /// their content, until other rows use them or a deletion gives them back.
+  /// error, its own too, the storage is unchanged, unless that is Aftermath::perhaps_stored. The pages of
+  /// the old row stay free in the file, with their content, until other rows use them or a deletion gives
+  /// them back.
   Result<Stored> store(NewRow row, const MayReplace& may_replace,
                        const std::function<Error(const Stored&)>& before_commit);
 
   /// Runs `change` in one transaction in which the table exists; durable on return. After an error the
-  /// storage is unchanged.
-  Error in_transaction(const std::function<Error()>& change);
+  /// storage is unchanged. But a commit can fail after it took effect, for example when the directory is
+  /// synced: if `last`, a row that `change` has stored, may be there, that is Aftermath::perhaps_stored.
+  Error in_transaction(const std::function<Error()>& change, const Snapshot& last);
 
   /// Within a transaction: deletes the row of this name and version, if it may go, and returns its id.
   Result<std::optional<int64>> make_room(const Id& id, const MayReplace& may_replace);
@@ -60,6 +62,7 @@ class StorageWriter {
   /// What an empty file gets before its table, as the contract library does it.
   Error choose_layout();
   Error make_table();
+  bool may_have(const Snapshot& row);
   Result<std::optional<int64>> find_old(const Id& id, const MayReplace& may_replace);
   Error store_in_transaction(NewRow& row, const MayReplace& may_replace, Stored& stored);
   Result<bool> put(const NewRow& row, bool replaces);

@@ -103,7 +103,8 @@ CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {
 /// The name has 1 to 80 letters, digits, "-" and "_". If the snapshot exists, it is Code::pinned or
 /// Code::taken, unless `overwrite`; a snapshot that replaces a pinned one is pinned. Files that change
 /// during the save are packed again, and are Code::changed_meanwhile after some attempts. Code::incomplete
-/// if there is nothing to save. The storage is unchanged after every error.
+/// if there is nothing to save. The storage is unchanged after every error, except that the
+/// snapshot may be stored after Aftermath::perhaps_stored.
 ///
 /// The comment and the pin are stored with the row: no kill parts them. A comment that cannot be stored is
 /// only a warning. A pin that cannot be kept is an error, the one of the notes. Without notes that can be

@@ -106,6 +106,44 @@ TEST_F(EarlyNotesTest, AnImportThatIsKilledAtAnyStatementLeavesThePin) {
   EXPECT_GT(kills, 40);
 }
 
+/// "storage.db" is the last file that is synced before the end.
+TEST_F(EarlyNotesTest, ACommitThatFailsAfterItTookEffectLeavesThePin) {
+  const struct {
+    const char* what;
+    std::string comment;
+    std::function<Error()> store;
+  } cases[] = {
+      {"save", " new!", [] { return failure({"weekly"}, with_comment("new")); }},
+      {"import", " before the change!", [this] { return refused(exported(), forced()); }},
+  };
+  for (const auto& c : cases) {
+    int stored = 0;
+    bool has_failed = true;
+    for (int sync = 1; has_failed; ++sync) {
+      ASSERT_LT(sync, 20);
+      change_configuration();
+      const std::string old = row();
+      Error error;
+      {
+        const FailingSync failing(sync);
+        error = c.store();
+        has_failed = failing.has_failed();
+      }
+      const std::string now = row();
+      const bool is_new = now != old;
+      if (error.code == Code::ok) continue;
+      EXPECT_EQ(now.substr(now.find(' ')), is_new ? c.comment : old.substr(old.find(' ')))
+          << c.what << sync;
+      EXPECT_EQ(error.aftermath, is_new ? Aftermath::perhaps_stored : Aftermath::untouched);
+      if (!is_new) continue;
+      ++stored;
+      EXPECT_EQ(shown(error), shown({Code::failed, 0, database(),
+                                     "what was to be stored may be there all the same: disk I/O error"}));
+    }
+    EXPECT_EQ(stored, 1) << c.what;
+  }
+}
+
 TEST_F(EarlyNotesTest, APinThatCannotBeKeptKeepsTheOldSnapshot) {
   close_table("note");
   for (const Error& error : {failure({"weekly"}, overwrite()), refused(exported(), forced())}) {

@@ -36,4 +36,44 @@ inline void die_at_statement(int number) {
   sqlite3_auto_extension(reinterpret_cast<void (*)()>(watcher));
 }
 
+/// Lets SQLite fail when it syncs a directory for the n-th time from now on, counted from 1: it gets a
+/// pipe, which cannot be synced. At the end of a transaction that is after the deletion of the journal.
+class FailingSync {
+ public:
+  explicit FailingSync(int number) {
+    left() = number;
+    sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
+    original() = files->xGetSystemCall(files, kCall);
+    files->xSetSystemCall(files, kCall, reinterpret_cast<sqlite3_syscall_ptr>(open_directory));
+  }
+  ~FailingSync() {
+    sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
+    files->xSetSystemCall(files, kCall, nullptr);
+  }
+  FailingSync(const FailingSync&) = delete;
+  FailingSync& operator=(const FailingSync&) = delete;
+
+  static bool has_failed() { return left() <= 0; }
+
+ private:
+  static constexpr const char* kCall = "openDirectory";
+
+  static int& left() {
+    static int count = 0;
+    return count;
+  }
+  static sqlite3_syscall_ptr& original() {
+    static sqlite3_syscall_ptr call = nullptr;
+    return call;
+  }
+  static int open_directory(const char* path, int* descriptor) {
+    if (--left() != 0) return reinterpret_cast<int (*)(const char*, int*)>(original())(path, descriptor);
+    int ends[2];
+    if (pipe(ends) != 0) return SQLITE_CANTOPEN;
+    close(ends[1]);
+    *descriptor = ends[0];
+    return SQLITE_OK;
+  }
+};
+
 }  // namespace test

@@ -32,11 +32,14 @@ enum class Code {
   failed,             ///< a system call failed; `number` says how
 };
 
-/// What a failed restore or recovery has left behind.
+/// What a call that has failed has left behind.
 enum class Aftermath {
   untouched,  ///< nothing was changed
   put_back,   ///< what was changed is as it was before
   mixed,      ///< some files are not as they were; path and text name them; recover() tries again
+  /// Of a call that stores: its commit failed so late that what was to be stored may be there, as a whole
+  /// and with its comment and pin. list() shows whether it is.
+  perhaps_stored,
 };
 
 /// A failure.
@@ -46,7 +49,7 @@ struct Error {
   /// The file or member that it is about; may be empty. For messages: control characters may be escaped.
   std::string path;
   std::string text;  ///< one sentence without the path, without a line end
-  /// Of restore(), recover() and revert(), and of each other call that recovers first.
+  /// Of restore(), recover() and revert(), of each other call that recovers first, and of those that store.
   Aftermath aftermath = Aftermath::untouched;
 };
 
