@@ -11,8 +11,9 @@ constexpr std::chrono::milliseconds kShortWait(500);
 
 bool keeps_pin(const NewNote& note) { return note.keeps_pin; }
 
-/// A kill may lose the author, which nobody misses, for one transaction less. In a foreign table a new row
-/// may get the id of the one that it replaces, whose note has to stay.
+/// A kill may lose the author, which nobody misses, for one transaction less. In a foreign table without
+/// ids as keys a new row has the id of the one that it replaces, whose note has to stay: here a kill parts
+/// them.
 bool is_for_afterwards(const NewNote& note) {
   const bool is_plain = note.note.comment.empty() && !note.note.pinned;
   return is_plain || note.snapshot.id == note.replaced;

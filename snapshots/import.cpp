@@ -138,6 +138,11 @@ class Importing {
         {config.name, config.vers}, [&](const Snapshot& old) { return ask_for_the_pin(old, kept); });
     if (!replaced) return replaced.error();
     RowToCopy copy;
+    if (*replaced) {
+      const Result<std::optional<int64>> above = writer.id_above(**replaced);
+      if (!above) return above.error();
+      copy.id = *above;
+    }
     copy.rowid = row.row.rowid;
     copy.name = config.name;
     copy.digests = &row.archives;

@@ -47,6 +47,8 @@ Result<int64> insert(Database& from, const RowToCopy& row, Database& to, bool (&
   if (!copy) return copy.error();
   if (row.keep_id) {
     copy->bind(*values, 0);
+  } else if (row.id) {
+    copy->bind(*row.id);
   } else {
     copy->bind_null();
   }

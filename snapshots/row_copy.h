@@ -17,7 +17,8 @@ struct ArchiveDigests {
 struct RowToCopy {
   int64 rowid = 0;
   std::optional<std::string> name = {};     ///< instead of its own
-  bool keep_id = false;                     ///< else it gets a new one, and never an old one
+  bool keep_id = false;                     ///< else it gets a new one
+  std::optional<int64> id = {};             ///< which; no value: SQLite chooses
   const ArchiveDigests* digests = nullptr;  ///< what the archives must hold
 };
 

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <limits>
 #include <string_view>
 
 #include "places.h"
@@ -92,7 +93,7 @@ Error StorageWriter::store_in_transaction(NewRow& row, const MayReplace& may_rep
   stored.snapshot.keybase_size = static_cast<int64>(row.archives.keybase.size());
   stored.snapshot.etc_size = static_cast<int64>(row.archives.etc.size());
 
-  const Result<bool> is_aside = put(row, stored.replaced);
+  const Result<bool> is_aside = put(row, *old);
   if (!is_aside) return is_aside.error();
   const int64 rowid = sqlite3_last_insert_rowid(database_.get());
   Error error = read_back(row.archives, rowid);
@@ -103,13 +104,17 @@ Error StorageWriter::store_in_transaction(NewRow& row, const MayReplace& may_rep
 }
 
 /// True if the old row is still there.
-Result<bool> StorageWriter::put(const NewRow& row, bool replaces) {
-  if (replaces) {
+Result<bool> StorageWriter::put(const NewRow& row, std::optional<int64> old) {
+  std::optional<int64> id;
+  if (old) {
     Result<bool> is_aside = insert_aside(row);
     if (!is_aside || *is_aside) return is_aside;
     if (Error error = remove({row.name, row.version}); error.code != Code::ok) return error;
+    const Result<std::optional<int64>> above = id_above(*old);
+    if (!above) return above.error();
+    id = *above;
   }
-  Error error = insert(row, Name::text);
+  Error error = insert(row, Name::text, id);
   return error.code == Code::ok ? Result<bool>(false) : Result<bool>(error);
 }
 
@@ -149,6 +154,22 @@ Result<std::optional<int64>> StorageWriter::make_room(const Id& id, const MayRep
   return error.code == Code::ok ? old : Result<std::optional<int64>>(error);
 }
 
+Result<std::optional<int64>> StorageWriter::id_above(int64 old) {
+  const char* type = nullptr;
+  int is_key = 0;
+  int is_automatic = 0;
+  const int code = sqlite3_table_column_metadata(database_.get(), "main", "Config", "id", &type, nullptr,
+                                                 nullptr, &is_key, &is_automatic);
+  if (code != SQLITE_OK) return error();
+  const bool is_used_again = is_key != 0 && is_automatic == 0 && sqlite3_stricmp(type, "integer") == 0 &&
+                             old < std::numeric_limits<int64>::max();
+  if (!is_used_again) return std::optional<int64>();
+  Result<Statement> above = database_.prepare("select exists (select 1 from Config where id > ?)");
+  if (!above) return above.error();
+  if (above->bind(old).step() != SQLITE_ROW) return error();
+  return above->number(0) != 0 ? std::optional<int64>() : std::optional<int64>(old + 1);
+}
+
 /// Pages that the old row frees before would be used for the new one, and what they held would have to be
 /// written into the journal: as much as the row. So the old row goes last, in a file of the contract
 /// library's layout. False if it has to go first: in another one, or if the table has a rule for names.
@@ -158,7 +179,7 @@ Result<bool> StorageWriter::insert_aside(const NewRow& row) {
   if (!layout) return layout.error();
   if (layout->step() != SQLITE_ROW) return error();
   if (layout->number(0) == 0) return false;
-  Error error = insert(row, Name::blob);
+  Error error = insert(row, Name::blob, {});
   const bool is_refused = (error.number & 0xff) == SQLITE_CONSTRAINT;
   // A rule of the table can end the transaction.
   if (is_refused && sqlite3_get_autocommit(database_.get()) == 0) return false;
@@ -167,14 +188,16 @@ Result<bool> StorageWriter::insert_aside(const NewRow& row) {
 
 /// The order of the columns is that of the contract library. The load time stays null. A name as a blob
 /// equals no text, and takes as many bytes in the row.
-Error StorageWriter::insert(const NewRow& row, Name as) {
+Error StorageWriter::insert(const NewRow& row, Name as, std::optional<int64> id) {
   Result<Statement> statement = database_.prepare(
-      "insert into Config (name, keybase, etc, version, save_time, type) values (?,?,?,?,?,?)");
+      id ? "insert into Config (name, keybase, etc, version, save_time, type, id) values (?,?,?,?,?,?,?)"
+         : "insert into Config (name, keybase, etc, version, save_time, type) values (?,?,?,?,?,?)");
   if (!statement) return statement.error();
   const std::vector<char> name(row.name.begin(), row.name.end());
   as == Name::blob ? statement->bind(name) : statement->bind(row.name);
   statement->bind(row.archives.keybase).bind(row.archives.etc);
   statement->bind(row.version).bind(row.save_time).bind(int64{row.type});
+  if (id) statement->bind(*id);
   return statement->step() == SQLITE_DONE ? Error{} : error();
 }
 

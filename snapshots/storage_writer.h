@@ -53,6 +53,10 @@ class StorageWriter {
   /// Within a transaction: deletes the row of this name and version, if it may go, and returns its id.
   Result<std::optional<int64>> make_room(const Id& id, const MayReplace& may_replace);
 
+  /// Then: the id for a new row, so that it does not get `old`, whose note stays until the commit; no
+  /// value: SQLite chooses. Only the key of a table that another program has made uses an id again.
+  Result<std::optional<int64>> id_above(int64 old);
+
   Database& database() { return database_; }
 
  private:
@@ -65,10 +69,10 @@ class StorageWriter {
   bool may_have(const Snapshot& row);
   Result<std::optional<int64>> find_old(const Id& id, const MayReplace& may_replace);
   Error store_in_transaction(NewRow& row, const MayReplace& may_replace, Stored& stored);
-  Result<bool> put(const NewRow& row, bool replaces);
+  Result<bool> put(const NewRow& row, std::optional<int64> old);
   Result<bool> insert_aside(const NewRow& row);
   enum class Name { text, blob };
-  Error insert(const NewRow& row, Name as);
+  Error insert(const NewRow& row, Name as, std::optional<int64> id);
   Error read_back(const Packed& archives, int64 rowid);
   Error remove(const Id& id);
   Error take_place(const Id& id, int64 rowid);

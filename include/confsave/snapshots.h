@@ -106,10 +106,11 @@ CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {
 /// if there is nothing to save. The storage is unchanged after every error, except that the
 /// snapshot may be stored after Aftermath::perhaps_stored.
 ///
-/// The comment and the pin are stored with the row: no kill parts them. A comment that cannot be stored is
-/// only a warning. A pin that cannot be kept is an error, the one of the notes. Without notes that can be
-/// read, it is not known whether the old snapshot is pinned: `overwrite` replaces it all the same, as
-/// `even_pinned` deletes it, and a warning says that the new one is not. Locked notes are Code::busy.
+/// The comment and the pin are stored with the row: no kill parts them, unless another program has made a
+/// table in which "id" is no integer key. A comment that cannot be stored is only a warning. A pin that
+/// cannot be kept is an error, the one of the notes. Without notes that can be read, it is not known
+/// whether the old snapshot is pinned: `overwrite` replaces it all the same, as `even_pinned` deletes it,
+/// and a warning says that the new one is not. Locked notes are Code::busy.
 ///
 /// Calls of one host wait for each other, those of the program "confsave" included: `wait` limits the
 /// waiting of the whole call.
