@@ -71,6 +71,8 @@ std::string next_step(const cs::Error& error, bool waits) {
       return "Give another one";
     case Code::not_found:
       return "'confsave list' lists what is stored";
+    case Code::ambiguous:
+      return "Delete all but one of them by their ids, with sqlite3(1)";
     case Code::taken:
       return "Give --force to overwrite it";
     case Code::pinned:
@@ -122,7 +124,8 @@ std::string step_for_import(const cs::Error& error, bool is_one) {
                     : "Give --force to overwrite all that exist, or NAME to import one, under another name "
                       "with --as";
     case Code::ambiguous:
-      return "Choose one by NAME@VERSION";
+      // Those of the file, or those of the storage.
+      return error.path.empty() ? next_step(error, true) : "Choose one by NAME@VERSION";
     case Code::busy:
     case Code::denied:
     case Code::no_space:

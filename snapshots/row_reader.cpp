@@ -16,6 +16,10 @@ Error not_found(const std::string& name) {
   return {Code::not_found, 0, "", "there is no snapshot '" + printable(name) + "'"};
 }
 
+Error several_of(const std::string& name) {
+  return {Code::ambiguous, 0, "", "more than one snapshot is stored as '" + printable(name) + "'"};
+}
+
 namespace {
 
 Error find_rowid(OpenRow& row) {

@@ -23,6 +23,9 @@ std::vector<Column> columns_of(conftype type);
 
 Error not_found(const std::string& name);
 
+/// Only another program's table can have more than one row of a name and version.
+Error several_of(const std::string& name);
+
 /// The row of this name and version, or Code::not_found. With `only`, of several that are listed under them
 /// the one with its id.
 Result<Snapshot> row_of(StorageReader& reader, const Id& id, const Snapshot* only = nullptr);

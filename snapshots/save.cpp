@@ -83,7 +83,10 @@ class Saving {
     if (!all) return all.error();
     for (const Snapshot& snapshot : *all) {
       const Config& config = snapshot.config;
-      if (config.name == id_.name && config.vers == id_.version) old_ = snapshot;
+      const bool is_old = config.name == id_.name && config.vers == id_.version;
+      // Another program's table can have several, which are refused when the new one is stored.
+      const bool is_found = old_ && agreed_ != nullptr && is_agreed(*old_);
+      if (is_old && !is_found) old_ = snapshot;
       if (config.type == options_.type && config.name != kPacketFilter) newest_ = snapshot;
     }
     rows_ = std::move(*all);

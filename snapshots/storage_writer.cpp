@@ -8,6 +8,7 @@
 
 #include "places.h"
 #include "snapshots/own_file.h"
+#include "snapshots/row_reader.h"
 #include "snapshots/storage_reader.h"
 #include "snapshots/system_error.h"
 #include "storage/statements.h"
@@ -137,6 +138,10 @@ Result<std::optional<int64>> StorageWriter::find_old(const Id& id, const MayRepl
   row.config.save_time = old->number(1);
   row.keybase_size = old->number(2);
   row.etc_size = old->number(3);
+  // Another one of its name may be pinned, and nobody has agreed to lose it.
+  const int next = old->step();
+  if (next == SQLITE_ROW) return several_of(id.name);
+  if (next != SQLITE_DONE) return error();
   if (Error error = may_replace(row); error.code != Code::ok) return error;
   return std::optional<int64>(row.id);
 }

@@ -103,8 +103,9 @@ CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {
 /// The name has 1 to 80 letters, digits, "-" and "_". If the snapshot exists, it is Code::pinned or
 /// Code::taken, unless `overwrite`; a snapshot that replaces a pinned one is pinned. Files that change
 /// during the save are packed again, and are Code::changed_meanwhile after some attempts. Code::incomplete
-/// if there is nothing to save. The storage is unchanged after every error, except that the
-/// snapshot may be stored after Aftermath::perhaps_stored.
+/// if there is nothing to save. Code::ambiguous if another program has stored more than
+/// one snapshot of this name and version: none is replaced. The storage is unchanged after every error,
+/// except that the snapshot may be stored after Aftermath::perhaps_stored.
 ///
 /// The comment and the pin are stored with the row: no kill parts them, unless another program has made a
 /// table in which "id" is no integer key. A comment that cannot be stored is only a warning. A pin that

@@ -149,7 +149,7 @@ TEST_F(EarlyNotesTest, ACommitThatFailsAfterItTookEffectLeavesThePin) {
       {
         const FailingSync failing(sync);
         error = c.store();
-        has_failed = failing.has_failed();
+        has_failed = FailingSync::has_failed();
       }
       const std::string now = row();
       const bool is_new = now != old;
@@ -259,6 +259,39 @@ TEST_F(EarlyNotesTest, AnIdThatIsUsedAgainDoesNotCostThePin) {
   }
   EXPECT_TRUE(saved("weekly", overwrite()).snapshot.pinned);
   EXPECT_EQ(row(), "2 !");
+}
+
+TEST_F(EarlyNotesTest, OfSeveralOfOneNameNoneIsReplaced) {
+  move_to_a_foreign_table();
+  const auto copy = [this](const std::string& what) {
+    test::Database(database())
+        .run(
+            "insert into Config (name, version, type, save_time, keybase, etc) "
+            "select 'weekly', version, type, save_time - 1000, keybase, etc from Config " +
+            what);
+  };
+  copy("");
+  const std::string text = shown({Code::ambiguous, 0, "", "more than one snapshot is stored as 'weekly'"});
+  const auto all = list();
+  ASSERT_TRUE(all);
+  const Rows before = rows();
+  const auto refusal = [](const Snapshot& agreed) {
+    const auto result = save_over(agreed);
+    return result ? Error{} : result.error();
+  };
+  EXPECT_EQ(refusal(all->at(0)).code, Code::pinned);
+  EXPECT_EQ(shown(refusal(all->at(1))), text);
+  EXPECT_EQ(shown(failure({"weekly"}, overwrite())), text);
+  EXPECT_EQ(shown(refused(exported(), forced())), text);
+  EXPECT_EQ(code("weekly"), Code::pinned);
+  EXPECT_EQ(rows(), before);
+  // One that another program stores during the save.
+  test::Database(database()).run("delete from Config where id = 2");
+  after_packing([&](int) { copy(""); });
+  EXPECT_EQ(shown(failure({"weekly"}, overwrite())), text);
+  host.on_command = nullptr;
+  EXPECT_EQ(rows(), before);
+  EXPECT_EQ(notes(), Texts{"before the change!"});
 }
 
 TEST_F(EarlyNotesTest, NotesThatCannotBeReadMayHoldThePin) {
