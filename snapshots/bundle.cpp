@@ -8,6 +8,7 @@
 #include "places.h"
 #include "snapshots/arguments.h"
 #include "snapshots/descriptor.h"
+#include "snapshots/own_descriptors.h"
 #include "snapshots/own_file.h"
 #include "snapshots/system_error.h"
 #include "snapshots/text.h"
@@ -31,10 +32,14 @@ Error check_file(const std::string& file) {
   // Closing a file that SQLite has open, too, would release the locks of this process.
   if (is_own_file(file)) return {Code::bad_argument, 0, file, "confsave uses this file itself"};
   if (status.st_size == 0) return {Code::damaged, 0, file, "the file is empty"};
-  const Descriptor opened(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!opened) return system_error(file);
   char header[20] = {};
-  if (pread(opened.get(), header, sizeof header, 0) < 0) return system_error(file);
+  Error error;
+  OwnDescriptors().run([&] {
+    const Descriptor opened(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const bool is_read = opened && pread(opened.get(), header, sizeof header, 0) >= 0;
+    if (!is_read) error = system_error(file);
+  });
+  if (error.code != Code::ok) return error;
   if (header[18] != 2 && header[19] != 2) return {};
   return {Code::failed, 0, file,
           "the file is in WAL mode; sqlite3 changes that by 'pragma journal_mode=delete'"};

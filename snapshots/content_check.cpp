@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 
+#include "snapshots/database_logs.h"
 #include "snapshots/digest.h"
 
 namespace ConfSave::snapshots {
@@ -16,12 +18,42 @@ void ContentCheck::enter(const std::string& directory) {
   Result<Beneath> root = Beneath::open(directory);
   root_.reset();
   if (root) root_.emplace(std::move(*root));
+  locked_paths_ = locked_paths();
+}
+
+template <class Task>
+void ContentCheck::beside_live(const Task& task) {
+  if (!may_be_locked_) return task();
+  own_.run(std::cref(task));
 }
 
 /// Without a descriptor the file is not compared: who reads the tree says why it cannot be read.
 void ContentCheck::open_live(const std::string& path) {
   if (!root_) return;
-  const Result<int> parent = root_->directory(parent_of(path));
+  may_be_locked_ = locked_paths_.count(path) != 0;
+  if (!may_be_locked_) return open_below(*root_, path);
+  own_.run([&] {
+    Result<Beneath> root = Beneath::open(directory_);
+    if (root) open_below(*root, path);
+  });
+}
+
+void ContentCheck::close_live() {
+  if (live_) beside_live([this] { live_ = Descriptor(); });
+}
+
+bool ContentCheck::close_unchanged_live() {
+  bool is_unchanged = false;
+  beside_live([&] {
+    struct stat now = {};
+    is_unchanged = fstat(live_.get(), &now) == 0 && is_same(stamp_, stamp_of(now));
+    live_ = Descriptor();
+  });
+  return is_unchanged;
+}
+
+void ContentCheck::open_below(Beneath& root, const std::string& path) {
+  const Result<int> parent = root.directory(parent_of(path));
   if (!parent) return;
   live_ = Descriptor(
       openat(*parent, name_of(path).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -37,7 +69,7 @@ void ContentCheck::begin(const Entry& entry) {
   path_ = directory_ + entry.path;
   // Of entries with the same path the last one counts.
   known_.erase(path_);
-  live_ = Descriptor();
+  close_live();
   known_early_ = nullptr;
   checksum_ = 0;
   is_equal_ = false;
@@ -55,7 +87,7 @@ void ContentCheck::begin(const Entry& entry) {
 
 void ContentCheck::add(std::string_view piece) {
   if (known_early_ != nullptr) checksum_ = crc32(checksum_, piece);
-  if (live_ && is_equal_) is_equal_ = goes_on_with(piece);
+  if (live_ && is_equal_) beside_live([&] { is_equal_ = goes_on_with(piece); });
 }
 
 bool ContentCheck::goes_on_with(std::string_view bytes) {
@@ -79,9 +111,7 @@ Digest ContentCheck::end(const Digest& computed) {
     // Any other one will do for a content that is not the one that was digested.
     if (!is_equal_) digest.front() ^= 1U;
   }
-  struct stat after = {};
-  const bool was_read = live_ && fstat(live_.get(), &after) == 0 && is_same(stamp_, stamp_of(after));
-  live_ = Descriptor();
+  const bool was_read = live_ && close_unchanged_live();
   if (!was_read || (!is_equal_ && computes_digests())) return digest;
   Known& known = known_[path_];
   known = {stamp_, digest};

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -10,6 +11,7 @@
 #include "snapshots/beneath.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/early_digests.h"
+#include "snapshots/own_descriptors.h"
 #include "snapshots/tree.h"
 
 namespace ConfSave::snapshots {
@@ -28,6 +30,7 @@ class ContentCheck : public KnownDigests {
   /// What `early` knows is not computed again; it must outlive this object.
   explicit ContentCheck(Digests digests, const EarlyDigests* early = nullptr)
       : digests_(digests), early_(early), buffer_(kPiece) {}
+  ~ContentCheck() override { close_live(); }
 
   /// Whether the digest of the current file has to be computed.
   bool needs_digest() const { return computes_digests() && known_early_ == nullptr; }
@@ -59,6 +62,13 @@ class ContentCheck : public KnownDigests {
 
   bool computes_digests() const { return digests_ == Digests::computed; }
   void open_live(const std::string& path);
+  void open_below(Beneath& root, const std::string& path);
+  void close_live();
+  /// Whether it is as it was when it was opened.
+  bool close_unchanged_live();
+  /// Runs `task` where the descriptor of the live file is. For small files it would take too long.
+  template <class Task>
+  void beside_live(const Task& task);
   /// Whether the live file goes on with these bytes.
   bool goes_on_with(std::string_view bytes);
 
@@ -66,7 +76,10 @@ class ContentCheck : public KnownDigests {
   const EarlyDigests* early_;
   std::string directory_;
   std::optional<Beneath> root_;
+  std::set<std::string> locked_paths_;
   std::string path_;                         ///< of the current file, absolute
+  bool may_be_locked_ = false;               ///< whether the host may have locks on it
+  OwnDescriptors own_;                       ///< such a file is opened, read and closed there
   Descriptor live_;                          ///< the live file there, if one can be read
   Stamp stamp_;                              ///< of it, before it was read
   const LiveMember* known_early_ = nullptr;  ///< the live file, if its digest is known

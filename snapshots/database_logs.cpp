@@ -50,6 +50,13 @@ std::vector<std::string> database_logs() {
   return all;
 }
 
+std::set<std::string> locked_paths() {
+  std::set<std::string> paths;
+  for (std::string& log : database_logs()) paths.insert(std::move(log));
+  for (std::string& file : database_files("")) paths.insert(std::move(file));
+  return paths;
+}
+
 std::string log_slot(const std::string& slot, const std::string& log) {
   return slot + "." + log.substr(log.rfind('/') + 1);
 }

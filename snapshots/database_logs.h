@@ -1,5 +1,6 @@
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,9 @@ std::vector<std::string> logs_of(const std::string& path);
 
 /// Those of all files of the configuration database.
 std::vector<std::string> database_logs();
+
+/// The paths of what the host may have locks on: the files of the configuration database, and their logs.
+std::set<std::string> locked_paths();
 
 /// The name in a staging directory of a log that is set aside when the database goes to the slot `slot`.
 std::string log_slot(const std::string& slot, const std::string& log);

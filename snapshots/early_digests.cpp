@@ -1,30 +1,14 @@
 #include "snapshots/early_digests.h"
 
-#include <csignal>
 #include <new>
 #include <system_error>
 #include <utility>
 
+#include "snapshots/blocked_signals.h"
 #include "snapshots/libarchive.h"
 
 namespace ConfSave::snapshots {
 namespace {
-
-/// A thread inherits the mask of signals: those of the host are for its own threads.
-class BlockedSignals {
- public:
-  BlockedSignals() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  BlockedSignals(const BlockedSignals&) = delete;
-  BlockedSignals& operator=(const BlockedSignals&) = delete;
-  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  sigset_t before_{};
-};
 
 Tree read_live_files(const std::vector<TreePart>& parts) {
   try {

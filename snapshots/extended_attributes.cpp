@@ -8,9 +8,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <optional>
-#include <string>
-#include <vector>
 
 namespace ConfSave::snapshots {
 namespace {
@@ -74,16 +71,12 @@ std::optional<std::string> value_of(int file, const std::string& name) {
   }
 }
 
-/// True also if the attribute is gone: there is nothing to copy.
-bool copy_attribute(int from, int to, const std::string& name) {
-  // These vouch for the content that goes.
-  for (const char* other : {"security.capability", "security.ima", "security.evm"}) {
-    if (name == other) return true;
-  }
-  const std::optional<std::string> found = value_of(from, name);
-  if (!found) return errno == ENODATA;
-  const std::string value = name == kAccess ? limited_by_mask(*found) : *found;
-  if (fsetxattr(to, name.c_str(), value.data(), value.size(), 0) == 0) return true;
+bool vouches_for_the_content(const std::string& name) {
+  return name == "security.capability" || name == "security.ima" || name == "security.evm";
+}
+
+bool set_attribute(int file, const std::string& name, const std::string& value) {
+  if (fsetxattr(file, name.c_str(), value.data(), value.size(), 0) == 0) return true;
   // A process that may not set a security label keeps the one that the kernel has given.
   return name.compare(0, 9, "security.") == 0 && errno == EPERM && geteuid() != 0;
 }
@@ -109,11 +102,24 @@ bool set_access_list(int directory, const std::string& list) {
   return list.empty() || fsetxattr(directory, kAccess, list.data(), list.size(), 0) == 0;
 }
 
-bool copy_extended_attributes(int from, int to, bool with_access_list) {
-  const std::optional<std::vector<std::string>> names = names_of(from);
-  return names && std::all_of(names->begin(), names->end(), [=](const std::string& name) {
-           return (name == kAccess && !with_access_list) || copy_attribute(from, to, name);
-         });
+std::optional<ExtendedAttributes> extended_attributes(int file, bool with_access_list) {
+  const std::optional<std::vector<std::string>> names = names_of(file);
+  if (!names) return {};
+  ExtendedAttributes attributes;
+  for (const std::string& name : *names) {
+    if ((name == kAccess && !with_access_list) || vouches_for_the_content(name)) continue;
+    std::optional<std::string> value = value_of(file, name);
+    if (!value && errno == ENODATA) continue;
+    if (!value) return {};
+    attributes.emplace_back(name, name == kAccess ? limited_by_mask(*value) : std::move(*value));
+  }
+  return attributes;
+}
+
+bool set_extended_attributes(int file, const ExtendedAttributes& attributes) {
+  return std::all_of(attributes.begin(), attributes.end(), [file](const auto& attribute) {
+    return set_attribute(file, attribute.first, attribute.second);
+  });
 }
 
 bool remove_access_lists(int directory) {

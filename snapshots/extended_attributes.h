@@ -1,13 +1,21 @@
 #pragma once
 
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace ConfSave::snapshots {
 
-/// Copies the extended attributes of one file to another, its access list if `with_access_list`. Named
+using ExtendedAttributes = std::vector<std::pair<std::string, std::string>>;
+
+/// What goes over to a file that takes the place of `file`, its access list if `with_access_list`. Named
 /// users and groups get no more than they have now: what the mask takes from them is taken from the copy.
+/// No value with errno.
+std::optional<ExtendedAttributes> extended_attributes(int file, bool with_access_list);
+
 /// False with errno.
-bool copy_extended_attributes(int from, int to, bool with_access_list);
+bool set_extended_attributes(int file, const ExtendedAttributes& attributes);
 
 /// The access list of a directory, as the kernel has it; empty without one.
 std::string access_list(int directory);

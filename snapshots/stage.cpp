@@ -10,8 +10,11 @@
 #include <cerrno>
 #include <set>
 
+#include "snapshots/database_logs.h"
 #include "snapshots/extended_attributes.h"
+#include "snapshots/old_attributes.h"
 #include "snapshots/staged_file.h"
+#include "snapshots/staging_error.h"
 #include "snapshots/text.h"
 
 namespace ConfSave::snapshots {
@@ -47,20 +50,8 @@ class Staging {
 
   Site& site_of(const Step& step) { return sites_[step.root]; }
 
-  /// For messages: the file that is staged.
   Error failure(const Step& step, int number = errno) {
-    Error error = site_of(step).beneath.failure(step.path, number);
-    error.text = "cannot stage the new file: " + error.text;
-    return error;
-  }
-
-  /// The plan found a file at `path`. If none is there any more, somebody deleted or replaced it.
-  Error failure_of_live(const Step& step, const std::string& path, int number = errno) {
-    return number == ENOENT || number == ELOOP ? changed(path) : failure(step, number);
-  }
-
-  static Error changed(const std::string& path) {
-    return {Code::changed_meanwhile, 0, path, "the file changed while the restore was prepared"};
+    return cannot_stage(site_of(step).beneath, step.path, number);
   }
 
   static Error make_directory(Site& site) {
@@ -230,25 +221,13 @@ class Staging {
     return done ? Error{} : failure(step);
   }
 
-  /// Extended attributes of the file that goes. Its access list too, unless it belongs to somebody who has
-  /// no say in who reads the new one.
   Error carry_over(const PlannedStep& planned, int file) {
     if (!S_ISREG(planned.step.before.kind)) return {};
-    Beneath& beneath = site_of(planned.step).beneath;
-    const Result<int> parent = beneath.directory(parent_of(planned.step.path));
-    if (!parent) return parent.error();
-    const Descriptor old(openat(*parent, name_of(planned.step.path).c_str(),
-                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status = {};
-    if (!old || fstat(old.get(), &status) != 0) {
-      return failure_of_live(planned.step, beneath.shown(planned.step.path));
-    }
-    if (!is_same_file(identity_of(status), planned.step.before)) {
-      return changed(beneath.shown(planned.step.path));
-    }
-    const bool has_say =
-        geteuid() != 0 || status.st_uid == 0 || status.st_uid == planned.wanted->member.uid;
-    return copy_extended_attributes(old.get(), file, has_say) ? Error{} : failure(planned.step);
+    const bool may_be_locked = locked_paths_.count(planned.step.path) != 0;
+    const Result<ExtendedAttributes> attributes =
+        attributes_of_old(planned, site_of(planned.step).beneath, may_be_locked);
+    if (!attributes) return attributes.error();
+    return set_extended_attributes(file, *attributes) ? Error{} : failure(planned.step);
   }
 
   /// The other names of a file.
@@ -291,10 +270,10 @@ class Staging {
     const bool done =
         linkat(*parent, name_of(relative).c_str(), site.staging.get(), slot.c_str(), 0) == 0 &&
         fstatat(site.staging.get(), slot.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (!done) return failure_of_live(step, printable(live.member.path));
-    const bool is_it = status.st_ino == live.stamp.inode && status.st_size == live.stamp.size &&
+    if (!done && !is_gone(errno)) return failure(step);
+    const bool is_it = done && status.st_ino == live.stamp.inode && status.st_size == live.stamp.size &&
                        stamp_of(status).modified == live.stamp.modified;
-    return is_it ? Error{} : changed(printable(live.member.path));
+    return is_it ? Error{} : changed_while_staged(printable(live.member.path));
   }
 
   Error note_identities() {
@@ -330,6 +309,7 @@ class Staging {
   DetailedPlan& plan_;
   std::vector<Site>& sites_;
   const RestoreOptions& options_;
+  const std::set<std::string> locked_paths_ = locked_paths();
   std::map<Base, std::map<int64, Source>> sources_;  ///< by the entry of the archive
   Progress progress_;
 };

@@ -12,6 +12,7 @@
 #include "snapshots/descriptor.h"
 #include "snapshots/digest.h"
 #include "snapshots/member_collector.h"
+#include "snapshots/own_descriptors.h"
 #include "snapshots/saved_digests.h"
 #include "snapshots/text.h"
 
@@ -295,13 +296,18 @@ class TreeReading {
   bool enters_directories_ = true;
 };
 
+/// In a thread that takes no lock from the host when it closes the files.
 Result<Tree> read(const std::vector<TreePart>& parts, const Limits& limits, const KnownDigests* known,
                   std::vector<std::string>* unreadable) {
   Tree tree{known != nullptr ? known->moment() : now(), {}};
-  for (const TreePart& part : parts) {
-    TreeReading reading(part, limits, known, tree.members, unreadable);
-    if (Error error = reading.run(); error.code != Code::ok) return error;
-  }
+  Error error;
+  OwnDescriptors().run([&] {
+    for (const TreePart& part : parts) {
+      error = TreeReading(part, limits, known, tree.members, unreadable).run();
+      if (error.code != Code::ok) return;
+    }
+  });
+  if (error.code != Code::ok) return error;
   return tree;
 }
 

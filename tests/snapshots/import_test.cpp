@@ -71,6 +71,16 @@ TEST_F(ImportTest, AnotherNameKeepsTheRest) {
   EXPECT_EQ(refused(exported(), options).code, Code::bad_argument);
 }
 
+/// The host has the file open by SQLite, too.
+TEST_F(ImportTest, TheHostKeepsItsLocksOnTheFile) {
+  const test::Database connection(exported());
+  connection.run("begin immediate");
+  imported(exported(), forced());
+  EXPECT_FALSE(lock_is_free(exported()));
+  connection.run("commit");
+  EXPECT_TRUE(lock_is_free(exported()));
+}
+
 TEST_F(ImportTest, AVersionNeedsAPattern) {
   ImportOptions options;
   options.version = ConfSave::CURRENT_VERSION;
