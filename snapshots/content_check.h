@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -61,7 +62,16 @@ class ContentCheck : public KnownDigests {
   };
 
   bool computes_digests() const { return digests_ == Digests::computed; }
+  /// A small file, read at once: each task in another thread takes as long as reading many files.
+  struct Held {
+    Stamp stamp;
+    std::string content;
+  };
+
   void open_live(const std::string& path);
+  void hold_small_files();
+  static std::optional<Held> held_of(Beneath& root, const std::string& path);
+  bool is_open() const { return live_ || held_ != nullptr; }
   void open_below(Beneath& root, const std::string& path);
   void close_live();
   /// Whether it is as it was when it was opened.
@@ -77,13 +87,16 @@ class ContentCheck : public KnownDigests {
   std::string directory_;
   std::optional<Beneath> root_;
   std::set<std::string> locked_paths_;
-  std::string path_;                         ///< of the current file, absolute
-  bool may_be_locked_ = false;               ///< whether the host may have locks on it
-  OwnDescriptors own_;                       ///< such a file is opened, read and closed there
-  Descriptor live_;                          ///< the live file there, if one can be read
-  Stamp stamp_;                              ///< of it, before it was read
-  const LiveMember* known_early_ = nullptr;  ///< the live file, if its digest is known
-  std::uint32_t checksum_ = 0;               ///< then that of the archive's content
+  std::string path_;                                  ///< of the current file, absolute
+  std::optional<std::map<std::string, Held>> small_;  ///< of the configuration database, by relative path
+  const Held* held_ = nullptr;                        ///< the live file there, if it is one of these
+  std::size_t compared_ = 0;                          ///< how much of it
+  bool may_be_locked_ = false;                        ///< whether the host may have locks on it
+  OwnDescriptors own_;                                ///< such a file is opened, read and closed there
+  Descriptor live_;                                   ///< the live file there, if one can be read
+  Stamp stamp_;                                       ///< of it, before it was read
+  const LiveMember* known_early_ = nullptr;           ///< the live file, if its digest is known
+  std::uint32_t checksum_ = 0;                        ///< then that of the archive's content
   bool is_equal_ = false;
   std::vector<char> buffer_;
   std::unordered_map<std::string, Known> known_;  ///< by absolute path

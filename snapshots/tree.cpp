@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "snapshots/beneath.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/digest.h"
 #include "snapshots/member_collector.h"
@@ -26,13 +27,15 @@ constexpr std::size_t kPiece = 128 << 10;
 class TreeReading {
  public:
   TreeReading(const TreePart& part, const Limits& limits, const KnownDigests* known,
-              std::map<std::string, LiveMember>& members, std::vector<std::string>* unreadable)
+              std::map<std::string, LiveMember>& members, std::vector<std::string>* unreadable,
+              OwnDescriptors& own)
       : part_(part),
         base_(part.directory),
         limits_(limits),
         known_(known),
         members_(members),
-        unreadable_(unreadable) {}
+        unreadable_(unreadable),
+        own_(own) {}
 
   Error run() {
     if (Error error = add_entries(part_.paths); error.code != Code::ok) return error;
@@ -165,7 +168,8 @@ class TreeReading {
     }
     switch (status.st_mode & S_IFMT) {
       case S_IFREG:
-        return add_known(path, status) ? Error{} : add_file(directory, path, name);
+        if (add_known(path, status)) return {};
+        return part_.locked.count(path) == 0 ? add_file(directory, path, name) : add_locked(path);
       case S_IFLNK:
         return add_link(directory, path, name, status);
       case S_IFDIR:
@@ -241,6 +245,17 @@ class TreeReading {
     return {};
   }
 
+  /// A file that the host may have locks on. The descriptors of its directory are others there.
+  Error add_locked(const std::string& path) {
+    Error error;
+    own_.run([&] {
+      Result<Beneath> root = Beneath::open(base_);
+      const Result<int> parent = root ? root->directory(parent_of(path)) : root.error();
+      error = parent ? add_file(*parent, path, name_of(path)) : parent.error();
+    });
+    return error;
+  }
+
   Error add_file(int directory, const std::string& path, const std::string& name) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
       const Descriptor file(
@@ -286,6 +301,7 @@ class TreeReading {
   const KnownDigests* known_;
   std::map<std::string, LiveMember>& members_;
   std::vector<std::string>* unreadable_;
+  OwnDescriptors& own_;
   Descriptor root_;
   std::optional<std::string> parent_;  ///< of the last entry; most entries share theirs
   Descriptor parent_directory_;        ///< none if it is missing
@@ -296,18 +312,14 @@ class TreeReading {
   bool enters_directories_ = true;
 };
 
-/// In a thread that takes no lock from the host when it closes the files.
 Result<Tree> read(const std::vector<TreePart>& parts, const Limits& limits, const KnownDigests* known,
                   std::vector<std::string>* unreadable) {
   Tree tree{known != nullptr ? known->moment() : now(), {}};
-  Error error;
-  OwnDescriptors().run([&] {
-    for (const TreePart& part : parts) {
-      error = TreeReading(part, limits, known, tree.members, unreadable).run();
-      if (error.code != Code::ok) return;
-    }
-  });
-  if (error.code != Code::ok) return error;
+  OwnDescriptors own;
+  for (const TreePart& part : parts) {
+    TreeReading reading(part, limits, known, tree.members, unreadable, own);
+    if (Error error = reading.run(); error.code != Code::ok) return error;
+  }
   return tree;
 }
 

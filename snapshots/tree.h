@@ -1,10 +1,12 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "contents.h"
+#include "snapshots/database_logs.h"
 #include "snapshots/limits.h"
 #include "snapshots/secrets.h"
 #include "snapshots/stamp.h"
@@ -63,6 +65,7 @@ struct TreePart {
   std::vector<std::string> paths;  ///< relative; as the contents have them, with all that is below
   std::vector<std::string> alone;  ///< relative; a directory without what is below
   Secrets secrets;
+  std::set<std::string> locked = locked_paths();  ///< relative
 };
 
 /// The parts that read_tree reads. Asks the platform for the directories; reading the parts does not.

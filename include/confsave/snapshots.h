@@ -47,10 +47,15 @@
 // Times are seconds since the epoch, of 64 bits. Versions are packed, see <confsave.h>. Paths of members
 // are absolute: where a restore puts them.
 //
-// Threads. Functions have no state in common; different threads may call them at the same time. While it
-// packs, save() runs a thread of its own, which handles no signals and has ended on return. The functions
+// Threads. Functions have no state in common; different threads may call them at the same time. What reads
+// the live files runs threads of its own, which handle no signals and have ended on return. The functions
 // that a caller passes run in the calling thread; while an archive is read, LC_CTYPE of this thread is that
 // of "C.UTF-8". pthread_cancel(3) during a call and pthread_exit(3) in such a function abort the process.
+//
+// Locks of fcntl(2), as SQLite takes them, are lost when the process closes any descriptor of the file. A
+// host keeps those that it has on the configuration database, and those of its own SQLite on a file that it
+// passes to import_from(). Those on other files of the configuration it may lose in each call that reads
+// them: locks of flock(2), or of open file descriptions, stay.
 //
 // Processes. save(), and what saves first, runs commands of the platform. No other thread may wait for a
 // child that it has not started: how the command ended would be unknown, and the save fails. What commands
