@@ -4,7 +4,8 @@
 
 namespace ConfSave::snapshots {
 
-/// A thread inherits the mask of signals: those of the host are for its own threads. For its start.
+/// No signal of the host is handled, or ends the process, in this thread meanwhile. A thread that is
+/// started then inherits that.
 class BlockedSignals {
  public:
   BlockedSignals() {

@@ -6,6 +6,7 @@
 #include "snapshots/arguments.h"
 #include "snapshots/audit.h"
 #include "snapshots/author.h"
+#include "snapshots/blocked_signals.h"
 #include "snapshots/boot.h"
 #include "snapshots/boundary.h"
 #include "snapshots/check_owner.h"
@@ -229,6 +230,7 @@ class Restoring {
   }
 
   Error apply_all(Exchange& exchange) const {
+    const BlockedSignals blocked;  // The end of the process would leave a mixture until a recovery.
     for (std::size_t number = 0; number < record_.steps.size(); ++number) {
       if (Error error = exchange.apply(number); error.code != Code::ok) return error;
     }
@@ -257,10 +259,9 @@ class Restoring {
       if (refused.code == Code::ok) refused = write_undo(foreign);
     }
     Error unfinished;
-    Error error;
-    if (refused.code == Code::ok) {
+    Error error = refused;
+    if (error.code == Code::ok)
       error = take_back(*journal_, record_, sites_, foreign, warnings, unfinished);
-    }
     limit_kept();
     for (const std::string& warning : warnings) why.text += "; " + warning;
     if (refused.code != Code::ok) return none_put_back(std::move(why), refused, record_.steps, sites_);

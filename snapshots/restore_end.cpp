@@ -5,6 +5,7 @@
 #include <set>
 
 #include "places.h"
+#include "snapshots/blocked_signals.h"
 #include "snapshots/database_logs.h"
 #include "snapshots/edited.h"
 #include "snapshots/sentence.h"
@@ -40,6 +41,7 @@ bool depends(const Step& step, const Step& other) {
 
 Error take_back(Journal& journal, const Record& record, std::vector<Site>& sites, Foreign foreign,
                 std::vector<std::string>& warnings, Error& unfinished) {
+  const BlockedSignals blocked;
   Exchange exchange(sites, record.steps);
   Error first;
   std::string others;

@@ -93,6 +93,25 @@ def at_random_times(gateway, count, source):
     return count
 
 
+def in_an_exchange(gateway):
+    """A signal ends a restore, or its undo, when all files are of one content, and not before."""
+    struck = 0
+    for number in SIGNALS + [signal.SIGPIPE]:
+        for call in range(1, 4):
+            trace = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=renameat2",
+                     "-e", f"inject=renameat2:signal={number.name}:when={call}"]
+            status, output = gateway.run("typed-load", "weekly", "no-keep", prefix=trace)
+            require(status in (0, -number), "typed-load ended with", status, output)
+            contents = {found.split(b" ")[0] for found in gateway.configuration().values()}
+            require(contents == {b"old"}, number, "left", contents)
+            struck += status == -number
+            gateway.do("typed-recover")
+            gateway.restore_state()
+            gateway.write_configuration("new", SIZE)
+    require(struck > 0, "no signal came in time")
+    return struck
+
+
 CLOSINGS = ["<&-", ">&-", "2>&-", "<&- >&- 2>&-", "| true", "2>&1 | true", "</dev/full >/dev/full"]
 VERBS = ["save weekly", "load weekly", "app-save shell", "list", "autosave 9"]
 
@@ -117,10 +136,10 @@ def campaign(program, full, source):
         gateway.keep_state()
         gateway.write_configuration("new", SIZE)
         figures = (during_commands(gateway), *to_commands_alone(gateway, 200 if full else 6, source),
-                   at_random_times(gateway, 300 if full else 5, source),
+                   at_random_times(gateway, 300 if full else 5, source), in_an_exchange(gateway),
                    without_streams(gateway, full, source))
     return ("%d signals to the host and its commands, %d to commands alone of which %d came in time, "
-            "%d at random times, %d calls without a stream, nothing lost" % figures)
+            "%d at random times, %d in an exchange, %d calls without a stream, nothing lost" % figures)
 
 
 main(campaign)
