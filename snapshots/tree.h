@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "contents.h"
-#include "snapshots/database_logs.h"
 #include "snapshots/limits.h"
 #include "snapshots/secrets.h"
 #include "snapshots/stamp.h"
@@ -65,7 +64,6 @@ struct TreePart {
   std::vector<std::string> paths;  ///< relative; as the contents have them, with all that is below
   std::vector<std::string> alone;  ///< relative; a directory without what is below
   Secrets secrets;
-  std::set<std::string> locked = locked_paths();  ///< relative
 };
 
 /// The parts that read_tree reads. Asks the platform for the directories; reading the parts does not.

@@ -123,11 +123,11 @@ class Stopped:
 
     def finish(self):
         """Goes on; the status and the output."""
-        if self.process.poll() is None:
-            children = pathlib.Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
+        children = pathlib.Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
+        while self.process.poll() is None:
+            time.sleep(0.01)  # Each thread stops once.
             for child in children.read_bytes().split():
                 os.kill(int(child), signal.SIGCONT)
-        self.process.wait(60)
         output = self.process.stdout.read().decode("utf-8", "replace")
         self.process.stdout.close()
         return self.process.returncode, output
