@@ -87,15 +87,15 @@ void print_extra(std::ostream& out, const cs::Plan& plan) {
 
 /// A plan takes nothing back, and says what it waits for.
 cs::Error refusal_of(const cs::Unfinished& left) {
-  const std::string restore = "the restore of '" + printable(left.name) + "'";
+  const std::string what = "the restore of '" + printable(left.name) + "'";
   if (!left.is_pending)
-    return {cs::Code::needs_attention, 0, "", restore + " was interrupted; run 'confsave recover' first"};
+    return {cs::Code::needs_attention, 0, "", what + " was interrupted; run 'confsave recover' first"};
   const auto waiting = cs::pending();
   const bool is_checked = waiting && *waiting && (*waiting)->is_checked;
   const bool is_over = waiting && *waiting && !is_checked && (*waiting)->seconds_left == 0;
   return {cs::Code::pending, 0, "",
           is_over ? text_of(**waiting)
-                  : restore + (is_checked ? " waits for its check" : " waits to be confirmed")};
+                  : what + (is_checked ? " waits for its check" : " waits to be confirmed")};
 }
 
 /// Before a snapshot is chosen: what an earlier restore left must be settled.

@@ -52,8 +52,9 @@ std::vector<std::string> database_logs() {
 
 std::set<std::string> locked_paths() {
   std::set<std::string> paths;
-  for (std::string& log : database_logs()) paths.insert(std::move(log));
-  for (std::string& file : database_files("")) paths.insert(std::move(file));
+  for (const std::string& file : database_files("")) {
+    for (const char* end : {"", "-journal", kWriteAheadLog, kIndex}) paths.insert(file + end);
+  }
   return paths;
 }
 

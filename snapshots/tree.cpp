@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "snapshots/beneath.h"
-#include "snapshots/database_logs.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/digest.h"
 #include "snapshots/member_collector.h"
@@ -170,8 +169,7 @@ class TreeReading {
     switch (status.st_mode & S_IFMT) {
       case S_IFREG:
         if (add_known(path, status)) return {};
-        if (locked_.empty()) locked_ = locked_paths();
-        return locked_.count(path) == 0 ? add_file(directory, path, name) : add_locked(path);
+        return part_.locked.count(path) == 0 ? add_file(directory, path, name) : add_locked(path);
       case S_IFLNK:
         return add_link(directory, path, name, status);
       case S_IFDIR:
@@ -304,7 +302,6 @@ class TreeReading {
   std::map<std::string, LiveMember>& members_;
   std::vector<std::string>* unreadable_;
   OwnDescriptors& own_;
-  std::set<std::string> locked_;
   Descriptor root_;
   std::optional<std::string> parent_;  ///< of the last entry; most entries share theirs
   Descriptor parent_directory_;        ///< none if it is missing

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "contents.h"
+#include "snapshots/database_logs.h"
 #include "snapshots/limits.h"
 #include "snapshots/secrets.h"
 #include "snapshots/stamp.h"
@@ -64,6 +65,8 @@ struct TreePart {
   std::vector<std::string> paths;  ///< relative; as the contents have them, with all that is below
   std::vector<std::string> alone;  ///< relative; a directory without what is below
   Secrets secrets;
+  std::set<std::string> locked =  ///< relative; the host may have locks on them
+      base == Base::configuration ? locked_paths() : std::set<std::string>();
 };
 
 /// The parts that read_tree reads. Asks the platform for the directories; reading the parts does not.

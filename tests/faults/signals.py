@@ -96,7 +96,7 @@ def at_random_times(gateway, count, source):
 def in_an_exchange(gateway):
     """A signal ends a restore, or its undo, when all files are of one content, and not before."""
     struck = 0
-    for number in SIGNALS + [signal.SIGPIPE]:
+    for number in [*SIGNALS, signal.Signals.SIGPIPE]:
         for call in range(1, 4):
             trace = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=renameat2",
                      "-e", f"inject=renameat2:signal={number.name}:when={call}"]
