@@ -46,8 +46,9 @@ void delete_again(std::vector<cs::Undeleted>& undeleted, const Deadline& deadlin
 int report_undeleted(const std::vector<cs::Undeleted>& undeleted) {
   std::cout.flush();
   for (const cs::Undeleted& one : undeleted) {
-    std::cerr << "confsave: '" << label(one.victim.snapshot)
-              << "' was not deleted: " << reason_and_step(one.error, true) << '\n';
+    const char* what = may_be_done(one.error) ? "': " : "' was not deleted: ";
+    std::cerr << "confsave: '" << label(one.victim.snapshot) << what << reason_and_step(one.error, true)
+              << '\n';
   }
   return undeleted.empty() ? kDone : kFailed;
 }

@@ -1,6 +1,7 @@
 #include "report.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -61,11 +62,9 @@ std::string step_for_pending() {
   return "'confsave confirm' keeps it, 'confsave revert' takes it back";
 }
 
-bool may_be_stored(const cs::Error& error) { return error.aftermath == cs::Aftermath::perhaps_stored; }
-
 std::string next_step(const cs::Error& error, bool waits) {
   using cs::Code;
-  if (may_be_stored(error)) return "Mend that, and see with 'confsave list' what is stored";
+  if (may_be_done(error)) return "Mend that, and see with 'confsave list' what is stored";
   switch (error.code) {
     case Code::bad_argument:
       return "Give another one";
@@ -109,8 +108,13 @@ std::string next_step(const cs::Error& error, bool waits) {
   }
 }
 
-/// What --force would do besides is named, too. Empty when the file is the matter.
-std::string step_for_import(const cs::Error& error, bool is_one) {
+bool is_special(const std::string& file) {
+  struct stat status = {};
+  return stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+/// What --force would do besides is named, too. Empty when the content of the file is the matter.
+std::string step_for_import(const cs::Error& error, const std::string& file, bool is_one) {
   using cs::Code;
   switch (error.code) {
     case Code::newer:
@@ -126,14 +130,14 @@ std::string step_for_import(const cs::Error& error, bool is_one) {
     case Code::ambiguous:
       // Those of the file, or those of the storage.
       return error.path.empty() ? next_step(error, true) : "Choose one by NAME@VERSION";
+    case Code::failed:
+      return error.path == file && is_special(file) ? "Give - to read from standard input" : "";
     case Code::busy:
     case Code::denied:
     case Code::no_space:
     case Code::no_storage:
     case Code::pending:
       return next_step(error, true);
-    case Code::failed:
-      return error.text == "this is not a regular file" ? "Give - to read from standard input" : "";
     default:
       return "";
   }
@@ -189,6 +193,8 @@ int print_report(const cs::Error& error, const std::string& step) {
 }
 
 }  // namespace
+
+bool may_be_done(const cs::Error& error) { return error.aftermath == cs::Aftermath::perhaps_done; }
 
 int exit_status(cs::Code code) {
   using cs::Code;
@@ -265,11 +271,12 @@ int report_reading(cs::Error error, const std::string& which) {
   return report(error);
 }
 
-int report_import(const cs::Error& error, bool is_one) {
+int report_import(const cs::Error& error, const std::string& file, bool is_one) {
   print_failure(error);
   print_mixture(error);
-  if (!may_be_stored(error)) std::cerr << " Nothing was stored.";
-  const std::string step = may_be_stored(error) ? next_step(error, true) : step_for_import(error, is_one);
+  if (!may_be_done(error)) std::cerr << " Nothing was stored.";
+  const std::string step =
+      may_be_done(error) ? next_step(error, true) : step_for_import(error, file, is_one);
   if (!step.empty()) std::cerr << ' ' << step << '.';
   std::cerr << '\n';
   return exit_status(error.code);

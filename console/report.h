@@ -18,6 +18,9 @@ namespace cs = ConfSave::snapshots;
 /// The exit status for an error.
 int exit_status(cs::Code code);
 
+/// Whether what was to be stored or deleted may be so although the call has failed.
+bool may_be_done(const cs::Error& error);
+
 /// Prints what failed, why, and what to do next. `waits`: the verb has the option --wait. Returns the exit
 /// status.
 int report(const cs::Error& error, bool waits = false);
@@ -36,8 +39,8 @@ int report_restore(cs::Error error, const cs::Snapshot& snapshot);
 /// The same for an error of reading the snapshots `which`: an archive's error does not name its snapshot.
 int report_reading(cs::Error error, const std::string& which);
 
-/// The same for an error of importing. `is_one`: one snapshot of the file was chosen.
-int report_import(const cs::Error& error, bool is_one);
+/// The same for an error of importing `file`. `is_one`: one snapshot of it was chosen.
+int report_import(const cs::Error& error, const std::string& file, bool is_one);
 
 /// Warns that comments and pins are not known.
 void warn_of_notes(const cs::Error& error);

@@ -73,7 +73,7 @@ int import_snapshots(const Options& options) {
   }
   if (!imported) {
     // A new name is for one, too.
-    return report_import(imported.error(), options.as || !options.snapshot.name.empty());
+    return report_import(imported.error(), options.exchanged, options.as || !options.snapshot.name.empty());
   }
   print_warnings(imported->warnings);
   if (!options.json) return kDone;

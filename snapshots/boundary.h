@@ -7,6 +7,8 @@
 
 namespace ConfSave::snapshots {
 
+inline constexpr const char* kThrown = "the platform or a function of the caller threw an exception";
+
 /// Calls what a public function does. std::bad_alloc passes; any other exception becomes an error. Only the
 /// host's platform can throw one, and what the caller passes: progress, sink and supply.
 template <class Call>
@@ -16,9 +18,10 @@ auto at_boundary(Call call) -> decltype(call()) {
   } catch (const std::bad_alloc&) {
     throw;
   } catch (const std::exception& error) {
-    return Error{Code::failed, 0, "", error.what()};
+    const char* what = error.what();
+    return Error{Code::failed, 0, "", what != nullptr ? what : kThrown};
   } catch (...) {
-    return Error{Code::failed, 0, "", "the platform or a function of the caller threw an exception"};
+    return Error{Code::failed, 0, "", kThrown};
   }
 }
 

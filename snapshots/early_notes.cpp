@@ -54,7 +54,7 @@ bool EarlyNotes::has(const Snapshot& row) const {
 }
 
 void EarlyNotes::take_back(const Error& why) {
-  if (why.aftermath == Aftermath::perhaps_stored) return;
+  if (why.aftermath == Aftermath::perhaps_done) return;
   // What fails here belongs to no row.
   for (const int64 id : written_) notes_->forget(id);
   written_.clear();

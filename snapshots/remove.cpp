@@ -93,6 +93,16 @@ void give_back_pages(Database& storage, Reserve& reserve) {
   }
 }
 
+/// After a deletion that has failed. Without its commit the row is there again.
+Error deletion_failed(StorageReader& reader, const Id& id, const Snapshot& row, Error error) {
+  if (error.code == Code::busy) return error;
+  const Result<Snapshot> now = row_of(reader, id, &row);
+  if (now && is_same_row(*now, row)) return error;
+  error.aftermath = Aftermath::perhaps_done;
+  error.text = "what was to be deleted may be gone all the same: " + error.text;
+  return error;
+}
+
 /// What fails here leaves a note that belongs to no row.
 void forget_note(int64 id, const Deadline& deadline) {
   Result<std::optional<Notes>> notes = Notes::open(deadline.left());
@@ -109,7 +119,7 @@ Error remove_row(const Id& id, const RemoveOptions& options, const Deadline& dea
   if (Error error = storage.sync_deletions(); error.code != Code::ok) return error;
 
   Reserve reserve(storage);
-  int64 deleted = 0;
+  std::optional<Snapshot> deleted;
   Error error = reserve.run([&]() -> Error {
     if (Error failure = choose_overwriting(storage, reserve.is_needed()); failure.code != Code::ok) {
       return failure;
@@ -121,14 +131,15 @@ Error remove_row(const Id& id, const RemoveOptions& options, const Deadline& dea
     if (!options.even_pinned) {
       if (Error pinned = check_pin(*row, deadline); pinned.code != Code::ok) return pinned;
     }
-    deleted = row->id;
+    deleted = *row;
     if (removed != nullptr) *removed = *row;
     return delete_row(storage, *row);
   });
   if (error.code == Code::ok) give_back_pages(storage, reserve);
   reserve.take_back();
   Reserve::keep(storage.file());
-  if (error.code == Code::ok) forget_note(deleted, deadline);
+  if (error.code == Code::ok) forget_note(deleted->id, deadline);
+  if (error.code != Code::ok && deleted) return deletion_failed(**reader, id, *deleted, std::move(error));
   return error;
 }
 

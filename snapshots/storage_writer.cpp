@@ -66,7 +66,7 @@ Error StorageWriter::in_transaction(const std::function<Error()>& change, const 
   // Who waited in vain for readers has not written.
   const bool has_failed_late = is_changed && error.code != Code::ok && error.code != Code::busy;
   if (has_failed_late && may_have(last)) {
-    error.aftermath = Aftermath::perhaps_stored;
+    error.aftermath = Aftermath::perhaps_done;
     error.text = "what was to be stored may be there all the same: " + error.text;
   }
   return error;

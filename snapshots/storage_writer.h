@@ -39,7 +39,7 @@ class StorageWriter {
 
   /// Stores `row`, durably, in place of the row of its name and version, if that may go. The archives are
   /// read back and the row is looked up before the commit, and then `before_commit` is called. After an
-  /// error, its own too, the storage is unchanged, unless that is Aftermath::perhaps_stored. The pages of
+  /// error, its own too, the storage is unchanged, unless that is Aftermath::perhaps_done. The pages of
   /// the old row stay free in the file, with their content, until other rows use them or a deletion gives
   /// them back.
   Result<Stored> store(NewRow row, const MayReplace& may_replace,
@@ -47,7 +47,7 @@ class StorageWriter {
 
   /// Runs `change` in one transaction in which the table exists; durable on return. After an error the
   /// storage is unchanged. But a commit can fail after it took effect, for example when the directory is
-  /// synced: if `last`, a row that `change` has stored, may be there, that is Aftermath::perhaps_stored.
+  /// synced: if `last`, a row that `change` has stored, may be there, that is Aftermath::perhaps_done.
   Error in_transaction(const std::function<Error()>& change, const Snapshot& last);
 
   /// Within a transaction: deletes the row of this name and version, if it may go, and returns its id.

@@ -219,7 +219,7 @@ void repeat(const Arguments& arguments, const std::function<void(const std::stri
 
 void demand(const snapshots::Error& error) {
   if (error.code == snapshots::Code::ok) return;
-  constexpr const char* kAftermaths[] = {"untouched", "put_back", "mixed", "perhaps_stored"};
+  constexpr const char* kAftermaths[] = {"untouched", "put_back", "mixed", "perhaps_done"};
   throw std::runtime_error(
       "code " + std::to_string(static_cast<int>(error.code)) + " number " + std::to_string(error.number) +
       " " + kAftermaths[static_cast<int>(error.aftermath)] + " " + error.path + ": " + error.text);

@@ -156,7 +156,7 @@ TEST_F(EarlyNotesTest, ACommitThatFailsAfterItTookEffectLeavesThePin) {
       if (error.code == Code::ok) continue;
       EXPECT_EQ(now.substr(now.find(' ')), is_new ? c.comment : old.substr(old.find(' ')))
           << c.what << sync;
-      EXPECT_EQ(error.aftermath, is_new ? Aftermath::perhaps_stored : Aftermath::untouched);
+      EXPECT_EQ(error.aftermath, is_new ? Aftermath::perhaps_done : Aftermath::untouched);
       if (!is_new) continue;
       ++stored;
       EXPECT_EQ(shown(error), shown({Code::failed, 0, database(),

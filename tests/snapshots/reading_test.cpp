@@ -283,12 +283,30 @@ TEST(Secrets, AreWhatTheContentsSayAndAllBelow) {
   EXPECT_FALSE(Secrets(ConfSave::Base::failover).contains("user/key_set"));
 }
 
+struct Silent : std::exception {
+  const char* what() const noexcept override { return nullptr; }
+};
+
 TEST(Boundary, OnlyTheEndOfMemoryLeavesIt) {
   const auto call = [](auto exception) { return at_boundary([&]() -> Result<int> { throw exception; }); };
   EXPECT_EQ(call(std::runtime_error("no path")).error().text, "no path");
   EXPECT_EQ(call(7).error().text, "the platform or a function of the caller threw an exception");
   EXPECT_EQ(call(7).error().code, Code::failed);
+  EXPECT_EQ(call(Silent()).error().text, call(7).error().text);
   EXPECT_THROW((void)call(std::bad_alloc()), std::bad_alloc);
+}
+
+/// `for (const Snapshot& snapshot : *list())` is what people write.
+TEST(ResultTest, WhatATemporaryHoldsCanBeKept) {
+  const auto call = [](bool good) {
+    return good ? Result<Texts>(Texts{"long enough to be on the heap"}) : Error{Code::failed, 0, "", "no"};
+  };
+  static_assert(!std::is_reference_v<decltype(*call(true))> &&
+                !std::is_reference_v<decltype(call(false).error())>);
+  Texts seen;
+  for (const std::string& text : *call(true)) seen.push_back(text);
+  EXPECT_EQ(seen, Texts{"long enough to be on the heap"});
+  EXPECT_EQ(call(false).error().text, "no");
 }
 
 }  // namespace

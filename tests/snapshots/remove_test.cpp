@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include "confsave/snapshots.h"
+#include "snapshots/killing.h"
 #include "snapshots/lock.h"
 #include "snapshots/under_lock.h"
 #include "support/gateway.h"
@@ -130,6 +131,29 @@ TEST_F(RemoveTest, TheNoteIsDeletedToo) {
   options.even_pinned = true;
   EXPECT_EQ(snapshots::remove({"daily"}, options).code, Code::ok);
   EXPECT_EQ(names(), Texts());
+}
+
+/// "storage.db" and its directory are synced last.
+TEST_F(RemoveTest, ACommitThatFailsAfterItTookEffectSaysSo) {
+  int gone = 0;
+  bool has_failed = true;
+  for (int sync = 1; has_failed; ++sync) {
+    ASSERT_LT(sync, 20);
+    if (names().empty()) put({"weekly", kCurrent});
+    Error error;
+    {
+      const FailingSync failing(sync);
+      error = snapshots::remove({"weekly"});
+      has_failed = FailingSync::has_failed();
+    }
+    if (error.code == Code::ok) continue;
+    EXPECT_EQ(error.aftermath, names().empty() ? Aftermath::perhaps_done : Aftermath::untouched) << sync;
+    if (!names().empty()) continue;
+    ++gone;
+    EXPECT_EQ(error.path, database());
+    EXPECT_EQ(error.text, "what was to be deleted may be gone all the same: disk I/O error");
+  }
+  EXPECT_EQ(gone, 1);
 }
 
 TEST_F(RemoveTest, NotesThatCannotBeReadMayHoldAPin) {

@@ -92,7 +92,7 @@ struct RestoreOptions {
   /// seconds more until it is ready; under systemd, where it may be started twice, up to twenty.
   std::string program = {};
   /// Called now and then, by the calling thread; by plan() too. If it throws, the call ends with an error,
-  /// and nothing was changed.
+  /// and nothing was changed. A restore holds the lock: a call from here that changes something is busy.
   std::function<void(const Progress&)> progress = {};
   std::chrono::milliseconds wait{30000};
 };

@@ -37,9 +37,9 @@ enum class Aftermath {
   untouched,  ///< nothing was changed
   put_back,   ///< what was changed is as it was before
   mixed,      ///< some files are not as they were; path and text name them; recover() tries again
-  /// Of a call that stores: its commit failed so late that what was to be stored may be there, as a whole
-  /// and with its comment and pin. list() shows whether it is.
-  perhaps_stored,
+  /// Of a call that stores or deletes: its commit failed so late that it may have taken effect, as a whole
+  /// and with comment and pin, and that a power cut may take it back. list() shows whether it has.
+  perhaps_done,
 };
 
 /// A failure.
@@ -49,7 +49,8 @@ struct Error {
   /// The file or member that it is about; may be empty. For messages: control characters may be escaped.
   std::string path;
   std::string text;  ///< one sentence without the path, without a line end
-  /// Of restore(), recover() and revert(), of each other call that recovers first, and of those that store.
+  /// Of restore(), recover() and revert(), of each other call that recovers first, and of those that store
+  /// or delete.
   Aftermath aftermath = Aftermath::untouched;
 };
 
@@ -68,14 +69,17 @@ class [[nodiscard]] Result {
   /// True if there is a value.
   explicit operator bool() const { return std::holds_alternative<Value>(content_); }
 
-  /// The value. Only if there is one.
-  Value& operator*() { return *std::get_if<Value>(&content_); }
-  const Value& operator*() const { return *std::get_if<Value>(&content_); }
+  /// The value. Only if there is one. That of a temporary is moved out: it may be kept, as in
+  /// `for (const Snapshot& snapshot : *list())`.
+  Value& operator*() & { return *std::get_if<Value>(&content_); }
+  const Value& operator*() const& { return *std::get_if<Value>(&content_); }
+  Value operator*() && { return std::move(*std::get_if<Value>(&content_)); }
   Value* operator->() { return std::get_if<Value>(&content_); }
   const Value* operator->() const { return std::get_if<Value>(&content_); }
 
   /// The error. Only if there is no value.
-  const Error& error() const { return *std::get_if<Error>(&content_); }
+  const Error& error() const& { return *std::get_if<Error>(&content_); }
+  Error error() && { return std::move(*std::get_if<Error>(&content_)); }
 
  private:
   std::variant<Value, Error> content_;
