@@ -220,7 +220,13 @@ Error Database::run(const char* text) {
 
 Error Database::in_transaction(const std::function<Error()>& change) {
   if (Error error = run("begin immediate"); error.code != Code::ok) return error;
-  Error error = change();
+  Error error;
+  try {
+    error = change();
+  } catch (...) {
+    sqlite3_exec(db_.get(), "rollback", nullptr, nullptr, nullptr);
+    throw;
+  }
   if (error.code == Code::ok) return run("commit");
   run("rollback");
   return error;

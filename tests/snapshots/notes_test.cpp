@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "confsave/snapshots.h"
+#include "snapshots/notes.h"
 #include "support/gateway.h"
 
 namespace {
@@ -11,6 +12,7 @@ namespace {
 using namespace test;
 using namespace ConfSave::snapshots;
 using std::chrono::milliseconds;
+using test::Database;
 
 class NotesTest : public Gateway {
  protected:
@@ -171,6 +173,16 @@ TEST_F(NotesTest, ARefusedChangeLeavesTheLocksOfThisProcess) {
   options.wait = milliseconds(10);
   EXPECT_EQ(note({"weekly"}, "y", options).code, Code::busy);
   EXPECT_NE(shell("sqlite3 " + notes_file() + " 'begin immediate' 2>/dev/null"), 0);
+}
+
+/// Memory may end in the middle of a transaction.
+TEST_F(NotesTest, AnExceptionEndsTheTransaction) {
+  const Snapshot snapshot = list()->front();
+  Result<Notes> notes = Notes::open_to_write(milliseconds(0));
+  ASSERT_TRUE(notes);
+  EXPECT_THROW(static_cast<void>(notes->change(snapshot, [](Note&) { throw std::bad_alloc(); })),
+               std::bad_alloc);
+  EXPECT_EQ(notes->change(snapshot, [](Note& note) { note.comment = "after it"; }).code, Code::ok);
 }
 
 TEST_F(NotesTest, TwoWhoChangeTheSameNoteLoseNothing) {
