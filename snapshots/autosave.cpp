@@ -7,6 +7,7 @@
 #include "snapshots/audit.h"
 #include "snapshots/boundary.h"
 #include "snapshots/compare.h"
+#include "snapshots/database_logs.h"
 #include "snapshots/dated_name.h"
 #include "snapshots/lock.h"
 #include "snapshots/summary.h"
@@ -61,6 +62,11 @@ Result<Saved> save_new(const AutosaveOptions& options, const Deadline& deadline)
 
 /// From here on a failure is one of the deletions: the new snapshot is stored.
 void delete_surplus(const AutosaveOptions& options, const Deadline& deadline, Autosaved& done) {
+  if (is_torn(done.saved)) {
+    done.undecided = {Code::changed_meanwhile, 0, "",
+                      "the new one may hold a part of a transaction of the configuration database"};
+    return;
+  }
   Surplus surplus;
   surplus.keep = options.most;
   surplus.fresh = done.saved.snapshot;

@@ -17,6 +17,7 @@ namespace {
 
 constexpr const char* kWriteAheadLog = "-wal";
 constexpr const char* kIndex = "-shm";
+constexpr const char* kIsTorn = ": a transaction has not ended; the snapshot may hold a part of it";
 
 bool ends_with(const std::string& path, const std::string& end) {
   return path.size() > end.size() && path.compare(path.size() - end.size(), end.size(), end) == 0;
@@ -91,9 +92,14 @@ std::vector<std::string> warnings_of_logs() {
     warnings.push_back(printable(path) +
                        (is_write_ahead_log(log)
                             ? ": the database may have changes in this file that the snapshot does not hold"
-                            : ": a transaction has not ended; the snapshot may hold a part of it"));
+                            : kIsTorn));
   }
   return warnings;
+}
+
+bool is_torn(const Saved& saved) {
+  return std::any_of(saved.warnings.begin(), saved.warnings.end(),
+                     [](const std::string& warning) { return ends_with(warning, kIsTorn); });
 }
 
 }  // namespace ConfSave::snapshots

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "confsave.h"
+#include "confsave/snapshots.h"
 
 namespace ConfSave::snapshots {
 
@@ -31,5 +31,8 @@ const char* loss_with(const std::string& log);
 
 /// What the logs of the live configuration mean for a snapshot that is made now: a sentence each.
 std::vector<std::string> warnings_of_logs();
+
+/// Whether one of these warnings of a save says that the snapshot may hold a part of a transaction.
+bool is_torn(const Saved& saved);
 
 }  // namespace ConfSave::snapshots

@@ -107,6 +107,9 @@ std::string keep_edited(Journal& journal, Record& record, std::vector<Site>& sit
                        sentence(saved.error()));
     return "";
   }
+  for (const std::string& warning : saved->warnings) {
+    warnings.push_back("'" + saved->snapshot.config.name + "': " + warning);
+  }
   leave_saved(edited, record, saved->snapshot, soon);
   for (const auto& [number, identity] : edited) record.steps[number].after = identity;
   if (!edited.empty()) {

@@ -75,11 +75,15 @@ TEST_F(DatabaseLogs, ThoseOfADatabaseThatGoesDoNotChangeTheOneThatComesBack) {
     const cs::Recovery recovery = reverted();
     EXPECT_EQ(everything(true), before_) << c.mode;
     EXPECT_EQ(rows(), "ok: live 900") << c.mode;
-    ASSERT_EQ(recovery.warnings.size(), c.logs.size()) << c.mode;
-    EXPECT_NE(recovery.warnings[0].find(c.logs[0] + ": '" + file(c.logs[0].substr(10)) +
+    ASSERT_EQ(recovery.warnings.size(), 2U) << c.mode;
+    // Those of the save, and what was set aside.
+    EXPECT_EQ(recovery.warnings[0].find("'" + recovery.kept + "': " + file(c.logs[0].substr(10)) + ": "),
+              0U)
+        << recovery.warnings[0];
+    EXPECT_NE(recovery.warnings[1].find(c.logs[0] + ": '" + file(c.logs[0].substr(10)) +
                                         "' is not as the restore has left it"),
               std::string::npos)
-        << recovery.warnings[0];
+        << recovery.warnings[1];
     EXPECT_EQ(set_aside(), c.logs);
   }
 }
@@ -205,6 +209,24 @@ TEST_F(DatabaseLogs, ASaveSaysThatATransactionHasNotEnded) {
             Texts{file("-journal") + ": a transaction has not ended; the snapshot may hold a part of it"});
   EXPECT_EQ(rows(), "ok: live 900");
   EXPECT_EQ(warnings(), Texts());
+}
+
+/// The older one may be the only one that holds a whole database.
+TEST_F(DatabaseLogs, AnAutosaveInATransactionDeletesNone) {
+  cs::AutosaveOptions options;
+  options.most = 1;
+  ASSERT_TRUE(cs::autosave(options));
+  die_in_a_transaction("delete");
+  const auto torn = cs::autosave(options);
+  ASSERT_TRUE(torn);
+  EXPECT_EQ(torn->saved.outcome, cs::Saved::Outcome::created);
+  EXPECT_EQ(torn->undecided.code, cs::Code::changed_meanwhile);
+  EXPECT_TRUE(torn->deleted.empty());
+  EXPECT_EQ(rows(), "ok: live 900");
+  const auto whole = cs::autosave(options);
+  ASSERT_TRUE(whole);
+  EXPECT_EQ(whole->undecided.code, cs::Code::ok);
+  EXPECT_EQ(whole->deleted.size(), 2U);
 }
 
 TEST_F(DatabaseLogs, OneThatComesMeanwhileEndsTheRestore) {

@@ -75,15 +75,6 @@ class PendingTest : public Restoring {
     EXPECT_TRUE(left && !*left);
   }
 
-  static std::string content(const std::string& name, const std::string& path) {
-    std::string content;
-    const auto error = cs::read_file({name}, path, [&content](std::string_view piece) {
-      content += piece;
-      return cs::Error{};
-    });
-    return error.code == cs::Code::ok ? content : error.text;
-  }
-
   std::map<std::string, std::string> before_;
 };
 

@@ -52,16 +52,6 @@ class RecoverTest : public Restoring {
     return result ? cs::Error{} : result.error();
   }
 
-  static std::string content(const std::string& name, const std::string& path) {
-    std::string content;
-    const auto error = cs::read_file({name}, path, [&content](std::string_view piece) {
-      content += piece;
-      return cs::Error{};
-    });
-    EXPECT_EQ(error.code, Code::ok) << error.text;
-    return content;
-  }
-
   void expect_undone() {
     EXPECT_EQ(everything(true), before_);
     EXPECT_EQ(query("select load_time from Config where name = 'weekly'")[0][0], "NULL");
@@ -204,8 +194,12 @@ TEST_F(RecoverTest, WhatCannotBeKeptIsSetAsideAndNamed) {
   write_file(state_dir() + "/notes.db", "no database");
   Recovery recovery = recovered();
   EXPECT_EQ(content(recovery.kept, config("user/gateway.conf")), "edited\n");
-  ASSERT_EQ(recovery.warnings.size(), 1U);
-  const std::string path = recovery.warnings[0].substr(0, recovery.warnings[0].find(": "));
+  ASSERT_EQ(recovery.warnings.size(), 2U);
+  EXPECT_EQ(
+      recovery.warnings[0].find("'" + recovery.kept + "': the comment, the author and the list of files"),
+      0U)
+      << recovery.warnings[0];
+  const std::string path = recovery.warnings[1].substr(0, recovery.warnings[1].find(": "));
   EXPECT_EQ(read_file(path), "edited\n");
   std::filesystem::remove_all(std::filesystem::path(path).parent_path());
   expect_undone();

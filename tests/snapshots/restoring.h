@@ -65,6 +65,16 @@ class Restoring : public Saving {
     return result ? cs::Error{} : result.error();
   }
 
+  /// Of a file in a snapshot; or why it cannot be read.
+  static std::string content(const std::string& name, const std::string& path) {
+    std::string content;
+    const auto error = cs::read_file({name}, path, [&content](std::string_view piece) {
+      content += piece;
+      return cs::Error{};
+    });
+    return error.code == cs::Code::ok ? content : error.text;
+  }
+
   static cs::RestoreOptions exactly() {
     cs::RestoreOptions options;
     options.exact = true;

@@ -96,7 +96,7 @@ struct Saved {
   int64 bytes = 0;  ///< of their content
   /// Files that one expects in the snapshot and that are not in it: those that cannot be read, those of a
   /// configuration database that is not whole, and fixed paths of the contents that the newest snapshot of
-  /// the type has.
+  /// the type has. A restore that keeps the configuration does not delete a file that no snapshot holds.
   std::vector<std::string> missing;
   std::vector<std::string> warnings;  ///< a sentence each; the snapshot is stored all the same
 };
@@ -249,7 +249,7 @@ struct Autosaved {
   Saved saved;
   std::vector<Victim> deleted;       ///< the oldest first
   std::vector<Undeleted> undeleted;  ///< the others were deleted all the same
-  Error undecided;                   ///< why no old one was deleted, if it is not known which ones may go
+  Error undecided;                   ///< why no old one was deleted, if that is not safe
 };
 
 // ---------------------------------------------------------------------------------------------------
