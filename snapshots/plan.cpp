@@ -27,6 +27,12 @@ bool has_below(const std::map<std::string, Value>& map, const std::string& path)
   return next != map.end() && begins_with(next->first, path + "/");
 }
 
+/// Null if none of `paths` is below `path`.
+const std::string* first_below(const std::set<std::string>& paths, const std::string& path) {
+  const auto next = paths.lower_bound(path + "/");
+  return next != paths.end() && begins_with(*next, path + "/") ? &*next : nullptr;
+}
+
 class Planning {
  public:
   Planning(OpenRow& row, const RestoreOptions& options, const Deadline& deadline)
@@ -76,6 +82,7 @@ class Planning {
     Result<Tree> live = read_parts(parts(), &check);
     if (!live) return live.error();
     plan_.live = std::move(live->members);
+    sockets_ = std::move(live->sockets);
     return {};
   }
 
@@ -222,22 +229,11 @@ class Planning {
     change.difference.secret = live.member.secret;
   }
 
-  /// The owner of a file is not compared by who cannot set it, nor the mode that a restore limits for that.
-  std::optional<Difference> differs(const Member& live, const Member& wanted) const {
-    if (owners_count_) return difference_between(live, wanted);
-    Member comparable = wanted;
-    comparable.uid = live.uid;
-    comparable.gid = live.gid;
-    const std::uint32_t group = may_give_to(wanted.gid) ? wanted.gid : live.gid;
-    const bool is_limited = wanted.kind == Kind::file && live.mode == mode_for(wanted, live.uid, group);
-    if (is_limited) comparable.mode = live.mode;
-    return difference_between(live, comparable);
-  }
-
   void compare(const std::string& path, const Wanted& wanted) {
     const auto live = plan_.live.find(path);
     PlannedChange change;
     if (live == plan_.live.end()) {
+      if (sockets_.count(path) != 0) in_the_way_ = socket_in_the_way(path);
       change.action = Action::create;
       change.difference.path = path;
       change.difference.change = Change::added;
@@ -247,7 +243,8 @@ class Planning {
       // A directory that the archive does not have keeps what it has.
       const bool is_both = now.kind == Kind::directory && wanted.member.kind == Kind::directory;
       if (is_both && wanted.entry == -1) return;
-      const std::optional<Difference> difference = differs(now, wanted.member);
+      const std::optional<Difference> difference =
+          difference_for_restore(now, wanted.member, owners_count_);
       if (!difference) return;
       change.action = difference->content ? Action::replace : Action::attributes;
       change.difference = *difference;
@@ -284,6 +281,7 @@ class Planning {
 
   void remove_below(const std::string& path) {
     const auto& live = plan_.live;
+    if (const std::string* socket = first_below(sockets_, path)) in_the_way_ = socket_in_the_way(*socket);
     for (auto next = live.lower_bound(path + "/"); next != live.end(); ++next) {
       if (!begins_with(next->first, path + "/")) return;
       if (is_kept(next->first)) {
@@ -312,7 +310,7 @@ class Planning {
   }
 
   bool becomes_empty(const std::string& path) const {
-    if (has_below(plan_.wanted, path)) return false;
+    if (has_below(plan_.wanted, path) || first_below(sockets_, path) != nullptr) return false;
     const auto& live = plan_.live;
     for (auto next = live.lower_bound(path + "/"); next != live.end(); ++next) {
       if (!begins_with(next->first, path + "/")) return true;
@@ -332,6 +330,7 @@ class Planning {
   Error no_manifest_;  ///< why there may be one that cannot be read
   std::map<std::string, PlannedChange> changes_;
   std::set<std::string> removed_;
+  std::set<std::string> sockets_;
   Error in_the_way_;
   std::set<std::string> seen_;  ///< directories that were considered as parents
 };

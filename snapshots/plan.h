@@ -44,6 +44,14 @@ Result<DetailedPlan> make_plan(OpenRow& row, const RestoreOptions& options, cons
 Result<std::map<std::string, LiveMember>> find_logs(const std::string& directory,
                                                     const std::map<std::string, PlannedChange>& changes);
 
+/// What a restore makes of a live file that stays of its kind, if anything. The owner is not compared by
+/// who cannot set it, nor the mode that a restore limits for that.
+std::optional<Difference> difference_for_restore(const Member& live, const Member& wanted,
+                                                 bool owners_count);
+
+/// Why nothing can be restored where the socket `path` is: no snapshot has one, and it is never deleted.
+Error socket_in_the_way(const std::string& path);
+
 /// Turns the changes of `plan` into steps. Adds those that links take.
 void write_steps(DetailedPlan& plan);
 

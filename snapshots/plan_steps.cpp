@@ -10,6 +10,7 @@
 
 #include "snapshots/beneath.h"
 #include "snapshots/database_logs.h"
+#include "snapshots/differences.h"
 #include "snapshots/digest.h"
 #include "snapshots/plan.h"
 #include "snapshots/text.h"
@@ -138,6 +139,23 @@ LiveMember live_log(const std::string& path, const struct stat& status) {
 }
 
 }  // namespace
+
+std::optional<Difference> difference_for_restore(const Member& live, const Member& wanted,
+                                                 bool owners_count) {
+  if (owners_count) return difference_between(live, wanted);
+  Member comparable = wanted;
+  comparable.uid = live.uid;
+  comparable.gid = live.gid;
+  const std::uint32_t group = may_give_to(wanted.gid) ? wanted.gid : live.gid;
+  const bool is_limited = wanted.kind == Kind::file && live.mode == mode_for(wanted, live.uid, group);
+  if (is_limited) comparable.mode = live.mode;
+  return difference_between(live, comparable);
+}
+
+Error socket_in_the_way(const std::string& path) {
+  return {Code::unsafe, 0, printable(path),
+          "a socket is in the place of a file of the snapshot; delete it first"};
+}
 
 Result<std::map<std::string, LiveMember>> find_logs(const std::string& directory,
                                                     const std::map<std::string, PlannedChange>& changes) {

@@ -178,8 +178,7 @@ Error check_live_files(const DetailedPlan& plan, std::vector<Site>& sites) {
     const bool is_same_file = planned.stamp ? *now && is_same(stamp_of(**now), *planned.stamp) : !*now;
     if (is_same_file || (planned.step.what == Step::What::attributes && !planned.stamp)) continue;
     if (*now && S_ISSOCK((*now)->st_mode)) {
-      return {Code::unsafe, 0, site.beneath.shown(planned.step.path),
-              "a socket is in the place of a file of the snapshot; delete it first"};
+      return socket_in_the_way(site.beneath.path() + planned.step.path);
     }
     return changed_meanwhile(site.beneath.shown(planned.step.path));
   }

@@ -26,14 +26,14 @@ constexpr std::size_t kPiece = 128 << 10;
 /// Reads what belongs to one of the two directories.
 class TreeReading {
  public:
-  TreeReading(const TreePart& part, const Limits& limits, const KnownDigests* known,
-              std::map<std::string, LiveMember>& members, std::vector<std::string>* unreadable,
-              OwnDescriptors& own)
+  TreeReading(const TreePart& part, const Limits& limits, const KnownDigests* known, Tree& tree,
+              std::vector<std::string>* unreadable, OwnDescriptors& own)
       : part_(part),
         base_(part.directory),
         limits_(limits),
         known_(known),
-        members_(members),
+        members_(tree.members),
+        sockets_(tree.sockets),
         unreadable_(unreadable),
         own_(own) {}
 
@@ -175,6 +175,7 @@ class TreeReading {
       case S_IFDIR:
         return add_directory(directory, path, name);
       case S_IFSOCK:
+        sockets_.insert(base_ + path);
         return {};  // Neither does tar pack it.
       default:
         return unsafe(path, "this is a device or a FIFO");
@@ -300,6 +301,7 @@ class TreeReading {
   const Limits& limits_;
   const KnownDigests* known_;
   std::map<std::string, LiveMember>& members_;
+  std::set<std::string>& sockets_;
   std::vector<std::string>* unreadable_;
   OwnDescriptors& own_;
   Descriptor root_;
@@ -314,10 +316,10 @@ class TreeReading {
 
 Result<Tree> read(const std::vector<TreePart>& parts, const Limits& limits, const KnownDigests* known,
                   std::vector<std::string>* unreadable) {
-  Tree tree{known != nullptr ? known->moment() : now(), {}};
+  Tree tree{known != nullptr ? known->moment() : now(), {}, {}};
   OwnDescriptors own;
   for (const TreePart& part : parts) {
-    TreeReading reading(part, limits, known, tree.members, unreadable, own);
+    TreeReading reading(part, limits, known, tree, unreadable, own);
     if (Error error = reading.run(); error.code != Code::ok) return error;
   }
   return tree;

@@ -24,6 +24,7 @@ struct LiveMember {
 struct Tree {
   int64 moment = 0;  ///< when its reading began, in nanoseconds since the epoch
   std::map<std::string, LiveMember> members;
+  std::set<std::string> sockets;  ///< that were skipped, where a directory was read
 };
 
 /// What is known of the content of live files without reading them.
