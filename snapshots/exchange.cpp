@@ -280,6 +280,14 @@ Error Exchange::check_directories() {
   return {};
 }
 
+Error Exchange::apply_all() {
+  for (std::size_t number = 0; number < steps_.size(); ++number) {
+    if (Error error = apply(number); error.code != Code::ok) return error;
+  }
+  Error error = check_directories();
+  return error.code == Code::ok ? sync() : error;
+}
+
 Error Exchange::sync() {
   for (std::size_t root = 0; root < touched_.size(); ++root) {
     if (touched_[root].empty()) continue;

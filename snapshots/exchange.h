@@ -48,6 +48,9 @@ class Exchange {
   /// What undone steps have left as it is, because it is somebody's work, and why.
   const std::vector<std::string>& kept() const { return kept_; }
 
+  /// Does all steps, and makes them durable.
+  Error apply_all();
+
   /// Code::changed_meanwhile if a directory in which files were moved, or a destination, is not at its path
   /// any more.
   Error check_directories();

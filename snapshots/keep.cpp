@@ -49,14 +49,23 @@ class Comparing {
   /// False too if one of the two cannot be read, or files are there that a save leaves out: then a save
   /// says so.
   bool equals_live(const Snapshot& snapshot) {
+    if (!has_live_files(snapshot, {})) return false;
+    std::set<std::string> present;
+    for (const auto& [path, live] : (*live_)->members) present.insert(path);
+    return database_remains(present).empty();
+  }
+
+  /// The same without the files that the save has left out: `missing`.
+  bool has_live_files(const Snapshot& snapshot, const std::set<std::string>& missing) {
     const Result<std::optional<Tree>> found = notes_.tree(snapshot);
     if (!found || !*found) return false;
     const Tree& saved = **found;
     if (!live_) live_ = std::make_unique<Result<Tree>>(read_tree_since(saved, conf_full));
-    if (!*live_ || !differences(saved.members, (*live_)->members).empty()) return false;
-    std::set<std::string> present;
-    for (const auto& [path, member] : saved.members) present.insert(path);
-    return database_remains(present).empty();
+    if (!*live_) return false;
+    const Differences differing = differences(saved.members, (*live_)->members);
+    return std::all_of(differing.begin(), differing.end(), [&missing](const Difference& difference) {
+      return missing.count(difference.path) != 0;
+    });
   }
 
  private:
@@ -125,7 +134,7 @@ Result<Kept> keep_configuration(const Snapshot& loading, const Deadline& deadlin
   if (!rows) return not_kept(rows.error());
   Result<std::string> equal = find_equal(*rows, loading, deadline);
   if (!equal) return not_kept(equal.error());
-  if (!equal->empty()) return Kept{std::move(*equal), {}};
+  if (!equal->empty()) return Kept{std::move(*equal), {}, {}};
   SaveOptions options;
   const std::string comment = "before '" + printable(loading.config.name) + "' was loaded";
   if (check_comment(comment).code == Code::ok) options.comment = comment;
@@ -135,7 +144,7 @@ Result<Kept> keep_configuration(const Snapshot& loading, const Deadline& deadlin
   if (!saved) return not_kept(saved.error());
   audit_save({name}, saved);
   std::move(saved->warnings.begin(), saved->warnings.end(), std::back_inserter(warnings));
-  Kept kept{name, left_out(*saved)};
+  Kept kept{name, left_out(*saved), saved->snapshot};
   for (const std::string& path : kept.missing) {
     warnings.push_back(printable(path) + ": the file is not in '" + name + "'");
   }
@@ -154,6 +163,15 @@ Error check_kept(const Kept& kept, const DetailedPlan& plan) {
             "it"};
   }
   return {};
+}
+
+void take_back_kept(const Kept& kept, const Deadline& deadline) {
+  if (!kept.made) return;
+  const std::set<std::string> missing(kept.missing.begin(), kept.missing.end());
+  Result<std::optional<Notes>> notes = Notes::open(deadline.left());
+  if (!notes || !*notes || !Comparing(std::move(**notes)).has_live_files(*kept.made, missing)) return;
+  if (remove_under_lock(*kept.made, deadline).code != Code::ok) return;
+  audit("prune", *kept.made, "ok", {{"reason", "the restore failed"}});
 }
 
 void remove_old_kept(const Snapshot& loading, const std::string& kept_name, const Deadline& deadline,

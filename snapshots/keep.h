@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@ struct DetailedPlan;
 struct Kept {
   std::string name;                  ///< of the snapshot; empty if there is nothing to save
   std::vector<std::string> missing;  ///< absolute paths of live files that are not in it
+  std::optional<Snapshot> made;      ///< the row, unless one was stored that equals
 };
 
 /// Saves the present configuration as a snapshot of type full, unless a stored one equals it. `loading` is
@@ -25,6 +27,10 @@ Result<Kept> keep_configuration(const Snapshot& loading, const Deadline& deadlin
 
 /// Code::incomplete if `plan` replaces or removes a file that `kept` does not hold.
 Error check_kept(const Kept& kept, const DetailedPlan& plan);
+
+/// After the restore has failed: removes the row that keep_configuration() made for it, if any, unless
+/// somebody pinned it, or the live files are not as they are in it.
+void take_back_kept(const Kept& kept, const Deadline& deadline);
 
 /// Removes the snapshots that keep_configuration() made, except the newest five, those that are pinned,
 /// `loading`, and those named `kept`.

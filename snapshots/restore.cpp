@@ -149,7 +149,8 @@ class Restoring {
     Result<Kept> kept = keep_configuration(record_.snapshot, deadline_, restored_.warnings);
     if (!kept) return kept.error();
     restored_.kept = kept->name;
-    return check_kept(*kept, plan_);
+    kept_ = std::move(*kept);
+    return check_kept(kept_, plan_);
   }
 
   /// Nobody packs the files from here on until the exchange is done.
@@ -186,18 +187,17 @@ class Restoring {
     return error;
   }
 
-  /// A restore that fails leaves no more of them than one that does not.
-  void limit_kept() {
-    if (!lock_ || restored_.kept.empty()) return;
+  /// A restore that fails again and again would fill the storage with them. Older ones stay.
+  void take_back_kept() {
     storage_.reset();
-    remove_old_kept(record_.snapshot, restored_.kept, deadline_, restored_.warnings);
+    snapshots::take_back_kept(kept_, deadline_);
   }
 
   /// What fails here is done by the next recovery.
   void abandon() {
     row_.reset();
     storage_.reset();
-    limit_kept();
+    take_back_kept();
     // "prepared" may be durable although writing it failed: a recovery needs the staging directories then.
     if (!record_.steps.empty() && journal_->set_state(State::staging).code != Code::ok) return;
     const std::vector<Step> none;
@@ -209,19 +209,9 @@ class Restoring {
 
   Error exchange() {
     Exchange exchange(sites_, record_.steps);
-    Error error;
-    try {
-      error = apply_all(exchange);
-    } catch (...) {
-      static_cast<void>(undo({}, Foreign::leave));
-      throw;
-    }
-    phases_.end("exchange");
-    if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
-    if (options_.check) return check();
-    error = is_windowed() ? begin_waiting() : journal_->set_state(State::exchanged);
-    if (error.code != Code::ok) return undo_decided(std::move(error), Foreign::leave);
+    if (Error error = exchange_or_undo(exchange); error.code != Code::ok) return error;
     phases_.end("exchanged");
+    if (options_.check) return check();
     if (is_windowed()) return {};
     const Error stamped = storage_->commit();
     finish_storage(*journal_, exchange, storage_, stamped, restored_.warnings);
@@ -229,13 +219,28 @@ class Restoring {
     return {};
   }
 
-  Error apply_all(Exchange& exchange) const {
+  Error exchange_or_undo(Exchange& exchange) {
     const BlockedSignals blocked;  // The end of the process would leave a mixture until a recovery.
-    for (std::size_t number = 0; number < record_.steps.size(); ++number) {
-      if (Error error = exchange.apply(number); error.code != Code::ok) return error;
+    Error error;
+    try {
+      error = exchange.apply_all();
+    } catch (...) {
+      static_cast<void>(undo({}, Foreign::leave));
+      throw;
     }
-    Error error = exchange.check_directories();
-    return error.code == Code::ok ? exchange.sync() : error;
+    phases_.end("exchange");
+    if (error.code != Code::ok) return undo(std::move(error), Foreign::leave);
+    error = write_exchanged();
+    return error.code == Code::ok ? error : undo_decided(std::move(error), Foreign::leave);
+  }
+
+  /// A check decides later.
+  Error write_exchanged() {
+    if (!options_.check) return is_windowed() ? begin_waiting() : journal_->set_state(State::exchanged);
+    Result<CheckOwner> owner = CheckOwner::become(record_.snapshot);
+    if (!owner) return owner.error();
+    check_owner_.emplace(std::move(*owner));
+    return journal_->set_state(State::checking);
   }
 
   Error write_undo(Foreign foreign) {
@@ -247,7 +252,6 @@ class Restoring {
   Error undo_decided(Error why, Foreign foreign) {
     const Error error = why.code == Code::busy ? Error{} : write_undo(foreign);
     if (error.code == Code::ok) return undo(std::move(why), foreign);
-    limit_kept();
     return none_put_back(std::move(why), error, record_.steps, sites_);
   }
 
@@ -262,7 +266,7 @@ class Restoring {
     Error error = refused;
     if (error.code == Code::ok)
       error = take_back(*journal_, record_, sites_, foreign, warnings, unfinished);
-    limit_kept();
+    if (error.code == Code::ok) take_back_kept();
     for (const std::string& warning : warnings) why.text += "; " + warning;
     if (refused.code != Code::ok) return none_put_back(std::move(why), refused, record_.steps, sites_);
     why.aftermath = error.code == Code::ok ? Aftermath::put_back : Aftermath::mixed;
@@ -273,9 +277,6 @@ class Restoring {
   // ---- With a check, a person or a program decides.
 
   Error check() {
-    Result<CheckOwner> owner = CheckOwner::become(record_.snapshot);
-    Error error = owner ? journal_->set_state(State::checking) : owner.error();
-    if (error.code != Code::ok) return undo_decided(std::move(error), Foreign::leave);
     // The check may do what it likes, except another restore.
     journal_.reset();
     storage_.reset();
@@ -284,13 +285,10 @@ class Restoring {
     deadline_ = Deadline(options_.wait);
     Error failure = come_back(is_good);
     if (failure.code == Code::ok && !is_good) failure = check_way_back(sites_, record_.steps);
-    if (failure.code != Code::ok) {
-      limit_kept();
-      return left_live(std::move(failure), is_good);
-    }
+    if (failure.code != Code::ok) return left_live(std::move(failure), is_good);
     if (!is_good) return undo({Code::check_failed, 0, "", "the check failed"}, Foreign::set_aside);
-    error = is_windowed() ? begin_waiting()
-                          : confirm_record(*journal_, record_, sites_, storage_, restored_.warnings);
+    Error error = is_windowed() ? begin_waiting()
+                                : confirm_record(*journal_, record_, sites_, storage_, restored_.warnings);
     storage_.reset();
     return error.code == Code::ok ? error : undo_decided(std::move(error), Foreign::set_aside);
   }
@@ -330,7 +328,9 @@ class Restoring {
   std::vector<Site> sites_;
   std::optional<Journal> journal_;
   std::optional<ExclusiveStorage> storage_;
+  std::optional<CheckOwner> check_owner_;
   Restored restored_;
+  Kept kept_;
 };
 
 Result<Restored> restore_and_log(const Id& id, const RestoreOptions& options) {

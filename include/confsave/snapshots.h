@@ -110,7 +110,7 @@ CONFSAVE_API Result<Verdict> verify(const Id& id, const ReadOptions& options = {
 /// during the save are packed again, and are Code::changed_meanwhile after some attempts. Code::incomplete
 /// if there is nothing to save. Code::ambiguous if another program has stored more than
 /// one snapshot of this name and version: none is replaced. The storage is unchanged after every error,
-/// except that the snapshot may be stored after Aftermath::perhaps_stored.
+/// except that the snapshot may be stored after Aftermath::perhaps_done.
 ///
 /// The comment and the pin are stored with the row: no kill parts them, unless another program has made a
 /// table in which "id" is no integer key. A comment that cannot be stored is only a warning. A pin that
@@ -151,8 +151,9 @@ CONFSAVE_API Result<Saved> save_over(const Snapshot& old, const SaveOptions& opt
 // Restoring
 
 /// What restore() with these options would do. Changes nothing and does not take "confsave.lock"; `keep`,
-/// `expected`, `check`, `confirm_within` and `program` mean nothing. Code::pending while a restore waits
-/// for its check or for confirm(); Code::needs_attention until recover() has seen to an interrupted one.
+/// `expected`, `check`, `confirm_within` and `program` mean nothing: nobody looks for a file that cannot be
+/// kept. Code::pending while a restore waits for its check or for confirm(); Code::needs_attention until
+/// recover() has seen to an interrupted one.
 CONFSAVE_API Result<Plan> plan(const Id& id, const RestoreOptions& options = {});
 
 /// Restores a snapshot, all or nothing: after it has returned, or after a kill or a power cut and one
@@ -166,9 +167,9 @@ CONFSAVE_API Result<Plan> plan(const Id& id, const RestoreOptions& options = {})
 /// group if the process may give it to that.
 ///
 /// The snapshot of the present configuration is named "before-load-YYYY-MM-DD-HH-MM-SS"; the newest five
-/// of that name stay, and pinned ones. A restore that would delete a file that this snapshot cannot hold,
-/// half of a database for example, is refused: Code::incomplete. Without `keep` it is not, no snapshot is
-/// stored, and none removed.
+/// of that name stay, and pinned ones; a restore that fails removes no older one. A restore that would
+/// delete a file that this snapshot cannot hold, half of a database for example, is refused:
+/// Code::incomplete. Without `keep` it is not, no snapshot is stored, and none removed.
 CONFSAVE_API Result<Restored> restore(const Id& id, const RestoreOptions& options = {});
 
 /// Finishes or undoes a restore that was interrupted, and takes back a pending one whose time is up or

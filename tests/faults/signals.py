@@ -96,18 +96,19 @@ def at_random_times(gateway, count, source):
 def in_an_exchange(gateway):
     """A signal ends a restore, or its undo, when all files are of one content, and not before."""
     struck = 0
-    for number in [*SIGNALS, signal.Signals.SIGPIPE]:
-        for call in range(1, 4):
-            trace = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=renameat2",
-                     "-e", f"inject=renameat2:signal={number.name}:when={call}"]
-            status, output = gateway.run("typed-load", "weekly", "no-keep", prefix=trace)
-            require(status in (0, -number), "typed-load ended with", status, output)
-            contents = {found.split(b" ")[0] for found in gateway.configuration().values()}
-            require(contents == {b"old"}, number, "left", contents)
-            struck += status == -number
-            gateway.do("typed-recover")
-            gateway.restore_state()
-            gateway.write_configuration("new", SIZE)
+    calls = [(number, call, error) for number in [*SIGNALS, signal.Signals.SIGPIPE]
+             for call in range(1, 4) for error in ("", "error=EIO:")]
+    for number, call, error in calls:
+        trace = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=renameat2",
+                 "-e", f"inject=renameat2:{error}signal={number.name}:when={call}"]
+        status, output = gateway.run("typed-load", "weekly", "no-keep", prefix=trace)
+        require(status in (1 if error else 0, -number), "typed-load ended with", status, output)
+        contents = {found.split(b" ")[0] for found in gateway.configuration().values()}
+        require(contents == {b"new" if error else b"old"}, number, call, error, "left", contents)
+        struck += status == -number
+        gateway.do("typed-recover")
+        gateway.restore_state()
+        gateway.write_configuration("new", SIZE)
     require(struck > 0, "no signal came in time")
     return struck
 
