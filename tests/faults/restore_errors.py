@@ -128,7 +128,9 @@ def in_restores(restoring, figures, count, full, source):
     require(len(changes) > 30, restoring.scenario.name, "changes too little")
     if not full:
         firsts = {call[3]: call for call in source.sample(calls, len(calls))} if count > 10 else {}
-        changes = source.sample(changes, count - count // 3)
+        # What fails here may be durable all the same.
+        syncs = [call for call in changes if call[0] in ("fsync", "fdatasync") and call[3] == "restore.db"]
+        changes = source.sample(changes, count - count // 3) + (syncs if count > 10 else [])
         reads = [*source.sample(reads, count // 3), *firsts.values()]
     for call, number, is_change, _ in changes + reads:
         errors = CHANGE_ERRORS if is_change else READ_ERRORS
