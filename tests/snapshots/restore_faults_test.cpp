@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sqlite3.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -103,6 +104,64 @@ TEST_F(RestoreFaults, NothingMovesBackWhenTheJournalMaySayThatItStays) {
   }
   EXPECT_EQ(everything(), saved_);
   expect_recovered();
+}
+
+/// The first commit since a file exists fails when it has taken effect, and nothing can be written after
+/// it. A journal that SQLite keeps ends a commit with a header of zeros.
+class LateFailure {
+ public:
+  explicit LateFailure(const std::string& path) {
+    file() = path;
+    has_failed() = false;
+    sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
+    for (const char* call : kCalls) {
+      files->xSetSystemCall(files, call, reinterpret_cast<sqlite3_syscall_ptr>(write_there));
+    }
+  }
+  ~LateFailure() {
+    sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
+    for (const char* call : kCalls) files->xSetSystemCall(files, call, nullptr);
+  }
+  LateFailure(const LateFailure&) = delete;
+  LateFailure& operator=(const LateFailure&) = delete;
+
+ private:
+  static constexpr const char* kCalls[] = {"pwrite", "pwrite64"};
+  static constexpr std::size_t kHeader = 28;
+
+  static std::string& file() {
+    static std::string path;
+    return path;
+  }
+  static bool& has_failed() {
+    static bool failed = false;
+    return failed;
+  }
+  static ssize_t write_there(int descriptor, const void* bytes, std::size_t size, off_t offset) {
+    const bool is_end = offset == 0 && size == kHeader && exists(file());
+    const ssize_t written = has_failed() ? 0 : pwrite(descriptor, bytes, size, offset);
+    has_failed() = has_failed() || is_end;
+    if (!has_failed()) return written;
+    errno = EIO;
+    return -1;
+  }
+};
+
+/// The journal says that the files have changed places, and does not take that they are about to go back.
+TEST_F(RestoreFaults, NothingMovesBackWhenTheJournalSaysThatItStays) {
+  damage();
+  cs::Error error;
+  {
+    const LateFailure failing(config("hub/out"));
+    error = refused(without_keeping());
+  }
+  EXPECT_EQ(error.aftermath, Aftermath::mixed) << shown(error);
+  EXPECT_NE(error.text.find(journal()), std::string::npos) << error.text;
+  EXPECT_EQ(everything(), saved_);
+  const auto recovered = cs::recover();
+  ASSERT_TRUE(recovered) << shown(recovered.error());
+  EXPECT_EQ(recovered->outcome, cs::Recovery::Outcome::finished);
+  EXPECT_EQ(everything(), saved_);
 }
 
 TEST_F(RestoreFaults, ADestinationThatAnotherOneReplacesIsNotRestored) {
