@@ -181,15 +181,25 @@ void print_mixture(const cs::Error& error) {
 
 void print_step(const std::string& step) { std::cerr << (step.empty() ? "" : " " + step + ".") << '\n'; }
 
-constexpr const char* kStepForNotes =
-    "Mend it, or move it away: without this file only comments, pins and manifests are lost";
+/// Nothing can mend a file of a newer version, which is not damaged.
+std::string step_for_notes(const cs::Error& error) {
+  return error.code == cs::Code::newer
+             ? "Use that version, or move it away: without this file only comments, pins and manifests are "
+               "lost"
+             : "Mend it, or move it away: without this file only comments, pins and manifests are lost";
+}
+
+/// The exit statuses that say so are about the storage, and about a snapshot.
+bool has_status_of_another(cs::Code code) {
+  return code == cs::Code::no_storage || code == cs::Code::newer;
+}
 
 int print_report(const cs::Error& error, const std::string& step) {
   print_failure(error);
   print_mixture(error);
   const bool is_of_notes = is_about_notes(error);
-  print_step(is_of_notes ? kStepForNotes : step);
-  return is_of_notes && error.code == cs::Code::no_storage ? kFailed : exit_status(error.code);
+  print_step(is_of_notes ? step_for_notes(error) : step);
+  return is_of_notes && has_status_of_another(error.code) ? kFailed : exit_status(error.code);
 }
 
 }  // namespace
@@ -286,7 +296,7 @@ void warn_of_notes(const cs::Error& error) {
   std::cout.flush();
   std::cerr << "confsave: warning: comments and pins are not known: '" << readable(error.path)
             << "': " << readable(error.text) << '.';
-  print_step(is_about_notes(error) ? kStepForNotes : next_step(error, false));
+  print_step(is_about_notes(error) ? step_for_notes(error) : next_step(error, false));
 }
 
 void print_warnings(const std::vector<std::string>& warnings) {

@@ -34,7 +34,7 @@ MEANWHILE = [
      ["theirs!"]),
     ("confsave delete weekly", ["Yes"], "Yes\r\n", 0, ["mine"]),
     ("confsave pin weekly; cp state/notes.db kept; sqlite3 state/notes.db 'pragma user_version = 9'",
-     ["Yes"], "without this file only comments, pins and manifests are lost.\r\n", 7, ["old!"]),
+     ["Yes"], "without this file only comments, pins and manifests are lost.\r\n", 1, ["old!"]),
 ]
 
 
