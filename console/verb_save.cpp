@@ -8,6 +8,7 @@
 #include "question.h"
 #include "saving.h"
 #include "text.h"
+#include "turns.h"
 #include "verb_functions.h"
 
 namespace console {
@@ -15,12 +16,15 @@ namespace {
 
 using Outcome = cs::Saved::Outcome;
 
-cs::Result<cs::Snapshot> find(const cs::Id& id) {
+cs::Result<cs::Snapshot> find(const cs::Id& id, const Deadline& deadline) {
   cs::Query query;
   query.pattern = id.name;
   query.version = id.version;
   query.corlu_config = true;
-  return cs::find(query);
+  return in_turns(deadline, [&](std::chrono::milliseconds wait) {
+    query.wait = wait;
+    return cs::find(query);
+  });
 }
 
 std::string question(const cs::Snapshot& old) {
@@ -63,12 +67,13 @@ int save(const Options& options) {
   how.comment = options.comment;
   how.overwrite = how.allow_empty = options.force;
   how.if_changed = options.if_changed;
-  auto saved = save_in_time(id, how, options.deadline);
+  Deadline deadline = options.deadline;
+  auto saved = save_in_time(id, how, deadline);
   for (bool is_asked = false; is_taken(saved); is_asked = true) {
-    const auto old = find(id);
+    const auto old = find(id, deadline);
     if (!old && old.error().code != cs::Code::not_found) return report(old.error(), true);
     if (!old) {
-      saved = save_in_time(id, how, options.deadline);
+      saved = save_in_time(id, how, deadline);
       continue;
     }
     if (is_asked) std::cerr << "confsave: " << readable(saved.error().text) << ".\n";
@@ -77,7 +82,9 @@ int save(const Options& options) {
       std::cerr << "confsave: " << (interrupted() ? "interrupted; " : "") << "nothing was stored.\n";
       return kDeclined;
     }
-    saved = save_over_in_time(*old, how, Deadline(options.wait));
+    // The time in which a person thinks does not count.
+    deadline = Deadline(options.wait);
+    saved = save_over_in_time(*old, how, deadline);
   }
   if (!saved) return report_unsaved(saved.error(), true);
   print_warnings(*saved);
