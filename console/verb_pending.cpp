@@ -37,7 +37,7 @@ int revert(const Options& options) {
     // An interrupt ends the waiting.
     static_cast<void>(std::signal(SIGINT, SIG_DFL));
     if (interrupted()) static_cast<void>(std::raise(SIGINT));
-    const auto done = cs::revert(cs::When::when_due);
+    const auto done = cs::revert(cs::When::when_due, {std::chrono::seconds(options.wait)});
     return done ? print_recovery(std::cout, *done) : report_pending(done.error());
   }
   const auto done = revert_in_time(options.if_due ? cs::When::if_due : cs::When::now, options.deadline);
