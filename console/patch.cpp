@@ -14,6 +14,7 @@
 #include <iostream>
 #include <utility>
 
+#include "exit_status.h"
 #include "text.h"
 
 namespace console {
@@ -131,14 +132,14 @@ bool pass_on(int from) {
   return size == 0;
 }
 
-bool print_no_diff(int number) {
+int print_no_diff(int number) {
   std::cout.flush();
   std::cerr << "confsave: diff cannot be run: " << std::strerror(number)
             << ". Install it (Debian: diffutils), or leave out --patch.\n";
-  return false;
+  return kFailed;
 }
 
-bool run_diff(const std::array<std::string, 2>& files, const std::array<std::string, 2>& labels) {
+int run_diff(const std::array<std::string, 2>& files, const std::array<std::string, 2>& labels) {
   std::array<int, 2> pipe_ends{};
   if (pipe2(pipe_ends.data(), O_CLOEXEC) != 0) return print_no_diff(errno);
   const Descriptor reading(pipe_ends[0]);
@@ -160,13 +161,13 @@ bool run_diff(const std::array<std::string, 2>& files, const std::array<std::str
   int status = 0;
   while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
   }
-  if (passed && WIFEXITED(status) && WEXITSTATUS(status) <= 1) return true;
+  if (passed && WIFEXITED(status) && WEXITSTATUS(status) <= 1) return kDone;
   std::cout.flush();
   std::cerr << "confsave: diff failed. Leave out --patch to see which files differ.\n";
-  return false;
+  return kFailed;
 }
 
-bool print_patch(const Sides& sides, const cs::Difference& difference) {
+int print_patch(const Sides& sides, const cs::Difference& difference) {
   Content older;
   Content newer;
   if (difference.change != cs::Change::added) older.read_stored(id_of(sides.older), difference.path);
@@ -176,15 +177,13 @@ bool print_patch(const Sides& sides, const cs::Difference& difference) {
     newer.read_live(difference.path);
   }
   for (const Content* content : {&older, &newer}) {
-    if (content->error().code == cs::Code::ok) continue;
-    report(content->error());
-    return false;
+    if (content->error().code != cs::Code::ok) return report(content->error());
   }
-  if (!older.has_lines() || !newer.has_lines()) return true;
+  if (!older.has_lines() || !newer.has_lines()) return kDone;
   const std::string path = readable(difference.path);
   if (older.is_too_large() || newer.is_too_large()) {
     std::cout << "Large files " << path << " differ\n";
-    return true;
+    return kDone;
   }
   const auto label_of = [&path](const cs::Snapshot& snapshot) { return path + "\t" + label(snapshot); };
   return run_diff({difference.change == cs::Change::added ? "/dev/null" : older.name(),
@@ -194,16 +193,16 @@ bool print_patch(const Sides& sides, const cs::Difference& difference) {
 
 }  // namespace
 
-bool print_patches(const Sides& sides, const cs::Differences& differences) {
+int print_patches(const Sides& sides, const cs::Differences& differences) {
   for (const cs::Difference& difference : differences) {
     if (difference.change == cs::Change::modified && !difference.content) continue;
     if (difference.secret) {
       std::cout << "Key file " << readable(difference.path) << " differs\n";
-    } else if (!print_patch(sides, difference)) {
-      return false;
+    } else if (const int status = print_patch(sides, difference); status != kDone) {
+      return status;
     }
   }
-  return true;
+  return kDone;
 }
 
 }  // namespace console

@@ -13,7 +13,7 @@ struct Sides {
 };
 
 /// Prints what diff -u says about every file whose content differs, never the content of a key file. Prints
-/// the reason and returns false when one cannot be compared.
-bool print_patches(const Sides& sides, const cs::Differences& differences);
+/// the reason when one cannot be compared, and returns the exit status.
+int print_patches(const Sides& sides, const cs::Differences& differences);
 
 }  // namespace console

@@ -70,7 +70,8 @@ int diff(const Options& options) {
     return report_reading(differences.error(), label(sides.older) + or_other);
   }
   print(sides, *differences, options.json);
-  if (options.patch && !print_patches(sides, *differences)) return kFailed;
+  if (options.patch) status = print_patches(sides, *differences);
+  if (status != kDone) return status;
   return differences->empty() ? kDone : kFindings;
 }
 
