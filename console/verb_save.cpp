@@ -57,6 +57,15 @@ void print_as_json(const cs::Saved& saved) {
   print_json(document);
 }
 
+/// It would be lost in silence.
+void warn_of_lost_comment(const cs::Saved& saved, const Options& options) {
+  const bool is_there = options.comment.empty() || options.comment == saved.snapshot.comment;
+  if (saved.outcome != Outcome::unchanged || is_there) return;
+  std::cerr << "confsave: warning: the comment was not stored, as no snapshot was. To give it to the one "
+               "that exists, run 'confsave note "
+            << label(saved.snapshot) << " TEXT'.\n";
+}
+
 }  // namespace
 
 int save(const Options& options) {
@@ -93,6 +102,8 @@ int save(const Options& options) {
   } else {
     print_if_unchanged(*saved);
   }
+  std::cout.flush();
+  warn_of_lost_comment(*saved, options);
   return kDone;
 }
 
