@@ -10,9 +10,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <vector>
 
 #include "snapshots/access.h"
+#include "snapshots/blocked_signals.h"
 #include "snapshots/deadline.h"
 #include "snapshots/descriptor.h"
 #include "snapshots/system_error.h"
@@ -142,6 +144,21 @@ Words in_scope(const Words& waiter, const Window& window) {
   return words;
 }
 
+/// Writes a byte without the SIGPIPE that could end the host, whose signals stay as they are.
+void write_byte(const Descriptor& pipe) {
+  const BlockedSignals blocked;
+  sigset_t broken_pipe;
+  sigemptyset(&broken_pipe);
+  sigaddset(&broken_pipe, SIGPIPE);
+  sigset_t waiting;
+  sigpending(&waiting);
+  const bool is_of_another = sigismember(&waiting, SIGPIPE) == 1;
+  if (write(pipe.get(), ".", 1) == 1 || is_of_another) return;
+  const timespec no_time = {};
+  while (sigtimedwait(&broken_pipe, nullptr, &no_time) == -1 && errno == EINTR) {
+  }
+}
+
 }  // namespace
 
 void say_ready() {
@@ -150,8 +167,7 @@ void say_ready() {
   unsetenv(kReadyVariable);
   const Descriptor report(kReport);
   // Who has started this has given up if nobody reads it.
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-  if (write(report.get(), ".", 1) != 1) errno = 0;
+  write_byte(report);
 }
 
 Error start_waiter(const std::string& program, const Window& window) {

@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <future>
@@ -109,6 +112,31 @@ TEST_F(PendingTest, WhoWaitsIsStartedWithoutHandlersInAChild) {
   munmap(seen_in_children, sizeof(int));
   seen_in_children = nullptr;
   EXPECT_EQ(reverted().outcome, Outcome::reverted);
+}
+
+/// Whether a process that is its own waiter, and whose host has given up, goes on with SIGPIPE as it was.
+bool leaves_sigpipe_alone(void (*handler)(int)) {
+  const pid_t process = fork();
+  if (process == 0) {
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0 || dup2(ends[1], 3) != 3) _exit(2);
+    for (const int end : ends) {
+      if (end != 3) close(end);
+    }
+    static_cast<void>(std::signal(SIGPIPE, handler));
+    setenv("CONFSAVE_READY", "3", 1);
+    cs::say_ready();
+    const bool is_closed = fcntl(3, F_GETFD) == -1;
+    _exit(is_closed && std::signal(SIGPIPE, SIG_DFL) == handler ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(process, &status, 0);
+  return status == 0;
+}
+
+TEST_F(PendingTest, WhoWaitsKeepsTheSignalsOfTheHost) {
+  EXPECT_TRUE(leaves_sigpipe_alone(SIG_DFL));
+  EXPECT_TRUE(leaves_sigpipe_alone(SIG_IGN));
 }
 
 /// clearenv(3) leaves no list of variables.
