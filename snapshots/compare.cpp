@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "places.h"
+#include "snapshots/beneath.h"
 #include "snapshots/boundary.h"
 #include "snapshots/differences.h"
 #include "snapshots/notes.h"
@@ -57,6 +58,9 @@ Result<Differences> compare_live(const Id& older, const Deadline& deadline) {
   Result<OpenRow> row = open_row(older, deadline);
   if (!row) return row.error();
   const EachMember ignore = [](const Member&) {};
+  // Every file would seem to be removed.
+  const Result<Beneath> directory = Beneath::open(config_directory());
+  if (!directory) return directory.error();
   // The archives say the same, and take longer.
   const Result<std::optional<Tree>> saved = find_tree(row->snapshot, deadline);
   return saved && *saved ? compare_with_live(**saved, row->snapshot.config.type, ignore)

@@ -94,7 +94,8 @@ CONFSAVE_API Result<Members> members(const Id& id, const ReadOptions& options = 
 
 /// What differs, in the order of paths. A hard link counts as the file that it is. Against the live
 /// configuration, the files are those that belong to the type of the snapshot; with the manifest of the
-/// snapshot neither its archives are read, nor files that provably did not change since it was saved.
+/// snapshot neither its archives are read, nor files that provably did not change since it was saved. A
+/// configuration directory that is missing is an error: not every file was removed.
 CONFSAVE_API Result<Differences> compare(const Id& older, Live newer, const ReadOptions& options = {});
 CONFSAVE_API Result<Differences> compare(const Id& older, const Id& newer, const ReadOptions& options = {});
 

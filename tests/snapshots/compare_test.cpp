@@ -61,6 +61,13 @@ TEST_F(Compare, NothingChanged) {
   EXPECT_EQ(lines(compare({"weekly"}, Id{"weekly"})), Texts());
 }
 
+/// Not every file was removed: its file system may not be mounted.
+TEST_F(Compare, AMissingConfigurationDirectory) {
+  in_config("mv ../config ../away");
+  EXPECT_EQ(since(), Texts{config_dir() + ": No such file or directory"});
+  EXPECT_EQ(since("nosuch"), Texts{": there is no snapshot 'nosuch'"});
+}
+
 TEST_F(Compare, EachChangeHasItsMark) {
   const struct {
     const char* command;
