@@ -197,18 +197,22 @@ cs::Result<cs::Restored> restore(const cs::Id& id, cs::RestoreOptions how, const
     return cs::restore(id, how);
   };
   if (options.check.empty()) return in_turns(options.deadline, attempt);
-  how.check = [&line, &options] {
+  bool was_checked = false;
+  how.check = [&] {
     line.end();
+    was_checked = true;
+    // The library waits for the lock once more, and not in turns: a good restore must not fail for that.
+    how.wait = std::chrono::seconds(options.wait);
     return run_check(options.check);
   };
-  // Here whatever ends the session still ends the process: the lock is waited for before it is caught.
+  // Here whatever ends the session still ends the process.
   const auto ready = recover_in_time(options.deadline);
   if (!ready) return ready.error();
   print_recovery(std::cerr, *ready);
   // It must not end the process before the restore is taken back.
   const TerminationCatcher catcher;
-  // The library waits as long again for the lock after the check: a good restore must not fail for that.
-  return attempt(std::chrono::seconds(options.wait));
+  // No check runs twice.
+  return in_turns(options.deadline, attempt, [&was_checked] { return was_checked; });
 }
 
 int print_restored(const cs::Restored& restored, const Options& options, bool was_shown) {
