@@ -150,7 +150,7 @@ TEST_F(LockTest, ACommandOfAKilledHolderKeepsIt) {
 
 TEST_F(LockTest, ReleasedInOrderItIsFreeWhateverInheritedIt) {
   std::optional<Lock> lock;
-  lock.emplace(std::move(*take()));
+  lock.emplace(*take());
   const pid_t command = start_sleep();
   EXPECT_EQ(failure().code, Code::busy);
   lock.reset();

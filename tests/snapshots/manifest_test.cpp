@@ -75,7 +75,7 @@ class ManifestTest : public Gateway {
 
   std::string layout() const { return test::Database(notes_file()).value("pragma user_version"); }
 
-  static Notes writable() { return std::move(*Notes::open_to_write(milliseconds(1000))); }
+  static Notes writable() { return *Notes::open_to_write(milliseconds(1000)); }
 
   static std::optional<Manifest> stored(const std::string& name = "weekly") {
     auto notes = Notes::open(milliseconds(1000));
