@@ -282,7 +282,7 @@ class Restoring {
     storage_.reset();
     lock_.reset();
     const bool is_good = run_check();
-    deadline_ = Deadline(options_.wait);
+    deadline_ = Deadline(options_.wait);  // The check may have set it.
     Error failure = come_back(is_good);
     if (failure.code == Code::ok && !is_good) failure = check_way_back(sites_, record_.steps);
     if (failure.code != Code::ok) return left_live(std::move(failure), is_good);
